@@ -1,0 +1,14 @@
+# Warnings and sanitizers shared by every target of the tree.
+
+add_library(pkgdist_warnings INTERFACE)
+target_compile_options(pkgdist_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${PKGDIST_WERROR}>:-Werror>)
+
+if(PKGDIST_SANITIZE)
+  add_compile_options(-fsanitize=${PKGDIST_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${PKGDIST_SANITIZE})
+  if(PKGDIST_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
