@@ -1,5 +1,6 @@
 /* What the installer process brings for every library in it: debug switches, the lock of the
- * statistics, and two file-system helpers. A process that defines these symbols itself uses its own.
+ * statistics, and two file-system helpers. A process that defines these symbols itself uses its
+ * own.
  */
 #ifndef PLATFORM_INST_COMMON_H
 #define PLATFORM_INST_COMMON_H
@@ -23,11 +24,12 @@ extern int32_t g_inst_common_debug_prefix;
 extern pthread_mutex_t atomic_mutex;
 
 /* Creates the missing directories of `path` (everything before its last slash) with mode 0777 under
- * the process umask. Returns 0, or -1 with errno set; directories that exist are no error, also when
- * another thread makes them at the same time. */
+ * the process umask. Returns 0, or -1 with errno set; directories that exist are no error, also
+ * when another thread makes them at the same time. ENOTDIR when a component is no directory. */
 int instcomm_create_filepath_dirs(const char* path);
 
-/* Makes `link_path` a symbolic link to `target`. Returns 0, or -1 with errno set. */
+/* Makes `link_path` a symbolic link to `target`. Returns 0, or -1 with errno set
+ * (EEXIST: something stands there already; it is left alone). */
 int inst_symlink(const char* target, const char* link_path);
 
 #ifdef __cplusplus

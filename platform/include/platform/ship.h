@@ -1,5 +1,6 @@
 /* Statistics registry: value blocks live in one shared-memory object per process, so that a reader
- * outside the process sees the counts while it runs and after it died.
+ * outside the process sees the counts while it runs and after it died. ship_layout.h describes the
+ * object for readers.
  *
  * Layout of a value block, by kind (all words 32-bit unless said otherwise, host byte order):
  *   kinds 0 and 1, counters:   one 20-byte record per entry; its first word is the count.
@@ -31,11 +32,16 @@ typedef struct ship_entry {
 } ship_entry;
 
 /* Registers `count` entries as table `table` of `application` for the process named `process` and
- * stores the address of the zeroed value block in *handle. `parameter` points to a 32-bit value kept
- * with the table for readers. The strings and entries are copied. Registering a table again gives
- * the same block with its values. A watermark whose entry word is 1 starts as a high watermark.
- * Returns 0, or an error number (EINVAL, ENOMEM, ENOSPC, or that of shm_open/ftruncate/mmap) with
- * *handle set to NULL. Any thread. */
+ * stores the address of the zeroed value block in *handle. `parameter` points to a 32-bit value
+ * kept with the table for readers. The strings and entries are copied. Registering a table again
+ * gives the same block with its values; a table is known by application, table and process. A
+ * watermark whose entry word is 1 starts as a high watermark. The block is aligned to 8 bytes and
+ * stays where it is for the life of the process. After a fork the child's registrations go into an
+ * object of its own. Returns 0, or an error number with *handle set to NULL: EINVAL (a null
+ * argument, no entries, an unknown kind, an application or table name that is empty or above 31
+ * characters, or a table that was registered before with another kind or count), ENOSPC (no room
+ * for more tables, or none in the shared-memory file system), or that of shm_open/ftruncate/mmap. A
+ * process name above 63 characters is cut. Any thread. */
 int ship_register(const char* application, const char* table, const char* process, uint32_t kind,
                   const uint32_t* parameter, ship_entry* entries, uint32_t count, void** handle);
 
