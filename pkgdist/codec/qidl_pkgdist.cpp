@@ -1,9 +1,9 @@
 // The codec operations of the wire structures. They are shipped in the platform library, which is
 // where the receive library and the lead look for them and where another platform puts its own.
+#include <cstdlib>
+
 #include "pkgdist/wire_codec.h"
 #include "pkgdist/wire_fields.hpp"
-
-#include <cstdlib>
 
 extern "C" const qidl_allocator qidl_system_allocator = {
     .allocate = [](size_t size, void*) { return std::malloc(size); },

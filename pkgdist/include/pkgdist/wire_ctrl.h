@@ -1,9 +1,9 @@
 /* Control channel: what travels between the lead and the nodes beside the files.
  *
  * A datagram is a 4-byte big-endian length of the encoded header, the encoded pkgdist_ctrl_msg_hdr
- * and, for PKGDIST_CTRL_MSG_CTRL only, the encoded pkgdist_ctrl_msg that fills the rest. Every field
- * is optional on the wire: bit n of `presence` says whether the n-th field (counted from 0, in the
- * order declared here) travels. Addresses are IPv4 in host byte order.
+ * and, for PKGDIST_CTRL_MSG_CTRL only, the encoded pkgdist_ctrl_msg that fills the rest. Every
+ * field is optional on the wire: bit n of `presence` says whether the n-th field (counted from 0,
+ * in the order declared here) travels. Addresses are IPv4 in host byte order.
  */
 #ifndef PKGDIST_WIRE_CTRL_H
 #define PKGDIST_WIRE_CTRL_H

@@ -11,11 +11,10 @@ namespace qidl {
 template <>
 struct description<pkgdist_ctrl_msg_hdr> {
   using M = pkgdist_ctrl_msg_hdr;
-  static constexpr auto fields =
-      std::tuple{field(&M::msg_id),  field(&M::node_ip),    field(&M::pid),
-                 field(&M::sequence), field(&M::card_class), field(&M::segment),
-                 field(&M::unicast), field(&M::status),     field(&M::node_id),
-                 field(&M::ack_sequence)};
+  static constexpr auto fields = std::tuple{
+      field(&M::msg_id),     field(&M::node_ip),     field(&M::pid),     field(&M::sequence),
+      field(&M::card_class), field(&M::segment),     field(&M::unicast), field(&M::status),
+      field(&M::node_id),    field(&M::ack_sequence)};
 };
 
 template <>
@@ -43,8 +42,7 @@ struct description<pkgdist_data_send_req> {
 template <>
 struct description<struct pkgdist_data_send_req_single> {
   using M = struct pkgdist_data_send_req_single;
-  static constexpr auto fields =
-      std::tuple{field(&M::file_id), field(&M::segment), field(&M::num)};
+  static constexpr auto fields = std::tuple{field(&M::file_id), field(&M::segment), field(&M::num)};
 };
 
 template <>
@@ -58,8 +56,9 @@ template <>
 struct description<pkgdist_data_send_file_info> {
   using M = pkgdist_data_send_file_info;
   static constexpr auto fields =
-      std::tuple{field(&M::file_id), field(&M::name),    field(&M::size),
-                 field(&M::segment_size), field(&M::status), field(&M::mode),
+      std::tuple{field(&M::file_id), field(&M::name),
+                 field(&M::size),    field(&M::segment_size),
+                 field(&M::status),  field(&M::mode),
                  field(&M::mtime),   field(&M::node_list, &M::node_list_count),
                  field(&M::symlink), field(&M::location)};
 };
@@ -75,16 +74,16 @@ template <>
 struct description<pkgdist_data_send_miss_done> {
   using M = pkgdist_data_send_miss_done;
   static constexpr auto fields =
-      std::tuple{field(&M::file_id), field(&M::name),
-                 field(&M::node_list, &M::node_list_count), field(&M::location)};
+      std::tuple{field(&M::file_id), field(&M::name), field(&M::node_list, &M::node_list_count),
+                 field(&M::location)};
 };
 
 template <>
 struct description<pkgdist_file_send_ctrl> {
   using M = pkgdist_file_send_ctrl;
   static constexpr auto fields =
-      std::tuple{field(&M::operation), field(&M::xact_id), field(&M::type), field(&M::location),
-                 field(&M::priority),  field(&M::names, &M::names_count)};
+      std::tuple{field(&M::operation), field(&M::xact_id),  field(&M::type),
+                 field(&M::location),  field(&M::priority), field(&M::names, &M::names_count)};
 };
 
 }  // namespace qidl

@@ -1,0 +1,221 @@
+/* pkgdist receive library: what a process calls to take part in package distribution.
+ *
+ * One node, the lead, multicasts files and control messages. Every other node runs a process that
+ * loads this library and calls it to receive what the lead pushes, to ask the lead for files, and
+ * to exchange reliable messages with it.
+ *
+ * Order of calls
+ *   1. instcomm_pkgdist_ctrl_recv_init            once, first
+ *   2. instcomm_pkgdist_ctrl_recv_set_nodeid      before traffic is expected
+ *   3. the attach and register calls              for the results you want
+ *   4. instcomm_pkgdist_data_recv_init            once
+ *   5. instcomm_pkgdist_set_recv_repository       once per storage location
+ *   6. instcomm_pkgdist_get_file and the rest     at any time after
+ * Nothing is torn down: the library lives until the process ends.
+ *
+ * Threads and callbacks
+ *   The functions may be called from any thread. The library has threads of its own and never calls
+ *   you from them: every result is queued, and the callback runs in levm_run() or levm_run_once()
+ * of the event loop that you gave with the request, on the thread that runs that loop. No lock of
+ * the library is held meanwhile, so a callback may call any function here, also one that detaches
+ * the handler it was called for. Strings, lists and message bytes handed to a callback belong to
+ * the library and are gone when it returns: copy what you keep. A call that returns an error never
+ *   calls back, with the one exception named at instcomm_pkgdist_get_file. Between callbacks of
+ *   different kinds no order is promised.
+ *
+ * Values
+ *   Addresses are IPv4 and ports 16-bit numbers, both in host byte order (192.0.2.1 is 0xC0000201).
+ *   Every function returns a PkgdistStatus, 0 for success, unless it says otherwise; the values are
+ *   in pkgdist/status.h.
+ *
+ * Trust
+ *   The protocol has no authentication: any host that can send to the groups can act as the lead.
+ *   Names from the network are confined to the storage locations.
+ */
+#ifndef PKGDIST_PKGDIST_RECV_H
+#define PKGDIST_PKGDIST_RECV_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "pkgdist/status.h"
+#include "platform/levm.h"
+#include "platform/nodeid.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Final status of a message sent to the lead: 0 when the lead acknowledged it. */
+typedef void (*pkgdist_ctrl_status_cb)(uint64_t status, void* ctx);
+
+/* A complete control message from the lead: `size` bytes, in the order and the number that the lead
+ * sent them on one stream, each at most once. */
+typedef void (*pkgdist_ctrl_msg_cb)(const void* bytes, uint64_t size, void* ctx);
+
+/* The lead at address `lead`, process `pid`. `failover`: it took over from another lead. */
+typedef void (*pkgdist_ctrl_lead_change_cb)(uint32_t lead, uint32_t pid, bool failover, void* ctx);
+
+/* The outcome of one file: `status` 0 when it stands complete under its final name (or already
+ * did). `type` is the file's type, PKGDIST_FILE_TYPE_SYMLINK once it turned out to be a link. */
+typedef void (*pkgdist_data_file_cb)(uint64_t status, const char* path, uint32_t type,
+                                     uint32_t location, uint32_t xact_id, void* ctx);
+
+/* The lead began to push `count` files under one transaction identifier of its own. A list that the
+ * lead splits is reported in several calls. */
+typedef void (*pkgdist_data_xact_start_cb)(uint64_t status, const char* const* paths,
+                                           uint32_t count, uint32_t type, uint32_t location,
+                                           uint32_t xact_id, void* ctx);
+
+/* No file of the lead's transaction is left to receive. `status` is that of its last file. */
+typedef void (*pkgdist_data_xact_done_cb)(uint64_t status, uint32_t xact_id, void* ctx);
+
+/* --- Control side --------------------------------------------------------------------------- */
+
+/* Starts the control side: opens traces and statistics, the sockets and the receive thread.
+ *
+ *   mc_addr, mc_port     multicast group and port of the lead's control messages
+ *   lead_port            the lead's own unicast control port: where this node sends to
+ *   recv_port            this node's unicast control port: where the lead sends to it
+ *   card_class           class of this node's card, compared with the class of each message
+ *   node_ip              this node's own address; also selects the multicast interface
+ *   trace_configuration  handed to the trace library
+ *
+ * Blocks up to 100 seconds while the group cannot be joined on the interface (at boot it may have
+ * no address yet). Returns 0 or PKGDIST_ERR_SYSTEM; what was already opened then stays open. May be
+ * called again: the sockets are made anew, a running thread goes on with them. */
+PkgdistStatus instcomm_pkgdist_ctrl_recv_init(uint32_t mc_addr, uint16_t mc_port,
+                                              uint16_t lead_port, uint16_t recv_port,
+                                              uint32_t card_class, uint32_t node_ip,
+                                              uint64_t trace_configuration);
+
+/* Tells the library this node's identity, which travels in its control messages. The object stays
+ * the caller's and must outlive the library's use; NULL is the identity 0. Always returns 0. */
+PkgdistStatus instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_handle_t nodeid);
+
+/* Sends `size` bytes (1 to 4294967295) to the current lead and repeats them until the lead has
+ * acknowledged them or the retry limit is reached. The bytes are copied.
+ *
+ *   msg_class  1 to 5
+ *   cb_func    gets the final status on `levm`: 0 when acknowledged, PKGDIST_ERR_TIMEOUT when given
+ *              up, or the status of a failed retransmission. May be NULL; then `levm` may be too.
+ *
+ * Returns 0 when the first transmission left, and the callback will come; or PKGDIST_ERR_INVALID
+ * (no data, size 0 or too large, class, callback without loop), PKGDIST_ERR_NOMEM,
+ * PKGDIST_ERR_SYSTEM, PKGDIST_ERR_ENCODE or PKGDIST_ERR_SEND without a callback to come. */
+PkgdistStatus instcomm_pkgdist_ctrl_send_lead_msg(const void* data, size_t size, uint32_t msg_class,
+                                                  levm_handle_t levm,
+                                                  pkgdist_ctrl_status_cb cb_func, void* ctx);
+
+/* Attaches `handler` for the lead's control messages of `msg_class` (2 to 5), or detaches the class
+ * when it is NULL. Messages of a class without handler are acknowledged and dropped.
+ *
+ * Attaching a class again replaces handler and ctx, but the delivery stays with the event loop of
+ * the first attach, and each repeat without a detach holds the loop's channel once more: detach
+ * first. Detaching a class that is not attached is no error. Messages that were queued and not
+ * delivered when the class is detached are dropped.
+ *
+ * Returns 0, PKGDIST_ERR_INVALID (NULL loop, class), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM. */
+PkgdistStatus instcomm_pkgdist_ctrl_mc_hdlr_attach(levm_handle_t levm, uint32_t msg_class,
+                                                   pkgdist_ctrl_msg_cb handler, void* ctx);
+
+/* Registers the one lead-change callback of the process, or removes it when `cb_func` is NULL.
+ *
+ * It is called when a first lead is heard, when the lead's process changes, and with `failover`
+ * true when another address took over after the old lead's silence. When a lead is known already,
+ * the registration itself reports it once. A registration replaces an earlier one as an attach
+ * does.
+ *
+ * Returns 0, PKGDIST_ERR_INVALID (NULL loop), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM. */
+PkgdistStatus instcomm_pkgdist_ctrl_register_lead_change(levm_handle_t levm,
+                                                         pkgdist_ctrl_lead_change_cb cb_func,
+                                                         void* ctx);
+
+/* --- Data side ------------------------------------------------------------------------------ */
+
+/* Starts the data side: registers its statistics and opens the request socket. The threads that
+ * receive files start with the first file and end when none is left.
+ *
+ *   mc_addr, mc_port  multicast group and port of the lead's data stream
+ *   req_port          port of the lead for file requests, repair requests and reports
+ *
+ * Returns 0 or PKGDIST_ERR_SYSTEM. */
+PkgdistStatus instcomm_pkgdist_data_recv_init(uint32_t mc_addr, uint16_t mc_port,
+                                              uint16_t req_port);
+
+/* Sets storage location `location` (1 to 6): where files that name this location are written.
+ *
+ *   path    a prefix of up to 127 characters that is put before every file name as it is: end a
+ *           directory with '/'. For a memory location the prefix of shared-memory object names,
+ *           which begins with '/' and has no other: "/pkg-".
+ *   memory  true: files become POSIX shared-memory objects; false: files on disk
+ *
+ * Set locations before files are asked for. A prefix and name of together more than 255 characters
+ * (251 on disk, where ".tmp" is added while the file is incomplete) are cut.
+ * Returns 0 or PKGDIST_ERR_INVALID (NULL or too long path, location) with nothing changed. */
+PkgdistStatus instcomm_pkgdist_set_recv_repository(const char* path, uint32_t location,
+                                                   bool memory);
+
+/* A new transaction identifier for instcomm_pkgdist_get_file; never 0. */
+uint32_t instcomm_pkgdist_get_receive_xact_id(void);
+
+/* Attaches the handler for the outcome of each file that the lead pushes. Attaching again replaces
+ * handler and ctx under the rules of instcomm_pkgdist_ctrl_mc_hdlr_attach; a NULL handler stays
+ * attached and calls nobody. When attaching fails, an earlier attachment is gone too.
+ *
+ * Returns 0, PKGDIST_ERR_INVALID (NULL loop), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM. */
+PkgdistStatus instcomm_pkgdist_data_file_hdlr_attach(levm_handle_t levm,
+                                                     pkgdist_data_file_cb handler, void* ctx);
+
+/* The same for the start of each pushed transaction. */
+PkgdistStatus instcomm_pkgdist_data_file_xact_start_hdlr_attach(levm_handle_t levm,
+                                                                pkgdist_data_xact_start_cb handler,
+                                                                void* ctx);
+
+/* The same for the end of each pushed transaction. */
+PkgdistStatus instcomm_pkgdist_data_file_xact_done_hdlr_attach(levm_handle_t levm,
+                                                               pkgdist_data_xact_done_cb handler,
+                                                               void* ctx);
+
+/* Asks the lead for a file.
+ *
+ *   path      name relative to the storage location; a name with a ".." component is refused
+ *   type      1 to 11; PKGDIST_FILE_TYPE_ALWAYS (6) transfers the file even when one of the same
+ *             size and modification time is present, any other type then succeeds at once
+ *   location  storage location, 1 to 6
+ *   priority  1 (most urgent) to 4
+ *   xact_id   from instcomm_pkgdist_get_receive_xact_id; names the request in the callback and in a
+ *             cancel
+ *   callback  gets the outcome once, on `levm`. May be NULL; then `levm` may be too.
+ *
+ * A file that is being received already is not requested again: the outcome goes to every request.
+ * A request that the lead does not answer is repeated, and after the retry limit the outcome is the
+ * status of ETIMEDOUT.
+ *
+ * Returns 0; PKGDIST_ERR_INVALID (an argument), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM (a thread
+ * or socket), and then no callback comes. PKGDIST_ERR_SEND, PKGDIST_ERR_ENCODE or PKGDIST_ERR_NOMEM
+ * can also come from the first transmission of the request: then the file stays requested, is asked
+ * for again, and the callback does come. Cancel the transaction to be sure that nothing is left. */
+PkgdistStatus instcomm_pkgdist_get_file(const char* path, uint32_t type, uint32_t location,
+                                        uint32_t priority, uint32_t xact_id, levm_handle_t levm,
+                                        pkgdist_data_file_cb callback, void* ctx);
+
+/* Withdraws a request. Its callback is called with PKGDIST_STATUS_CANCELLED; when nobody else wants
+ * the file, its reception ends and the lead is told.
+ *
+ * HAZARD: when the file is wanted by further transactions (another instcomm_pkgdist_get_file of the
+ * same file, or a push of the lead), this call returns with the library's file database locked for
+ * good: no file is received, requested or cancelled in this process any more, and the next call
+ * that needs the database blocks. Cancel only files that you asked for under one transaction and
+ * that the lead is not pushing.
+ *
+ * Returns 0, PKGDIST_ERR_INVALID (identifier 0), PKGDIST_ERR_NOT_FOUND (no file waits under this
+ * identifier, for example because it has just ended), or the status of telling the lead. */
+PkgdistStatus instcomm_pkgdist_get_file_cancel(uint32_t xact_id);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

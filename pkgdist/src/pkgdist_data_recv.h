@@ -1,0 +1,73 @@
+// Data side: start-up, storage locations, and the state that its modules share.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "pkgdist/pkgdist_recv.h"
+
+// Time-outs and sizes of the data side. The first five are stretched on a simulated platform.
+struct DataTimeouts {
+  uint64_t receive_wait;       // MICROseconds that DATA_RX waits for a datagram
+  uint64_t timer_period;       // nanoseconds, as all below: between two time-out passes
+  uint64_t file_info_timeout;  // for a file info after a request
+  uint64_t segment_timeout;    // for missing segments after a repair request, and for the tail
+  uint64_t not_done_timeout;   // of silence of the whole stream while a file is incomplete
+  uint64_t stat_age;           // after which a finished file is forgotten
+  uint32_t max_retries;        // consecutive time-outs before a file is given up
+  uint32_t receive_buffer;     // SO_RCVBUF of the data socket, bytes
+};
+
+inline constexpr size_t kLocations = 6;
+inline constexpr size_t kRepositoryPathBytes = 128;
+inline constexpr size_t kFilePathBytes = 256;
+
+extern "C" {
+extern uint32_t G_data_tx_mc_addr;  // data multicast group
+extern uint16_t G_data_tx_mc_port;
+extern uint16_t G_data_req_uc_port;  // the lead's request port
+extern int G_data_req_socket;        // -1 when closed
+extern DataTimeouts G_data_rto;
+extern char G_data_recv_repository[kLocations][kRepositoryPathBytes];  // [location - 1]
+extern uint8_t G_data_recv_memory[kLocations];
+}
+
+// Opens the socket that requests and reports to the lead leave from.
+PkgdistStatus pkgdist_data_recv_req_init();
+
+namespace pkgdist {
+
+constexpr bool is_location(uint32_t location) {
+  return location >= 1 && location <= kLocations;
+}
+
+// Whether the name stays below its storage location: no component of it is "..".
+bool is_confined(const char* name);
+
+// Whether files of this location are shared-memory objects. False for no location.
+bool is_memory_location(uint32_t location);
+
+// Appended to the name of a disk file that is not complete.
+inline constexpr char kPartialSuffix[] = ".tmp";
+
+// The one way from a location and a name to a path: the location's prefix, the name and a suffix,
+// cut to 255 characters. A name that is not confined, or a location that does not exist, gives the
+// empty path, which no file-system call accepts.
+class FilePath {
+ public:
+  FilePath(uint32_t location, const char* name, const char* suffix = "");
+  const char* c_str() const { return text_; }
+
+ private:
+  char text_[kFilePathBytes];
+};
+
+// Deletes the partial file or the shared-memory object of a file that will not be completed.
+void delete_partial(uint32_t location, const char* name, bool memory);
+
+// now - stamp, and 0 for a stamp that was set after `now` was taken.
+constexpr uint64_t elapsed(uint64_t now, uint64_t stamp) {
+  return now > stamp ? now - stamp : 0;
+}
+
+}  // namespace pkgdist

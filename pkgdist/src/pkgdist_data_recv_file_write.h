@@ -1,0 +1,18 @@
+// Opening and writing the destination of a file that is being received. Receive lock held.
+#pragma once
+
+#include <cstdint>
+
+#include "pkgdist_data_recv_file_db.h"
+
+// Writes `length` bytes at `offset` of the partial file, trying again after a failure.
+PkgdistStatus pkgdist_file_write_data(pkgdist_file_recv_entry& entry, uint32_t offset,
+                                      uint32_t length, const uint8_t* data);
+
+namespace pkgdist {
+
+// Creates the partial file or the shared-memory object. On failure nothing is mapped; an object
+// that was created stays open, so that releasing the entry deletes it.
+PkgdistStatus open_destination(pkgdist_file_recv_entry& entry);
+
+}  // namespace pkgdist

@@ -1,0 +1,163 @@
+// DATA_RX.
+//
+// It does nothing but drain the socket: one recvfrom, one copy, one enqueue per datagram. It exists
+// while files are being received. Its stop is a flag that a new file may withdraw until the thread
+// has confirmed it under the mutex.
+//
+// On its way out it also asks DATA_FILE to end, because a last queued datagram may have started
+// that thread again with nothing left to receive. Between its own end and that request a new file
+// may have started both threads afresh; then DATA_FILE is left alone.
+#include "pkgdist_data_recv_rx_thread.h"
+
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "pkgdist_atomic.h"
+#include "pkgdist_ctrl_recv.h"
+#include "pkgdist_data_recv.h"
+#include "pkgdist_data_recv_file_thread.h"
+#include "pkgdist_export.h"
+#include "pkgdist_lock.h"
+#include "pkgdist_log.h"
+#include "pkgdist_socket.h"
+#include "pkgdist_stats.h"
+#include "pkgdist_thread.h"
+
+extern "C" {
+PKGDIST_EXPORT int G_data_rx_socket = -1;
+PKGDIST_EXPORT uint8_t G_data_rx_buffer[kDataPacketMax] = {};
+PKGDIST_EXPORT pthread_mutex_t G_data_rx_mutex = PTHREAD_MUTEX_INITIALIZER;
+PKGDIST_EXPORT bool G_data_rx_thread_running = false;
+PKGDIST_EXPORT bool G_data_rx_exit_thread = false;
+}
+
+using namespace pkgdist;
+
+namespace {
+
+constexpr char kThread[] = "pkgdist_data_rx_thread";
+constexpr int kSocketPriority = 4;
+
+// Waits for a datagram. As select(): negative on failure, 0 on time-out.
+int wait_readable(int socket) {
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(socket, &readable);
+  timeval wait = timeval_of(G_data_rto.receive_wait);
+  return select(socket + 1, &readable, nullptr, nullptr, &wait);
+}
+
+// Receives one datagram and queues it. False when the receive failed.
+bool receive_one(int socket) {
+  const Stopwatch time(DrtHistogram::kMcRxTime);
+  const ssize_t length =
+      recvfrom(socket, G_data_rx_buffer, sizeof G_data_rx_buffer, 0, nullptr, nullptr);
+  if (length <= 0) {
+    PKGDIST_ERR_IN(kThread, "data rx recvfrom failed, rc=%zd, errno=%d(%s)", length, errno,
+                   std::strerror(errno));
+    count(DrtCounter::kMcRecvfromErr);
+    return false;
+  }
+  count(DrtCounter::kMcRxRecv);
+  time.finish();
+  pkgdist_file_recv_queue_msg(G_data_rx_buffer, static_cast<size_t>(length));
+  return true;
+}
+
+// One turn of the loop. True when the exit flag is to be examined: not after an error.
+bool pass() {
+  const int socket = load(G_data_rx_socket);
+  const int ready = wait_readable(socket);
+  if (ready < 0) {
+    PKGDIST_ERR_IN(kThread, "data rx select failed, errno=%d(%s)", errno, std::strerror(errno));
+    count(DrtCounter::kMcSelectFail);
+    return false;
+  }
+  return ready == 0 || receive_one(socket);
+}
+
+// Ends the thread's being if the stop still holds under the mutex.
+bool confirm_exit() {
+  const MutexLock lock(G_data_rx_mutex, Caller::here(kThread));
+  if (!load(G_data_rx_exit_thread)) return false;
+  store(G_data_rx_thread_running, false);
+  store(G_data_rx_exit_thread, false);
+  close_socket(G_data_rx_socket);
+  return true;
+}
+
+void stop_file_thread_if_alone() {
+  const MutexLock lock(G_data_rx_mutex, Caller::here(kThread));
+  if (!load(G_data_rx_thread_running)) pkgdist_data_recv_file_stop();
+}
+
+// Starts the thread if it does not run. Withdraws a pending stop.
+PkgdistStatus ensure_thread(const char* function) {
+  const MutexLock lock(G_data_rx_mutex, Caller::here(function));
+  store(G_data_rx_exit_thread, false);
+  if (load(G_data_rx_thread_running)) return 0;
+  if (const PkgdistStatus status = pkgdist_data_recv_rx_init(); status != 0) return status;
+  if (int error = create_detached_thread(pkgdist_data_rx_thread); error != 0) {
+    PKGDIST_ERR_IN(function, "pthread_create() pkgdist_data_rx_thread failed: %d(%s)", error,
+                   std::strerror(error));
+    return PKGDIST_ERR_SYSTEM;
+  }
+  store(G_data_rx_thread_running, true);
+  return 0;
+}
+
+}  // namespace
+
+PkgdistStatus pkgdist_data_recv_rx_start() {
+  PkgdistStatus status = pkgdist_file_recv_init();
+  if (status == 0) status = ensure_thread(static_cast<const char*>(__func__));
+  if (status == 0) status = file_thread_keep();
+  return status;
+}
+
+void pkgdist_data_recv_rx_stop() {
+  const MutexLock lock(G_data_rx_mutex);
+  if (load(G_data_rx_thread_running)) store(G_data_rx_exit_thread, true);
+}
+
+PkgdistStatus pkgdist_data_recv_rx_init() {
+  close_socket(G_data_rx_socket);
+  const int socket = udp_socket();
+  store(G_data_rx_socket, socket);
+  if (socket < 0) {
+    PKGDIST_ERR("data rx socket create failed: %d(%s)", errno, std::strerror(errno));
+    return PKGDIST_ERR_SYSTEM;
+  }
+  if (set_socket_option(socket, SO_PRIORITY, kSocketPriority) != 0) {
+    PKGDIST_ERR("data rx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
+    return PKGDIST_ERR_SYSTEM;  // alone among the failures here, this one leaves the socket open
+  }
+  PkgdistStatus status = PKGDIST_ERR_SYSTEM;
+  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(G_data_rto.receive_buffer)) != 0)
+    PKGDIST_ERR("data rx setsockopt failed: %d(%s)", errno, std::strerror(errno));
+  else if (bind_socket(socket, load(G_data_tx_mc_addr), load(G_data_tx_mc_port)) != 0)
+    PKGDIST_ERR("data rx bind failed: %d(%s)", errno, std::strerror(errno));
+  else if (join_group(socket, load(G_data_tx_mc_addr), load(G_my_node_ip)) != 0)
+    PKGDIST_ERR("data rx setsockopt ip add failed: %d(%s)", errno, std::strerror(errno));
+  else
+    status = 0;
+  if (status != 0) close_socket(G_data_rx_socket);
+  return status;
+}
+
+void* pkgdist_data_rx_thread(void* /*argument*/) {
+  (void)prctl(PR_SET_NAME, "DATA_RX");
+  PKGDIST_INFO("DATA Recv Rx Thread starting\n");
+  count(DrsCounter::kRxThreadStart);
+  for (;;) {
+    if (pass() && load(G_data_rx_exit_thread) && confirm_exit()) break;
+  }
+  stop_file_thread_if_alone();
+  PKGDIST_INFO("DATA Recv Rx Thread exiting\n");
+  count(DrsCounter::kRxThreadStop);
+  return nullptr;
+}

@@ -1,0 +1,107 @@
+#include "pkgdist_log.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+#include "pkgdist_export.h"
+#include "platform/quendrel.h"
+
+extern "C" {
+PKGDIST_EXPORT qtrace_handle_t G_pkgdist_qtrace_err_hdl = 0;
+PKGDIST_EXPORT qtrace_handle_t G_pkgdist_qtrace_lib_hdl = 0;
+PKGDIST_EXPORT uint32_t G_pkgdist_debug_lvl = 0;
+
+// The linker's bounds of the section that holds the points.
+extern pkgdist::log::TracePoint __start_pkgdist_points[] __attribute__((visibility("hidden")));
+extern pkgdist::log::TracePoint __stop_pkgdist_points[] __attribute__((visibility("hidden")));
+}
+
+namespace pkgdist::log {
+
+namespace {
+
+constexpr size_t kTimeTextSize = 24;
+const char* const kUnknownTime = "<Unknown Time>       : ";
+constexpr long kNanosecondsPerMillisecond = 1'000'000;
+
+struct WallClock {
+  char text[kTimeTextSize];
+  ssize_t milliseconds;
+};
+
+WallClock read_wall_clock() {
+  WallClock result{};
+  (void)quendrel_sstrncpy(result.text, kUnknownTime, sizeof result.text);
+  timespec now{};
+  tm local{};
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0 || localtime_r(&now.tv_sec, &local) == nullptr)
+    return result;
+  (void)std::strftime(result.text, sizeof result.text, "%b %d %H:%M:%S", &local);
+  result.milliseconds = now.tv_nsec / kNanosecondsPerMillisecond;
+  return result;
+}
+
+void print_prefix(const TracePoint& point) {
+  const WallClock now = read_wall_clock();
+  switch (g_inst_common_debug_prefix) {
+    case 0:
+      (void)std::fprintf(stderr, "DEBUG %s.%03zd : ", now.text, now.milliseconds);
+      return;
+    case 1:
+      (void)std::fprintf(stderr, "DEBUG %s.%03zd pid %d, tid %ld : ", now.text, now.milliseconds,
+                         getpid(), static_cast<long>(gettid()));
+      return;
+    default:
+      (void)std::fprintf(stderr, "DEBUG %s.%03zd pid %d, tid %ld, %s, %d : ", now.text,
+                         now.milliseconds, getpid(), static_cast<long>(gettid()), point.function,
+                         point.line);
+  }
+}
+
+// FNV-1a, 64 bits, from a given start.
+uint64_t fold(uint64_t hash, const char* text) {
+  constexpr uint64_t kPrime = 0x100000001b3;
+  do {
+    hash = (hash ^ static_cast<uint8_t>(*text)) * kPrime;
+  } while (*text++ != '\0');
+  return hash;
+}
+
+}  // namespace
+
+std::span<const TracePoint> catalogue() {
+  return {__start_pkgdist_points,
+          static_cast<size_t>(__stop_pkgdist_points - __start_pkgdist_points)};
+}
+
+uint32_t number_of(const TracePoint& point) {
+  return static_cast<uint32_t>(&point - __start_pkgdist_points);
+}
+
+const char* catalogue_id() {
+  static char digits[33];
+  uint64_t formats = 0xcbf29ce484222325;
+  uint64_t places = 0x84222325cbf29ce4;
+  for (const TracePoint& point : catalogue()) {
+    formats = fold(fold(formats, point.format), point.signature);
+    places = fold(places, point.function);
+  }
+  (void)std::snprintf(digits, sizeof digits, "%016lx%016lx", formats, places);
+  return digits;
+}
+
+void copy_to_stderr(const TracePoint& point, const char* format, ...) {
+  flockfile(stderr);
+  print_prefix(point);
+  va_list arguments;
+  va_start(arguments, format);
+  (void)std::vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  (void)std::fputc('\n', stderr);
+  funlockfile(stderr);
+}
+
+}  // namespace pkgdist::log
