@@ -1,0 +1,90 @@
+// The lead: distributes files and control messages to the nodes of a cluster.
+//
+// The class is pure protocol. It reads no clock, opens no socket and no file: datagrams and the
+// time are handed in, datagrams go out through a DatagramSink, content comes from a ContentStore.
+// The owner's loop is
+//
+//   for every datagram that arrived: lead.on_datagram(channel, bytes, from, now);
+//   lead.run(now);                    // also when nothing arrived
+//   wait for datagrams, at most until lead.next_deadline(now);
+//
+// One thread at a time. Sink, store and events must outlive the lead.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "pkgdist_lead/content.h"
+#include "pkgdist_lead/events.h"
+#include "pkgdist_lead/push.h"
+#include "pkgdist_lead/time.h"
+#include "pkgdist_lead/transport.h"
+
+namespace pkgdist::lead {
+
+// The largest segment whose datagram still fits into 1472 bytes of UDP payload.
+inline constexpr uint32_t kMaxSegmentSize = 1439;
+inline constexpr uint32_t kDefaultSegmentSize = 1400;
+
+struct Settings {
+  uint32_t address = 0;  // own IPv4 address, host byte order
+  uint32_t pid = 0;
+  uint32_t node_id = 0;  // packed identity, 0 when there is none
+  uint64_t seed = 0;     // start of file and transaction identifiers: different in every process
+  uint32_t initial_sequence = 0;  // the first control message carries the next higher sequence
+  uint32_t segment_size = kDefaultSegmentSize;  // bytes
+  uint64_t rate_bits = 0;            // of the data stream per second; 0: adapts to the nodes
+  uint64_t max_rate_bits = 0;        // ceiling of the adaptive rate; 0: built-in ceiling
+  Time node_timeout = 30 * kSecond;  // silence after which a node counts as gone
+};
+
+struct Counters {
+  uint64_t bad_datagrams = 0;      // undecodable, or with fields that make no sense
+  uint64_t foreign_datagrams = 0;  // of kinds that only a lead sends, or for unknown transfers
+  uint64_t control_sent = 0;       // datagrams
+  uint64_t control_resent = 0;
+  uint64_t nacks_received = 0;
+  uint64_t infos_sent = 0;
+  uint64_t segments_sent = 0;  // all of them
+  uint64_t repairs_sent = 0;   // of those, in answer to requests
+  uint64_t miss_done_sent = 0;
+  uint64_t data_bytes_sent = 0;     // UDP payload on the data channel
+  uint64_t segments_requested = 0;  // by all nodes, clipped to the file
+  uint64_t files_requested = 0;
+};
+
+class Lead {
+ public:
+  Lead(const Settings& settings, DatagramSink& sink, ContentStore& store, Events& events);
+  ~Lead();
+  Lead(const Lead&) = delete;
+  Lead& operator=(const Lead&) = delete;
+
+  // A datagram that arrived at the lead's control port or at its request port. `from` is the
+  // sender's IPv4 address; a node is known by the address that its message carries, since a host
+  // may send from any of its addresses.
+  void on_datagram(Channel channel, std::span<const uint8_t> bytes, uint32_t from, Time now);
+
+  // Does everything that is due at `now`: pings, retransmissions, paced data.
+  void run(Time now);
+
+  // When run() has work again; `now` when it has work at once, kNever is never returned.
+  Time next_deadline(Time now) const;
+
+  // Begins a push; there is one at a time. A null return value means accepted, else it says why not
+  // (an argument out of range, a name that cannot travel, a push that still runs).
+  const char* start_push(PushRequest request, Time now);
+  void stop_push(Time now);  // gives up what has not ended; the report says what is left
+  PushReport push_report() const;
+  bool push_running() const;
+
+  uint64_t rate_bits() const;  // of the data stream at present
+  const Counters& counters() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,60 @@
+// What a push is asked to do, and how it stands.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "pkgdist_lead/time.h"
+
+namespace pkgdist::lead {
+
+struct PushFile {
+  std::string name;   // relative to the storage location
+  uint64_t size = 0;  // bytes, for order and progress; what is sent is read when its turn comes
+};
+
+struct PushRequest {
+  std::vector<PushFile> files;
+  uint32_t location = 1;
+  uint32_t type = 1;
+  uint32_t priority = 2;
+  // The nodes that must have every file; empty: every node that is heard, at least `node_count`.
+  std::vector<uint32_t> nodes;
+  uint32_t node_count = 1;
+  // How long to wait for absent nodes at the start, and how long a node may be silent later.
+  Time node_timeout = 30 * kSecond;
+};
+
+// Where one node stands. `failed` holds the status of every file that ended with an error.
+struct PushNodeReport {
+  uint32_t address = 0;
+  uint32_t node_id = 0;
+  bool heard = false;   // answered at least once
+  bool silent = false;  // has fallen silent
+  uint64_t files_done = 0;
+  uint64_t files_skipped = 0;           // of files_done: were there already
+  uint64_t bytes_done = 0;              // of content, skipped files included
+  uint64_t repairs = 0;                 // segments asked for again
+  Time finished_at = 0;                 // when the last file ended, 0 before
+  std::map<uint32_t, uint64_t> failed;  // index in PushRequest::files -> status
+  std::vector<uint32_t> open;           // indexes of the files that have not ended
+};
+
+struct PushReport {
+  bool started = false;
+  bool finished = false;
+  Time started_at = 0;
+  Time finished_at = 0;
+  uint64_t files = 0;
+  uint64_t bytes = 0;         // of content, once
+  uint64_t stream_bytes = 0;  // of the files in transfer, how much was sent in their first turn
+  size_t expected_nodes = 0;
+  std::vector<PushNodeReport> nodes;  // heard or asked for
+
+  // Every node that was asked for has every file.
+  bool complete() const;
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,88 @@
+// The multicast control stream: numbered messages, each kept until every node that it is for has
+// finished it.
+//
+// A node finishes a message visibly by an ACK of its sequence, or by a cumulative point (in ACKs,
+// NACKs and ping replies) at or above it. It asks for what it lacks by NACK, which it sends at once
+// when a later sequence or a ping shows the gap. Pings therefore follow a message closely; a node
+// whose ping reply still stands below a message gets it again without waiting for its NACK, and so
+// does a node that says nothing, at growing intervals.
+//
+// Every retransmission is marked as one: a node takes an old sequence without the mark for a new
+// message. A finished message is kept a little longer, since a duplicate that the network made can
+// let a node begin it anew, and then its point stands still until it is answered.
+#pragma once
+
+#include <deque>
+#include <functional>
+
+#include "control_message.h"
+#include "node_table.h"
+
+namespace pkgdist::lead {
+
+class ControlStream {
+ public:
+  // Called when a node has finished a message that was sent for it.
+  using Acknowledged = std::function<void(uint32_t sequence, NodeIndex node)>;
+
+  ControlStream(const Settings& self, DatagramSink& sink, Counters& counters,
+                Acknowledged acknowledged);
+
+  // Sends a message now. `waiting` are the nodes that have to acknowledge it.
+  uint32_t post(uint32_t msg_class, std::vector<uint8_t> payload, Audience audience,
+                std::vector<NodeIndex> waiting, Time now);
+
+  // The highest sequence sent so far.
+  uint32_t last_sequence() const { return last_sequence_; }
+  // Goes on above `point`, which a node has from an earlier life of this lead; only before anything
+  // was sent, since sequences in use cannot change.
+  void adopt(uint32_t point);
+
+  void on_ack(NodeIndex node, uint32_t sequence);
+  void on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now);
+  // Everything up to `point` is finished on the node.
+  void on_point(NodeIndex node, uint32_t point);
+  // A ping reply: also a sign that the node lacks what stands above its point.
+  void on_ping_reply(NodeIndex node, uint32_t point, Time now);
+  // The node is gone or was replaced: nothing is waited for.
+  void forget(NodeIndex node);
+
+  // Pings quickly, for instance while nodes are being waited for.
+  void set_eager(bool eager, Time now);
+  void run(Time now);
+  Time next_deadline() const;
+
+ private:
+  struct Entry {
+    ControlMessage message;
+    std::vector<NodeIndex> waiting;  // sorted
+    std::vector<Time> segment_sent;  // when each segment last went out
+    Time last_sent = 0;
+    Time done_at = 0;  // when the last node acknowledged, 0 before
+    uint32_t attempts = 0;
+  };
+
+  Entry* find(uint32_t sequence);
+  void acknowledge(Entry& entry, NodeIndex node);
+  void transmit(Entry& entry, uint32_t segment, bool again, Time now);
+  void retransmit(Entry& entry, Time now);
+  void send_ping(Time now);
+  void drop_finished(Time now);
+  bool busy() const { return outstanding_ != 0 || eager_; }
+  Time ping_interval() const;
+
+  const Settings& self_;
+  DatagramSink& sink_;
+  Counters& counters_;
+  Acknowledged acknowledged_;
+  std::deque<Entry> entries_;  // ascending sequences without gaps
+  uint32_t last_sequence_;
+  size_t outstanding_ = 0;  // entries that nodes have not acknowledged
+  size_t kept_bytes_ = 0;
+  size_t nodes_ = 0;  // highest node index seen + 1: bounds the replies that a ping draws
+  bool eager_ = false;
+  Time next_ping_ = 0;
+  Time now_ = 0;  // of the event being handled
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,402 @@
+#include "data_sender.h"
+
+#include <cerrno>
+
+#include "pkgdist/status.h"
+
+namespace pkgdist::lead {
+
+namespace {
+
+// Contents kept open: well below the usual limit of 1024 descriptors.
+constexpr size_t kMaxOpenContents = 256;
+constexpr uint64_t kMaxFileSize = UINT32_MAX;
+
+int check_size(const FileAttributes& attributes) {
+  if (attributes.size > kMaxFileSize) return EFBIG;
+  if (attributes.symlink && attributes.size > PKGDIST_SYMLINK_TARGET_MAX) return ENAMETOOLONG;
+  return 0;
+}
+
+uint32_t segments_of(uint64_t size, uint32_t segment_size) {
+  return static_cast<uint32_t>(std::max<uint64_t>(1, (size + segment_size - 1) / segment_size));
+}
+
+TransferId first_id(uint64_t seed) {
+  // One step of a common mixer: neighbouring seeds give distant identifiers, so that those of an
+  // earlier process, which nodes remember for a while, are not met again.
+  uint64_t x = seed + 0x9E3779B97F4A7C15u;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9u;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBu;
+  return static_cast<TransferId>(x >> 32);
+}
+
+}  // namespace
+
+DataSender::DataSender(const Settings& self, const NodeTable& nodes, DatagramSink& sink,
+                       ContentStore& store, Counters& counters, TransferObserver& observer)
+    : self_(self),
+      nodes_(nodes),
+      sink_(sink),
+      store_(store),
+      counters_(counters),
+      observer_(observer),
+      segment_(self.address),
+      pacer_(self.rate_bits),
+      last_id_(first_id(self.seed)) {
+  if (self.rate_bits != 0) return;
+  rate_.emplace(self.max_rate_bits);
+  pacer_.set_rate(rate_->rate_bits());
+}
+
+DataSender::~DataSender() = default;
+
+Transfer* DataSender::at(TransferId id) const {
+  const auto found = transfers_.find(id);
+  return found != transfers_.end() ? found->second.get() : nullptr;
+}
+
+const Transfer* DataSender::get(TransferId id) const {
+  return at(id);
+}
+
+TransferId DataSender::find(const FileKey& key) const {
+  const auto found = by_key_.find(key.text());
+  return found != by_key_.end() ? found->second : kNoTransfer;
+}
+
+TransferId DataSender::next_id() {
+  do ++last_id_;
+  while (last_id_ == kNoTransfer || transfers_.contains(last_id_));
+  return last_id_;
+}
+
+TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
+                             const std::vector<NodeIndex>& nodes, Time) {
+  FileAttributes attributes;
+  std::unique_ptr<Content> content;
+  int error = store_.open(key.location, key.name, attributes, content);
+  if (error == 0) error = check_size(attributes);
+  if (error != 0) attributes = {};
+
+  const TransferId id = next_id();
+  auto owned = std::make_unique<Transfer>(id, std::move(key), attributes,
+                                          segments_of(attributes.size, self_.segment_size));
+  Transfer& transfer = *owned;
+  transfers_.emplace(id, std::move(owned));
+  by_key_.emplace(transfer.key.text(), id);
+  transfer.tag = tag;
+  transfer.priority = priority;
+  if (error != 0) transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
+  if (error == 0) {
+    transfer.content = std::move(content);
+    use_content(transfer);
+  }
+  for (NodeIndex node : nodes) transfer.set_state(node, TransferNode::State::kOpen);
+  announcing_.push_back(id);
+  ++waiting_;
+  waiting_bytes_ += attributes.size;
+  return id;
+}
+
+void DataSender::leave_waiting(Transfer& transfer) {
+  --waiting_;
+  waiting_bytes_ -= transfer.attributes.size;
+}
+
+void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
+  Transfer* transfer = at(id);
+  if (transfer == nullptr) return;
+  const bool had_info = transfer->node(node).has_info;
+  transfer->set_state(node, TransferNode::State::kOpen);
+  if (transfer->stage == Transfer::Stage::kQueued) return;
+  // Several nodes ask at the same moment: one information serves them all.
+  constexpr Time kInfoHoldoff = 2 * kMillisecond;
+  if (elapsed(now, transfer->info_sent) >= kInfoHoldoff) send_info(*transfer, now);
+  if (transfer->status != 0 || transfer->stage == Transfer::Stage::kAnnounced) return;
+  if (had_info && asked) {
+    transfer->help_now = true;  // it has most of the file: help it to the rest
+    if (transfer->stage == Transfer::Stage::kSettling) arm(*transfer, now);
+    return;
+  }
+  if (transfer->stage == Transfer::Stage::kStreaming)
+    transfer->turn.extend();
+  else
+    restart_turn(*transfer);
+}
+
+void DataSender::drop_node(NodeIndex node, Time) {
+  std::vector<TransferId> ended;
+  for (auto& [id, transfer] : transfers_) {
+    if (node >= transfer->nodes.size()) continue;
+    transfer->set_state(node, TransferNode::State::kAbsent);
+    if (transfer->open + transfer->unlisted == 0) ended.push_back(id);
+  }
+  for (TransferId id : ended)
+    if (Transfer* transfer = at(id)) close_if_ended(*transfer);
+}
+
+void DataSender::abandon(uint64_t tag_limit) {
+  std::vector<TransferId> ids;
+  for (auto& [id, transfer] : transfers_)
+    if (transfer->tag < tag_limit) ids.push_back(id);
+  for (TransferId id : ids) close(*at(id));
+}
+
+void DataSender::close_if_ended(Transfer& transfer) {
+  if (transfer.open + transfer.unlisted == 0) close(transfer);
+}
+
+void DataSender::close(Transfer& transfer) {
+  if (transfer.stage == Transfer::Stage::kQueued || transfer.stage == Transfer::Stage::kAnnounced)
+    leave_waiting(transfer);
+  arm(transfer, kNever);
+  by_key_.erase(transfer.key.text());
+  const auto found = transfers_.find(transfer.id);
+  const std::unique_ptr<Transfer> last = std::move(found->second);
+  transfers_.erase(found);
+  observer_.transfer_closed(*last);
+}
+
+void DataSender::end_node(Transfer& transfer, NodeIndex node, uint64_t status) {
+  transfer.set_state(node, TransferNode::State::kEnded);
+  transfer.progress();
+  observer_.transfer_ended(transfer, node, status, status == 0 && transfer.segments_sent == 0);
+}
+
+void DataSender::arm(Transfer& transfer, Time when) {
+  if (transfer.timer != kNever) timers_.erase({transfer.timer, transfer.id});
+  transfer.timer = when;
+  if (when != kNever) timers_.emplace(when, transfer.id);
+}
+
+// The first transfer of a line that still exists.
+Transfer* DataSender::head(Line& line) {
+  while (!line.empty()) {
+    if (Transfer* transfer = at(line.front())) return transfer;
+    line.pop_front();
+  }
+  return nullptr;
+}
+
+void DataSender::send(size_t length) {
+  if (length == 0) return;
+  sink_.send(Channel::kData, kGroup, length);
+  pacer_.spend(length);
+  counters_.data_bytes_sent += length;
+}
+
+// The addresses of the open nodes, none when the message may as well go to everybody.
+std::span<uint32_t> DataSender::open_nodes(const Transfer& transfer) {
+  listed_.clear();
+  if (transfer.open > kMaxListedNodes || transfer.open == nodes_.size()) return {};
+  for (NodeIndex i = 0; i < transfer.nodes.size(); ++i)
+    if (transfer.nodes[i].state == TransferNode::State::kOpen)
+      listed_.push_back(nodes_[i].info.address);
+  return listed_;
+}
+
+void DataSender::send_info(Transfer& transfer, Time now) {
+  // A bad status ends the file on whoever takes it: only for the nodes concerned.
+  std::span<uint32_t> nodes;
+  if (transfer.status != 0) nodes = open_nodes(transfer);
+  send(build_info(sink_.buffer(), self_.address, transfer, self_.segment_size, nodes));
+  transfer.info_sent = now;
+  ++counters_.infos_sent;
+}
+
+void DataSender::refuse(const FileKey& key, uint64_t status, NodeIndex node) {
+  Transfer refusal(next_id(), key, {}, 1);
+  refusal.status = status;
+  uint32_t address = nodes_[node].info.address;
+  send(build_info(sink_.buffer(), self_.address, refusal, self_.segment_size, {&address, 1}));
+  ++counters_.infos_sent;
+}
+
+// --- Content ---
+
+void DataSender::use_content(Transfer& transfer) {
+  opened_.push_back(transfer.id);
+  while (opened_.size() > kMaxOpenContents) {
+    Transfer* oldest = at(opened_.front());
+    opened_.pop_front();
+    if (oldest != nullptr && oldest != &transfer) oldest->content.reset();
+  }
+}
+
+int DataSender::open_content(Transfer& transfer) {
+  if (transfer.content != nullptr) return 0;
+  FileAttributes attributes;
+  const int error =
+      store_.open(transfer.key.location, transfer.key.name, attributes, transfer.content);
+  if (error != 0) return error;
+  if (attributes != transfer.attributes) return ESTALE;  // changed since it was announced
+  use_content(transfer);
+  return 0;
+}
+
+// The file cannot be sent any further: the nodes are told instead.
+void DataSender::fail(Transfer& transfer, int error, Time now) {
+  transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
+  transfer.repairs.clear();
+  transfer.content.reset();
+  transfer.progress();
+  begin_settling(transfer, now);
+  send_info(transfer, now);
+}
+
+bool DataSender::send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now) {
+  int error = open_content(transfer);
+  const uint64_t offset = uint64_t{segment} * self_.segment_size;
+  const size_t length = static_cast<size_t>(
+      std::min<uint64_t>(self_.segment_size, transfer.attributes.size - offset));
+  const std::span<uint8_t> out = sink_.buffer();
+  if (error == 0 && length != 0) error = transfer.content->read(offset, segment_.data(out, length));
+  if (error != 0) {
+    fail(transfer, error, now);
+    return false;
+  }
+  send(segment_.finish(out, transfer.id, segment, repair, length));
+  ++transfer.segments_sent;
+  ++counters_.segments_sent;
+  ++period_segments_;
+  if (repair) ++counters_.repairs_sent;
+  return true;
+}
+
+// --- What is sent next ---
+
+bool DataSender::send_announcement(Time now) {
+  Transfer* transfer = head(announcing_);
+  if (transfer == nullptr) return false;
+  announcing_.pop_front();
+  send_info(*transfer, now);
+  for (int copies = 3; copies <= loss_.info_copies(); ++copies) send_info(*transfer, now);
+  if (transfer->status != 0) {
+    leave_waiting(*transfer);
+    begin_settling(*transfer, now);
+    return true;
+  }
+  transfer->stage = Transfer::Stage::kAnnounced;
+  streaming_[transfer->priority].push_back(transfer->id);
+  stream_due_ = std::min(stream_due_, now + grace());
+  return true;
+}
+
+// The most urgent file whose turn it is, in the order of announcement; one that was announced a
+// moment ago waits for the nodes that have it already.
+Transfer* DataSender::streamable(Time now) {
+  stream_due_ = kNever;
+  for (auto line = streaming_.begin(); line != streaming_.end();) {
+    Transfer* transfer = head(line->second);
+    if (transfer == nullptr) {
+      line = streaming_.erase(line);
+      continue;
+    }
+    if (transfer->stage != Transfer::Stage::kAnnounced ||
+        elapsed(now, transfer->info_sent) >= grace()) {
+      stream_due_ = 0;
+      return transfer;
+    }
+    stream_due_ = std::min(stream_due_, transfer->info_sent + grace());
+    ++line;
+  }
+  return nullptr;
+}
+
+void DataSender::enter_stream(Transfer& transfer, Time now) {
+  leave_waiting(transfer);
+  transfer.stage = Transfer::Stage::kStreaming;
+  if (loss_.info_copies() >= 2) send_info(transfer, now);
+}
+
+bool DataSender::send_stream(Time now) {
+  Transfer* transfer = streamable(now);
+  if (transfer == nullptr) return false;
+  if (transfer->stage == Transfer::Stage::kAnnounced) enter_stream(*transfer, now);
+  Line& line = streaming_[transfer->priority];
+  if (transfer->stage != Transfer::Stage::kStreaming || !transfer->turn.active()) {
+    line.pop_front();  // failed meanwhile
+    return true;
+  }
+  if (!send_segment(*transfer, transfer->turn.segment(), false, now)) return true;
+  loss_.sent(1);
+  if (transfer->first_turn)
+    stream_bytes_ += std::min<uint64_t>(
+        self_.segment_size,
+        transfer->attributes.size - uint64_t{transfer->turn.segment()} * self_.segment_size);
+  transfer->turn.advance();
+  if (transfer->turn.active()) return true;
+  transfer->first_turn = false;
+  line.pop_front();
+  begin_settling(*transfer, now);
+  return true;
+}
+
+bool DataSender::send_repair(Time now) {
+  Transfer* transfer = head(repairing_);
+  if (transfer == nullptr) return false;
+  // One file's repairs go out in runs of this many before the next file has its turn.
+  constexpr int kRun = 1;
+  for (int i = 0; i < kRun && !transfer->repairs.empty(); ++i)
+    if (!send_segment(*transfer, transfer->repairs.take(now), true, now)) break;
+  repairing_.pop_front();
+  if (!transfer->repairs.empty()) {
+    repairing_.push_back(transfer->id);
+    return true;
+  }
+  transfer->in_repair_line = false;
+  if (transfer->stage == Transfer::Stage::kSettling) arm(*transfer, now + grace());
+  return true;
+}
+
+bool DataSender::run_timer(Time now) {
+  if (timers_.empty() || timers_.begin()->first > now) return false;
+  Transfer& transfer = *at(timers_.begin()->second);
+  arm(transfer, kNever);
+  settle(transfer, now);
+  return true;
+}
+
+bool DataSender::send_one(Time now) {
+  if (run_timer(now) || send_announcement(now)) return true;
+  repair_turn_ = !repair_turn_;
+  if (repair_turn_) return send_repair(now) || send_stream(now);
+  return send_stream(now) || send_repair(now);
+}
+
+void DataSender::run(Time now) {
+  pacer_.refill(now);
+  adapt_rate(now);
+  while (pacer_.ready())
+    if (!send_one(now)) return;
+  period_limited_ = true;
+}
+
+Time DataSender::next_deadline(Time now) const {
+  Time deadline = announcing_.empty() && repairing_.empty() ? stream_due_ : now;
+  if (!timers_.empty()) deadline = std::min(deadline, timers_.begin()->first);
+  if (deadline == kNever) return kNever;
+  return std::max(deadline, pacer_.next_ready(now));
+}
+
+void DataSender::adapt_rate(Time now) {
+  if (!rate_ || elapsed(now, period_started_) < RateControl::kPeriod) return;
+  // Fewer segments say nothing about the loss.
+  constexpr uint64_t kMinSample = 200;
+  if (period_segments_ >= kMinSample) {
+    uint32_t worst = 0;
+    for (uint32_t requested : period_requested_) worst = std::max(worst, requested);
+    rate_->on_period(
+        {std::min(1.0, static_cast<double>(worst) / static_cast<double>(period_segments_)),
+         period_delay_, period_limited_});
+    pacer_.set_rate(rate_->rate_bits());
+  }
+  period_started_ = now;
+  period_segments_ = 0;
+  period_requested_.assign(nodes_.size(), 0);
+  period_delay_ = 0;
+  period_limited_ = false;
+}
+
+}  // namespace pkgdist::lead

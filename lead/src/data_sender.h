@@ -1,0 +1,169 @@
+// The data stream: every file on its way, and what is sent next.
+//
+// A transfer's life: its information is sent (Queued -> Announced), after a short grace for nodes
+// that have the file already its segments follow (Streaming), and when the stream has gone round it
+// the nodes that have not reported are asked how they stand and are helped (Settling), until every
+// node concerned has ended. Files flow back to back: many are announced ahead of the stream, and
+// many settle behind it.
+//
+// Repairs interleave with the stream one to one. A request for a segment that the stream still
+// comes to is ignored.
+//
+// The settling ladder. A node's final report may be lost, a node may have lost a request, a repair,
+// the information or everything; only its answers tell. Each round ends with miss done to the open
+// nodes. A node that answers 'in progress' and asked for nothing is helped in rising steps: the
+// information and the segments at which a turn ended, sent as first transmissions (a node that
+// lacks what lies before asks for the gap at once); then the whole file when it is small, or all
+// segments that were ever asked for; then patience, because the node asks again by itself within
+// seconds. Every round from the second on carries a segment, so that no node counts the lead as
+// lost.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <unordered_map>
+
+#include "data_message.h"
+#include "loss_meter.h"
+#include "pacer.h"
+#include "pkgdist_lead/lead.h"
+#include "rate_control.h"
+
+namespace pkgdist::lead {
+
+// What the owner of the transfers learns. Calls may start further transfers.
+class TransferObserver {
+ public:
+  virtual ~TransferObserver() = default;
+  // The node has reported its end. `skipped`: before any segment was sent.
+  virtual void transfer_ended(const Transfer&, NodeIndex, uint64_t status, bool skipped) = 0;
+  // The node knows nothing of the file. True when it will be announced to it again (join() then
+  // follows), false when the node shall be left alone.
+  virtual bool transfer_unlisted(const Transfer&, NodeIndex) = 0;
+  // Nothing is left to do; the transfer is destroyed after the call.
+  virtual void transfer_closed(const Transfer&) = 0;
+};
+
+class DataSender {
+ public:
+  DataSender(const Settings& self, const NodeTable& nodes, DatagramSink& sink, ContentStore& store,
+             Counters& counters, TransferObserver& observer);
+  ~DataSender();
+
+  // Begins the transfer of a file that has none yet.
+  TransferId start(FileKey key, uint32_t priority, uint64_t tag,
+                   const std::vector<NodeIndex>& nodes, Time now);
+  // The node wants the file, too. `asked`: it just asked for the information, so it has none.
+  void join(TransferId id, NodeIndex node, bool asked, Time now);
+  // The node is gone: nothing is waited for.
+  void drop_node(NodeIndex node, Time now);
+  // Ends all transfers without a word.
+  void abandon(uint64_t tag_limit);
+
+  TransferId find(const FileKey& key) const;
+  const Transfer* get(TransferId id) const;
+
+  // Transfers that are announced but not streamed yet, and the bytes in them.
+  size_t waiting_files() const { return waiting_; }
+  uint64_t waiting_bytes() const { return waiting_bytes_; }
+  size_t active_files() const { return transfers_.size(); }
+
+  // Messages from nodes.
+  // Returns how many segments of the file were asked for, 0 when the request makes no sense.
+  uint32_t on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num,
+                              Time now);
+  void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);
+
+  // Tells one node that a file cannot be sent.
+  void refuse(const FileKey& key, uint64_t status, NodeIndex node);
+
+  void set_round_trip(Time round_trip) { round_trip_ = round_trip; }
+  void run(Time now);
+  Time next_deadline(Time now) const;
+  uint64_t rate_bits() const { return pacer_.rate(); }
+  uint64_t stream_bytes() const { return stream_bytes_; }
+
+ private:
+  using Line = std::deque<TransferId>;
+
+  // data_sender.cpp: choosing and sending
+  Transfer* at(TransferId id) const;
+  Transfer* head(Line& line);
+  TransferId next_id();
+  bool send_one(Time now);
+  bool run_timer(Time now);
+  bool send_announcement(Time now);
+  bool send_repair(Time now);
+  bool send_stream(Time now);
+  Transfer* streamable(Time now);
+  void leave_waiting(Transfer& transfer);
+  void enter_stream(Transfer& transfer, Time now);
+  void send(size_t length);
+  void send_info(Transfer& transfer, Time now);
+  bool send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now);
+  std::span<uint32_t> open_nodes(const Transfer& transfer);
+  void arm(Transfer& transfer, Time when);
+  void close(Transfer& transfer);
+  void close_if_ended(Transfer& transfer);
+  void end_node(Transfer& transfer, NodeIndex node, uint64_t status);
+  void adapt_rate(Time now);
+
+  // file_cache part: content that is open
+  int open_content(Transfer& transfer);
+  void use_content(Transfer& transfer);
+  void fail(Transfer& transfer, int error, Time now);
+
+  // data_settling.cpp
+  void begin_settling(Transfer& transfer, Time now);
+  void settle(Transfer& transfer, Time now);
+  bool in_trouble(Transfer& transfer);
+  bool help(Transfer& transfer, Time now);
+  void restart_turn(Transfer& transfer);
+  void send_miss_done(Transfer& transfer, Time now);
+  void on_in_progress(Transfer& transfer, NodeIndex node, Time now);
+  void on_stale_report(Transfer& transfer, NodeIndex node, Time now);
+  void unlist(Transfer& transfer, NodeIndex node, Time now);
+  void note_answer(Transfer& transfer, NodeIndex node, Time now);
+  Time grace() const;
+  Time answer_time() const;
+
+  const Settings& self_;
+  const NodeTable& nodes_;
+  DatagramSink& sink_;
+  ContentStore& store_;
+  Counters& counters_;
+  TransferObserver& observer_;
+  SegmentBuilder segment_;
+  Pacer pacer_;
+  std::optional<RateControl> rate_;
+  LossMeter loss_;
+
+  std::unordered_map<TransferId, std::unique_ptr<Transfer>> transfers_;
+  std::unordered_map<std::string, TransferId> by_key_;
+  Line announcing_;
+  std::map<uint32_t, Line> streaming_;  // by priority; the front is the file being streamed
+  Line repairing_;
+  std::set<std::pair<Time, TransferId>> timers_;
+  std::deque<TransferId> opened_;  // contents in the order of their opening
+  bool repair_turn_ = false;
+  TransferId last_id_;
+  size_t waiting_ = 0;
+  uint64_t waiting_bytes_ = 0;
+  uint64_t stream_bytes_ = 0;
+  Time stream_due_ = kNever;      // when streamable() will find something; long ago: at once
+  std::vector<uint32_t> listed_;  // scratch of open_nodes()
+
+  Time round_trip_ = kMillisecond;  // of the control channel
+  Time answer_delay_ = 0;           // smoothed time to answer a miss done, 0 while unknown
+
+  // The rate controller's present period.
+  Time period_started_ = 0;
+  uint64_t period_segments_ = 0;
+  std::vector<uint32_t> period_requested_;  // by node
+  Time period_delay_ = 0;
+  bool period_limited_ = false;
+};
+
+}  // namespace pkgdist::lead

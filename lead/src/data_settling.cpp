@@ -1,0 +1,234 @@
+// What happens after the stream has gone round a file, and what nodes say about files; the ladder
+// is described in data_sender.h.
+#include <cerrno>
+
+#include "data_sender.h"
+#include "pkgdist/status.h"
+
+namespace pkgdist::lead {
+
+namespace {
+
+// Files up to this many segments are sent again as a whole rather than waiting for a node.
+constexpr uint32_t kSmallFile = 64;
+// Files up to this many: at the first sign of trouble, since their end is all there is.
+constexpr uint32_t kTinyFile = 4;
+
+// How long a node may need to act on what it was sent.
+constexpr Time kMinGrace = 3 * kMillisecond;
+constexpr Time kMaxGrace = 100 * kMillisecond;
+// How long to wait for the answer to a miss done before it counts as lost.
+constexpr Time kMinAnswerTime = 10 * kMillisecond;
+constexpr Time kUnknownAnswerTime = 30 * kMillisecond;
+constexpr Time kMaxAnswerTime = kSecond;
+// Between rounds that brought nothing, doubling. The ceiling stays below a node's time-outs.
+constexpr Time kStuckPause = 2 * kMillisecond;
+constexpr Time kMaxStuckPause = kSecond;
+// Rounds without effect until a large file is sent once more as a whole; by then every node has
+// run into its own time-outs several times.
+constexpr uint32_t kRoundsToWholeFile = 16;
+// Times that all asked segments are sent again before the nodes have to ask themselves.
+constexpr uint32_t kMaxRepeats = 2;
+// A request after this much silence comes from a node's time-out and names all that it lacks: what
+// was asked for before is done with.
+constexpr Time kFreshRequest = kSecond;
+// Answers about an earlier transfer of the same file: the node remembers how that one ended and
+// does not say how it stands with this one. After some of them it is told of the file again.
+constexpr uint8_t kMaxStale = 3;
+
+}  // namespace
+
+Time DataSender::grace() const {
+  return std::clamp(2 * round_trip_ + kMillisecond + answer_delay_ / 2, kMinGrace, kMaxGrace);
+}
+
+Time DataSender::answer_time() const {
+  if (answer_delay_ == 0) return kUnknownAnswerTime;
+  return std::clamp(3 * answer_delay_, kMinAnswerTime, kMaxAnswerTime);
+}
+
+void DataSender::begin_settling(Transfer& transfer, Time now) {
+  transfer.stage = Transfer::Stage::kSettling;
+  transfer.asked_at = 0;
+  arm(transfer, now + grace());
+}
+
+void DataSender::settle(Transfer& transfer, Time now) {
+  if (transfer.stage != Transfer::Stage::kSettling) return;
+  if (transfer.open + transfer.unlisted == 0) return close(transfer);
+  if (transfer.open == 0 || transfer.in_repair_line) return;  // woken by join() or by the repairs
+  const bool trouble = in_trouble(transfer) || transfer.help_now;
+  transfer.asked_at = 0;
+  transfer.help_now = false;
+  if (trouble && help(transfer, now)) return;
+  send_miss_done(transfer, now);
+  const Time pause = backoff(kStuckPause, transfer.stuck, kMaxStuckPause);
+  arm(transfer, now + std::max(pause, backoff(answer_time(), transfer.mute, kMaxAnswerTime)));
+}
+
+// Judges the answers to the last miss done: trouble when a node does not get on by itself.
+bool DataSender::in_trouble(Transfer& transfer) {
+  if (transfer.asked_at == 0) return false;
+  bool idle = false;
+  for (const TransferNode& node : transfer.nodes)
+    idle |= node.state == TransferNode::State::kOpen && node.answered && !node.asked;
+  if (idle) {
+    ++transfer.stuck;
+    transfer.mute = 0;
+    loss_.lost(1.0 / std::max<double>(1, nodes_.size()));
+    return true;
+  }
+  if (transfer.answers != 0) return false;
+  ++transfer.mute;
+  return true;
+}
+
+// True when it started something after which settling goes on by itself.
+bool DataSender::help(Transfer& transfer, Time now) {
+  if (transfer.status != 0) {
+    send_info(transfer, now);
+    return false;
+  }
+  const bool whole =
+      transfer.stuck != 0 &&
+      (transfer.segments <= kTinyFile || (transfer.stuck > 1 && transfer.segments <= kSmallFile) ||
+       transfer.stuck % kRoundsToWholeFile == 0);
+  if (whole) {
+    send_info(transfer, now);
+    restart_turn(transfer);
+    return true;
+  }
+  if (transfer.stuck > 1 && transfer.repeats < kMaxRepeats && transfer.repairs.asked() != 0) {
+    ++transfer.repeats;
+    transfer.repairs.repeat_asked();
+    transfer.in_repair_line = true;
+    repairing_.push_back(transfer.id);
+    return true;
+  }
+  send_info(transfer, now);
+  const uint32_t last = transfer.segments - 1;
+  const uint32_t turn_end = transfer.turn.last();
+  if (!send_segment(transfer, last, false, now)) return true;
+  if (turn_end != last) send_segment(transfer, turn_end, false, now);
+  return transfer.status != 0;
+}
+
+void DataSender::restart_turn(Transfer& transfer) {
+  arm(transfer, kNever);
+  transfer.turn.extend();
+  transfer.stage = Transfer::Stage::kStreaming;
+  // Ahead of files that were not begun: their nodes are further back.
+  streaming_[transfer.priority].push_front(transfer.id);
+  stream_due_ = 0;
+}
+
+void DataSender::send_miss_done(Transfer& transfer, Time now) {
+  for (TransferNode& node : transfer.nodes) node.answered = node.asked = false;
+  transfer.answers = 0;
+  const std::span<uint32_t> nodes = open_nodes(transfer);
+  send(build_miss_done(sink_.buffer(), self_.address, transfer, nodes));
+  transfer.asked_at = now;
+  ++counters_.miss_done_sent;
+}
+
+// --- What nodes say ---
+
+uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first,
+                                        uint32_t num, Time now) {
+  Transfer* transfer = at(file_id);
+  if (transfer == nullptr) {
+    ++counters_.foreign_datagrams;
+    return 0;
+  }
+  if (first >= transfer->segments || num == 0 || transfer->status != 0) {
+    ++counters_.bad_datagrams;
+    return 0;
+  }
+  num = std::min(num, transfer->segments);
+  TransferNode& state = transfer->node(node);
+  if (state.state != TransferNode::State::kOpen)
+    transfer->set_state(node, TransferNode::State::kOpen);  // not known to want it, but it does
+  state.asked = state.has_info = true;
+  state.stale = 0;
+  if (elapsed(now, transfer->last_request) >= kFreshRequest) transfer->repairs.forget_asked();
+  transfer->last_request = now;
+  transfer->progress();
+
+  uint32_t due = 0;
+  uint32_t gone = 0;
+  transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
+    due += transfer->repairs.request(from, count, now);
+    gone += count;
+  });
+  counters_.segments_requested += gone;
+  loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));
+  if (node < period_requested_.size()) period_requested_[node] += gone;
+  if (due != 0 && !transfer->in_repair_line) {
+    transfer->in_repair_line = true;
+    repairing_.push_back(transfer->id);
+  }
+  return gone;
+}
+
+void DataSender::note_answer(Transfer& transfer, NodeIndex node, Time now) {
+  TransferNode& state = transfer.node(node);
+  if (state.state == TransferNode::State::kOpen && !state.answered) ++transfer.answers;
+  state.answered = true;
+  if (transfer.asked_at == 0) return;
+  const Time delay = elapsed(now, transfer.asked_at) + 1;
+  answer_delay_ = answer_delay_ == 0 ? delay : (7 * answer_delay_ + delay) / 8;
+  period_delay_ = std::max(period_delay_, delay);
+}
+
+void DataSender::on_in_progress(Transfer& transfer, NodeIndex node, Time now) {
+  note_answer(transfer, node, now);
+  if (transfer.stage != Transfer::Stage::kSettling || transfer.in_repair_line) return;
+  if (transfer.asked_at == 0 || transfer.answers < transfer.open) return;
+  // All have answered: the next round need not wait for the timer, but the ladder's pace holds.
+  const Time paced = transfer.asked_at + backoff(kStuckPause, transfer.stuck, kMaxStuckPause);
+  arm(transfer, std::max(now, std::min(transfer.timer, paced)));
+}
+
+void DataSender::unlist(Transfer& transfer, NodeIndex node, Time now) {
+  note_answer(transfer, node, now);
+  if (observer_.transfer_unlisted(transfer, node)) {
+    transfer.set_state(node, TransferNode::State::kUnlisted);
+    return;
+  }
+  end_node(transfer, node, PKGDIST_STATUS_UNKNOWN_FILE);
+  close_if_ended(transfer);
+}
+
+void DataSender::on_stale_report(Transfer& transfer, NodeIndex node, Time now) {
+  if (++transfer.node(node).stale >= kMaxStale) {
+    transfer.node(node).stale = 0;
+    return unlist(transfer, node, now);
+  }
+  on_in_progress(transfer, node, now);
+}
+
+void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
+  Transfer* transfer = at(report.file_id);
+  const bool exact = transfer != nullptr && transfer->key.name == report.name &&
+                     transfer->key.location == report.location;
+  if (!exact) transfer = at(find({report.location, report.name}));
+  if (transfer == nullptr) {
+    ++counters_.foreign_datagrams;
+    return;
+  }
+  const TransferNode::State state = transfer->node(node).state;
+  if (state != TransferNode::State::kOpen && state != TransferNode::State::kUnlisted) return;
+  if (exact && report.status == PKGDIST_STATUS_IN_PROGRESS)
+    return on_in_progress(*transfer, node, now);
+  if (exact && report.status == PKGDIST_STATUS_UNKNOWN_FILE) {
+    if (state == TransferNode::State::kOpen) unlist(*transfer, node, now);
+    return;
+  }
+  // A node that gave up before it had any information reports no file id.
+  const bool gave_up = report.file_id == kNoTransfer && report.status != 0;
+  if (!exact && !gave_up) return on_stale_report(*transfer, node, now);
+  end_node(*transfer, node, report.status);
+  close_if_ended(*transfer);
+}
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,25 @@
+// The file list of a push, cut into pieces that are announced one at a time: a node asks for a file
+// that it was told of and heard nothing about for a second, and gives it up after 21, so a list
+// must not run far ahead of the stream.
+#pragma once
+
+#include <vector>
+
+#include "pkgdist_lead/push.h"
+
+namespace pkgdist::lead {
+
+// Files [first, end) of a push.
+struct FileRange {
+  uint32_t first = 0;
+  uint32_t end = 0;
+};
+
+std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files);
+
+// The control message of operation 1 for some files of a push, encoded. Several messages when the
+// names do not fit into one.
+std::vector<std::vector<uint8_t>> encode_file_lists(const PushRequest& push, uint32_t xact,
+                                                    const std::vector<uint32_t>& files);
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,24 @@
+#include "pacer.h"
+
+namespace pkgdist::lead {
+
+void Pacer::set_rate(uint64_t bits_per_second) {
+  rate_bits_ = std::max<uint64_t>(bits_per_second, 1);
+  bytes_per_ns_ = static_cast<double>(rate_bits_) / 8.0 / static_cast<double>(kSecond);
+  depth_ = std::clamp(bytes_per_ns_ * static_cast<double>(kSecond) * kDepthSeconds, kBatchBytes,
+                      kMaxDepthBytes);
+}
+
+void Pacer::refill(Time now) {
+  const Time passed = elapsed(now, refilled_);
+  refilled_ = std::max(now, refilled_);
+  tokens_ = std::min(depth_, tokens_ + static_cast<double>(passed) * bytes_per_ns_);
+}
+
+Time Pacer::next_ready(Time now) const {
+  const double lacking = std::min(kBatchBytes, depth_) - tokens_;
+  if (lacking <= 0) return now;
+  return now + static_cast<Time>(lacking / bytes_per_ns_) + 1;
+}
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,375 @@
+#include "push_job.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "pkgdist/status.h"
+
+namespace pkgdist::lead {
+
+namespace {
+
+// Announced files ahead of the stream: enough to hide the nodes' answers for files they have.
+constexpr size_t kMaxWaitingFiles = 256;
+constexpr uint64_t kMaxWaitingBytes = 64 * 1024 * 1024;
+// Files in transfer, most of them settling: memory, and patience with what is behind.
+constexpr size_t kMaxActiveFiles = 2048;
+// How long the files of a piece wait for nodes that do not acknowledge its list.
+constexpr Time kListWait = 2 * kSecond;
+// A node that gave a file up gets it again so many times.
+constexpr uint32_t kMaxTimeouts = 2;
+
+}  // namespace
+
+PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, ControlStream& control,
+                 DataSender& data, Events& events)
+    : request_(std::move(request)),
+      xact_(xact),
+      nodes_(nodes),
+      control_(control),
+      data_(data),
+      events_(events),
+      pieces_(cut_file_list(request_.files)),
+      piece_deadline_(pieces_.size(), 0) {
+  for (uint32_t i = 0; i < request_.files.size(); ++i) {
+    by_name_.emplace(request_.files[i].name, i);
+    summary_.bytes += request_.files[i].size;
+  }
+  summary_.files = request_.files.size();
+}
+
+void PushJob::begin(Time now) {
+  now_ = now;
+  summary_.started_at = now;
+  for (NodeIndex i = 0; i < nodes_.size(); ++i)
+    if (nodes_[i].info.pid != 0 && !nodes_[i].silent) on_node_fresh(i);
+}
+
+void PushJob::stop(Time now) {
+  if (phase_ == Phase::kFinished) return;
+  data_.abandon(request_.files.size());
+  phase_ = Phase::kFinished;
+  summary_.finished_at = now;
+}
+
+// --- Nodes ---
+
+bool PushJob::wanted(uint32_t address) const {
+  return request_.nodes.empty() ||
+         std::find(request_.nodes.begin(), request_.nodes.end(), address) != request_.nodes.end();
+}
+
+PushJob::Member* PushJob::member(NodeIndex node) {
+  return node < members_.size() && members_[node].known ? &members_[node] : nullptr;
+}
+
+void PushJob::on_node_fresh(NodeIndex node) {
+  const NodeInfo& info = nodes_[node].info;
+  if (phase_ == Phase::kFinished || info.pid == 0 || !wanted(info.address)) return;
+  if (node >= members_.size()) members_.resize(node + size_t{1});
+  Member& fresh = members_[node];
+  if (!fresh.known) {
+    fresh.known = true;
+    fresh.ended.resize(request_.files.size());
+    fresh.left = static_cast<uint32_t>(request_.files.size());
+    fresh.report.address = info.address;
+    fresh.report.heard = true;
+  }
+  fresh.report.node_id = info.node_id;
+  fresh.report.silent = false;
+  fresh.present = true;
+  fresh.heard.assign(pieces_.size(), Heard::kNothing);
+  relists_.erase(node);
+  ready_piece_ = kNoPiece;
+  go_round_ = true;
+  if (phase_ != Phase::kRunning) return;
+  std::set<uint32_t> pieces;
+  for (const auto& [file, id] : active_)
+    if (needs(fresh, file)) pieces.insert(piece_of(file));
+  for (uint32_t piece : pieces) announce(piece, {node});
+}
+
+void PushJob::on_node_silent(NodeIndex node) {
+  Member* gone = member(node);
+  if (gone == nullptr) return;
+  gone->present = false;
+  gone->report.silent = true;
+  ready_piece_ = kNoPiece;
+}
+
+void PushJob::on_requested_segments(NodeIndex node, uint32_t segments) {
+  if (Member* asking = member(node)) asking->report.repairs += segments;
+}
+
+bool PushJob::gathered() const {
+  const auto present =
+      std::count_if(members_.begin(), members_.end(), [](const Member& m) { return m.present; });
+  const size_t expected = request_.nodes.empty() ? request_.node_count : request_.nodes.size();
+  return static_cast<size_t>(present) >= expected;
+}
+
+void PushJob::gather(Time now) {
+  const bool waited = elapsed(now, summary_.started_at) >= request_.node_timeout;
+  if (!gathered() && !waited) return;
+  phase_ = Phase::kRunning;
+  summary_.started = true;
+  summary_.started_at = now;
+  const auto present =
+      std::count_if(members_.begin(), members_.end(), [](const Member& m) { return m.present; });
+  events_.push_started(summary_.files, summary_.bytes, static_cast<uint32_t>(present));
+}
+
+// --- Lists ---
+
+uint32_t PushJob::piece_of(uint32_t file) const {
+  const auto after = std::upper_bound(pieces_.begin(), pieces_.end(), file,
+                                      [](uint32_t f, FileRange range) { return f < range.end; });
+  return static_cast<uint32_t>(after - pieces_.begin());
+}
+
+bool PushJob::needs_any(const Member& member, FileRange range) const {
+  if (!member.present || member.left == 0) return false;
+  for (uint32_t file = range.first; file < range.end; ++file)
+    if (!member.ended[file]) return true;
+  return false;
+}
+
+std::vector<uint32_t> PushJob::lacking(const Member& member, FileRange range) const {
+  std::vector<uint32_t> files;
+  for (uint32_t file = range.first; file < range.end; ++file)
+    if (!member.ended[file]) files.push_back(file);
+  return files;
+}
+
+// Tells everybody who needs the piece; true when its files can go out.
+bool PushJob::piece_ready(uint32_t piece) {
+  if (piece == ready_piece_) return true;
+  std::vector<NodeIndex> untold;
+  bool unacknowledged = false;
+  for (NodeIndex i = 0; i < members_.size(); ++i) {
+    const Member& one = members_[i];
+    if (!one.known || !needs_any(one, pieces_[piece])) continue;
+    if (one.heard[piece] == Heard::kNothing) untold.push_back(i);
+    unacknowledged |= one.heard[piece] != Heard::kAcknowledged;
+  }
+  if (!untold.empty()) announce(piece, untold);
+  if (unacknowledged && now_ < piece_deadline_[piece]) return false;
+  ready_piece_ = piece;
+  return true;
+}
+
+void PushJob::announce(uint32_t piece, const std::vector<NodeIndex>& nodes) {
+  // Nodes that lack the same files share a message.
+  std::map<std::vector<uint32_t>, std::vector<NodeIndex>> groups;
+  for (NodeIndex node : nodes) {
+    Member& one = members_[node];
+    if (one.heard[piece] != Heard::kNothing) continue;
+    one.heard[piece] = Heard::kTold;
+    groups[lacking(one, pieces_[piece])].push_back(node);
+  }
+  for (const auto& [files, group] : groups)
+    if (!files.empty()) post_list(files, group, piece);
+  piece_deadline_[piece] = now_ + kListWait;
+}
+
+void PushJob::post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes,
+                        uint32_t piece) {
+  const bool everyone = request_.nodes.empty() && nodes.size() == nodes_.size();
+  const size_t group = everyone ? nodes.size() : kMaxNodesPerMessage;
+  for (size_t start = 0; start < nodes.size(); start += group) {
+    const std::vector<NodeIndex> some(
+        nodes.begin() + static_cast<ptrdiff_t>(start),
+        nodes.begin() + static_cast<ptrdiff_t>(std::min(nodes.size(), start + group)));
+    Audience audience;
+    if (!everyone) audience.card_class = PKGDIST_CARD_CLASS_NODE_LIST;
+    if (!everyone)
+      for (NodeIndex node : some) audience.nodes.push_back(nodes_[node].info.address);
+    for (std::vector<uint8_t>& list : encode_file_lists(request_, xact_, files)) {
+      const uint32_t sequence =
+          control_.post(PKGDIST_CTRL_CLASS_FILE_SEND, std::move(list), audience, some, now_);
+      told_[sequence] = piece != kNoPiece ? Told{piece, {}} : Told{kNoPiece, files};
+    }
+  }
+}
+
+void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
+  const auto found = told_.find(sequence);
+  Member* one = member(node);
+  if (found == told_.end() || one == nullptr) return;
+  const Told& told = found->second;
+  if (told.piece != kNoPiece) {
+    one->heard[told.piece] = Heard::kAcknowledged;
+    ready_piece_ = kNoPiece;
+    go_round_ |= pieces_[told.piece].first < cursor_;
+  }
+  for (const auto& [file, id] : active_) {
+    const bool covered = told.piece != kNoPiece
+                             ? piece_of(file) == told.piece
+                             : std::binary_search(told.files.begin(), told.files.end(), file);
+    const Transfer* transfer = covered && needs(*one, file) ? data_.get(id) : nullptr;
+    if (transfer == nullptr) continue;
+    const bool open =
+        node < transfer->nodes.size() && transfer->nodes[node].state == TransferNode::State::kOpen;
+    if (!open) data_.join(id, node, false, now_);
+  }
+}
+
+void PushJob::flush_relists() {
+  auto relists = std::move(relists_);
+  relists_.clear();
+  for (auto& [node, files] : relists)
+    if (members_[node].present) post_list({files.begin(), files.end()}, {node}, kNoPiece);
+}
+
+// --- Files ---
+
+std::vector<NodeIndex> PushJob::listeners(uint32_t file) const {
+  const uint32_t piece = piece_of(file);
+  std::vector<NodeIndex> nodes;
+  for (NodeIndex i = 0; i < members_.size(); ++i) {
+    const Member& one = members_[i];
+    if (one.known && needs(one, file) && one.heard[piece] == Heard::kAcknowledged)
+      nodes.push_back(i);
+  }
+  return nodes;
+}
+
+bool PushJob::anyone_needs(uint32_t file) const {
+  return std::any_of(members_.begin(), members_.end(),
+                     [&](const Member& one) { return one.known && needs(one, file); });
+}
+
+// Moves the cursor to the next file that somebody lacks and that is not in transfer.
+bool PushJob::pick_file() {
+  for (;;) {
+    for (; cursor_ < request_.files.size(); ++cursor_)
+      if (!active_.contains(cursor_) && anyone_needs(cursor_)) return true;
+    if (!go_round_) return false;
+    go_round_ = false;
+    cursor_ = 0;
+  }
+}
+
+void PushJob::start_file(uint32_t file, std::vector<NodeIndex> nodes) {
+  active_[file] = data_.start({request_.location, request_.files[file].name}, request_.priority,
+                              file, nodes, now_);
+}
+
+void PushJob::feed() {
+  while (data_.waiting_files() < kMaxWaitingFiles && data_.waiting_bytes() < kMaxWaitingBytes &&
+         data_.active_files() < kMaxActiveFiles && pick_file()) {
+    if (!piece_ready(piece_of(cursor_))) return;
+    const std::vector<NodeIndex> nodes = listeners(cursor_);
+    const FileKey key{request_.location, request_.files[cursor_].name};
+    // Left out, a file comes again: when a node acknowledges, or when the other transfer ends.
+    if (!nodes.empty() && data_.find(key) == kNoTransfer) start_file(cursor_, nodes);
+    ++cursor_;
+  }
+}
+
+bool PushJob::start_requested(const FileKey& key, NodeIndex node, Time now) {
+  now_ = now;
+  const auto found = by_name_.find(key.name);
+  const Member* asking = member(node);
+  if (phase_ != Phase::kRunning || key.location != request_.location || asking == nullptr ||
+      found == by_name_.end() || !needs(*asking, found->second))
+    return false;
+  std::vector<NodeIndex> nodes = listeners(found->second);
+  if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) nodes.push_back(node);
+  start_file(found->second, nodes);
+  return true;
+}
+
+bool PushJob::retry_timeout(NodeIndex node, uint32_t file, uint64_t status) {
+  if (status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) return false;
+  if (++timeouts_[uint64_t{node} << 32 | file] > kMaxTimeouts) return false;
+  relists_[node].insert(file);
+  go_round_ = true;
+  return true;
+}
+
+void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped) {
+  const auto file = static_cast<uint32_t>(transfer.tag);
+  Member* one = member(node);
+  if (one == nullptr || one->ended[file] || retry_timeout(node, file, status)) return;
+  one->ended[file] = true;
+  if (status != 0) {
+    one->report.failed[file] = status;
+  } else {
+    ++one->report.files_done;
+    one->report.bytes_done += transfer.attributes.size;
+    if (skipped) ++one->report.files_skipped;
+  }
+  if (--one->left == 0) one->report.finished_at = now_;
+  events_.file_ended(nodes_[node].info, transfer.key.name, status, skipped);
+}
+
+bool PushJob::on_unlisted(const Transfer& transfer, NodeIndex node) {
+  Member* one = member(node);
+  if (phase_ != Phase::kRunning || one == nullptr || !one->present) return false;
+  relists_[node].insert(static_cast<uint32_t>(transfer.tag));
+  return true;
+}
+
+void PushJob::on_closed(const Transfer& transfer) {
+  const auto file = static_cast<uint32_t>(transfer.tag);
+  active_.erase(file);
+  if (phase_ == Phase::kRunning && anyone_needs(file)) go_round_ = true;
+}
+
+// --- The course of the push ---
+
+void PushJob::finish_if_ended() {
+  if (!active_.empty()) return;
+  for (const Member& one : members_)
+    if (one.present && one.left != 0) return;
+  phase_ = Phase::kFinished;
+  summary_.finished_at = now_;
+  events_.push_finished();
+}
+
+void PushJob::run(Time now) {
+  now_ = now;
+  if (phase_ == Phase::kGathering) gather(now);
+  if (phase_ != Phase::kRunning) return;
+  if (!relists_.empty()) flush_relists();
+  feed();
+  finish_if_ended();
+}
+
+Time PushJob::next_deadline() const {
+  if (phase_ == Phase::kFinished) return kNever;
+  if (phase_ == Phase::kGathering) return summary_.started_at + request_.node_timeout;
+  Time deadline = kNever;
+  for (Time wait : piece_deadline_)
+    if (wait > now_) deadline = std::min(deadline, wait);
+  return deadline;
+}
+
+PushReport PushJob::report() const {
+  PushReport report = summary_;
+  report.finished = phase_ == Phase::kFinished;
+  report.stream_bytes = data_.stream_bytes();
+  for (const Member& one : members_) {
+    if (!one.known) continue;
+    PushNodeReport& node = report.nodes.emplace_back(one.report);
+    if (one.left != 0) node.open = lacking(one, {0, static_cast<uint32_t>(request_.files.size())});
+  }
+  const auto absent = [&](uint32_t address) {
+    return std::none_of(report.nodes.begin(), report.nodes.end(),
+                        [&](const PushNodeReport& node) { return node.address == address; });
+  };
+  for (uint32_t address : request_.nodes)
+    if (absent(address)) report.nodes.emplace_back().address = address;
+  report.expected_nodes = request_.nodes.empty() ? request_.node_count : request_.nodes.size();
+  return report;
+}
+
+bool PushReport::complete() const {
+  if (!finished || nodes.size() < expected_nodes) return false;
+  return std::all_of(nodes.begin(), nodes.end(), [&](const PushNodeReport& node) {
+    return node.heard && node.failed.empty() && node.open.empty() && node.files_done == files;
+  });
+}
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,118 @@
+// One push: a list of files that a set of nodes must have.
+//
+// The list is announced piece by piece (file_list.h); the files of a piece are handed to the data
+// stream once the nodes have acknowledged it, or after a bounded wait. Every node has a record of
+// the files that ended on it and of the pieces that it has heard of. A node that appears, restarts
+// or comes back has heard of nothing: the pieces in transfer are announced to it at once, and the
+// walk over the files goes round again for what had gone by. A node that says that it never heard
+// of a file is told of it again.
+#pragma once
+
+#include <set>
+#include <unordered_map>
+
+#include "control_stream.h"
+#include "data_sender.h"
+#include "file_list.h"
+
+namespace pkgdist::lead {
+
+class PushJob {
+ public:
+  PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, ControlStream& control,
+          DataSender& data, Events& events);
+
+  void begin(Time now);
+  void stop(Time now);
+  void run(Time now);
+  Time next_deadline() const;
+
+  bool gathering() const { return phase_ == Phase::kGathering; }
+  bool finished() const { return phase_ == Phase::kFinished; }
+  Time node_timeout() const { return request_.node_timeout; }
+  PushReport report() const;
+
+  // The node appeared, restarted or came back: it has to be told everything.
+  void on_node_fresh(NodeIndex node);
+  void on_node_silent(NodeIndex node);
+  void on_acknowledged(uint32_t sequence, NodeIndex node);
+  void on_requested_segments(NodeIndex node, uint32_t segments);
+
+  // Transfers whose tag is the index of a file of this push.
+  void on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped);
+  bool on_unlisted(const Transfer& transfer, NodeIndex node);
+  void on_closed(const Transfer& transfer);
+  // A transfer outside of the push ended; it may have stood in the way of one of its files.
+  void on_other_closed() { go_round_ = true; }
+
+  // A node asked for a file that has no transfer. True when it is one of this push that the node
+  // still lacks; it is then started out of turn.
+  bool start_requested(const FileKey& key, NodeIndex node, Time now);
+
+ private:
+  enum class Phase : uint8_t { kGathering, kRunning, kFinished };
+  enum class Heard : uint8_t { kNothing, kTold, kAcknowledged };
+
+  struct Member {
+    bool known = false;        // belongs to the push and was heard
+    bool present = false;      // and is not silent
+    std::vector<bool> ended;   // by file
+    std::vector<Heard> heard;  // by piece
+    PushNodeReport report;
+    uint32_t left = 0;  // files that have not ended
+  };
+
+  bool wanted(uint32_t address) const;
+  bool gathered() const;
+  void gather(Time now);
+  void feed();
+  bool pick_file();
+  bool needs(const Member& member, uint32_t file) const {
+    return member.present && !member.ended[file];
+  }
+  bool needs_any(const Member& member, FileRange range) const;
+  bool anyone_needs(uint32_t file) const;
+  std::vector<NodeIndex> listeners(uint32_t file) const;
+  bool piece_ready(uint32_t piece);
+  void announce(uint32_t piece, const std::vector<NodeIndex>& nodes);
+  void post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes, uint32_t piece);
+  std::vector<uint32_t> lacking(const Member& member, FileRange range) const;
+  uint32_t piece_of(uint32_t file) const;
+  void start_file(uint32_t file, std::vector<NodeIndex> nodes);
+  void flush_relists();
+  void finish_if_ended();
+  bool retry_timeout(NodeIndex node, uint32_t file, uint64_t status);
+  Member* member(NodeIndex node);
+
+  static constexpr uint32_t kNoPiece = UINT32_MAX;
+
+  const PushRequest request_;
+  const uint32_t xact_;
+  const NodeTable& nodes_;
+  ControlStream& control_;
+  DataSender& data_;
+  Events& events_;
+
+  Phase phase_ = Phase::kGathering;
+  Time now_ = 0;
+  PushReport summary_;
+  std::vector<FileRange> pieces_;
+  std::vector<Time> piece_deadline_;  // when files go out without the last acknowledgements
+  std::unordered_map<std::string, uint32_t> by_name_;
+  std::vector<Member> members_;  // by node index
+
+  uint32_t cursor_ = 0;                              // next file of the walk
+  bool go_round_ = false;                            // something before the cursor is needed again
+  uint32_t ready_piece_ = kNoPiece;                  // found ready, until somebody's state changes
+  std::unordered_map<uint32_t, TransferId> active_;  // by file
+
+  struct Told {
+    uint32_t piece = kNoPiece;
+    std::vector<uint32_t> files;  // for lists that are not a whole piece
+  };
+  std::unordered_map<uint32_t, Told> told_;                    // by sequence
+  std::unordered_map<NodeIndex, std::set<uint32_t>> relists_;  // files to tell a node of again
+  std::unordered_map<uint64_t, uint32_t> timeouts_;            // (node, file) -> given up so often
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,45 @@
+// The segments of one file that nodes asked for again.
+//
+// Requests of all nodes are merged. A segment that was just repaired is not repaired again for a
+// short while: nodes lose it together and ask one after the other. What was asked for is remembered
+// until the nodes have the file, because a repair can be lost, too, and its node does not ask again
+// for seconds.
+#pragma once
+
+#include "pkgdist_lead/time.h"
+#include "segment_set.h"
+
+namespace pkgdist::lead {
+
+class RepairQueue {
+ public:
+  explicit RepairQueue(uint32_t segments)
+      : due_(segments), recent_(segments), older_(segments), asked_(segments) {}
+
+  // Enters a run inside the file; returns how many segments became due.
+  uint32_t request(uint32_t first, uint32_t num, Time now);
+
+  bool empty() const { return due_.empty(); }
+  // Takes the next due segment in rising order, going round. Not for an empty queue.
+  uint32_t take(Time now);
+
+  // Makes everything due that was asked for since forget_asked().
+  void repeat_asked() { due_.insert_all(asked_); }
+  uint32_t asked() const { return asked_.count(); }
+  void forget_asked() { asked_.clear(); }
+  void clear() { due_.clear(); }
+
+ private:
+  // A segment is held back for one to two of these.
+  static constexpr Time kHoldoff = 12 * kMillisecond;
+  void rotate(Time now);
+
+  SegmentSet due_;
+  SegmentSet recent_;  // repaired since rotated_
+  SegmentSet older_;   // repaired in the period before
+  SegmentSet asked_;
+  Time rotated_ = 0;
+  uint32_t cursor_ = 0;
+};
+
+}  // namespace pkgdist::lead

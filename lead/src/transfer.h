@@ -1,0 +1,108 @@
+// One file on its way: what is sent, how far, and how each node stands with it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "node_table.h"
+#include "pkgdist_lead/content.h"
+#include "repair_queue.h"
+#include "turn.h"
+
+namespace pkgdist::lead {
+
+using TransferId = uint32_t;  // the file id on the wire, never 0
+inline constexpr TransferId kNoTransfer = 0;
+
+struct FileKey {
+  uint32_t location = 0;
+  std::string name;
+
+  // Index key: no location has a name of another.
+  std::string text() const { return std::to_string(location) + ':' + name; }
+};
+
+// How a node stands with a transfer.
+struct TransferNode {
+  enum class State : uint8_t {
+    kAbsent,    // not concerned
+    kOpen,      // has not reported an end
+    kUnlisted,  // has not heard the file list; waits until it was announced to it again
+    kEnded,
+  };
+  State state = State::kAbsent;
+  bool answered = false;  // the last miss done
+  bool asked = false;     // for segments, since the last miss done
+  bool has_info = false;  // asked for segments of this transfer at some time
+  uint8_t stale = 0;      // answers about an earlier transfer of the same file, in a row
+};
+
+struct Transfer {
+  enum class Stage : uint8_t {
+    kQueued,     // information not sent yet
+    kAnnounced,  // information sent, no segment
+    kStreaming,
+    kSettling,  // stream ended: nodes are asked how they stand, and repaired
+  };
+
+  Transfer(TransferId id_, FileKey key_, const FileAttributes& attributes_, uint32_t segments_)
+      : id(id_),
+        key(std::move(key_)),
+        attributes(attributes_),
+        segments(segments_),
+        turn(segments_),
+        repairs(segments_) {}
+
+  const TransferId id;
+  const FileKey key;
+  const FileAttributes attributes;
+  const uint32_t segments;
+
+  uint64_t tag = 0;  // the owner's
+  uint32_t priority = 0;
+  uint64_t status = 0;  // non-zero: cannot be sent, nodes are told so
+  Stage stage = Stage::kQueued;
+  Turn turn;
+  RepairQueue repairs;
+  std::unique_ptr<Content> content;  // null while closed
+
+  std::vector<TransferNode> nodes;  // by node index
+  uint32_t open = 0;                // nodes in State::kOpen
+  uint32_t unlisted = 0;            // nodes in State::kUnlisted
+
+  uint64_t segments_sent = 0;
+  bool first_turn = true;
+  Time info_sent = 0;
+  Time last_request = 0;
+
+  // Settling.
+  Time timer = kNever;
+  Time asked_at = 0;      // last miss done
+  uint32_t answers = 0;   // open nodes that answered it
+  bool help_now = false;  // a node asked for help: do not wait for answers
+  uint32_t stuck = 0;     // rounds in a row that nodes answered 'in progress' to, asking nothing
+  uint32_t mute = 0;      // rounds in a row that no node answered
+  uint32_t repeats = 0;   // times that everything asked for was sent again since progress
+  bool in_repair_line = false;
+
+  TransferNode& node(NodeIndex index) {
+    if (index >= nodes.size()) nodes.resize(index + size_t{1});
+    return nodes[index];
+  }
+  void set_state(NodeIndex index, TransferNode::State state);
+  void progress() { stuck = mute = repeats = 0; }
+};
+
+inline void Transfer::set_state(NodeIndex index, TransferNode::State state) {
+  TransferNode& at = node(index);
+  open -= at.state == TransferNode::State::kOpen;
+  unlisted -= at.state == TransferNode::State::kUnlisted;
+  answers -= at.state == TransferNode::State::kOpen && at.answered;
+  at.answered = at.asked = false;
+  at.state = state;
+  open += state == TransferNode::State::kOpen;
+  unlisted += state == TransferNode::State::kUnlisted;
+}
+
+}  // namespace pkgdist::lead

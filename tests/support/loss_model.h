@@ -1,0 +1,120 @@
+// What a network can do to a datagram, as named, seeded, replayable objects.
+//
+// A model decides the fate of one datagram after the other; a path has one model, and Path composes
+// several. Equal seeds give equal decisions.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace pkgdist::test {
+
+struct Fate {
+  bool dropped = false;
+  int copies = 1;               // more than one: duplicated
+  uint64_t extra_delay_ns = 0;  // overtaken by what is sent later
+};
+
+class LossModel {
+ public:
+  virtual ~LossModel() = default;
+  virtual void decide(Fate& fate) = 0;
+};
+
+// Drops each datagram with a probability.
+class RandomLoss : public LossModel {
+ public:
+  RandomLoss(double rate, uint64_t seed) : rate_(rate), random_(seed) {}
+  void decide(Fate& fate) override { fate.dropped |= uniform_(random_) < rate_; }
+
+ private:
+  double rate_;
+  std::mt19937_64 random_;
+  std::uniform_real_distribution<double> uniform_{0, 1};
+};
+
+// Drops runs: enters a bad state with a probability and stays in it for some datagrams.
+class BurstLoss : public LossModel {
+ public:
+  BurstLoss(double rate, int length, uint64_t seed) : rate_(rate), length_(length), random_(seed) {}
+  void decide(Fate& fate) override {
+    if (left_ == 0 && uniform_(random_) < rate_) left_ = length_;
+    if (left_ == 0) return;
+    --left_;
+    fate.dropped = true;
+  }
+
+ private:
+  double rate_;
+  int length_;
+  int left_ = 0;
+  std::mt19937_64 random_;
+  std::uniform_real_distribution<double> uniform_{0, 1};
+};
+
+// Drops the datagrams numbered (from 0) first .. first+count-1.
+class DropRange : public LossModel {
+ public:
+  DropRange(uint64_t first, uint64_t count) : first_(first), count_(count) {}
+  void decide(Fate& fate) override {
+    const uint64_t number = seen_++;
+    fate.dropped |= number >= first_ && number - first_ < count_;
+  }
+
+ private:
+  uint64_t first_;
+  uint64_t count_;
+  uint64_t seen_ = 0;
+};
+
+class RandomDuplicate : public LossModel {
+ public:
+  RandomDuplicate(double rate, uint64_t seed) : rate_(rate), random_(seed) {}
+  void decide(Fate& fate) override {
+    if (uniform_(random_) < rate_) ++fate.copies;
+  }
+
+ private:
+  double rate_;
+  std::mt19937_64 random_;
+  std::uniform_real_distribution<double> uniform_{0, 1};
+};
+
+// Delays some datagrams so that later ones overtake them.
+class RandomReorder : public LossModel {
+ public:
+  RandomReorder(double rate, uint64_t delay_ns, uint64_t seed)
+      : rate_(rate), delay_ns_(delay_ns), random_(seed) {}
+  void decide(Fate& fate) override {
+    if (uniform_(random_) < rate_) fate.extra_delay_ns += delay_ns_;
+  }
+
+ private:
+  double rate_;
+  uint64_t delay_ns_;
+  std::mt19937_64 random_;
+  std::uniform_real_distribution<double> uniform_{0, 1};
+};
+
+// Several models one after the other.
+class Path {
+ public:
+  template <class Model, class... Args>
+  Path& with(Args&&... args) {
+    models_.push_back(std::make_shared<Model>(std::forward<Args>(args)...));
+    return *this;
+  }
+  Fate next() {
+    Fate fate;
+    for (const auto& model : models_) model->decide(fate);
+    return fate;
+  }
+
+ private:
+  std::vector<std::shared_ptr<LossModel>> models_;
+};
+
+}  // namespace pkgdist::test

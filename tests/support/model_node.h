@@ -1,0 +1,164 @@
+// A receiving node under a virtual clock: the protocol rules of the receive library without its
+// threads, sockets and files. Tests of the lead run whole clusters of these.
+//
+// Modelled: lead detection, sequencing, reassembly, NACKs and acknowledgement points; file lists,
+// informations, skipping, segments, gap requests, all four time-outs with linear back-off and their
+// limit, miss done, reports; the loss of everything but the disk at a restart.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "wire_frame.h"
+
+namespace pkgdist::test {
+
+struct StoredFile {
+  Bytes content;
+  uint32_t mode = 0;
+  uint32_t mtime = 0;
+  bool symlink = false;
+  bool operator==(const StoredFile&) const = default;
+};
+
+// By "location:name"; outlives the node that writes it.
+using Disk = std::map<std::string, StoredFile>;
+
+inline std::string disk_key(uint32_t location, const std::string& name) {
+  return std::to_string(location) + ':' + name;
+}
+
+class ModelNode {
+ public:
+  enum class To { kControl, kData };
+  using Send = std::function<void(To, Bytes)>;
+
+  struct Identity {
+    uint32_t address = 0;
+    uint32_t pid = 0;
+    uint32_t node_id = 0;
+    uint32_t card_class = 7;
+  };
+
+  ModelNode(Identity identity, Disk& disk, Send send);
+
+  void on_control(std::span<const uint8_t> bytes, uint64_t now);
+  void on_data(std::span<const uint8_t> bytes, uint64_t now);
+  void run(uint64_t now);
+  uint64_t next_deadline() const;
+
+  // Asks the lead for a file, as a caller of the library would.
+  void get_file(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
+                uint64_t now);
+
+  // How each file ended last, by disk key.
+  const std::map<std::string, uint64_t>& ended() const { return ended_; }
+  bool receiving() const { return !entries_.empty(); }
+
+  struct Counters {
+    uint64_t lists = 0;             // file lists delivered
+    uint64_t control_messages = 0;  // of all classes, delivered
+    uint64_t infos = 0;
+    uint64_t segments = 0;    // stored
+    uint64_t duplicates = 0;  // of segments
+    uint64_t bad = 0;
+    uint64_t skipped = 0;
+    uint64_t not_found = 0;
+    uint64_t time_outs = 0;
+    uint64_t requests = 0;  // for segments
+    uint64_t file_requests = 0;
+  };
+  const Counters& counters() const { return counters_; }
+
+ private:
+  struct Received {  // a control message being received; without segments a placeholder
+    uint32_t sequence = 0;
+    uint32_t msg_class = 0;
+    uint64_t total = 0;
+    uint32_t segment_size = 0;
+    std::vector<bool> have;
+    Bytes data;
+    uint32_t nacks = 0;
+    uint64_t stamp = 0;
+  };
+  struct Entry {  // a file being received
+    uint32_t id = 0;
+    std::string name;
+    uint32_t location = 0, type = 0, priority = 0;
+    bool pending = true, link = false, open = false;
+    uint32_t size = 0, segment_size = 0, mode = 0, mtime = 0;
+    uint32_t segments = 0;
+    std::vector<bool> have, missing;
+    uint32_t received = 0, lacking = 0;
+    uint32_t first = 0, last = 0;
+    Bytes content;
+    uint64_t start = 0, repair = 0;
+    uint32_t time_outs = 0;
+  };
+  struct Ended {
+    uint32_t id = 0;
+    std::string name;
+    uint32_t location = 0;
+    uint64_t status = 0, time = 0;
+  };
+  using EntryAt = std::list<Entry>::iterator;
+
+  // control
+  bool take_lead(const struct pkgdist_ctrl_msg_hdr& header, bool ping, uint64_t now);
+  void on_ping(const struct pkgdist_ctrl_msg_hdr& header, uint64_t now);
+  void on_message(const struct pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> body,
+                  uint64_t now);
+  bool rejects(uint32_t card_class, const struct pkgdist_ctrl_msg& body) const;
+  void deliver(Received& message, uint64_t now);
+  void add_placeholder(uint32_t sequence, uint64_t now);
+  void advance_point(uint32_t done);
+  std::list<Received>::iterator find_received(uint32_t sequence);
+  void answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t> segment);
+  void scan_control(uint64_t now);
+
+  // data
+  void on_list(std::span<const uint8_t> bytes, uint64_t now);
+  void on_info(std::span<const uint8_t> body, uint64_t now);
+  void on_segment(std::span<const uint8_t> body, uint64_t now);
+  void on_miss_done(std::span<const uint8_t> body);
+  bool skips(const Entry& entry) const;
+  void store(Entry& entry, uint32_t segment, const uint8_t* data, uint64_t length);
+  void track(Entry& entry, uint32_t segment, uint32_t expected, bool repair, uint64_t now);
+  void request_gap(Entry& entry, uint32_t from, uint32_t to, uint64_t now);
+  void request_all(Entry& entry, bool mark, uint64_t now);
+  bool time_out(EntryAt at, uint64_t now);
+  void scan_data(uint64_t now);
+  void add_entry(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
+                 uint64_t now);
+  void end(EntryAt at, uint64_t status, uint64_t now);
+  EntryAt find_entry(const std::string& name, uint32_t location);
+  EntryAt find_entry(uint32_t id);
+  void send_file_request(const Entry& entry);
+  void send_request(uint32_t id, uint32_t segment, uint32_t num);
+  void send_report(uint32_t id, uint64_t status, const std::string& name, uint32_t location);
+
+  Identity self_;
+  Disk& disk_;
+  Send send_;
+  Counters counters_;
+
+  uint32_t lead_ = 0, lead_pid_ = 0;
+  uint64_t lead_heard_ = 0;
+  uint32_t last_sequence_ = 0, point_ = 0;
+  std::list<Received> received_;
+  uint64_t control_scanned_ = 0;
+
+  std::list<Entry> entries_;
+  std::unordered_map<std::string, EntryAt> by_name_;
+  std::unordered_map<uint32_t, EntryAt> by_id_;
+  std::list<Ended> stats_;
+  std::map<std::string, uint64_t> ended_;
+  uint64_t data_scanned_ = 0, last_data_ = 0;
+};
+
+}  // namespace pkgdist::test
