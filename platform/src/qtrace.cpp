@@ -171,7 +171,7 @@ void qtrace_internal(qtrace_handle_t trace, uint32_t point, int first, int secon
   record.second = second;
   va_list arguments;
   va_start(arguments, format);
-  platform::TracePayload(record, signature).put_all(signature, arguments);
+  platform::TracePayload(record, signature).put_all(signature, &arguments);
   va_end(arguments);
   ring->publish(record);
 }

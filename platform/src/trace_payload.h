@@ -24,16 +24,16 @@ class TracePayload {
 
   // Takes the arguments in order; one that has no space, or a letter that does not exist, ends the
   // record.
-  void put_all(const char* signature, va_list arguments) noexcept {
+  void put_all(const char* signature, va_list* arguments) noexcept {
     for (const char* type = signature; *type != '\0'; ++type) {
       if (smallest(*type) == 0 || record_.payload_size + smallest(*type) > kSize) {
         record_.flags |= QTRACE_LAYOUT_ARGUMENTS_CUT;
         return;
       }
       put(type, 1);
-      if (*type == 's') put_string(va_arg(arguments, const char*));
-      if (*type == 'd') put_value(va_arg(arguments, uint32_t));
-      if (*type == 'D') put_value(va_arg(arguments, uint64_t));
+      if (*type == 's') put_string(va_arg(*arguments, const char*));
+      if (*type == 'd') put_value(va_arg(*arguments, uint32_t));
+      if (*type == 'D') put_value(va_arg(*arguments, uint64_t));
     }
   }
 

@@ -84,7 +84,7 @@ class TraceRing {
     const std::atomic_ref<uint64_t> commit(commit_word);
     uint64_t seen = commit.load(std::memory_order_relaxed);
     do {
-      if ((seen & QTRACE_LAYOUT_BUSY) != 0 || seen > number) return false;
+      if (seen > number) return false;  // a younger record, or busy: the top bit is above them all
     } while (!commit.compare_exchange_weak(seen, QTRACE_LAYOUT_BUSY | (number + 1),
                                            std::memory_order_acquire, std::memory_order_relaxed));
     return true;

@@ -114,6 +114,7 @@ TEST(InstCommon, threads_that_create_the_same_directories_all_succeed) {
   const TempDir dir;
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 100; ++i) {

@@ -104,6 +104,7 @@ TEST_F(LevmThreads, every_entry_of_many_putters_arrives) {
     ASSERT_EQ(0, levm_attach_qitc_handle(loop_, channel, count_entries, 0, 0, 0, 0));
   }
   std::vector<std::thread> putters;
+  putters.reserve(kPutters);
   for (int p = 0; p < kPutters; ++p) {
     putters.emplace_back([&] {
       for (uint64_t i = 0; i < kEach; ++i) put(channels[i % 2]);

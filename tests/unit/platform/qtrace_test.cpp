@@ -1,6 +1,7 @@
 // Recording into trace rings and reading them back from the file.
 #include "platform/qtrace.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -253,6 +254,33 @@ TEST_F(Qtrace, only_written_records_take_space) {
   EXPECT_LE(trace.file().disk_bytes() - before, 128u * 1024u);
 }
 
+// Stands in for a writer that was stopped in the middle of a record, or for one that was overtaken.
+void overwrite_commit_word(const std::string& path, uint64_t offset, uint64_t word) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  EXPECT_EQ(static_cast<ssize_t>(sizeof word),
+            pwrite(fd, &word, sizeof word, static_cast<off_t>(offset)));
+  close(fd);
+}
+
+TEST_F(Qtrace, slots_that_are_busy_or_hold_a_younger_record_are_left_alone) {
+  const qtrace_handle_t handle = open_ring("taken", 3);
+  const TraceReader trace = reader();
+  const qtrace_layout_ring* ring = trace.ring("taken");
+  ASSERT_NE(nullptr, ring);
+  const std::string path = directory() + "/" QTRACE_LAYOUT_FILE_PREFIX + std::to_string(getpid());
+  overwrite_commit_word(path, ring->records_offset, QTRACE_LAYOUT_BUSY | 1);
+  overwrite_commit_word(path, ring->records_offset + 256, 1 + 3 + 1);
+  for (uint32_t i = 0; i < 3; ++i) qtrace_internal(handle, 50 + i, 0, 0, "", "unused");
+  EXPECT_EQ(2u, ring->lost);
+  EXPECT_EQ(QTRACE_LAYOUT_BUSY | 1, trace.slot(*ring, 0)->commit);
+  EXPECT_EQ(0u, trace.slot(*ring, 0)->point);
+  EXPECT_EQ(5u, trace.slot(*ring, 1)->commit);
+  EXPECT_EQ(0u, trace.slot(*ring, 1)->point);
+  const auto third = trace.record(*ring, 2);
+  ASSERT_TRUE(third);
+  EXPECT_EQ(52u, third->point);
+}
+
 // Every thread records its number and a running count, with a text that belongs to both. A record
 // mixed from two writers cannot pass.
 bool is_consistent(const qtrace_layout_record& record) {
@@ -268,6 +296,7 @@ TEST_F(Qtrace, concurrent_writers_and_a_reader_see_only_whole_records) {
   const qtrace_handle_t handle = open_ring("crowd", 7);  // small: writers lap each other
   std::atomic<int> writing{kWriters};
   std::vector<std::thread> writers;
+  writers.reserve(kWriters);
   for (int w = 0; w < kWriters; ++w) {
     writers.emplace_back([&, w] {
       const std::string text(static_cast<size_t>(100 + w), static_cast<char>('a' + w));
@@ -306,6 +335,7 @@ TEST_F(Qtrace, concurrent_writers_lose_nothing_in_a_ring_with_room) {
   constexpr int kEach = 1000;
   const qtrace_handle_t handle = open_ring("roomy", kWriters * kEach);
   std::vector<std::thread> writers;
+  writers.reserve(kWriters);
   for (int w = 0; w < kWriters; ++w) {
     writers.emplace_back([&, w] {
       for (int i = 0; i < kEach; ++i) qtrace_internal(handle, 1, w, i, "d", "unused", i);

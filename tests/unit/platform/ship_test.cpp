@@ -358,6 +358,13 @@ TEST(ShipProcesses, a_forked_child_registers_in_an_object_of_its_own) {
   EXPECT_EQ(tables, mine.at<ship_layout_header>(0)->table_count);
 }
 
+TEST(ShipProcesses, a_forked_child_that_registers_nothing_leaves_the_object_alone) {
+  add("spared", SHIP_KIND_TRANSPORT_COUNTERS, entries_named({"A"}));
+  Child child([] { return 0; }, true);
+  EXPECT_EQ(0, child.wait());
+  EXPECT_TRUE(attach_to(getpid()));
+}
+
 TEST(ShipProcesses, a_leftover_of_a_recycled_pid_is_replaced) {
   Child child(
       [] {
