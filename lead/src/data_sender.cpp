@@ -321,10 +321,6 @@ bool DataSender::send_stream(Time now) {
   }
   if (!send_segment(*transfer, transfer->turn.segment(), false, now)) return true;
   loss_.sent(1);
-  if (transfer->first_turn)
-    stream_bytes_ += std::min<uint64_t>(
-        self_.segment_size,
-        transfer->attributes.size - uint64_t{transfer->turn.segment()} * self_.segment_size);
   transfer->turn.advance();
   if (transfer->turn.active()) return true;
   transfer->first_turn = false;

@@ -83,7 +83,6 @@ class DataSender {
   void run(Time now);
   Time next_deadline(Time now) const;
   uint64_t rate_bits() const { return pacer_.rate(); }
-  uint64_t stream_bytes() const { return stream_bytes_; }
 
  private:
   using Line = std::deque<TransferId>;
@@ -151,7 +150,6 @@ class DataSender {
   TransferId last_id_;
   size_t waiting_ = 0;
   uint64_t waiting_bytes_ = 0;
-  uint64_t stream_bytes_ = 0;
   Time stream_due_ = kNever;      // when streamable() will find something; long ago: at once
   std::vector<uint32_t> listed_;  // scratch of open_nodes()
 

@@ -346,14 +346,22 @@ Time PushJob::next_deadline() const {
   return deadline;
 }
 
+uint64_t PushJob::bytes_in_transfer(const Member& one) const {
+  uint64_t bytes = 0;
+  for (const auto& [file, id] : active_)
+    if (const Transfer* transfer = needs(one, file) ? data_.get(id) : nullptr)
+      bytes += transfer->streamed_bytes();
+  return bytes;
+}
+
 PushReport PushJob::report() const {
   PushReport report = summary_;
   report.finished = phase_ == Phase::kFinished;
-  report.stream_bytes = data_.stream_bytes();
   for (const Member& one : members_) {
     if (!one.known) continue;
     PushNodeReport& node = report.nodes.emplace_back(one.report);
     if (one.left != 0) node.open = lacking(one, {0, static_cast<uint32_t>(request_.files.size())});
+    node.bytes_in_transfer = bytes_in_transfer(one);
   }
   const auto absent = [&](uint32_t address) {
     return std::none_of(report.nodes.begin(), report.nodes.end(),

@@ -78,6 +78,7 @@ class PushJob {
   void post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes, uint32_t piece);
   std::vector<uint32_t> lacking(const Member& member, FileRange range) const;
   uint32_t piece_of(uint32_t file) const;
+  uint64_t bytes_in_transfer(const Member& one) const;
   void start_file(uint32_t file, std::vector<NodeIndex> nodes);
   void flush_relists();
   void finish_if_ended();

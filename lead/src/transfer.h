@@ -91,6 +91,12 @@ struct Transfer {
     return nodes[index];
   }
   void set_state(NodeIndex index, TransferNode::State state);
+  // Of the content, as far as the first turn has come.
+  uint64_t streamed_bytes() const {
+    if (stage == Stage::kQueued || stage == Stage::kAnnounced) return 0;
+    return first_turn ? attributes.size * std::min<uint64_t>(turn.done(), segments) / segments
+                      : attributes.size;
+  }
   void progress() { stuck = mute = repeats = 0; }
 };
 

@@ -26,6 +26,9 @@ class Turn {
   // file's last.
   uint32_t last() const { return static_cast<uint32_t>((stop_ - 1) % segments_); }
 
+  // Segments sent since the turn began, more than the file has when it was extended.
+  uint64_t done() const { return cursor_; }
+
   // Segments that the stream still comes to.
   uint64_t ahead() const { return active() ? stop_ - cursor_ : 0; }
 

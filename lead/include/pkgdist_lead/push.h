@@ -36,6 +36,7 @@ struct PushNodeReport {
   uint64_t files_done = 0;
   uint64_t files_skipped = 0;           // of files_done: were there already
   uint64_t bytes_done = 0;              // of content, skipped files included
+  uint64_t bytes_in_transfer = 0;       // sent of the files that it is receiving
   uint64_t repairs = 0;                 // segments asked for again
   Time finished_at = 0;                 // when the last file ended, 0 before
   std::map<uint32_t, uint64_t> failed;  // index in PushRequest::files -> status
@@ -48,8 +49,7 @@ struct PushReport {
   Time started_at = 0;
   Time finished_at = 0;
   uint64_t files = 0;
-  uint64_t bytes = 0;         // of content, once
-  uint64_t stream_bytes = 0;  // of the files in transfer, how much was sent in their first turn
+  uint64_t bytes = 0;  // of content, once
   size_t expected_nodes = 0;
   std::vector<PushNodeReport> nodes;  // heard or asked for
 

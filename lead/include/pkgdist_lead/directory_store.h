@@ -1,0 +1,42 @@
+// The lead's content in directories: one root for each storage location.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "pkgdist_lead/content.h"
+#include "pkgdist_lead/push.h"
+
+namespace pkgdist::lead {
+
+class DirectoryStore : public ContentStore {
+ public:
+  void set_root(uint32_t location, std::string directory);
+  // The root of a location, empty when it has none.
+  std::string root(uint32_t location) const;
+
+  // Regular files and symbolic links (as links, never what they point to). ENOENT also for a
+  // location without a root; EISDIR for a directory, ENXIO for other kinds of files.
+  int open(uint32_t location, const std::string& name, FileAttributes& attributes,
+           std::unique_ptr<Content>& content) override;
+
+ private:
+  std::map<uint32_t, std::string> roots_;
+};
+
+// What a push of some paths consists of.
+struct FileTree {
+  std::vector<PushFile> files;        // sorted by name, each once
+  std::vector<std::string> warnings;  // special files that were left out
+  std::vector<std::string> problems;  // why the push must not begin; empty: it may
+};
+
+// Collects regular files and symbolic links below `root`. A path is a file or directory, relative
+// to the root, or absolute or relative to the working directory and inside the root. Directories
+// are walked without following links. What cannot travel (a name that is too long, a file of 4 GiB
+// and more, a link target of more than 255 bytes) is a problem; what may not be read shows when its
+// turn comes.
+FileTree collect_files(const std::string& root, const std::vector<std::string>& paths);
+
+}  // namespace pkgdist::lead

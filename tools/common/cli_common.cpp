@@ -1,0 +1,126 @@
+#include "cli_common.h"
+
+#include <arpa/inet.h>
+#include <fmt/core.h>
+
+#include <charconv>
+#include <cstdio>
+
+namespace pkgdist::cli {
+
+namespace {
+
+constexpr uint32_t kLocations = 6;
+constexpr const char* kMemoryPrefix = "mem:";
+
+[[noreturn]] void refuse(const std::string& what, const std::string& value) {
+  throw CLI::ValidationError(fmt::format("{}: '{}'", what, value));
+}
+
+template <class Number>
+bool parse_number(const std::string& text, Number& value) {
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, value);
+  return result.ec == std::errc() && result.ptr == end;
+}
+
+// An option whose value a parser turns into something else.
+template <class Parse, class Store>
+CLI::Option* add_parsed(CLI::App& app, const std::string& names, const std::string& help,
+                        const std::string& type, const std::string& preset, Parse parse,
+                        Store store) {
+  CLI::Option* option = app.add_option_function<std::string>(
+      names, [parse, store](const std::string& text) { store(parse(text)); }, help);
+  option->type_name(preset.empty() ? type : fmt::format("{} [{}]", type, preset));
+  return option;
+}
+
+}  // namespace
+
+std::string format_address(uint32_t address) {
+  return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 255, address >> 8 & 255,
+                     address & 255);
+}
+
+uint32_t parse_address(const std::string& text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) refuse("not an IPv4 address", text);
+  return ntohl(address.s_addr);
+}
+
+uint16_t parse_port(const std::string& text) {
+  uint16_t port = 0;
+  if (!parse_number(text, port) || port == 0) refuse("not a port from 1 to 65535", text);
+  return port;
+}
+
+Endpoint parse_group(const std::string& text) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos) refuse("not GROUP:PORT", text);
+  const Endpoint group{parse_address(text.substr(0, colon)), parse_port(text.substr(colon + 1))};
+  constexpr uint32_t kMulticast = 0xE;  // 224.0.0.0/4
+  if (group.address >> 28 != kMulticast) refuse("not a multicast group", text);
+  return group;
+}
+
+Location parse_location(const std::string& text) {
+  Location location;
+  const size_t equals = text.find('=');
+  if (equals == std::string::npos || !parse_number(text.substr(0, equals), location.number) ||
+      location.number == 0 || location.number > kLocations || equals + 1 == text.size())
+    refuse("not N=DIR with N from 1 to 6", text);
+  location.path = text.substr(equals + 1);
+  location.memory = location.path.rfind(kMemoryPrefix, 0) == 0;
+  if (location.memory) location.path.erase(0, std::string(kMemoryPrefix).size());
+  return location;
+}
+
+void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
+  CommonOptions* o = &options;
+  add_parsed(app, "--interface", "own IPv4 address", "ADDR", "", parse_address,
+             [o](uint32_t address) { o->interface = address; })
+      ->required();
+  add_parsed(app, "--ctrl-group", "multicast group of the control channel", "GROUP:PORT",
+             "239.255.71.1:7100", parse_group, [o](Endpoint group) { o->ctrl_group = group; });
+  add_parsed(app, "--data-group", "multicast group of the data channel", "GROUP:PORT",
+             "239.255.71.2:7101", parse_group, [o](Endpoint group) { o->data_group = group; });
+  add_parsed(app, "--lead-port", "the lead's control port", "PORT", "7102", parse_port,
+             [o](uint16_t port) { o->lead_port = port; });
+  add_parsed(app, "--node-port", "the nodes' control port", "PORT", "7103", parse_port,
+             [o](uint16_t port) { o->node_port = port; });
+  add_parsed(app, "--req-port", "the lead's port for data requests", "PORT", "7104", parse_port,
+             [o](uint16_t port) { o->req_port = port; });
+  app.add_option_function<std::vector<std::string>>(
+         "--location",
+         [o, memory](const std::vector<std::string>& texts) {
+           for (const std::string& text : texts) {
+             const Location location = parse_location(text);
+             if (location.memory && !memory) refuse("not a directory", text);
+             o->locations[location.number] = location;
+           }
+         },
+         memory ? "storage location N, a directory or mem:/PREFIX (repeatable)"
+                : "content root of storage location N (repeatable)")
+      ->type_name("N=DIR")
+      ->allow_extra_args(false);
+  app.add_flag("--json", options.json, "one JSON object per event instead of lines for people");
+  app.add_flag("-v", options.verbosity, "tell more (repeatable)");
+  app.set_version_flag("--version", std::string(PKGDIST_VERSION));
+}
+
+int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main) {
+  try {
+    app.parse(argc, argv);
+    return main();
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  } catch (const CLI::Error& error) {
+    fmt::print(stderr, "{}: {}\n", app.get_name(), error.what());
+    return kExitUsage;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "{}: {}\n", app.get_name(), error.what());
+    return kExitFailure;
+  }
+}
+
+}  // namespace pkgdist::cli

@@ -1,0 +1,58 @@
+// Option types and common options of the programs. Every parser throws CLI::ValidationError with a
+// text that names the value, which run_cli() prints as one line.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+namespace pkgdist::cli {
+
+// Exit statuses of all programs.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+
+// "10.0.0.1" for the address in host byte order, and back.
+std::string format_address(uint32_t address);
+uint32_t parse_address(const std::string& text);
+uint16_t parse_port(const std::string& text);
+
+struct Endpoint {
+  uint32_t address = 0;  // host byte order
+  uint16_t port = 0;
+};
+// "239.255.71.1:7100"; the address must be a multicast group.
+Endpoint parse_group(const std::string& text);
+
+// Where the files of a storage location are: a directory, or names with a prefix in shared memory.
+struct Location {
+  uint32_t number = 0;
+  std::string path;
+  bool memory = false;
+};
+// "N=DIR" or "N=mem:/prefix".
+Location parse_location(const std::string& text);
+
+struct CommonOptions {
+  uint32_t interface = 0;
+  Endpoint ctrl_group{0xEFFF4701, 7100};  // 239.255.71.1
+  Endpoint data_group{0xEFFF4702, 7101};  // 239.255.71.2
+  uint16_t lead_port = 7102;
+  uint16_t node_port = 7103;
+  uint16_t req_port = 7104;
+  std::map<uint32_t, Location> locations;
+  bool json = false;
+  int verbosity = 0;
+};
+
+// Adds the options to a program. `memory`: locations in shared memory are allowed.
+void add_common_options(CLI::App& app, CommonOptions& options, bool memory);
+
+// Parses, then calls `main`, whose result is the exit status. --help and --version end with 0,
+// usage errors with kExitUsage and one line, exceptions with kExitFailure and one line.
+int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main);
+
+}  // namespace pkgdist::cli

@@ -1,0 +1,130 @@
+#include <fmt/core.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "progress.h"
+#include "reporter.h"
+#include "session.h"
+
+namespace pkgdist::lead_program {
+
+namespace {
+
+constexpr lead::Time kDrawPeriod = 200 * lead::kMillisecond;
+// Lines in a log: seldom enough to be read.
+constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
+constexpr lead::Time kJsonPeriod = lead::kSecond;
+
+int usage_error(const std::string& text) {
+  fmt::print(stderr, "pkgdist-lead: {}\n", text);
+  return cli::kExitUsage;
+}
+
+lead::PushRequest push_request(const LeadOptions& options, std::vector<lead::PushFile> files) {
+  lead::PushRequest request;
+  request.files = std::move(files);
+  request.location = options.location;
+  request.type = options.type;
+  request.priority = options.priority;
+  request.nodes = options.nodes;
+  request.node_count = options.node_count;
+  request.node_timeout = static_cast<lead::Time>(options.timeout_seconds * 1e9);
+  return request;
+}
+
+// Shows a push while it runs: bars on a terminal, lines otherwise.
+class Display {
+ public:
+  Display(Reporter& reporter, bool json) : reporter_(reporter) {
+    bars_wanted_ = !json && ::isatty(STDOUT_FILENO) == 1;
+    period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
+    if (bars_wanted_) reporter_.before_line = [this] { bars_.erase(); };
+  }
+  ~Display() {
+    bars_.erase();
+    reporter_.before_line = nullptr;
+  }
+  Display(const Display&) = delete;
+  Display& operator=(const Display&) = delete;
+
+  lead::Time period() const { return period_; }
+
+  void show(lead::Lead& lead, lead::Time now) {
+    if (shown_ == 0) shown_ = now;
+    if (lead::elapsed(now, shown_) < period_) return;
+    shown_ = now;
+    const lead::PushReport report = lead.push_report();
+    if (!report.started) return;
+    if (bars_wanted_)
+      bars_.draw(report, now);
+    else
+      reporter_.progress(report, lead.rate_bits(), now);
+  }
+
+ private:
+  Reporter& reporter_;
+  ProgressBars bars_;
+  bool bars_wanted_ = false;
+  lead::Time period_ = kLinePeriod;
+  lead::Time shown_ = 0;
+};
+
+void say_counters(Reporter& reporter, Session& session) {
+  const lead::Counters& c = session.lead().counters();
+  reporter.json().print("counters", {{"segments_sent", c.segments_sent},
+                                     {"repairs_sent", c.repairs_sent},
+                                     {"segments_requested", c.segments_requested},
+                                     {"infos_sent", c.infos_sent},
+                                     {"miss_done_sent", c.miss_done_sent},
+                                     {"control_sent", c.control_sent},
+                                     {"control_resent", c.control_resent},
+                                     {"data_bytes_sent", c.data_bytes_sent},
+                                     {"bad_datagrams", c.bad_datagrams},
+                                     {"send_errors", session.transport().send_errors()}});
+  reporter.say(fmt::format("sent {} segments, {} of them repairs; {} on the data channel",
+                           c.segments_sent, c.repairs_sent,
+                           format_bytes(static_cast<double>(c.data_bytes_sent))));
+}
+
+}  // namespace
+
+int push_command(const LeadOptions& options) {
+  const auto location = options.common.locations.find(options.location);
+  if (location == options.common.locations.end())
+    return usage_error(fmt::format("--location {}=DIR is missing", options.location));
+  lead::FileTree tree = lead::collect_files(location->second.path, options.paths);
+  for (const std::string& warning : tree.warnings)
+    fmt::print(stderr, "pkgdist-lead: warning: {}\n", warning);
+  if (!tree.problems.empty())
+    return usage_error(tree.problems.size() == 1
+                           ? tree.problems[0]
+                           : fmt::format("{} (and {} more like this)", tree.problems[0],
+                                         tree.problems.size() - 1));
+  const lead::PushRequest request = push_request(options, std::move(tree.files));
+
+  Reporter reporter(options.common.json, options.common.verbosity);
+  Session session(options, reporter);
+  if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
+    return usage_error(problem);
+  bool ran = false;
+  {
+    Display display(reporter, options.common.json);
+    ran = session.run(
+        [&](lead::Time now) {
+          display.show(session.lead(), now);
+          return !session.lead().push_running();
+        },
+        display.period());
+  }
+  if (!ran) {
+    reporter.json().print("interrupted", {});
+    reporter.say("interrupted");
+    session.lead().stop_push(lead::monotonic_now());
+  }
+  const lead::PushReport report = session.lead().push_report();
+  reporter.summary(report, request);
+  say_counters(reporter, session);
+  return report.complete() ? cli::kExitOk : cli::kExitFailure;
+}
+
+}  // namespace pkgdist::lead_program

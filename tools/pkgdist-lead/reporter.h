@@ -1,0 +1,52 @@
+// What the lead's events look like: lines for people, or JSON.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "json_events.h"
+#include "pkgdist_lead/events.h"
+#include "pkgdist_lead/push.h"
+
+namespace pkgdist::lead_program {
+
+class Reporter : public lead::Events {
+ public:
+  Reporter(bool json, int verbosity) : json_(json), verbosity_(verbosity) {}
+
+  // A line for people, on standard output; nothing with JSON.
+  void say(const std::string& line);
+  // Called before and after a line, to get a progress display out of the way.
+  std::function<void()> before_line, after_line;
+
+  void node_appeared(const lead::NodeInfo& node) override;
+  void node_restarted(const lead::NodeInfo& node) override;
+  void node_silent(const lead::NodeInfo& node) override;
+  void node_returned(const lead::NodeInfo& node) override;
+  void push_started(uint64_t files, uint64_t bytes, uint32_t nodes) override;
+  void file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
+                  bool skipped) override;
+  void file_requested(const lead::NodeInfo& node, uint32_t location, const std::string& name,
+                      uint64_t status) override;
+  void request_ended(const lead::NodeInfo& node, uint32_t location, const std::string& name,
+                     uint64_t status) override;
+
+  // How the push stands; `rate_bits` is the stream's.
+  void progress(const lead::PushReport& report, uint64_t rate_bits, lead::Time now);
+  void summary(const lead::PushReport& report, const lead::PushRequest& request);
+
+  const cli::JsonEvents& json() const { return json_; }
+
+ private:
+  void node_event(const char* event, const char* text, const lead::NodeInfo& node);
+  void table(const lead::PushReport& report);
+  void missing(const lead::PushReport& report, const lead::PushRequest& request);
+
+  cli::JsonEvents json_;
+  int verbosity_;
+};
+
+// "12.3 MB" and the like.
+std::string format_bytes(double bytes);
+
+}  // namespace pkgdist::lead_program

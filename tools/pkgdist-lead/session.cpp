@@ -1,0 +1,75 @@
+#include "session.h"
+
+#include <signal.h>
+#include <sys/random.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace pkgdist::lead_program {
+
+namespace {
+
+lead::UdpSettings udp_settings(const LeadOptions& options) {
+  const cli::CommonOptions& common = options.common;
+  return {.address = common.interface,
+          .ctrl_group = common.ctrl_group.address,
+          .ctrl_port = common.ctrl_group.port,
+          .data_group = common.data_group.address,
+          .data_port = common.data_group.port,
+          .lead_port = common.lead_port,
+          .node_port = common.node_port,
+          .req_port = common.req_port,
+          .ttl = static_cast<uint8_t>(options.ttl)};
+}
+
+lead::Settings lead_settings(const LeadOptions& options) {
+  lead::Settings settings;
+  settings.address = options.common.interface;
+  settings.pid = static_cast<uint32_t>(::getpid());
+  settings.rate_bits = options.rate_bits;
+  settings.max_rate_bits = options.max_rate_bits;
+  settings.node_timeout = static_cast<lead::Time>(options.timeout_seconds * 1e9);
+  if (::getrandom(&settings.seed, sizeof settings.seed, 0) != sizeof settings.seed)
+    settings.seed = lead::monotonic_now();
+  return settings;
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  fd_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+}
+
+StopSignals::~StopSignals() {
+  ::close(fd_);
+}
+
+Session::Session(const LeadOptions& options, lead::Events& events)
+    : transport_(udp_settings(options)),
+      lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, events)) {
+  for (const auto& [number, location] : options.common.locations)
+    store_.set_root(number, location.path);
+}
+
+bool Session::run(const std::function<bool(lead::Time now)>& done, lead::Time tick) {
+  for (;;) {
+    const lead::Time now = lead::monotonic_now();
+    transport_.receive(*lead_, now);
+    lead_->run(now);
+    transport_.flush();
+    if (done(now)) return true;
+    if (transport_.wait(std::min(lead_->next_deadline(now), now + tick), signals_.fd()))
+      return false;
+  }
+}
+
+}  // namespace pkgdist::lead_program

@@ -1,0 +1,46 @@
+// A running lead: sockets, content roots, signals and the loop around the protocol core.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "lead_options.h"
+#include "pkgdist_lead/directory_store.h"
+#include "pkgdist_lead/lead.h"
+#include "pkgdist_lead/udp_transport.h"
+
+namespace pkgdist::lead_program {
+
+// SIGINT and SIGTERM as a readable descriptor instead of a handler.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+};
+
+class Session {
+ public:
+  // Throws std::system_error when a socket cannot be had.
+  Session(const LeadOptions& options, lead::Events& events);
+
+  lead::Lead& lead() { return *lead_; }
+  lead::DirectoryStore& store() { return store_; }
+  lead::UdpTransport& transport() { return transport_; }
+
+  // Runs until `done` says so, called every `tick` at least. False when a signal ended it.
+  bool run(const std::function<bool(lead::Time now)>& done, lead::Time tick);
+
+ private:
+  StopSignals signals_;
+  lead::DirectoryStore store_;
+  lead::UdpTransport transport_;
+  std::unique_ptr<lead::Lead> lead_;
+};
+
+}  // namespace pkgdist::lead_program
