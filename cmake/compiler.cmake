@@ -12,3 +12,6 @@ if(PKGDIST_SANITIZE)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
 endif()
+
+# Paths in assertions and trace catalogues are relative to the tree.
+add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)

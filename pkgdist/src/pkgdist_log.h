@@ -41,8 +41,9 @@ inline constexpr int32_t kThresholdRoutine = 2;
 
 enum class Ring : int32_t { kErrors = 0, kLibrary = 1 };
 
-// What the catalogue knows of one statement.
-struct TracePoint {
+// What the catalogue knows of one statement. Size and alignment are equal, so that the compiler's
+// wish to align large objects leaves no gaps between the points of the section.
+struct alignas(64) TracePoint {
   const char* file;
   const char* function;
   const char* format;
@@ -50,8 +51,8 @@ struct TracePoint {
   int32_t line;
   int32_t threshold;
   Ring ring;
-  int32_t reserved;
 };
+static_assert(sizeof(TracePoint) == alignof(TracePoint));
 
 std::span<const TracePoint> catalogue();
 uint32_t number_of(const TracePoint& point);
@@ -104,7 +105,7 @@ void write(const TracePoint& point, const char* format, Arguments... arguments) 
         __FILE__, static_cast<const char*>(__func__),                                             \
         format_,  PkgdistSignature::text,                                                         \
         __LINE__, threshold_,                                                                     \
-        ring_,    0};                                                                             \
+        ring_};                                                                                   \
     ::pkgdist::log::write(pkgdist_point, format_ __VA_OPT__(, ) __VA_ARGS__);                     \
   } while (false)
 
