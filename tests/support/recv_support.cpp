@@ -26,6 +26,7 @@ namespace support {
 namespace {
 
 std::atomic<uint64_t> now_ns{0};
+std::atomic<bool> real_time{false};
 
 struct Fault {
   std::atomic<unsigned> calls{0};
@@ -37,6 +38,8 @@ Fault fault_table[static_cast<size_t>(Call::kCount)];
 std::atomic<unsigned> sleep_count{0};
 std::atomic<unsigned> short_write_nth{0};
 std::atomic<size_t> short_write_bytes{0};
+std::atomic<unsigned> short_send_nth{0};
+std::atomic<size_t> short_send_bytes{0};
 
 // The error number with which this call is to fail, or 0.
 int failing(Call call) {
@@ -49,6 +52,11 @@ std::mutex guard;  // of the two below
 std::vector<Sent> sent_datagrams;
 std::vector<Record> log_records;
 std::atomic<bool> capturing{false};
+
+std::vector<Registration> registrations;
+std::vector<TraceOpen> opened_traces;
+std::vector<TraceEnable> enabled_traces;
+std::vector<nodeid_handle_t> identities;  // made by nodeid_create() since the last reset
 
 // Value blocks, as the statistics library would hand them out.
 uint8_t crt_counters[29 * 20], crs_counters[13 * 20], drt_counters[24 * 20], drs_counters[15 * 20];
@@ -146,13 +154,36 @@ void register_blocks() {
   pkgdist_drs_ship_histogram_hdl = drs_histograms;
 }
 
+// The block that belongs to a table's handle.
+void* block_of(void** handle) {
+  const std::pair<void**, void*> blocks[] = {{&pkgdist_crt_ship_counter_hdl, crt_counters},
+                                             {&pkgdist_crt_ship_histogram_hdl, crt_histograms},
+                                             {&pkgdist_crs_ship_counter_hdl, crs_counters},
+                                             {&pkgdist_crs_ship_histogram_hdl, crs_histograms},
+                                             {&pkgdist_drt_ship_counter_hdl, drt_counters},
+                                             {&pkgdist_drt_ship_watermark_hdl, drt_watermarks},
+                                             {&pkgdist_drt_ship_histogram_hdl, drt_histograms},
+                                             {&pkgdist_drs_ship_counter_hdl, drs_counters},
+                                             {&pkgdist_drs_ship_histogram_hdl, drs_histograms}};
+  for (const auto& [table_handle, block] : blocks)
+    if (table_handle == handle) return block;
+  ADD_FAILURE() << "a handle of no table";
+  return nullptr;
+}
+
 }  // namespace
 
 uint64_t clock::now() {
-  return now_ns;
+  if (!real_time) return now_ns;
+  timespec now{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * kSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 void clock::advance(uint64_t nanoseconds) {
   now_ns += nanoseconds;
+}
+void clock::follow_real_time() {
+  real_time = true;
 }
 
 void faults::fail(Call call, unsigned nth, int error_number) {
@@ -173,6 +204,7 @@ void faults::clear() {
   }
   sleep_count = 0;
   short_write_nth = 0;
+  short_send_nth = 0;
 }
 unsigned faults::calls(Call call) {
   return fault_table[static_cast<size_t>(call)].calls;
@@ -184,6 +216,21 @@ void faults::short_write(unsigned nth, size_t bytes) {
   fault_table[static_cast<size_t>(Call::kWrite)].calls = 0;
   short_write_nth = nth;
   short_write_bytes = bytes;
+}
+
+std::vector<Registration>& registry::registrations() {
+  return support::registrations;
+}
+std::vector<TraceOpen>& registry::opened_traces() {
+  return support::opened_traces;
+}
+std::vector<TraceEnable>& registry::enabled_traces() {
+  return support::enabled_traces;
+}
+void faults::short_send(unsigned nth, size_t bytes) {
+  fault_table[static_cast<size_t>(Call::kSendto)].calls = 0;
+  short_send_nth = nth;
+  short_send_bytes = bytes;
 }
 
 std::vector<Sent>& wire::sent() {
@@ -287,6 +334,12 @@ void reset_library() {
   std::memset(G_data_recv_repository, 0, sizeof G_data_recv_repository);
   std::memset(G_data_recv_memory, 0, sizeof G_data_recv_memory);
   register_blocks();
+  for (nodeid_handle_t identity : identities) nodeid_destroy(identity);
+  identities.clear();
+  registrations.clear();
+  opened_traces.clear();
+  enabled_traces.clear();
+  G_pkgdist_qtrace_err_hdl = G_pkgdist_qtrace_lib_hdl = 0;
   sent_datagrams.clear();
   log_records.clear();
 }
@@ -304,7 +357,25 @@ void RecvTest::SetUp() {
   log_records.clear();
 }
 
+bool all_locks_are_free() {
+  pthread_mutex_t* const mutexes[] = {&G_ctrl_recv_rx_msg_db.mutex, &G_ctrl_recv_msg_db.mutex,
+                                      &G_ctrl_recv_ctx_db.mutex,    &G_ctrl_recv_qitc_db.mutex,
+                                      &G_file_stat_db.mutex,        &G_file_recv_db.mutex,
+                                      &G_data_recv_ctx_db.mutex,    &G_data_recv_qitc_db.mutex,
+                                      &G_data_rx_mutex,             &G_pkgdist_file_recv_mutex,
+                                      &atomic_mutex};
+  return std::all_of(std::begin(mutexes), std::end(mutexes), [](pthread_mutex_t* mutex) {
+    if (pthread_mutex_trylock(mutex) != 0) return false;
+    faults::clear();  // the unlock is not one of the calls under test
+    return pthread_mutex_unlock(mutex) == 0;
+  });
+}
+
 void RecvTest::TearDown() {
+  if (!all_locks_are_free()) {
+    ADD_FAILURE() << "a lock is still held";
+    std::abort();  // every later test would wait for it
+  }
   reset_library();
   wire::capture(false);
   std::filesystem::remove_all(directory_);
@@ -321,7 +392,7 @@ using support::failing;
 // --- Interposed platform functions ---
 
 extern "C" uint64_t fts_get_stamp_fast(void) {
-  return support::now_ns;
+  return support::clock::now();
 }
 
 extern "C" void qtrace_internal(qtrace_handle_t, uint32_t point, int, int ring,
@@ -332,6 +403,34 @@ extern "C" void qtrace_internal(qtrace_handle_t, uint32_t point, int, int ring,
   va_end(arguments);
   const std::lock_guard lock(support::guard);
   support::log_records.push_back({ring == 0, point, std::move(text), signature});
+}
+
+extern "C" int ship_register(const char* application, const char* table, const char* process,
+                             uint32_t kind, const uint32_t* parameter, ship_entry* entries,
+                             uint32_t count, void** handle) {
+  support::Registration made{application, table, process, kind, *parameter, {}, {}};
+  for (uint32_t i = 0; i < count; ++i) {
+    made.labels.emplace_back(entries[i].name, sizeof entries[i].name);
+    made.words.push_back(entries[i].word);
+  }
+  support::registrations.push_back(std::move(made));
+  if (int error = failing(Call::kShipRegister); error != 0) return error;
+  *handle = support::block_of(handle);
+  return 0;
+}
+
+extern "C" int qtrace_open_internal(const char* name, uint32_t records, uint32_t points,
+                                    const char* path, const char* catalogue_id, int reserved,
+                                    qtrace_handle_t* out) {
+  support::opened_traces.push_back({name, records, points, path, catalogue_id, reserved});
+  if (int error = failing(Call::kTraceOpen); error != 0) return error;
+  *out = support::opened_traces.size();
+  return 0;
+}
+
+extern "C" int qtrace_enable_configuration(qtrace_handle_t trace, uint64_t configuration) {
+  support::enabled_traces.push_back({trace, configuration});
+  return failing(Call::kTraceEnable);
 }
 
 // --- Wrapped system calls ---
@@ -390,6 +489,18 @@ PKGDIST_WRAP_RESULT(Call::kPthreadCreate, pthread_create,
                     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
                      void* argument),
                     (thread, attributes, body, argument))
+PKGDIST_WRAP_RESULT(Call::kQitcCreate, qitc_handle_create,
+                    (uint32_t size, int a, int b, int c, qitc_handle_t* out), (size, a, b, c, out))
+PKGDIST_WRAP_RESULT(Call::kQitcPut, qitc_put, (qitc_handle_t channel, void* entry),
+                    (channel, entry))
+PKGDIST_WRAP_RESULT(Call::kQitcGet, qitc_get, (qitc_handle_t channel, void** entry),
+                    (channel, entry))
+PKGDIST_WRAP_RESULT(Call::kLevmAttach, levm_attach_qitc_handle,
+                    (levm_handle_t levm, qitc_handle_t channel, qitc_handler_t handler,
+                     int priority, int a, int b, int c),
+                    (levm, channel, handler, priority, a, b, c))
+PKGDIST_WRAP_RESULT(Call::kNodeidToStr, nodeid_to_str_external,
+                    (nodeid_handle_t nodeid, char* buffer, size_t size), (nodeid, buffer, size))
 PKGDIST_WRAP_RESULT(Call::kMutexLock, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 PKGDIST_WRAP_RESULT(Call::kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 PKGDIST_WRAP_RESULT(Call::kCondSignal, pthread_cond_signal, (pthread_cond_t * condition),
@@ -401,6 +512,36 @@ PKGDIST_WRAP_RESULT(Call::kCondattrSetclock, pthread_condattr_setclock,
 PKGDIST_WRAP_RESULT(Call::kCondInit, pthread_cond_init,
                     (pthread_cond_t * condition, const pthread_condattr_t* attributes),
                     (condition, attributes))
+PKGDIST_WRAP_RESULT(Call::kCondTimedwait, pthread_cond_timedwait,
+                    (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* until),
+                    (condition, mutex, until))
+PKGDIST_WRAP_RESULT(Call::kQitcCreate, qitc_handle_create,
+                    (uint32_t size, int a, int b, int c, qitc_handle_t* out), (size, a, b, c, out))
+PKGDIST_WRAP_RESULT(Call::kQitcPut, qitc_put, (qitc_handle_t channel, void* entry),
+                    (channel, entry))
+PKGDIST_WRAP_RESULT(Call::kQitcGet, qitc_get, (qitc_handle_t channel, void** entry),
+                    (channel, entry))
+PKGDIST_WRAP_RESULT(Call::kLevmAttach, levm_attach_qitc_handle,
+                    (levm_handle_t levm, qitc_handle_t channel, qitc_handler_t handler,
+                     int priority, int a, int b, int c),
+                    (levm, channel, handler, priority, a, b, c))
+PKGDIST_WRAP_RESULT(Call::kShipRegister, ship_register,
+                    (const char* application, const char* table, const char* process,
+                     uint32_t kind, const uint32_t* parameter, ship_entry* entries, uint32_t count,
+                     void** handle),
+                    (application, table, process, kind, parameter, entries, count, handle))
+PKGDIST_WRAP_ERRNO(Call::kCreateDirs, int, instcomm_create_filepath_dirs, (const char* path),
+                   (path), -1)
+
+extern "C" int __real_nodeid_create(uint32_t, uint32_t, uint32_t, nodeid_handle_t*);
+extern "C" int __wrap_nodeid_create(uint32_t, uint32_t, uint32_t, nodeid_handle_t*);
+extern "C" int __wrap_nodeid_create(uint32_t first, uint32_t second, uint32_t third,
+                                    nodeid_handle_t* out) {
+  if (int error = failing(Call::kNodeidCreate); error != 0) return error;
+  const int result = __real_nodeid_create(first, second, third, out);
+  if (result == 0) support::identities.push_back(*out);
+  return result;
+}
 
 extern "C" ssize_t __real_sendto(int, const void*, size_t, int, const sockaddr*, socklen_t);
 extern "C" ssize_t __wrap_sendto(int, const void*, size_t, int, const sockaddr*, socklen_t);
@@ -417,7 +558,8 @@ extern "C" ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flag
   const std::lock_guard lock(support::guard);
   support::sent_datagrams.push_back({fd, ntohl(address.sin_addr.s_addr), ntohs(address.sin_port),
                                      support::Bytes(bytes, bytes + size)});
-  return static_cast<ssize_t>(size);
+  const bool cut = support::faults::calls(Call::kSendto) == support::short_send_nth;
+  return static_cast<ssize_t>(cut ? std::min(size, support::short_send_bytes.load()) : size);
 }
 
 extern "C" int __real_open(const char*, int, ...);

@@ -33,6 +33,7 @@ inline constexpr uint64_t kSecond = 1'000'000'000;
 namespace clock {
 uint64_t now();
 void advance(uint64_t nanoseconds);
+void follow_real_time();  // for real threads: from here on the process's monotonic clock
 }  // namespace clock
 
 // --- Faults: the n-th call (from 1) of a wrapped function fails, once. ---
@@ -64,6 +65,16 @@ enum class Call {
   kCondattrSetclock,
   kCondInit,
   kClockGettime,
+  // Platform calls.
+  kShipRegister,
+  kTraceOpen,
+  kTraceEnable,
+  kQitcCreate,
+  kQitcPut,
+  kQitcGet,
+  kLevmAttach,
+  kNodeidCreate,
+  kNodeidToStr,
   kCount
 };
 namespace faults {
@@ -73,7 +84,39 @@ void clear();
 unsigned calls(Call call);                     // since the last reset
 unsigned sleeps();                             // sleep() returns at once and is counted
 void short_write(unsigned nth, size_t bytes);  // the n-th write() writes only so much
+void short_send(unsigned nth, size_t bytes);   // the n-th sendto() reports only so much
 }  // namespace faults
+
+// --- The platform's registries: what the library asked them for. ---
+// Both are replaced: value blocks are the ones that value() and samples() read, trace handles are
+// 1, 2 ... in the order of their opening. Identities made by nodeid_create() live until the next
+// reset.
+struct Registration {
+  std::string application;
+  std::string table;
+  std::string process;
+  uint32_t kind;
+  uint32_t parameter;
+  std::vector<std::string> labels;
+  std::vector<uint64_t> words;
+};
+struct TraceOpen {
+  std::string name;
+  uint32_t records;
+  uint32_t points;
+  std::string path;
+  std::string catalogue_id;
+  int reserved;
+};
+struct TraceEnable {
+  uint64_t handle;
+  uint64_t configuration;
+};
+namespace registry {
+std::vector<Registration>& registrations();
+std::vector<TraceOpen>& opened_traces();
+std::vector<TraceEnable>& enabled_traces();
+}  // namespace registry
 
 // --- The wire: what the library sent to the lead. ---
 struct Sent {
@@ -163,5 +206,8 @@ class RecvTest : public testing::Test {
 
 // Empties every database and resets every global to its initial value.
 void reset_library();
+
+// Whether no mutex of the library is held. The fixture demands it at the end of each test.
+bool all_locks_are_free();
 
 }  // namespace support
