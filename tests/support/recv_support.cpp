@@ -358,11 +358,16 @@ void RecvTest::SetUp() {
 }
 
 bool all_locks_are_free() {
-  pthread_mutex_t* const mutexes[] = {&G_ctrl_recv_rx_msg_db.mutex, &G_ctrl_recv_msg_db.mutex,
-                                      &G_ctrl_recv_ctx_db.mutex,    &G_ctrl_recv_qitc_db.mutex,
-                                      &G_file_stat_db.mutex,        &G_file_recv_db.mutex,
-                                      &G_data_recv_ctx_db.mutex,    &G_data_recv_qitc_db.mutex,
-                                      &G_data_rx_mutex,             &G_pkgdist_file_recv_mutex,
+  pthread_mutex_t* const mutexes[] = {&G_ctrl_recv_rx_msg_db.mutex,
+                                      &G_ctrl_recv_msg_db.mutex,
+                                      &G_ctrl_recv_ctx_db.mutex,
+                                      &G_ctrl_recv_qitc_db.mutex,
+                                      &G_file_stat_db.mutex,
+                                      &G_file_recv_db.mutex,
+                                      &G_data_recv_ctx_db.mutex,
+                                      &G_data_recv_qitc_db.mutex,
+                                      &G_data_rx_mutex,
+                                      &G_pkgdist_file_recv_mutex,
                                       &atomic_mutex};
   return std::all_of(std::begin(mutexes), std::end(mutexes), [](pthread_mutex_t* mutex) {
     if (pthread_mutex_trylock(mutex) != 0) return false;
@@ -515,21 +520,6 @@ PKGDIST_WRAP_RESULT(Call::kCondInit, pthread_cond_init,
 PKGDIST_WRAP_RESULT(Call::kCondTimedwait, pthread_cond_timedwait,
                     (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* until),
                     (condition, mutex, until))
-PKGDIST_WRAP_RESULT(Call::kQitcCreate, qitc_handle_create,
-                    (uint32_t size, int a, int b, int c, qitc_handle_t* out), (size, a, b, c, out))
-PKGDIST_WRAP_RESULT(Call::kQitcPut, qitc_put, (qitc_handle_t channel, void* entry),
-                    (channel, entry))
-PKGDIST_WRAP_RESULT(Call::kQitcGet, qitc_get, (qitc_handle_t channel, void** entry),
-                    (channel, entry))
-PKGDIST_WRAP_RESULT(Call::kLevmAttach, levm_attach_qitc_handle,
-                    (levm_handle_t levm, qitc_handle_t channel, qitc_handler_t handler,
-                     int priority, int a, int b, int c),
-                    (levm, channel, handler, priority, a, b, c))
-PKGDIST_WRAP_RESULT(Call::kShipRegister, ship_register,
-                    (const char* application, const char* table, const char* process,
-                     uint32_t kind, const uint32_t* parameter, ship_entry* entries, uint32_t count,
-                     void** handle),
-                    (application, table, process, kind, parameter, entries, count, handle))
 PKGDIST_WRAP_ERRNO(Call::kCreateDirs, int, instcomm_create_filepath_dirs, (const char* path),
                    (path), -1)
 

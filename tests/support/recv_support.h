@@ -75,6 +75,8 @@ enum class Call {
   kLevmAttach,
   kNodeidCreate,
   kNodeidToStr,
+  kCreateDirs,
+  kCondTimedwait,
   kCount
 };
 namespace faults {
