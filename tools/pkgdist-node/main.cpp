@@ -1,0 +1,20 @@
+// pkgdist-node: receives what the lead pushes (run), asks it for files (get), or sends it a message
+// (send).
+#include "commands.h"
+
+int main(int argc, char** argv) {
+  using namespace pkgdist;
+  CLI::App app("Receives files and messages from the lead of a cluster.", "pkgdist-node");
+  node_program::NodeOptions options;
+  node_program::add_node_options(app, options);
+  return cli::run_cli(app, argc, argv, [&] {
+    switch (options.command) {
+      case node_program::Command::kGet:
+        return node_program::get_command(options);
+      case node_program::Command::kSend:
+        return node_program::send_command(options);
+      default:
+        return node_program::run_command(options);
+    }
+  });
+}

@@ -1,0 +1,84 @@
+#include "node_options.h"
+
+#include <fmt/core.h>
+
+#include <cstdio>
+
+namespace pkgdist::node_program {
+
+namespace {
+
+constexpr double kLongestTimeoutSeconds = 1e6;
+
+void parse_node_id(const std::string& text, NodeOptions& options) {
+  char rest = 0;
+  uint32_t* id = options.node_id;
+  if (std::sscanf(text.c_str(), "%3u/%3u/%3u%c", &id[0], &id[1], &id[2], &rest) != 3 ||
+      id[0] > 255 || id[1] > 255 || id[2] > 255)
+    throw CLI::ValidationError(fmt::format("--node-id: not A/B/C with 0 to 255 each: '{}'", text));
+  options.node_id_given = true;
+}
+
+void add_timeout(CLI::App& command, NodeOptions& options, const std::string& help) {
+  command.add_option("--timeout", options.timeout_seconds, help)
+      ->type_name("SECONDS [60]")
+      ->check(CLI::Range(0.1, kLongestTimeoutSeconds));
+}
+
+void add_run(CLI::App& app, NodeOptions& options) {
+  CLI::App* run = app.add_subcommand("run", "receive what the lead pushes until told to stop");
+  run->fallthrough();
+  run->add_option("--on-message", options.on_message,
+                  "shell command to run for each message of the lead; the message is its standard "
+                  "input, PKGDIST_MESSAGE_CLASS its class")
+      ->type_name("COMMAND");
+  run->callback([&options] { options.command = Command::kRun; });
+}
+
+void add_get(CLI::App& app, NodeOptions& options) {
+  CLI::App* get = app.add_subcommand("get", "ask the lead for files and wait for them");
+  get->fallthrough();
+  get->add_option("PATH", options.paths, "names relative to the storage location")->required();
+  get->add_option("--to", options.location, "storage location")
+      ->type_name("N [1]")
+      ->check(CLI::Range(1, 6));
+  get->add_option("--type", options.type, "file type; 6 transfers files that are present too")
+      ->type_name("1..11 [1]")
+      ->check(CLI::Range(1, 11));
+  get->add_option("--priority", options.priority, "1 is the most urgent")
+      ->type_name("1..4 [2]")
+      ->check(CLI::Range(1, 4));
+  add_timeout(*get, options, "how long to wait for the lead and the files");
+  get->callback([&options] { options.command = Command::kGet; });
+}
+
+void add_send(CLI::App& app, NodeOptions& options) {
+  CLI::App* send = app.add_subcommand("send", "send the lead a message and wait for its answer");
+  send->fallthrough();
+  send->add_option("--class", options.message_class, "message class")
+      ->type_name("2..5 [2]")
+      ->check(CLI::Range(2, 5));
+  send->add_option("MESSAGE", options.message, "the text, or @FILE for the content of a file")
+      ->required();
+  add_timeout(*send, options, "how long to wait for the lead");
+  send->callback([&options] { options.command = Command::kSend; });
+}
+
+}  // namespace
+
+void add_node_options(CLI::App& app, NodeOptions& options) {
+  cli::add_common_options(app, options.common, true);
+  app.add_option_function<std::string>(
+         "--node-id", [&options](const std::string& text) { parse_node_id(text, options); },
+         "location of this node")
+      ->type_name("A/B/C [from the address]");
+  app.add_option("--card-class", options.card_class, "class of this node's card")
+      ->type_name("K [3]");
+  app.require_subcommand(1);
+  app.fallthrough();
+  add_run(app, options);
+  add_get(app, options);
+  add_send(app, options);
+}
+
+}  // namespace pkgdist::node_program

@@ -1,0 +1,38 @@
+// Options of pkgdist-node.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "cli_common.h"
+
+namespace pkgdist::node_program {
+
+enum class Command { kRun, kGet, kSend };
+
+struct NodeOptions {
+  cli::CommonOptions common;
+  Command command = Command::kRun;
+  uint32_t node_id[3] = {0, 0, 0};  // the last three octets of the address unless given
+  bool node_id_given = false;
+  uint32_t card_class = 3;  // takes everything but what is meant for one of the special classes
+
+  // run
+  std::string on_message;  // shell command that gets each message on its standard input
+
+  // get
+  std::vector<std::string> paths;
+  uint32_t location = 1;
+  uint32_t type = 1;
+  uint32_t priority = 2;
+  double timeout_seconds = 60;
+
+  // send
+  uint32_t message_class = 2;
+  std::string message;
+};
+
+void add_node_options(CLI::App& app, NodeOptions& options);
+
+}  // namespace pkgdist::node_program

@@ -1,0 +1,52 @@
+// send: sends the lead one message and exits by its outcome.
+#include <fmt/core.h>
+
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include "commands.h"
+#include "event_printer.h"
+#include "node.h"
+
+namespace pkgdist::node_program {
+
+namespace {
+
+std::string message_bytes(const std::string& argument) {
+  if (argument.empty() || argument.front() != '@') return argument;
+  std::ifstream file(argument.substr(1), std::ios::binary);
+  if (!file) throw std::runtime_error(fmt::format("'{}' cannot be read", argument.substr(1)));
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void on_status(uint64_t status, void* ctx) {
+  *static_cast<std::optional<uint64_t>*>(ctx) = status;
+}
+
+}  // namespace
+
+int send_command(const NodeOptions& options) {
+  const std::string message = message_bytes(options.message);
+  if (message.empty()) throw CLI::ValidationError("an empty message cannot be sent");
+  EventPrinter printer(options);
+  std::optional<uint64_t> outcome;
+  Node node(options);
+  printer.attach(node.loop());
+  if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
+    printer.error(fmt::format("no lead was heard on {}",
+                              cli::format_address(options.common.ctrl_group.address)));
+    return cli::kExitFailure;
+  }
+  require(instcomm_pkgdist_ctrl_send_lead_msg(message.data(), message.size(), options.message_class,
+                                              node.loop(), on_status, &outcome),
+          "sending the message");
+  if (!node.run_until([&] { return outcome.has_value(); }, options.timeout_seconds)) {
+    printer.error("the lead has not answered in time");
+    return cli::kExitFailure;
+  }
+  printer.message_outcome(*outcome);
+  return *outcome == 0 ? cli::kExitOk : cli::kExitFailure;
+}
+
+}  // namespace pkgdist::node_program
