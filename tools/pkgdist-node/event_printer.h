@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -20,7 +21,8 @@ class EventPrinter {
   void attach(levm_handle_t loop);
 
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
-  void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
+  void transaction_started(uint32_t xact_id, uint32_t location, const char* const* paths,
+                           uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
@@ -28,6 +30,9 @@ class EventPrinter {
   void error(const std::string& text);
 
   bool lead_is_known() const { return lead_is_known_; }
+
+  // Called with the files of each transaction that starts.
+  std::function<void(uint32_t location, const char* const* paths, uint32_t count)> on_files;
 
  private:
   struct Transaction {

@@ -1,39 +1,60 @@
 // get: asks the lead for files, waits for all of them, and exits by the outcome.
 #include <fmt/core.h>
 
+#include <cerrno>
+#include <set>
+
 #include "commands.h"
 #include "event_printer.h"
 #include "node.h"
+#include "pkgdist/wire_data.h"
 
 namespace pkgdist::node_program {
 
 namespace {
 
 struct Wanted {
-  EventPrinter* printer;
+  const NodeOptions& options;
+  EventPrinter& printer;
+  levm_handle_t loop = nullptr;
+  std::set<std::string> links_tried_again;
   size_t waiting = 0;
   size_t failed = 0;
 };
 
-void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uint32_t xact_id,
-             void* ctx) {
-  auto& wanted = *static_cast<Wanted*>(ctx);
-  --wanted.waiting;
-  if (status != 0) ++wanted.failed;
-  wanted.printer->file_ended(status, path, location, xact_id);
-}
+void on_file(uint64_t status, const char* path, uint32_t type, uint32_t location, uint32_t xact_id,
+             void* ctx);
 
 // Asks for one file. One that cannot be asked for has failed.
-void request(const NodeOptions& options, const Node& node, const std::string& path,
-             Wanted& wanted) {
+void request(const std::string& path, Wanted& wanted) {
+  const NodeOptions& options = wanted.options;
   ++wanted.waiting;
   const PkgdistStatus status = instcomm_pkgdist_get_file(
       path.c_str(), options.type, options.location, options.priority,
-      instcomm_pkgdist_get_receive_xact_id(), node.loop(), on_file, &wanted);
+      instcomm_pkgdist_get_receive_xact_id(), wanted.loop, on_file, &wanted);
   if (status == 0 || status == PKGDIST_ERR_SEND) return;  // a request not sent is sent again
   --wanted.waiting;
   ++wanted.failed;
-  wanted.printer->file_ended(status, path.c_str(), options.location, 0);
+  wanted.printer.file_ended(status, path.c_str(), options.location, 0);
+}
+
+// A symbolic link without its directory: only now it is known to be a link.
+bool try_link_again(uint64_t status, const char* path, uint32_t type, Wanted& wanted) {
+  if (type != PKGDIST_FILE_TYPE_SYMLINK || status != PKGDIST_STATUS_FROM_ERRNO(ENOENT) ||
+      !wanted.links_tried_again.insert(path).second)
+    return false;
+  make_directory_of(wanted.options, wanted.options.location, path);
+  request(path, wanted);
+  return true;
+}
+
+void on_file(uint64_t status, const char* path, uint32_t type, uint32_t location, uint32_t xact_id,
+             void* ctx) {
+  auto& wanted = *static_cast<Wanted*>(ctx);
+  --wanted.waiting;
+  if (try_link_again(status, path, type, wanted)) return;
+  if (status != 0) ++wanted.failed;
+  wanted.printer.file_ended(status, path, location, xact_id);
 }
 
 }  // namespace
@@ -43,15 +64,16 @@ int get_command(const NodeOptions& options) {
     throw CLI::ValidationError(
         fmt::format("--to {}: give --location {}=DIR too", options.location, options.location));
   EventPrinter printer(options);
-  Wanted wanted{&printer};
+  Wanted wanted{options, printer};
   Node node(options);
+  wanted.loop = node.loop();
   printer.attach(node.loop());
   if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
     printer.error(fmt::format("no lead was heard on {}",
                               cli::format_address(options.common.ctrl_group.address)));
     return cli::kExitFailure;
   }
-  for (const std::string& path : options.paths) request(options, node, path, wanted);
+  for (const std::string& path : options.paths) request(path, wanted);
   if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds))
     printer.error(
         fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()));

@@ -78,6 +78,17 @@ void require(PkgdistStatus status, const char* what) {
   if (status != 0) throw std::runtime_error(fmt::format("{}: {}", what, cli::status_text(status)));
 }
 
+void make_directory_of(const NodeOptions& options, uint32_t location, const std::string& path) {
+  const auto place = options.common.locations.find(location);
+  if (place == options.common.locations.end() || place->second.memory) return;
+  const std::filesystem::path directory = std::filesystem::path(path).relative_path().parent_path();
+  for (const auto& component : directory)
+    if (component == "..") return;  // the library refuses the name
+  std::error_code ignored;  // a directory that cannot be made shows in the outcome of its files
+  std::filesystem::create_directories(std::filesystem::path(place->second.path) / directory,
+                                      ignored);
+}
+
 Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_identity(options)) {
   if (loop_ == nullptr) throw std::runtime_error("no event loop could be created");
   if (options.common.verbosity > 1)

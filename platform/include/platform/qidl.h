@@ -3,10 +3,10 @@
  * For every wire structure <type> there are three operations:
  *
  *   ssize_t qidl_<type>_encode_ext(const <type>* message, uint8_t* buffer, size_t size);
- *     Encodes the present fields. Returns the encoded size, also when it is larger than `size`: then
- *     the content of the buffer is unspecified, but nothing is written past its end (as snprintf
- *     does; a null buffer with size 0 measures). Negative when the message cannot be encoded at all:
- *     a presence bit that names no field, or a string, array or byte string that is too long.
+ *     Encodes the present fields. Returns the encoded size, also when it is larger than `size`:
+ * then the content of the buffer is unspecified, but nothing is written past its end (as snprintf
+ *     does; a null buffer with size 0 measures). Negative when the message cannot be encoded at
+ * all: a presence bit that names no field, or a string, array or byte string that is too long.
  *
  *   int qidl_<type>_decode_ext(const uint8_t* buffer, size_t length, <type>* message,
  *                              const qidl_allocator* allocator);

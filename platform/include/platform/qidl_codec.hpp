@@ -38,7 +38,8 @@ class Writer {
   void scalar(V value) {
     uint8_t raw[sizeof(V)];
     auto bits = static_cast<std::make_unsigned_t<V>>(value);
-    for (size_t i = sizeof(V); i-- > 0; bits = static_cast<decltype(bits)>(bits >> 8 * (sizeof(V) > 1)))
+    for (size_t i = sizeof(V); i-- > 0;
+         bits = static_cast<decltype(bits)>(bits >> 8 * (sizeof(V) > 1)))
       raw[i] = static_cast<uint8_t>(bits);
     bytes(raw, sizeof raw);
   }
@@ -275,7 +276,8 @@ constexpr int for_each_field(Visit&& visit) {
     (void)((result = visit(std::get<I>(description<T>::fields), uint32_t{1} << I), result == 0) &&
            ...);
     return result;
-  }(std::make_index_sequence<field_count<T>>{});
+  }
+  (std::make_index_sequence<field_count<T>>{});
 }
 
 // --- The three operations. ---
