@@ -64,7 +64,7 @@ int get_command(const NodeOptions& options) {
     throw CLI::ValidationError(
         fmt::format("--to {}: give --location {}=DIR too", options.location, options.location));
   EventPrinter printer(options);
-  Wanted wanted{options, printer};
+  Wanted wanted{.options = options, .printer = printer, .loop = nullptr, .links_tried_again = {}};
   Node node(options);
   wanted.loop = node.loop();
   printer.attach(node.loop());

@@ -1,0 +1,224 @@
+"""The laboratory: several hosts on one machine, in network namespaces on a bridge, with loss.
+
+One host is the lead, the others are nodes, each with an address of its own and its own network
+stack; what a host loses is dropped by an nftables rule on its input. Everything lives in namespaces
+that this process makes for itself (user, network, mount), so nothing of the machine's own network is
+touched and everything is gone when the process ends.
+
+    lab.enter()                      # re-executes this program inside its own namespaces
+    with lab.Lab(nodes=3) as net:
+        net.nodes[0].lose(5.0)
+        net.nodes[0].spawn([...])
+        net.lead.run([...])
+"""
+
+import hashlib
+import json
+import os
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import time
+
+MARK = "PKGDIST_LAB"
+SUBNET = "10.71.0"
+
+
+def available():
+    """Whether this system lets us make namespaces, with a bridge and packet filter in them."""
+    probe = ("mount -t tmpfs lab /run && mkdir /run/netns && ip link add br0 type bridge && "
+             "ip netns add probe && ip netns exec probe nft add table ip t")
+    return subprocess.run(_unshare() + ["sh", "-c", probe], capture_output=True).returncode == 0
+
+
+def _unshare():
+    return ["unshare", "--net", "--mount"] + ([] if os.geteuid() == 0 else ["--user", "--map-root-user"])
+
+
+def enter():
+    """Continues inside namespaces of our own; returns at once when already there."""
+    if os.environ.get(MARK):
+        return
+    os.environ[MARK] = "1"
+    os.execvp("unshare", _unshare() + [sys.executable] + sys.argv)
+
+
+def _sh(*command):
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+
+
+class Loopback:
+    """An address of this machine's loopback network, for where namespaces are forbidden."""
+
+    prefix = []
+
+    def __init__(self, address):
+        self.name = self.address = address
+        self.processes = []
+
+    def spawn(self, command, **options):
+        process = subprocess.Popen([*self.prefix, *command], **options)
+        self.processes.append(process)
+        return process
+
+    def run(self, command, **options):
+        return subprocess.run([*self.prefix, *command], **options)
+
+    def stop_all(self):
+        for process in self.processes:
+            if process.poll() is None:
+                process.send_signal(signal.SIGTERM)
+        for process in self.processes:
+            try:
+                process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+
+
+class Host(Loopback):
+    """One host: a network namespace with an interface on the bridge."""
+
+    def __init__(self, name, number):
+        super().__init__(f"{SUBNET}.{number}")
+        self.name = name
+        self.prefix = ["ip", "netns", "exec", name]
+        _sh("ip", "netns", "add", name)
+        _sh("ip", "link", "add", f"{name}-br", "type", "veth", "peer", "name", "eth0", "netns", name)
+        _sh("ip", "link", "set", f"{name}-br", "master", "br0", "up")
+        self._exec("ip", "link", "set", "lo", "up")
+        self._exec("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
+        self._exec("ip", "link", "set", "eth0", "up")
+
+    def _exec(self, *command):
+        _sh(*self.prefix, *command)
+
+    def lose(self, percent):
+        """Drops this share of the UDP datagrams that arrive here."""
+        self._exec("nft", "add table ip lab; flush table ip lab")
+        self._exec("nft", "add chain ip lab input { type filter hook input priority 0; }")
+        if percent > 0:
+            limit = round(percent * 100)
+            self._exec("nft", f"add rule ip lab input ip protocol udp numgen random mod 10000 < {limit} drop")
+
+
+class Lab:
+    def __init__(self, nodes=3):
+        _sh("mount", "-t", "tmpfs", "lab", "/run")
+        os.makedirs("/run/netns", exist_ok=True)
+        _sh("ip", "link", "set", "lo", "up")
+        _sh("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
+        _sh("ip", "link", "set", "br0", "up")
+        self.lead = Host("lead", 1)
+        self.nodes = [Host(f"node{i + 1}", i + 2) for i in range(nodes)]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def hosts(self):
+        return [self.lead, *self.nodes]
+
+    def stop_processes(self):
+        for host in self.hosts():
+            host.stop_all()
+
+    def stop(self):
+        self.stop_processes()
+        for host in self.hosts():
+            _sh("ip", "netns", "delete", host.name)
+        _sh("ip", "link", "delete", "br0")
+        _sh("umount", "--lazy", "/run")
+
+
+class Programs:
+    """The two programs of one build, with the options that all of them share."""
+
+    def __init__(self, build):
+        self.lead = os.path.join(build, "bin", "pkgdist-lead")
+        self.node = os.path.join(build, "bin", "pkgdist-node")
+
+    def start_node(self, host, directory, *arguments, log=None, location=None):
+        """A node that receives into `directory`; its events go to the file `log` as JSON."""
+        sink = open(log, "ab") if log else subprocess.DEVNULL
+        place = location or f"1={directory}"
+        return host.spawn([self.node, "--interface", host.address, "--location", place, "--json",
+                           *arguments, "run"], stdout=sink)
+
+    def push(self, host, root, *arguments, paths=(".",), to=1, timeout=300):
+        """Pushes and waits. The result has .returncode, .events (of --json) and .stderr."""
+        result = host.run([self.lead, "--interface", host.address, "--location", f"{to}={root}",
+                           "--json", "push", *arguments, *paths],
+                          capture_output=True, text=True, timeout=timeout)
+        result.events = parse_events(result.stdout)
+        return result
+
+    def start_lead(self, host, root, *arguments, **options):
+        return host.spawn([self.lead, "--interface", host.address, "--location", f"1={root}",
+                           "--json", *arguments], **options)
+
+
+def parse_events(text):
+    return [json.loads(line) for line in text.splitlines() if line.startswith("{")]
+
+
+def wait_until(condition, seconds=20.0, what="condition"):
+    """Polls a condition about other processes; the one place where tests look at the wall clock."""
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        if condition():
+            return
+        time.sleep(0.02)
+    raise AssertionError(f"{what}: not within {seconds} s")
+
+
+def manifest(root):
+    """Everything that travels, by relative name: content, kind, mode and time of each file."""
+    entries = {}
+    for directory, directories, files in os.walk(root):
+        links = [d for d in directories if os.path.islink(os.path.join(directory, d))]
+        for name in files + links:
+            path = os.path.join(directory, name)
+            info = os.lstat(path)
+            relative = os.path.relpath(path, root)
+            if stat.S_ISLNK(info.st_mode):
+                entries[relative] = ("link", os.readlink(path))
+            elif stat.S_ISREG(info.st_mode):
+                entries[relative] = ("file", stat.S_IMODE(info.st_mode), int(info.st_mtime),
+                                     info.st_size, sha256(path))
+    return entries
+
+
+def sha256(path):
+    digest = hashlib.sha256()
+    with open(path, "rb") as file:
+        while block := file.read(1 << 20):
+            digest.update(block)
+    return digest.hexdigest()
+
+
+def differences(expected, actual):
+    """Names that are missing, unexpected or different, each with the reason."""
+    result = []
+    for name in sorted(expected.keys() | actual.keys()):
+        if name not in actual:
+            result.append(f"{name}: missing")
+        elif name not in expected:
+            result.append(f"{name}: not expected")
+        elif expected[name] != actual[name]:
+            result.append(f"{name}: {actual[name]} instead of {expected[name]}")
+    return result
+
+
+def work_directory():
+    """A directory in memory, for content and received files."""
+    return tempfile.mkdtemp(prefix="pkgdist-lab-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
+
+
+def remove(directory):
+    shutil.rmtree(directory, ignore_errors=True)
