@@ -47,8 +47,6 @@ namespace {
 constexpr int kSocketPriority = 4;
 constexpr uint64_t kSimulationFactor = 10;
 
-uint32_t receive_xact_counter = 0;
-
 void register_statistics(const char* function) {
   if (int error = register_table(kDrtCounters); error != 0)
     PKGDIST_ERR_IN(function, "data recv transport counters ship register failed: %d", error);
@@ -156,6 +154,8 @@ extern "C" PKGDIST_EXPORT uint32_t instcomm_pkgdist_get_receive_xact_id(void) {
 }
 
 namespace pkgdist {
+
+uint32_t receive_xact_counter = 0;
 
 bool is_confined(const char* name) {
   while (*name != '\0') {

@@ -37,6 +37,9 @@ PkgdistStatus pkgdist_data_recv_req_init();
 
 namespace pkgdist {
 
+// The transaction identifier that was given out last.
+extern uint32_t receive_xact_counter;
+
 constexpr bool is_location(uint32_t location) {
   return location >= 1 && location <= kLocations;
 }
