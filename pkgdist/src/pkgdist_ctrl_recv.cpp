@@ -28,7 +28,7 @@ PKGDIST_EXPORT uint32_t G_lead_uc_addr = 0;
 PKGDIST_EXPORT uint32_t G_lead_pid = 0;
 PKGDIST_EXPORT uint32_t G_lead_msg_nodeid = 0;
 PKGDIST_EXPORT nodeid_handle_t G_lead_nodeid = nullptr;
-PKGDIST_EXPORT alignas(uint64_t) char G_lead_node_str[kNodeStringBytes] = "";
+alignas(uint64_t) PKGDIST_EXPORT char G_lead_node_str[kNodeStringBytes] = "";
 PKGDIST_EXPORT uint64_t G_ctrl_last_lead_msg = 0;
 PKGDIST_EXPORT bool G_ctrl_lead_cb_registered = false;
 

@@ -98,7 +98,7 @@ void copy_to_stderr(const TracePoint& point, const char* format, ...) {
   print_prefix(point);
   va_list arguments;
   va_start(arguments, format);
-  (void)std::vfprintf(stderr, format, arguments);
+  (void)std::vfprintf(stderr, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(arguments);
   (void)std::fputc('\n', stderr);
   funlockfile(stderr);

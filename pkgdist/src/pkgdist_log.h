@@ -41,9 +41,12 @@ inline constexpr int32_t kThresholdRoutine = 2;
 
 enum class Ring : int32_t { kErrors = 0, kLibrary = 1 };
 
-// What the catalogue knows of one statement. Size and alignment are equal, so that the compiler's
-// wish to align large objects leaves no gaps between the points of the section.
-struct alignas(64) TracePoint {
+// Size and alignment of a trace point: equal, so that the compiler's wish to align large objects
+// leaves no gaps between the points of the section.
+inline constexpr size_t kTracePointBytes = 64;
+
+// What the catalogue knows of one statement.
+struct alignas(kTracePointBytes) TracePoint {
   const char* file;
   const char* function;
   const char* format;
@@ -52,7 +55,7 @@ struct alignas(64) TracePoint {
   int32_t threshold;
   Ring ring;
 };
-static_assert(sizeof(TracePoint) == alignof(TracePoint));
+static_assert(sizeof(TracePoint) == kTracePointBytes);
 
 std::span<const TracePoint> catalogue();
 uint32_t number_of(const TracePoint& point);
@@ -64,7 +67,7 @@ const char* catalogue_id();
 template <class Argument>
 constexpr char letter() {
   using A = std::decay_t<Argument>;
-  if constexpr (std::is_same_v<A, const char*> || std::is_same_v<A, char*>)
+  if constexpr (std::is_convertible_v<A, const char*>)
     return 's';
   else
     return sizeof(A) <= sizeof(int32_t) ? 'd' : 'D';
