@@ -10,6 +10,8 @@ namespace {
 constexpr Time kPingInterval = kSecond;
 // While something is outstanding: a lost message costs about this much.
 constexpr Time kBusyPingInterval = 50 * kMillisecond;
+// While a push runs: a late node waits for it half of this on average.
+constexpr Time kPushPingInterval = 200 * kMillisecond;
 // Each node answers each ping: the interval grows with the nodes so that replies stay below
 // 10000/s.
 constexpr Time kPingIntervalPerNode = 100 * kMicrosecond;
@@ -141,13 +143,15 @@ void ControlStream::forget(NodeIndex node) {
 }
 
 Time ControlStream::ping_interval() const {
-  if (!busy()) return kPingInterval;
-  return std::clamp<Time>(nodes_ * kPingIntervalPerNode, kBusyPingInterval, kPingInterval);
+  Time interval = kPingInterval;
+  if (watch_ == Watch::kPushing) interval = kPushPingInterval;
+  if (watch_ == Watch::kGathering || outstanding_ != 0) interval = kBusyPingInterval;
+  return std::clamp<Time>(nodes_ * kPingIntervalPerNode, interval, kPingInterval);
 }
 
-void ControlStream::set_eager(bool eager, Time now) {
-  if (eager == eager_) return;
-  eager_ = eager;
+void ControlStream::set_watch(Watch watch, Time now) {
+  if (watch == watch_) return;
+  watch_ = watch;
   next_ping_ = std::min(next_ping_, now + ping_interval());
 }
 

@@ -47,8 +47,13 @@ class ControlStream {
   // The node is gone or was replaced: nothing is waited for.
   void forget(NodeIndex node);
 
-  // Pings quickly, for instance while nodes are being waited for.
-  void set_eager(bool eager, Time now);
+  // How soon a node that appears is noticed.
+  enum class Watch : uint8_t {
+    kIdle,
+    kPushing,    // late nodes are welcome
+    kGathering,  // nothing goes on until the nodes are there
+  };
+  void set_watch(Watch watch, Time now);
   void run(Time now);
   Time next_deadline() const;
 
@@ -68,7 +73,6 @@ class ControlStream {
   void retransmit(Entry& entry, Time now);
   void send_ping(Time now);
   void drop_finished(Time now);
-  bool busy() const { return outstanding_ != 0 || eager_; }
   Time ping_interval() const;
 
   const Settings& self_;
@@ -80,7 +84,7 @@ class ControlStream {
   size_t outstanding_ = 0;  // entries that nodes have not acknowledged
   size_t kept_bytes_ = 0;
   size_t nodes_ = 0;  // highest node index seen + 1: bounds the replies that a ping draws
-  bool eager_ = false;
+  Watch watch_ = Watch::kIdle;
   Time next_ping_ = 0;
   Time now_ = 0;  // of the event being handled
 };

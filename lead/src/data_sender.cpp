@@ -279,7 +279,7 @@ bool DataSender::send_announcement(Time now) {
   }
   transfer->stage = Transfer::Stage::kAnnounced;
   streaming_[transfer->priority].push_back(transfer->id);
-  stream_due_ = std::min(stream_due_, now + grace());
+  stream_due_ = std::min(stream_due_, stream_time(*transfer));
   return true;
 }
 
@@ -293,12 +293,12 @@ Transfer* DataSender::streamable(Time now) {
       line = streaming_.erase(line);
       continue;
     }
-    if (transfer->stage != Transfer::Stage::kAnnounced ||
-        elapsed(now, transfer->info_sent) >= grace()) {
+    const Time due = stream_time(*transfer);
+    if (due <= now) {
       stream_due_ = 0;
       return transfer;
     }
-    stream_due_ = std::min(stream_due_, transfer->info_sent + grace());
+    stream_due_ = std::min(stream_due_, due);
     ++line;
   }
   return nullptr;

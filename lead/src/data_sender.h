@@ -26,6 +26,7 @@
 #include <unordered_map>
 
 #include "data_message.h"
+#include "delay_meter.h"
 #include "loss_meter.h"
 #include "pacer.h"
 #include "pkgdist_lead/lead.h"
@@ -119,6 +120,7 @@ class DataSender {
   void settle(Transfer& transfer, Time now);
   bool in_trouble(Transfer& transfer);
   bool help(Transfer& transfer, Time now);
+  bool costs_little(const Transfer& transfer) const;
   void restart_turn(Transfer& transfer);
   void send_miss_done(Transfer& transfer, Time now);
   void on_in_progress(Transfer& transfer, NodeIndex node, Time now);
@@ -126,6 +128,9 @@ class DataSender {
   void unlist(Transfer& transfer, NodeIndex node, Time now);
   void note_answer(Transfer& transfer, NodeIndex node, Time now);
   Time grace() const;
+  Time skip_grace() const;
+  Time stream_time(const Transfer& transfer) const;
+  void note_reaction(Time since, Time now);
   Time answer_time() const;
 
   const Settings& self_;
@@ -154,7 +159,8 @@ class DataSender {
   std::vector<uint32_t> listed_;  // scratch of open_nodes()
 
   Time round_trip_ = kMillisecond;  // of the control channel
-  Time answer_delay_ = 0;           // smoothed time to answer a miss done, 0 while unknown
+  DelayMeter reaction_;             // of the nodes' file threads
+  Time last_skip_ = 0;              // when a node last reported a file that it had already
 
   // The rate controller's present period.
   Time period_started_ = 0;

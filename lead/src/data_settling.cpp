@@ -14,12 +14,15 @@ constexpr uint32_t kSmallFile = 64;
 // Files up to this many: at the first sign of trouble, since their end is all there is.
 constexpr uint32_t kTinyFile = 4;
 
-// How long a node may need to act on what it was sent.
+// How long a node may need to act on what it was sent, and to say so.
 constexpr Time kMinGrace = 3 * kMillisecond;
-constexpr Time kMaxGrace = 100 * kMillisecond;
+constexpr Time kMaxGrace = 300 * kMillisecond;
+constexpr Time kUnknownGrace = 10 * kMillisecond;
+// How long the stream waits at most for nodes that may have a file already.
+constexpr Time kMaxSkipGrace = 100 * kMillisecond;
 // How long to wait for the answer to a miss done before it counts as lost.
 constexpr Time kMinAnswerTime = 10 * kMillisecond;
-constexpr Time kUnknownAnswerTime = 30 * kMillisecond;
+constexpr Time kUnknownAnswerTime = 60 * kMillisecond;
 constexpr Time kMaxAnswerTime = kSecond;
 // Between rounds that brought nothing, doubling. The ceiling stays below a node's time-outs.
 constexpr Time kStuckPause = 2 * kMillisecond;
@@ -39,17 +42,38 @@ constexpr uint8_t kMaxStale = 3;
 }  // namespace
 
 Time DataSender::grace() const {
-  return std::clamp(2 * round_trip_ + kMillisecond + answer_delay_ / 2, kMinGrace, kMaxGrace);
+  if (!reaction_.known()) return std::max(kUnknownGrace, 2 * round_trip_);
+  return std::clamp(reaction_.usual(), kMinGrace, kMaxGrace);
 }
 
 Time DataSender::answer_time() const {
-  if (answer_delay_ == 0) return kUnknownAnswerTime;
-  return std::clamp(3 * answer_delay_, kMinAnswerTime, kMaxAnswerTime);
+  if (!reaction_.known()) return kUnknownAnswerTime;
+  return std::clamp(reaction_.nearly_always(), kMinAnswerTime, kMaxAnswerTime);
+}
+
+Time DataSender::skip_grace() const {
+  return std::clamp(2 * round_trip_ + kMillisecond, kMinGrace, kMaxSkipGrace);
+}
+
+// When the stream may begin with an announced file. While nodes report files that they have
+// already, more of these reports are likely on their way.
+Time DataSender::stream_time(const Transfer& transfer) const {
+  if (transfer.stage != Transfer::Stage::kAnnounced) return 0;
+  const Time since = std::max(transfer.info_sent, last_skip_);
+  return std::min(since + skip_grace(), transfer.info_sent + kMaxSkipGrace);
+}
+
+void DataSender::note_reaction(Time since, Time now) {
+  if (since == 0) return;
+  const Time delay = elapsed(now, since) + 1;
+  reaction_.sample(delay);
+  period_delay_ = std::max(period_delay_, delay);
 }
 
 void DataSender::begin_settling(Transfer& transfer, Time now) {
   transfer.stage = Transfer::Stage::kSettling;
   transfer.asked_at = 0;
+  transfer.turn_ended = now;
   arm(transfer, now + grace());
 }
 
@@ -58,7 +82,7 @@ void DataSender::settle(Transfer& transfer, Time now) {
   if (transfer.open + transfer.unlisted == 0) return close(transfer);
   if (transfer.open == 0 || transfer.in_repair_line) return;  // woken by join() or by the repairs
   const bool trouble = in_trouble(transfer) || transfer.help_now;
-  transfer.asked_at = 0;
+  transfer.asked_at = transfer.turn_ended = 0;
   transfer.help_now = false;
   if (trouble && help(transfer, now)) return;
   send_miss_done(transfer, now);
@@ -83,8 +107,18 @@ bool DataSender::in_trouble(Transfer& transfer) {
   return true;
 }
 
+// Whether sending the whole file again is cheaper than letting its nodes wait for their time-outs:
+// nothing else is to be sent, and it takes a fraction of that time.
+bool DataSender::costs_little(const Transfer& transfer) const {
+  constexpr double kCheapSeconds = 0.25;
+  const double seconds =
+      static_cast<double>(transfer.attributes.size) * 8 / static_cast<double>(pacer_.rate());
+  return streaming_.empty() && announcing_.empty() && seconds < kCheapSeconds;
+}
+
 // True when it started something after which settling goes on by itself.
 bool DataSender::help(Transfer& transfer, Time now) {
+  if (transfer.stuck == 0 && transfer.mute == 1) return false;  // asking again comes first
   if (transfer.status != 0) {
     send_info(transfer, now);
     return false;
@@ -92,6 +126,7 @@ bool DataSender::help(Transfer& transfer, Time now) {
   const bool whole =
       transfer.stuck != 0 &&
       (transfer.segments <= kTinyFile || (transfer.stuck > 1 && transfer.segments <= kSmallFile) ||
+       (transfer.repeats >= kMaxRepeats && costs_little(transfer)) ||
        transfer.stuck % kRoundsToWholeFile == 0);
   if (whole) {
     send_info(transfer, now);
@@ -145,9 +180,8 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     return 0;
   }
   num = std::min(num, transfer->segments);
+  // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
-  if (state.state != TransferNode::State::kOpen)
-    transfer->set_state(node, TransferNode::State::kOpen);  // not known to want it, but it does
   state.asked = state.has_info = true;
   state.stale = 0;
   if (elapsed(now, transfer->last_request) >= kFreshRequest) transfer->repairs.forget_asked();
@@ -174,10 +208,7 @@ void DataSender::note_answer(Transfer& transfer, NodeIndex node, Time now) {
   TransferNode& state = transfer.node(node);
   if (state.state == TransferNode::State::kOpen && !state.answered) ++transfer.answers;
   state.answered = true;
-  if (transfer.asked_at == 0) return;
-  const Time delay = elapsed(now, transfer.asked_at) + 1;
-  answer_delay_ = answer_delay_ == 0 ? delay : (7 * answer_delay_ + delay) / 8;
-  period_delay_ = std::max(period_delay_, delay);
+  note_reaction(transfer.asked_at, now);
 }
 
 void DataSender::on_in_progress(Transfer& transfer, NodeIndex node, Time now) {
@@ -227,6 +258,8 @@ void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& rep
   // A node that gave up before it had any information reports no file id.
   const bool gave_up = report.file_id == kNoTransfer && report.status != 0;
   if (!exact && !gave_up) return on_stale_report(*transfer, node, now);
+  if (transfer->stage == Transfer::Stage::kAnnounced) last_skip_ = now;
+  note_reaction(transfer->asked_at != 0 ? transfer->asked_at : transfer->turn_ended, now);
   end_node(*transfer, node, report.status);
   close_if_ended(*transfer);
 }

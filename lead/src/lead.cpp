@@ -259,7 +259,12 @@ void Lead::Impl::expire_nodes(Time now) {
 void Lead::Impl::run(Time now) {
   expire_nodes(now);
   if (push_) push_->run(now);
-  control_.set_eager(push_ && push_->gathering(), now);
+  using Watch = ControlStream::Watch;
+  const bool pushing = push_ && !push_->finished();
+  control_.set_watch(!pushing             ? Watch::kIdle
+                     : push_->gathering() ? Watch::kGathering
+                                          : Watch::kPushing,
+                     now);
   control_.run(now);
   data_.run(now);
 }

@@ -320,9 +320,10 @@ void PushJob::on_closed(const Transfer& transfer) {
 // --- The course of the push ---
 
 void PushJob::finish_if_ended() {
-  if (!active_.empty()) return;
   for (const Member& one : members_)
     if (one.present && one.left != 0) return;
+  // What is still in transfer is for nodes outside of the push, who ask again.
+  data_.abandon(request_.files.size());
   phase_ = Phase::kFinished;
   summary_.finished_at = now_;
   events_.push_finished();

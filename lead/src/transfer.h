@@ -78,6 +78,7 @@ struct Transfer {
 
   // Settling.
   Time timer = kNever;
+  Time turn_ended = 0;    // 0 after the first grace
   Time asked_at = 0;      // last miss done
   uint32_t answers = 0;   // open nodes that answered it
   bool help_now = false;  // a node asked for help: do not wait for answers

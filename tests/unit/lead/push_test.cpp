@@ -51,5 +51,309 @@ INSTANTIATE_TEST_SUITE_P(Rates, PushUnderLoss,
                          testing::Values(Loss{0, 0}, Loss{0.01, 0.01}, Loss{0.05, 0.05},
                                          Loss{0.2, 0.05}, Loss{0.2, 0.2}));
 
+// The start and the end of a push cost a few round trips of 0.4 ms; the rest is the rate's.
+TEST(Push, without_loss_sends_everything_exactly_once_at_the_given_rate) {
+  LeadCluster cluster;
+  add_mixed_tree(cluster.store, 1);
+  cluster.add_hosts(3);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  const lead::Counters& counters = cluster.lead().counters();
+  uint64_t segments = 0;
+  for (const auto& [key, file] : cluster.store.files())
+    segments += std::max<uint64_t>(1, (file.content.size() + kSegment - 1) / kSegment);
+  EXPECT_EQ(counters.segments_sent, segments);
+  // One each; a second one until it is known that nothing gets lost.
+  EXPECT_LE(counters.infos_sent, cluster.store.files().size() + 1);
+  EXPECT_EQ(counters.miss_done_sent, 0u);
+  const lead::PushReport report = cluster.lead().push_report();
+  const double ideal = static_cast<double>(counters.data_bytes_sent) * 8 / 400e6;
+  EXPECT_LT(static_cast<double>(report.finished_at - report.started_at) / 1e9, ideal + 0.03);
+}
+
+TEST(Push, survives_duplicates_and_reordering_both_ways) {
+  for (uint64_t seed = 1; seed <= 5; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    LeadCluster cluster;
+    add_mixed_tree(cluster.store, seed);
+    cluster.add_hosts(3);
+    for (size_t i = 0; i < 3; ++i) {
+      cluster.host(i).down.with<RandomDuplicate>(0.05, seed + i);
+      cluster.host(i).down.with<RandomReorder>(0.05, kMillisecond, seed + 10 + i);
+      cluster.host(i).up.with<RandomDuplicate>(0.05, seed + 20 + i);
+      cluster.host(i).up.with<RandomReorder>(0.05, kMillisecond, seed + 30 + i);
+    }
+    cluster.set_loss(0.01, 0.01, seed);
+    EXPECT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    EXPECT_TRUE(cluster.lead().push_report().complete());
+  }
+}
+
+TEST(Push, survives_bursts_that_swallow_whole_files) {
+  LeadCluster cluster;
+  add_mixed_tree(cluster.store, 1);
+  cluster.add_hosts(2);
+  for (size_t i = 0; i < 2; ++i) cluster.host(i).down.with<BurstLoss>(0.01, 20, 7 + i);
+  EXPECT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+}
+
+TEST(Push, a_lost_tail_is_repaired_without_waiting_for_the_nodes_time_outs) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(500 * kSegment, 1));
+  cluster.add_hosts(1);
+  // Everything from the 450th datagram of the data stream on, for a while.
+  uint64_t seen = 0;
+  cluster.on_sent = [&](lead::Channel channel, uint32_t, std::span<const uint8_t>) {
+    if (channel == lead::Channel::kData && ++seen == 450)
+      cluster.host(0).down.with<DropRange>(0u, 60u);
+  };
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 30 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_LT(report.finished_at - report.started_at, 500 * kMillisecond);
+  EXPECT_EQ(cluster.node(0).counters().time_outs, 0u);
+}
+
+TEST(Push, a_second_push_of_the_same_tree_costs_one_information_per_file) {
+  LeadCluster cluster;
+  add_mixed_tree(cluster.store, 1);
+  cluster.add_hosts(3);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  const lead::Counters before = cluster.lead().counters();
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  const lead::Counters& after = cluster.lead().counters();
+  const uint64_t files = cluster.store.files().size();
+  EXPECT_EQ(after.segments_sent, before.segments_sent);
+  EXPECT_EQ(after.infos_sent - before.infos_sent, files);
+  for (const lead::PushNodeReport& node : cluster.lead().push_report().nodes) {
+    EXPECT_EQ(node.files_done, files);
+    EXPECT_EQ(node.files_skipped, files);
+  }
+}
+
+TEST(Push, a_changed_file_is_pushed_again_though_the_node_remembers_the_old_one) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(10'000, 1));
+  cluster.add_hosts(2);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  cluster.store.add("file", pattern(12'000, 2), 0644, 1'700'000'000);
+  cluster.set_loss(0.2, 0.2, 3);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+}
+
+TEST(Push, a_node_restarted_in_the_middle_gets_everything) {
+  for (double loss : {0.0, 0.05}) {
+    LeadCluster cluster;
+    add_mixed_tree(cluster.store, 1);
+    cluster.add_hosts(3);
+    cluster.set_loss(loss, loss, 1);
+    ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+    cluster.run_for(40 * kMillisecond);
+    cluster.stop_node(1);
+    cluster.run_for(200 * kMillisecond);
+    cluster.start_node(1);
+    ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    EXPECT_TRUE(cluster.lead().push_report().complete());
+    EXPECT_EQ(cluster.seen().restarted, 1u);
+  }
+}
+
+TEST(Push, a_node_that_appears_late_gets_everything) {
+  for (double loss : {0.0, 0.05}) {
+    LeadCluster cluster;
+    add_mixed_tree(cluster.store, 1);
+    cluster.store.add("long", pattern(40'000'000, 9));
+    cluster.add_hosts(2);
+    const lead::PushRequest request = cluster.push_all();
+    cluster.add_host(false);
+    cluster.set_loss(loss, loss, 2);
+    ASSERT_EQ(cluster.lead().start_push(request, cluster.now()), nullptr);
+    cluster.run_for(200 * kMillisecond);
+    cluster.start_node(2);
+    ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    EXPECT_EQ(cluster.lead().push_report().nodes.size(), 3u);
+  }
+}
+
+TEST(Push, only_the_nodes_asked_for_get_the_files) {
+  LeadCluster cluster;
+  add_mixed_tree(cluster.store, 1);
+  cluster.add_hosts(3);
+  lead::PushRequest request = cluster.push_all();
+  request.nodes = {cluster.host(0).address, cluster.host(2).address};
+  ASSERT_TRUE(cluster.run_push(request, 10 * kSecond));
+  EXPECT_TRUE(cluster.lead().push_report().complete());
+  EXPECT_EQ(cluster.host(0).disk, cluster.store.files());
+  EXPECT_EQ(cluster.host(2).disk, cluster.store.files());
+  EXPECT_TRUE(cluster.host(1).disk.empty());
+}
+
+TEST(Push, waits_for_the_number_of_nodes) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(1000, 1));
+  cluster.add_hosts(2);
+  cluster.add_host(false);
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  cluster.run_for(5 * kSecond);
+  EXPECT_TRUE(cluster.host(0).disk.empty());
+  cluster.start_node(2);
+  ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 5 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+}
+
+TEST(Push, serves_the_present_nodes_and_reports_the_absent_one) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(1000, 1));
+  cluster.add_hosts(1);
+  cluster.add_host(false);
+  lead::PushRequest request = cluster.push_all();
+  request.nodes = {cluster.host(0).address, cluster.host(1).address};
+  request.node_timeout = 3 * kSecond;
+  ASSERT_TRUE(cluster.run_push(request, 10 * kSecond));
+  EXPECT_EQ(cluster.host(0).disk, cluster.store.files());
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_FALSE(report.complete());
+  ASSERT_EQ(report.nodes.size(), 2u);
+  EXPECT_FALSE(report.nodes[1].heard);
+}
+
+TEST(Push, gives_up_on_a_node_that_falls_silent_and_finishes_the_others) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(5'000'000, 1));
+  cluster.add_hosts(2);
+  lead::PushRequest request = cluster.push_all();
+  request.node_timeout = 4 * kSecond;
+  ASSERT_EQ(cluster.lead().start_push(request, cluster.now()), nullptr);
+  cluster.run_for(30 * kMillisecond);
+  cluster.stop_node(1);
+  ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 10 * kSecond));
+  EXPECT_EQ(cluster.host(0).disk, cluster.store.files());
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_FALSE(report.complete());
+  EXPECT_TRUE(report.nodes[1].silent);
+  EXPECT_EQ(report.nodes[1].open.size(), 1u);
+}
+
+TEST(Push, an_unreadable_file_fails_everywhere_and_stops_nothing_else) {
+  for (double loss : {0.0, 0.2}) {
+    LeadCluster cluster;
+    cluster.store.add("a", pattern(1000, 1));
+    cluster.store.add("b", pattern(1000, 2));
+    cluster.store.add("c", pattern(1000, 3));
+    cluster.store.break_open("b", EACCES);
+    cluster.add_hosts(2);
+    cluster.set_loss(loss, loss, 1);
+    ASSERT_TRUE(cluster.run_push(cluster.push_all(), 30 * kSecond));
+    const lead::PushReport report = cluster.lead().push_report();
+    EXPECT_FALSE(report.complete());
+    for (const lead::PushNodeReport& node : report.nodes) {
+      EXPECT_EQ(node.files_done, 2u);
+      ASSERT_EQ(node.failed.size(), 1u);
+      EXPECT_EQ(node.failed.at(1), PKGDIST_STATUS_FROM_ERRNO(EACCES));
+    }
+    EXPECT_EQ(cluster.node(0).ended().at("1:b"), PKGDIST_STATUS_FROM_ERRNO(EACCES));
+  }
+}
+
+TEST(Push, a_file_that_breaks_off_fails_and_is_never_completed) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(1'000'000, 1));
+  cluster.store.break_read("file", 700'000);
+  cluster.add_hosts(2);
+  cluster.set_loss(0.05, 0.05, 1);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 30 * kSecond));
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_TRUE(cluster.host(i).disk.empty());
+    EXPECT_EQ(cluster.node(i).ended().at("1:file"), PKGDIST_STATUS_FROM_ERRNO(EIO));
+  }
+}
+
+TEST(Push, too_large_files_and_link_targets_are_reported_instead_of_cut) {
+  LeadCluster cluster;
+  cluster.store.add_link("link", std::string(256, 'x'));
+  cluster.add_hosts(1);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  EXPECT_EQ(cluster.lead().push_report().nodes[0].failed.at(0),
+            PKGDIST_STATUS_FROM_ERRNO(ENAMETOOLONG));
+}
+
+TEST(Push, stopping_reports_what_is_left_and_goes_quiet) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(10'000'000, 1));
+  cluster.add_hosts(1);
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  cluster.run_for(50 * kMillisecond);
+  cluster.lead().stop_push(cluster.now());
+  EXPECT_FALSE(cluster.lead().push_running());
+  EXPECT_EQ(cluster.lead().push_report().nodes[0].open.size(), 1u);
+  const uint64_t segments = cluster.lead().counters().segments_sent;
+  cluster.run_for(100 * kMillisecond);
+  EXPECT_EQ(cluster.lead().counters().segments_sent, segments);
+}
+
+TEST(Push, a_stopped_push_is_completed_by_the_next) {
+  LeadCluster cluster;
+  add_mixed_tree(cluster.store, 1);
+  cluster.add_hosts(2);
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  cluster.run_for(40 * kMillisecond);
+  cluster.lead().stop_push(cluster.now());
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+}
+
+TEST(Push, arguments_out_of_range_are_refused) {
+  LeadCluster cluster;
+  cluster.store.add("file", {});
+  const auto refused = [&](auto change) {
+    lead::PushRequest request = cluster.push_all();
+    change(request);
+    return cluster.lead().start_push(request, cluster.now()) != nullptr;
+  };
+  EXPECT_TRUE(refused([](auto& r) { r.location = 7; }));
+  EXPECT_TRUE(refused([](auto& r) { r.location = 0; }));
+  EXPECT_TRUE(refused([](auto& r) { r.type = 12; }));
+  EXPECT_TRUE(refused([](auto& r) { r.priority = 5; }));
+  EXPECT_TRUE(refused([](auto& r) { r.files.clear(); }));
+  EXPECT_TRUE(refused([](auto& r) { r.files[0].name = "a/../../b"; }));
+  EXPECT_FALSE(refused([](auto&) {}));
+  EXPECT_TRUE(refused([](auto&) {})) << "one push at a time";
+}
+
+TEST(Push, thousands_of_small_files_flow_back_to_back) {
+  LeadCluster cluster;
+  for (int i = 0; i < 3000; ++i)
+    cluster.store.add("d/" + std::to_string(i), pattern(3000, static_cast<uint64_t>(i)));
+  cluster.add_hosts(2);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+  const lead::PushReport report = cluster.lead().push_report();
+  const double ideal = static_cast<double>(cluster.lead().counters().data_bytes_sent) * 8 / 400e6;
+  EXPECT_LT(static_cast<double>(report.finished_at - report.started_at) / 1e9, ideal * 1.25 + 0.05);
+}
+
+TEST(Push, a_new_lead_process_on_the_same_address_can_push_at_once) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(5000, 1));
+  cluster.add_hosts(2);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+  cluster.store.add("other", pattern(5000, 2));
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.seed = 2;
+  // Also when the new process happens to have the same number: nodes then do not notice.
+  for (uint32_t pid : {kLeadPid + 1, kLeadPid + 1}) {
+    settings.pid = pid;
+    ++settings.seed;
+    cluster.restart_lead(settings);
+    cluster.store.add("other" + std::to_string(settings.seed), pattern(5000, settings.seed));
+    ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+  }
+}
+
 }  // namespace
 }  // namespace pkgdist::test

@@ -1,0 +1,55 @@
+#include "repair_queue.h"
+
+#include <gtest/gtest.h>
+
+namespace pkgdist::lead {
+namespace {
+
+TEST(RepairQueue, merges_the_requests_of_several_nodes) {
+  RepairQueue queue(100);
+  EXPECT_EQ(queue.request(10, 3, kSecond), 3u);
+  EXPECT_EQ(queue.request(11, 4, kSecond), 2u);
+  for (uint32_t segment = 10; segment < 15; ++segment) EXPECT_EQ(queue.take(kSecond), segment);
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(RepairQueue, does_not_repair_a_segment_again_at_once) {
+  RepairQueue queue(100);
+  queue.request(5, 1, kSecond);
+  queue.take(kSecond);
+  EXPECT_EQ(queue.request(5, 1, kSecond + 2 * kMillisecond), 0u);
+  EXPECT_EQ(queue.request(5, 1, kSecond + 11 * kMillisecond), 0u);
+}
+
+TEST(RepairQueue, repairs_a_segment_again_after_the_holdoff) {
+  RepairQueue queue(100);
+  queue.request(5, 1, kSecond);
+  queue.take(kSecond);
+  EXPECT_EQ(queue.request(5, 1, kSecond + 30 * kMillisecond), 1u);
+}
+
+TEST(RepairQueue, goes_on_where_it_stood) {
+  RepairQueue queue(100);
+  queue.request(50, 1, kSecond);
+  EXPECT_EQ(queue.take(kSecond), 50u);
+  queue.request(10, 1, kSecond);
+  queue.request(60, 1, kSecond);
+  EXPECT_EQ(queue.take(kSecond), 60u);
+  EXPECT_EQ(queue.take(kSecond), 10u);
+}
+
+TEST(RepairQueue, repeats_what_was_asked_for_until_it_is_forgotten) {
+  RepairQueue queue(100);
+  queue.request(1, 2, kSecond);
+  queue.take(kSecond);
+  queue.take(kSecond);
+  queue.repeat_asked();
+  EXPECT_EQ(queue.take(2 * kSecond), 1u);
+  EXPECT_EQ(queue.take(2 * kSecond), 2u);
+  queue.forget_asked();
+  queue.repeat_asked();
+  EXPECT_TRUE(queue.empty());
+}
+
+}  // namespace
+}  // namespace pkgdist::lead
