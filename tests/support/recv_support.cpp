@@ -400,14 +400,14 @@ extern "C" uint64_t fts_get_stamp_fast(void) {
   return support::clock::now();
 }
 
-extern "C" void qtrace_internal(qtrace_handle_t, uint32_t point, int, int ring,
+extern "C" void qtrace_internal(qtrace_handle_t handle, uint32_t point, int, int ring,
                                 const char* signature, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   std::string text = support::render(signature, format, arguments);
   va_end(arguments);
   const std::lock_guard lock(support::guard);
-  support::log_records.push_back({ring == 0, point, std::move(text), signature});
+  support::log_records.push_back({ring == 0, point, std::move(text), signature, handle});
 }
 
 extern "C" int ship_register(const char* application, const char* table, const char* process,

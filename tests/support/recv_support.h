@@ -167,6 +167,7 @@ struct Record {
   uint32_t point;
   std::string text;
   std::string signature;
+  uint64_t handle;  // of the trace it went to
 };
 namespace logs {
 std::vector<Record>& records();
