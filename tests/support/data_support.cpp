@@ -158,6 +158,14 @@ void DataTest::TearDown() {
     std::free(reinterpret_cast<Queued*>(link)->data);
     std::free(link);
   }
+  // Channels that are held once more than there are contexts, as attaching again leaves them.
+  while (DataCallbackChannel* channel = G_data_recv_qitc_db.head) {
+    G_data_recv_qitc_db.remove(channel);
+    void* entry = nullptr;
+    while (qitc_get(channel->qitc, &entry) == 0) DataSide::drop_entry(channel->channel_id, entry);
+    qitc_handle_destroy(channel->qitc);
+    std::free(channel);
+  }
   close_socket(G_data_rx_socket);
   close_socket(G_data_req_socket);
 }
