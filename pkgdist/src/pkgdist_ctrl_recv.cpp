@@ -94,12 +94,16 @@ void register_statistics(const char* function) {
     PKGDIST_ERR_IN(function, "ctrl recv server histograms ship register failed: %d", error);
 }
 
+void stretch(uint64_t& interval) {
+  store(interval, load(interval) * kSimulationFactor);
+}
+
 void stretch_timeouts() {
-  G_ctrl_rto.rx_select_timeout *= kSimulationFactor;
-  G_ctrl_rto.scan_interval *= kSimulationFactor;
-  G_ctrl_rto.lead_ack_timeout *= kSimulationFactor;
-  G_ctrl_rto.segment_timeout *= kSimulationFactor;
-  G_ctrl_rto.lead_silence_timeout *= kSimulationFactor;
+  stretch(G_ctrl_rto.rx_select_timeout);
+  stretch(G_ctrl_rto.scan_interval);
+  stretch(G_ctrl_rto.lead_ack_timeout);
+  stretch(G_ctrl_rto.segment_timeout);
+  stretch(G_ctrl_rto.lead_silence_timeout);
 }
 
 PkgdistStatus open_channel() {

@@ -103,7 +103,7 @@ void send_segment_again(LeadMessage& entry, uint32_t segment) {
     return;
   }
   RetransmitRecord& record = entry.retransmits[segment];
-  if (record.count >= G_ctrl_rto.max_retries) {
+  if (record.count >= load(G_ctrl_rto.max_retries)) {
     PKGDIST_WARN("CTRL UC MSG Max Retransmit Reached - Sequence %d Segment %d\n", entry.sequence,
                  segment);
     return;
@@ -116,7 +116,7 @@ void send_segment_again(LeadMessage& entry, uint32_t segment) {
 
 bool is_late(const LeadMessage& entry, uint64_t now) {
   const uint64_t idle = now > entry.last_send ? now - entry.last_send : 0;
-  return idle >= G_ctrl_rto.lead_ack_timeout * (uint64_t{entry.retransmits[0].count} + 1);
+  return idle >= load(G_ctrl_rto.lead_ack_timeout) * (uint64_t{entry.retransmits[0].count} + 1);
 }
 
 // Sends a late message again. The status with which it ends, or 0 while there is hope.
@@ -248,7 +248,7 @@ PkgdistStatus pkgdist_ctrl_recv_msg_id_send(uint32_t id, bool is_retransmit) {
   for (uint32_t i = 0; i < entry->segment_count; ++i) {
     RetransmitRecord& record = entry->retransmits[i];
     if (is_retransmit) {
-      if (record.count >= G_ctrl_rto.max_retries) {
+      if (record.count >= load(G_ctrl_rto.max_retries)) {
         PKGDIST_WARN("CTRL Lead Msg Max Retransmit Reached - Sequence %d Segment %d\n",
                      entry->sequence, i);
         continue;

@@ -35,7 +35,7 @@ void count_bad_packet(bool is_unicast) {
 
 bool lead_was_heard_lately(uint64_t now) {
   const uint64_t heard = load(G_ctrl_last_lead_msg);
-  return (now > heard ? now - heard : 0) < G_ctrl_rto.lead_silence_timeout;
+  return (now > heard ? now - heard : 0) < load(G_ctrl_rto.lead_silence_timeout);
 }
 
 void note_second_lead(const Header& header) {

@@ -43,7 +43,7 @@ CrsCounter deleted_counter(const CTRL_RECV_RX_MSG& entry) {
 
 bool is_late(const CTRL_RECV_RX_MSG& entry, uint64_t now) {
   const uint64_t idle = now > entry.stamp ? now - entry.stamp : 0;
-  return idle >= G_ctrl_rto.segment_timeout * (uint64_t{entry.nack_count} + 1);
+  return idle >= load(G_ctrl_rto.segment_timeout) * (uint64_t{entry.nack_count} + 1);
 }
 
 void send_nack(const CTRL_RECV_RX_MSG& entry, bool has_segment, uint32_t segment) {
@@ -165,7 +165,7 @@ void rx_msg_scan() {
   for (CTRL_RECV_RX_MSG* at = G_ctrl_recv_rx_msg_db.head; at != nullptr;) {
     if (!is_late(*at, now)) {
       at = at->next;
-    } else if (at->nack_count >= G_ctrl_rto.max_retries) {
+    } else if (at->nack_count >= load(G_ctrl_rto.max_retries)) {
       give_up(at);
       at = G_ctrl_recv_rx_msg_db.head;
     } else {

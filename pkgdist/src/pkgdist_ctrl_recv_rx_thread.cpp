@@ -55,7 +55,7 @@ int wait_readable(const Sockets& sockets, fd_set& readable) {
   FD_ZERO(&readable);
   if (sockets.multicast >= 0) FD_SET(sockets.multicast, &readable);
   if (sockets.unicast >= 0) FD_SET(sockets.unicast, &readable);
-  timeval wait = timeval_of(G_ctrl_rto.rx_select_timeout);
+  timeval wait = timeval_of(load(G_ctrl_rto.rx_select_timeout));
   return select(std::max(sockets.multicast, sockets.unicast) + 1, &readable, nullptr, nullptr,
                 &wait);
 }
@@ -75,7 +75,7 @@ ssize_t receive(int socket, CrtHistogram histogram) {
 
 void scan_if_due(uint64_t& last_scan) {
   const uint64_t now = fts_get_stamp_fast();
-  if (now - last_scan < G_ctrl_rto.scan_interval) return;
+  if (now - last_scan < load(G_ctrl_rto.scan_interval)) return;
   pkgdist_ctrl_recv_chk_timeout();
   last_scan = now;
 }
@@ -145,7 +145,8 @@ PkgdistStatus pkgdist_ctrl_recv_mc_rx_port_init() {
     PKGDIST_ERR("ctrl mc rx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
-  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(G_ctrl_rto.rx_socket_buffer)) != 0) {
+  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(load(G_ctrl_rto.rx_socket_buffer))) !=
+      0) {
     PKGDIST_ERR("ctrl mc rx setsockopt failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
@@ -173,7 +174,8 @@ PkgdistStatus pkgdist_ctrl_recv_uc_rx_port_init() {
     PKGDIST_ERR("ctrl uc rx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
-  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(G_ctrl_rto.rx_socket_buffer)) != 0) {
+  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(load(G_ctrl_rto.rx_socket_buffer))) !=
+      0) {
     PKGDIST_ERR("ctrl uc rx setsockopt failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }

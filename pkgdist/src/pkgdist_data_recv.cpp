@@ -60,12 +60,16 @@ void register_statistics(const char* function) {
     PKGDIST_ERR_IN(function, "data recv server histograms ship register failed: %d", error);
 }
 
+void stretch(uint64_t& interval) {
+  store(interval, load(interval) * kSimulationFactor);
+}
+
 void stretch_timeouts() {
-  G_data_rto.receive_wait *= kSimulationFactor;
-  G_data_rto.timer_period *= kSimulationFactor;
-  G_data_rto.file_info_timeout *= kSimulationFactor;
-  G_data_rto.segment_timeout *= kSimulationFactor;
-  G_data_rto.not_done_timeout *= kSimulationFactor;
+  stretch(G_data_rto.receive_wait);
+  stretch(G_data_rto.timer_period);
+  stretch(G_data_rto.file_info_timeout);
+  stretch(G_data_rto.segment_timeout);
+  stretch(G_data_rto.not_done_timeout);
 }
 
 // A trace point per location.

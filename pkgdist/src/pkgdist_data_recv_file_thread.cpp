@@ -136,7 +136,7 @@ void process(const DataQueueEntry& entry) {
 
 void run_timeouts_if_due(uint64_t& last_scan) {
   const uint64_t now = fts_get_stamp_fast();
-  if (elapsed(now, last_scan) < G_data_rto.timer_period) return;
+  if (elapsed(now, last_scan) < load(G_data_rto.timer_period)) return;
   (void)pkgdist_data_recv_timeout();
   last_scan = now;
 }
@@ -146,7 +146,7 @@ void wait_for_datagram() {
   timespec until{};
   (void)clock_gettime(CLOCK_MONOTONIC, &until);
   until = timespec_of(static_cast<uint64_t>(until.tv_sec) * kNanosecondsPerSecond +
-                      static_cast<uint64_t>(until.tv_nsec) + G_data_rto.timer_period);
+                      static_cast<uint64_t>(until.tv_nsec) + load(G_data_rto.timer_period));
   store(G_pkgdist_file_recv_thread_waiting, true);
   const int result =
       pthread_cond_timedwait(&G_pkgdist_file_recv_cond, &G_pkgdist_file_recv_mutex, &until);

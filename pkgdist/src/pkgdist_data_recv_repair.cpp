@@ -48,7 +48,7 @@ bool is_due(const Entry& entry, uint64_t now, uint64_t since, uint64_t interval)
 }
 
 bool is_exhausted(const Entry& entry) {
-  return entry.timeout_count >= G_data_rto.max_retries;
+  return entry.timeout_count >= load(G_data_rto.max_retries);
 }
 
 void request_again(Entry& entry, uint64_t now) {
@@ -148,14 +148,16 @@ bool has_tail(const Entry& entry) {
 }
 
 Verdict check(Entry& entry, uint64_t now) {
-  if (entry.info_pending != 0 && is_due(entry, now, entry.start_time, G_data_rto.file_info_timeout))
+  if (entry.info_pending != 0 &&
+      is_due(entry, now, entry.start_time, load(G_data_rto.file_info_timeout)))
     return file_info_timeout(entry, now);
-  if (entry.missing_count != 0 && is_due(entry, now, entry.repair_time, G_data_rto.segment_timeout))
+  if (entry.missing_count != 0 &&
+      is_due(entry, now, entry.repair_time, load(G_data_rto.segment_timeout)))
     return missing_timeout(entry, now);
-  if (has_tail(entry) && is_due(entry, now, entry.start_time, G_data_rto.segment_timeout))
+  if (has_tail(entry) && is_due(entry, now, entry.start_time, load(G_data_rto.segment_timeout)))
     return tail_timeout(entry, now);
   if (entry.received_count < entry.segment_count &&
-      is_due(entry, now, load(G_data_recv_file_last_msg), G_data_rto.not_done_timeout))
+      is_due(entry, now, load(G_data_recv_file_last_msg), load(G_data_rto.not_done_timeout)))
     return not_done_timeout(entry, now);
   return Verdict::kWaits;
 }

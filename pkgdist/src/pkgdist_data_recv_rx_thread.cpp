@@ -47,7 +47,7 @@ int wait_readable(int socket) {
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(socket, &readable);
-  timeval wait = timeval_of(G_data_rto.receive_wait);
+  timeval wait = timeval_of(load(G_data_rto.receive_wait));
   return select(socket + 1, &readable, nullptr, nullptr, &wait);
 }
 
@@ -137,7 +137,7 @@ PkgdistStatus pkgdist_data_recv_rx_init() {
     return PKGDIST_ERR_SYSTEM;  // alone among the failures here, this one leaves the socket open
   }
   PkgdistStatus status = PKGDIST_ERR_SYSTEM;
-  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(G_data_rto.receive_buffer)) != 0)
+  if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(load(G_data_rto.receive_buffer))) != 0)
     PKGDIST_ERR("data rx setsockopt failed: %d(%s)", errno, std::strerror(errno));
   else if (bind_socket(socket, load(G_data_tx_mc_addr), load(G_data_tx_mc_port)) != 0)
     PKGDIST_ERR("data rx bind failed: %d(%s)", errno, std::strerror(errno));

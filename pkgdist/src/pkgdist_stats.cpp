@@ -71,16 +71,6 @@ constexpr StatTable table(const char* application, const char* name, uint32_t ki
   return {application, name, kind, entries, Count, handle};
 }
 
-void add_one(void* block, uint32_t index) {
-  if (block == nullptr) return;
-  auto* first = static_cast<uint8_t*>(block) + size_t{kCounterRecordBytes} * index;
-  counter_add(reinterpret_cast<uint32_t*>(first), 1);
-}
-
-void record_in(void* block, uint32_t index, uint64_t elapsed_ns) {
-  if (block != nullptr) histogram_record(block, index, elapsed_ns);
-}
-
 uint32_t bucket_of(uint64_t elapsed_ns) {
   uint32_t bucket = 0;
   for (uint64_t end = kFirstBucketEndNs; elapsed_ns >= end && bucket < kHistogramBuckets - 1;
@@ -134,6 +124,11 @@ uint32_t counter_add(uint32_t* counter, uint32_t amount) {
   return previous;
 }
 
+void counter_increment(void* block, uint32_t index) {
+  auto* first = static_cast<uint8_t*>(block) + size_t{kCounterRecordBytes} * index;
+  counter_add(reinterpret_cast<uint32_t*>(first), 1);
+}
+
 void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns) {
   counter_add(static_cast<uint32_t*>(block) + kHistogramBuckets * index + bucket_of(elapsed_ns), 1);
 }
@@ -153,45 +148,6 @@ void watermark_update(void* block, uint32_t current) {
       store(watermark.stamp, fts_get_stamp_fast());
     }
   }
-}
-
-void count(CrtCounter counter) {
-  add_one(load(pkgdist_crt_ship_counter_hdl), static_cast<uint32_t>(counter));
-}
-void count(CrsCounter counter) {
-  add_one(load(pkgdist_crs_ship_counter_hdl), static_cast<uint32_t>(counter));
-}
-void count(DrtCounter counter) {
-  add_one(load(pkgdist_drt_ship_counter_hdl), static_cast<uint32_t>(counter));
-}
-void count(DrsCounter counter) {
-  add_one(load(pkgdist_drs_ship_counter_hdl), static_cast<uint32_t>(counter));
-}
-
-void record(CrtHistogram histogram, uint64_t elapsed_ns) {
-  record_in(load(pkgdist_crt_ship_histogram_hdl), static_cast<uint32_t>(histogram), elapsed_ns);
-}
-void record(CrsHistogram histogram, uint64_t elapsed_ns) {
-  record_in(load(pkgdist_crs_ship_histogram_hdl), static_cast<uint32_t>(histogram), elapsed_ns);
-}
-void record(DrtHistogram histogram, uint64_t elapsed_ns) {
-  record_in(load(pkgdist_drt_ship_histogram_hdl), static_cast<uint32_t>(histogram), elapsed_ns);
-}
-void record(DrsHistogram histogram, uint64_t elapsed_ns) {
-  record_in(load(pkgdist_drs_ship_histogram_hdl), static_cast<uint32_t>(histogram), elapsed_ns);
-}
-
-bool recording(CrtHistogram) {
-  return load(pkgdist_crt_ship_histogram_hdl) != nullptr;
-}
-bool recording(CrsHistogram) {
-  return load(pkgdist_crs_ship_histogram_hdl) != nullptr;
-}
-bool recording(DrtHistogram) {
-  return load(pkgdist_drt_ship_histogram_hdl) != nullptr;
-}
-bool recording(DrsHistogram) {
-  return load(pkgdist_drs_ship_histogram_hdl) != nullptr;
 }
 
 }  // namespace pkgdist

@@ -41,21 +41,52 @@ void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns);
 // Moves the mark of the one-entry watermark block for a new current value.
 void watermark_update(void* block, uint32_t current);
 
-void count(CrtCounter counter);
-void count(CrsCounter counter);
-void count(DrtCounter counter);
-void count(DrsCounter counter);
+// The value block of the table that an entry belongs to; null while it is not registered.
+inline void* block_of(CrtCounter) {
+  return load(pkgdist_crt_ship_counter_hdl);
+}
+inline void* block_of(CrsCounter) {
+  return load(pkgdist_crs_ship_counter_hdl);
+}
+inline void* block_of(DrtCounter) {
+  return load(pkgdist_drt_ship_counter_hdl);
+}
+inline void* block_of(DrsCounter) {
+  return load(pkgdist_drs_ship_counter_hdl);
+}
+inline void* block_of(CrtHistogram) {
+  return load(pkgdist_crt_ship_histogram_hdl);
+}
+inline void* block_of(CrsHistogram) {
+  return load(pkgdist_crs_ship_histogram_hdl);
+}
+inline void* block_of(DrtHistogram) {
+  return load(pkgdist_drt_ship_histogram_hdl);
+}
+inline void* block_of(DrsHistogram) {
+  return load(pkgdist_drs_ship_histogram_hdl);
+}
 
-void record(CrtHistogram histogram, uint64_t elapsed_ns);
-void record(CrsHistogram histogram, uint64_t elapsed_ns);
-void record(DrtHistogram histogram, uint64_t elapsed_ns);
-void record(DrsHistogram histogram, uint64_t elapsed_ns);
+// Adds one to entry `index` of a counter block.
+void counter_increment(void* block, uint32_t index);
+
+template <class Counter>
+void count(Counter counter) {
+  if (void* block = block_of(counter); block != nullptr)
+    counter_increment(block, static_cast<uint32_t>(counter));
+}
+
+template <class Histogram>
+void record(Histogram histogram, uint64_t elapsed_ns) {
+  if (void* block = block_of(histogram); block != nullptr)
+    histogram_record(block, static_cast<uint32_t>(histogram), elapsed_ns);
+}
 
 // Whether times of this table are wanted: stamps are only taken for a registered histogram table.
-bool recording(CrtHistogram);
-bool recording(CrsHistogram);
-bool recording(DrtHistogram);
-bool recording(DrsHistogram);
+template <class Histogram>
+bool recording(Histogram histogram) {
+  return block_of(histogram) != nullptr;
+}
 
 // Now when the table records, else 0: the stamp of something that will wait in a queue.
 template <class Histogram>
