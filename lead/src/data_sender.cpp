@@ -8,8 +8,6 @@ namespace pkgdist::lead {
 
 namespace {
 
-// Contents kept open: well below the usual limit of 1024 descriptors.
-constexpr size_t kMaxOpenContents = 256;
 constexpr uint64_t kMaxFileSize = UINT32_MAX;
 
 int check_size(const FileAttributes& attributes) {
@@ -88,7 +86,8 @@ TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
   transfer.tag = tag;
   transfer.priority = priority;
   if (error != 0) transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
-  if (error == 0) {
+  // Without room it is opened again when its turn comes: what is before it needs the room earlier.
+  if (error == 0 && room_for_content()) {
     transfer.content = std::move(content);
     use_content(transfer);
   }
@@ -217,10 +216,10 @@ void DataSender::refuse(const FileKey& key, uint64_t status, NodeIndex node) {
 
 void DataSender::use_content(Transfer& transfer) {
   opened_.push_back(transfer.id);
-  while (opened_.size() > kMaxOpenContents) {
+  while (opened_.size() > kMaxOpenContents || at(opened_.front()) == nullptr) {
     Transfer* oldest = at(opened_.front());
     opened_.pop_front();
-    if (oldest != nullptr && oldest != &transfer) oldest->content.reset();
+    if (oldest != nullptr) oldest->content.reset();
   }
 }
 
@@ -327,6 +326,15 @@ bool DataSender::send_stream(Time now) {
   line.pop_front();
   begin_settling(*transfer, now);
   return true;
+}
+
+double DataSender::backlog_seconds() {
+  uint64_t bytes = waiting_bytes_;
+  for (auto& [priority, line] : streaming_)
+    if (const Transfer* first = head(line); first != nullptr)
+      if (first->stage == Transfer::Stage::kStreaming)
+        bytes += first->turn.ahead() * self_.segment_size;
+  return static_cast<double>(bytes) * 8 / static_cast<double>(pacer_.rate());
 }
 
 bool DataSender::send_repair(Time now) {

@@ -70,6 +70,8 @@ class DataSender {
   size_t waiting_files() const { return waiting_; }
   uint64_t waiting_bytes() const { return waiting_bytes_; }
   size_t active_files() const { return transfers_.size(); }
+  // How long the stream takes to come to the end of what was started, at the present rate.
+  double backlog_seconds();
 
   // Messages from nodes.
   // Returns how many segments of the file were asked for, 0 when the request makes no sense.
@@ -87,6 +89,8 @@ class DataSender {
 
  private:
   using Line = std::deque<TransferId>;
+  // Contents kept open: well below the usual limit of 1024 descriptors.
+  static constexpr size_t kMaxOpenContents = 256;
 
   // data_sender.cpp: choosing and sending
   Transfer* at(TransferId id) const;
@@ -112,6 +116,7 @@ class DataSender {
 
   // file_cache part: content that is open
   int open_content(Transfer& transfer);
+  bool room_for_content() const { return opened_.size() < kMaxOpenContents; }
   void use_content(Transfer& transfer);
   void fail(Transfer& transfer, int error, Time now);
 

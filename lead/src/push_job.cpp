@@ -9,9 +9,12 @@ namespace pkgdist::lead {
 
 namespace {
 
-// Announced files ahead of the stream: enough to hide the nodes' answers for files they have.
-constexpr size_t kMaxWaitingFiles = 256;
-constexpr uint64_t kMaxWaitingBytes = 64 * 1024 * 1024;
+// Files ahead of the stream whose information was sent: a whole piece of the list, because a node
+// asks for files that it was told of and hears nothing about.
+constexpr size_t kMaxWaitingFiles = 1024;
+constexpr uint64_t kMaxWaitingBytes = 128 * 1024 * 1024;
+// The next piece is announced when the stream has this much left to do, for the same reason.
+constexpr double kAnnounceAheadSeconds = 0.3;
 // Files in transfer, most of them settling: memory, and patience with what is behind.
 constexpr size_t kMaxActiveFiles = 2048;
 // How long the files of a piece wait for nodes that do not acknowledge its list.
@@ -258,7 +261,10 @@ void PushJob::start_file(uint32_t file, std::vector<NodeIndex> nodes) {
 void PushJob::feed() {
   while (data_.waiting_files() < kMaxWaitingFiles && data_.waiting_bytes() < kMaxWaitingBytes &&
          data_.active_files() < kMaxActiveFiles && pick_file()) {
-    if (!piece_ready(piece_of(cursor_))) return;
+    const uint32_t piece = piece_of(cursor_);
+    const bool announced = piece_deadline_[piece] != 0;
+    if (!announced && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
+    if (!piece_ready(piece)) return;
     const std::vector<NodeIndex> nodes = listeners(cursor_);
     const FileKey key{request_.location, request_.files[cursor_].name};
     // Left out, a file comes again: when a node acknowledges, or when the other transfer ends.
