@@ -12,15 +12,18 @@ touched and everything is gone when the process ends.
         net.lead.run([...])
 """
 
+import ctypes
 import hashlib
 import json
 import os
 import shutil
 import signal
+import socket
 import stat
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 MARK = "PKGDIST_LAB"
@@ -96,6 +99,25 @@ class Host(Loopback):
     def _exec(self, *command):
         _sh(*self.prefix, *command)
 
+    def socket(self, port=0, address=None):
+        """A UDP socket of this host, in this process; bound, sending multicast from its interface."""
+        return _in_namespace(f"/run/netns/{self.name}", lambda: self._open_socket(port, address))
+
+    def _open_socket(self, port, address):
+        own = socket.inet_aton(self.address)
+        result = socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_CLOEXEC)
+        result.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+        result.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, own)
+        result.bind((address or self.address, port))
+        return result
+
+    def group_socket(self, group, port):
+        """A socket that has joined a multicast group."""
+        result = self.socket(port, group)
+        result.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                          socket.inet_aton(group) + socket.inet_aton(self.address))
+        return result
+
     def lose(self, percent):
         """Drops this share of the UDP datagrams that arrive here."""
         self._exec("nft", "add table ip lab; flush table ip lab")
@@ -105,8 +127,36 @@ class Host(Loopback):
             self._exec("nft", f"add rule ip lab input ip protocol udp numgen random mod 10000 < {limit} drop")
 
 
+def _in_namespace(path, action):
+    """What `action` returns when it runs in another network namespace."""
+    outcome = []
+
+    def enter_and_act():
+        try:
+            descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
+            try:
+                libc = ctypes.CDLL(None, use_errno=True)
+                if libc.setns(descriptor, 0) != 0:  # of this thread alone
+                    raise OSError(ctypes.get_errno(), "setns")
+            finally:
+                os.close(descriptor)
+            outcome.append((action(), None))
+        except Exception as error:
+            outcome.append((None, error))
+
+    thread = threading.Thread(target=enter_and_act)
+    thread.start()
+    thread.join()
+    result, error = outcome[0]
+    if error is not None:
+        raise error
+    return result
+
+
 class Lab:
-    def __init__(self, nodes=3):
+    """`others`: names of hosts beside the lead and the nodes, in `net.others`."""
+
+    def __init__(self, nodes=3, others=()):
         _sh("mount", "-t", "tmpfs", "lab", "/run")
         os.makedirs("/run/netns", exist_ok=True)
         _sh("ip", "link", "set", "lo", "up")
@@ -114,6 +164,7 @@ class Lab:
         _sh("ip", "link", "set", "br0", "up")
         self.lead = Host("lead", 1)
         self.nodes = [Host(f"node{i + 1}", i + 2) for i in range(nodes)]
+        self.others = {name: Host(name, 101 + i) for i, name in enumerate(others)}
 
     def __enter__(self):
         return self
@@ -122,7 +173,7 @@ class Lab:
         self.stop()
 
     def hosts(self):
-        return [self.lead, *self.nodes]
+        return [self.lead, *self.nodes, *self.others.values()]
 
     def stop_processes(self):
         for host in self.hosts():
@@ -222,3 +273,12 @@ def work_directory():
 
 def remove(directory):
     shutil.rmtree(directory, ignore_errors=True)
+
+
+def mount_memory(path, options="size=80%"):
+    """An empty file system in memory, visible inside our own namespaces only."""
+    _sh("mount", "-t", "tmpfs", "-o", options, "lab", path)
+
+
+def unmount(path):
+    _sh("umount", "--lazy", path)

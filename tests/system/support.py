@@ -1,0 +1,233 @@
+"""What the system tests share: a laboratory for each class, directories for each test, checks."""
+
+import os
+import shutil
+import subprocess
+import sys
+import threading
+import unittest
+
+_HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [_HERE, os.path.join(_HERE, "..", "lab")]
+
+import lab  # noqa: E402
+import node_statistics  # noqa: E402
+
+PROGRAMS = None  # of the build under test; set by run.py
+# Content and received files live in a memory file system of this process's own mount namespace. Its
+# path is short because a node keeps a file's whole path in 255 bytes.
+ROOT = "/mnt"
+
+# Status words.
+ERRNO_BASE = (0x40001278 << 32) | (0xCA1 << 20)
+INVALID = (0x40101278 << 32) | (0xCA1 << 20) | 0xBEA
+DELETED = (0x30101278 << 32) | (0xCA1 << 20) | 0xBF7
+
+
+def errno_status(number):
+    return ERRNO_BASE | number
+
+
+class SystemTest(unittest.TestCase):
+    """One laboratory for a class; its processes and directories last for one test."""
+
+    NODES = 3
+    OTHERS = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.net = lab.Lab(cls.NODES, cls.OTHERS)
+        cls.addClassCleanup(cls.net.stop)
+
+    def setUp(self):
+        lab.mount_memory(ROOT)
+        self.addCleanup(lab.unmount, ROOT)
+        self.programs = PROGRAMS
+        self.content = self.directory("c")
+        self.node_processes = {}
+        self.addCleanup(self.stop_processes)
+
+    def stop_processes(self):
+        self.net.stop_processes()
+        for host in self.net.hosts():
+            for process in host.processes:
+                node_statistics.forget(process.pid)
+            host.processes.clear()
+            host.lose(0)
+
+    def directory(self, name):
+        path = os.path.join(ROOT, name)
+        os.makedirs(path, exist_ok=True)
+        return path
+
+    # --- Nodes ---
+
+    def directory_of(self, node):
+        return self.directory(str(self.net.nodes.index(node) + 1))
+
+    def log_of(self, node):
+        return os.path.join(ROOT, f"{node.name}.log")
+
+    def start_node(self, node, *arguments, location=None):
+        process = self.programs.start_node(node, self.directory_of(node), *arguments,
+                                           log=self.log_of(node), location=location)
+        self.node_processes[node.name] = process
+        return process
+
+    def start_nodes(self):
+        for node in self.net.nodes:
+            self.start_node(node)
+
+    def kill(self, process):
+        process.kill()
+        process.wait()
+        node_statistics.forget(process.pid)
+
+    def node_events(self, node, event=None):
+        with open(self.log_of(node), encoding="utf-8") as file:
+            events = lab.parse_events(file.read())
+        return [e for e in events if event is None or e["event"] == event]
+
+    def statistics(self, node):
+        return node_statistics.read(self.node_processes[node.name].pid)
+
+    def addresses(self):
+        return ",".join(node.address for node in self.net.nodes)
+
+    # --- Pushes ---
+
+    def push(self, *arguments, expect=0, **options):
+        result = self.programs.push(self.net.lead, self.content, "--nodes", self.addresses(),
+                                    *arguments, **options)
+        self.assertEqual(result.returncode, expect, f"{result.stderr}\n{result.stdout[-3000:]}")
+        return result
+
+    def start_push(self, *arguments, nodes=None, paths=(".",)):
+        return BackgroundLead(self, "push", "--nodes", nodes or self.addresses(), *arguments, *paths)
+
+    def assert_received(self, *nodes):
+        expected = lab.manifest(self.content)
+        for node in nodes or self.net.nodes:
+            wrong = lab.differences(expected, lab.manifest(self.directory_of(node)))
+            self.assertEqual(wrong[:10], [], f"{node.name}: {len(wrong)} differences")
+
+    def assert_alive(self):
+        for name, process in self.node_processes.items():
+            self.assertIsNone(process.poll(), f"{name} has ended")
+
+    def mount(self, path, options):
+        os.makedirs(path)
+        lab.mount_memory(path, options)
+        self.addCleanup(lab.unmount, path)
+
+
+class BackgroundLead:
+    """A lead that runs while the test goes on."""
+
+    def __init__(self, test, *arguments):
+        self.test = test
+        self.out = os.path.join(ROOT, f"lead-{len(test.net.lead.processes)}")
+        with open(self.out + ".json", "wb") as out, open(self.out + ".err", "wb") as err:
+            self.process = test.programs.start_lead(test.net.lead, test.content, *arguments,
+                                                    stdout=out, stderr=err)
+
+    def events(self, event=None):
+        with open(self.out + ".json", encoding="utf-8") as file:
+            events = lab.parse_events(file.read())
+        return [e for e in events if event is None or e["event"] == event]
+
+    def errors(self):
+        with open(self.out + ".err", encoding="utf-8") as file:
+            return file.read()
+
+    def wait_for(self, event, seconds=20.0):
+        lab.wait_until(lambda: self.events(event), seconds, f"the lead's event {event}")
+        return self.events(event)[0]
+
+    def finish(self, expect=0, seconds=120.0):
+        """Waits for the end and returns the summary."""
+        try:
+            self.process.wait(timeout=seconds)
+        except subprocess.TimeoutExpired:
+            self.test.fail(f"the lead has not ended within {seconds} s; {self.events()[-4:]}")
+        self.test.assertEqual(self.process.returncode, expect,
+                              f"{self.errors()}\n{self.events()[-3:]}")
+        return summary(self)
+
+    def stop(self, expect=0):
+        self.process.terminate()
+        self.process.wait(timeout=10)
+        self.test.assertEqual(self.process.returncode, expect, self.errors())
+
+
+def summary(result):
+    """The last summary of a push: of a finished process's result, or of a background lead."""
+    events = result.events() if callable(result.events) else result.events
+    return [e for e in events if e["event"] == "push-finished"][-1]
+
+
+def failures(end):
+    """{node address: {name: status}} of a summary."""
+    return {node["node"]: {f["name"]: f["status"] for f in node["failed"]} for node in end["nodes"]}
+
+
+class Watcher:
+    """Looks at final names all the time while it is entered: what stands there must be whole.
+
+    `wholes`: {path: set of sha256 digests that a whole file may have}.
+    """
+
+    def __init__(self, wholes):
+        self.wholes = wholes
+        self.partial = []
+        self.seen = set()
+        self._known = {}
+        self._done = threading.Event()
+        self._thread = threading.Thread(target=self._watch)
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._done.set()
+        self._thread.join()
+
+    def _watch(self):
+        while not self._done.is_set():
+            for path, digests in self.wholes.items():
+                self._look(path, digests)
+            self._done.wait(0.01)
+
+    def _look(self, path, digests):
+        try:
+            info = os.stat(path)
+            state = (info.st_ino, info.st_size, info.st_mtime_ns)
+            if self._known.get(path) == state:
+                return
+            digest = lab.sha256(path)
+        except FileNotFoundError:
+            return
+        self._known[path] = state
+        self.seen.add(path)
+        if digest not in digests:
+            self.partial.append(f"{path}: {info.st_size} bytes that are no whole file")
+
+
+def resident_bytes(process):
+    with open(f"/proc/{process.pid}/status", encoding="utf-8") as file:
+        line = next(line for line in file if line.startswith("VmRSS:"))
+    return int(line.split()[1]) * 1024
+
+
+def names_below(directory):
+    """Every file and link below a directory, by relative name."""
+    found = set()
+    for place, directories, files in os.walk(directory):
+        links = [d for d in directories if os.path.islink(os.path.join(place, d))]
+        found.update(os.path.relpath(os.path.join(place, n), directory) for n in files + links)
+    return found
+
+
+def remove_tree(path):
+    shutil.rmtree(path, ignore_errors=True)
