@@ -1,5 +1,7 @@
 #include "control_message.h"
 
+#include <algorithm>
+
 namespace pkgdist::lead {
 
 namespace {
@@ -62,6 +64,34 @@ size_t build_segment(std::span<uint8_t> out, const Settings& self, const Control
   body.data_size = std::min<uint64_t>(size, message.payload.size() - offset);
   qidl::mark<&B::data>(body);
   return frame(out, header, body);
+}
+
+size_t build_answer(std::span<uint8_t> out, const Settings& self, uint32_t msg_id,
+                    uint32_t sequence, const uint32_t* segment) {
+  using H = pkgdist_ctrl_msg_hdr;
+  H header = header_of(self, msg_id, sequence);
+  if (segment != nullptr) qidl::set<&H::segment>(header, *segment);
+  qidl::set<&H::unicast>(header, 1);
+  return frame(out, header);
+}
+
+bool Audience::includes(uint32_t address, uint32_t node_class) const {
+  switch (card_class) {
+    case 1:
+    case 2:
+    case 5:
+    case 11:
+    case 13:
+      return node_class == card_class;
+    case 12:
+      return node_class == 1 || node_class == 11;
+    case 6:
+      return node_class == 1 || node_class == 5;
+    case kCardClassListed:
+      return std::find(nodes.begin(), nodes.end(), address) != nodes.end();
+    default:
+      return true;
+  }
 }
 
 }  // namespace pkgdist::lead

@@ -5,22 +5,9 @@
 
 #include "datagram.h"
 #include "pkgdist_lead/lead.h"
+#include "pkgdist_lead/message.h"
 
 namespace pkgdist::lead {
-
-// Card class that every node accepts.
-inline constexpr uint32_t kCardClassEveryone = 3;
-
-// For whom a control message is: a card class, or the nodes listed.
-struct Audience {
-  uint32_t card_class = kCardClassEveryone;
-  std::vector<uint32_t> nodes;  // addresses, for PKGDIST_CARD_CLASS_NODE_LIST only
-
-  static Audience everyone() { return {}; }
-  static Audience only(std::vector<uint32_t> addresses) {
-    return {PKGDIST_CARD_CLASS_NODE_LIST, std::move(addresses)};
-  }
-};
 
 // What of a control message goes into every datagram of it, and its bytes.
 struct ControlMessage {
@@ -41,5 +28,8 @@ size_t build_ping(std::span<uint8_t> out, const Settings& self, uint32_t last_se
                   uint64_t status);
 size_t build_segment(std::span<uint8_t> out, const Settings& self, const ControlMessage& message,
                      uint32_t segment, bool retransmission);
+// An ACK or NACK of a message that a node sent; a NACK may ask for one segment.
+size_t build_answer(std::span<uint8_t> out, const Settings& self, uint32_t msg_id,
+                    uint32_t sequence, const uint32_t* segment);
 
 }  // namespace pkgdist::lead

@@ -31,6 +31,12 @@ class Piece {
   uint64_t content_ = 0;
 };
 
+std::vector<uint8_t> encode_body(const pkgdist_file_send_ctrl& body) {
+  std::vector<uint8_t> bytes(static_cast<size_t>(qidl::encode(body, nullptr, 0)));
+  qidl::encode(body, bytes.data(), bytes.size());
+  return bytes;
+}
+
 std::vector<uint8_t> encode_list(const PushRequest& push, uint32_t xact,
                                  std::vector<char*>& names) {
   using B = pkgdist_file_send_ctrl;
@@ -43,9 +49,7 @@ std::vector<uint8_t> encode_list(const PushRequest& push, uint32_t xact,
   body.names = names.data();
   body.names_count = static_cast<uint32_t>(names.size());
   qidl::mark<&B::names>(body);
-  std::vector<uint8_t> bytes(static_cast<size_t>(qidl::encode(body, nullptr, 0)));
-  qidl::encode(body, bytes.data(), bytes.size());
-  return bytes;
+  return encode_body(body);
 }
 
 }  // namespace
@@ -81,6 +85,27 @@ std::vector<std::vector<uint8_t>> encode_file_lists(const PushRequest& push, uin
   }
   if (!names.empty()) messages.push_back(encode_list(push, xact, names));
   return messages;
+}
+
+std::vector<uint8_t> encode_cancel(uint32_t xact) {
+  using B = pkgdist_file_send_ctrl;
+  B body{};
+  qidl::set<&B::operation>(body, PKGDIST_FILE_SEND_CANCEL);
+  qidl::set<&B::xact_id>(body, xact);
+  return encode_body(body);
+}
+
+std::vector<uint8_t> encode_delete(uint32_t location, const std::vector<std::string>& names) {
+  using B = pkgdist_file_send_ctrl;
+  std::vector<char*> texts;
+  for (const std::string& name : names) texts.push_back(const_cast<char*>(name.c_str()));
+  B body{};
+  qidl::set<&B::operation>(body, PKGDIST_FILE_SEND_DELETE);
+  qidl::set<&B::location>(body, location);
+  body.names = texts.data();
+  body.names_count = static_cast<uint32_t>(texts.size());
+  qidl::mark<&B::names>(body);
+  return encode_body(body);
 }
 
 }  // namespace pkgdist::lead

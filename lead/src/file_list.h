@@ -22,4 +22,8 @@ std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files);
 std::vector<std::vector<uint8_t>> encode_file_lists(const PushRequest& push, uint32_t xact,
                                                     const std::vector<uint32_t>& files);
 
+// The control messages of operations 2 and 3.
+std::vector<uint8_t> encode_cancel(uint32_t xact);
+std::vector<uint8_t> encode_delete(uint32_t location, const std::vector<std::string>& names);
+
 }  // namespace pkgdist::lead

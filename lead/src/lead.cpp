@@ -4,6 +4,7 @@
 
 #include "control_stream.h"
 #include "data_sender.h"
+#include "node_messages.h"
 #include "node_table.h"
 #include "pkgdist/status.h"
 #include "pkgdist_lead/names.h"
@@ -48,9 +49,11 @@ class Lead::Impl : private TransferObserver {
       : settings_(checked(settings)),
         events_(events),
         control_(settings_, sink, counters_,
-                 [this](uint32_t sequence, NodeIndex node) {
-                   if (push_) push_->on_acknowledged(sequence, node);
-                 }),
+                 [this](uint32_t sequence, NodeIndex node) { on_acknowledged(sequence, node); }),
+        messages_(settings_, nodes_, sink, counters_,
+                  [this](NodeIndex node, uint32_t msg_class, std::span<const uint8_t> bytes) {
+                    events_.message_received(nodes_[node].info, msg_class, bytes);
+                  }),
         data_(settings_, nodes_, sink, store, counters_, *this),
         next_xact_(static_cast<uint32_t>(settings.seed)) {}
 
@@ -58,6 +61,10 @@ class Lead::Impl : private TransferObserver {
   void run(Time now);
   Time next_deadline(Time now) const;
   const char* start_push(PushRequest request, Time now);
+  uint32_t post(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience, Time now);
+  uint32_t delete_files(uint32_t location, const std::vector<std::string>& names,
+                        const Audience& audience, Time now);
+  uint32_t xact() const { return push_ ? next_xact_ : 0; }
 
   std::unique_ptr<PushJob> push_;
   Counters counters_;
@@ -66,6 +73,9 @@ class Lead::Impl : private TransferObserver {
  private:
   void on_control(const Frame& frame, uint32_t from, Time now);
   void on_data(const Frame& frame, uint32_t from, Time now);
+  void on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> body,
+                  Time now);
+  void on_acknowledged(uint32_t sequence, NodeIndex node);
   void on_file_request(NodeIndex node, const pkgdist_data_send_req& request, Time now);
   void on_sighting(NodeTable::Result seen, Time now);
   void measure_round_trip(uint64_t echo, Time now);
@@ -80,7 +90,9 @@ class Lead::Impl : private TransferObserver {
   Events& events_;
   NodeTable nodes_;
   ControlStream control_;
+  NodeMessages messages_;
   DataSender data_;
+  std::set<uint32_t> own_messages_;  // sequences of messages that the owner sent
   uint32_t next_xact_;
   Time round_trip_ = 0;
   Time next_expiry_ = 0;
@@ -111,7 +123,8 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   const uint32_t kind = header->msg_id;
   const bool reply = kind == PKGDIST_CTRL_MSG_PING_REPLY;
   const bool answer = kind == PKGDIST_CTRL_MSG_ACK || kind == PKGDIST_CTRL_MSG_NACK;
-  if ((!reply && !answer) || header->node_ip == settings_.address) {
+  const bool message = kind == PKGDIST_CTRL_MSG_CTRL;
+  if ((!reply && !answer && !message) || header->node_ip == settings_.address) {
     ++counters_.foreign_datagrams;
     return;
   }
@@ -127,6 +140,7 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     if (qidl::has<&H::status>(*header)) measure_round_trip(header->status, now);
   }
   on_sighting(seen, now);
+  if (message) return on_message(seen.index, *header, frame.body, now);
   if (answer && header->unicast == 1) return;  // nothing was sent to a single node
   if (kind == PKGDIST_CTRL_MSG_ACK) control_.on_ack(seen.index, header->sequence);
   if (kind == PKGDIST_CTRL_MSG_NACK)
@@ -135,6 +149,49 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     control_.on_ping_reply(seen.index, point, now);
   else if (has_point)
     control_.on_point(seen.index, point);
+}
+
+void Lead::Impl::on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header,
+                            std::span<const uint8_t> bytes, Time now) {
+  const Decoded<pkgdist_ctrl_msg> body(bytes);
+  if (body)
+    messages_.on_segment(node, header, *body, now);
+  else
+    ++counters_.bad_datagrams;
+}
+
+void Lead::Impl::on_acknowledged(uint32_t sequence, NodeIndex node) {
+  if (own_messages_.contains(sequence))
+    events_.message_acknowledged(nodes_[node].info, sequence);
+  else if (push_)
+    push_->on_acknowledged(sequence, node);
+}
+
+uint32_t Lead::Impl::post(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience,
+                          Time now) {
+  if (bytes.empty() || bytes.size() > UINT32_MAX || audience.nodes.size() > kMaxNodesPerMessage)
+    return 0;
+  if (audience.nodes.empty() == (audience.card_class == kCardClassListed)) return 0;
+  std::vector<NodeIndex> waiting;
+  for (NodeIndex i = 0; i < nodes_.size(); ++i) {
+    const NodeInfo& info = nodes_[i].info;
+    if (!nodes_[i].silent && info.pid != 0 && audience.includes(info.address, info.card_class))
+      waiting.push_back(i);
+  }
+  const uint32_t sequence = control_.post(msg_class, std::move(bytes), audience, waiting, now);
+  own_messages_.insert(sequence);
+  constexpr size_t kMaxRemembered = 4096;
+  if (own_messages_.size() > kMaxRemembered) own_messages_.erase(own_messages_.begin());
+  return sequence;
+}
+
+uint32_t Lead::Impl::delete_files(uint32_t location, const std::vector<std::string>& names,
+                                  const Audience& audience, Time now) {
+  if (location < PKGDIST_LOCATION_FIRST || location > PKGDIST_LOCATION_LAST) return 0;
+  if (names.empty() || names.size() > UINT16_MAX) return 0;
+  for (const std::string& name : names)
+    if (name_problem(name) != nullptr) return 0;
+  return post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_delete(location, names), audience, now);
 }
 
 void Lead::Impl::measure_round_trip(uint64_t echo, Time now) {
@@ -152,6 +209,7 @@ void Lead::Impl::on_sighting(NodeTable::Result seen, Time now) {
   if (seen.sighting == Sighting::kRestarted) {
     events_.node_restarted(info);
     control_.forget(seen.index);
+    messages_.forget(seen.index);
     data_.drop_node(seen.index, now);
   }
   if (push_) push_->on_node_fresh(seen.index);
@@ -266,12 +324,13 @@ void Lead::Impl::run(Time now) {
                                           : Watch::kPushing,
                      now);
   control_.run(now);
+  messages_.run(now);
   data_.run(now);
 }
 
 Time Lead::Impl::next_deadline(Time now) const {
   Time deadline = std::min(control_.next_deadline(), data_.next_deadline(now));
-  deadline = std::min(deadline, next_expiry_);
+  deadline = std::min({deadline, next_expiry_, messages_.next_deadline()});
   if (push_) deadline = std::min(deadline, push_->next_deadline());
   return std::max(deadline, now);
 }
@@ -319,6 +378,26 @@ PushReport Lead::push_report() const {
 
 bool Lead::push_running() const {
   return impl_->push_ && !impl_->push_->finished();
+}
+
+uint32_t Lead::send_message(uint32_t msg_class, std::vector<uint8_t> bytes,
+                            const Audience& audience, Time now) {
+  if (msg_class < PKGDIST_CTRL_CLASS_FIRST || msg_class > PKGDIST_CTRL_CLASS_LAST) return 0;
+  return impl_->post(msg_class, std::move(bytes), audience, now);
+}
+
+uint32_t Lead::cancel_transaction(uint32_t xact, const Audience& audience, Time now) {
+  if (xact == 0) return 0;
+  return impl_->post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_cancel(xact), audience, now);
+}
+
+uint32_t Lead::delete_files(uint32_t location, const std::vector<std::string>& names,
+                            const Audience& audience, Time now) {
+  return impl_->delete_files(location, names, audience, now);
+}
+
+uint32_t Lead::push_transaction() const {
+  return impl_->xact();
 }
 
 uint64_t Lead::rate_bits() const {

@@ -114,6 +114,7 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
 
   struct Seen {
     size_t appeared = 0, restarted = 0, silent = 0, returned = 0, requested = 0, request_ended = 0;
+    size_t acknowledged = 0;  // messages of the lead's owner, by nodes
     uint64_t last_request_status = 0;
   };
   const Seen& seen() const { return seen_; }
@@ -202,6 +203,8 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
   void request_ended(const lead::NodeInfo&, uint32_t, const std::string&, uint64_t) override {
     ++seen_.request_ended;
   }
+
+  void message_acknowledged(const lead::NodeInfo&, uint32_t) override { ++seen_.acknowledged; }
 
   lead::Settings settings_;
   uint64_t now_ = 1'000'000'000;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,12 @@ class Events {
   virtual void file_ended(const NodeInfo&, const std::string& /*name*/, uint64_t /*status*/,
                           bool /*skipped*/) {}
   virtual void push_finished() {}
+
+  // A message of a node, whole and once.
+  virtual void message_received(const NodeInfo&, uint32_t /*msg_class*/,
+                                std::span<const uint8_t> /*bytes*/) {}
+  // A node has finished the message that Lead::send_message() and its like gave the sequence.
+  virtual void message_acknowledged(const NodeInfo&, uint32_t /*sequence*/) {}
 
   // A node asked for a file; `status` is non-zero when it cannot be sent.
   virtual void file_requested(const NodeInfo&, uint32_t /*location*/, const std::string& /*name*/,

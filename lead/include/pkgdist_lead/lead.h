@@ -17,6 +17,7 @@
 
 #include "pkgdist_lead/content.h"
 #include "pkgdist_lead/events.h"
+#include "pkgdist_lead/message.h"
 #include "pkgdist_lead/push.h"
 #include "pkgdist_lead/time.h"
 #include "pkgdist_lead/transport.h"
@@ -78,6 +79,20 @@ class Lead {
   void stop_push(Time now);  // gives up what has not ended; the report says what is left
   PushReport push_report() const;
   bool push_running() const;
+
+  // Reliable messages to nodes. Each returns the message's sequence, by which
+  // Events::message_acknowledged() tells of every node that finished it, or 0 when an argument is
+  // out of range: a class that is not 2 to 5, no bytes, more nodes than a message can list, a name
+  // that cannot travel. Waited for are the nodes of the audience that are known at this time.
+  uint32_t send_message(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience,
+                        Time now);
+  // Nodes give up what they still receive for the transaction.
+  uint32_t cancel_transaction(uint32_t xact, const Audience& audience, Time now);
+  // Nodes delete the files, also those that they are receiving.
+  uint32_t delete_files(uint32_t location, const std::vector<std::string>& names,
+                        const Audience& audience, Time now);
+  // The transaction of the present or last push, 0 before the first.
+  uint32_t push_transaction() const;
 
   uint64_t rate_bits() const;  // of the data stream at present
   const Counters& counters() const;
