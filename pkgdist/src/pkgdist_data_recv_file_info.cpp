@@ -73,6 +73,8 @@ bool renew_bitmap(uint8_t*& bitmap, uint32_t& count, size_t bytes) {
 bool lay_out_segments(Entry& entry) {
   entry.segment_count = entry.segment_size != 0 ? segments_of(entry.size, entry.segment_size) : 0;
   if (entry.segment_count == 0) entry.segment_count = 1;  // an empty file has an empty segment
+  // A place in the round of a longer transfer would lie outside this one, and walks never reach it.
+  entry.first_segment = entry.last_segment = 0;
   const size_t bytes = bitmap_bytes(entry.segment_count);
   if (!renew_bitmap(entry.segment_bitmap, entry.received_count, bytes)) {
     PKGDIST_ERR_IN(kReporter, "malloc() %zu bytes for RECV_FILE_BITMAP failed", bytes);

@@ -22,6 +22,10 @@ char* text_of(const std::string& text) {
   return const_cast<char*>(text.c_str());  // the codec only reads it
 }
 
+uint8_t content_byte(uint32_t at) {
+  return static_cast<uint8_t>(at * 7 + at / 251);
+}
+
 }  // namespace
 
 Bytes encoded_info(const Info& info) {
@@ -196,11 +200,10 @@ void DataTest::announce(const Info& info, uint32_t node) {
 
 void DataTest::give(uint32_t segment, bool repair, uint32_t id) {
   const Info& info = announced_.at(id);
-  const Bytes whole = content(info.size);
-  const size_t from = std::min<size_t>(size_t{segment} * info.segment_size, whole.size());
-  const size_t to = std::min<size_t>(from + info.segment_size, whole.size());
-  const Bytes data(whole.begin() + static_cast<ptrdiff_t>(from),
-                   whole.begin() + static_cast<ptrdiff_t>(to));
+  const uint64_t from = std::min<uint64_t>(uint64_t{segment} * info.segment_size, info.size);
+  const uint64_t to = std::min<uint64_t>(from + info.segment_size, info.size);
+  Bytes data;
+  for (uint64_t i = from; i < to; ++i) data.push_back(content_byte(static_cast<uint32_t>(i)));
   const Bytes datagram =
       data_datagram(PKGDIST_DATA_MSG_SEGMENT, encoded_segment(id, segment, data, repair));
   pkgdist_data_rx_process_msg(datagram.data(), static_cast<ssize_t>(datagram.size()));
@@ -226,7 +229,7 @@ pkgdist_file_recv_entry* DataTest::begin(uint32_t segments, const std::string& n
 
 Bytes DataTest::content(uint32_t size) {
   Bytes bytes(size);
-  for (uint32_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+  for (uint32_t i = 0; i < size; ++i) bytes[i] = content_byte(i);
   return bytes;
 }
 
