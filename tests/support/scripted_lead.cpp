@@ -17,6 +17,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How often a condition is looked at that no callback announces.
+constexpr std::chrono::milliseconds kLookInterval{10};
+
 constexpr uint32_t kControlGroup = 0xEFFF4705;  // 239.255.71.5
 constexpr uint32_t kDataGroup = 0xEFFF4706;     // 239.255.71.6
 enum Port : uint16_t { kControl, kData, kLead, kNode, kRequest, kPorts };
@@ -249,7 +252,7 @@ bool Loop::run_until(const std::function<bool()>& done) const {
   while (!done()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     if (left.count() <= 0) return false;
-    levm_run_once(loop_, static_cast<int>(left.count()));
+    levm_run_once(loop_, static_cast<int>(std::min(left, kLookInterval).count()));
   }
   return true;
 }
