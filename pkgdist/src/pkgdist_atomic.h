@@ -1,8 +1,9 @@
 // Plain globals that several threads read and write without a lock (flags, addresses, counters).
 //
 // They stay plain objects, because the process may look at them by name, but every access that can
-// meet another thread goes through these two: a relaxed atomic of the same size. No ordering is
-// promised and none is needed; what must be ordered has a mutex.
+// meet another thread goes through these two: an atomic of the same size. A store publishes what
+// was done before it (a socket is open once its descriptor can be read); nothing more is promised,
+// what must be consistent has a mutex.
 #pragma once
 
 #include <atomic>
@@ -11,12 +12,12 @@ namespace pkgdist {
 
 template <class T>
 T load(const T& object) {
-  return std::atomic_ref<T>(const_cast<T&>(object)).load(std::memory_order_relaxed);
+  return std::atomic_ref<T>(const_cast<T&>(object)).load(std::memory_order_acquire);
 }
 
 template <class T, class V>
 void store(T& object, V value) {
-  std::atomic_ref<T>(object).store(static_cast<T>(value), std::memory_order_relaxed);
+  std::atomic_ref<T>(object).store(static_cast<T>(value), std::memory_order_release);
 }
 
 }  // namespace pkgdist

@@ -187,6 +187,11 @@ int add_table(ship_layout_table& table, const ship_entry* entries) {
   return 0;
 }
 
+// Other threads may count through a handle already while it is given out.
+void publish(void** handle, void* block) {
+  std::atomic_ref<void*>(*handle).store(block, std::memory_order_release);
+}
+
 bool is_name(const char* text) {
   return text != nullptr && text[0] != '\0' && std::strlen(text) < SHIP_LAYOUT_NAME_SIZE;
 }
@@ -203,7 +208,7 @@ int register_table(ship_layout_table& wanted, const ship_entry* entries, void** 
     table = &wanted;
   }
   if (table->kind != wanted.kind || table->count != wanted.count) return EINVAL;
-  *handle = g_object.base + table->values_offset;
+  publish(handle, g_object.base + table->values_offset);
   return 0;
 }
 
@@ -212,7 +217,7 @@ int register_table(ship_layout_table& wanted, const ship_entry* entries, void** 
 int ship_register(const char* application, const char* table, const char* process, uint32_t kind,
                   const uint32_t* parameter, ship_entry* entries, uint32_t count, void** handle) {
   if (handle == nullptr) return EINVAL;
-  *handle = nullptr;
+  publish(handle, nullptr);
   if (!is_name(application) || !is_name(table) || process == nullptr) return EINVAL;
   if (parameter == nullptr || entries == nullptr || count == 0) return EINVAL;
   if (value_stride(kind) == 0) return EINVAL;
