@@ -29,7 +29,8 @@ size_t build_info(std::span<uint8_t> out, uint32_t self, const Transfer& transfe
   qidl::set<&B::segment_size>(body, segment_size);
   qidl::set<&B::status>(body, transfer.status);
   qidl::set<&B::mode>(body, transfer.attributes.mode);
-  qidl::set<&B::mtime>(body, transfer.attributes.mtime);
+  // A node sets the times of what a link points to, so a link travels without a time of its own.
+  qidl::set<&B::mtime>(body, transfer.attributes.symlink ? 0 : transfer.attributes.mtime);
   if (!nodes.empty()) {
     body.node_list = nodes.data();
     body.node_list_count = static_cast<uint32_t>(nodes.size());
