@@ -127,6 +127,7 @@ class Collector {
 
   FileTree finish() {
     tree_.files.assign(files_.begin(), files_.end());
+    tree_.files.insert(tree_.files.end(), links_.begin(), links_.end());
     return std::move(tree_);
   }
 
@@ -183,7 +184,7 @@ class Collector {
     if (const char* problem = problem_of(name, size, S_ISLNK(status.st_mode)))
       tree_.problems.push_back(name + ": " + problem);
     else
-      files_.insert({name, size});
+      (S_ISLNK(status.st_mode) ? links_ : files_).insert({name, size});
   }
 
   static const char* problem_of(const std::string& name, uint64_t size, bool link) {
@@ -197,6 +198,7 @@ class Collector {
   const std::string root_;
   FileTree tree_;
   std::set<PushFile, ByName> files_;
+  std::set<PushFile, ByName> links_;
 };
 
 }  // namespace

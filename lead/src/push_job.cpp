@@ -19,8 +19,8 @@ constexpr double kAnnounceAheadSeconds = 0.3;
 constexpr size_t kMaxActiveFiles = 2048;
 // How long the files of a piece wait for nodes that do not acknowledge its list.
 constexpr Time kListWait = 2 * kSecond;
-// A node that gave a file up gets it again so many times.
-constexpr uint32_t kMaxTimeouts = 2;
+// A node on which a file failed for a passing reason gets it again so many times.
+constexpr uint32_t kMaxRetries = 2;
 
 }  // namespace
 
@@ -286,9 +286,14 @@ bool PushJob::start_requested(const FileKey& key, NodeIndex node, Time now) {
   return true;
 }
 
-bool PushJob::retry_timeout(NodeIndex node, uint32_t file, uint64_t status) {
-  if (status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) return false;
-  if (++timeouts_[uint64_t{node} << 32 | file] > kMaxTimeouts) return false;
+// Failures that another try may cure: the node gave up waiting, or a link came before the first
+// file of its directory.
+bool PushJob::retry(const Transfer& transfer, NodeIndex node, uint64_t status) {
+  const bool early_link =
+      transfer.attributes.symlink && status == PKGDIST_STATUS_FROM_ERRNO(ENOENT);
+  if (status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT) && !early_link) return false;
+  const auto file = static_cast<uint32_t>(transfer.tag);
+  if (++retries_[uint64_t{node} << 32 | file] > kMaxRetries) return false;
   relists_[node].insert(file);
   go_round_ = true;
   return true;
@@ -297,7 +302,7 @@ bool PushJob::retry_timeout(NodeIndex node, uint32_t file, uint64_t status) {
 void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped) {
   const auto file = static_cast<uint32_t>(transfer.tag);
   Member* one = member(node);
-  if (one == nullptr || one->ended[file] || retry_timeout(node, file, status)) return;
+  if (one == nullptr || one->ended[file] || retry(transfer, node, status)) return;
   one->ended[file] = true;
   if (status != 0) {
     one->report.failed[file] = status;

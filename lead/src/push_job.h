@@ -82,7 +82,7 @@ class PushJob {
   void start_file(uint32_t file, std::vector<NodeIndex> nodes);
   void flush_relists();
   void finish_if_ended();
-  bool retry_timeout(NodeIndex node, uint32_t file, uint64_t status);
+  bool retry(const Transfer& transfer, NodeIndex node, uint64_t status);
   Member* member(NodeIndex node);
 
   static constexpr uint32_t kNoPiece = UINT32_MAX;
@@ -113,7 +113,7 @@ class PushJob {
   };
   std::unordered_map<uint32_t, Told> told_;                    // by sequence
   std::unordered_map<NodeIndex, std::set<uint32_t>> relists_;  // files to tell a node of again
-  std::unordered_map<uint64_t, uint32_t> timeouts_;            // (node, file) -> given up so often
+  std::unordered_map<uint64_t, uint32_t> retries_;  // (node, file) -> tried again so often
 };
 
 }  // namespace pkgdist::lead

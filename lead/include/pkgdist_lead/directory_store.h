@@ -27,7 +27,9 @@ class DirectoryStore : public ContentStore {
 
 // What a push of some paths consists of.
 struct FileTree {
-  std::vector<PushFile> files;        // sorted by name, each once
+  // Each once, sorted by name, links behind everything else: a node makes a file's directories, but
+  // not a link's.
+  std::vector<PushFile> files;
   std::vector<std::string> warnings;  // special files that were left out
   std::vector<std::string> problems;  // why the push must not begin; empty: it may
 };

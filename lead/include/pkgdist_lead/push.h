@@ -12,7 +12,7 @@ namespace pkgdist::lead {
 
 struct PushFile {
   std::string name;   // relative to the storage location
-  uint64_t size = 0;  // bytes, for order and progress; what is sent is read when its turn comes
+  uint64_t size = 0;  // bytes, for progress; what is sent is read when its turn comes
 };
 
 struct PushRequest {

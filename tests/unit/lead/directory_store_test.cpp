@@ -97,6 +97,13 @@ TEST_F(DirectoryStoreTest, collects_directories_and_files_once_in_order) {
   EXPECT_EQ(names(collect({"b", "a", "a/1", "c", "empty"})), (Names{"a/1", "a/2", "b", "c"}));
 }
 
+TEST_F(DirectoryStoreTest, links_come_behind_the_files_that_make_their_directories) {
+  write("z/file", "x");
+  fs::create_symlink("file", root_ / "z/a link");
+  fs::create_symlink("z", root_ / "a");
+  EXPECT_EQ(names(collect({"."})), (Names{"z/file", "a", "z/a link"}));
+}
+
 TEST_F(DirectoryStoreTest, the_root_itself_may_be_named) {
   write("a/1", "x");
   for (const std::string& path : {std::string("."), root_.string(), root_.string() + "/"})
