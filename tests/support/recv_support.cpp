@@ -40,6 +40,7 @@ std::atomic<unsigned> short_write_nth{0};
 std::atomic<size_t> short_write_bytes{0};
 std::atomic<unsigned> short_send_nth{0};
 std::atomic<size_t> short_send_bytes{0};
+std::atomic<uint64_t> last_select_wait{0};
 
 // The error number with which this call is to fail, or 0.
 int failing(Call call) {
@@ -59,14 +60,13 @@ std::vector<TraceEnable> enabled_traces;
 std::vector<nodeid_handle_t> identities;  // made by nodeid_create() since the last reset
 
 // Value blocks, as the statistics library would hand them out.
-uint8_t crt_counters[29 * 20], crs_counters[13 * 20], drt_counters[24 * 20], drs_counters[15 * 20];
+alignas(8) uint8_t crt_counters[29 * 20], crs_counters[13 * 20], drt_counters[24 * 20],
+    drs_counters[15 * 20];
 uint32_t crt_histograms[4 * 8], crs_histograms[3 * 8], drt_histograms[5 * 8], drs_histograms[7 * 8];
 alignas(8) uint8_t drt_watermarks[24];
 
 uint32_t counter_at(const uint8_t* block, uint32_t index) {
-  uint32_t result;
-  std::memcpy(&result, block + 20 * index, sizeof result);
-  return result;
+  return __atomic_load_n(reinterpret_cast<const uint32_t*>(block + 20 * index), __ATOMIC_RELAXED);
 }
 uint32_t samples_at(const uint32_t* block, uint32_t index) {
   uint32_t sum = 0;
@@ -231,6 +231,9 @@ void faults::short_send(unsigned nth, size_t bytes) {
   fault_table[static_cast<size_t>(Call::kSendto)].calls = 0;
   short_send_nth = nth;
   short_send_bytes = bytes;
+}
+uint64_t faults::select_wait() {
+  return last_select_wait;
 }
 
 std::vector<Sent>& wire::sent() {
@@ -473,9 +476,6 @@ PKGDIST_WRAP_ERRNO(Call::kRecvfrom, ssize_t, recvfrom,
                    (int fd, void* buffer, size_t size, int flags, sockaddr* from,
                     socklen_t* length),
                    (fd, buffer, size, flags, from, length), -1)
-PKGDIST_WRAP_ERRNO(Call::kSelect, int, select,
-                   (int count, fd_set* in, fd_set* out, fd_set* bad, timeval* wait),
-                   (count, in, out, bad, wait), -1)
 PKGDIST_WRAP_ERRNO(Call::kLseek, off_t, lseek, (int fd, off_t offset, int whence),
                    (fd, offset, whence), -1)
 PKGDIST_WRAP_ERRNO(Call::kRename, int, rename, (const char* from, const char* to), (from, to), -1)
@@ -550,6 +550,18 @@ extern "C" ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flag
                                      support::Bytes(bytes, bytes + size)});
   const bool cut = support::faults::calls(Call::kSendto) == support::short_send_nth;
   return static_cast<ssize_t>(cut ? std::min(size, support::short_send_bytes.load()) : size);
+}
+
+extern "C" int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
+extern "C" int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval*);
+extern "C" int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* wait) {
+  support::last_select_wait =
+      static_cast<uint64_t>(wait->tv_sec) * 1'000'000 + static_cast<uint64_t>(wait->tv_usec);
+  if (int error = failing(Call::kSelect); error != 0) {
+    errno = error;
+    return -1;
+  }
+  return __real_select(count, in, out, bad, wait);
 }
 
 extern "C" int __real_open(const char*, int, ...);

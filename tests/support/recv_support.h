@@ -87,6 +87,7 @@ unsigned calls(Call call);                     // since the last reset
 unsigned sleeps();                             // sleep() returns at once and is counted
 void short_write(unsigned nth, size_t bytes);  // the n-th write() writes only so much
 void short_send(unsigned nth, size_t bytes);   // the n-th sendto() reports only so much
+uint64_t select_wait();                        // the last select()'s time-out, microseconds
 }  // namespace faults
 
 // --- The platform's registries: what the library asked them for. ---
