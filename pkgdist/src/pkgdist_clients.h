@@ -54,9 +54,13 @@ struct CallbackChannel {
   CallbackChannel* previous;
 };
 
-inline int channel_descriptor(const CallbackChannel& channel) {
-  return channel.qitc != nullptr ? qitc_handle_fd(channel.qitc) : -1;
-}
+// The channel's descriptor for log texts; -1 without a handle.
+int channel_descriptor(const CallbackChannel& channel);
+
+// The texts that both sides have in common. `function` is the reporter.
+void log_reference_added(const char* function, uint32_t recv_id, const CallbackChannel& channel);
+void log_reference_dropped(const char* function, uint32_t recv_id, const CallbackChannel& channel);
+void log_channel_detach_failed(const char* function, int error);
 
 template <class Side>
 class Clients {
@@ -150,7 +154,7 @@ class Clients {
     if (CallbackChannel* channel = find_channel_of(levm, recv_id); channel != nullptr) {
       ++channel->reference_count;
       channel_id = channel->channel_id;
-      Side::log_reference_added(function, recv_id, *channel);
+      log_reference_added(function, recv_id, *channel);
       return 0;
     }
     return create_channel(function, levm, recv_id, channel_id);
@@ -211,13 +215,13 @@ class Clients {
     CallbackChannel* channel = find_channel(channel_id);
     if (channel == nullptr) return false;
     --channel->reference_count;
-    Side::log_reference_dropped(function, recv_id, *channel);
+    log_reference_dropped(function, recv_id, *channel);
     if (channel->reference_count != 0) return false;
     Side::channels().remove(channel);
     if (int error = levm_attach_qitc_handle(channel->levm, channel->qitc, nullptr, kChannelPriority,
                                             0, 0, 0);
         error != 0)
-      Side::log_channel_detach_failed(function, error);
+      log_channel_detach_failed(function, error);
     drop_undelivered(*channel);
     qitc_handle_destroy(channel->qitc);
     std::free(channel);

@@ -48,13 +48,8 @@ struct ControlSide {
   static void log_channel_nomem(const char* function, size_t bytes);
   static void log_channel_create_failed(const char* function, int error);
   static void log_channel_attach_failed(const char* function, int error);
-  static void log_channel_detach_failed(const char* function, int error);
   static void log_channel_attached(const char* function, uint32_t recv_id,
                                    const CallbackChannel& channel);
-  static void log_reference_added(const char* function, uint32_t recv_id,
-                                  const CallbackChannel& channel);
-  static void log_reference_dropped(const char* function, uint32_t recv_id,
-                                    const CallbackChannel& channel);
   static void log_context_nomem(const char* function, size_t bytes);
 };
 

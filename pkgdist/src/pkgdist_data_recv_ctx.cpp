@@ -141,25 +141,10 @@ void DataSide::log_channel_create_failed(const char* function, int error) {
 void DataSide::log_channel_attach_failed(const char* function, int error) {
   PKGDIST_ERR_IN(function, "data recv qitc attach failed: %d(%s)", error, std::strerror(error));
 }
-void DataSide::log_channel_detach_failed(const char* function, int error) {
-  PKGDIST_ERR_IN(function, "ctrl recv qitc detach failed: %d", error);
-}
 void DataSide::log_channel_attached(const char* function, uint32_t recv_id,
                                     const CallbackChannel& channel) {
   PKGDIST_INFO("%s: levm attach passed for recv id %d, qitc id %d to cfd %d\n", function, recv_id,
                channel.channel_id, channel_descriptor(channel));
-}
-void DataSide::log_reference_added(const char* function, uint32_t recv_id,
-                                   const CallbackChannel& channel) {
-  PKGDIST_INFO("%s: Increment ref count for recv id %u, qitc id %u to cfd %d with count %u\n",
-               function, recv_id, channel.channel_id, channel_descriptor(channel),
-               channel.reference_count);
-}
-void DataSide::log_reference_dropped(const char* function, uint32_t recv_id,
-                                     const CallbackChannel& channel) {
-  PKGDIST_INFO("%s: Clean up request for recv id %u, qitc id %u to cfd %d with count %u\n",
-               function, recv_id, channel.channel_id, channel_descriptor(channel),
-               channel.reference_count);
 }
 void DataSide::log_context_nomem(const char* function, size_t bytes) {
   PKGDIST_ERR_IN(function, "malloc() %zu bytes for DATA_RECV_CTX_CL failed", bytes);
