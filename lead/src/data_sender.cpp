@@ -182,6 +182,7 @@ void DataSender::send(size_t length) {
   if (length == 0) return;
   sink_.send(Channel::kData, kGroup, length);
   pacer_.spend(length);
+  period_bytes_ += length;
   counters_.data_bytes_sent += length;
 }
 
@@ -374,7 +375,6 @@ void DataSender::run(Time now) {
   adapt_rate(now);
   while (pacer_.ready())
     if (!send_one(now)) return;
-  period_limited_ = true;
 }
 
 Time DataSender::next_deadline(Time now) const {
@@ -388,19 +388,23 @@ void DataSender::adapt_rate(Time now) {
   if (!rate_ || elapsed(now, period_started_) < RateControl::kPeriod) return;
   // Fewer segments say nothing about the loss.
   constexpr uint64_t kMinSample = 200;
+  // A rate that was not nearly reached, for want of content or of processor time, was not tried.
+  constexpr double kReached = 0.8;
   if (period_segments_ >= kMinSample) {
     uint32_t worst = 0;
     for (uint32_t requested : period_requested_) worst = std::max(worst, requested);
-    rate_->on_period(
-        {std::min(1.0, static_cast<double>(worst) / static_cast<double>(period_segments_)),
-         period_delay_, period_limited_});
+    const double loss = static_cast<double>(worst) / static_cast<double>(period_segments_);
+    const double seconds = static_cast<double>(elapsed(now, period_started_)) / kSecond;
+    const double achieved = static_cast<double>(period_bytes_) * 8 / seconds;
+    const bool reached = achieved >= kReached * static_cast<double>(pacer_.rate());
+    rate_->on_period({std::min(1.0, loss), period_delay_, reached});
     pacer_.set_rate(rate_->rate_bits());
   }
   period_started_ = now;
   period_segments_ = 0;
   period_requested_.assign(nodes_.size(), 0);
   period_delay_ = 0;
-  period_limited_ = false;
+  period_bytes_ = 0;
 }
 
 }  // namespace pkgdist::lead

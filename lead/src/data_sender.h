@@ -172,7 +172,7 @@ class DataSender {
   uint64_t period_segments_ = 0;
   std::vector<uint32_t> period_requested_;  // by node
   Time period_delay_ = 0;
-  bool period_limited_ = false;
+  uint64_t period_bytes_ = 0;
 };
 
 }  // namespace pkgdist::lead

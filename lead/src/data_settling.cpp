@@ -111,9 +111,12 @@ bool DataSender::in_trouble(Transfer& transfer) {
 // nothing else is to be sent, and it takes a fraction of that time.
 bool DataSender::costs_little(const Transfer& transfer) const {
   constexpr double kCheapSeconds = 0.25;
+  // A nominal rate may be far above what the nodes take.
+  constexpr uint64_t kMaxCheapBytes = 16 * 1024 * 1024;
   const double seconds =
       static_cast<double>(transfer.attributes.size) * 8 / static_cast<double>(pacer_.rate());
-  return streaming_.empty() && announcing_.empty() && seconds < kCheapSeconds;
+  return transfer.attributes.size <= kMaxCheapBytes && streaming_.empty() && announcing_.empty() &&
+         seconds < kCheapSeconds;
 }
 
 // True when it started something after which settling goes on by itself.

@@ -280,7 +280,8 @@ void ModelNode::get_file(const std::string& name, uint32_t location, uint32_t ty
 
 bool ModelNode::skips(const Entry& entry) const {
   const auto found = disk_.find(disk_key(entry.location, entry.name));
-  return found != disk_.end() && entry.type != PKGDIST_FILE_TYPE_ALWAYS &&
+  // A link on a disk has the time at which it was made.
+  return found != disk_.end() && !found->second.symlink && entry.type != PKGDIST_FILE_TYPE_ALWAYS &&
          found->second.content.size() == entry.size && found->second.mtime == entry.mtime;
 }
 
