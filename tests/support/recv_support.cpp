@@ -41,6 +41,7 @@ std::atomic<size_t> short_write_bytes{0};
 std::atomic<unsigned> short_send_nth{0};
 std::atomic<size_t> short_send_bytes{0};
 std::atomic<uint64_t> last_select_wait{0};
+std::function<void(const pthread_mutex_t*)> lock_hook;
 
 // The error number with which this call is to fail, or 0.
 int failing(Call call) {
@@ -205,6 +206,7 @@ void faults::clear() {
   sleep_count = 0;
   short_write_nth = 0;
   short_send_nth = 0;
+  lock_hook = nullptr;
 }
 unsigned faults::calls(Call call) {
   return fault_table[static_cast<size_t>(call)].calls;
@@ -234,6 +236,9 @@ void faults::short_send(unsigned nth, size_t bytes) {
 }
 uint64_t faults::select_wait() {
   return last_select_wait;
+}
+void faults::on_lock(std::function<void(const pthread_mutex_t* mutex)> hook) {
+  lock_hook = std::move(hook);
 }
 
 std::vector<Sent>& wire::sent() {
@@ -506,7 +511,6 @@ PKGDIST_WRAP_RESULT(Call::kLevmAttach, levm_attach_qitc_handle,
                     (levm, channel, handler, priority, a, b, c))
 PKGDIST_WRAP_RESULT(Call::kNodeidToStr, nodeid_to_str_external,
                     (nodeid_handle_t nodeid, char* buffer, size_t size), (nodeid, buffer, size))
-PKGDIST_WRAP_RESULT(Call::kMutexLock, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 PKGDIST_WRAP_RESULT(Call::kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 PKGDIST_WRAP_RESULT(Call::kCondSignal, pthread_cond_signal, (pthread_cond_t * condition),
                     (condition))
@@ -550,6 +554,18 @@ extern "C" ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flag
                                      support::Bytes(bytes, bytes + size)});
   const bool cut = support::faults::calls(Call::kSendto) == support::short_send_nth;
   return static_cast<ssize_t>(cut ? std::min(size, support::short_send_bytes.load()) : size);
+}
+
+extern "C" int __real_pthread_mutex_lock(pthread_mutex_t*);
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t*);
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  if (support::lock_hook) {
+    auto hook = std::exchange(support::lock_hook, nullptr);
+    hook(mutex);
+    support::lock_hook = std::move(hook);
+  }
+  if (int error = failing(Call::kMutexLock); error != 0) return error;
+  return __real_pthread_mutex_lock(mutex);
 }
 
 extern "C" int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);

@@ -88,6 +88,8 @@ unsigned sleeps();                             // sleep() returns at once and is
 void short_write(unsigned nth, size_t bytes);  // the n-th write() writes only so much
 void short_send(unsigned nth, size_t bytes);   // the n-th sendto() reports only so much
 uint64_t select_wait();                        // the last select()'s time-out, microseconds
+// Called before every lock of a mutex: what another thread does at that moment. Not while it runs.
+void on_lock(std::function<void(const pthread_mutex_t* mutex)> hook);
 }  // namespace faults
 
 // --- The platform's registries: what the library asked them for. ---

@@ -246,6 +246,31 @@ TEST_F(DataCallbacks, a_channel_that_is_gone_is_named) {
   context->channel_id = channel;
 }
 
+TEST_F(DataCallbacks, a_channel_that_goes_while_the_entry_is_built_is_named) {
+  const uint32_t id = request_context();
+  int turn = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_data_recv_qitc_db.mutex && ++turn == 2) pkgdist_data_recv_free_ctx(id);
+  });
+  EXPECT_EQ(invoke(id), PKGDIST_ERR_NOT_FOUND);
+  faults::clear();
+  EXPECT_EQ(turn, 2);
+  EXPECT_TRUE(
+      logs::contains("ERR:pkgdist_data_file_invoke_cb: data file qitc id '10' not found\n"));
+  EXPECT_TRUE(G_data_recv_qitc_db.empty());
+}
+
+TEST_F(DataCallbacks, a_context_that_goes_during_its_callback_is_no_harm) {
+  const uint32_t id = request_context();
+  client.on_file = [&](const FileEvent&) {
+    pkgdist_data_recv_free_ctx(id);
+    EXPECT_TRUE(G_data_recv_ctx_db.empty());
+  };
+  EXPECT_EQ(invoke(id), 0u);
+  client.deliver();
+  EXPECT_EQ(client.files.size(), 1u);
+}
+
 TEST_F(DataCallbacks, a_channel_that_cannot_be_read_ends_the_handlers_run) {
   client.attach_all();
   EXPECT_EQ(invoke(2), 0u);

@@ -340,6 +340,20 @@ TEST_F(DataThreads, the_time_out_pass_waits_for_its_period) {
   EXPECT_EQ(take_traffic().requests.size(), 1u);
 }
 
+TEST_F(DataThreads, the_time_out_pass_runs_at_most_once_per_period_also_while_datagrams_come) {
+  want("file");
+  G_data_rto.timer_period = 10 * kSecond;
+  for (int i = 0; i < 9; ++i) queue({1});
+  int passes = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_pkgdist_file_recv_mutex) clock::advance(4 * kSecond);
+    if (mutex == &G_file_stat_db.mutex) ++passes;
+  });
+  run_file_loop();  // the clock is at 0, 4, 8 ... 36 seconds when a datagram has been processed
+  faults::clear();
+  EXPECT_EQ(passes, 3);  // at 12, 24 and 36
+}
+
 using DataThreadsDeathTest = DataThreads;
 
 TEST_F(DataThreadsDeathTest, a_wait_that_fails_ends_the_process) {
@@ -470,6 +484,35 @@ TEST_F(RxLoop, on_its_way_out_it_closes_the_socket_and_stops_the_file_thread) {
   EXPECT_TRUE(logs::contains("DATA Recv Rx Thread exiting\n"));
   EXPECT_EQ(value(DrsCounter::kRxThreadStart), 1u);
   EXPECT_EQ(value(DrsCounter::kRxThreadStop), 1u);
+}
+
+TEST_F(RxLoop, a_stop_that_is_withdrawn_at_the_last_moment_does_not_hold) {
+  send_to_node(1);
+  send_to_node(2);
+  int turn = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_data_rx_mutex && ++turn == 1) G_data_rx_exit_thread = false;
+    // After the second datagram it stands again.
+    if (mutex == &G_pkgdist_file_recv_mutex && turn == 1) G_data_rx_exit_thread = true;
+  });
+  run_rx_loop();
+  faults::clear();
+  EXPECT_EQ(queued(), 2u);
+  EXPECT_EQ(turn, 3);  // looked twice, then left
+  EXPECT_EQ(value(DrsCounter::kRxThreadStop), 1u);
+}
+
+TEST_F(RxLoop, files_that_came_while_it_left_keep_their_file_thread) {
+  send_to_node(1);
+  int turn = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    // It has confirmed its end and closed the socket: a new file starts both threads.
+    if (mutex == &G_data_rx_mutex && ++turn == 2) G_data_rx_thread_running = true;
+  });
+  run_rx_loop();
+  faults::clear();
+  EXPECT_EQ(turn, 2);
+  EXPECT_FALSE(G_data_recv_file_exit_thread);
 }
 
 }  // namespace
