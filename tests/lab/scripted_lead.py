@@ -24,7 +24,9 @@ class ScriptedLead:
         self.sequence = sequence  # of the last control message
         self.control = host.socket(LEAD_PORT)
         self.requests = host.socket(REQUEST_PORT)
-        self.answers = []  # (header, body) of everything that nodes sent, oldest first
+        # (header, body) of everything that nodes sent, oldest first.
+        self.control_answers = []
+        self.data_answers = []
 
     def __enter__(self):
         return self
@@ -99,25 +101,41 @@ class ScriptedLead:
         while ready:
             for one in ready:
                 datagram = one.recv(65536)
-                decode = wire.decode_ctrl if one is self.control else wire.decode_data
-                self.answers.append(decode(datagram))
+                if one is self.control:
+                    self.control_answers.append(wire.decode_ctrl(datagram))
+                else:
+                    self.data_answers.append(wire.decode_data(datagram))
             ready, _, _ = select.select([self.control, self.requests], [], [], 0)
 
-    def wait_for(self, wanted, seconds=10.0, meanwhile=None, every=0.2, what="an answer"):
-        """The first answer, old or new, for which wanted(header, body) holds.
+    def forget_answers(self):
+        self.receive()
+        self.control_answers.clear()
+        self.data_answers.clear()
 
-        `meanwhile` is called at once and then periodically: what gets lost is said again.
-        """
+    def wait_for_control(self, kind, seconds=10.0, meanwhile=None, every=0.2, **fields):
+        """The first control answer of this kind whose header has these fields; see _wait."""
+        return self._wait(self.control_answers, kind, lambda header, _: header, fields, seconds,
+                          meanwhile, every)[0]
+
+    def wait_for_data(self, kind, seconds=10.0, meanwhile=None, every=0.2, **fields):
+        """The first data answer of this kind whose body has these fields; see _wait."""
+        return self._wait(self.data_answers, kind, lambda _, body: body, fields, seconds,
+                          meanwhile, every)[1]
+
+    def _wait(self, answers, kind, part, fields, seconds, meanwhile, every):
+        """Old answers count. `meanwhile` is called at once and then periodically: what gets lost is
+        said again."""
         end = time.monotonic() + seconds
         seen, next_call = 0, 0.0
         while True:
-            for header, body in self.answers[seen:]:
-                if wanted(header, body):
+            for header, body in answers[seen:]:
+                if header["msg_id"] == kind and fields.items() <= part(header, body).items():
                     return header, body
-            seen = len(self.answers)
+            seen = len(answers)
             now = time.monotonic()
             if now > end:
-                raise AssertionError(f"{what}: not within {seconds} s; got {self.answers[-5:]}")
+                raise AssertionError(f"no answer {kind} with {fields} within {seconds} s; the last "
+                                     f"were {answers[-5:]}")
             if meanwhile and now >= next_call:
                 meanwhile()
                 next_call = now + every
@@ -125,13 +143,9 @@ class ScriptedLead:
 
     def wait_for_node(self, node, seconds=10.0):
         """Pings until the node answers with where this lead stands: it has been adopted."""
-        ip = wire.address(node.address)
-        self.wait_for(lambda h, _: h["msg_id"] == wire.PING_REPLY and h["node_ip"] == ip and
-                      h["sequence"] == self.sequence, seconds, self.ping, what="a ping reply")
+        self.wait_for_control(wire.PING_REPLY, seconds, self.ping,
+                              node_ip=wire.address(node.address), sequence=self.sequence)
 
     def report_of(self, name, seconds=10.0, meanwhile=None):
-        """The final status that a node reports for a file."""
-        _, body = self.wait_for(
-            lambda h, b: h["msg_id"] == wire.REQ_DONE and b and b.get("name") == name and
-            "status" in b, seconds, meanwhile, what=f"the report of {name}")
-        return body["status"]
+        """The status that a node reports for a file."""
+        return self.wait_for_data(wire.REQ_DONE, seconds, meanwhile, name=name)["status"]

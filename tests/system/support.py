@@ -21,7 +21,9 @@ ROOT = "/mnt"
 # Status words.
 ERRNO_BASE = (0x40001278 << 32) | (0xCA1 << 20)
 INVALID = (0x40101278 << 32) | (0xCA1 << 20) | 0xBEA
+SHORT_WRITE = (0x40101278 << 32) | (0xCA1 << 20) | 0xBF3
 DELETED = (0x30101278 << 32) | (0xCA1 << 20) | 0xBF7
+IN_PROGRESS = (0x30101278 << 32) | (0xCA1 << 20) | 0xBF9
 
 
 def errno_status(number):

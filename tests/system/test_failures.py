@@ -1,0 +1,191 @@
+"""Files that cannot be written on one node: they fail there, are told, and nothing else stops."""
+
+import errno
+import os
+
+import tree
+from support import (SHORT_WRITE, SystemTest, errno_status, failures, lab, remove_tree,
+                     summary)
+
+
+class FailuresOfOneNode(SystemTest):
+    """The first node has the trouble; it and the others get everything else."""
+
+    def setUp(self):
+        super().setUp()
+        self.troubled, *self.others = self.net.nodes
+        tree.small(self.content, small_files=10)
+
+    def at_troubled(self, name):
+        return os.path.join(self.directory_of(self.troubled), name)
+
+    def assert_fails_alone(self, end, name, *numbers, statuses=()):
+        """Only `name` has failed, on the troubled node alone, which says so to lead and caller."""
+        statuses = [*statuses, *(errno_status(number) for number in numbers)]
+        told = failures(end)
+        self.assertEqual(told[self.troubled.address].keys(), {name})
+        self.assertIn(told[self.troubled.address][name], statuses)
+        for node in self.others:
+            self.assertEqual(told[node.address], {})
+        self.assertFalse(end["complete"])
+        ended = {e["path"]: e["status"] for e in self.node_events(self.troubled, "file")}
+        self.assertEqual(ended[name], told[self.troubled.address][name])
+        self.assertEqual(sum(status != 0 for status in ended.values()), 1)
+        done = self.node_events(self.troubled, "transaction-done")
+        self.assertEqual(sum(e["failed"] for e in done), 1)
+        self.assert_received(*self.others)
+        self.assert_received_but(name)
+        self.assert_alive()
+
+    def assert_received_but(self, *names):
+        expected = lab.manifest(self.content)
+        actual = lab.manifest(self.directory_of(self.troubled))
+        for name in names:
+            expected.pop(name)
+            for left in (name, name + ".tmp"):
+                actual.pop(left, None)
+        self.assertEqual(lab.differences(expected, actual), [])
+
+    def test_a_full_disk(self):
+        self.mount(self.at_troubled("small disk"), "size=1m")
+        tree.add(self.content, "small disk/too large", 5_000_000)
+        self.start_nodes()
+        end = summary(self.push(expect=1))
+        # A write can end short at the last page, fail, or find the partial file deleted by then.
+        self.assert_fails_alone(end, "small disk/too large", errno.ENOSPC, errno.ENOENT,
+                                statuses=[SHORT_WRITE])
+        self.assertLessEqual(set(os.listdir(self.at_troubled("small disk"))), {"too large.tmp"})
+
+    def test_a_full_disk_has_room_again_for_the_next_push(self):
+        self.mount(self.at_troubled("small disk"), "size=1m")
+        tree.add(self.content, "small disk/too large", 5_000_000)
+        self.start_nodes()
+        self.push(expect=1)
+        tree.add(self.content, "small disk/too large", 500_000)
+        self.push()
+        self.assert_received()
+
+    def test_a_directory_that_cannot_be_written(self):
+        self.mount(self.at_troubled("sealed"), "ro")
+        tree.add(self.content, "sealed/file", 3000)
+        self.start_nodes()
+        self.assert_fails_alone(summary(self.push(expect=1)), "sealed/file", errno.EROFS)
+
+    def test_a_directory_that_cannot_be_made(self):
+        self.mount(self.at_troubled("sealed"), "ro")
+        tree.add(self.content, "sealed/deeper/still/file", 3000)
+        self.start_nodes()
+        self.assert_fails_alone(summary(self.push(expect=1)), "sealed/deeper/still/file",
+                                errno.EROFS, errno.ENOENT)
+
+    def test_a_directory_where_a_file_should_go(self):
+        tree.write(self.directory_of(self.troubled), "taken/inside", b"mine")
+        tree.add(self.content, "taken", 3000)
+        self.start_nodes()
+        end = summary(self.push(expect=1))
+        with open(self.at_troubled("taken/inside"), "rb") as file:
+            self.assertEqual(file.read(), b"mine")
+        remove_tree(self.at_troubled("taken"))
+        self.assert_fails_alone(end, "taken", errno.EISDIR)
+
+    def test_a_directory_where_a_link_should_go(self):
+        tree.write(self.directory_of(self.troubled), "taken/inside", b"mine")
+        tree.link(self.content, "taken", "one byte")
+        self.start_nodes()
+        end = summary(self.push(expect=1))
+        with open(self.at_troubled("taken/inside"), "rb") as file:
+            self.assertEqual(file.read(), b"mine")
+        remove_tree(self.at_troubled("taken"))
+        self.assert_fails_alone(end, "taken", errno.EEXIST, errno.EISDIR)
+
+    def test_a_file_where_a_directory_should_be(self):
+        tree.write(self.directory_of(self.troubled), "flat", b"mine")
+        tree.add(self.content, "flat/file", 3000)
+        self.start_nodes()
+        end = summary(self.push(expect=1))
+        with open(self.at_troubled("flat"), "rb") as file:
+            self.assertEqual(file.read(), b"mine")
+        os.unlink(self.at_troubled("flat"))
+        self.assert_fails_alone(end, "flat/file", errno.ENOTDIR)
+
+    def test_a_directory_that_vanishes_while_its_file_is_received(self):
+        tree.add(self.content, "vanishing/large", 20_000_000)
+        self.start_nodes()
+        lead = self.start_push("--rate", "100")
+        partial = self.at_troubled("vanishing/large.tmp")
+        lab.wait_until(lambda: os.path.exists(partial), 20, "the file to be begun")
+        remove_tree(self.at_troubled("vanishing"))
+        end = lead.finish(expect=1)
+        self.assert_fails_alone(end, "vanishing/large", errno.ENOENT)
+        self.assertFalse(os.path.exists(self.at_troubled("vanishing")))
+
+    def test_the_table_for_people_names_file_node_and_reason(self):
+        tree.write(self.directory_of(self.troubled), "flat", b"mine")
+        tree.add(self.content, "flat/file", 3000)
+        self.start_nodes()
+        result = self.net.lead.run(
+            [self.programs.lead, "--interface", self.net.lead.address, "--location",
+             f"1={self.content}", "push", "--nodes", self.addresses(), "."],
+            capture_output=True, text=True, timeout=60)
+        self.assertEqual(result.returncode, 1)
+        table = result.stdout[result.stdout.index("missing:"):].splitlines()[1:]
+        lines = [line for line in table if "flat/file" in line]
+        self.assertEqual(len(lines), 1, table)
+        self.assertIn(self.troubled.address, lines[0])
+        self.assertIn(os.strerror(errno.ENOTDIR), lines[0])
+
+
+class FailuresOfTheContent(SystemTest):
+    """Files that the lead loses between its start and their turn."""
+
+    def gathering_push(self):
+        """A push that has read its tree and waits for the nodes."""
+        lead = self.start_push()
+        observer = self.net.nodes[0].group_socket("239.255.71.1", 7100)
+        self.addCleanup(observer.close)
+        observer.settimeout(10)
+        observer.recv(2000)
+        observer.close()
+        return lead
+
+    def assert_one_fails_everywhere(self, lead, name, *numbers):
+        self.start_nodes()
+        end = lead.finish(expect=1)
+        for address, failed in failures(end).items():
+            self.assertEqual(failed.keys(), {name}, address)
+            self.assertIn(failed[name], [errno_status(number) for number in numbers])
+        expected = lab.manifest(self.content)
+        expected.pop(name, None)
+        for node in self.net.nodes:
+            self.assertEqual(lab.differences(expected, lab.manifest(self.directory_of(node))), [])
+        self.assert_alive()
+
+    def test_a_file_that_vanishes_fails_on_every_node(self):
+        tree.small(self.content, small_files=10)
+        lead = self.gathering_push()
+        os.unlink(os.path.join(self.content, "small/3/3"))
+        self.assert_one_fails_everywhere(lead, "small/3/3", errno.ENOENT)
+
+    def test_a_file_that_becomes_a_directory_fails_on_every_node(self):
+        tree.small(self.content, small_files=10)
+        lead = self.gathering_push()
+        path = os.path.join(self.content, "small/3/3")
+        os.unlink(path)
+        os.mkdir(path)
+        self.assert_one_fails_everywhere(lead, "small/3/3", errno.EISDIR)
+
+    def test_a_file_that_has_changed_arrives_as_it_is_now(self):
+        tree.small(self.content, small_files=10)
+        lead = self.gathering_push()
+        tree.add(self.content, "small/3/3", 70_000, mtime=1_300_000_000)
+        self.start_nodes()
+        self.assertTrue(lead.finish()["complete"])
+        self.assert_received()
+
+    def test_an_interrupted_push_says_so_and_ends_with_status_1(self):
+        tree.small(self.content, small_files=10)
+        lead = self.gathering_push()
+        lead.process.terminate()
+        end = lead.finish(expect=1, seconds=10)
+        self.assertFalse(end["complete"])
+        self.assertEqual(len(lead.events("interrupted")), 1)
