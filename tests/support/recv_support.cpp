@@ -499,6 +499,15 @@ PKGDIST_WRAP_RESULT(Call::kPthreadCreate, pthread_create,
                     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
                      void* argument),
                     (thread, attributes, body, argument))
+#define PKGDIST_WRAP_ENCODE(call, type)                                                            \
+  extern "C" ssize_t __real_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n);  \
+  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n);  \
+  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n) { \
+    if (int result = failing(call); result != 0) return result;                                    \
+    return __real_qidl_##type##_encode_ext(message, to, n);                                        \
+  }
+PKGDIST_WRAP_ENCODE(Call::kEncodeCtrlHeader, pkgdist_ctrl_msg_hdr)
+PKGDIST_WRAP_ENCODE(Call::kEncodeDataHeader, pkgdist_data_msg_hdr)
 PKGDIST_WRAP_RESULT(Call::kQitcCreate, qitc_handle_create,
                     (uint32_t size, int a, int b, int c, qitc_handle_t* out), (size, a, b, c, out))
 PKGDIST_WRAP_RESULT(Call::kQitcPut, qitc_put, (qitc_handle_t channel, void* entry),

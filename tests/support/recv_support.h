@@ -77,6 +77,9 @@ enum class Call {
   kNodeidToStr,
   kCreateDirs,
   kCondTimedwait,
+  // Codec: the "error number" is the result, also one that is larger than the buffer.
+  kEncodeCtrlHeader,
+  kEncodeDataHeader,
   kCount
 };
 namespace faults {

@@ -153,7 +153,35 @@ TEST_F(AckSend, a_send_without_socket_fails_like_any_other) {
   EXPECT_EQ(logs::count("errno=9("), 1u);
 }
 
+// The codec refuses (-6), or the datagram is one byte larger than its buffer (4 + 58).
+TEST_F(AckSend, an_acknowledgement_that_cannot_be_encoded_is_not_sent) {
+  faults::fail(Call::kEncodeCtrlHeader, 1, -6);
+  EXPECT_EQ(pkgdist_ctrl_recv_ack_send(true, 7, false, 0, false, 5), PKGDIST_ERR_ENCODE);
+  EXPECT_EQ(logs::count("ERR:pkgdist_ctrl_recv_ack_send: "), 1u);
+  faults::fail(Call::kEncodeCtrlHeader, 1, 58);
+  EXPECT_EQ(pkgdist_ctrl_recv_ack_send(true, 7, false, 0, false, 5), PKGDIST_ERR_ENCODE);
+  EXPECT_TRUE(
+      logs::contains("ERR:pkgdist_ctrl_recv_ack_send: ctrl msg ack encode size '62' exceeds alloc "
+                     "size '61'\n"));
+  EXPECT_TRUE(wire::take().empty());
+  EXPECT_EQ(value(CrtCounter::kMcAckSent), 0u);
+}
+
 // --- Replies ---
+
+TEST_F(AckSend, a_reply_that_cannot_be_encoded_is_not_sent) {
+  faults::fail(Call::kEncodeCtrlHeader, 1, -6);
+  EXPECT_EQ(pkgdist_ctrl_recv_ping_reply_send(12, true, 5), PKGDIST_ERR_ENCODE);
+  EXPECT_TRUE(logs::contains(
+      "ERR:pkgdist_ctrl_recv_ping_reply_send: ctrl hdr ping reply encode failed: -6\n"));
+  faults::fail(Call::kEncodeCtrlHeader, 1, 58);
+  EXPECT_EQ(pkgdist_ctrl_recv_ping_reply_send(12, true, 5), PKGDIST_ERR_ENCODE);
+  EXPECT_TRUE(
+      logs::contains("ERR:pkgdist_ctrl_recv_ping_reply_send: ctrl hdr ping reply encode size '62' "
+                     "exceeds alloc size '61'\n"));
+  EXPECT_TRUE(wire::take().empty());
+  EXPECT_EQ(value(CrtCounter::kMcPingReplySent), 0u);
+}
 
 TEST_F(AckSend, a_reply_carries_the_point_as_its_sequence) {
   EXPECT_EQ(pkgdist_ctrl_recv_ping_reply_send(12, false, 5), 0u);
