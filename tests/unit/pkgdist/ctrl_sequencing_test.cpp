@@ -92,6 +92,13 @@ TEST_F(Sequencing, a_partial_message_holds_the_acknowledgement_point) {
   EXPECT_EQ(G_ctrl_mc_last_sequence, 7u);
 }
 
+TEST_F(Sequencing, what_waits_on_the_unicast_stream_does_not_hold_the_point) {
+  set_multicast_point(5);
+  pkgdist::rx_msg_add(6, true);
+  receive(control({.sequence = 6}));
+  EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 6u);
+}
+
 // --- Old sequences ---
 
 TEST_F(Sequencing, a_retransmission_of_something_done_is_dropped_without_an_answer) {
