@@ -176,13 +176,14 @@ TEST_F(Segments, progress_is_told_every_ten_thousand_segments) {
   EXPECT_EQ(bytes_of(memory_path("file")), content(25'000));
 }
 
-TEST_F(Segments, progress_of_huge_files_does_not_overflow) {
+TEST_F(Segments, progress_of_the_largest_files_is_told_right) {
   want("file");
-  announce({.size = 100'000'000, .segment_size = 1});
+  announce({.size = 1u << 24, .segment_size = 1});
   pkgdist_file_recv_entry& entry = *find();
-  entry.received_count = 49'999'999;  // as if received: times 100 passes 32 bits
+  ASSERT_EQ(entry.segment_count, 1u << 24);
+  entry.received_count = 16'769'999;  // as if received
   give_bytes(7, Bytes(1));
-  EXPECT_TRUE(logs::contains("DATA File 'file' Rx 50% done\n"));
+  EXPECT_TRUE(logs::contains("DATA File 'file' Rx 99% done\n"));
 }
 
 // --- Gaps ---
@@ -239,6 +240,17 @@ TEST_F(Segments, behind_the_wrap_only_a_higher_segment_moves_the_last_one) {
   give(3);
   EXPECT_EQ(entry.last_segment, 3u);
   EXPECT_EQ(take_traffic().singles, (std::vector<Single>{{7, 2, 1}}));
+}
+
+TEST_F(Segments, behind_the_wrap_a_lower_segment_does_not_move_the_last_one) {
+  begin(10);
+  give_in_order({5, 6, 7, 8, 9, 0, 3});
+  pkgdist_file_recv_entry& entry = *find();
+  pkgdist_clr_miss(entry, 1);
+  take_traffic();
+  give(1);
+  EXPECT_EQ(entry.last_segment, 3u);
+  EXPECT_EQ(take_traffic().singles, (std::vector<Single>{{7, 4, 1}}));  // all round to the last one
 }
 
 TEST_F(Segments, an_expected_segment_after_a_gap_goes_on_from_there) {
