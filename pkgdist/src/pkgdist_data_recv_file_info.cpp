@@ -37,9 +37,14 @@ bool is_repeat(const Entry& entry, const Info& info) {
          entry.size == info.size && entry.mtime == info.mtime;
 }
 
-// Without a segment size a file has no number of segments; its time-out will ask again.
+// Segments of one file: 4 GiB in pieces of 256 bytes. A lead that works stays far below; a forged
+// announcement of thousands of millions would keep the file thread walking over them for minutes.
+constexpr uint32_t kSegmentsLimit = 1u << 24;
+
+// Without a usable segment size a file has no number of segments; its time-out will ask again.
 bool has_usable_sizes(const Info& info) {
-  return info.status != 0 || info.size == 0 || info.segment_size != 0;
+  if (info.status != 0 || info.size == 0) return true;
+  return info.segment_size != 0 && segments_of(info.size, info.segment_size) <= kSegmentsLimit;
 }
 
 Fate confirm_transfer(Entry& entry) {

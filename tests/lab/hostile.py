@@ -39,7 +39,7 @@ def cuts(datagram):
 def wrong_counts(structure, message):
     """The structure with absurd counts and lengths in place of the right ones."""
     for field, kind in wire.STRUCTURES[structure]:
-        if not isinstance(kind, wire._Counted) or field not in message:
+        if not isinstance(kind, wire.Counted) or field not in message:
             continue
         right = kind.encode(message[field])
         for count in EXTREMES:

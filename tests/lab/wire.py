@@ -22,7 +22,7 @@ class WireError(ValueError):
 # --- Kinds of fields ---
 
 
-class _Number:
+class Number:
     def __init__(self, code, signed=False):
         self.format = ">" + code
         self.size = struct.calcsize(self.format)
@@ -35,7 +35,7 @@ class _Number:
         return int.from_bytes(reader.take(self.size), "big", signed=self.signed)
 
 
-class _Counted:
+class Counted:
     """A length or count, then that many bytes or elements."""
 
     def __init__(self, count, element=None, text=False):
@@ -60,12 +60,12 @@ class _Counted:
         return value.decode(errors="surrogateescape")
 
 
-U8, U16, U32, U64 = _Number("B"), _Number("H"), _Number("I"), _Number("Q")
-S32 = _Number("i", signed=True)
-STRING = _Counted(U16, text=True)
-BYTES = _Counted(U32)
-ADDRESSES = _Counted(U16, U32)
-STRINGS = _Counted(U16, STRING)
+U8, U16, U32, U64 = Number("B"), Number("H"), Number("I"), Number("Q")
+S32 = Number("i", signed=True)
+STRING = Counted(U16, text=True)
+BYTES = Counted(U32)
+ADDRESSES = Counted(U16, U32)
+STRINGS = Counted(U16, STRING)
 
 # --- The structures ---
 

@@ -101,8 +101,15 @@ class SystemTest(unittest.TestCase):
     def push(self, *arguments, expect=0, **options):
         result = self.programs.push(self.net.lead, self.content, "--nodes", self.addresses(),
                                     *arguments, **options)
-        self.assertEqual(result.returncode, expect, f"{result.stderr}\n{result.stdout[-3000:]}")
+        self.assertEqual(result.returncode, expect, result.stderr + self.why(result.events))
         return result
+
+    @staticmethod
+    def why(events):
+        """What the summary says is missing, for messages."""
+        ends = [e for e in events if e["event"] == "push-finished"]
+        return "\n".join(str({k: v for k, v in node.items() if k in ("node", "state", "failed", "open")})
+                         for end in ends for node in end["nodes"]) or str(events[-3:])
 
     def start_push(self, *arguments, nodes=None, paths=(".",)):
         return BackgroundLead(self, "push", "--nodes", nodes or self.addresses(), *arguments, *paths)
@@ -153,7 +160,7 @@ class BackgroundLead:
         except subprocess.TimeoutExpired:
             self.test.fail(f"the lead has not ended within {seconds} s; {self.events()[-4:]}")
         self.test.assertEqual(self.process.returncode, expect,
-                              f"{self.errors()}\n{self.events()[-3:]}")
+                              self.errors() + self.test.why(self.events()))
         return summary(self)
 
     def stop(self, expect=0):

@@ -3,6 +3,7 @@
 import errno
 import os
 import select
+import subprocess
 
 import tree
 import wire
@@ -78,7 +79,8 @@ class Get(SystemTest):
 
     def test_three_nodes_ask_for_the_same_file_at_once(self):
         self.serve()
-        processes = [node.spawn(self.command(node, tree.BIG), stdout=-3) for node in self.net.nodes]
+        processes = [node.spawn(self.command(node, tree.BIG), stdout=subprocess.DEVNULL)
+                     for node in self.net.nodes]
         for process in processes:
             self.assertEqual(process.wait(timeout=60), 0)
         for node in self.net.nodes:
@@ -116,6 +118,7 @@ class Get(SystemTest):
     def test_serve_ends_orderly_when_it_is_told_to(self):
         lead = self.serve()
         self.get("one byte")
+        lead.wait_for("request-ended")
         lead.stop()
         self.assertEqual(len(lead.events("stopped")), 1)
         ended = lead.events("request-ended")
@@ -131,8 +134,8 @@ class Get(SystemTest):
         sender = other.socket()
         self.addCleanup(observer.close)
         self.addCleanup(sender.close)
-        names = ("../secret", "sizes/../../secret", "/../secret", "..", "sizes/../../c-neighbour/secret",
-                 ROOT + "/secret", "./../secret", "one byte")
+        names = ("../secret", "sizes/../../secret", "/../secret", "..", ROOT + "/secret",
+                 "sizes/../../c-neighbour/secret", "./../secret", "one byte")
         for name in names:
             sender.sendto(wire.encode_data(wire.FILE_REQ, wire.address(other.address), {
                 "type": 1, "location": 1, "priority": 1, "name": name}),

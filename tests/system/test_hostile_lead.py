@@ -4,7 +4,8 @@ import hostile
 import tree
 import wire
 from scripted_lead import DATA_GROUP, LEAD_PORT, REQUEST_PORT
-from support import BackgroundLead, SystemTest, lab, names_below, resident_bytes
+from support import (BackgroundLead, SystemTest, lab, names_below, remove_tree,
+                     resident_bytes)
 
 BURST = 4000
 MEMORY_LIMIT = 200_000_000
@@ -111,17 +112,30 @@ class StrangerAtTheLead(SystemTest):
                 "msg_id": wire.PING_REPLY, "node_ip": self.ip, "pid": 5, "sequence": sequence}))
 
     def test_a_made_up_sequence_before_the_first_message_stops_no_push(self):
+        for node in self.net.nodes:
+            node.lose(30)  # file lists are outstanding for a while
         for last in (0xFFFFFFFF, 0xFFFFFFFE, 0x80000000):
             with self.subTest(last=hex(last)):
-                push = self.start_push()
-                lab.wait_until(lambda: self.bound(push), what="the lead's sockets")
-                self.claim_sequences(last)
-                self.start_nodes()
-                lab.wait_until(lambda: push.events("node-appeared"), what="the nodes to appear")
-                self.claim_sequences(*[0xFFFFFFFF] * 50)
-                self.assertTrue(push.finish(seconds=30)["complete"])
-                self.assert_received()
+                self.assert_push_stands_claims(last)
             self.stop_processes()
+            for node in self.net.nodes:
+                node.lose(30)
+                remove_tree(self.directory_of(node))
+
+    def assert_push_stands_claims(self, last):
+        """Claims one sequence while the nodes are not there yet, and the greatest one after that."""
+        push = self.start_push()
+        lab.wait_until(lambda: self.bound(push), what="the lead's sockets")
+        self.claim_sequences(last)
+        self.start_nodes()
+
+        def ended():
+            self.claim_sequences(*[0xFFFFFFFF] * 300)
+            return push.process.poll() is not None
+
+        lab.wait_until(ended, 30, f"the end of the push; the lead said last: {push.events()[-1:]}")
+        self.assertTrue(push.finish()["complete"])
+        self.assert_received()
 
     def bound(self, push):
         with open(f"/proc/{push.process.pid}/net/udp", encoding="utf-8") as file:

@@ -128,7 +128,7 @@ class ForgedLeadAtANode(SystemTest):
         self.lead.control.close()
         self.lead.requests.close()
         tree.small(self.content, small_files=5)
-        self.push("--timeout", "20")
+        self.push("--timeout", "20", timeout=40)
         expected = lab.manifest(self.content)
         actual = lab.manifest(self.place)
         self.assertEqual(lab.differences(expected, {n: actual.get(n) for n in expected}), [])

@@ -26,8 +26,8 @@ class SecondLead(SystemTest):
         self.start_nodes()
         node = self.net.nodes[0]
         push = self.start_push("--rate", "100")
-        lab.wait_until(lambda: "one byte" in names_below(self.directory_of(node)) or
-                       self.statistics(node).total("MC SEGMENT") > 100, what="the push to be running")
+        lab.wait_until(lambda: self.statistics(node).total("MC SEGMENT") > 100,
+                       what="the push to be running")
         rogue = self.rogue()
         before = self.statistics(node).total("MC LEAD FO DROP")
         bad = self.statistics(node).total("MC BAD PKT RECV")
@@ -71,8 +71,12 @@ class SecondLead(SystemTest):
         self.push()
         rogue = self.rogue()
         node = self.net.nodes[0]
-        lab.wait_until(lambda: (rogue.ping(), len(self.node_events(node, "lead-changed")) > 1)[1],
-                       12, "the second lead to be taken")
+
+        def taken():
+            rogue.ping()
+            return len(self.node_events(node, "lead-changed")) > 1
+
+        lab.wait_until(taken, 12, "the second lead to be taken")
         self.assertGreater(self.statistics(node).total("MC LEAD FO DROP"), 0)
         change = self.node_events(node, "lead-changed")[-1]
         self.assertEqual((change["lead"], change["failover"]), (rogue.host.address, True))

@@ -22,9 +22,9 @@ EventPrinter& printer(void* ctx) {
 void on_lead_change(uint32_t lead, uint32_t pid, bool failover, void* ctx) {
   printer(ctx).lead_changed(lead, pid, failover);
 }
-void on_start(uint64_t, const char* const* paths, uint32_t count, uint32_t, uint32_t location,
+void on_start(uint64_t, const char* const*, uint32_t count, uint32_t, uint32_t location,
               uint32_t xact_id, void* ctx) {
-  printer(ctx).transaction_started(xact_id, location, paths, count);
+  printer(ctx).transaction_started(xact_id, location, count);
 }
 void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uint32_t xact_id,
              void* ctx) {
@@ -46,6 +46,10 @@ uint32_t counter(DrtCounter entry) {
 }
 
 }  // namespace
+
+uint32_t reports_sent() {
+  return counter(DrtCounter::kUcSendDoneSent);
+}
 
 uint32_t repaired_segments() {
   return counter(DrtCounter::kMcSingleSegment);
@@ -75,9 +79,7 @@ void EventPrinter::lead_changed(uint32_t lead, uint32_t pid, bool failover) {
                   failover ? " has taken over" : ""));
 }
 
-void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location,
-                                       const char* const* paths, uint32_t count) {
-  if (on_files) on_files(location, paths, count);
+void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location, uint32_t count) {
   json_.print("transaction-start",
               Json{{"transaction", xact_id}, {"location", location}, {"files", count}});
   say(fmt::format("transaction {}: {} files for location {}", xact_id, count, location));

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 
@@ -21,8 +20,7 @@ class EventPrinter {
   void attach(levm_handle_t loop);
 
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
-  void transaction_started(uint32_t xact_id, uint32_t location, const char* const* paths,
-                           uint32_t count);
+  void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
@@ -30,9 +28,6 @@ class EventPrinter {
   void error(const std::string& text);
 
   bool lead_is_known() const { return lead_is_known_; }
-
-  // Called with the files of each transaction that starts.
-  std::function<void(uint32_t location, const char* const* paths, uint32_t count)> on_files;
 
  private:
   struct Transaction {
@@ -46,6 +41,9 @@ class EventPrinter {
   bool lead_is_known_ = false;
   std::map<uint32_t, Transaction> transactions_;
 };
+
+// Files that this process has told the lead the end of.
+uint32_t reports_sent();
 
 // Segments that the lead sent again on request and this process received.
 uint32_t repaired_segments();

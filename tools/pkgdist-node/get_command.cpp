@@ -1,13 +1,11 @@
 // get: asks the lead for files, waits for all of them, and exits by the outcome.
 #include <fmt/core.h>
 
-#include <cerrno>
-#include <set>
+#include <cstddef>
 
 #include "commands.h"
 #include "event_printer.h"
 #include "node.h"
-#include "pkgdist/wire_data.h"
 
 namespace pkgdist::node_program {
 
@@ -17,13 +15,19 @@ struct Wanted {
   const NodeOptions& options;
   EventPrinter& printer;
   levm_handle_t loop = nullptr;
-  std::set<std::string> links_tried_again;
   size_t waiting = 0;
+  size_t ended = 0;
   size_t failed = 0;
 };
 
-void on_file(uint64_t status, const char* path, uint32_t type, uint32_t location, uint32_t xact_id,
-             void* ctx);
+void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uint32_t xact_id,
+             void* ctx) {
+  auto& wanted = *static_cast<Wanted*>(ctx);
+  --wanted.waiting;
+  ++wanted.ended;
+  if (status != 0) ++wanted.failed;
+  wanted.printer.file_ended(status, path, location, xact_id);
+}
 
 // Asks for one file. One that cannot be asked for has failed.
 void request(const std::string& path, Wanted& wanted) {
@@ -38,23 +42,13 @@ void request(const std::string& path, Wanted& wanted) {
   wanted.printer.file_ended(status, path.c_str(), options.location, 0);
 }
 
-// A symbolic link without its directory: only now it is known to be a link.
-bool try_link_again(uint64_t status, const char* path, uint32_t type, Wanted& wanted) {
-  if (type != PKGDIST_FILE_TYPE_SYMLINK || status != PKGDIST_STATUS_FROM_ERRNO(ENOENT) ||
-      !wanted.links_tried_again.insert(path).second)
-    return false;
-  make_directory_of(wanted.options, wanted.options.location, path);
-  request(path, wanted);
-  return true;
-}
-
-void on_file(uint64_t status, const char* path, uint32_t type, uint32_t location, uint32_t xact_id,
-             void* ctx) {
-  auto& wanted = *static_cast<Wanted*>(ctx);
-  --wanted.waiting;
-  if (try_link_again(status, path, type, wanted)) return;
-  if (status != 0) ++wanted.failed;
-  wanted.printer.file_ended(status, path, location, xact_id);
+// The library tells the lead the end of a file just after its callback here: a process that ended
+// in between would leave the lead waiting for it.
+void await_reports(Node& node, size_t files) {
+  constexpr double kStepSeconds = 0.005;
+  constexpr int kMaxSteps = 100;
+  for (int i = 0; i < kMaxSteps && reports_sent() < files; ++i)
+    (void)node.run_until([] { return false; }, kStepSeconds);
 }
 
 }  // namespace
@@ -64,7 +58,7 @@ int get_command(const NodeOptions& options) {
     throw CLI::ValidationError(
         fmt::format("--to {}: give --location {}=DIR too", options.location, options.location));
   EventPrinter printer(options);
-  Wanted wanted{.options = options, .printer = printer, .loop = nullptr, .links_tried_again = {}};
+  Wanted wanted{.options = options, .printer = printer};
   Node node(options);
   wanted.loop = node.loop();
   printer.attach(node.loop());
@@ -77,6 +71,7 @@ int get_command(const NodeOptions& options) {
   if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds))
     printer.error(
         fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()));
+  await_reports(node, wanted.ended);
   return wanted.waiting == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 

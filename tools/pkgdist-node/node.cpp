@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "link_directories.h"
 #include "platform/inst_common.h"
 #include "status_text.h"
 
@@ -57,6 +58,7 @@ void set_location(const cli::Location& location) {
   if (!location.memory) {
     std::filesystem::create_directories(path);
     if (path.back() != '/') path += '/';
+    make_directories_of_links_below(path);
   }
   require(instcomm_pkgdist_set_recv_repository(path.c_str(), location.number, location.memory),
           fmt::format("setting location {} to '{}'", location.number, path).c_str());
@@ -76,17 +78,6 @@ nodeid_handle_t make_identity(const NodeOptions& options) {
 
 void require(PkgdistStatus status, const char* what) {
   if (status != 0) throw std::runtime_error(fmt::format("{}: {}", what, cli::status_text(status)));
-}
-
-void make_directory_of(const NodeOptions& options, uint32_t location, const std::string& path) {
-  const auto place = options.common.locations.find(location);
-  if (place == options.common.locations.end() || place->second.memory) return;
-  const std::filesystem::path directory = std::filesystem::path(path).relative_path().parent_path();
-  for (const auto& component : directory)
-    if (component == "..") return;  // the library refuses the name
-  std::error_code ignored;  // a directory that cannot be made shows in the outcome of its files
-  std::filesystem::create_directories(std::filesystem::path(place->second.path) / directory,
-                                      ignored);
 }
 
 Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_identity(options)) {

@@ -14,10 +14,6 @@ namespace pkgdist::node_program {
 // Throws with a text that says what to look at when a call of the library fails.
 void require(PkgdistStatus status, const char* what);
 
-// Makes the directory that a name of a location stands in. The library does that for files, but not
-// for symbolic links: a directory that holds nothing else would be missing.
-void make_directory_of(const NodeOptions& options, uint32_t location, const std::string& path);
-
 class Node {
  public:
   // Starts both sides of the library and sets the storage locations. The process has one Node.

@@ -42,9 +42,6 @@ int run_command(const NodeOptions& options) {
   MessageClass classes[PKGDIST_CTRL_CLASS_LAST - PKGDIST_CTRL_CLASS_FIRST + 1];
   Node node(options);
   EventPrinter printer(options);
-  printer.on_files = [&](uint32_t location, const char* const* paths, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) make_directory_of(options, location, paths[i]);
-  };
   printer.attach(node.loop());
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {

@@ -262,6 +262,16 @@ TEST_F(FileInfo, sizes_near_the_32_bit_limit_have_the_right_number_of_segments) 
   EXPECT_EQ(find()->segment_count, 2u);
 }
 
+TEST_F(FileInfo, more_segments_than_a_working_lead_makes_are_a_bad_packet) {
+  want("file");
+  announce({.size = 1u << 24, .segment_size = 1});
+  EXPECT_EQ(find()->segment_count, 1u << 24);
+  announce({.id = 8, .size = (1u << 24) + 1, .segment_size = 1});
+  announce({.id = 9, .size = 0xFFFFFFFF, .segment_size = 255});
+  EXPECT_EQ(value(DrtCounter::kMcBadPktRecv), 2u);
+  EXPECT_EQ(find()->segment_count, 1u << 24);
+}
+
 TEST_F(FileInfo, without_memory_for_a_bitmap_the_file_fails) {
   // Decoded strings come from the codec's allocator: the first zeroed block is a bitmap.
   const std::pair<unsigned, const char*> cases[] = {{1, "RECV_FILE_BITMAP"},
