@@ -23,6 +23,22 @@ struct ControlMessage {
 // The most addresses that fit beside a segment.
 inline constexpr size_t kMaxNodesPerMessage = 48;
 
+// The status word of a ping, which travels back in the replies: since when the lead leads in
+// wall-clock seconds, for other leads, above the time of sending in microseconds, which makes the
+// reply a measurement of the round trip.
+inline uint64_t ping_status(uint32_t leading_since, Time now) {
+  return uint64_t{leading_since} << 32 | static_cast<uint32_t>(now / kMicrosecond);
+}
+inline uint32_t leading_since_of(uint64_t status) {
+  return static_cast<uint32_t>(status >> 32);
+}
+// The time since a ping with this status was sent, when that was within the last hour.
+inline Time age_of(uint64_t status, Time now) {
+  const auto age =
+      static_cast<uint32_t>(now / kMicrosecond) - static_cast<uint32_t>(status & UINT32_MAX);
+  return age * kMicrosecond;
+}
+
 // Each returns the datagram's length, 0 when it does not fit.
 size_t build_ping(std::span<uint8_t> out, const Settings& self, uint32_t last_sequence,
                   uint64_t status);

@@ -47,6 +47,7 @@ uint32_t ControlStream::post(uint32_t msg_class, std::vector<uint8_t> payload, A
   std::sort(waiting.begin(), waiting.end());
   if (!waiting.empty()) nodes_ = std::max<size_t>(nodes_, waiting.back() + size_t{1});
   entry.waiting = std::move(waiting);
+  entry.first_sent = now;
   kept_bytes_ += entry.message.payload.size();
   if (entry.waiting.empty())
     entry.done_at = now;
@@ -84,19 +85,38 @@ void ControlStream::retransmit(Entry& entry, Time now) {
     if (elapsed(now, entry.segment_sent[i]) >= kResendHoldoff) transmit(entry, i, true, now);
 }
 
-void ControlStream::acknowledge(Entry& entry, NodeIndex node) {
+void ControlStream::acknowledge(Entry& entry, NodeIndex node, bool direct) {
   const auto at = std::lower_bound(entry.waiting.begin(), entry.waiting.end(), node);
   if (at == entry.waiting.end() || *at != node) return;
   entry.waiting.erase(at);
-  if (entry.waiting.empty()) {
-    --outstanding_;
-    entry.done_at = now_;
-  }
-  acknowledged_(entry.message.sequence, node);
+  if (entry.waiting.empty()) stop_waiting(entry);
+  acknowledged_({entry.message.sequence, node, direct, entry.first_sent});
+}
+
+void ControlStream::stop_waiting(Entry& entry) {
+  entry.waiting.clear();
+  --outstanding_;
+  entry.done_at = now_;
+}
+
+void ControlStream::give_up(uint32_t sequence) {
+  Entry* entry = find(sequence);
+  if (entry != nullptr && !entry->waiting.empty()) stop_waiting(*entry);
+}
+
+void ControlStream::abandon() {
+  entries_.clear();
+  outstanding_ = kept_bytes_ = 0;
+}
+
+bool ControlStream::lists_outstanding() const {
+  return outstanding_ != 0 && std::any_of(entries_.begin(), entries_.end(), [](const Entry& entry) {
+           return !entry.waiting.empty() && entry.message.msg_class == PKGDIST_CTRL_CLASS_FILE_SEND;
+         });
 }
 
 void ControlStream::on_ack(NodeIndex node, uint32_t sequence) {
-  if (Entry* entry = find(sequence)) acknowledge(*entry, node);
+  if (Entry* entry = find(sequence)) acknowledge(*entry, node, true);
 }
 
 void ControlStream::on_point(NodeIndex node, uint32_t point) {
@@ -104,7 +124,7 @@ void ControlStream::on_point(NodeIndex node, uint32_t point) {
   // The owner may post from the callback: go by sequence, not by iterator.
   const uint32_t first = entries_.front().message.sequence;
   for (uint32_t sequence = first; sequence <= std::min(point, last_sequence_); ++sequence)
-    if (Entry* entry = find(sequence)) acknowledge(*entry, node);
+    if (Entry* entry = find(sequence)) acknowledge(*entry, node, false);
 }
 
 void ControlStream::on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now) {
@@ -136,9 +156,7 @@ void ControlStream::forget(NodeIndex node) {
     const auto at = std::lower_bound(entry.waiting.begin(), entry.waiting.end(), node);
     if (at == entry.waiting.end() || *at != node) continue;
     entry.waiting.erase(at);
-    if (!entry.waiting.empty()) continue;
-    --outstanding_;
-    entry.done_at = now_;
+    if (entry.waiting.empty()) stop_waiting(entry);
   }
 }
 
@@ -156,8 +174,8 @@ void ControlStream::set_watch(Watch watch, Time now) {
 }
 
 void ControlStream::send_ping(Time now) {
-  // The status travels back in the reply: the time of sending makes it a round-trip measurement.
-  const size_t length = build_ping(sink_.buffer(), self_, last_sequence_, now);
+  const uint64_t status = ping_status(leading_since_, now);
+  const size_t length = build_ping(sink_.buffer(), self_, last_sequence_, status);
   if (length != 0) sink_.send(Channel::kControl, kGroup, length);
   ++counters_.control_sent;
   next_ping_ = now + ping_interval();

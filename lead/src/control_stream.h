@@ -22,8 +22,15 @@ namespace pkgdist::lead {
 
 class ControlStream {
  public:
-  // Called when a node has finished a message that was sent for it.
-  using Acknowledged = std::function<void(uint32_t sequence, NodeIndex node)>;
+  // A node has finished a message that was sent for it, first at `first_sent`. `direct`: it said so
+  // by an ACK of this message, which it sends only for what it has.
+  struct Finished {
+    uint32_t sequence = 0;
+    NodeIndex node = kNoNode;
+    bool direct = false;
+    Time first_sent = 0;
+  };
+  using Acknowledged = std::function<void(const Finished&)>;
 
   ControlStream(const Settings& self, DatagramSink& sink, Counters& counters,
                 Acknowledged acknowledged);
@@ -46,6 +53,12 @@ class ControlStream {
   void on_ping_reply(NodeIndex node, uint32_t point, Time now);
   // The node is gone or was replaced: nothing is waited for.
   void forget(NodeIndex node);
+  // Nobody is waited for any longer; who asks for the message still gets it for a while.
+  void give_up(uint32_t sequence);
+  // Nothing of what was sent is repeated; sequences go on.
+  void abandon();
+  // Lists for the nodes' data side that not everybody has acknowledged.
+  bool lists_outstanding() const;
 
   // How soon a node that appears is noticed.
   enum class Watch : uint8_t {
@@ -54,6 +67,8 @@ class ControlStream {
     kGathering,  // nothing goes on until the nodes are there
   };
   void set_watch(Watch watch, Time now);
+  // Since when this lead leads, in wall-clock seconds: told in every ping.
+  void set_leading_since(uint32_t seconds) { leading_since_ = seconds; }
   void run(Time now);
   Time next_deadline() const;
 
@@ -62,13 +77,15 @@ class ControlStream {
     ControlMessage message;
     std::vector<NodeIndex> waiting;  // sorted
     std::vector<Time> segment_sent;  // when each segment last went out
+    Time first_sent = 0;
     Time last_sent = 0;
     Time done_at = 0;  // when the last node acknowledged, 0 before
     uint32_t attempts = 0;
   };
 
   Entry* find(uint32_t sequence);
-  void acknowledge(Entry& entry, NodeIndex node);
+  void acknowledge(Entry& entry, NodeIndex node, bool direct);
+  void stop_waiting(Entry& entry);
   void transmit(Entry& entry, uint32_t segment, bool again, Time now);
   void retransmit(Entry& entry, Time now);
   void send_ping(Time now);
@@ -86,6 +103,7 @@ class ControlStream {
   size_t nodes_ = 0;  // highest node index seen + 1: bounds the replies that a ping draws
   Watch watch_ = Watch::kIdle;
   Time next_ping_ = 0;
+  uint32_t leading_since_ = 0;
   Time now_ = 0;  // of the event being handled
 };
 

@@ -142,6 +142,10 @@ void DataSender::abandon(uint64_t tag_limit) {
   for (TransferId id : ids) close(*at(id));
 }
 
+void DataSender::abandon_all() {
+  while (!transfers_.empty()) close(*transfers_.begin()->second);
+}
+
 void DataSender::close_if_ended(Transfer& transfer) {
   if (transfer.open + transfer.unlisted == 0) close(transfer);
 }

@@ -60,8 +60,9 @@ class DataSender {
   void join(TransferId id, NodeIndex node, bool asked, Time now);
   // The node is gone: nothing is waited for.
   void drop_node(NodeIndex node, Time now);
-  // Ends all transfers without a word.
+  // Ends all transfers with a tag below this without a word.
   void abandon(uint64_t tag_limit);
+  void abandon_all();
 
   TransferId find(const FileKey& key) const;
   const Transfer* get(TransferId id) const;

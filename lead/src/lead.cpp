@@ -4,8 +4,10 @@
 
 #include "control_stream.h"
 #include "data_sender.h"
+#include "leadership.h"
 #include "node_messages.h"
 #include "node_table.h"
+#include "outbox.h"
 #include "pkgdist/status.h"
 #include "pkgdist_lead/names.h"
 #include "push_job.h"
@@ -20,6 +22,13 @@ constexpr uint64_t kRequested = UINT64_MAX;
 constexpr size_t kMaxTransfers = 8192;
 // How often the node table is looked through for silent nodes.
 constexpr Time kExpiryPeriod = 250 * kMillisecond;
+// An acknowledgement point above a message says that the node has it as long as the node cannot
+// have given it up; see outbox.h.
+constexpr Time kPointTrust = 5 * kSecond;
+// Nodes that have not answered for this long do not follow this lead.
+constexpr Time kFollowTimeout = 3 * kSecond;
+// Of the datagrams of another lead, every so many are told.
+constexpr uint64_t kTellOtherLead = 1000;
 // Longer round trips are no measurement: the reply carries what somebody made up.
 constexpr Time kMaxRoundTrip = 2 * kSecond;
 
@@ -48,8 +57,12 @@ class Lead::Impl : private TransferObserver {
   Impl(const Settings& settings, DatagramSink& sink, ContentStore& store, Events& events)
       : settings_(checked(settings)),
         events_(events),
+        leadership_(settings_),
         control_(settings_, sink, counters_,
-                 [this](uint32_t sequence, NodeIndex node) { on_acknowledged(sequence, node); }),
+                 [this](const ControlStream::Finished& finished) { on_acknowledged(finished); }),
+        streams_(settings_, nodes_, sink, counters_,
+                 [this](MessageId id) { outbox_.on_unicast_acknowledged(id); }),
+        outbox_(nodes_, control_, streams_, events_),
         messages_(settings_, nodes_, sink, counters_,
                   [this](NodeIndex node, uint32_t msg_class, std::span<const uint8_t> bytes) {
                     events_.message_received(nodes_[node].info, msg_class, bytes);
@@ -61,9 +74,15 @@ class Lead::Impl : private TransferObserver {
   void run(Time now);
   Time next_deadline(Time now) const;
   const char* start_push(PushRequest request, Time now);
-  uint32_t post(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience, Time now);
-  uint32_t delete_files(uint32_t location, const std::vector<std::string>& names,
-                        const Audience& audience, Time now);
+  MessageId post(MessageKind kind, uint32_t msg_class, std::vector<uint8_t> bytes,
+                 const Audience& audience, Time now, Time timeout) {
+    return leads() ? outbox_.post(kind, msg_class, std::move(bytes), audience, timeout, now) : 0;
+  }
+  MessageId cancel(uint32_t xact, const Audience& audience, Time now, Time timeout);
+  MessageId delete_files(uint32_t location, const std::vector<std::string>& names,
+                         const Audience& audience, Time now, Time timeout);
+  MessageReport message_report(MessageId id) const { return outbox_.report(id); }
+  const Leadership& leadership() const { return leadership_; }
   uint32_t xact() const { return push_ ? next_xact_ : 0; }
 
   std::unique_ptr<PushJob> push_;
@@ -75,7 +94,13 @@ class Lead::Impl : private TransferObserver {
   void on_data(const Frame& frame, uint32_t from, Time now);
   void on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> body,
                   Time now);
-  void on_acknowledged(uint32_t sequence, NodeIndex node);
+  void on_acknowledged(const ControlStream::Finished& finished);
+  void on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
+  void on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
+  void on_other_lead(std::span<const uint8_t> header, Time now);
+  void update_role(Time now);
+  void step_aside(Time now);
+  bool leads() const { return leadership_.leads(); }
   void on_file_request(NodeIndex node, const pkgdist_data_send_req& request, Time now);
   void on_sighting(NodeTable::Result seen, Time now);
   void measure_round_trip(uint64_t echo, Time now);
@@ -89,11 +114,16 @@ class Lead::Impl : private TransferObserver {
   const Settings settings_;
   Events& events_;
   NodeTable nodes_;
+  Leadership leadership_;
   ControlStream control_;
+  NodeStreams streams_;
+  Outbox outbox_;
   NodeMessages messages_;
   DataSender data_;
-  std::set<uint32_t> own_messages_;  // sequences of messages that the owner sent
   uint32_t next_xact_;
+  Role told_role_ = Role::kListening;
+  Time now_ = 0;         // of the event being handled
+  Time last_reply_ = 0;  // of any node to this lead's pings
   Time round_trip_ = 0;
   Time next_expiry_ = 0;
 };
@@ -102,15 +132,43 @@ class Lead::Impl : private TransferObserver {
 
 void Lead::Impl::on_datagram(Channel channel, std::span<const uint8_t> bytes, uint32_t from,
                              Time now) {
+  now_ = now;
   Frame frame;
   if (!split_frame(bytes, frame)) {
     ++counters_.bad_datagrams;
+    return;
+  }
+  update_role(now);
+  if (channel == Channel::kOverheard) return on_other_lead(frame.header, now);
+  if (!leads()) {
+    ++counters_.not_leading;
     return;
   }
   if (channel == Channel::kControl)
     on_control(frame, from, now);
   else
     on_data(frame, from, now);
+}
+
+// Own datagrams come back, too. A namesake on the same address is this host's previous process.
+void Lead::Impl::on_other_lead(std::span<const uint8_t> bytes, Time now) {
+  using H = pkgdist_ctrl_msg_hdr;
+  const Decoded<H> header(bytes);
+  if (!header) {
+    ++counters_.bad_datagrams;
+    return;
+  }
+  const bool ping = header->msg_id == PKGDIST_CTRL_MSG_PING;
+  if (!ping && header->msg_id != PKGDIST_CTRL_MSG_CTRL) return;
+  if (header->node_ip == 0 || header->node_ip == settings_.address) return;
+  const uint64_t heard = ++counters_.other_lead_heard;
+  if (leads() && heard % kTellOtherLead == 1)
+    events_.other_lead_heard(header->node_ip, header->pid, heard);
+  if (leads() && !ping) return;  // what it says in pings decides
+  const bool followed = last_reply_ != 0 && elapsed(now, last_reply_) < kFollowTimeout;
+  leadership_.on_other_lead(header->node_ip, ping ? leading_since_of(header->status) : 0, followed,
+                            now);
+  update_role(now);
 }
 
 void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
@@ -135,20 +193,39 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     ++counters_.foreign_datagrams;
     return;
   }
-  if (reply) {
-    control_.adopt(point);
-    if (qidl::has<&H::status>(*header)) measure_round_trip(header->status, now);
-  }
+  if (reply) control_.adopt(point);
   on_sighting(seen, now);
+  if (reply) return on_ping_reply(seen.index, *header, now);
   if (message) return on_message(seen.index, *header, frame.body, now);
-  if (answer && header->unicast == 1) return;  // nothing was sent to a single node
-  if (kind == PKGDIST_CTRL_MSG_ACK) control_.on_ack(seen.index, header->sequence);
-  if (kind == PKGDIST_CTRL_MSG_NACK)
-    control_.on_nack(header->sequence, qidl::has<&H::segment>(*header), header->segment, now);
-  if (reply)
-    control_.on_ping_reply(seen.index, point, now);
-  else if (has_point)
-    control_.on_point(seen.index, point);
+  on_answer(seen.index, *header, now);
+}
+
+void Lead::Impl::on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now) {
+  using H = pkgdist_ctrl_msg_hdr;
+  const bool own = qidl::has<&H::status>(header) &&
+                   leading_since_of(header.status) == leadership_.leading_since();
+  if (own) {
+    measure_round_trip(header.status, now);
+    nodes_.note_reply(node, now);
+    last_reply_ = now;
+  }
+  control_.on_ping_reply(node, header.sequence, now);
+}
+
+// An ACK or NACK, of either stream.
+void Lead::Impl::on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now) {
+  using H = pkgdist_ctrl_msg_hdr;
+  const bool positive = header.msg_id == PKGDIST_CTRL_MSG_ACK;
+  const bool has_segment = qidl::has<&H::segment>(header);
+  if (header.unicast == 1) {
+    if (positive) return streams_.on_ack(node, header.sequence, now);
+    return streams_.on_nack(node, header.sequence, has_segment, header.segment, now);
+  }
+  if (positive)
+    control_.on_ack(node, header.sequence);
+  else
+    control_.on_nack(header.sequence, has_segment, header.segment, now);
+  if (qidl::has<&H::ack_sequence>(header)) control_.on_point(node, header.ack_sequence);
 }
 
 void Lead::Impl::on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header,
@@ -160,42 +237,34 @@ void Lead::Impl::on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header,
     ++counters_.bad_datagrams;
 }
 
-void Lead::Impl::on_acknowledged(uint32_t sequence, NodeIndex node) {
-  if (own_messages_.contains(sequence))
-    events_.message_acknowledged(nodes_[node].info, sequence);
-  else if (push_)
-    push_->on_acknowledged(sequence, node);
+void Lead::Impl::on_acknowledged(const ControlStream::Finished& finished) {
+  const Time adopted = nodes_[finished.node].adopted_at;
+  const bool certain = finished.direct || (adopted != 0 && adopted <= finished.first_sent &&
+                                           elapsed(now_, finished.first_sent) < kPointTrust);
+  if (outbox_.on_acknowledged(finished.sequence, finished.node, certain)) return;
+  if (push_) push_->on_acknowledged(finished.sequence, finished.node);
 }
 
-uint32_t Lead::Impl::post(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience,
-                          Time now) {
-  if (bytes.empty() || bytes.size() > UINT32_MAX || audience.nodes.size() > kMaxNodesPerMessage)
-    return 0;
-  if (audience.nodes.empty() == (audience.card_class == kCardClassListed)) return 0;
-  std::vector<NodeIndex> waiting;
-  for (NodeIndex i = 0; i < nodes_.size(); ++i) {
-    const NodeInfo& info = nodes_[i].info;
-    if (!nodes_[i].silent && info.pid != 0 && audience.includes(info.address, info.card_class))
-      waiting.push_back(i);
-  }
-  const uint32_t sequence = control_.post(msg_class, std::move(bytes), audience, waiting, now);
-  own_messages_.insert(sequence);
-  constexpr size_t kMaxRemembered = 4096;
-  if (own_messages_.size() > kMaxRemembered) own_messages_.erase(own_messages_.begin());
-  return sequence;
+MessageId Lead::Impl::cancel(uint32_t xact, const Audience& audience, Time now, Time timeout) {
+  if (xact == 0) return 0;
+  const MessageId id = post(MessageKind::kCancel, PKGDIST_CTRL_CLASS_FILE_SEND, encode_cancel(xact),
+                            audience, now, timeout);
+  if (id != 0 && push_ && xact == this->xact()) push_->cancel(audience, now);
+  return id;
 }
 
-uint32_t Lead::Impl::delete_files(uint32_t location, const std::vector<std::string>& names,
-                                  const Audience& audience, Time now) {
+MessageId Lead::Impl::delete_files(uint32_t location, const std::vector<std::string>& names,
+                                   const Audience& audience, Time now, Time timeout) {
   if (location < PKGDIST_LOCATION_FIRST || location > PKGDIST_LOCATION_LAST) return 0;
   if (names.empty() || names.size() > UINT16_MAX) return 0;
   for (const std::string& name : names)
     if (name_problem(name) != nullptr) return 0;
-  return post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_delete(location, names), audience, now);
+  return post(MessageKind::kDelete, PKGDIST_CTRL_CLASS_FILE_SEND, encode_delete(location, names),
+              audience, now, timeout);
 }
 
 void Lead::Impl::measure_round_trip(uint64_t echo, Time now) {
-  const Time sample = elapsed(now, echo);
+  const Time sample = age_of(echo, now);
   if (sample == 0 || sample > kMaxRoundTrip) return;
   round_trip_ = round_trip_ == 0 ? sample : (7 * round_trip_ + sample) / 8;
   data_.set_round_trip(round_trip_);
@@ -209,6 +278,8 @@ void Lead::Impl::on_sighting(NodeTable::Result seen, Time now) {
   if (seen.sighting == Sighting::kRestarted) {
     events_.node_restarted(info);
     control_.forget(seen.index);
+    streams_.forget(seen.index);
+    outbox_.on_gone(seen.index, Delivery::kRestarted);
     messages_.forget(seen.index);
     data_.drop_node(seen.index, now);
   }
@@ -309,12 +380,37 @@ void Lead::Impl::expire_nodes(Time now) {
   nodes_.expire(now, pushing ? push_->node_timeout() : settings_.node_timeout, [&](NodeIndex node) {
     events_.node_silent(nodes_[node].info);
     control_.forget(node);
+    streams_.forget(node);
+    outbox_.on_gone(node, Delivery::kSilent);
     if (push_) push_->on_node_silent(node);
     data_.drop_node(node, now);
   });
 }
 
+void Lead::Impl::update_role(Time now) {
+  leadership_.run(now);
+  if (leadership_.role() == told_role_) return;
+  const bool led = std::exchange(told_role_, leadership_.role()) == Role::kLeading;
+  control_.set_leading_since(leadership_.leading_since());
+  if (told_role_ == Role::kStandingBy && led) step_aside(now);
+  if (leads() && push_ && push_->gathering()) push_->begin(now);  // its patience begins now
+  events_.role_changed(told_role_, leadership_.other());
+}
+
+// The other lead's nodes are its own business from here on: they ask it for what they lack.
+void Lead::Impl::step_aside(Time now) {
+  if (push_) push_->stop(now);
+  outbox_.give_up_all(Delivery::kSuperseded);
+  data_.abandon_all();
+  control_.abandon();
+  last_reply_ = 0;
+  nodes_.expire(now, 0, [&](NodeIndex node) { streams_.forget(node); });
+}
+
 void Lead::Impl::run(Time now) {
+  now_ = now;
+  update_role(now);
+  if (!leads()) return;
   expire_nodes(now);
   if (push_) push_->run(now);
   using Watch = ControlStream::Watch;
@@ -323,14 +419,18 @@ void Lead::Impl::run(Time now) {
                      : push_->gathering() ? Watch::kGathering
                                           : Watch::kPushing,
                      now);
+  outbox_.run(now);
   control_.run(now);
+  streams_.run(now);
   messages_.run(now);
   data_.run(now);
 }
 
 Time Lead::Impl::next_deadline(Time now) const {
+  if (!leads()) return std::max(leadership_.next_deadline(), now);
   Time deadline = std::min(control_.next_deadline(), data_.next_deadline(now));
   deadline = std::min({deadline, next_expiry_, messages_.next_deadline()});
+  deadline = std::min({deadline, streams_.next_deadline(), outbox_.next_deadline()});
   if (push_) deadline = std::min(deadline, push_->next_deadline());
   return std::max(deadline, now);
 }
@@ -380,20 +480,32 @@ bool Lead::push_running() const {
   return impl_->push_ && !impl_->push_->finished();
 }
 
-uint32_t Lead::send_message(uint32_t msg_class, std::vector<uint8_t> bytes,
-                            const Audience& audience, Time now) {
+MessageId Lead::send_message(uint32_t msg_class, std::vector<uint8_t> bytes,
+                             const Audience& audience, Time now, Time timeout) {
   if (msg_class < PKGDIST_CTRL_CLASS_FIRST || msg_class > PKGDIST_CTRL_CLASS_LAST) return 0;
-  return impl_->post(msg_class, std::move(bytes), audience, now);
+  return impl_->post(MessageKind::kMessage, msg_class, std::move(bytes), audience, now, timeout);
 }
 
-uint32_t Lead::cancel_transaction(uint32_t xact, const Audience& audience, Time now) {
-  if (xact == 0) return 0;
-  return impl_->post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_cancel(xact), audience, now);
+MessageId Lead::cancel_transaction(uint32_t xact, const Audience& audience, Time now,
+                                   Time timeout) {
+  return impl_->cancel(xact, audience, now, timeout);
 }
 
-uint32_t Lead::delete_files(uint32_t location, const std::vector<std::string>& names,
-                            const Audience& audience, Time now) {
-  return impl_->delete_files(location, names, audience, now);
+MessageId Lead::delete_files(uint32_t location, const std::vector<std::string>& names,
+                             const Audience& audience, Time now, Time timeout) {
+  return impl_->delete_files(location, names, audience, now, timeout);
+}
+
+MessageReport Lead::message_report(MessageId id) const {
+  return impl_->message_report(id);
+}
+
+Role Lead::role() const {
+  return impl_->leadership().role();
+}
+
+uint32_t Lead::other_lead() const {
+  return impl_->leadership().other();
 }
 
 uint32_t Lead::push_transaction() const {

@@ -17,6 +17,10 @@ constexpr Time kAbandoned = 30 * kSecond;
 // Messages of one node: in the making, and remembered as finished.
 constexpr size_t kMaxOpen = 1024;
 constexpr size_t kMaxDone = 8192;
+// Once per transmission of a finished message, not once per segment of it: a node's repetitions are
+// half a second apart at least.
+constexpr Time kAckHoldoff = 100 * kMillisecond;
+constexpr uint32_t kMaxAckCopies = 3;
 
 }  // namespace
 
@@ -42,11 +46,8 @@ void NodeMessages::on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header
     return;
   }
   Peer& peer = peers_[node];
-  if (peer.done.contains(header.sequence)) {
-    // Once per transmission of the message, not once per segment of it.
-    if (header.segment == 0) answer(node, PKGDIST_CTRL_MSG_ACK, header.sequence, nullptr);
-    return;
-  }
+  if (const auto done = peer.done.find(header.sequence); done != peer.done.end())
+    return acknowledge_again(node, header.sequence, done->second, now);
   auto found = peer.open.find(header.sequence);
   if (found == peer.open.end()) {
     if (peer.open.size() >= kMaxOpen) return;  // the node sends it again
@@ -63,15 +64,23 @@ void NodeMessages::on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header
   }
   message.last_activity = now;
   message.segments.try_emplace(header.segment, body.data, body.data + body.data_size);
-  if (message.segments.size() == message.expected()) finish(node, peer, header.sequence);
+  if (message.segments.size() == message.expected()) finish(node, peer, header.sequence, now);
 }
 
-void NodeMessages::finish(NodeIndex node, Peer& peer, uint32_t sequence) {
+void NodeMessages::acknowledge_again(NodeIndex node, uint32_t sequence, Done& done, Time now) {
+  if (elapsed(now, done.acknowledged) < kAckHoldoff) return;
+  done.acknowledged = now;
+  done.repeats = std::min(done.repeats + 1, kMaxAckCopies - 1);
+  for (uint32_t copies = 0; copies <= done.repeats; ++copies)
+    answer(node, PKGDIST_CTRL_MSG_ACK, sequence, nullptr);
+}
+
+void NodeMessages::finish(NodeIndex node, Peer& peer, uint32_t sequence, Time now) {
   const auto found = peer.open.find(sequence);
   const Message message = std::move(found->second);
   peer.open.erase(found);
   --open_;
-  peer.done.insert(sequence);
+  peer.done.emplace(sequence, Done{now, 0});
   if (peer.done.size() > kMaxDone) peer.done.erase(peer.done.begin());
   answer(node, PKGDIST_CTRL_MSG_ACK, sequence, nullptr);
   std::vector<uint8_t> bytes;

@@ -3,15 +3,15 @@
 // A node sends all segments of a message, sends them again at half a second, a second, ... until it
 // is acknowledged, and answers a NACK at once with the segment asked for. So a message that lacks
 // segments a moment after its last one arrived is asked for by segment; a node honours five of
-// these per segment. A finished message that arrives again means that the acknowledgement was lost:
-// it is acknowledged again and not handed on. Messages of different sequences are independent.
+// these per segment. A finished message of which any segment arrives again means that the
+// acknowledgement was lost: it is acknowledged again, each time with more copies since the network
+// loses them, and not handed on. Messages of different sequences are independent.
 //
 // Memory follows what was received, never what a header promises.
 #pragma once
 
 #include <functional>
 #include <map>
-#include <set>
 #include <vector>
 
 #include "control_message.h"
@@ -49,13 +49,18 @@ class NodeMessages {
     }
     Time due() const;
   };
+  struct Done {
+    Time acknowledged = 0;  // last
+    uint32_t repeats = 0;   // transmissions of the message that came after it was handed on
+  };
   struct Peer {
     std::map<uint32_t, Message> open;  // by sequence
-    std::set<uint32_t> done;           // the latest sequences that were handed on
+    std::map<uint32_t, Done> done;     // the latest sequences that were handed on
   };
 
   static bool plausible(const pkgdist_ctrl_msg_hdr& header, const pkgdist_ctrl_msg& body);
-  void finish(NodeIndex node, Peer& peer, uint32_t sequence);
+  void finish(NodeIndex node, Peer& peer, uint32_t sequence, Time now);
+  void acknowledge_again(NodeIndex node, uint32_t sequence, Done& done, Time now);
   void answer(NodeIndex node, uint32_t msg_id, uint32_t sequence, const uint32_t* segment);
   void ask_missing(NodeIndex node, uint32_t sequence, const Message& message);
 

@@ -4,6 +4,13 @@
 
 namespace pkgdist::lead {
 
+namespace {
+
+// A node that has followed another lead meanwhile was away for twice the 7.5 s of its patience.
+constexpr Time kAdoptionGap = 10 * kSecond;
+
+}  // namespace
+
 NodeIndex NodeTable::find(uint32_t address) const {
   const auto found = by_address_.find(address);
   return found != by_address_.end() ? found->second : kNoNode;
@@ -41,6 +48,7 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
     node.previous_pid = node.info.pid;
     node.info.pid = header.pid != 0 ? header.pid : node.info.pid;
     node.point = has_point ? point : 0;
+    node.adopted_at = 0;
   } else if (has_point && point > node.point) {
     node.point = point;
   }
@@ -51,6 +59,12 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   if (restarted) sighting = Sighting::kRestarted;
   if (first || (started && !restarted)) sighting = Sighting::kAppeared;
   return {sighting, index};
+}
+
+void NodeTable::note_reply(NodeIndex index, Time now) {
+  Node& node = nodes_[index];
+  if (node.adopted_at == 0 || elapsed(now, node.last_reply) >= kAdoptionGap) node.adopted_at = now;
+  node.last_reply = now;
 }
 
 NodeTable::Result NodeTable::observe_data(uint32_t address, Time now) {

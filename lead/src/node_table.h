@@ -23,6 +23,10 @@ struct Node {
   uint32_t previous_pid = 0;
   uint32_t point = 0;  // every control message up to here is finished on the node
   Time last_heard = 0;
+  Time last_reply = 0;  // to a ping of this process
+  // Since when the node answers the pings of this process without a long gap, 0 when it does not:
+  // from then on its position in the control stream is this lead's.
+  Time adopted_at = 0;
   bool silent = false;
 };
 
@@ -47,6 +51,8 @@ class NodeTable {
   // A message of the control channel; `point` is its position in the control stream.
   Result observe_control(const pkgdist_ctrl_msg_hdr& header, uint32_t from, bool has_point,
                          uint32_t point, Time now);
+  // The node has answered a ping that this process sent.
+  void note_reply(NodeIndex index, Time now);
   // A message of the data channel, which carries the address only. A node that was never heard on
   // the control channel is entered with process 0.
   Result observe_data(uint32_t address, Time now);

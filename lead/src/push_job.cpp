@@ -22,6 +22,11 @@ constexpr Time kListWait = 2 * kSecond;
 // A node on which a file failed for a passing reason gets it again so many times.
 constexpr uint32_t kMaxRetries = 2;
 
+bool audience_takes(const Audience& audience, const NodeInfo& node) {
+  if (audience.unicast) return audience.nodes.front() == node.address;
+  return audience.includes(node.address, node.card_class);
+}
+
 }  // namespace
 
 PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, ControlStream& control,
@@ -53,6 +58,23 @@ void PushJob::stop(Time now) {
   data_.abandon(request_.files.size());
   phase_ = Phase::kFinished;
   summary_.finished_at = now;
+}
+
+void PushJob::cancel(const Audience& audience, Time now) {
+  if (phase_ == Phase::kFinished) return;
+  now_ = now;
+  for (Member& one : members_) {
+    const NodeInfo& info = nodes_[static_cast<NodeIndex>(&one - members_.data())].info;
+    if (!one.known || !audience_takes(audience, info)) continue;
+    for (uint32_t file = 0; file < request_.files.size(); ++file) {
+      if (one.ended[file]) continue;
+      end_file(one, file, PKGDIST_STATUS_CANCELLED);
+      events_.file_ended(info, request_.files[file].name, PKGDIST_STATUS_CANCELLED, false);
+    }
+  }
+  ready_piece_ = kNoPiece;
+  const bool everyone = audience.nodes.empty() && audience.card_class == kCardClassEveryone;
+  if (everyone) finish();
 }
 
 // --- Nodes ---
@@ -119,7 +141,7 @@ void PushJob::gather(Time now) {
   summary_.started_at = now;
   const auto present =
       std::count_if(members_.begin(), members_.end(), [](const Member& m) { return m.present; });
-  events_.push_started(summary_.files, summary_.bytes, static_cast<uint32_t>(present));
+  events_.push_started(xact_, summary_.files, summary_.bytes, static_cast<uint32_t>(present));
 }
 
 // --- Lists ---
@@ -299,19 +321,22 @@ bool PushJob::retry(const Transfer& transfer, NodeIndex node, uint64_t status) {
   return true;
 }
 
+void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
+  one.ended[file] = true;
+  if (status != 0) one.report.failed[file] = status;
+  if (--one.left == 0) one.report.finished_at = now_;
+}
+
 void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped) {
   const auto file = static_cast<uint32_t>(transfer.tag);
   Member* one = member(node);
   if (one == nullptr || one->ended[file] || retry(transfer, node, status)) return;
-  one->ended[file] = true;
-  if (status != 0) {
-    one->report.failed[file] = status;
-  } else {
+  end_file(*one, file, status);
+  if (status == 0) {
     ++one->report.files_done;
     one->report.bytes_done += transfer.attributes.size;
     if (skipped) ++one->report.files_skipped;
   }
-  if (--one->left == 0) one->report.finished_at = now_;
   events_.file_ended(nodes_[node].info, transfer.key.name, status, skipped);
 }
 
@@ -333,6 +358,10 @@ void PushJob::on_closed(const Transfer& transfer) {
 void PushJob::finish_if_ended() {
   for (const Member& one : members_)
     if (one.present && one.left != 0) return;
+  finish();
+}
+
+void PushJob::finish() {
   // What is still in transfer is for nodes outside of the push, who ask again.
   data_.abandon(request_.files.size());
   phase_ = Phase::kFinished;

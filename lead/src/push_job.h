@@ -24,6 +24,8 @@ class PushJob {
 
   void begin(Time now);
   void stop(Time now);
+  // What has not ended on these nodes ends as cancelled; for everyone, so does the push.
+  void cancel(const Audience& audience, Time now);
   void run(Time now);
   Time next_deadline() const;
 
@@ -82,6 +84,8 @@ class PushJob {
   void start_file(uint32_t file, std::vector<NodeIndex> nodes);
   void flush_relists();
   void finish_if_ended();
+  void finish();
+  void end_file(Member& one, uint32_t file, uint64_t status);
   bool retry(const Transfer& transfer, NodeIndex node, uint64_t status);
   Member* member(NodeIndex node);
 

@@ -76,6 +76,19 @@ class Socket {
     if (::bind(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
       fail(std::string(what_) + ": cannot use port " + std::to_string(port) + " of the interface");
   }
+  // Receives what is sent to the group. Beside a node on the same host, which has it, too.
+  bool join(uint32_t group, uint16_t port, uint32_t interface_address) const {
+    const int on = 1;
+    const int off = 0;
+    const sockaddr_in name = endpoint(group, port);
+    ip_mreq membership{};
+    membership.imr_multiaddr.s_addr = htonl(group);
+    membership.imr_interface.s_addr = htonl(interface_address);
+    return ::setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) == 0 &&
+           ::setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off) == 0 &&
+           ::bind(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 &&
+           ::setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+  }
   void multicast_from(uint32_t address, uint8_t ttl) const {
     const in_addr interface { htonl(address) };
     const unsigned char on = 1;
@@ -119,6 +132,7 @@ class UdpTransport::Impl {
         control_("control channel"),
         data_("data channel"),
         requests_("request port"),
+        group_("control group"),
         arena_(kMaxGathered * kMaxDatagram),
         inbox_(kReceiveBatch * kMaxDatagram) {
     control_.multicast_from(settings.address, settings.ttl);
@@ -129,6 +143,7 @@ class UdpTransport::Impl {
     control_.bind(settings.address, settings.lead_port);
     requests_.bind(settings.address, settings.req_port);
     data_.bind(settings.address, 0);
+    hears_group_ = group_.join(settings.ctrl_group, settings.ctrl_port, settings.address);
   }
 
   std::span<uint8_t> buffer() { return {arena_.data() + used_, kMaxDatagram}; }
@@ -158,18 +173,22 @@ class UdpTransport::Impl {
   void receive(Lead& lead, Time now) {
     receive_from(control_, Channel::kControl, lead, now);
     receive_from(requests_, Channel::kData, lead, now);
+    receive_from(group_, Channel::kOverheard, lead, now);
   }
 
   bool wait(Time deadline, int extra_fd) {
     const Time left = elapsed(deadline, monotonic_now());
     const timespec timeout{static_cast<time_t>(left / kSecond), static_cast<long>(left % kSecond)};
-    std::array<pollfd, 3> fds{
-        {{control_.fd(), POLLIN, 0}, {requests_.fd(), POLLIN, 0}, {extra_fd, POLLIN, 0}}};
+    std::array<pollfd, 4> fds{{{control_.fd(), POLLIN, 0},
+                               {requests_.fd(), POLLIN, 0},
+                               {group_.fd(), POLLIN, 0},
+                               {extra_fd, POLLIN, 0}}};
     const int ready = ::ppoll(fds.data(), fds.size(), &timeout, nullptr);
-    return ready > 0 && (fds[2].revents & POLLIN) != 0;
+    return ready > 0 && (fds[3].revents & POLLIN) != 0;
   }
 
   uint64_t send_errors_ = 0;
+  bool hears_group_ = false;
 
  private:
   // The datagrams from `first` on that can leave in one message.
@@ -266,6 +285,7 @@ class UdpTransport::Impl {
   Socket control_;
   Socket data_;
   Socket requests_;
+  Socket group_;
   std::vector<uint8_t> arena_;
   std::vector<uint8_t> inbox_;
   size_t used_ = 0;
@@ -296,6 +316,10 @@ void UdpTransport::receive(Lead& lead, Time now) {
 
 bool UdpTransport::wait(Time deadline, int extra_fd) {
   return impl_->wait(deadline, extra_fd);
+}
+
+bool UdpTransport::hears_group() const {
+  return impl_->hears_group_;
 }
 
 uint64_t UdpTransport::send_errors() const {

@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 
 namespace pkgdist::cli {
 
@@ -46,6 +49,25 @@ uint32_t parse_address(const std::string& text) {
   in_addr address{};
   if (inet_pton(AF_INET, text.c_str(), &address) != 1) refuse("not an IPv4 address", text);
   return ntohl(address.s_addr);
+}
+
+std::vector<uint32_t> parse_addresses(const std::string& text) {
+  std::vector<uint32_t> addresses;
+  for (size_t start = 0; start <= text.size();) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    const uint32_t address = parse_address(text.substr(start, end - start));
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+      addresses.push_back(address);
+    start = end + 1;
+  }
+  return addresses;
+}
+
+std::string message_bytes(const std::string& argument) {
+  if (argument.empty() || argument.front() != '@') return argument;
+  std::ifstream file(argument.substr(1), std::ios::binary);
+  if (!file) throw std::runtime_error(fmt::format("'{}' cannot be read", argument.substr(1)));
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 uint16_t parse_port(const std::string& text) {

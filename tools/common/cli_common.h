@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace pkgdist::cli {
 
@@ -19,6 +20,9 @@ inline constexpr int kExitUsage = 2;
 std::string format_address(uint32_t address);
 uint32_t parse_address(const std::string& text);
 uint16_t parse_port(const std::string& text);
+
+// "10.0.0.2,10.0.0.3", each address once.
+std::vector<uint32_t> parse_addresses(const std::string& text);
 
 struct Endpoint {
   uint32_t address = 0;  // host byte order
@@ -47,6 +51,10 @@ struct CommonOptions {
   bool json = false;
   int verbosity = 0;
 };
+
+// The bytes of a message argument: a text, or the content of FILE for "@FILE". Throws
+// std::runtime_error when the file cannot be read.
+std::string message_bytes(const std::string& argument);
 
 // Adds the options to a program. `memory`: locations in shared memory are allowed.
 void add_common_options(CLI::App& app, CommonOptions& options, bool memory);

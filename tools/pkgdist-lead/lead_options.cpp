@@ -2,7 +2,6 @@
 
 #include <fmt/core.h>
 
-#include <algorithm>
 #include <cmath>
 
 namespace pkgdist::lead_program {
@@ -19,13 +18,7 @@ void parse_nodes(const std::string& text, LeadOptions& options) {
       throw CLI::ValidationError(fmt::format("--nodes: not a number of nodes: '{}'", text));
     return;
   }
-  for (size_t start = 0; start <= text.size();) {
-    const size_t end = std::min(text.find(',', start), text.size());
-    const uint32_t address = cli::parse_address(text.substr(start, end - start));
-    if (std::find(options.nodes.begin(), options.nodes.end(), address) == options.nodes.end())
-      options.nodes.push_back(address);
-    start = end + 1;
-  }
+  options.nodes = cli::parse_addresses(text);
 }
 
 uint64_t parse_rate(const std::string& text) {
@@ -59,14 +52,14 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
       ->check(CLI::Range(1, 255));
 }
 
-}  // namespace
+CLI::Option* add_location(CLI::App& command, LeadOptions& options) {
+  return command.add_option("--to", options.location, "storage location")
+      ->type_name("1..6 [1]")
+      ->check(CLI::Range(1, 6));
+}
 
-void add_lead_options(CLI::App& app, LeadOptions& options) {
+void add_push(CLI::App& app, LeadOptions& options) {
   LeadOptions* o = &options;
-  app.fallthrough();
-  cli::add_common_options(app, options.common, false);
-  app.require_subcommand(1);
-
   CLI::App* push = app.add_subcommand("push", "bring files to every node");
   push->fallthrough();
   push->add_option_function<std::string>(
@@ -80,17 +73,100 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   push->add_option("--priority", options.priority, "1 is the most urgent")
       ->type_name("1..4 [2]")
       ->check(CLI::Range(1, 4));
-  push->add_option("--to", options.location, "storage location")
-      ->type_name("1..6 [1]")
-      ->check(CLI::Range(1, 6));
+  add_location(*push, options);
   push->add_option("PATH", options.paths, "files or directories below the location's root")
       ->required();
   add_stream_options(*push, options);
+  push->callback([o] { o->command = Command::kPush; });
+}
 
+void add_serve(CLI::App& app, LeadOptions& options) {
+  LeadOptions* o = &options;
   CLI::App* serve = app.add_subcommand("serve", "answer the nodes' requests until interrupted");
   serve->fallthrough();
-  serve->callback([o] { o->serve = true; });
+  serve->add_flag("--standby", options.standby,
+                  "say nothing until no other lead has been heard for a while");
+  serve
+      ->add_option("--takeover", options.takeover_seconds,
+                   "silence of another lead after which this one leads; nodes need 7.5")
+      ->type_name("SECONDS [8]")
+      ->check(CLI::Range(7.5, 1e6));
+  serve
+      ->add_option("--on-message", options.on_message,
+                   "shell command to run for each message of a node; the message is its standard "
+                   "input, PKGDIST_MESSAGE_CLASS its class, PKGDIST_MESSAGE_NODE the node's "
+                   "address")
+      ->type_name("COMMAND");
   add_stream_options(*serve, options);
+  serve->callback([o] { o->command = Command::kServe; });
+}
+
+// What the commands to a running lead have in common.
+void add_request_options(CLI::App& command, LeadOptions& options) {
+  LeadOptions* o = &options;
+  command.fallthrough();
+  command
+      .add_option_function<std::string>(
+          "--nodes", [o](const std::string& text) { o->nodes = cli::parse_addresses(text); },
+          "only to these nodes")
+      ->type_name("ADDR[,ADDR...]");
+  command
+      .add_option("--timeout", options.answer_seconds,
+                  "how long to wait for the nodes' acknowledgements")
+      ->type_name("SECONDS [10]")
+      ->check(CLI::Range(0.1, 3600.0));
+}
+
+void add_requests(CLI::App& app, LeadOptions& options) {
+  LeadOptions* o = &options;
+  CLI::App* message = app.add_subcommand("message", "send nodes a message through a running lead");
+  add_request_options(*message, options);
+  message->add_option("--class", options.message_class, "message class")
+      ->type_name("2..5 [2]")
+      ->check(CLI::Range(2, 5));
+  message->add_option("--card-class", options.card_class, "only to nodes of this card class")
+      ->type_name("K")
+      ->check(CLI::Range(1u, UINT32_MAX))
+      ->excludes("--nodes");
+  message->add_option("MESSAGE", options.message, "the text, or @FILE for the content of a file")
+      ->required();
+  message->callback([o] { o->command = Command::kMessage; });
+
+  CLI::App* cancel =
+      app.add_subcommand("cancel", "make nodes give up a transaction, through a running lead");
+  add_request_options(*cancel, options);
+  cancel->add_option("TRANSACTION", options.transaction, "number of the transaction")
+      ->required()
+      ->check(CLI::Range(1u, UINT32_MAX));
+  cancel->callback([o] { o->command = Command::kCancel; });
+
+  CLI::App* remove =
+      app.add_subcommand("delete", "delete files on the nodes, through a running lead");
+  add_request_options(*remove, options);
+  add_location(*remove, options);
+  remove->add_option("PATH", options.paths, "names relative to the storage location")->required();
+  remove->callback([o] { o->command = Command::kDelete; });
+}
+
+}  // namespace
+
+uint32_t require_interface(const LeadOptions& options) {
+  if (options.common.interface == 0) throw CLI::RequiredError("--interface");
+  return options.common.interface;
+}
+
+void add_lead_options(CLI::App& app, LeadOptions& options) {
+  app.fallthrough();
+  cli::add_common_options(app, options.common, false);
+  // Commands to a running lead do without when they are told its socket.
+  app.get_option("--interface")->required(false);
+  app.add_option("--control", options.control_path,
+                 "socket through which a running lead takes commands")
+      ->type_name("PATH [by address and port]");
+  app.require_subcommand(1);
+  add_push(app, options);
+  add_serve(app, options);
+  add_requests(app, options);
 }
 
 }  // namespace pkgdist::lead_program

@@ -8,8 +8,12 @@
 
 namespace pkgdist::lead_program {
 
+enum class Command { kPush, kServe, kMessage, kCancel, kDelete };
+
 struct LeadOptions {
   cli::CommonOptions common;
+  Command command = Command::kPush;
+  std::string control_path;    // of the control socket; empty: see control_path.h
   uint64_t rate_bits = 0;      // 0: adaptive
   uint64_t max_rate_bits = 0;  // 0: built in
   double timeout_seconds = 30;
@@ -18,13 +22,26 @@ struct LeadOptions {
   // push
   uint32_t node_count = 0;      // with a number
   std::vector<uint32_t> nodes;  // with a list
-  uint32_t location = 1;
+  uint32_t location = 1;        // of delete, too
   uint32_t type = 1;
   uint32_t priority = 2;
-  std::vector<std::string> paths;
+  std::vector<std::string> paths;  // of delete, too
 
-  bool serve = false;  // the command: serve, or else push
+  // serve
+  bool standby = false;
+  double takeover_seconds = 8;
+  std::string on_message;
+
+  // message, cancel: to `nodes` when there are any
+  uint32_t message_class = 2;
+  uint32_t card_class = 0;  // 0: everyone
+  std::string message;
+  uint32_t transaction = 0;
+  double answer_seconds = 10;  // of delete, too
 };
+
+// The own address; throws when --interface was not given.
+uint32_t require_interface(const LeadOptions& options);
 
 // Adds commands and options to the program.
 void add_lead_options(CLI::App& app, LeadOptions& options);

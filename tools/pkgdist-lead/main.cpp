@@ -1,13 +1,16 @@
-// pkgdist-lead: brings files to the nodes of a cluster (push), or answers their requests (serve).
+// pkgdist-lead: brings files to the nodes of a cluster (push), answers their requests (serve), and
+// has a lead that runs send them messages and lists to cancel and to delete.
 #include "commands.h"
 
 int main(int argc, char** argv) {
   using namespace pkgdist;
+  using lead_program::Command;
   CLI::App app("Distributes files to the nodes of a cluster over multicast.", "pkgdist-lead");
   lead_program::LeadOptions options;
   lead_program::add_lead_options(app, options);
   return cli::run_cli(app, argc, argv, [&] {
-    return options.serve ? lead_program::serve_command(options)
-                         : lead_program::push_command(options);
+    if (options.command == Command::kPush) return lead_program::push_command(options);
+    if (options.command == Command::kServe) return lead_program::serve_command(options);
+    return lead_program::request_command(options);
   });
 }

@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "control_path.h"
+#include "control_server.h"
 #include "progress.h"
 #include "reporter.h"
 #include "session.h"
@@ -69,6 +71,27 @@ class Display {
   lead::Time shown_ = 0;
 };
 
+// Whether another lead is in the way. A push waits for it to fall silent, as long as it waits for
+// nodes, and is given up when a lead that began earlier turns up.
+class Course {
+ public:
+  Course(const lead::Lead& lead, lead::Time patience)
+      : lead_(lead), until_(lead::monotonic_now() + patience) {}
+
+  bool blocked(lead::Time now) const { return stands_by() && now >= until_; }
+  void tell(Reporter& reporter) const {
+    if (stands_by())
+      reporter.error(
+          fmt::format("another lead, {}, leads", cli::format_address(lead_.other_lead())));
+  }
+
+ private:
+  bool stands_by() const { return lead_.role() == lead::Role::kStandingBy; }
+
+  const lead::Lead& lead_;
+  lead::Time until_;
+};
+
 void say_counters(Reporter& reporter, Session& session) {
   const lead::Counters& c = session.lead().counters();
   reporter.json().print("counters", {{"segments_sent", c.segments_sent},
@@ -80,6 +103,7 @@ void say_counters(Reporter& reporter, Session& session) {
                                      {"control_resent", c.control_resent},
                                      {"data_bytes_sent", c.data_bytes_sent},
                                      {"bad_datagrams", c.bad_datagrams},
+                                     {"other_lead_heard", c.other_lead_heard},
                                      {"send_errors", session.transport().send_errors()}});
   reporter.say(fmt::format("sent {} segments, {} of them repairs; {} on the data channel",
                            c.segments_sent, c.repairs_sent,
@@ -89,6 +113,7 @@ void say_counters(Reporter& reporter, Session& session) {
 }  // namespace
 
 int push_command(const LeadOptions& options) {
+  (void)require_interface(options);
   const auto location = options.common.locations.find(options.location);
   if (location == options.common.locations.end())
     return usage_error(fmt::format("--location {}=DIR is missing", options.location));
@@ -106,21 +131,26 @@ int push_command(const LeadOptions& options) {
   Session session(options, reporter);
   if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
     return usage_error(problem);
+  ControlServer control(control_path(options), session.poller(), session.lead(), reporter);
+  const Course course(session.lead(), request.node_timeout);
   bool ran = false;
   {
     Display display(reporter, options.common.json);
     ran = session.run(
         [&](lead::Time now) {
           display.show(session.lead(), now);
-          return !session.lead().push_running();
+          control.run(now);
+          return course.blocked(now) || (!session.lead().push_running() && !control.busy());
         },
         display.period());
   }
+  course.tell(reporter);
   if (!ran) {
     reporter.json().print("interrupted", {});
     reporter.say("interrupted");
     session.lead().stop_push(lead::monotonic_now());
   }
+  if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
   const lead::PushReport report = session.lead().push_report();
   reporter.summary(report, request);
   say_counters(reporter, session);

@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
+
 #include "cli_common.h"
 #include "status_text.h"
 
@@ -81,9 +83,11 @@ void Reporter::node_returned(const lead::NodeInfo& node) {
   node_event("node-returned", "is back", node);
 }
 
-void Reporter::push_started(uint64_t files, uint64_t bytes, uint32_t nodes) {
-  json_.print("push-started", Json{{"files", files}, {"bytes", bytes}, {"nodes", nodes}});
-  say(fmt::format("pushing {} files, {}, to {} nodes", files,
+void Reporter::push_started(uint32_t transaction, uint64_t files, uint64_t bytes, uint32_t nodes) {
+  json_.print(
+      "push-started",
+      Json{{"transaction", transaction}, {"files", files}, {"bytes", bytes}, {"nodes", nodes}});
+  say(fmt::format("transaction {}: pushing {} files, {}, to {} nodes", transaction, files,
                   format_bytes(static_cast<double>(bytes)), nodes));
 }
 
@@ -121,6 +125,97 @@ void Reporter::request_ended(const lead::NodeInfo& node, uint32_t location, cons
   say(fmt::format("{}: {} of location {}: {}", format_address(node.address), name, location,
                   status_text(status)));
 }
+
+// --- Messages ---
+
+void Reporter::message_received(const lead::NodeInfo& node, uint32_t msg_class,
+                                std::span<const uint8_t> bytes) {
+  json_.print(
+      "message",
+      Json{{"node", format_address(node.address)}, {"class", msg_class}, {"size", bytes.size()}});
+  say(fmt::format("{}: message of class {}, {} bytes", format_address(node.address), msg_class,
+                  bytes.size()));
+  if (on_message) on_message(node, msg_class, bytes);
+}
+
+void Reporter::request_taken(lead::MessageId id, const Request& request, size_t nodes) {
+  Json fields{{"id", id}, {"nodes", nodes}};
+  std::string what;
+  if (request.kind == lead::MessageKind::kMessage) {
+    fields.update(Json{{"class", request.msg_class}, {"size", request.bytes.size()}});
+    what = fmt::format("of class {}, {} bytes", request.msg_class, request.bytes.size());
+  } else if (request.kind == lead::MessageKind::kCancel) {
+    fields["transaction"] = request.transaction;
+    what = fmt::format("of transaction {}", request.transaction);
+  } else {
+    fields.update(Json{{"location", request.location}, {"names", request.names}});
+    what = fmt::format("of {} names in location {}", request.names.size(), request.location);
+  }
+  json_.print(fmt::format("{}-sent", kind_text(request.kind)), fields);
+  say(fmt::format("{} {}: {}, to {} nodes", kind_text(request.kind), id, what, nodes));
+}
+
+void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
+                               lead::Delivery delivery) {
+  const bool good = delivery == lead::Delivery::kAcknowledged;
+  json_.print("message-outcome", Json{{"id", id},
+                                      {"node", format_address(node.address)},
+                                      {"acknowledged", good},
+                                      {"reason", delivery_text(delivery)}});
+  if (!good || verbosity_ > 0)
+    say(fmt::format("message {}: {}: {}", id, format_address(node.address),
+                    delivery_text(delivery)));
+}
+
+void Reporter::message_acknowledged(const lead::NodeInfo& node, lead::MessageId id) {
+  message_outcome(node, id, lead::Delivery::kAcknowledged);
+}
+
+void Reporter::message_missed(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery why) {
+  message_outcome(node, id, why);
+}
+
+void Reporter::message_finished(const lead::MessageReport& report) {
+  const auto acknowledged = std::count_if(
+      report.nodes.begin(), report.nodes.end(),
+      [](const auto& node) { return node.delivery == lead::Delivery::kAcknowledged; });
+  json_.print("message-finished", Json{{"id", report.id},
+                                       {"kind", kind_text(report.kind)},
+                                       {"complete", report.complete()},
+                                       {"acknowledged", acknowledged},
+                                       {"nodes", report.nodes.size()}});
+  say(fmt::format("{} {}: {} of {} nodes acknowledged", kind_text(report.kind), report.id,
+                  acknowledged, report.nodes.size()));
+}
+
+// --- Other leads ---
+
+void Reporter::role_changed(lead::Role role, uint32_t other) {
+  const char* name = role == lead::Role::kLeading      ? "leading"
+                     : role == lead::Role::kStandingBy ? "standing-by"
+                                                       : "listening";
+  Json fields{{"role", name}};
+  if (other != 0) fields["other"] = format_address(other);
+  json_.print("role", fields);
+  if (role == lead::Role::kStandingBy)
+    say(other != 0 ? fmt::format("standing by: {} leads", format_address(other)) : "standing by");
+  else if (role == lead::Role::kLeading)
+    say(other != 0 ? fmt::format("leading: {} is silent", format_address(other)) : "leading");
+}
+
+void Reporter::other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) {
+  json_.print("other-lead",
+              Json{{"other", format_address(address)}, {"pid", pid}, {"datagrams", datagrams}});
+  say(fmt::format("another lead is heard: {} (process {}), {} datagrams", format_address(address),
+                  pid, datagrams));
+}
+
+void Reporter::error(const std::string& text) {
+  json_.print("error", Json{{"text", text}});
+  fmt::print(stderr, "pkgdist-lead: {}\n", text);
+}
+
+// --- Pushes ---
 
 void Reporter::progress(const lead::PushReport& report, uint64_t rate_bits, lead::Time now) {
   for (const lead::PushNodeReport& node : report.nodes) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "control_protocol.h"
 #include "json_events.h"
 #include "pkgdist_lead/events.h"
 #include "pkgdist_lead/push.h"
@@ -23,13 +24,27 @@ class Reporter : public lead::Events {
   void node_restarted(const lead::NodeInfo& node) override;
   void node_silent(const lead::NodeInfo& node) override;
   void node_returned(const lead::NodeInfo& node) override;
-  void push_started(uint64_t files, uint64_t bytes, uint32_t nodes) override;
+  void push_started(uint32_t transaction, uint64_t files, uint64_t bytes, uint32_t nodes) override;
   void file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
                   bool skipped) override;
   void file_requested(const lead::NodeInfo& node, uint32_t location, const std::string& name,
                       uint64_t status) override;
   void request_ended(const lead::NodeInfo& node, uint32_t location, const std::string& name,
                      uint64_t status) override;
+  void message_received(const lead::NodeInfo& node, uint32_t msg_class,
+                        std::span<const uint8_t> bytes) override;
+  void message_acknowledged(const lead::NodeInfo& node, lead::MessageId id) override;
+  void message_missed(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery why) override;
+  void message_finished(const lead::MessageReport& report) override;
+  void role_changed(lead::Role role, uint32_t other) override;
+  void other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) override;
+
+  // Hears every message of a node, behind the report of it.
+  std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;
+
+  // A request came over the control socket and became the message `id` to so many nodes.
+  void request_taken(lead::MessageId id, const Request& request, size_t nodes);
+  void error(const std::string& text);
 
   // How the push stands; `rate_bits` is the stream's.
   void progress(const lead::PushReport& report, uint64_t rate_bits, lead::Time now);
@@ -39,6 +54,7 @@ class Reporter : public lead::Events {
 
  private:
   void node_event(const char* event, const char* text, const lead::NodeInfo& node);
+  void message_outcome(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery delivery);
   void table(const lead::PushReport& report);
   void missing(const lead::PushReport& report, const lead::PushRequest& request);
 

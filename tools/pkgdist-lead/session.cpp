@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <system_error>
 
 namespace pkgdist::lead_program {
@@ -31,6 +32,11 @@ lead::Settings lead_settings(const LeadOptions& options) {
   settings.pid = static_cast<uint32_t>(::getpid());
   settings.rate_bits = options.rate_bits;
   settings.max_rate_bits = options.max_rate_bits;
+  settings.listen = lead::kDefaultListen;
+  settings.standby = options.standby;
+  settings.takeover = static_cast<lead::Time>(options.takeover_seconds * 1e9);
+  settings.wall_seconds =
+      static_cast<uint64_t>(std::time(nullptr)) - lead::monotonic_now() / lead::kSecond;
   settings.node_timeout = static_cast<lead::Time>(options.timeout_seconds * 1e9);
   if (::getrandom(&settings.seed, sizeof settings.seed, 0) != sizeof settings.seed)
     settings.seed = lead::monotonic_now();
@@ -49,6 +55,11 @@ StopSignals::StopSignals() {
   if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
 }
 
+bool StopSignals::taken() const {
+  signalfd_siginfo info;
+  return ::read(fd_, &info, sizeof info) == sizeof info;
+}
+
 StopSignals::~StopSignals() {
   ::close(fd_);
 }
@@ -58,6 +69,7 @@ Session::Session(const LeadOptions& options, lead::Events& events)
       lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, events)) {
   for (const auto& [number, location] : options.common.locations)
     store_.set_root(number, location.path);
+  poller_.add(signals_.fd(), EPOLLIN, [this] { stopped_ |= signals_.taken(); });
 }
 
 bool Session::run(const std::function<bool(lead::Time now)>& done, lead::Time tick) {
@@ -67,8 +79,10 @@ bool Session::run(const std::function<bool(lead::Time now)>& done, lead::Time ti
     lead_->run(now);
     transport_.flush();
     if (done(now)) return true;
-    if (transport_.wait(std::min(lead_->next_deadline(now), now + tick), signals_.fd()))
-      return false;
+    transport_.flush();
+    if (transport_.wait(std::min(lead_->next_deadline(now), now + tick), poller_.fd()))
+      poller_.dispatch();
+    if (stopped_) return false;
   }
 }
 

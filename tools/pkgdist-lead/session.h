@@ -8,6 +8,7 @@
 #include "pkgdist_lead/directory_store.h"
 #include "pkgdist_lead/lead.h"
 #include "pkgdist_lead/udp_transport.h"
+#include "poller.h"
 
 namespace pkgdist::lead_program {
 
@@ -19,6 +20,8 @@ class StopSignals {
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
   int fd() const { return fd_; }
+  // Takes a signal that has come.
+  bool taken() const;
 
  private:
   int fd_ = -1;
@@ -32,12 +35,15 @@ class Session {
   lead::Lead& lead() { return *lead_; }
   lead::DirectoryStore& store() { return store_; }
   lead::UdpTransport& transport() { return transport_; }
+  Poller& poller() { return poller_; }
 
   // Runs until `done` says so, called every `tick` at least. False when a signal ended it.
   bool run(const std::function<bool(lead::Time now)>& done, lead::Time tick);
 
  private:
   StopSignals signals_;
+  Poller poller_;
+  bool stopped_ = false;
   lead::DirectoryStore store_;
   lead::UdpTransport transport_;
   std::unique_ptr<lead::Lead> lead_;

@@ -1,8 +1,6 @@
 // send: sends the lead one message and exits by its outcome.
 #include <fmt/core.h>
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 
 #include "commands.h"
@@ -13,13 +11,6 @@ namespace pkgdist::node_program {
 
 namespace {
 
-std::string message_bytes(const std::string& argument) {
-  if (argument.empty() || argument.front() != '@') return argument;
-  std::ifstream file(argument.substr(1), std::ios::binary);
-  if (!file) throw std::runtime_error(fmt::format("'{}' cannot be read", argument.substr(1)));
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 void on_status(uint64_t status, void* ctx) {
   *static_cast<std::optional<uint64_t>*>(ctx) = status;
 }
@@ -27,7 +18,7 @@ void on_status(uint64_t status, void* ctx) {
 }  // namespace
 
 int send_command(const NodeOptions& options) {
-  const std::string message = message_bytes(options.message);
+  const std::string message = cli::message_bytes(options.message);
   if (message.empty()) throw CLI::ValidationError("an empty message cannot be sent");
   EventPrinter printer(options);
   std::optional<uint64_t> outcome;

@@ -5,15 +5,17 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <vector>
+
+#include "pkgdist_lead/message.h"
+#include "pkgdist_lead/node_info.h"
 
 namespace pkgdist::lead {
 
-struct NodeInfo {
-  uint32_t address = 0;  // IPv4, host byte order
-  uint32_t node_id = 0;  // packed identity, 0 when unknown
-  uint32_t pid = 0;
-  uint32_t card_class = 0;
+// What a lead does at present.
+enum class Role : uint8_t {
+  kListening,   // has just begun and listens whether another one leads; says nothing
+  kStandingBy,  // another lead is heard, or was until a moment ago; says nothing
+  kLeading,
 };
 
 class Events {
@@ -27,7 +29,9 @@ class Events {
   virtual void node_silent(const NodeInfo&) {}
   virtual void node_returned(const NodeInfo&) {}
 
-  virtual void push_started(uint64_t /*files*/, uint64_t /*bytes*/, uint32_t /*nodes*/) {}
+  // `transaction`: by which the push can be cancelled.
+  virtual void push_started(uint32_t /*transaction*/, uint64_t /*files*/, uint64_t /*bytes*/,
+                            uint32_t /*nodes*/) {}
   // A file of the push ended on a node. `skipped`: the node had it already.
   virtual void file_ended(const NodeInfo&, const std::string& /*name*/, uint64_t /*status*/,
                           bool /*skipped*/) {}
@@ -36,8 +40,12 @@ class Events {
   // A message of a node, whole and once.
   virtual void message_received(const NodeInfo&, uint32_t /*msg_class*/,
                                 std::span<const uint8_t> /*bytes*/) {}
-  // A node has finished the message that Lead::send_message() and its like gave the sequence.
-  virtual void message_acknowledged(const NodeInfo&, uint32_t /*sequence*/) {}
+  // A node has finished the message that Lead::send_message() and its like gave the number.
+  virtual void message_acknowledged(const NodeInfo&, MessageId) {}
+  // A node is not waited for any longer.
+  virtual void message_missed(const NodeInfo&, MessageId, Delivery /*why*/) {}
+  // Nobody is waited for any longer.
+  virtual void message_finished(const MessageReport&) {}
 
   // A node asked for a file; `status` is non-zero when it cannot be sent.
   virtual void file_requested(const NodeInfo&, uint32_t /*location*/, const std::string& /*name*/,
@@ -45,6 +53,12 @@ class Events {
   // A file that a node asked for ended there.
   virtual void request_ended(const NodeInfo&, uint32_t /*location*/, const std::string& /*name*/,
                              uint64_t /*status*/) {}
+
+  // The lead takes over or steps aside; `other` is the lead that was heard last, 0 when none was.
+  virtual void role_changed(Role, uint32_t /*other*/) {}
+  // While this one leads: another lead is heard. Called for the first of its datagrams, and then
+  // for every thousandth, with the number of them.
+  virtual void other_lead_heard(uint32_t /*address*/, uint32_t /*pid*/, uint64_t /*datagrams*/) {}
 };
 
 }  // namespace pkgdist::lead

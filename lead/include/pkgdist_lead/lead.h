@@ -24,9 +24,18 @@
 
 namespace pkgdist::lead {
 
+// A message's bytes at most: it goes out in one burst, which a node's socket has to hold.
+inline constexpr size_t kMaxMessageSize = 1024 * 1024;
+
 // The largest segment whose datagram still fits into 1472 bytes of UDP payload.
 inline constexpr uint32_t kMaxSegmentSize = 1439;
 inline constexpr uint32_t kDefaultSegmentSize = 1400;
+
+// Nodes take another lead after 7.5 s of silence of theirs: a little later, so that the first ping
+// finds every node ready.
+inline constexpr Time kDefaultTakeover = 8 * kSecond;
+// More than one interval between the pings of a lead that has nothing to do.
+inline constexpr Time kDefaultListen = 1250 * kMillisecond;
 
 struct Settings {
   uint32_t address = 0;  // own IPv4 address, host byte order
@@ -38,6 +47,13 @@ struct Settings {
   uint64_t rate_bits = 0;            // of the data stream per second; 0: adapts to the nodes
   uint64_t max_rate_bits = 0;        // ceiling of the adaptive rate; 0: built-in ceiling
   Time node_timeout = 30 * kSecond;  // silence after which a node counts as gone
+
+  // Beside other leads. Wall-clock seconds (since the epoch) at time 0 of the clock that is handed
+  // in: tells which of two leads began earlier.
+  uint64_t wall_seconds = 0;
+  Time listen = 0;                   // silence before the first ping; 0: leads at once
+  bool standby = false;              // begins by standing by
+  Time takeover = kDefaultTakeover;  // silence of the other lead after which a standby leads
 };
 
 struct Counters {
@@ -53,6 +69,8 @@ struct Counters {
   uint64_t data_bytes_sent = 0;     // UDP payload on the data channel
   uint64_t segments_requested = 0;  // by all nodes, clipped to the file
   uint64_t files_requested = 0;
+  uint64_t other_lead_heard = 0;  // datagrams of other leads
+  uint64_t not_leading = 0;       // datagrams of nodes that came while this lead was silent
 };
 
 class Lead {
@@ -62,9 +80,9 @@ class Lead {
   Lead(const Lead&) = delete;
   Lead& operator=(const Lead&) = delete;
 
-  // A datagram that arrived at the lead's control port or at its request port. `from` is the
-  // sender's IPv4 address; a node is known by the address that its message carries, since a host
-  // may send from any of its addresses.
+  // A datagram that arrived at the lead's control port, at its request port or at the control
+  // group, where other leads are heard. `from` is the sender's IPv4 address; a node is known by the
+  // address that its message carries, since a host may send from any of its addresses.
   void on_datagram(Channel channel, std::span<const uint8_t> bytes, uint32_t from, Time now);
 
   // Does everything that is due at `now`: pings, retransmissions, paced data.
@@ -74,25 +92,36 @@ class Lead {
   Time next_deadline(Time now) const;
 
   // Begins a push; there is one at a time. A null return value means accepted, else it says why not
-  // (an argument out of range, a name that cannot travel, a push that still runs).
+  // (an argument out of range, a name that cannot travel, a push that still runs). It gathers its
+  // nodes once this lead leads.
   const char* start_push(PushRequest request, Time now);
   void stop_push(Time now);  // gives up what has not ended; the report says what is left
   PushReport push_report() const;
   bool push_running() const;
 
-  // Reliable messages to nodes. Each returns the message's sequence, by which
-  // Events::message_acknowledged() tells of every node that finished it, or 0 when an argument is
-  // out of range: a class that is not 2 to 5, no bytes, more nodes than a message can list, a name
-  // that cannot travel. Waited for are the nodes of the audience that are known at this time.
-  uint32_t send_message(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience,
-                        Time now);
-  // Nodes give up what they still receive for the transaction.
-  uint32_t cancel_transaction(uint32_t xact, const Audience& audience, Time now);
+  // Reliable messages to nodes. Each returns the number by which events and message_report() tell
+  // what became of it, or 0 when an argument is out of range: a class that is not 2 to 5, no bytes,
+  // too many bytes, a name that cannot travel; or when this lead does not lead. Waited for are the
+  // nodes of the audience that are known at this time; a node that was asked for by its address and
+  // is not known counts as missed at once.
+  MessageId send_message(uint32_t msg_class, std::vector<uint8_t> bytes, const Audience& audience,
+                         Time now, Time timeout = kMessageTimeout);
+  // Nodes give up what they still receive for the transaction. A push of this lead does not go on
+  // for them.
+  MessageId cancel_transaction(uint32_t xact, const Audience& audience, Time now,
+                               Time timeout = kMessageTimeout);
   // Nodes delete the files, also those that they are receiving.
-  uint32_t delete_files(uint32_t location, const std::vector<std::string>& names,
-                        const Audience& audience, Time now);
+  MessageId delete_files(uint32_t location, const std::vector<std::string>& names,
+                         const Audience& audience, Time now, Time timeout = kMessageTimeout);
+  // How a message stands; the latest that are finished are remembered.
+  MessageReport message_report(MessageId id) const;
+
   // The transaction of the present or last push, 0 before the first.
   uint32_t push_transaction() const;
+
+  Role role() const;
+  // The other lead that was heard last, 0 when none was.
+  uint32_t other_lead() const;
 
   uint64_t rate_bits() const;  // of the data stream at present
   const Counters& counters() const;

@@ -8,8 +8,9 @@
 
 namespace pkgdist::lead {
 
-// Outgoing: the group or port a datagram is sent to. Incoming: the port it arrived at.
-enum class Channel : uint8_t { kControl, kData };
+// Outgoing: the group or port a datagram is sent to. Incoming: the port it arrived at;
+// kOverheard is the control group, on which leads hear each other.
+enum class Channel : uint8_t { kControl, kData, kOverheard };
 
 // Destination of a datagram for every node: the channel's multicast group.
 inline constexpr uint32_t kGroup = 0;

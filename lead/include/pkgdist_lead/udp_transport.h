@@ -22,7 +22,8 @@ struct UdpSettings {
 
 class UdpTransport : public DatagramSink {
  public:
-  // Opens and binds all sockets; throws std::system_error that says which step failed.
+  // Opens and binds all sockets; throws std::system_error that says which step failed. The control
+  // group alone may be refused, when a program of another user on this host has it.
   explicit UdpTransport(const UdpSettings& settings);
   ~UdpTransport() override;
   UdpTransport(const UdpTransport&) = delete;
@@ -39,6 +40,9 @@ class UdpTransport : public DatagramSink {
   // Waits until something arrives, `extra_fd` (or -1) becomes readable, or the clock reaches
   // `deadline`. True when extra_fd is readable.
   bool wait(Time deadline, int extra_fd);
+
+  // Whether other leads can be heard.
+  bool hears_group() const;
 
   // Datagrams that the system refused to send.
   uint64_t send_errors() const;

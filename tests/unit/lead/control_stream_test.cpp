@@ -59,7 +59,9 @@ class ControlStreamTest : public testing::Test, public DatagramSink {
   Counters counters_;
   Settings settings_{.address = 0x0A000001, .pid = 42, .initial_sequence = 100};
   ControlStream stream_{settings_, *this, counters_,
-                        [this](uint32_t s, NodeIndex n) { acknowledged_.emplace_back(s, n); }};
+                        [this](const ControlStream::Finished& finished) {
+                          acknowledged_.emplace_back(finished.sequence, finished.node);
+                        }};
 };
 
 TEST_F(ControlStreamTest, first_message_follows_the_initial_sequence_unmarked) {

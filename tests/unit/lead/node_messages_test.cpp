@@ -92,10 +92,25 @@ TEST_F(NodeMessagesTest, a_duplicate_is_acknowledged_again_and_not_delivered_aga
   receive(1, 0, kSize + 5);
   receive(1, 1, kSize + 5);
   take();
+  receive(1, 0, kSize + 5, 2 * kSecond);
+  receive(1, 1, kSize + 5, 2 * kSecond);
+  EXPECT_EQ(delivered_.size(), 1u);
+  EXPECT_EQ(take().size(), 2u);  // copies of one acknowledgement
+}
+
+TEST_F(NodeMessagesTest, a_copy_that_the_network_made_is_not_acknowledged_again) {
+  receive(1, 0, 5);
+  take();
+  receive(1, 0, 5);
+  EXPECT_TRUE(take().empty());
+}
+
+TEST_F(NodeMessagesTest, any_segment_of_a_finished_message_brings_its_acknowledgement) {
   receive(1, 0, kSize + 5);
   receive(1, 1, kSize + 5);
-  EXPECT_EQ(delivered_.size(), 1u);
-  EXPECT_EQ(take().size(), 1u);
+  take();
+  receive(1, 1, kSize + 5, 2 * kSecond);
+  EXPECT_FALSE(take().empty());
 }
 
 TEST_F(NodeMessagesTest, missing_segments_are_asked_for_one_by_one_a_few_times) {

@@ -1,0 +1,52 @@
+// Which of several leads leads.
+//
+// Nodes follow one lead and ignore others until it has been silent for 7.5 s. So a lead is careful
+// before it says anything: it listens first, stands by while another one is heard, and takes over
+// when that has been silent long enough for the nodes.
+//
+// Two that lead at the same time, after a divided network has become one, must come to the same
+// conclusion without talking to each other: both tell in every ping since when they lead
+// (wall-clock seconds), and the later one steps aside; of equals, the one with the higher address.
+// Clocks that disagree make a wrong choice, but the same one on both sides. A ping that does not
+// tell is of a stranger: as long as nodes follow this lead it stays, else the higher address steps
+// aside.
+//
+// A lead that was stopped for as long as nodes wait (a suspended process) may have been replaced:
+// it listens again before it goes on.
+#pragma once
+
+#include "pkgdist_lead/lead.h"
+
+namespace pkgdist::lead {
+
+class Leadership {
+ public:
+  explicit Leadership(const Settings& self) : self_(self) {}
+
+  Role role() const { return role_; }
+  bool leads() const { return role_ == Role::kLeading; }
+  // Wall-clock seconds, never 0 while this lead leads.
+  uint32_t leading_since() const { return since_; }
+  uint32_t other() const { return other_; }
+
+  // A datagram of another lead. `since`: when that one began, 0 when it does not tell; `followed`:
+  // nodes answer this one.
+  void on_other_lead(uint32_t address, uint32_t since, bool followed, Time now);
+  void run(Time now);
+  // kNever while leading: time does not change that.
+  Time next_deadline() const;
+
+ private:
+  bool yields_to(uint32_t address, uint32_t since, bool followed) const;
+  void lead(Time now);
+
+  const Settings& self_;
+  Role role_ = Role::kListening;
+  bool begun_ = false;
+  Time quiet_since_ = 0;  // nobody else has been heard since
+  Time last_run_ = 0;
+  uint32_t since_ = 0;
+  uint32_t other_ = 0;
+};
+
+}  // namespace pkgdist::lead
