@@ -21,8 +21,8 @@ uint32_t segments_of(uint64_t size, uint32_t segment_size) {
 }
 
 TransferId first_id(uint64_t seed) {
-  // One step of a common mixer: neighbouring seeds give distant identifiers, so that those of an
-  // earlier process, which nodes remember for a while, are not met again.
+  // One step of a common mixer: neighbouring start values give distant identifiers, so that those
+  // of an earlier process, which nodes remember for a while, are not met again.
   uint64_t x = seed + 0x9E3779B97F4A7C15u;
   x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9u;
   x = (x ^ (x >> 27)) * 0x94D049BB133111EBu;

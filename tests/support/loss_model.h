@@ -1,7 +1,7 @@
 // What a network can do to a datagram, as named, seeded, replayable objects.
 //
 // A model decides the fate of one datagram after the other; a path has one model, and Path composes
-// several. Equal seeds give equal decisions.
+// several. The same start value gives the same decisions.
 #pragma once
 
 #include <cstdint>

@@ -127,8 +127,7 @@ TEST_F(MissDone, a_request_for_segments_tells_id_first_and_number) {
 
 TEST_F(MissDone, the_largest_request_for_segments_fits_its_buffer) {
   EXPECT_EQ(pkgdist_data_send_req_single(0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF), 0u);
-  EXPECT_EQ(take_traffic().singles,
-            (std::vector<Single>{{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF}}));
+  EXPECT_EQ(take_traffic().singles, (std::vector<Single>{{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF}}));
 }
 
 TEST_F(MissDone, a_request_for_segments_that_finds_no_memory_is_not_sent) {
