@@ -84,6 +84,12 @@ TEST_F(Queue, identifiers_grow_by_one_and_wrap_to_10) {
   EXPECT_EQ(db_.allocate_id(), 10u);
 }
 
+TEST_F(Queue, an_allocator_that_stands_below_10_goes_on_from_10) {
+  db_.next_id = 3;
+  EXPECT_EQ(db_.allocate_id(), 3u);
+  EXPECT_EQ(db_.allocate_id(), 10u);
+}
+
 // --- The index ---
 
 struct Keyed {
