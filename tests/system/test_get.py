@@ -136,16 +136,19 @@ class Get(SystemTest):
         self.addCleanup(sender.close)
         names = ("../secret", "sizes/../../secret", "/../secret", "..", ROOT + "/secret",
                  "sizes/../../c-neighbour/secret", "./../secret", "one byte")
-        for name in names:
-            sender.sendto(wire.encode_data(wire.FILE_REQ, wire.address(other.address), {
-                "type": 1, "location": 1, "priority": 1, "name": name}),
-                (self.net.lead.address, 7104))
+        requests = [wire.encode_data(wire.FILE_REQ, wire.address(other.address), {
+            "type": 1, "location": 1, "priority": 1, "name": name}) for name in names]
         seen = []
-        # The last request is a proper one: when its content comes, the others were dealt with.
-        while not any(b.get("data") == tree.content("one byte", 1) for _, b in seen):
-            ready, _, _ = select.select([observer], [], [], 10)
-            self.assertTrue(ready, "the proper request was not served")
-            seen.append(wire.decode_data(observer.recv(2000)))
+
+        def served():
+            """The last request is a proper one: after its content the others were dealt with."""
+            for request in requests:
+                sender.sendto(request, (self.net.lead.address, 7104))
+            while select.select([observer], [], [], 0.2)[0]:
+                seen.append(wire.decode_data(observer.recv(2000)))
+            return any(b.get("data") == tree.content("one byte", 1) for _, b in seen)
+
+        lab.wait_until(served, 15, "the proper request to be served")
         self.assertFalse([b for _, b in seen if b"secret" in b.get("data", b"")])
         refused = {b["name"]: b["status"] for _, b in seen if "size" in b and b["status"] != 0}
         self.assertEqual(refused.keys(), set(names) - {"one byte"})

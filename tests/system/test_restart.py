@@ -25,8 +25,11 @@ class RestartedAndLateNodes(SystemTest):
 
     def assert_undisturbed(self, node):
         """Every file ended once, well, and by itself."""
+        files = len(lab.manifest(self.content))
+        lab.wait_until(lambda: len(self.node_events(node, "file")) >= files,
+                       what="the end of every file to be told")
         names = [e["path"] for e in self.node_events(node, "file")]
-        self.assertEqual(len(names), len(lab.manifest(self.content)))
+        self.assertEqual(len(names), files)
         self.assertEqual(len(set(names)), len(names))
         self.assertEqual({e["status"] for e in self.node_events(node, "file")}, {0})
         self.assertEqual(len(self.node_events(node, "lead-changed")), 1)
