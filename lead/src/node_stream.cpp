@@ -10,8 +10,6 @@ namespace {
 // asks for single segments after a quarter of a second without one.
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = 400 * kMillisecond;
-// What waits for a node's ping reply is looked at this often.
-constexpr Time kPollPeriod = 20 * kMillisecond;
 
 }  // namespace
 
@@ -129,9 +127,9 @@ Time NodeStreams::next_deadline() const {
   Time deadline = kNever;
   for (const auto& [node, stream] : streams_) {
     if (stream.queue.empty()) continue;
+    // What waits for the node's answer to a ping is woken by that.
     const Waiting& front = stream.queue.front();
-    deadline = std::min(
-        deadline, front.first_sent != 0 ? retry_at(front) : nodes_[node].last_heard + kPollPeriod);
+    if (front.first_sent != 0) deadline = std::min(deadline, retry_at(front));
   }
   return deadline;
 }

@@ -285,7 +285,7 @@ void PushJob::feed() {
          data_.active_files() < kMaxActiveFiles && pick_file()) {
     const uint32_t piece = piece_of(cursor_);
     const bool announced = piece_deadline_[piece] != 0;
-    if (!announced && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
+    if (!announced && !fits_ahead(piece) && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
     if (!piece_ready(piece)) return;
     const std::vector<NodeIndex> nodes = listeners(cursor_);
     const FileKey key{request_.location, request_.files[cursor_].name};
@@ -293,6 +293,16 @@ void PushJob::feed() {
     if (!nodes.empty() && data_.find(key) == kNoTransfer) start_file(cursor_, nodes);
     ++cursor_;
   }
+}
+
+// Few and small enough to be announced long before their turn: nodes that know of a file get it
+// from another lead when this one dies.
+bool PushJob::fits_ahead(uint32_t piece) const {
+  const FileRange range = pieces_[piece];
+  uint64_t bytes = data_.waiting_bytes();
+  for (uint32_t file = range.first; file < range.end; ++file) bytes += request_.files[file].size;
+  return data_.waiting_files() + (range.end - range.first) <= kMaxWaitingFiles &&
+         bytes <= kMaxWaitingBytes;
 }
 
 bool PushJob::start_requested(const FileKey& key, NodeIndex node, Time now) {

@@ -81,6 +81,7 @@ class PushJob {
   std::vector<uint32_t> lacking(const Member& member, FileRange range) const;
   uint32_t piece_of(uint32_t file) const;
   uint64_t bytes_in_transfer(const Member& one) const;
+  bool fits_ahead(uint32_t piece) const;
   void start_file(uint32_t file, std::vector<NodeIndex> nodes);
   void flush_relists();
   void finish_if_ended();

@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <queue>
+#include <vector>
 
 #include "loss_model.h"
 #include "memory_store.h"
@@ -16,10 +17,9 @@ namespace pkgdist::test {
 inline constexpr uint32_t kLeadAddress = 0x0A000001;  // 10.0.0.1
 inline constexpr uint32_t kLeadPid = 4711;
 
-class LeadCluster : public lead::DatagramSink, public lead::Events {
+class LeadCluster {
  public:
-  explicit LeadCluster(lead::Settings settings = default_settings())
-      : settings_(settings), lead_(std::make_unique<lead::Lead>(settings, *this, store, *this)) {}
+  explicit LeadCluster(lead::Settings settings = default_settings()) { add_lead(settings); }
 
   static lead::Settings default_settings() {
     lead::Settings settings;
@@ -66,16 +66,35 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
     }
   }
 
-  lead::Lead& lead() { return *lead_; }
+  // A host with a lead; several hear each other on the group.
+  size_t add_lead(const lead::Settings& settings) {
+    Leader& leader = *leaders_.emplace_back(std::make_unique<Leader>(*this, leaders_.size()));
+    leader.address = settings.address;
+    leader.process = std::make_unique<lead::Lead>(settings, leader, store, leader);
+    return leaders_.size() - 1;
+  }
+  // Like kill -9.
+  void stop_lead(size_t index = 0) { leaders_[index]->process.reset(); }
+  // Neither runs nor reads what arrives until it is resumed.
+  void suspend_lead(size_t index, bool suspended) { leaders_[index]->suspended = suspended; }
+
+  lead::Lead& lead(size_t index = 0) { return *leaders_[index]->process; }
   Host& host(size_t index) { return *hosts_[index]; }
   ModelNode& node(size_t index) { return *hosts_[index]->node; }
   size_t hosts() const { return hosts_.size(); }
   uint64_t now() const { return now_; }
 
   // Replaces the lead by a new process on the same address.
-  void restart_lead(lead::Settings settings) {
-    settings_ = settings;
-    lead_ = std::make_unique<lead::Lead>(settings, *this, store, *this);
+  void restart_lead(const lead::Settings& settings, size_t index = 0) {
+    Leader& leader = *leaders_[index];
+    leader.process = std::make_unique<lead::Lead>(settings, leader, store, leader);
+  }
+  // A datagram that somebody sends to the control group.
+  void say_to_group(const Bytes& bytes) {
+    const auto shared = std::make_shared<const Bytes>(bytes);
+    for (size_t i = 0; i < hosts_.size(); ++i)
+      carry(i, kToNode, lead::Channel::kControl, hosts_[i]->down, shared);
+    for (size_t i = 0; i < leaders_.size(); ++i) overhear(i, shared);
   }
 
   // Everything in the store, pushed to all hosts.
@@ -101,8 +120,8 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
     run_until([] { return false; }, duration);
   }
   bool run_push(lead::PushRequest request, uint64_t limit) {
-    if (lead_->start_push(std::move(request), now_) != nullptr) return false;
-    return run_until([&] { return !lead_->push_running(); }, limit);
+    if (lead().start_push(std::move(request), now_) != nullptr) return false;
+    return run_until([&] { return !lead().push_running(); }, limit);
   }
 
   // Every host has exactly what the store has.
@@ -115,9 +134,15 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
   struct Seen {
     size_t appeared = 0, restarted = 0, silent = 0, returned = 0, requested = 0, request_ended = 0;
     size_t acknowledged = 0;  // messages of the lead's owner, by nodes
+    std::vector<std::pair<uint32_t, lead::Delivery>> missed;  // by which node, and why
+    std::vector<lead::MessageReport> finished;
+    std::map<uint32_t, std::vector<Bytes>> messages;  // of nodes, by their address
+    std::vector<lead::Role> roles;
+    uint64_t other_lead = 0;  // reports of another lead
     uint64_t last_request_status = 0;
   };
-  const Seen& seen() const { return seen_; }
+  // What a lead and its later processes have told.
+  const Seen& seen(size_t index = 0) const { return leaders_[index]->seen; }
   uint64_t sent_to_group() const { return sent_; }
   // Sees every datagram of the lead before the network does.
   std::function<void(lead::Channel, uint32_t, std::span<const uint8_t>)> on_sent;
@@ -127,54 +152,121 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
  private:
   static constexpr uint64_t kLatency = 200'000;  // ns, one way
 
+  // A host with a lead: its network, and what it tells.
+  struct Leader : lead::DatagramSink, lead::Events {
+    Leader(LeadCluster& owner, size_t number) : cluster(owner), index(number) {}
+
+    std::span<uint8_t> buffer() override { return bytes; }
+    void send(lead::Channel channel, uint32_t destination, size_t length) override {
+      cluster.from_lead(index, channel, destination, {bytes.data(), length});
+    }
+    void node_appeared(const lead::NodeInfo&) override { ++seen.appeared; }
+    void node_restarted(const lead::NodeInfo&) override { ++seen.restarted; }
+    void node_silent(const lead::NodeInfo&) override { ++seen.silent; }
+    void node_returned(const lead::NodeInfo&) override { ++seen.returned; }
+    void file_requested(const lead::NodeInfo&, uint32_t, const std::string&,
+                        uint64_t status) override {
+      ++seen.requested;
+      seen.last_request_status = status;
+    }
+    void request_ended(const lead::NodeInfo&, uint32_t, const std::string&, uint64_t) override {
+      ++seen.request_ended;
+    }
+    void message_received(const lead::NodeInfo& node, uint32_t,
+                          std::span<const uint8_t> content) override {
+      seen.messages[node.address].emplace_back(content.begin(), content.end());
+    }
+    void message_acknowledged(const lead::NodeInfo&, lead::MessageId) override {
+      ++seen.acknowledged;
+    }
+    void message_missed(const lead::NodeInfo& node, lead::MessageId, lead::Delivery why) override {
+      seen.missed.emplace_back(node.address, why);
+    }
+    void message_finished(const lead::MessageReport& report) override {
+      seen.finished.push_back(report);
+    }
+    void role_changed(lead::Role role, uint32_t) override { seen.roles.push_back(role); }
+    void other_lead_heard(uint32_t, uint32_t, uint64_t) override { ++seen.other_lead; }
+
+    LeadCluster& cluster;
+    const size_t index;
+    uint32_t address = 0;
+    bool suspended = false;
+    std::array<uint8_t, 2048> bytes{};
+    std::unique_ptr<lead::Lead> process;
+    Seen seen;
+    Path overheard;  // what it hears of other leads
+  };
+
+  enum To : uint8_t { kToNode, kToLead, kOverheard };
   struct Packet {
     uint64_t at = 0;
     uint64_t order = 0;
-    size_t host = 0;
-    bool to_lead = false;
+    size_t receiver = 0;  // a host, or the lead that overhears
+    To to = kToNode;
     lead::Channel channel = lead::Channel::kControl;
+    uint32_t lead = 0;  // address of the lead that it goes to
+    bool unicast = false;
     std::shared_ptr<const Bytes> bytes;
     bool operator>(const Packet& other) const {
       return at != other.at ? at > other.at : order > other.order;
     }
   };
 
-  std::span<uint8_t> buffer() override { return buffer_; }
-  void send(lead::Channel channel, uint32_t destination, size_t length) override {
+  void from_lead(size_t index, lead::Channel channel, uint32_t destination,
+                 std::span<const uint8_t> content) {
     ++sent_;
-    if (on_sent) on_sent(channel, destination, {buffer_.data(), length});
-    const auto bytes = std::make_shared<const Bytes>(
-        buffer_.begin(), buffer_.begin() + static_cast<ptrdiff_t>(length));
+    if (on_sent) on_sent(channel, destination, content);
+    const auto bytes = std::make_shared<const Bytes>(content.begin(), content.end());
     for (size_t i = 0; i < hosts_.size(); ++i)
       if (destination == lead::kGroup || destination == hosts_[i]->address)
-        carry(i, false, channel, hosts_[i]->down, bytes);
+        carry(i, kToNode, channel, hosts_[i]->down, bytes, 0, destination != lead::kGroup);
+    if (channel != lead::Channel::kControl || destination != lead::kGroup) return;
+    for (size_t i = 0; i < leaders_.size(); ++i)
+      if (leaders_.size() > 1 || i != index) overhear(i, bytes);
+  }
+  void overhear(size_t index, const std::shared_ptr<const Bytes>& bytes) {
+    carry(index, kOverheard, lead::Channel::kOverheard, leaders_[index]->overheard, bytes);
   }
   void from_node(size_t index, ModelNode::To to, Bytes bytes) {
     const auto channel =
         to == ModelNode::To::kControl ? lead::Channel::kControl : lead::Channel::kData;
-    carry(index, true, channel, hosts_[index]->up, std::make_shared<const Bytes>(std::move(bytes)));
+    carry(index, kToLead, channel, hosts_[index]->up,
+          std::make_shared<const Bytes>(std::move(bytes)), hosts_[index]->node->lead());
   }
-  void carry(size_t host, bool to_lead, lead::Channel channel, Path& path,
-             const std::shared_ptr<const Bytes>& bytes) {
+  void carry(size_t receiver, To to, lead::Channel channel, Path& path,
+             const std::shared_ptr<const Bytes>& bytes, uint32_t lead = 0, bool unicast = false) {
     const Fate fate = path.next();
     if (fate.dropped) return;
     for (int i = 0; i < fate.copies; ++i)
-      packets_.push(
-          {now_ + kLatency + fate.extra_delay_ns, ++order_, host, to_lead, channel, bytes});
+      packets_.push({now_ + kLatency + fate.extra_delay_ns, ++order_, receiver, to, channel, lead,
+                     unicast, bytes});
   }
 
   void deliver(const Packet& packet) {
-    Host& host = *hosts_[packet.host];
-    if (packet.to_lead)
-      lead_->on_datagram(packet.channel, *packet.bytes, host.address, now_);
-    else if (host.node && packet.channel == lead::Channel::kControl)
-      host.node->on_control(*packet.bytes, now_);
-    else if (host.node)
+    if (packet.to == kOverheard) {
+      Leader& leader = *leaders_[packet.receiver];
+      if (leader.process && !leader.suspended)
+        leader.process->on_datagram(packet.channel, *packet.bytes, 0, now_);
+      return;
+    }
+    Host& host = *hosts_[packet.receiver];
+    if (packet.to == kToLead) {
+      for (const auto& leader : leaders_)
+        if (leader->address == packet.lead && leader->process && !leader->suspended)
+          leader->process->on_datagram(packet.channel, *packet.bytes, host.address, now_);
+    } else if (host.node && packet.channel == lead::Channel::kControl) {
+      host.node->on_control(*packet.bytes, now_, packet.unicast);
+    } else if (host.node) {
       host.node->on_data(*packet.bytes, now_);
+    }
   }
 
   void step(uint64_t end) {
-    uint64_t next = std::min(end, lead_->next_deadline(now_));
+    uint64_t next = end;
+    for (const auto& leader : leaders_)
+      if (leader->process && !leader->suspended)
+        next = std::min(next, leader->process->next_deadline(now_));
     for (const auto& host : hosts_)
       if (host->node) next = std::min(next, host->node->next_deadline());
     if (!packets_.empty()) next = std::min(next, packets_.top().at);
@@ -186,36 +278,23 @@ class LeadCluster : public lead::DatagramSink, public lead::Events {
     }
     for (const auto& host : hosts_)
       if (host->node) host->node->run(now_);
-    lead_->run(now_);
+    bool due = false;
+    for (const auto& leader : leaders_) {
+      if (!leader->process || leader->suspended) continue;
+      leader->process->run(now_);
+      due |= leader->process->next_deadline(now_) <= now_;
+    }
     // A lead that is due without getting on would stop the clock.
-    if (lead_->next_deadline(now_) <= now_) ++now_;
+    if (due) ++now_;
   }
 
-  void node_appeared(const lead::NodeInfo&) override { ++seen_.appeared; }
-  void node_restarted(const lead::NodeInfo&) override { ++seen_.restarted; }
-  void node_silent(const lead::NodeInfo&) override { ++seen_.silent; }
-  void node_returned(const lead::NodeInfo&) override { ++seen_.returned; }
-  void file_requested(const lead::NodeInfo&, uint32_t, const std::string&,
-                      uint64_t status) override {
-    ++seen_.requested;
-    seen_.last_request_status = status;
-  }
-  void request_ended(const lead::NodeInfo&, uint32_t, const std::string&, uint64_t) override {
-    ++seen_.request_ended;
-  }
-
-  void message_acknowledged(const lead::NodeInfo&, uint32_t) override { ++seen_.acknowledged; }
-
-  lead::Settings settings_;
   uint64_t now_ = 1'000'000'000;
   uint64_t order_ = 0;
   uint64_t sent_ = 0;
   uint32_t next_pid_ = 100;
-  std::array<uint8_t, 2048> buffer_{};
   std::vector<std::unique_ptr<Host>> hosts_;
+  std::vector<std::unique_ptr<Leader>> leaders_;
   std::priority_queue<Packet, std::vector<Packet>, std::greater<>> packets_;
-  Seen seen_;
-  std::unique_ptr<lead::Lead> lead_;
 };
 
 // `size` bytes that differ from place to place and from seed to seed.

@@ -13,6 +13,7 @@ namespace {
 constexpr uint64_t kMs = 1'000'000;
 constexpr uint64_t kControlScan = 250 * kMs;
 constexpr uint64_t kSegmentTimeout = 250 * kMs;
+constexpr uint64_t kLeadAckTimeout = 500 * kMs;
 constexpr uint64_t kLeadSilence = 7500 * kMs;
 constexpr uint64_t kDataScan = 500 * kMs;
 constexpr uint64_t kInfoTimeout = 1000 * kMs;
@@ -40,7 +41,7 @@ ModelNode::ModelNode(Identity identity, Disk& disk, Send send)
 
 // --- Control channel ---
 
-void ModelNode::on_control(std::span<const uint8_t> bytes, uint64_t now) {
+void ModelNode::on_control(std::span<const uint8_t> bytes, uint64_t now, bool unicast) {
   const Parts parts = parts_of(bytes);
   const Message<pkgdist_ctrl_msg_hdr> header(parts.header);
   if (!header.ok()) {
@@ -48,14 +49,20 @@ void ModelNode::on_control(std::span<const uint8_t> bytes, uint64_t now) {
     return;
   }
   if (header->msg_id == PKGDIST_CTRL_MSG_PING) return on_ping(*header, now);
-  if (header->msg_id == PKGDIST_CTRL_MSG_CTRL) return on_message(*header, parts.body, now);
+  if (header->msg_id == PKGDIST_CTRL_MSG_CTRL) return on_message(*header, parts.body, now, unicast);
+  if (header->msg_id == PKGDIST_CTRL_MSG_ACK || header->msg_id == PKGDIST_CTRL_MSG_NACK)
+    return on_answer(*header, now);
   ++counters_.bad;
 }
 
 bool ModelNode::take_lead(const pkgdist_ctrl_msg_hdr& header, bool ping, uint64_t now) {
   bool fresh = false;
   if (header.node_ip != lead_) {
-    if (lead_ != 0 && since(now, lead_heard_) < kLeadSilence) return false;
+    if (lead_ != 0 && since(now, lead_heard_) < kLeadSilence) {
+      ++foreign_lead_;
+      return false;
+    }
+    if (lead_ != 0) ++failovers_;
     lead_ = header.node_ip;
     lead_pid_ = header.pid;
     fresh = true;
@@ -66,6 +73,7 @@ bool ModelNode::take_lead(const pkgdist_ctrl_msg_hdr& header, bool ping, uint64_
     fresh = true;
   }
   if (!fresh) return true;
+  last_unicast_ = 0;
   last_sequence_ = point_ = ping ? header.sequence : header.sequence - 1;
   for (Entry& entry : entries_) {
     by_id_.erase(entry.id);
@@ -78,25 +86,26 @@ bool ModelNode::take_lead(const pkgdist_ctrl_msg_hdr& header, bool ping, uint64_
   return true;
 }
 
-std::list<ModelNode::Received>::iterator ModelNode::find_received(uint32_t sequence) {
-  auto at = received_.begin();
-  while (at != received_.end() && at->sequence != sequence) ++at;
-  return at;
+std::list<ModelNode::Received>::iterator ModelNode::find_received(uint32_t sequence, bool unicast) {
+  return std::find_if(received_.begin(), received_.end(), [&](const Received& one) {
+    return one.sequence == sequence && one.unicast == unicast;
+  });
 }
 
-void ModelNode::add_placeholder(uint32_t sequence, uint64_t now) {
-  if (find_received(sequence) != received_.end()) return;
+void ModelNode::add_placeholder(uint32_t sequence, uint64_t now, bool unicast) {
+  if (find_received(sequence, unicast) != received_.end()) return;
   Received& entry = received_.emplace_back();
   entry.sequence = sequence;
+  entry.unicast = unicast;
   entry.stamp = now;
   entry.nacks = 1;
-  answer(PKGDIST_CTRL_MSG_NACK, sequence, std::nullopt);
+  answer(PKGDIST_CTRL_MSG_NACK, sequence, std::nullopt, unicast);
 }
 
 void ModelNode::on_ping(const pkgdist_ctrl_msg_hdr& header, uint64_t now) {
   using H = pkgdist_ctrl_msg_hdr;
   if (!take_lead(header, true, now)) return;
-  while (last_sequence_ < header.sequence) add_placeholder(++last_sequence_, now);
+  while (last_sequence_ < header.sequence) add_placeholder(++last_sequence_, now, false);
   H reply{};
   qidl::set<&H::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
   qidl::set<&H::node_ip>(reply, self_.address);
@@ -108,7 +117,8 @@ void ModelNode::on_ping(const pkgdist_ctrl_msg_hdr& header, uint64_t now) {
   send_(To::kControl, framed(reply));
 }
 
-void ModelNode::answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t> segment) {
+void ModelNode::answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t> segment,
+                       bool unicast) {
   using H = pkgdist_ctrl_msg_hdr;
   H header{};
   qidl::set<&H::msg_id>(header, kind);
@@ -118,7 +128,10 @@ void ModelNode::answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t>
   qidl::set<&H::card_class>(header, self_.card_class);
   qidl::set<&H::node_id>(header, self_.node_id);
   if (segment) qidl::set<&H::segment>(header, *segment);
-  qidl::set<&H::ack_sequence>(header, point_);
+  if (unicast)
+    qidl::set<&H::unicast>(header, 1);
+  else
+    qidl::set<&H::ack_sequence>(header, point_);
   send_(To::kControl, framed(header));
 }
 
@@ -142,7 +155,7 @@ bool ModelNode::rejects(uint32_t card_class, const pkgdist_ctrl_msg& body) const
 }
 
 void ModelNode::on_message(const pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> bytes,
-                           uint64_t now) {
+                           uint64_t now, bool unicast) {
   if (!take_lead(header, false, now)) return;
   const Message<pkgdist_ctrl_msg> body(bytes);
   if (!body.ok() || body->segment_size == 0) {
@@ -150,17 +163,25 @@ void ModelNode::on_message(const pkgdist_ctrl_msg_hdr& header, std::span<const u
     return;
   }
   const uint32_t sequence = header.sequence;
-  const uint32_t before = last_sequence_;
-  if (sequence > last_sequence_) {
-    for (uint32_t s = last_sequence_ + 1; s < sequence; ++s) add_placeholder(s, now);
-    last_sequence_ = sequence;
+  uint32_t& last = unicast ? last_unicast_ : last_sequence_;
+  const uint32_t before = last;
+  if (unicast && last == 0) last = sequence;
+  if (sequence > last) {
+    for (uint32_t s = last + 1; s < sequence; ++s) add_placeholder(s, now, unicast);
+    last = sequence;
   }
-  auto at = find_received(sequence);
-  const bool rejected = rejects(header.card_class, *body);
+  auto at = find_received(sequence, unicast);
+  const bool rejected = !unicast && rejects(header.card_class, *body);
   if (at == received_.end()) {
-    if (sequence <= before && body->rxmt == 1) return;
+    if (sequence <= before && body->rxmt == 1) {
+      if (unicast && header.segment == 0)
+        answer(PKGDIST_CTRL_MSG_ACK, sequence, std::nullopt, true);
+      return;
+    }
     if (rejected) return advance_point(sequence);
-    received_.emplace_back().sequence = sequence;
+    Received& fresh = received_.emplace_back();
+    fresh.sequence = sequence;
+    fresh.unicast = unicast;
     at = std::prev(received_.end());
   } else if (rejected) {
     received_.erase(at);
@@ -182,20 +203,23 @@ void ModelNode::on_message(const pkgdist_ctrl_msg_hdr& header, std::span<const u
   for (bool have : at->have)
     if (!have) return;
   deliver(*at, now);
-  answer(PKGDIST_CTRL_MSG_ACK, sequence, std::nullopt);
+  answer(PKGDIST_CTRL_MSG_ACK, sequence, std::nullopt, unicast);
   received_.erase(at);
-  advance_point(sequence);
+  if (!unicast) advance_point(sequence);
 }
 
 void ModelNode::deliver(Received& message, uint64_t now) {
   ++counters_.control_messages;
-  if (message.msg_class == PKGDIST_CTRL_CLASS_FILE_SEND) on_list(message.data, now);
+  if (message.msg_class == PKGDIST_CTRL_CLASS_FILE_SEND)
+    on_list(message.data, now);
+  else
+    messages_.push_back(message.data);
 }
 
 void ModelNode::advance_point(uint32_t done) {
   while (point_ != last_sequence_) {
     const uint32_t next = point_ + 1;
-    if (next != done && find_received(next) != received_.end()) return;
+    if (next != done && find_received(next, false) != received_.end()) return;
     point_ = next;
   }
 }
@@ -210,12 +234,98 @@ void ModelNode::scan_control(uint64_t now) {
       at = received_.erase(at);
       continue;
     }
-    if (at->have.empty()) answer(PKGDIST_CTRL_MSG_NACK, at->sequence, std::nullopt);
+    if (at->have.empty()) answer(PKGDIST_CTRL_MSG_NACK, at->sequence, std::nullopt, at->unicast);
     for (uint32_t i = 0; i < at->have.size(); ++i)
-      if (!at->have[i]) answer(PKGDIST_CTRL_MSG_NACK, at->sequence, i);
+      if (!at->have[i]) answer(PKGDIST_CTRL_MSG_NACK, at->sequence, i, at->unicast);
     ++at->nacks;
     at->stamp = now;
     ++at;
+  }
+}
+
+// --- Messages to the lead ---
+
+uint32_t ModelNode::send_message(Bytes bytes, uint64_t now) {
+  Outgoing& message = outgoing_.emplace_back();
+  message.sequence = next_outgoing_++;
+  message.sent_again.resize((bytes.size() + PKGDIST_CTRL_SEGMENT_SIZE - 1) /
+                            PKGDIST_CTRL_SEGMENT_SIZE);
+  message.bytes = std::move(bytes);
+  message.last_send = now;
+  outcomes_[message.sequence] = Outcome::kPending;
+  for (uint32_t i = 0; i < message.sent_again.size(); ++i) send_segment(message, i, false);
+  return message.sequence;
+}
+
+void ModelNode::send_segment(const Outgoing& message, uint32_t segment, bool again) {
+  using H = pkgdist_ctrl_msg_hdr;
+  using B = pkgdist_ctrl_msg;
+  H header{};
+  qidl::set<&H::msg_id>(header, PKGDIST_CTRL_MSG_CTRL);
+  qidl::set<&H::node_ip>(header, self_.address);
+  qidl::set<&H::pid>(header, self_.pid);
+  qidl::set<&H::sequence>(header, message.sequence);
+  qidl::set<&H::card_class>(header, self_.card_class);
+  qidl::set<&H::node_id>(header, self_.node_id);
+  qidl::set<&H::segment>(header, segment);
+  const uint64_t offset = uint64_t{segment} * PKGDIST_CTRL_SEGMENT_SIZE;
+  B body{};
+  qidl::set<&B::msg_class>(body, 2u);
+  qidl::set<&B::total_size>(body, message.bytes.size());
+  qidl::set<&B::segment_size>(body, PKGDIST_CTRL_SEGMENT_SIZE);
+  if (again) qidl::set<&B::rxmt>(body, 1u);
+  body.data = message.bytes.data() + offset;
+  body.data_size = std::min<uint64_t>(PKGDIST_CTRL_SEGMENT_SIZE, message.bytes.size() - offset);
+  qidl::mark<&B::data>(body);
+  send_(To::kControl, framed(header, body));
+}
+
+// False when every segment has been sent again as often as allowed.
+bool ModelNode::send_again(Outgoing& message, uint64_t now) {
+  bool any = false;
+  for (uint32_t i = 0; i < message.sent_again.size(); ++i) {
+    if (message.sent_again[i] >= kMaxRetries) continue;
+    ++message.sent_again[i];
+    send_segment(message, i, true);
+    any = true;
+  }
+  if (any) message.last_send = now;
+  return any;
+}
+
+void ModelNode::on_answer(const pkgdist_ctrl_msg_hdr& header, uint64_t now) {
+  const auto at = std::find_if(outgoing_.begin(), outgoing_.end(), [&](const Outgoing& one) {
+    return one.sequence == header.sequence;
+  });
+  if (at == outgoing_.end()) return;
+  if (header.msg_id == PKGDIST_CTRL_MSG_ACK) {
+    if (header.node_ip != lead_) return;
+    outcomes_[at->sequence] = Outcome::kAcknowledged;
+    outgoing_.erase(at);
+    return;
+  }
+  if (!qidl::has<&pkgdist_ctrl_msg_hdr::segment>(header)) {
+    send_again(*at, now);
+    return;
+  }
+  const uint32_t segment = header.segment;
+  if (segment >= at->sent_again.size() || at->sent_again[segment] >= kMaxRetries) return;
+  ++at->sent_again[segment];
+  at->last_send = now;
+  send_segment(*at, segment, false);
+}
+
+void ModelNode::scan_outgoing(uint64_t now) {
+  for (auto at = outgoing_.begin(); at != outgoing_.end();) {
+    Outgoing& message = *at;
+    const bool late =
+        since(now, message.last_send) >= kLeadAckTimeout * (message.sent_again[0] + uint64_t{1});
+    if (!late || send_again(message, now)) {
+      ++at;
+      continue;
+    }
+    outcomes_[message.sequence] = Outcome::kTimeout;
+    at = outgoing_.erase(at);
   }
 }
 
@@ -258,16 +368,37 @@ void ModelNode::add_entry(const std::string& name, uint32_t location, uint32_t t
 
 void ModelNode::on_list(std::span<const uint8_t> bytes, uint64_t now) {
   const Message<pkgdist_file_send_ctrl> list(bytes);
-  if (!list.ok() || list->operation != PKGDIST_FILE_SEND_LIST) return;
+  if (!list.ok()) return;
+  if (list->operation == PKGDIST_FILE_SEND_CANCEL) return on_cancel(list->xact_id, now);
+  if (list->operation == PKGDIST_FILE_SEND_DELETE) return on_delete(*list, now);
+  if (list->operation != PKGDIST_FILE_SEND_LIST) return;
   ++counters_.lists;
   for (uint32_t i = 0; i < list->names_count; ++i) {
     const EntryAt at = find_entry(list->names[i], list->location);
     if (at == entries_.end()) {
       add_entry(list->names[i], list->location, list->type, list->priority, now);
+      entries_.back().xact = list->xact_id;
       continue;
     }
+    at->xact = list->xact_id;
     at->pending = true;
     at->start = now;
+  }
+}
+
+void ModelNode::on_cancel(uint32_t xact, uint64_t now) {
+  for (auto at = entries_.begin(); at != entries_.end();) {
+    const auto next = std::next(at);
+    if (at->xact == xact) end(at, PKGDIST_STATUS_CANCELLED, now);
+    at = next;
+  }
+}
+
+void ModelNode::on_delete(const pkgdist_file_send_ctrl& list, uint64_t now) {
+  for (uint32_t i = 0; i < list.names_count; ++i) {
+    const EntryAt at = find_entry(list.names[i], list.location);
+    if (at != entries_.end()) end(at, PKGDIST_STATUS_DELETED, now);
+    disk_.erase(disk_key(list.location, list.names[i]));
   }
 }
 
@@ -556,6 +687,7 @@ void ModelNode::run(uint64_t now) {
   if (since(now, control_scanned_) >= kControlScan) {
     control_scanned_ = now;
     scan_control(now);
+    scan_outgoing(now);
   }
   if (since(now, data_scanned_) >= kDataScan) {
     data_scanned_ = now;

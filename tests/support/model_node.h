@@ -1,9 +1,10 @@
 // A receiving node under a virtual clock: the protocol rules of the receive library without its
 // threads, sockets and files. Tests of the lead run whole clusters of these.
 //
-// Modelled: lead detection, sequencing, reassembly, NACKs and acknowledgement points; file lists,
-// informations, skipping, segments, gap requests, all four time-outs with linear back-off and their
-// limit, miss done, reports; the loss of everything but the disk at a restart.
+// Modelled: lead detection, sequencing, reassembly, NACKs and acknowledgement points of both
+// streams; messages to the lead with their repetitions and their limit; file lists, cancel and
+// delete, informations, skipping, segments, gap requests, all four time-outs with linear back-off
+// and their limit, miss done, reports; the loss of everything but the disk at a restart.
 #pragma once
 
 #include <algorithm>
@@ -47,7 +48,8 @@ class ModelNode {
 
   ModelNode(Identity identity, Disk& disk, Send send);
 
-  void on_control(std::span<const uint8_t> bytes, uint64_t now);
+  // `unicast`: it came to the node's own port.
+  void on_control(std::span<const uint8_t> bytes, uint64_t now, bool unicast = false);
   void on_data(std::span<const uint8_t> bytes, uint64_t now);
   void run(uint64_t now);
   uint64_t next_deadline() const;
@@ -55,6 +57,20 @@ class ModelNode {
   // Asks the lead for a file, as a caller of the library would.
   void get_file(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
                 uint64_t now);
+
+  // Sends the lead a message; outcomes() tells later, by the number that is returned.
+  uint32_t send_message(Bytes bytes, uint64_t now);
+  enum class Outcome { kPending, kAcknowledged, kTimeout };
+  const std::map<uint32_t, Outcome>& outcomes() const { return outcomes_; }
+  size_t pending_messages() const { return outgoing_.size(); }
+
+  // Messages of classes 2 to 5, as they were delivered.
+  const std::vector<Bytes>& messages() const { return messages_; }
+  // The lead that it follows, 0 when none; how often another one took over from a silent one, and
+  // datagrams of leads that it does not follow.
+  uint32_t lead() const { return lead_; }
+  uint64_t failovers() const { return failovers_; }
+  uint64_t foreign_lead() const { return foreign_lead_; }
 
   // How each file ended last, by disk key.
   const std::map<std::string, uint64_t>& ended() const { return ended_; }
@@ -78,6 +94,7 @@ class ModelNode {
  private:
   struct Received {  // a control message being received; without segments a placeholder
     uint32_t sequence = 0;
+    bool unicast = false;
     uint32_t msg_class = 0;
     uint64_t total = 0;
     uint32_t segment_size = 0;
@@ -90,6 +107,7 @@ class ModelNode {
     uint32_t id = 0;
     std::string name;
     uint32_t location = 0, type = 0, priority = 0;
+    uint32_t xact = 0;  // of the lead's list, 0 for the node's own request
     bool pending = true, link = false, open = false;
     uint32_t size = 0, segment_size = 0, mode = 0, mtime = 0;
     uint32_t segments = 0;
@@ -99,6 +117,12 @@ class ModelNode {
     Bytes content;
     uint64_t start = 0, repair = 0;
     uint32_t time_outs = 0;
+  };
+  struct Outgoing {  // a message to the lead
+    uint32_t sequence = 0;
+    Bytes bytes;
+    std::vector<uint32_t> sent_again;  // by segment
+    uint64_t last_send = 0;
   };
   struct Ended {
     uint32_t id = 0;
@@ -112,17 +136,23 @@ class ModelNode {
   bool take_lead(const struct pkgdist_ctrl_msg_hdr& header, bool ping, uint64_t now);
   void on_ping(const struct pkgdist_ctrl_msg_hdr& header, uint64_t now);
   void on_message(const struct pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> body,
-                  uint64_t now);
+                  uint64_t now, bool unicast);
+  void on_answer(const struct pkgdist_ctrl_msg_hdr& header, uint64_t now);
+  void send_segment(const Outgoing& message, uint32_t segment, bool again);
+  bool send_again(Outgoing& message, uint64_t now);
+  void scan_outgoing(uint64_t now);
   bool rejects(uint32_t card_class, const struct pkgdist_ctrl_msg& body) const;
   void deliver(Received& message, uint64_t now);
-  void add_placeholder(uint32_t sequence, uint64_t now);
+  void add_placeholder(uint32_t sequence, uint64_t now, bool unicast);
   void advance_point(uint32_t done);
-  std::list<Received>::iterator find_received(uint32_t sequence);
-  void answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t> segment);
+  std::list<Received>::iterator find_received(uint32_t sequence, bool unicast);
+  void answer(uint32_t kind, uint32_t sequence, std::optional<uint32_t> segment, bool unicast);
   void scan_control(uint64_t now);
 
   // data
   void on_list(std::span<const uint8_t> bytes, uint64_t now);
+  void on_cancel(uint32_t xact, uint64_t now);
+  void on_delete(const struct pkgdist_file_send_ctrl& list, uint64_t now);
   void on_info(std::span<const uint8_t> body, uint64_t now);
   void on_segment(std::span<const uint8_t> body, uint64_t now);
   void on_miss_done(std::span<const uint8_t> body);
@@ -149,7 +179,12 @@ class ModelNode {
 
   uint32_t lead_ = 0, lead_pid_ = 0;
   uint64_t lead_heard_ = 0;
-  uint32_t last_sequence_ = 0, point_ = 0;
+  uint32_t last_sequence_ = 0, point_ = 0, last_unicast_ = 0;
+  uint64_t failovers_ = 0, foreign_lead_ = 0;
+  std::vector<Bytes> messages_;
+  uint32_t next_outgoing_ = 1;
+  std::list<Outgoing> outgoing_;
+  std::map<uint32_t, Outcome> outcomes_;
   std::list<Received> received_;
   uint64_t control_scanned_ = 0;
 

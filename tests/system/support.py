@@ -131,14 +131,28 @@ class SystemTest(unittest.TestCase):
 
 
 class BackgroundLead:
-    """A lead that runs while the test goes on."""
+    """A lead that runs while the test goes on, on the lead's host unless told otherwise."""
 
-    def __init__(self, test, *arguments):
+    def __init__(self, test, *arguments, host=None):
         self.test = test
-        self.out = os.path.join(ROOT, f"lead-{len(test.net.lead.processes)}")
+        self.host = host or test.net.lead
+        self.out = os.path.join(ROOT, f"{self.host.name}-{len(self.host.processes)}")
         with open(self.out + ".json", "wb") as out, open(self.out + ".err", "wb") as err:
-            self.process = test.programs.start_lead(test.net.lead, test.content, *arguments,
+            self.process = test.programs.start_lead(self.host, test.content, *arguments,
                                                     stdout=out, stderr=err)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def request(self, *arguments):
+        """A command through the control socket: (exit status, events)."""
+        result = self.host.run([self.test.programs.lead, "--interface", self.host.address, "--json",
+                                *arguments], capture_output=True, text=True, timeout=60)
+        return result.returncode, lab.parse_events(result.stdout), result.stderr
+
+    def roles(self):
+        return [e["role"] for e in self.events("role")]
 
     def events(self, event=None):
         with open(self.out + ".json", encoding="utf-8") as file:
