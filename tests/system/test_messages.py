@@ -1,7 +1,10 @@
 """Messages in both directions, whatever the network loses: once, whole, and with a true status."""
 
+import contextlib
 import hashlib
 import os
+import socket
+import stat
 import subprocess
 
 from support import BackgroundLead, SystemTest, lab
@@ -141,6 +144,45 @@ class Messages(SystemTest):
         missing = [e["node"] for e in events if e["event"] == "outcome" and not e["acknowledged"]]
         self.assertEqual(missing, [self.net.nodes[2].address])
         self.assertEqual(len(serving.events("message-outcome")), 3)
+
+    def test_hostile_requests_are_refused_and_leave_the_lead_alone(self):
+        serving = BackgroundLead(self, "serve")
+        serving.wait_for("role")
+        path = f"/run/pkgdist-lead-{serving.host.address}-7102.sock"
+        self.assertEqual(stat.S_IMODE(os.stat(path).st_mode), 0o600)
+        for line in (b"", b"{", b"[]", b"null", b"{}", b'{"command":7}', b'{"command":"boom"}',
+                     b"[" * 100_000, b'{"command":"message","class":1,"data":"AA=="}',
+                     b'{"command":"message","class":2,"data":"!!!!"}',
+                     b'{"command":"message","class":2,"data":"A==="}',
+                     b'{"command":"message","class":2,"data":""}',
+                     b'{"command":"message","class":2,"data":"AAAA","timeout":-1}',
+                     b'{"command":"message","class":2,"data":"AAAA","nodes":["x"]}',
+                     b'{"command":"message","class":2,"data":"AAAA","nodes":7}',
+                     b'{"command":"cancel","transaction":0}', b'{"command":"cancel"}',
+                     b'{"command":"delete","location":9,"names":["AAAA"]}',
+                     b'{"command":"delete","location":1,"names":[]}',
+                     b'{"command":"delete","location":1,"names":["AAAA"]}', b"\xff\xfe\x00"):
+            with self.subTest(line[:60]), socket.socket(socket.AF_UNIX) as client:
+                client.settimeout(5)
+                client.connect(path)
+                if line:
+                    client.sendall(line + b"\n")
+                    self.assertIn(b'"error"', client.recv(4096))
+        with socket.socket(socket.AF_UNIX) as client:  # a line without end
+            client.settimeout(5)
+            client.connect(path)
+            with contextlib.suppress(OSError):
+                for _ in range(100):
+                    client.sendall(b"x" * 65536)
+            with contextlib.suppress(ConnectionResetError):
+                self.assertIn(b"too long", client.recv(4096))
+        crowd = [socket.socket(socket.AF_UNIX) for _ in range(40)]
+        for client in crowd:
+            client.connect(path)
+        for client in crowd:
+            client.close()
+        status, events, _ = serving.request("message", "hello")
+        self.assertEqual((status, events[-1]["event"]), (1, "done"))
 
     def test_a_request_without_a_lead_says_so(self):
         result = self.net.lead.run([self.programs.lead, "--interface", self.net.lead.address,

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "cli_common.h"
+#include "control_path.h"
 #include "pkgdist_lead/udp_transport.h"
 
 namespace pkgdist::lead_program {
@@ -197,6 +198,18 @@ void ControlServer::run(lead::Time now) {
       continue;
     poller_.remove(connection.fd.get());
     connections_.remove_if([&](const Connection& one) { return &one == &connection; });
+  }
+}
+
+std::unique_ptr<ControlServer> open_control(const LeadOptions& options, Session& session,
+                                            Reporter& reporter) {
+  const std::string path = control_path(options);
+  try {
+    return std::make_unique<ControlServer>(path, session.poller(), session.lead(), reporter);
+  } catch (const std::runtime_error& error) {
+    if (!options.control_path.empty()) throw;
+    reporter.error(fmt::format("warning: takes no commands: {}", error.what()));
+    return nullptr;
   }
 }
 

@@ -6,12 +6,14 @@
 #pragma once
 
 #include <list>
+#include <memory>
 #include <string>
 
 #include "control_protocol.h"
 #include "pkgdist_lead/lead.h"
 #include "poller.h"
 #include "reporter.h"
+#include "session.h"
 
 namespace pkgdist::lead_program {
 
@@ -58,5 +60,10 @@ class ControlServer {
   ino_t inode_ = 0;
   std::list<Connection> connections_;
 };
+
+// The control socket of a session, at --control or at its usual place. Null, with a warning, when
+// the usual place cannot be had: a lead that takes no commands can still distribute files.
+std::unique_ptr<ControlServer> open_control(const LeadOptions& options, Session& session,
+                                            Reporter& reporter);
 
 }  // namespace pkgdist::lead_program

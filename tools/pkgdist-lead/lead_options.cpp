@@ -44,7 +44,7 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
       ->type_name("MBIT");
   command
       .add_option("--timeout", options.timeout_seconds,
-                  "how long to wait for absent or silent nodes")
+                  "how long to wait for absent or silent nodes, and a push for another lead to end")
       ->type_name("SECONDS [30]")
       ->check(CLI::Range(0.1, 1e6));
   command.add_option("--ttl", options.ttl, "routers that the multicast may pass, plus one")
@@ -85,7 +85,7 @@ void add_serve(CLI::App& app, LeadOptions& options) {
   CLI::App* serve = app.add_subcommand("serve", "answer the nodes' requests until interrupted");
   serve->fallthrough();
   serve->add_flag("--standby", options.standby,
-                  "say nothing until no other lead has been heard for a while");
+                  "say nothing until other leads have been silent for the time of --takeover");
   serve
       ->add_option("--takeover", options.takeover_seconds,
                    "silence of another lead after which this one leads; nodes need 7.5")

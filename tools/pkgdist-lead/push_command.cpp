@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include "commands.h"
-#include "control_path.h"
 #include "control_server.h"
 #include "progress.h"
 #include "reporter.h"
@@ -131,7 +130,8 @@ int push_command(const LeadOptions& options) {
   Session session(options, reporter);
   if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
     return usage_error(problem);
-  ControlServer control(control_path(options), session.poller(), session.lead(), reporter);
+  (void)session.hears_leads(reporter);
+  const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
   const Course course(session.lead(), request.node_timeout);
   bool ran = false;
   {
@@ -139,8 +139,9 @@ int push_command(const LeadOptions& options) {
     ran = session.run(
         [&](lead::Time now) {
           display.show(session.lead(), now);
-          control.run(now);
-          return course.blocked(now) || (!session.lead().push_running() && !control.busy());
+          if (control) control->run(now);
+          return course.blocked(now) ||
+                 (!session.lead().push_running() && (!control || !control->busy()));
         },
         display.period());
   }

@@ -1,7 +1,6 @@
 #include <fmt/core.h>
 
 #include "commands.h"
-#include "control_path.h"
 #include "control_server.h"
 #include "message_runner.h"
 #include "reporter.h"
@@ -17,7 +16,8 @@ int serve_command(const LeadOptions& options) {
   }
   Reporter reporter(options.common.json, options.common.verbosity);
   Session session(options, reporter);
-  ControlServer control(control_path(options), session.poller(), session.lead(), reporter);
+  if (!session.hears_leads(reporter) && options.standby) return cli::kExitFailure;
+  const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
   MessageRunner runner(options.on_message, session.poller(), reporter);
   reporter.on_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
                             std::span<const uint8_t> bytes) { runner.add(node, msg_class, bytes); };
@@ -25,7 +25,7 @@ int serve_command(const LeadOptions& options) {
   reporter.say(fmt::format("serving on {}{}", address, options.standby ? ", standing by" : ""));
   session.run(
       [&](lead::Time now) {
-        control.run(now);
+        if (control) control->run(now);
         return false;
       },
       lead::kSecond);

@@ -72,6 +72,12 @@ Session::Session(const LeadOptions& options, lead::Events& events)
   poller_.add(signals_.fd(), EPOLLIN, [this] { stopped_ |= signals_.taken(); });
 }
 
+bool Session::hears_leads(Reporter& reporter) const {
+  if (transport_.hears_group()) return true;
+  reporter.error("warning: other leads cannot be heard: another user has the control group");
+  return false;
+}
+
 bool Session::run(const std::function<bool(lead::Time now)>& done, lead::Time tick) {
   for (;;) {
     const lead::Time now = lead::monotonic_now();

@@ -9,6 +9,7 @@
 #include "pkgdist_lead/lead.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "poller.h"
+#include "reporter.h"
 
 namespace pkgdist::lead_program {
 
@@ -36,6 +37,9 @@ class Session {
   lead::DirectoryStore& store() { return store_; }
   lead::UdpTransport& transport() { return transport_; }
   Poller& poller() { return poller_; }
+
+  // Whether other leads can be heard; warns when not.
+  bool hears_leads(Reporter& reporter) const;
 
   // Runs until `done` says so, called every `tick` at least. False when a signal ended it.
   bool run(const std::function<bool(lead::Time now)>& done, lead::Time tick);
