@@ -3,7 +3,7 @@
 import hostile
 import tree
 import wire
-from scripted_lead import DATA_GROUP, LEAD_PORT, REQUEST_PORT
+from scripted_lead import CTRL_GROUP, DATA_GROUP, LEAD_PORT, REQUEST_PORT
 from support import (BackgroundLead, SystemTest, lab, names_below, remove_tree,
                      resident_bytes)
 
@@ -124,9 +124,15 @@ class StrangerAtTheLead(SystemTest):
 
     def assert_push_stands_claims(self, last):
         """Claims one sequence while the nodes are not there yet, and the greatest one after that."""
+        pings = self.stranger.group_socket(*CTRL_GROUP)
+        self.addCleanup(pings.close)
+        pings.settimeout(20)
         push = self.start_push()
-        lab.wait_until(lambda: self.bound(push), what="the lead's sockets")
-        self.claim_sequences(last)
+        pings.recv(2000)  # it leads: now it listens to claims
+        self.claim_sequences(*[last] * 20)
+        for _ in range(5):
+            pings.recv(2000)
+        pings.close()
         self.start_nodes()
 
         def ended():
@@ -136,10 +142,6 @@ class StrangerAtTheLead(SystemTest):
         lab.wait_until(ended, 30, f"the end of the push; the lead said last: {push.events()[-1:]}")
         self.assertTrue(push.finish()["complete"])
         self.assert_received()
-
-    def bound(self, push):
-        with open(f"/proc/{push.process.pid}/net/udp", encoding="utf-8") as file:
-            return f":{LEAD_PORT:04X} " in file.read()
 
     def test_noise_at_a_serving_lead(self):
         lead = BackgroundLead(self, "serve")
