@@ -333,13 +333,18 @@ bool DataSender::send_stream(Time now) {
   return true;
 }
 
-double DataSender::backlog_seconds() {
-  uint64_t bytes = waiting_bytes_;
+double DataSender::streaming_seconds() {
+  uint64_t bytes = 0;
   for (auto& [priority, line] : streaming_)
     if (const Transfer* first = head(line); first != nullptr)
       if (first->stage == Transfer::Stage::kStreaming)
         bytes += first->turn.ahead() * self_.segment_size;
   return static_cast<double>(bytes) * 8 / static_cast<double>(pacer_.rate());
+}
+
+double DataSender::backlog_seconds() {
+  return streaming_seconds() +
+         static_cast<double>(waiting_bytes_) * 8 / static_cast<double>(pacer_.rate());
 }
 
 bool DataSender::send_repair(Time now) {

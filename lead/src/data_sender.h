@@ -73,6 +73,8 @@ class DataSender {
   size_t active_files() const { return transfers_.size(); }
   // How long the stream takes to come to the end of what was started, at the present rate.
   double backlog_seconds();
+  // The same for the files that are begun.
+  double streaming_seconds();
 
   // Messages from nodes.
   // Returns how many segments of the file were asked for, 0 when the request makes no sense.
