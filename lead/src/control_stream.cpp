@@ -25,6 +25,9 @@ constexpr Time kResendHoldoff = 20 * kMillisecond;
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = kSecond;
 
+// Points from here on are made up: no lead sends so many messages, and sequences must not wrap.
+constexpr uint32_t kAdoptLimit = 1u << 31;
+
 // How long finished messages are kept, and how many bytes of them.
 constexpr Time kKeepFinished = 5 * kSecond;
 constexpr size_t kKeepBytes = 4 * 1024 * 1024;
@@ -59,7 +62,8 @@ uint32_t ControlStream::post(uint32_t msg_class, std::vector<uint8_t> payload, A
 }
 
 void ControlStream::adopt(uint32_t point) {
-  if (entries_.empty() && point > last_sequence_ && last_sequence_ == self_.initial_sequence)
+  if (point < kAdoptLimit && entries_.empty() && point > last_sequence_ &&
+      last_sequence_ == self_.initial_sequence)
     last_sequence_ = point;
 }
 
@@ -123,8 +127,10 @@ void ControlStream::on_point(NodeIndex node, uint32_t point) {
   if (outstanding_ == 0 || entries_.empty()) return;
   // The owner may post from the callback: go by sequence, not by iterator.
   const uint32_t first = entries_.front().message.sequence;
-  for (uint32_t sequence = first; sequence <= std::min(point, last_sequence_); ++sequence)
-    if (Entry* entry = find(sequence)) acknowledge(*entry, node, false);
+  if (point < first || point > last_sequence_) return;  // nothing kept, or never sent
+  const uint32_t covered = point - first + 1;
+  for (uint32_t i = 0; i < covered; ++i)
+    if (Entry* entry = find(first + i)) acknowledge(*entry, node, false);
 }
 
 void ControlStream::on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now) {

@@ -96,6 +96,7 @@ class Lead::Impl : private TransferObserver {
                   Time now);
   void on_acknowledged(const ControlStream::Finished& finished);
   void on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
+  bool echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const;
   void on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
   void on_other_lead(std::span<const uint8_t> header, Time now);
   void update_role(Time now);
@@ -186,6 +187,14 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     ++counters_.foreign_datagrams;
     return;
   }
+  // A node that has not heard this lead yet still answers the one before it: its points say nothing
+  // about what this lead has sent.
+  const bool stale =
+      reply ? !echoes_own_ping(*header) : answer && nodes_.find(header->node_ip) == kNoNode;
+  if (stale) {
+    ++counters_.foreign_datagrams;
+    return;
+  }
   const bool has_point = reply || qidl::has<&H::ack_sequence>(*header);
   const uint32_t point = reply ? header->sequence : header->ack_sequence;
   const NodeTable::Result seen = nodes_.observe_control(*header, from, has_point, point, now);
@@ -200,15 +209,15 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   on_answer(seen.index, *header, now);
 }
 
+bool Lead::Impl::echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const {
+  return qidl::has<&pkgdist_ctrl_msg_hdr::status>(header) &&
+         leading_since_of(header.status) == leadership_.leading_since();
+}
+
 void Lead::Impl::on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now) {
-  using H = pkgdist_ctrl_msg_hdr;
-  const bool own = qidl::has<&H::status>(header) &&
-                   leading_since_of(header.status) == leadership_.leading_since();
-  if (own) {
-    measure_round_trip(header.status, now);
-    nodes_.note_reply(node, now);
-    last_reply_ = now;
-  }
+  measure_round_trip(header.status, now);
+  nodes_.note_reply(node, now);
+  last_reply_ = now;
   control_.on_ping_reply(node, header.sequence, now);
 }
 

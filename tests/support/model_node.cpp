@@ -114,6 +114,7 @@ void ModelNode::on_ping(const pkgdist_ctrl_msg_hdr& header, uint64_t now) {
   qidl::set<&H::card_class>(reply, self_.card_class);
   qidl::set<&H::node_id>(reply, self_.node_id);
   if (qidl::has<&H::status>(header)) qidl::set<&H::status>(reply, header.status);
+  last_ping_status_ = header.status;
   send_(To::kControl, framed(reply));
 }
 

@@ -91,7 +91,11 @@ class ModelNode {
   };
   const Counters& counters() const { return counters_; }
 
+  // The status word of the last ping answered: what a reply to the lead must echo.
+  uint64_t last_ping_status() const { return last_ping_status_; }
+
  private:
+  uint64_t last_ping_status_ = 0;
   struct Received {  // a control message being received; without segments a placeholder
     uint32_t sequence = 0;
     bool unicast = false;

@@ -215,18 +215,52 @@ TEST_F(Messages, a_node_that_went_past_a_message_long_ago_is_not_said_to_have_it
   start(1);
   const lead::MessageId id = cluster_.lead().send_message(2, Bytes(5000), Audience::everyone(),
                                                           cluster_.now(), 60 * kSecond);
+  const uint64_t echo = cluster_.host(0).node->last_ping_status();
   cluster_.stop_node(0);  // nobody answers but the test
   cluster_.run_for(6 * kSecond);
   pkgdist_ctrl_msg_hdr reply{};
   qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
   qidl::set<&pkgdist_ctrl_msg_hdr::node_ip>(reply, cluster_.host(0).address);
   qidl::set<&pkgdist_ctrl_msg_hdr::pid>(reply, cluster_.host(0).pid);
-  qidl::set<&pkgdist_ctrl_msg_hdr::sequence>(reply, 1000);
+  qidl::set<&pkgdist_ctrl_msg_hdr::status>(reply, echo);
+  qidl::set<&pkgdist_ctrl_msg_hdr::sequence>(reply, 1);
   cluster_.lead().on_datagram(lead::Channel::kControl, framed(reply), cluster_.host(0).address,
                               cluster_.now());
   cluster_.run_for(kMillisecond);
   ASSERT_TRUE(cluster_.lead().message_report(id).finished);
   EXPECT_EQ(cluster_.lead().message_report(id).nodes[0].delivery, Delivery::kUncertain);
+}
+
+TEST_F(Messages, points_that_the_lead_never_sent_acknowledge_nothing) {
+  start(1);
+  const uint64_t echo = cluster_.host(0).node->last_ping_status();
+  cluster_.host(0).down.with<RandomLoss>(1.0, 1);
+  const lead::MessageId id = cluster_.lead().send_message(2, Bytes(3), Audience::everyone(),
+                                                          cluster_.now(), 60 * kSecond);
+  for (uint32_t point : {1000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
+    pkgdist_ctrl_msg_hdr reply{};
+    qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
+    qidl::set<&pkgdist_ctrl_msg_hdr::node_ip>(reply, cluster_.host(0).address);
+    qidl::set<&pkgdist_ctrl_msg_hdr::pid>(reply, cluster_.host(0).pid);
+    qidl::set<&pkgdist_ctrl_msg_hdr::status>(reply, echo);
+    qidl::set<&pkgdist_ctrl_msg_hdr::sequence>(reply, point);
+    cluster_.lead().on_datagram(lead::Channel::kControl, framed(reply), cluster_.host(0).address,
+                                cluster_.now());
+  }
+  cluster_.run_for(kMillisecond);
+  EXPECT_FALSE(cluster_.lead().message_report(id).finished);
+}
+
+TEST_F(Messages, replies_to_the_pings_of_another_lead_make_no_node) {
+  start(1);
+  const uint64_t foreign = cluster_.lead().counters().foreign_datagrams;
+  pkgdist_ctrl_msg_hdr reply{};
+  qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
+  qidl::set<&pkgdist_ctrl_msg_hdr::node_ip>(reply, 0x0A0000FD);
+  qidl::set<&pkgdist_ctrl_msg_hdr::pid>(reply, 77);
+  qidl::set<&pkgdist_ctrl_msg_hdr::sequence>(reply, 1000);
+  cluster_.lead().on_datagram(lead::Channel::kControl, framed(reply), 0x0A0000FD, cluster_.now());
+  EXPECT_EQ(cluster_.lead().counters().foreign_datagrams, foreign + 1);
 }
 
 TEST_F(Messages, nodes_that_are_asked_for_by_address_and_not_heard_are_told_at_once) {
