@@ -235,8 +235,8 @@ TEST_F(Messages, points_that_the_lead_never_sent_acknowledge_nothing) {
   start(1);
   const uint64_t echo = cluster_.host(0).node->last_ping_status();
   cluster_.host(0).down.with<RandomLoss>(1.0, 1);
-  const lead::MessageId id = cluster_.lead().send_message(2, Bytes(3), Audience::everyone(),
-                                                          cluster_.now(), 60 * kSecond);
+  const lead::MessageId id =
+      cluster_.lead().send_message(2, Bytes(3), Audience::everyone(), cluster_.now(), 60 * kSecond);
   for (uint32_t point : {1000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
     pkgdist_ctrl_msg_hdr reply{};
     qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
