@@ -96,6 +96,7 @@ class Lead::Impl : private TransferObserver {
                   Time now);
   void on_acknowledged(const ControlStream::Finished& finished);
   void on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
+  bool follows(const pkgdist_ctrl_msg_hdr& header) const;
   bool echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const;
   void on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
   void on_other_lead(std::span<const uint8_t> header, Time now);
@@ -189,9 +190,7 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   }
   // A node that has not heard this lead yet still answers the one before it: its points say nothing
   // about what this lead has sent.
-  const bool stale =
-      reply ? !echoes_own_ping(*header) : answer && nodes_.find(header->node_ip) == kNoNode;
-  if (stale) {
+  if (reply ? !echoes_own_ping(*header) : answer && !follows(*header)) {
     ++counters_.foreign_datagrams;
     return;
   }
@@ -207,6 +206,12 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   if (reply) return on_ping_reply(seen.index, *header, now);
   if (message) return on_message(seen.index, *header, frame.body, now);
   on_answer(seen.index, *header, now);
+}
+
+// Whether this process of the node is known here: answers that come before are for an earlier lead.
+bool Lead::Impl::follows(const pkgdist_ctrl_msg_hdr& header) const {
+  const NodeIndex node = nodes_.find(header.node_ip);
+  return node != kNoNode && header.pid == nodes_[node].info.pid;
 }
 
 bool Lead::Impl::echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const {

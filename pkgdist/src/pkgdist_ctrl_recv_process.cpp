@@ -91,6 +91,7 @@ void start_with_new_lead(const Header& header, bool is_ping, bool failover) {
   store(G_ctrl_uc_last_sequence, 0);
   store(G_ctrl_mc_last_sequence, point);
   store(G_ctrl_mc_last_ack_sequence, point);
+  rx_msg_new_lead();
   pkgdist_data_recv_new_lead();
   if (load(G_ctrl_lead_cb_registered))
     (void)pkgdist_ctrl_lead_chg_invoke_cb(load(G_lead_uc_addr), load(G_lead_pid), failover);

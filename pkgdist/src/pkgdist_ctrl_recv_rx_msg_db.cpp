@@ -28,6 +28,7 @@ constexpr uint32_t kNacksPerCycleLimit = 4096;
 
 Index<CTRL_RECV_RX_MSG, &CTRL_RECV_RX_MSG::by_sequence> by_sequence;
 uint64_t next_serial = 1;
+uint32_t lead_generation = 0;
 
 uint64_t hash_of(uint32_t sequence, bool unicast) {
   return hash_number(uint64_t{unicast} << 32 | sequence);
@@ -117,14 +118,23 @@ CTRL_RECV_RX_MSG* rx_msg_find(uint32_t sequence, bool unicast) {
   });
 }
 
+void rx_msg_new_lead() {
+  ++lead_generation;
+}
+
 CTRL_RECV_RX_MSG* rx_msg_add(uint32_t sequence, bool unicast) {
-  if (G_ctrl_recv_rx_msg_db.count >= kRxMsgDbLimit) return nullptr;
+  if (G_ctrl_recv_rx_msg_db.count >= kRxMsgDbLimit) {
+    CTRL_RECV_RX_MSG* oldest = G_ctrl_recv_rx_msg_db.head;
+    if (oldest->lead_generation == lead_generation) return nullptr;
+    rx_msg_delete(oldest);
+  }
   auto* entry = static_cast<CTRL_RECV_RX_MSG*>(std::calloc(1, sizeof(CTRL_RECV_RX_MSG)));
   if (entry == nullptr) return nullptr;
   entry->sequence = sequence;
   entry->unicast = unicast;
   entry->stamp = fts_get_stamp_fast();
   entry->serial = next_serial++;
+  entry->lead_generation = lead_generation;
   G_ctrl_recv_rx_msg_db.append(entry);
   by_sequence.add(entry, hash_of(sequence, unicast));
   return entry;

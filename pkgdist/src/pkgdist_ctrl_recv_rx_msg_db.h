@@ -26,6 +26,7 @@ struct CTRL_RECV_RX_MSG {
   uint64_t stamp;  // last activity: creation, a segment, a NACK cycle
   CTRL_RECV_RX_MSG* previous;
   uint64_t serial;
+  uint32_t lead_generation;  // under which lead it was entered, see rx_msg_new_lead()
   bool filled;  // sizes are known: not a placeholder, also when the message has 0 bytes
   pkgdist::IndexLink<CTRL_RECV_RX_MSG> by_sequence;
 };
@@ -49,8 +50,12 @@ namespace pkgdist {
 using RxMsgDbGuard = Guard<pkgdist_ctrl_recv_rx_msg_db_lock, pkgdist_ctrl_recv_rx_msg_db_unlock>;
 
 // Entries the database may hold. A working lead never leaves gaps this wide; a forged sequence far
-// ahead would otherwise fill the memory with placeholders. Reaching it counts as out of memory.
+// ahead would otherwise fill the memory with placeholders. Reaching it counts as out of memory, but
+// what was entered under an earlier lead makes room for what is entered under the present one.
 inline constexpr uint32_t kRxMsgDbLimit = 65'536;
+
+// Another lead, or another process of it, begins: its sequences are others. On CTRL_RX alone.
+void rx_msg_new_lead();
 
 // All below are called with the database locked.
 

@@ -203,9 +203,13 @@ class Programs:
 
     def push(self, host, root, *arguments, paths=(".",), to=1, timeout=300):
         """Pushes and waits. The result has .returncode, .events (of --json) and .stderr."""
-        result = host.run([self.lead, "--interface", host.address, "--location", f"{to}={root}",
-                           "--json", "push", *arguments, *paths],
-                          capture_output=True, text=True, timeout=timeout)
+        try:
+            result = host.run([self.lead, "--interface", host.address, "--location", f"{to}={root}",
+                               "--json", "push", *arguments, *paths],
+                              capture_output=True, text=True, timeout=timeout)
+        except subprocess.TimeoutExpired as late:
+            said = (late.stdout or b"").decode(errors="replace")[-2000:]
+            raise AssertionError(f"the push did not end in {timeout} s; its last words: {said}") from late
         result.events = parse_events(result.stdout)
         return result
 

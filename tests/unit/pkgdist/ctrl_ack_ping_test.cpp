@@ -322,6 +322,15 @@ TEST_F(Ping, far_ahead_stops_at_the_limit_of_entries) {
   EXPECT_EQ(logs::count("bytes for CTRL_RECV_RX_OOS_MSG failed"), 1u);
 }
 
+TEST_F(Ping, of_a_new_lead_process_asks_for_what_it_missed_when_an_old_one_filled_the_database) {
+  receive(ping(0x80000000));
+  receive(ping(0, {}, {.pid = 101}));
+  answers();
+  receive(ping(2, {}, {.pid = 101}));
+  EXPECT_EQ(answers(), (Words{"MC NACK 1 point 0", "MC NACK 2 point 0", "REPLY 0"}));
+  EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, pkgdist::kRxMsgDbLimit);
+}
+
 TEST_F(Ping, of_a_second_lead_gets_no_reply) {
   receive(ping(12, {}, {.address = kOtherAddress}));
   EXPECT_TRUE(answers().empty());
