@@ -154,7 +154,7 @@ class Collector {
     std::error_code error;
     const fs::path given(path);
     if (given.is_relative()) {
-      const fs::path place = below_root(fs::path(root_) / given);
+      fs::path place = below_root(fs::path(root_) / given);
       if (!place.empty() && fs::exists(fs::symlink_status(place, error))) return place;
     }
     return below_root(fs::absolute(given));

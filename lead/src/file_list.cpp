@@ -98,6 +98,7 @@ std::vector<uint8_t> encode_cancel(uint32_t xact) {
 std::vector<uint8_t> encode_delete(uint32_t location, const std::vector<std::string>& names) {
   using B = pkgdist_file_send_ctrl;
   std::vector<char*> texts;
+  texts.reserve(names.size());
   for (const std::string& name : names) texts.push_back(const_cast<char*>(name.c_str()));
   B body{};
   qidl::set<&B::operation>(body, PKGDIST_FILE_SEND_DELETE);
