@@ -275,7 +275,7 @@ bool PushJob::pick_file() {
   }
 }
 
-void PushJob::start_file(uint32_t file, std::vector<NodeIndex> nodes) {
+void PushJob::start_file(uint32_t file, const std::vector<NodeIndex>& nodes) {
   active_[file] = data_.start({request_.location, request_.files[file].name}, request_.priority,
                               file, nodes, now_);
 }

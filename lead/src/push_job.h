@@ -82,7 +82,7 @@ class PushJob {
   uint32_t piece_of(uint32_t file) const;
   uint64_t bytes_in_transfer(const Member& one) const;
   bool fits_ahead(uint32_t piece) const;
-  void start_file(uint32_t file, std::vector<NodeIndex> nodes);
+  void start_file(uint32_t file, const std::vector<NodeIndex>& nodes);
   void flush_relists();
   void finish_if_ended();
   void finish();

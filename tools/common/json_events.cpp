@@ -5,7 +5,7 @@
 
 namespace pkgdist::cli {
 
-void JsonEvents::print(const std::string& event, nlohmann::ordered_json fields) const {
+void JsonEvents::print(const std::string& event, const nlohmann::ordered_json& fields) const {
   if (!enabled_) return;
   const std::chrono::duration<double> time = std::chrono::system_clock::now().time_since_epoch();
   nlohmann::ordered_json line;

@@ -13,7 +13,7 @@ class JsonEvents {
   bool enabled() const { return enabled_; }
 
   // Nothing when not enabled. "event" and "time" (seconds since the epoch) are added to the fields.
-  void print(const std::string& event, nlohmann::ordered_json fields) const;
+  void print(const std::string& event, const nlohmann::ordered_json& fields) const;
 
  private:
   bool enabled_;
