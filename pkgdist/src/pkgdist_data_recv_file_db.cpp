@@ -303,6 +303,7 @@ void file_recv_drop_xact(Entry& entry, int32_t index) {
 
 void file_stat_expire(uint64_t now) {
   const auto is_old = [now](const Stat& entry) {
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed is out of the queue
     return elapsed(now, entry.time) > load(G_data_rto.stat_age);
   };
   while (Stat* old = G_file_stat_db.find(is_old)) {
