@@ -28,6 +28,7 @@ import time
 
 MARK = "PKGDIST_LAB"
 SUBNET = "10.71.0"
+BRIDGE = "br0"
 
 
 def available():
@@ -50,7 +51,14 @@ def enter():
 
 
 def _sh(*command):
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+    result = subprocess.run(command, capture_output=True, text=True)
+    if result.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)}: exit status {result.returncode}: {result.stderr.strip()}")
+
+
+def _delete(*command):
+    """For what may not be there: a laboratory that was built in part is taken down like a whole one."""
+    subprocess.run(command, capture_output=True)
 
 
 class Loopback:
@@ -88,13 +96,22 @@ class Host(Loopback):
     def __init__(self, name, number):
         super().__init__(f"{SUBNET}.{number}")
         self.name = name
+        self.port = f"{name}-br"
         self.prefix = ["ip", "netns", "exec", name]
-        _sh("ip", "netns", "add", name)
-        _sh("ip", "link", "add", f"{name}-br", "type", "veth", "peer", "name", "eth0", "netns", name)
-        _sh("ip", "link", "set", f"{name}-br", "master", "br0", "up")
+
+    def plug_in(self):
+        _sh("ip", "netns", "add", self.name)
+        _sh("ip", "link", "add", self.port, "type", "veth", "peer", "name", "eth0", "netns", self.name)
+        _sh("ip", "link", "set", self.port, "master", BRIDGE, "up")
         self._exec("ip", "link", "set", "lo", "up")
         self._exec("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
         self._exec("ip", "link", "set", "eth0", "up")
+
+    def unplug(self):
+        # The link goes first, and by name: with its namespace it would go some time later, when the
+        # kernel gets round to it, and the next laboratory would find its name taken.
+        _delete("ip", "link", "delete", self.port)
+        _delete("ip", "netns", "delete", self.name)
 
     def _exec(self, *command):
         _sh(*self.prefix, *command)
@@ -157,14 +174,23 @@ class Lab:
     """`others`: names of hosts beside the lead and the nodes, in `net.others`."""
 
     def __init__(self, nodes=3, others=()):
-        _sh("mount", "-t", "tmpfs", "lab", "/run")
-        os.makedirs("/run/netns", exist_ok=True)
-        _sh("ip", "link", "set", "lo", "up")
-        _sh("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
-        _sh("ip", "link", "set", "br0", "up")
         self.lead = Host("lead", 1)
         self.nodes = [Host(f"node{i + 1}", i + 2) for i in range(nodes)]
         self.others = {name: Host(name, 101 + i) for i, name in enumerate(others)}
+        try:
+            self._build()
+        except Exception:
+            self.stop()
+            raise
+
+    def _build(self):
+        _sh("mount", "-t", "tmpfs", "lab", "/run")
+        os.makedirs("/run/netns", exist_ok=True)
+        _sh("ip", "link", "set", "lo", "up")
+        _sh("ip", "link", "add", BRIDGE, "type", "bridge", "mcast_snooping", "0")
+        _sh("ip", "link", "set", BRIDGE, "up")
+        for host in self.hosts():
+            host.plug_in()
 
     def __enter__(self):
         return self
@@ -182,9 +208,9 @@ class Lab:
     def stop(self):
         self.stop_processes()
         for host in self.hosts():
-            _sh("ip", "netns", "delete", host.name)
-        _sh("ip", "link", "delete", "br0")
-        _sh("umount", "--lazy", "/run")
+            host.unplug()
+        _delete("ip", "link", "delete", BRIDGE)
+        _delete("umount", "--lazy", "/run")
 
 
 class Programs:
