@@ -112,6 +112,15 @@ void write(const TracePoint& point, const char* format, Arguments... arguments) 
     ::pkgdist::log::write(pkgdist_point, format_ __VA_OPT__(, ) __VA_ARGS__);                     \
   } while (false)
 
+#ifdef __cppcheck__  // which knows no __VA_OPT__; formats are checked by the compiler
+void pkgdist_statement(...);
+#define PKGDIST_ERR_TEXT(...) pkgdist_statement(__VA_ARGS__)
+#define PKGDIST_ERR_IN(...) pkgdist_statement(__VA_ARGS__)
+#define PKGDIST_ERR(...) pkgdist_statement(__VA_ARGS__)
+#define PKGDIST_WARN(...) pkgdist_statement(__VA_ARGS__)
+#define PKGDIST_INFO(...) pkgdist_statement(__VA_ARGS__)
+#else
+
 // An error whose text is not of the usual shape; `format` is the whole of it.
 #define PKGDIST_ERR_TEXT(format, ...)                                                     \
   PKGDIST_LOG_STATEMENT(::pkgdist::log::Ring::kErrors, ::pkgdist::log::kThresholdNotable, \
@@ -131,6 +140,8 @@ void write(const TracePoint& point, const char* format, Arguments... arguments) 
 #define PKGDIST_INFO(format, ...)                                                          \
   PKGDIST_LOG_STATEMENT(::pkgdist::log::Ring::kLibrary, ::pkgdist::log::kThresholdRoutine, \
                         format __VA_OPT__(, ) __VA_ARGS__)
+
+#endif  // __cppcheck__
 
 // The four octets of an address in host byte order, most significant first: for "%d.%d.%d.%d".
 #define PKGDIST_OCTETS(address)                                                       \
