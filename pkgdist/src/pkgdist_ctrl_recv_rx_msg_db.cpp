@@ -98,8 +98,9 @@ void pkgdist_ctrl_recv_rx_msg_db_free(CTRL_RECV_RX_MSG* entry) {
   std::free(entry);
 }
 
+// An entry has its number of segments before its bitmap, and no bitmap without memory for it.
 bool pkgdist_ctrl_recv_is_segment_set(const CTRL_RECV_RX_MSG& entry, uint32_t segment) {
-  return bit_is_set(entry.bitmap, entry.segments, segment);
+  return entry.bitmap != nullptr && bit_is_set(entry.bitmap, entry.segments, segment);
 }
 
 void pkgdist_ctrl_recv_set_segment(CTRL_RECV_RX_MSG& entry, uint32_t segment) {

@@ -56,6 +56,33 @@ TEST_F(RxScan, a_placeholder_is_asked_for_as_a_whole) {
   EXPECT_EQ(pkgdist::rx_msg_find(5, false)->nack_count, 2u);
 }
 
+// The sizes came with a first segment that found no memory for buffer or bitmap.
+TEST_F(RxScan, a_message_without_memory_for_its_first_segment_is_asked_for_by_all_its_segments) {
+  for (const unsigned buffer_or_bitmap : {2u, 3u}) {
+    reset_library();
+    set_multicast_point(4);
+    faults::fail(Call::kCalloc, buffer_or_bitmap, ENOMEM);
+    receive_middle(5);
+    ASSERT_EQ(pkgdist::rx_msg_find(5, false)->segments, 3u);
+    clock::advance(timeout());
+    scan();
+    EXPECT_EQ(answers(), (Words{"MC NACK 5 segment 0 point 4", "MC NACK 5 segment 1 point 4",
+                                "MC NACK 5 segment 2 point 4"}));
+  }
+}
+
+TEST_F(RxScan, a_cycle_asks_for_at_most_4096_segments_of_a_message) {
+  receive(
+      control({.sequence = 5, .data = "x", .segment = 1, .total_size = 5000, .segment_size = 1}));
+  clock::advance(timeout());
+  scan();
+  const Words asked = answers();
+  ASSERT_EQ(asked.size(), 4096u);
+  EXPECT_EQ(asked.front(), "MC NACK 5 segment 0 point 4");
+  EXPECT_EQ(asked.back(), "MC NACK 5 segment 4096 point 4") << "1 is there";
+  EXPECT_EQ(pkgdist::rx_msg_find(5, false)->nack_count, 1u);
+}
+
 TEST_F(RxScan, unicast_messages_are_asked_for_on_their_stream) {
   receive_with_gap(6, true);
   receive_middle(7, true);
