@@ -89,6 +89,51 @@ TEST_F(CtrlClients, detaching_what_was_never_attached_changes_nothing) {
   EXPECT_EQ(logs::count("Clean up request"), 0u);
 }
 
+// The urgency among the caller's own channels, and the room that is asked for.
+TEST_F(CtrlClients, its_channels_run_behind_priority_1_and_before_priority_3) {
+  static std::vector<int> order;
+  order.clear();
+  qitc_handle_t channels[2] = {};
+  const qitc_handler_t handlers[2] = {[](qitc_handle_t) { order.push_back(1); },
+                                      [](qitc_handle_t) { order.push_back(3); }};
+  const int priorities[2] = {1, 3};
+  ASSERT_EQ(attach_with([](const void*, uint64_t, void*) { order.push_back(2); }, 2, nullptr), 0u);
+  for (int i : {1, 0}) {
+    ASSERT_EQ(qitc_handle_create(1, 0, 0, 0, &channels[i]), 0);
+    ASSERT_EQ(levm_attach_qitc_handle(loop(), channels[i], handlers[i], priorities[i], 0, 0, 0), 0);
+    ASSERT_EQ(qitc_put(channels[i], nullptr), 0);
+  }
+  receive(control({.sequence = 1}));
+  run();
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(pkgdist::ControlSide::kChannelEntries, 576u);
+  for (const qitc_handle_t channel : channels) qitc_handle_destroy(channel);
+}
+
+// Whoever takes the lock of one of the two databases does not hold the other's.
+TEST_F(CtrlClients, the_locks_of_contexts_and_channels_are_never_held_together) {
+  unsigned contexts = 0, channels = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    const bool is_context = mutex == &G_ctrl_recv_ctx_db.mutex;
+    if (!is_context && mutex != &G_ctrl_recv_qitc_db.mutex) return;
+    ++(is_context ? contexts : channels);
+    pthread_mutex_t* other = is_context ? &G_ctrl_recv_qitc_db.mutex : &G_ctrl_recv_ctx_db.mutex;
+    ASSERT_EQ(pthread_mutex_trylock(other), 0);
+    pthread_mutex_unlock(other);
+  });
+  ASSERT_EQ(attach_with(on_message, 2, this), 0u);
+  ASSERT_EQ(instcomm_pkgdist_ctrl_register_lead_change(loop(), on_lead_change, this), 0u);
+  ASSERT_EQ(instcomm_pkgdist_ctrl_send_lead_msg("x", 1, 1, loop(), on_status, this), 0u);
+  receive(control({.sequence = 1}));
+  receive(lead_ack(1), true);
+  run();
+  EXPECT_EQ(detach(2), 0u);
+  faults::clear();
+  EXPECT_EQ(messages().size() + statuses().size() + lead_changes().size(), 3u);
+  EXPECT_GT(contexts, 8u);
+  EXPECT_GT(channels, 8u);
+}
+
 // --- Attaching again ---
 
 TEST_F(CtrlClients, attaching_again_replaces_the_client_and_counts_the_channel_up) {

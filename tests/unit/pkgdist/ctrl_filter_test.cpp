@@ -95,6 +95,18 @@ TEST_F(Filter, a_rejected_message_of_many_segments_is_counted_for_each) {
   EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, 0u);
 }
 
+TEST_F(Filter, a_segment_for_others_takes_the_partial_message_with_it) {
+  set_multicast_point(4);
+  receive(control({.sequence = 5, .data = std::string(1390, 'x'), .total_size = 2780}));
+  ASSERT_NE(pkgdist::rx_msg_find(5, false), nullptr);
+  receive(control({.sequence = 5, .segment = 1, .total_size = 2780, .card_class = 1}));
+  EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, 0u);
+  EXPECT_EQ(value(CrtCounter::kMcCardClassDrop), 1u);
+  EXPECT_EQ(value(CrsCounter::kRxDeleteMcMsg), 1u);
+  EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 5u);
+  EXPECT_TRUE(answers().empty());
+}
+
 TEST_F(Filter, a_rejected_placeholder_is_removed_and_moves_the_point) {
   set_multicast_point(4);
   receive(control({.sequence = 7, .card_class = 3}));

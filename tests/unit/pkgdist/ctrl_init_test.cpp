@@ -147,6 +147,15 @@ TEST_F(CtrlInit, a_table_that_cannot_be_registered_is_logged_and_start_up_goes_o
   }
 }
 
+TEST_F(CtrlInit, both_lines_of_its_parameters_come_before_the_statistics) {
+  faults::fail(Call::kShipRegister, 1, ENOSPC);
+  ASSERT_EQ(start(), 0u);
+  ASSERT_GE(logs::records().size(), 3u);
+  EXPECT_EQ(logs::records()[0].text.find("CTRL recv init - mc addr"), 0u);
+  EXPECT_EQ(logs::records()[1].text.find("CTRL recv init - uc addr"), 0u);
+  EXPECT_NE(logs::records()[2].text.find("ship register failed"), std::string::npos);
+}
+
 // --- Simulated platform ---
 
 TEST_F(CtrlInit, a_real_platform_keeps_the_time_outs) {
@@ -171,6 +180,16 @@ TEST_F(CtrlInit, a_simulated_platform_stretches_five_fields_tenfold_on_every_cal
   EXPECT_EQ(G_ctrl_rto.lead_silence_timeout, 750 * kSecond);
   EXPECT_EQ(G_ctrl_rto.max_retries, 5u);
   EXPECT_EQ(G_ctrl_rto.rx_socket_buffer, 524'288u);
+}
+
+TEST_F(CtrlInit, the_time_outs_are_stretched_before_the_sockets_also_when_these_fail) {
+  setenv("PKGDIST_SIM_PLATFORM", "1", 1);
+  faults::fail(Call::kSocket, 1, EMFILE);
+  EXPECT_EQ(start(), PKGDIST_ERR_SYSTEM);
+  EXPECT_EQ(G_ctrl_rto.rx_select_timeout, 1'250'000u);
+  faults::fail(Call::kTraceOpen, 1);
+  EXPECT_EQ(start(), PKGDIST_ERR_SYSTEM);
+  EXPECT_EQ(G_ctrl_rto.rx_select_timeout, 1'250'000u) << "a start-up that ends earlier does not";
 }
 
 // --- Bringing up the channel ---

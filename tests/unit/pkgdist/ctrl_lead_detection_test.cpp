@@ -230,6 +230,15 @@ TEST_F(LeadDetection, a_new_lead_and_process_are_counted_as_a_new_lead_only) {
   EXPECT_EQ(G_lead_pid, 200u);
 }
 
+TEST_F(LeadDetection, a_new_process_without_address_is_one_of_the_known_lead) {
+  set_multicast_point(40);
+  receive(ping(7, {}, {.address = 0, .pid = 102}));
+  EXPECT_EQ(G_lead_pid, 102u);
+  EXPECT_EQ(G_lead_uc_addr, kLeadAddress);
+  EXPECT_TRUE(logs::contains("New Lead pid '102' on ctrl mcast for ip '127.0.0.1' (9/8/7)\n"));
+  EXPECT_EQ(answers(), (Words{"REPLY 7"}));
+}
+
 // --- A second lead ---
 
 TEST_F(LeadDetection, a_second_lead_is_dropped_while_the_first_is_heard) {
@@ -242,6 +251,14 @@ TEST_F(LeadDetection, a_second_lead_is_dropped_while_the_first_is_heard) {
   EXPECT_EQ(G_lead_uc_addr, kLeadAddress);
   EXPECT_EQ(G_ctrl_mc_last_sequence, 0u);
   EXPECT_TRUE(answers().empty());
+}
+
+TEST_F(LeadDetection, nothing_that_a_second_lead_says_of_itself_is_kept) {
+  receive(ping(9, {}, {.address = kOtherAddress, .pid = 200, .node_id = 0x010203}));
+  EXPECT_EQ(G_lead_pid, 100u);
+  EXPECT_EQ(G_lead_msg_nodeid, 0u);
+  EXPECT_EQ(lead_text(), "9/8/7");
+  EXPECT_EQ(value(CrsCounter::kNewPid), 0u);
 }
 
 TEST_F(LeadDetection, a_second_lead_does_not_restart_the_clock_of_silence) {
@@ -315,6 +332,26 @@ TEST_F(LeadDetection, the_client_hears_of_first_lead_new_process_and_failover) {
   EXPECT_EQ(lead_changes(),
             (std::vector<LeadChange>{
                 {kLeadAddress, 5, false}, {kLeadAddress, 6, false}, {kOtherAddress, 200, true}}));
+}
+
+// Both see the new lead with its sequences: files are asked for first, then the client is told.
+TEST_F(LeadDetection, the_data_side_hears_of_a_new_lead_before_the_client) {
+  add_wanted_file();
+  register_lead_change();
+  silence();
+  std::vector<const char*> order;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    const bool data_side = mutex == &G_file_recv_db.mutex;
+    if (!data_side && mutex != &G_ctrl_recv_ctx_db.mutex) return;
+    if (order.empty() || !data_side) order.push_back(data_side ? "data side" : "client");
+    EXPECT_EQ(G_lead_uc_addr, kOtherAddress);
+    EXPECT_EQ(G_ctrl_mc_last_sequence, 30u);
+    EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 30u);
+  });
+  EXPECT_FALSE(pkgdist_ctrl_recv_process_hdr(
+      ctrl_header(ping(30, {}, {.address = kOtherAddress, .pid = 200})), true));
+  faults::clear();
+  EXPECT_EQ(order, (std::vector<const char*>{"data side", "client"}));
 }
 
 TEST_F(LeadDetection, nobody_is_told_while_nobody_is_registered) {

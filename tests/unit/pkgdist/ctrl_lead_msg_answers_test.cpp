@@ -47,6 +47,17 @@ TEST_F(LeadMsg, an_ack_of_the_lead_ends_the_message_with_success) {
   EXPECT_TRUE(G_ctrl_recv_ctx_db.empty());
 }
 
+TEST_F(LeadMsg, the_time_to_the_ack_is_counted_from_the_first_send) {
+  send_one();
+  clock::advance(timeout());
+  scan();
+  clock::advance(2 * kSecond);
+  receive(lead_ack(1), true);
+  const auto* buckets = static_cast<const uint32_t*>(pkgdist_crt_ship_histogram_hdl);
+  const auto row = static_cast<uint32_t>(CrtHistogram::kUcAckTime);
+  EXPECT_EQ(buckets[8 * row + 6], 1u) << "2.5 s";
+}
+
 TEST_F(LeadMsg, an_ack_of_a_message_without_callback_ends_it_silently) {
   ASSERT_EQ(instcomm_pkgdist_ctrl_send_lead_msg("x", 1, 1, nullptr, nullptr, nullptr), 0u);
   receive(lead_ack(1), true);
@@ -117,6 +128,14 @@ TEST_F(LeadMsg, a_nack_with_segment_repeats_that_one_without_the_mark) {
   EXPECT_EQ(entry().retransmits[2].last, clock::now());
   EXPECT_EQ(entry().retransmits[0].count, 0u);
   EXPECT_EQ(entry().last_send, clock::now());
+}
+
+TEST_F(LeadMsg, the_mark_of_a_repetition_stays_with_the_segment) {
+  send_three();
+  receive(lead_nack(1), true);
+  wire::take();
+  receive(lead_nack(1, 2), true);
+  EXPECT_EQ(answers(), (Words{all_again_[2]}));
 }
 
 TEST_F(LeadMsg, a_segment_0_that_is_asked_for_is_one_segment) {

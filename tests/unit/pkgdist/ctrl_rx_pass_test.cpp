@@ -79,6 +79,13 @@ TEST_F(CtrlRxPass, reads_no_more_than_1472_bytes_of_a_datagram) {
   EXPECT_EQ(sizeof G_ctrl_recv_rx_buffer, 1472u);
 }
 
+TEST_F(CtrlRxPass, waits_for_the_time_of_the_table) {
+  G_ctrl_rto.rx_select_timeout = 1'250'000;
+  unicast(control({.sequence = 5}));
+  pass();
+  EXPECT_EQ(faults::select_wait(), 1'250'000u);
+}
+
 // --- The scan ---
 
 TEST_F(CtrlRxPass, scans_a_quiet_channel_once_per_interval) {

@@ -185,6 +185,27 @@ TEST_F(Sequencing, a_unicast_delivery_leaves_the_acknowledgement_point_alone) {
   EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 4u);
 }
 
+TEST_F(Sequencing, an_old_unicast_sequence_without_the_mark_of_retransmission_is_new) {
+  G_ctrl_uc_last_sequence = 9;
+  receive(control({.sequence = 7, .data = "again"}), true);
+  run();
+  EXPECT_EQ(messages(), (Words{"again"}));
+  EXPECT_EQ(answers(), (Words{"UC ACK 7"}));
+  EXPECT_EQ(G_ctrl_uc_last_sequence, 9u);
+}
+
+// A caller that hears of a message may rely on it: the lead is told afterwards.
+TEST_F(Sequencing, a_message_is_queued_for_its_client_before_it_is_acknowledged) {
+  std::vector<const char*> order;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_ctrl_recv_qitc_db.mutex && wire::sent().empty()) order.push_back("queue");
+  });
+  receive(control({.sequence = 1}));
+  faults::clear();
+  EXPECT_EQ(order.size(), 2u) << "looked for and put, both before anything was sent";
+  EXPECT_EQ(answers().size(), 1u);
+}
+
 // --- The ends of the range ---
 
 TEST_F(Sequencing, the_largest_sequence_is_next_in_order) {
@@ -214,6 +235,14 @@ TEST_F(Sequencing, behind_the_largest_sequence_0_is_next_and_all_others_are_old)
   EXPECT_EQ(G_ctrl_mc_last_sequence, kMax) << "there is no comparison across the wrap";
   EXPECT_EQ(value(CrtCounter::kMcDupDropRecv), 1u);
   EXPECT_EQ(value(CrtCounter::kMcOutOfSeqRecv), 0u);
+}
+
+TEST_F(Sequencing, behind_the_largest_unicast_sequence_0_is_next_and_starts_the_stream_anew) {
+  G_ctrl_uc_last_sequence = kMax;
+  receive(control({.sequence = 0}), true);
+  EXPECT_EQ(G_ctrl_uc_last_sequence, 0u);
+  receive(control({.sequence = 500}), true);
+  EXPECT_EQ(answers(), (Words{"UC ACK 0", "UC ACK 500"})) << "nothing is asked for";
 }
 
 TEST_F(Sequencing, the_largest_sequence_seen_with_an_open_gap_keeps_the_point) {

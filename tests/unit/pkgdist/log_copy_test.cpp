@@ -97,6 +97,30 @@ TEST_F(LogCopy, an_unreadable_clock_gives_the_unknown_time_and_a_second_separato
             std::string("DEBUG <Unknown Time>       : .000 : ") + kError);
 }
 
+TEST_F(LogCopy, the_time_is_that_of_the_place_with_milliseconds) {
+  setenv("TZ", "TST-05:45", 1);
+  tzset();
+  const auto milliseconds = [] {
+    timespec now{};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+  };
+  const int64_t before = milliseconds();
+  const std::string text = copies_of(1, 0, log_error);
+  const int64_t after = milliseconds();
+
+  const auto seconds = static_cast<time_t>(before / 1000);
+  tm printed{};
+  ASSERT_NE(localtime_r(&seconds, &printed), nullptr);  // the year is not in the text
+  const char* rest = strptime(text.c_str(), "DEBUG %b %d %H:%M:%S.", &printed);
+  ASSERT_NE(rest, nullptr) << text;
+  const int64_t copied = int64_t{mktime(&printed)} * 1000 + std::atoi(rest);
+  EXPECT_LE(before, copied);
+  EXPECT_LE(copied, after);
+  unsetenv("TZ");
+  tzset();
+}
+
 TEST_F(LogCopy, the_trace_record_is_written_whatever_the_level) {
   copies_of(0, 0, log_error);
   EXPECT_TRUE(logs::contains("ERR:instcomm_pkgdist_ctrl_mc_hdlr_attach: levm passed is NULL\n"));

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "pkgdist_stats.h"
+#include "platform/inst_common.h"
 #include "recv_support.h"
 
 using namespace pkgdist;
@@ -70,6 +71,14 @@ TEST_F(Stats, each_addition_takes_the_lock_once) {
   counter_add(&counter, 1);
   EXPECT_EQ(faults::calls(Call::kMutexLock), 1u);
   EXPECT_EQ(faults::calls(Call::kMutexUnlock), 1u);
+}
+
+TEST_F(Stats, the_lock_of_an_addition_is_the_installers) {
+  const pthread_mutex_t* taken = nullptr;
+  faults::on_lock([&](const pthread_mutex_t* mutex) { taken = mutex; });
+  count(CrtCounter::kSelectFail);
+  faults::clear();
+  EXPECT_EQ(taken, &atomic_mutex);
 }
 
 TEST_F(Stats, without_a_table_nothing_is_counted_or_locked) {
