@@ -1,10 +1,19 @@
-// A whole cluster under a virtual clock: the lead's real core, modelled nodes, a network in memory
-// with a loss model for each node and direction. Time jumps from event to event.
+// A whole cluster under a virtual clock: the lead's real core, nodes, a network in memory with a
+// loss model for each node and direction. Time jumps from event to event.
+//
+// A cluster is made of one kind of node: modelled ones (LeadCluster, below) or the real library.
+// A kind brings
+//   Storage                 what outlives the node's process
+//   on_control, on_data     a datagram that arrives
+//   run, next_deadline      time
+// and a maker that starts a process on a host.
 #pragma once
 
 #include <array>
+#include <functional>
 #include <memory>
 #include <queue>
+#include <set>
 #include <vector>
 
 #include "loss_model.h"
@@ -17,9 +26,20 @@ namespace pkgdist::test {
 inline constexpr uint32_t kLeadAddress = 0x0A000001;  // 10.0.0.1
 inline constexpr uint32_t kLeadPid = 4711;
 
-class LeadCluster {
+template <class Node>
+class Cluster {
  public:
-  explicit LeadCluster(lead::Settings settings = default_settings()) { add_lead(settings); }
+  // Where a process starts, and how it sends: on a channel, to the lead at an address.
+  struct Place {
+    size_t index = 0;
+    uint32_t address = 0;
+    uint32_t pid = 0;
+    uint64_t now = 0;
+  };
+  using Send = std::function<void(lead::Channel, uint32_t lead, Bytes)>;
+  using Maker = std::function<std::unique_ptr<Node>(const Place&, typename Node::Storage&, Send)>;
+
+  explicit Cluster(Maker maker) : maker_(std::move(maker)) {}
 
   static lead::Settings default_settings() {
     lead::Settings settings;
@@ -34,8 +54,8 @@ class LeadCluster {
   struct Host {
     uint32_t address = 0;
     uint32_t pid = 0;
-    Disk disk;
-    std::unique_ptr<ModelNode> node;  // null while no process runs
+    typename Node::Storage disk;
+    std::unique_ptr<Node> node;  // null while no process runs
     Path down, up;
   };
 
@@ -51,26 +71,38 @@ class LeadCluster {
   void start_node(size_t index) {
     Host& host = *hosts_[index];
     host.pid = ++next_pid_;
-    host.node = std::make_unique<ModelNode>(
-        ModelNode::Identity{host.address, host.pid, static_cast<uint32_t>(index + 1) << 8, 7},
-        host.disk,
-        [this, index](ModelNode::To to, Bytes bytes) { from_node(index, to, std::move(bytes)); });
+    host.node = maker_({index, host.address, host.pid, now_}, host.disk,
+                       [this, index](lead::Channel channel, uint32_t lead, Bytes bytes) {
+                         from_node(index, channel, lead, std::move(bytes));
+                       });
   }
   void stop_node(size_t index) { hosts_[index]->node.reset(); }
 
   // Random loss of what nodes receive and of what the lead receives.
   void set_loss(double down, double up, uint64_t seed) {
     for (size_t i = 0; i < hosts_.size(); ++i) {
-      if (down > 0) hosts_[i]->down.with<RandomLoss>(down, seed * 1000 + i);
-      if (up > 0) hosts_[i]->up.with<RandomLoss>(up, seed * 2000 + i);
+      Host& host = *hosts_[i];
+      if (down > 0) host.down.template with<RandomLoss>(down, seed * 1000 + i);
+      if (up > 0) host.up.template with<RandomLoss>(up, seed * 2000 + i);
     }
   }
 
-  // A host with a lead; several hear each other on the group.
-  size_t add_lead(const lead::Settings& settings) {
+  // Takes a host and a lead apart, or two leads, or puts them together again. What is on the way
+  // arrives.
+  void cut(size_t host, size_t lead, bool apart) { set_cut(cut_hosts_, {host, lead}, apart); }
+  void cut_leads(size_t one, size_t other, bool apart) {
+    set_cut(cut_leads_, {one, other}, apart);
+    set_cut(cut_leads_, {other, one}, apart);
+  }
+
+  // A host with a lead; several hear each other on the group. What it and its later processes tell
+  // goes to `events`, or is gathered for seen(). Its clock is ahead of the cluster's.
+  size_t add_lead(const lead::Settings& settings, lead::Events* events = nullptr,
+                  uint64_t clock_ahead = 0) {
     Leader& leader = *leaders_.emplace_back(std::make_unique<Leader>(*this, leaders_.size()));
-    leader.address = settings.address;
-    leader.process = std::make_unique<lead::Lead>(settings, leader, store, leader);
+    leader.events = events != nullptr ? events : &leader;
+    leader.clock_ahead = clock_ahead;
+    restart_lead(settings, leaders_.size() - 1);
     return leaders_.size() - 1;
   }
   // Like kill -9.
@@ -79,15 +111,20 @@ class LeadCluster {
   void suspend_lead(size_t index, bool suspended) { leaders_[index]->suspended = suspended; }
 
   lead::Lead& lead(size_t index = 0) { return *leaders_[index]->process; }
+  bool lead_runs(size_t index) const { return leaders_[index]->process != nullptr; }
+  size_t leads() const { return leaders_.size(); }
   Host& host(size_t index) { return *hosts_[index]; }
-  ModelNode& node(size_t index) { return *hosts_[index]->node; }
+  Node& node(size_t index) { return *hosts_[index]->node; }
   size_t hosts() const { return hosts_.size(); }
   uint64_t now() const { return now_; }
+  // By the lead's clock, which is what its calls take.
+  uint64_t lead_time(size_t index) const { return now_ + leaders_[index]->clock_ahead; }
 
-  // Replaces the lead by a new process on the same address.
+  // Starts a process on the lead's host, in place of one that runs there.
   void restart_lead(const lead::Settings& settings, size_t index = 0) {
     Leader& leader = *leaders_[index];
-    leader.process = std::make_unique<lead::Lead>(settings, leader, store, leader);
+    leader.address = settings.address;
+    leader.process = std::make_unique<lead::Lead>(settings, leader, store, *leader.events);
   }
   // A datagram that somebody sends to the control group.
   void say_to_group(const Bytes& bytes) {
@@ -146,6 +183,8 @@ class LeadCluster {
   uint64_t sent_to_group() const { return sent_; }
   // Sees every datagram of the lead before the network does.
   std::function<void(lead::Channel, uint32_t, std::span<const uint8_t>)> on_sent;
+  // The same of the nodes.
+  std::function<void(size_t host, lead::Channel, const Bytes&)> on_node_sent;
 
   MemoryStore store;
 
@@ -154,7 +193,7 @@ class LeadCluster {
 
   // A host with a lead: its network, and what it tells.
   struct Leader : lead::DatagramSink, lead::Events {
-    Leader(LeadCluster& owner, size_t number) : cluster(owner), index(number) {}
+    Leader(Cluster& owner, size_t number) : cluster(owner), index(number) {}
 
     std::span<uint8_t> buffer() override { return bytes; }
     void send(lead::Channel channel, uint32_t destination, size_t length) override {
@@ -188,10 +227,12 @@ class LeadCluster {
     void role_changed(lead::Role role, uint32_t) override { seen.roles.push_back(role); }
     void other_lead_heard(uint32_t, uint32_t, uint64_t) override { ++seen.other_lead; }
 
-    LeadCluster& cluster;
+    Cluster& cluster;
     const size_t index;
     uint32_t address = 0;
+    uint64_t clock_ahead = 0;
     bool suspended = false;
+    lead::Events* events = nullptr;
     std::array<uint8_t, 2048> bytes{};
     std::unique_ptr<lead::Lead> process;
     Seen seen;
@@ -219,42 +260,46 @@ class LeadCluster {
     if (on_sent) on_sent(channel, destination, content);
     const auto bytes = std::make_shared<const Bytes>(content.begin(), content.end());
     for (size_t i = 0; i < hosts_.size(); ++i)
-      if (destination == lead::kGroup || destination == hosts_[i]->address)
+      if ((destination == lead::kGroup || destination == hosts_[i]->address) &&
+          !cut_hosts_.contains({i, index}))
         carry(i, kToNode, channel, hosts_[i]->down, bytes, 0, destination != lead::kGroup);
     if (channel != lead::Channel::kControl || destination != lead::kGroup) return;
     for (size_t i = 0; i < leaders_.size(); ++i)
-      if (leaders_.size() > 1 || i != index) overhear(i, bytes);
+      if ((leaders_.size() > 1 || i != index) && !cut_leads_.contains({index, i}))
+        overhear(i, bytes);
   }
   void overhear(size_t index, const std::shared_ptr<const Bytes>& bytes) {
     carry(index, kOverheard, lead::Channel::kOverheard, leaders_[index]->overheard, bytes);
   }
-  void from_node(size_t index, ModelNode::To to, Bytes bytes) {
-    const auto channel =
-        to == ModelNode::To::kControl ? lead::Channel::kControl : lead::Channel::kData;
+  void from_node(size_t index, lead::Channel channel, uint32_t lead, Bytes bytes) {
+    if (on_node_sent) on_node_sent(index, channel, bytes);
+    for (size_t i = 0; i < leaders_.size(); ++i)
+      if (leaders_[i]->address == lead && cut_hosts_.contains({index, i})) return;
     carry(index, kToLead, channel, hosts_[index]->up,
-          std::make_shared<const Bytes>(std::move(bytes)), hosts_[index]->node->lead());
+          std::make_shared<const Bytes>(std::move(bytes)), lead);
   }
   void carry(size_t receiver, To to, lead::Channel channel, Path& path,
              const std::shared_ptr<const Bytes>& bytes, uint32_t lead = 0, bool unicast = false) {
     const Fate fate = path.next();
     if (fate.dropped) return;
-    for (int i = 0; i < fate.copies; ++i)
-      packets_.push({now_ + kLatency + fate.extra_delay_ns, ++order_, receiver, to, channel, lead,
-                     unicast, bytes});
+    uint64_t at = now_ + kLatency + fate.extra_delay_ns;
+    for (int i = 0; i < fate.copies; ++i, at += fate.copy_delay_ns)
+      packets_.push({at, ++order_, receiver, to, channel, lead, unicast, bytes});
   }
 
   void deliver(const Packet& packet) {
     if (packet.to == kOverheard) {
       Leader& leader = *leaders_[packet.receiver];
       if (leader.process && !leader.suspended)
-        leader.process->on_datagram(packet.channel, *packet.bytes, 0, now_);
+        leader.process->on_datagram(packet.channel, *packet.bytes, 0, now_ + leader.clock_ahead);
       return;
     }
     Host& host = *hosts_[packet.receiver];
     if (packet.to == kToLead) {
       for (const auto& leader : leaders_)
         if (leader->address == packet.lead && leader->process && !leader->suspended)
-          leader->process->on_datagram(packet.channel, *packet.bytes, host.address, now_);
+          leader->process->on_datagram(packet.channel, *packet.bytes, host.address,
+                                       now_ + leader->clock_ahead);
     } else if (host.node && packet.channel == lead::Channel::kControl) {
       host.node->on_control(*packet.bytes, now_, packet.unicast);
     } else if (host.node) {
@@ -262,11 +307,21 @@ class LeadCluster {
     }
   }
 
+  uint64_t deadline_of(const Leader& leader) const {
+    return leader.process->next_deadline(now_ + leader.clock_ahead) - leader.clock_ahead;
+  }
+  static void set_cut(std::set<std::pair<size_t, size_t>>& cuts, std::pair<size_t, size_t> two,
+                      bool apart) {
+    if (apart)
+      cuts.insert(two);
+    else
+      cuts.erase(two);
+  }
+
   void step(uint64_t end) {
     uint64_t next = end;
     for (const auto& leader : leaders_)
-      if (leader->process && !leader->suspended)
-        next = std::min(next, leader->process->next_deadline(now_));
+      if (leader->process && !leader->suspended) next = std::min(next, deadline_of(*leader));
     for (const auto& host : hosts_)
       if (host->node) next = std::min(next, host->node->next_deadline());
     if (!packets_.empty()) next = std::min(next, packets_.top().at);
@@ -281,8 +336,8 @@ class LeadCluster {
     bool due = false;
     for (const auto& leader : leaders_) {
       if (!leader->process || leader->suspended) continue;
-      leader->process->run(now_);
-      due |= leader->process->next_deadline(now_) <= now_;
+      leader->process->run(now_ + leader->clock_ahead);
+      due |= deadline_of(*leader) <= now_;
     }
     // A lead that is due without getting on would stop the clock.
     if (due) ++now_;
@@ -292,9 +347,35 @@ class LeadCluster {
   uint64_t order_ = 0;
   uint64_t sent_ = 0;
   uint32_t next_pid_ = 100;
+  const Maker maker_;
+  std::set<std::pair<size_t, size_t>> cut_hosts_;  // (host, lead)
+  std::set<std::pair<size_t, size_t>> cut_leads_;
   std::vector<std::unique_ptr<Host>> hosts_;
   std::vector<std::unique_ptr<Leader>> leaders_;
   std::priority_queue<Packet, std::vector<Packet>, std::greater<>> packets_;
+};
+
+// With modelled nodes, and one lead from the start.
+class LeadCluster : public Cluster<ModelNode> {
+ public:
+  explicit LeadCluster(lead::Settings settings = default_settings()) : Cluster(make_node) {
+    add_lead(settings);
+  }
+
+ private:
+  static std::unique_ptr<ModelNode> make_node(const Place& place, Disk& disk, Send send) {
+    const ModelNode::Identity identity{place.address, place.pid,
+                                       static_cast<uint32_t>(place.index + 1) << 8, 7};
+    const auto node = std::make_shared<ModelNode*>(nullptr);
+    auto made = std::make_unique<ModelNode>(
+        identity, disk, [node, send = std::move(send)](ModelNode::To to, Bytes bytes) {
+          const bool control = to == ModelNode::To::kControl;
+          send(control ? lead::Channel::kControl : lead::Channel::kData, (*node)->lead(),
+               std::move(bytes));
+        });
+    *node = made.get();
+    return made;
+  }
 };
 
 // `size` bytes that differ from place to place and from seed to seed.

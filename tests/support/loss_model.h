@@ -16,6 +16,7 @@ struct Fate {
   bool dropped = false;
   int copies = 1;               // more than one: duplicated
   uint64_t extra_delay_ns = 0;  // overtaken by what is sent later
+  uint64_t copy_delay_ns = 0;   // of each copy behind the one before it
 };
 
 class LossModel {
@@ -99,6 +100,40 @@ class RandomReorder : public LossModel {
   std::uniform_real_distribution<double> uniform_{0, 1};
 };
 
+// A delay of each datagram between none and a most, as on a path of many hops.
+class Jitter : public LossModel {
+ public:
+  Jitter(uint64_t most_ns, uint64_t seed) : delay_(0, most_ns), random_(seed) {}
+  void decide(Fate& fate) override { fate.extra_delay_ns += delay_(random_); }
+
+ private:
+  std::uniform_int_distribution<uint64_t> delay_;
+  std::mt19937_64 random_;
+};
+
+// Copies come later than what they are copies of, by up to so much.
+class LateCopies : public LossModel {
+ public:
+  LateCopies(uint64_t most_ns, uint64_t seed) : delay_(0, most_ns), random_(seed) {}
+  void decide(Fate& fate) override {
+    if (fate.copies > 1) fate.copy_delay_ns += delay_(random_);
+  }
+
+ private:
+  std::uniform_int_distribution<uint64_t> delay_;
+  std::mt19937_64 random_;
+};
+
+// Drops everything while its owner says so.
+class Outage : public LossModel {
+ public:
+  explicit Outage(std::shared_ptr<const bool> down) : down_(std::move(down)) {}
+  void decide(Fate& fate) override { fate.dropped |= *down_; }
+
+ private:
+  std::shared_ptr<const bool> down_;
+};
+
 // Several models one after the other.
 class Path {
  public:
@@ -107,6 +142,7 @@ class Path {
     models_.push_back(std::make_shared<Model>(std::forward<Args>(args)...));
     return *this;
   }
+  void clear() { models_.clear(); }
   Fate next() {
     Fate fate;
     for (const auto& model : models_) model->decide(fate);

@@ -52,7 +52,9 @@ class MemoryStore : public lead::ContentStore {
  private:
   class Reader : public lead::Content {
    public:
-    Reader(const Bytes& bytes, uint64_t broken_from) : bytes_(bytes), broken_from_(broken_from) {}
+    // A copy: what is open stays as it was when the file is replaced.
+    Reader(Bytes bytes, uint64_t broken_from)
+        : bytes_(std::move(bytes)), broken_from_(broken_from) {}
     int read(uint64_t offset, std::span<uint8_t> out) override {
       if (offset >= broken_from_ || offset + out.size() > bytes_.size()) return EIO;
       std::copy_n(bytes_.begin() + static_cast<ptrdiff_t>(offset), out.size(), out.begin());
@@ -60,7 +62,7 @@ class MemoryStore : public lead::ContentStore {
     }
 
    private:
-    const Bytes& bytes_;
+    const Bytes bytes_;
     uint64_t broken_from_;
   };
 

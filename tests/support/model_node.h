@@ -36,6 +36,7 @@ inline std::string disk_key(uint32_t location, const std::string& name) {
 
 class ModelNode {
  public:
+  using Storage = Disk;
   enum class To { kControl, kData };
   using Send = std::function<void(To, Bytes)>;
 

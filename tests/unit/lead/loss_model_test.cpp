@@ -53,5 +53,41 @@ TEST(LossModel, models_compose) {
   EXPECT_EQ(fates(path, 3), "x22");
 }
 
+TEST(LossModel, jitter_delays_within_its_bound_and_repeats_with_its_seed) {
+  Path a, b;
+  a.with<Jitter>(1000u, 1u);
+  b.with<Jitter>(1000u, 1u);
+  uint64_t least = UINT64_MAX, most = 0;
+  for (int i = 0; i < 1000; ++i) {
+    const uint64_t delay = a.next().extra_delay_ns;
+    EXPECT_EQ(delay, b.next().extra_delay_ns);
+    least = std::min(least, delay);
+    most = std::max(most, delay);
+  }
+  EXPECT_LT(least, 50u);
+  EXPECT_GT(most, 950u);
+  EXPECT_LE(most, 1000u);
+}
+
+TEST(LossModel, only_copies_come_late) {
+  Path single, twice;
+  single.with<LateCopies>(1000u, 1u);
+  twice.with<RandomDuplicate>(1.0, 1u).with<LateCopies>(1000u, 1u);
+  EXPECT_EQ(single.next().copy_delay_ns, 0u);
+  EXPECT_NE(twice.next().copy_delay_ns, 0u);
+  EXPECT_EQ(twice.next().extra_delay_ns, 0u);
+}
+
+TEST(LossModel, an_outage_drops_while_it_lasts) {
+  const auto down = std::make_shared<bool>(false);
+  Path path;
+  path.with<Outage>(down);
+  EXPECT_EQ(fates(path, 1), "1");
+  *down = true;
+  EXPECT_EQ(fates(path, 2), "xx");
+  *down = false;
+  EXPECT_EQ(fates(path, 1), "1");
+}
+
 }  // namespace
 }  // namespace pkgdist::test
