@@ -11,7 +11,7 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TABLE = ROOT / "docs" / "promises.md"
 
-GTEST = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)", re.MULTILINE)
+GTEST = re.compile(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)", re.MULTILINE)
 CTEST = re.compile(r"\badd_test\(\s*NAME\s+(\S+)")
 PYTHON_CLASS = re.compile(r"^class\s+(\w+)")
 PYTHON_TEST = re.compile(r"^    def\s+(test_\w+)")
@@ -104,8 +104,9 @@ class Check(unittest.TestCase):
 
     def test_tests_are_read_from_every_kind_of_source(self):
         self.assertEqual(
-            cpp_tests("TEST(A, b) {\nTEST_F(C, d) {\nTEST_P(\n    E,\n    f) {\n// TEST(G, h)\n"),
-            {"A.b", "C.d", "E.f"},
+            cpp_tests("TEST(A, b) {\nTEST_F(C, d) {\nTEST_P(\n    E,\n    f) {\n// TEST(G, h)\n")
+            | cpp_tests("TYPED_TEST(I, j) {\nTYPED_TEST_SUITE(K, l);\n"),
+            {"A.b", "C.d", "E.f", "I.j"},
         )
         self.assertEqual(
             python_tests("class A(Base):\n    def test_b(self):\n    def helper(self):\n"),
