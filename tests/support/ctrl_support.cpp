@@ -98,8 +98,9 @@ std::string words_of(const Sent& sent) {
   }
 }
 
-// Channels that outlive their contexts: each repeated attach holds its channel once more.
-void drop_channels() {
+}  // namespace
+
+void drop_control_channels() {
   while (ControlCallbackChannel* channel = G_ctrl_recv_qitc_db.head) {
     G_ctrl_recv_qitc_db.remove(channel);
     void* entry = nullptr;
@@ -109,8 +110,6 @@ void drop_channels() {
     std::free(channel);
   }
 }
-
-}  // namespace
 
 Bytes ping(uint32_t sequence, std::optional<uint64_t> status, const Sender& from) {
   Header header = header_of(PKGDIST_CTRL_MSG_PING, sequence, from);
@@ -166,7 +165,7 @@ void CtrlTest::SetUp() {
 void CtrlTest::TearDown() {
   faults::clear();
   RecvTest::TearDown();
-  drop_channels();
+  drop_control_channels();
   levm_destroy(loop_);
 }
 

@@ -45,6 +45,9 @@ Bytes lead_nack(uint32_t sequence, std::optional<uint32_t> segment = {},
 
 void receive(const Bytes& datagram, bool unicast = false);
 
+// Drops channels that outlive their contexts: each repeated attach holds its channel once more.
+void drop_control_channels();
+
 // --- What the node sent, as words ---
 // "MC ACK 5 point 4", "MC NACK 6 point 4", "MC NACK 6 segment 1 point 4", "UC ACK 5",
 // "UC NACK 6 segment 1", "REPLY 9", "REPLY 9 status 5", "MSG 1 segment 0 size 1390/2780",
@@ -62,7 +65,7 @@ struct LeadChange {
   bool operator==(const LeadChange&) const = default;
 };
 
-class CtrlTest : public RecvTest {
+class CtrlTest : public virtual RecvTest {
  protected:
   void SetUp() override;
   void TearDown() override;

@@ -152,6 +152,16 @@ void Client::done_cb(uint64_t status, uint32_t xact_id, void* ctx) {
   static_cast<Client*>(ctx)->dones.push_back({status, xact_id});
 }
 
+void drop_data_channels() {
+  while (DataCallbackChannel* channel = G_data_recv_qitc_db.head) {
+    G_data_recv_qitc_db.remove(channel);
+    void* entry = nullptr;
+    while (qitc_get(channel->qitc, &entry) == 0) DataSide::drop_entry(channel->channel_id, entry);
+    qitc_handle_destroy(channel->qitc);
+    std::free(channel);
+  }
+}
+
 void DataTest::TearDown() {
   RecvTest::TearDown();
   while (queue_link_t* link = queue_dequeue(&G_pkgdist_file_recv_q)) {
@@ -162,14 +172,7 @@ void DataTest::TearDown() {
     std::free(reinterpret_cast<Queued*>(link)->data);
     std::free(link);
   }
-  // Channels that are held once more than there are contexts, as attaching again leaves them.
-  while (DataCallbackChannel* channel = G_data_recv_qitc_db.head) {
-    G_data_recv_qitc_db.remove(channel);
-    void* entry = nullptr;
-    while (qitc_get(channel->qitc, &entry) == 0) DataSide::drop_entry(channel->channel_id, entry);
-    qitc_handle_destroy(channel->qitc);
-    std::free(channel);
-  }
+  drop_data_channels();
   close_socket(G_data_rx_socket);
   close_socket(G_data_req_socket);
 }

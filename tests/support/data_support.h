@@ -105,8 +105,11 @@ class Client {
   levm_handle_t loop_;
 };
 
+// Drops channels that are held once more than there are contexts, as attaching again leaves them.
+void drop_data_channels();
+
 // A data side at rest with one client, nothing attached yet.
-class DataTest : public RecvTest {
+class DataTest : public virtual RecvTest {
  protected:
   void TearDown() override;
 

@@ -28,32 +28,11 @@ namespace {
 std::atomic<uint64_t> now_ns{0};
 std::atomic<bool> real_time{false};
 
-struct Fault {
-  std::atomic<unsigned> calls{0};
-  std::atomic<unsigned> nth{0};  // 0: none
-  std::atomic<bool> always{false};
-  std::atomic<int> error{0};
-};
-Fault fault_table[static_cast<size_t>(Call::kCount)];
-std::atomic<unsigned> sleep_count{0};
-std::atomic<unsigned> short_write_nth{0};
-std::atomic<size_t> short_write_bytes{0};
-std::atomic<unsigned> short_send_nth{0};
-std::atomic<size_t> short_send_bytes{0};
-std::atomic<uint64_t> last_select_wait{0};
-std::function<void(const pthread_mutex_t*)> lock_hook;
-
-// The error number with which this call is to fail, or 0.
-int failing(Call call) {
-  Fault& fault = fault_table[static_cast<size_t>(call)];
-  const unsigned number = ++fault.calls;
-  return fault.always || number == fault.nth ? fault.error.load() : 0;
-}
-
 std::mutex guard;  // of the two below
 std::vector<Sent> sent_datagrams;
 std::vector<Record> log_records;
 std::atomic<bool> capturing{false};
+std::atomic<bool> keeping_logs{true};
 
 std::vector<Registration> registrations;
 std::vector<TraceOpen> opened_traces;
@@ -180,44 +159,14 @@ uint64_t clock::now() {
   (void)clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<uint64_t>(now.tv_sec) * kSecond + static_cast<uint64_t>(now.tv_nsec);
 }
+void clock::set(uint64_t nanoseconds) {
+  now_ns = nanoseconds;
+}
 void clock::advance(uint64_t nanoseconds) {
   now_ns += nanoseconds;
 }
 void clock::follow_real_time() {
   real_time = true;
-}
-
-void faults::fail(Call call, unsigned nth, int error_number) {
-  Fault& fault = fault_table[static_cast<size_t>(call)];
-  fault.calls = 0;
-  fault.nth = nth;
-  fault.error = error_number;
-}
-void faults::fail_always(Call call, int error_number) {
-  fail(call, 0, error_number);
-  fault_table[static_cast<size_t>(call)].always = true;
-}
-void faults::clear() {
-  for (Fault& fault : fault_table) {
-    fault.calls = 0;
-    fault.nth = 0;
-    fault.always = false;
-  }
-  sleep_count = 0;
-  short_write_nth = 0;
-  short_send_nth = 0;
-  lock_hook = nullptr;
-}
-unsigned faults::calls(Call call) {
-  return fault_table[static_cast<size_t>(call)].calls;
-}
-unsigned faults::sleeps() {
-  return sleep_count;
-}
-void faults::short_write(unsigned nth, size_t bytes) {
-  fault_table[static_cast<size_t>(Call::kWrite)].calls = 0;
-  short_write_nth = nth;
-  short_write_bytes = bytes;
 }
 
 std::vector<Registration>& registry::registrations() {
@@ -229,18 +178,6 @@ std::vector<TraceOpen>& registry::opened_traces() {
 std::vector<TraceEnable>& registry::enabled_traces() {
   return support::enabled_traces;
 }
-void faults::short_send(unsigned nth, size_t bytes) {
-  fault_table[static_cast<size_t>(Call::kSendto)].calls = 0;
-  short_send_nth = nth;
-  short_send_bytes = bytes;
-}
-uint64_t faults::select_wait() {
-  return last_select_wait;
-}
-void faults::on_lock(std::function<void(const pthread_mutex_t* mutex)> hook) {
-  lock_hook = std::move(hook);
-}
-
 std::vector<Sent>& wire::sent() {
   return sent_datagrams;
 }
@@ -253,12 +190,14 @@ void wire::capture(bool on) {
 }
 
 pkgdist_ctrl_msg_hdr ctrl_header(const Bytes& datagram) {
+  const faults::Paused paused;
   pkgdist_ctrl_msg_hdr header{};
   EXPECT_EQ(pkgdist::decode(datagram.data() + 4, pkgdist::header_length(datagram.data()), header),
             0);
   return header;
 }
 pkgdist_data_msg_hdr data_header(const Bytes& datagram) {
+  const faults::Paused paused;
   pkgdist_data_msg_hdr header{};
   EXPECT_EQ(pkgdist::decode(datagram.data() + 4, pkgdist::header_length(datagram.data()), header),
             0);
@@ -314,6 +253,10 @@ uint32_t samples(DrsHistogram histogram) {
   return samples_at(drs_histograms, static_cast<uint32_t>(histogram));
 }
 
+void logs::keep(bool on) {
+  keeping_logs = on;
+}
+
 void reset_library() {
   faults::clear();
   empty_databases();
@@ -365,22 +308,25 @@ void RecvTest::SetUp() {
   log_records.clear();
 }
 
+std::vector<pthread_mutex_t*> library_mutexes() {
+  return {&G_ctrl_recv_rx_msg_db.mutex,
+          &G_ctrl_recv_msg_db.mutex,
+          &G_ctrl_recv_ctx_db.mutex,
+          &G_ctrl_recv_qitc_db.mutex,
+          &G_file_stat_db.mutex,
+          &G_file_recv_db.mutex,
+          &G_data_recv_ctx_db.mutex,
+          &G_data_recv_qitc_db.mutex,
+          &G_data_rx_mutex,
+          &G_pkgdist_file_recv_mutex,
+          &atomic_mutex};
+}
+
 bool all_locks_are_free() {
-  pthread_mutex_t* const mutexes[] = {&G_ctrl_recv_rx_msg_db.mutex,
-                                      &G_ctrl_recv_msg_db.mutex,
-                                      &G_ctrl_recv_ctx_db.mutex,
-                                      &G_ctrl_recv_qitc_db.mutex,
-                                      &G_file_stat_db.mutex,
-                                      &G_file_recv_db.mutex,
-                                      &G_data_recv_ctx_db.mutex,
-                                      &G_data_recv_qitc_db.mutex,
-                                      &G_data_rx_mutex,
-                                      &G_pkgdist_file_recv_mutex,
-                                      &atomic_mutex};
-  return std::all_of(std::begin(mutexes), std::end(mutexes), [](pthread_mutex_t* mutex) {
-    if (pthread_mutex_trylock(mutex) != 0) return false;
-    faults::clear();  // the unlock is not one of the calls under test
-    return pthread_mutex_unlock(mutex) == 0;
+  const faults::Paused paused;
+  const auto mutexes = library_mutexes();
+  return std::all_of(mutexes.begin(), mutexes.end(), [](pthread_mutex_t* mutex) {
+    return pthread_mutex_trylock(mutex) == 0 && pthread_mutex_unlock(mutex) == 0;
   });
 }
 
@@ -400,7 +346,7 @@ void RecvTest::TearDown() {
 }  // namespace support
 
 using support::Call;
-using support::failing;
+using support::faults::failing;
 
 // --- Interposed platform functions ---
 
@@ -414,6 +360,7 @@ extern "C" void qtrace_internal(qtrace_handle_t handle, uint32_t point, int, int
   va_start(arguments, format);
   std::string text = support::render(signature, format, arguments);
   va_end(arguments);
+  if (!support::keeping_logs) return;
   const std::lock_guard lock(support::guard);
   support::log_records.push_back({ring == 0, point, std::move(text), signature, handle});
 }
@@ -446,18 +393,8 @@ extern "C" int qtrace_enable_configuration(qtrace_handle_t trace, uint64_t confi
   return failing(Call::kTraceEnable);
 }
 
-// --- Wrapped system calls ---
+// --- Wrapped functions of the platform and the codec ---
 
-#define PKGDIST_WRAP_ERRNO(call, type, name, parameters, arguments, failure) \
-  extern "C" type __real_##name parameters;                                  \
-  extern "C" type __wrap_##name parameters;                                  \
-  extern "C" type __wrap_##name parameters {                                 \
-    if (int error = failing(call); error != 0) {                             \
-      errno = error;                                                         \
-      return failure;                                                        \
-    }                                                                        \
-    return __real_##name arguments;                                          \
-  }
 #define PKGDIST_WRAP_RESULT(call, name, parameters, arguments) \
   extern "C" int __real_##name parameters;                     \
   extern "C" int __wrap_##name parameters;                     \
@@ -465,49 +402,34 @@ extern "C" int qtrace_enable_configuration(qtrace_handle_t trace, uint64_t confi
     if (int error = failing(call); error != 0) return error;   \
     return __real_##name arguments;                            \
   }
-
-PKGDIST_WRAP_ERRNO(Call::kMalloc, void*, malloc, (size_t size), (size), nullptr)
-PKGDIST_WRAP_ERRNO(Call::kCalloc, void*, calloc, (size_t n, size_t size), (n, size), nullptr)
-PKGDIST_WRAP_ERRNO(Call::kRealloc, void*, realloc, (void* old, size_t size), (old, size), nullptr)
-PKGDIST_WRAP_ERRNO(Call::kStrdup, char*, strdup, (const char* text), (text), nullptr)
-PKGDIST_WRAP_ERRNO(Call::kSocket, int, socket, (int domain, int type, int protocol),
-                   (domain, type, protocol), -1)
-PKGDIST_WRAP_ERRNO(Call::kSetsockopt, int, setsockopt,
-                   (int fd, int level, int option, const void* value, socklen_t size),
-                   (fd, level, option, value, size), -1)
-PKGDIST_WRAP_ERRNO(Call::kBind, int, bind, (int fd, const sockaddr* address, socklen_t size),
-                   (fd, address, size), -1)
-PKGDIST_WRAP_ERRNO(Call::kRecvfrom, ssize_t, recvfrom,
-                   (int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                    socklen_t* length),
-                   (fd, buffer, size, flags, from, length), -1)
-PKGDIST_WRAP_ERRNO(Call::kLseek, off_t, lseek, (int fd, off_t offset, int whence),
-                   (fd, offset, whence), -1)
-PKGDIST_WRAP_ERRNO(Call::kRename, int, rename, (const char* from, const char* to), (from, to), -1)
-PKGDIST_WRAP_ERRNO(Call::kUnlink, int, unlink, (const char* path), (path), -1)
-PKGDIST_WRAP_ERRNO(Call::kUtime, int, utime, (const char* path, const utimbuf* times),
-                   (path, times), -1)
-PKGDIST_WRAP_ERRNO(Call::kShmOpen, int, shm_open, (const char* name, int flags, mode_t mode),
-                   (name, flags, mode), -1)
-PKGDIST_WRAP_ERRNO(Call::kFtruncate, int, ftruncate, (int fd, off_t size), (fd, size), -1)
-PKGDIST_WRAP_ERRNO(Call::kMmap, void*, mmap,
-                   (void* at, size_t size, int protection, int flags, int fd, off_t offset),
-                   (at, size, protection, flags, fd, offset), MAP_FAILED)
-PKGDIST_WRAP_ERRNO(Call::kClockGettime, int, clock_gettime, (clockid_t id, timespec* now),
-                   (id, now), -1)
-PKGDIST_WRAP_RESULT(Call::kPthreadCreate, pthread_create,
-                    (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                     void* argument),
-                    (thread, attributes, body, argument))
-#define PKGDIST_WRAP_ENCODE(call, type)                                                            \
-  extern "C" ssize_t __real_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n);  \
-  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n);  \
-  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const type* message, uint8_t* to, size_t n) { \
-    if (int result = failing(call); result != 0) return result;                                    \
-    return __real_qidl_##type##_encode_ext(message, to, n);                                        \
+#define PKGDIST_WRAP_ENCODE(call, type)                                                       \
+  extern "C" ssize_t __real_qidl_##type##_encode_ext(const struct type* message, uint8_t* to, \
+                                                     size_t n);                               \
+  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const struct type* message, uint8_t* to, \
+                                                     size_t n);                               \
+  extern "C" ssize_t __wrap_qidl_##type##_encode_ext(const struct type* message, uint8_t* to, \
+                                                     size_t n) {                              \
+    if (int result = failing(call); result != 0) return result;                               \
+    return __real_qidl_##type##_encode_ext(message, to, n);                                   \
   }
 PKGDIST_WRAP_ENCODE(Call::kEncodeCtrlHeader, pkgdist_ctrl_msg_hdr)
 PKGDIST_WRAP_ENCODE(Call::kEncodeDataHeader, pkgdist_data_msg_hdr)
+PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_ctrl_msg)
+PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req)
+PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req_done)
+PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req_single)
+#define PKGDIST_WRAP_DECODE(type)                                                                  \
+  PKGDIST_WRAP_RESULT(                                                                             \
+      Call::kDecode, qidl_##type##_decode_ext,                                                     \
+      (const uint8_t* data, size_t length, struct type* message, const qidl_allocator* allocator), \
+      (data, length, message, allocator))
+PKGDIST_WRAP_DECODE(pkgdist_ctrl_msg_hdr)
+PKGDIST_WRAP_DECODE(pkgdist_ctrl_msg)
+PKGDIST_WRAP_DECODE(pkgdist_data_msg_hdr)
+PKGDIST_WRAP_DECODE(pkgdist_data_send_file_info)
+PKGDIST_WRAP_DECODE(pkgdist_data_send_segment)
+PKGDIST_WRAP_DECODE(pkgdist_data_send_miss_done)
+PKGDIST_WRAP_DECODE(pkgdist_file_send_ctrl)
 PKGDIST_WRAP_RESULT(Call::kQitcCreate, qitc_handle_create,
                     (uint32_t size, int a, int b, int c, qitc_handle_t* out), (size, a, b, c, out))
 PKGDIST_WRAP_RESULT(Call::kQitcPut, qitc_put, (qitc_handle_t channel, void* entry),
@@ -520,21 +442,34 @@ PKGDIST_WRAP_RESULT(Call::kLevmAttach, levm_attach_qitc_handle,
                     (levm, channel, handler, priority, a, b, c))
 PKGDIST_WRAP_RESULT(Call::kNodeidToStr, nodeid_to_str_external,
                     (nodeid_handle_t nodeid, char* buffer, size_t size), (nodeid, buffer, size))
-PKGDIST_WRAP_RESULT(Call::kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
-PKGDIST_WRAP_RESULT(Call::kCondSignal, pthread_cond_signal, (pthread_cond_t * condition),
-                    (condition))
-PKGDIST_WRAP_RESULT(Call::kCondattrInit, pthread_condattr_init, (pthread_condattr_t * attributes),
-                    (attributes))
-PKGDIST_WRAP_RESULT(Call::kCondattrSetclock, pthread_condattr_setclock,
-                    (pthread_condattr_t * attributes, clockid_t id), (attributes, id))
-PKGDIST_WRAP_RESULT(Call::kCondInit, pthread_cond_init,
-                    (pthread_cond_t * condition, const pthread_condattr_t* attributes),
-                    (condition, attributes))
-PKGDIST_WRAP_RESULT(Call::kCondTimedwait, pthread_cond_timedwait,
-                    (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* until),
-                    (condition, mutex, until))
-PKGDIST_WRAP_ERRNO(Call::kCreateDirs, int, instcomm_create_filepath_dirs, (const char* path),
-                   (path), -1)
+extern "C" int __real_qitc_handle_destroy(qitc_handle_t);
+extern "C" int __wrap_qitc_handle_destroy(qitc_handle_t);
+extern "C" int __wrap_qitc_handle_destroy(qitc_handle_t channel) {
+  const int error = failing(Call::kQitcDestroy);
+  const int result = __real_qitc_handle_destroy(channel);
+  return error != 0 ? error : result;
+}
+
+// Two helpers that fail with errno.
+extern "C" int __real_instcomm_create_filepath_dirs(const char*);
+extern "C" int __wrap_instcomm_create_filepath_dirs(const char*);
+extern "C" int __wrap_instcomm_create_filepath_dirs(const char* path) {
+  support::faults::note_path(Call::kCreateDirs, path);
+  const int error = failing(Call::kCreateDirs);
+  if (error == 0) return __real_instcomm_create_filepath_dirs(path);
+  errno = error;
+  return -1;
+}
+extern "C" int __real_inst_symlink(const char*, const char*);
+extern "C" int __wrap_inst_symlink(const char*, const char*);
+extern "C" int __wrap_inst_symlink(const char* target, const char* path) {
+  support::faults::note_path(Call::kInstSymlink, path);
+  int error = failing(Call::kInstSymlink);
+  if (error == 0 && !support::faults::allows_link(target, path)) error = EPERM;
+  if (error == 0) return __real_inst_symlink(target, path);
+  errno = error;
+  return -1;
+}
 
 extern "C" int __real_nodeid_create(uint32_t, uint32_t, uint32_t, nodeid_handle_t*);
 extern "C" int __wrap_nodeid_create(uint32_t, uint32_t, uint32_t, nodeid_handle_t*);
@@ -561,61 +496,5 @@ extern "C" ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flag
   const std::lock_guard lock(support::guard);
   support::sent_datagrams.push_back({fd, ntohl(address.sin_addr.s_addr), ntohs(address.sin_port),
                                      support::Bytes(bytes, bytes + size)});
-  const bool cut = support::faults::calls(Call::kSendto) == support::short_send_nth;
-  return static_cast<ssize_t>(cut ? std::min(size, support::short_send_bytes.load()) : size);
-}
-
-extern "C" int __real_pthread_mutex_lock(pthread_mutex_t*);
-extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t*);
-extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-  if (support::lock_hook) {
-    auto hook = std::exchange(support::lock_hook, nullptr);
-    hook(mutex);
-    support::lock_hook = std::move(hook);
-  }
-  if (int error = failing(Call::kMutexLock); error != 0) return error;
-  return __real_pthread_mutex_lock(mutex);
-}
-
-extern "C" int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
-extern "C" int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval*);
-extern "C" int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* wait) {
-  support::last_select_wait =
-      static_cast<uint64_t>(wait->tv_sec) * 1'000'000 + static_cast<uint64_t>(wait->tv_usec);
-  if (int error = failing(Call::kSelect); error != 0) {
-    errno = error;
-    return -1;
-  }
-  return __real_select(count, in, out, bad, wait);
-}
-
-extern "C" int __real_open(const char*, int, ...);
-extern "C" int __wrap_open(const char*, int, ...);
-extern "C" int __wrap_open(const char* path, int flags, ...) {
-  if (int error = failing(Call::kOpen); error != 0) {
-    errno = error;
-    return -1;
-  }
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-  va_end(arguments);
-  return __real_open(path, flags, mode);
-}
-
-extern "C" ssize_t __real_write(int, const void*, size_t);
-extern "C" ssize_t __wrap_write(int, const void*, size_t);
-extern "C" ssize_t __wrap_write(int fd, const void* data, size_t size) {
-  if (int error = failing(Call::kWrite); error != 0) {
-    errno = error;
-    return -1;
-  }
-  const bool cut = support::faults::calls(Call::kWrite) == support::short_write_nth;
-  return __real_write(fd, data, cut ? std::min(size, support::short_write_bytes.load()) : size);
-}
-
-extern "C" unsigned __wrap_sleep(unsigned);
-extern "C" unsigned __wrap_sleep(unsigned) {
-  ++support::sleep_count;
-  return 0;
+  return static_cast<ssize_t>(support::faults::cut_send(size));
 }

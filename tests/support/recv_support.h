@@ -2,17 +2,17 @@
 // read, a log that they can search, counters that they can look at, and calls that fail on demand.
 //
 // The library's objects are linked straight into the test program. The clock and the
-// trace are replaced by symbol interposition, system calls by the linker's --wrap.
+// trace are replaced by symbol interposition, system calls by the linker's --wrap (faults.h).
 // Everything here is reset by the fixture before each test.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "faults.h"
 #include "pkgdist_codec.h"
 #include "pkgdist_ctrl_recv.h"
 #include "pkgdist_ctrl_recv_ctx.h"
@@ -32,68 +32,10 @@ inline constexpr uint64_t kMillisecond = 1'000'000;
 inline constexpr uint64_t kSecond = 1'000'000'000;
 namespace clock {
 uint64_t now();
+void set(uint64_t nanoseconds);
 void advance(uint64_t nanoseconds);
 void follow_real_time();  // for real threads: from here on the process's monotonic clock
 }  // namespace clock
-
-// --- Faults: the n-th call (from 1) of a wrapped function fails, once. ---
-enum class Call {
-  kMalloc,
-  kCalloc,
-  kRealloc,
-  kStrdup,
-  kSocket,
-  kSetsockopt,
-  kBind,
-  kSendto,
-  kRecvfrom,
-  kSelect,
-  kOpen,
-  kLseek,
-  kWrite,
-  kRename,
-  kUnlink,
-  kUtime,
-  kShmOpen,
-  kFtruncate,
-  kMmap,
-  kPthreadCreate,
-  kMutexLock,
-  kMutexUnlock,
-  kCondSignal,
-  kCondattrInit,
-  kCondattrSetclock,
-  kCondInit,
-  kClockGettime,
-  // Platform calls.
-  kShipRegister,
-  kTraceOpen,
-  kTraceEnable,
-  kQitcCreate,
-  kQitcPut,
-  kQitcGet,
-  kLevmAttach,
-  kNodeidCreate,
-  kNodeidToStr,
-  kCreateDirs,
-  kCondTimedwait,
-  // Codec: the "error number" is the result, also one that is larger than the buffer.
-  kEncodeCtrlHeader,
-  kEncodeDataHeader,
-  kCount
-};
-namespace faults {
-void fail(Call call, unsigned nth = 1, int error_number = EIO);  // errno, or the returned number
-void fail_always(Call call, int error_number = EIO);
-void clear();
-unsigned calls(Call call);                     // since the last reset
-unsigned sleeps();                             // sleep() returns at once and is counted
-void short_write(unsigned nth, size_t bytes);  // the n-th write() writes only so much
-void short_send(unsigned nth, size_t bytes);   // the n-th sendto() reports only so much
-uint64_t select_wait();                        // the last select()'s time-out, microseconds
-// Called before every lock of a mutex: what another thread does at that moment. Not while it runs.
-void on_lock(std::function<void(const pthread_mutex_t* mutex)> hook);
-}  // namespace faults
 
 // --- The platform's registries: what the library asked them for. ---
 // Both are replaced: value blocks are the ones that value() and samples() read, trace handles are
@@ -147,6 +89,7 @@ template <class Body>
 struct Decoded {
   Body body{};
   explicit Decoded(const Bytes& datagram) {
+    const faults::Paused paused;
     const uint32_t at = 4 + pkgdist::header_length(datagram.data());
     EXPECT_EQ(pkgdist::decode(datagram.data() + at, datagram.size() - at, body), 0);
   }
@@ -159,6 +102,7 @@ struct Decoded {
 // Datagrams for the library, framed.
 template <class Message>
 Bytes encoded(const Message& message) {
+  const faults::Paused paused;
   const ssize_t size = pkgdist::encode(message, nullptr, 0);
   EXPECT_GE(size, 0);
   Bytes bytes(static_cast<size_t>(size));
@@ -179,6 +123,7 @@ namespace logs {
 std::vector<Record>& records();
 bool contains(const std::string& text);   // a whole text, with its newline
 unsigned count(const std::string& part);  // records that contain `part`
+void keep(bool on);                       // false: texts are made and forgotten
 }  // namespace logs
 
 // --- Counters ---
@@ -216,7 +161,11 @@ class RecvTest : public testing::Test {
 // Empties every database and resets every global to its initial value.
 void reset_library();
 
-// Whether no mutex of the library is held. The fixture demands it at the end of each test.
+// The mutexes of the library, and the installer's that it takes.
+std::vector<pthread_mutex_t*> library_mutexes();
+
+// Whether no mutex of the library is held. The fixture demands it at the end of each test. Takes
+// back every fault.
 bool all_locks_are_free();
 
 }  // namespace support
