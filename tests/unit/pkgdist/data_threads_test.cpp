@@ -31,6 +31,29 @@ TEST_F(DataThreads, the_data_socket_is_bound_to_the_group_itself) {
   EXPECT_EQ(faults::calls(Call::kSetsockopt), 3u);  // priority, buffer, membership
 }
 
+TEST_F(DataThreads, the_data_socket_has_the_receive_buffer_of_the_table) {
+  const auto buffer_of = [](int socket) {
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, &size), 0);
+    return bytes;
+  };
+  const int plain = pkgdist::udp_socket();
+  const int asked = 60'000;  // below every system's limit, and no default
+  ASSERT_EQ(pkgdist::set_socket_option(plain, SO_RCVBUF, asked), 0);
+  G_data_rto.receive_buffer = asked;
+  EXPECT_EQ(pkgdist_data_recv_rx_init(), 0u);
+  EXPECT_EQ(buffer_of(G_data_rx_socket), buffer_of(plain));
+  close(plain);
+}
+
+TEST_F(DataThreads, the_group_is_joined_on_the_nodes_own_address) {
+  G_my_node_ip = 0xC0000201;  // 192.0.2.1: nobody's
+  EXPECT_EQ(pkgdist_data_recv_rx_init(), PKGDIST_ERR_SYSTEM);
+  EXPECT_TRUE(logs::contains(
+      "ERR:pkgdist_data_recv_rx_init: data rx setsockopt ip add failed: 19(No such device)\n"));
+}
+
 TEST_F(DataThreads, an_open_data_socket_is_closed_first) {
   EXPECT_EQ(pkgdist_data_recv_rx_init(), 0u);
   EXPECT_EQ(pkgdist_data_recv_rx_init(), 0u);  // else the second bind would fail

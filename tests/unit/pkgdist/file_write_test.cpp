@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 
 #include "data_support.h"
 #include "pkgdist_data_recv_file_write.h"
@@ -26,6 +27,9 @@ class FileWrite : public DataTest {
   }
   static PkgdistStatus system_error(int error) { return PKGDIST_STATUS_FROM_ERRNO(error); }
   std::string partial() const { return path("file.tmp"); }
+  void put_object(const std::string& name, const std::string& text) const {
+    std::ofstream(memory_path(name)) << text;
+  }
 };
 
 // --- Opening on disk ---
@@ -128,6 +132,15 @@ TEST_F(FileWrite, a_memory_object_has_its_final_size_and_name_at_once) {
   EXPECT_EQ(status.st_size, 8);
   EXPECT_EQ(status.st_mode & 0777, 0777u);
   EXPECT_EQ(find("file", 2)->mapping_size, 8u);
+}
+
+TEST_F(FileWrite, an_old_memory_object_is_emptied) {
+  put_object("file", std::string(100, 'x'));
+  begin(3, "file", 2);
+  give(2);
+  Bytes expected = content(12);
+  std::fill(expected.begin(), expected.begin() + 8, uint8_t{0});
+  EXPECT_EQ(bytes_of(memory_path("file")), expected);
 }
 
 TEST_F(FileWrite, an_empty_memory_file_is_created_and_completes) {

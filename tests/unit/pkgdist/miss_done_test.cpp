@@ -138,6 +138,19 @@ TEST_F(MissDone, a_request_for_segments_that_finds_no_memory_is_not_sent) {
   EXPECT_TRUE(wire::sent().empty());
 }
 
+TEST_F(MissDone, a_request_for_segments_that_cannot_be_encoded_is_an_encode_error) {
+  faults::fail(Call::kEncodeDataHeader, 1, -3);
+  EXPECT_EQ(pkgdist_data_send_req_single(9, 100, 7), PKGDIST_ERR_ENCODE);
+  EXPECT_TRUE(
+      logs::contains("ERR:pkgdist_data_send_req_single: data req single encode failed: -3\n"));
+  faults::fail(Call::kEncodeDataHeader, 1, 15);  // three bytes more than it takes
+  EXPECT_EQ(pkgdist_data_send_req_single(9, 100, 7), PKGDIST_ERR_ENCODE);
+  EXPECT_TRUE(
+      logs::contains("ERR:pkgdist_data_send_req_single: data req single encode size '35' exceeds "
+                     "alloc size '34'\n"));
+  EXPECT_TRUE(wire::sent().empty());
+}
+
 TEST_F(MissDone, a_request_for_segments_that_cannot_be_sent_is_a_send_error) {
   faults::fail(Call::kSendto, 1, ENETUNREACH);
   EXPECT_EQ(pkgdist_data_send_req_single(9, 100, 7), PKGDIST_ERR_SEND);
