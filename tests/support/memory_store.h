@@ -30,6 +30,11 @@ class MemoryStore : public lead::ContentStore {
   void break_read(const std::string& name, uint64_t offset, uint32_t location = 1) {
     broken_from_[disk_key(location, name)] = offset;
   }
+  // Everything can be opened and read again.
+  void mend() {
+    open_errors_.clear();
+    broken_from_.clear();
+  }
   const std::map<std::string, StoredFile>& files() const { return files_; }
   size_t opened() const { return opened_; }
 
