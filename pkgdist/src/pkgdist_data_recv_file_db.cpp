@@ -81,7 +81,7 @@ void take(Stat* entry) {
 void discard_partial(Entry& entry) {
   (void)close(entry.fd);
   entry.fd = -1;
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here("pkgdist_file_recv_db_free"));
   const Entry* heir = file_recv_find(entry.path, entry.location);
   if (heir == nullptr || heir->fd == -1)
     delete_partial(entry.location, entry.path, entry.memory != 0);
@@ -90,7 +90,7 @@ void discard_partial(Entry& entry) {
 // Ends the lead's transactions among `xacts` that no file waits for any more.
 PkgdistStatus end_finished_xacts(PkgdistStatus status, const pkgdist_file_xact* xacts,
                                  int32_t count, PkgdistStatus result) {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here("pkgdist_file_recv_file_done"));
   for (int32_t i = 0; i < count; ++i) {
     if (xacts[i].kind != kFileRecvId || file_recv_holds_xact(xacts[i].xact_id)) continue;
     result =

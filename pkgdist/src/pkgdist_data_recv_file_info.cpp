@@ -142,7 +142,7 @@ Fate start_transfer(Entry& entry, const Info& info, uint32_t lead) {
 
 // The announcement's entry when the file ends with it; it is out of the database then.
 Entry* handle(const Info& info, uint32_t lead) {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here(kReporter));
   Entry* entry = file_recv_find(info.name, info.location);
   if (entry == nullptr) {
     count(DrtCounter::kFileNotFound);

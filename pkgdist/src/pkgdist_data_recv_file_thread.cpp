@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "pkgdist_atomic.h"
 #include "pkgdist_data_recv.h"
@@ -128,9 +129,10 @@ OwnedEntry take_next() {
   return OwnedEntry(reinterpret_cast<DataQueueEntry*>(link));
 }
 
-void process(const DataQueueEntry& entry) {
-  record_since(DrtHistogram::kRxQueueTime, entry.enqueue_time);
-  pkgdist_data_rx_process_msg(entry.data, static_cast<ssize_t>(entry.length));
+// Frees the datagram, before the thread may go to sleep.
+void process(OwnedEntry entry) {
+  record_since(DrtHistogram::kRxQueueTime, entry->enqueue_time);
+  pkgdist_data_rx_process_msg(entry->data, static_cast<ssize_t>(entry->length));
   store(G_data_recv_file_last_msg, fts_get_stamp_fast());
 }
 
@@ -196,9 +198,9 @@ void* pkgdist_data_recv_file_thread(void* /*argument*/) {
   uint64_t last_scan = fts_get_stamp_fast();
   (void)mutex_lock(G_pkgdist_file_recv_mutex);
   for (;;) {
-    const OwnedEntry entry = take_next();
+    OwnedEntry entry = take_next();
     (void)mutex_unlock(G_pkgdist_file_recv_mutex);
-    if (entry != nullptr) process(*entry);
+    if (entry != nullptr) process(std::move(entry));
     run_timeouts_if_due(last_scan);
     (void)mutex_lock(G_pkgdist_file_recv_mutex);
     if (G_pkgdist_file_recv_q.head != nullptr) continue;

@@ -35,6 +35,8 @@ using Entry = pkgdist_file_recv_entry;
 
 namespace {
 
+constexpr char kPass[] = "pkgdist_data_recv_timeout";
+constexpr char kQuestion[] = "pkgdist_data_process_miss_done";
 constexpr size_t kPacketBytes = 34;
 
 // A file that lacks this many segments or more is not asked for piece by piece.
@@ -163,7 +165,7 @@ Verdict check(Entry& entry, uint64_t now) {
 }
 
 void check_files(uint64_t now) {
-  FileRecvDbGuard lock;
+  FileRecvDbGuard lock(Caller::here(kPass));
   for (Entry* at = G_file_recv_db.head; at != nullptr;) {
     if (check(*at, now) == Verdict::kWaits) {
       at = at->next;
@@ -180,7 +182,7 @@ void check_files(uint64_t now) {
 }
 
 void stop_threads_when_idle() {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here(kPass));
   if (!G_file_recv_db.empty() || !G_file_stat_db.empty()) return;
   PKGDIST_INFO("DATA File Receive DB Empty - Stop RX threads\n");
   pkgdist_data_recv_rx_stop();
@@ -189,7 +191,7 @@ void stop_threads_when_idle() {
 
 // How a file ended here, if it did lately; answers the lead from the stat database.
 bool answer_from_stat(const pkgdist_data_send_miss_done& question) {
-  FileStatDbGuard lock;
+  const FileStatDbGuard lock(Caller::here(kQuestion));
   const pkgdist_file_stat_entry* entry = file_stat_find(question.file_id);
   if (entry == nullptr) entry = file_stat_find(question.name, question.location);
   if (entry == nullptr) return false;
@@ -198,7 +200,7 @@ bool answer_from_stat(const pkgdist_data_send_miss_done& question) {
 }
 
 bool is_being_received(const pkgdist_data_send_miss_done& question) {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here(kQuestion));
   return file_recv_find(question.file_id) != nullptr ||
          file_recv_find(question.name, question.location) != nullptr;
 }

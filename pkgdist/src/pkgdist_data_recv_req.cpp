@@ -24,6 +24,7 @@ using Body = pkgdist_data_send_req;
 
 namespace {
 
+constexpr char kRequest[] = "instcomm_pkgdist_get_file";
 constexpr size_t kPacketBytes = 296;
 
 // The checks of a request, in their order; logs what is wrong.
@@ -58,7 +59,7 @@ PkgdistStatus allocate_recv_id(levm_handle_t levm, pkgdist_data_file_cb callback
   recv_id = 0;
   if (callback != nullptr)
     return pkgdist_data_recv_alloc_ctx(levm, callback, nullptr, nullptr, ctx, recv_id);
-  const MutexLock lock(G_data_recv_ctx_db.mutex);
+  const MutexLock lock(G_data_recv_ctx_db.mutex, Caller::here(kRequest));
   recv_id = G_data_recv_ctx_db.allocate_id();
   return 0;
 }
@@ -66,7 +67,7 @@ PkgdistStatus allocate_recv_id(levm_handle_t levm, pkgdist_data_file_cb callback
 // Enters the file, or the transaction of a file that is on its way. `added`: a new file.
 PkgdistStatus enter(const char* path, uint32_t type, uint32_t location, uint32_t priority,
                     uint32_t recv_id, uint32_t xact_id, bool& added) {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here(kRequest));
   Entry* entry = file_recv_find(path, location);
   added = entry == nullptr;
   return added ? pkgdist_file_recv_add_file(path, type, location, priority, recv_id, xact_id)

@@ -143,7 +143,7 @@ bool take_segment(Entry& entry, const Segment& segment, PkgdistStatus& status) {
 
 // The segment's entry when the file ends with it; it is out of the database then.
 Entry* handle(const Segment& segment, PkgdistStatus& status) {
-  const FileRecvDbGuard lock;
+  const FileRecvDbGuard lock(Caller::here(kReporter));
   Entry* entry = file_recv_find(segment.file_id);
   if (entry == nullptr) {
     count(DrtCounter::kFileNotFound);

@@ -63,7 +63,7 @@ void receive_list(const Message& message) {
                message.location, message.priority);
   count(DrtCounter::kMcSendFile);
   {
-    const FileRecvDbGuard lock;
+    const FileRecvDbGuard lock(Caller::here(kReporter));
     for (uint32_t i = 0; i < message.names_count; ++i) receive_file(message.names[i], message);
   }
   (void)pkgdist_data_file_invoke_cb(0, kXactStartRecvId, message.xact_id, message.names,
@@ -96,7 +96,7 @@ void end_unlocked(FileRecvDbGuard& lock, Entry* entry, PkgdistStatus status) {
 
 void cancel(const Message& message) {
   count(DrtCounter::kMcSendCancel);
-  FileRecvDbGuard lock;
+  FileRecvDbGuard lock(Caller::here(kReporter));
   for (Entry* at = G_file_recv_db.head; at != nullptr;) {
     const uint64_t place = at->serial;
     cancel_in(*at, message.xact_id);
@@ -125,7 +125,7 @@ void delete_list(const Message& message) {
   PKGDIST_INFO("DATA Recv Delete File List - Xact Id %d Name %s Num %d Loc %d\n", message.xact_id,
                first_name(message), message.names_count, message.location);
   count(DrtCounter::kMcSendDelete);
-  FileRecvDbGuard lock;
+  FileRecvDbGuard lock(Caller::here(kReporter));
   for (uint32_t i = 0; i < message.names_count; ++i) {
     const char* name = message.names[i];
     if (Entry* entry = file_recv_find(name, message.location); entry != nullptr) {

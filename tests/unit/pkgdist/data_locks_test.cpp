@@ -1,9 +1,12 @@
 // Which database is locked at which step. Completion and callbacks run with neither file database
 // locked, walks that let go of the lock take it again, and the stat lock comes before the receive
 // lock.
+#include <functional>
+
 #include "data_support.h"
 #include "pkgdist_data_recv_process.h"
 #include "pkgdist_data_recv_repair.h"
+#include "platform/inst_common.h"
 
 using namespace support;
 
@@ -177,6 +180,63 @@ TEST_F(DataLocks, the_leads_cancel_does_not_come_back_to_a_file_it_has_left) {
   EXPECT_EQ(find("gone"), nullptr);
   ASSERT_NE(find("kept"), nullptr);
   EXPECT_EQ(find("kept")->xact_count, 1);
+}
+
+// --- A lock that fails names the operation that wanted it ---
+
+using DataLocksDeathTest = DataLocks;
+
+struct FailedLock {
+  pthread_mutex_t* mutex;
+  unsigned nth;
+  const char* reporter;
+};
+
+void fail_lock(const FailedLock& lock, const std::function<void()>& body) {
+  g_inst_common_debug_verbosity_level = 1;
+  faults::inject([lock, seen = 0u](Call call, const void* object) mutable {
+    return call == Call::kMutexLock && object == lock.mutex && ++seen == lock.nth ? EINVAL : 0;
+  });
+  body();
+}
+
+TEST_F(DataLocksDeathTest, a_lock_that_fails_names_the_operation_that_wanted_it) {
+  begin(2);
+  give(0);
+  const auto expect = [](const FailedLock& lock, const std::function<void()>& body) {
+    EXPECT_DEATH(fail_lock(lock, body), std::string("ERR:") + lock.reporter +
+                                            " pthread_mutex_lock failed: Invalid argument")
+        << lock.reporter << ", lock " << lock.nth;
+  };
+  pthread_mutex_t* const recv = &G_file_recv_db.mutex;
+  pthread_mutex_t* const stat = &G_file_stat_db.mutex;
+  const auto ask = [] {
+    const Bytes body = encoded_miss_done(99, "stranger");
+    pkgdist_data_process_miss_done(body.data(), body.size());
+  };
+  const auto pass = [] { (void)pkgdist_data_recv_timeout(); };
+  const auto end = [&] { announce({.size = 8, .status = 0x1234}); };
+  expect({recv, 1, "instcomm_pkgdist_get_file"},
+         [] { (void)instcomm_pkgdist_get_file("f", 1, 1, 1, 5, nullptr, nullptr, nullptr); });
+  expect({&G_data_recv_ctx_db.mutex, 1, "instcomm_pkgdist_get_file"},
+         [] { (void)instcomm_pkgdist_get_file("f", 1, 1, 1, 5, nullptr, nullptr, nullptr); });
+  expect({recv, 1, "instcomm_pkgdist_get_file_cancel"},
+         [] { (void)instcomm_pkgdist_get_file_cancel(5); });
+  for (const uint32_t operation :
+       {PKGDIST_FILE_SEND_LIST, PKGDIST_FILE_SEND_CANCEL, PKGDIST_FILE_SEND_DELETE})
+    expect({recv, 1, "pkgdist_data_send_file_msg_hdlr"},
+           [&] { file_send({.operation = operation, .names = {"f"}}); });
+  expect({recv, 1, "pkgdist_data_process_file_info"}, end);
+  expect({stat, 1, "pkgdist_file_stat_add"}, end);
+  expect({recv, 2, "pkgdist_file_recv_db_free"}, end);
+  expect({recv, 3, "pkgdist_file_recv_file_done"}, end);
+  expect({recv, 1, "pkgdist_data_process_file_segment"}, [&] { give(1); });
+  expect({recv, 1, "pkgdist_data_recv_timeout"}, pass);
+  expect({stat, 1, "pkgdist_data_recv_timeout"}, pass);
+  expect({recv, 2, "pkgdist_data_recv_timeout"}, pass);
+  expect({stat, 1, "pkgdist_data_process_miss_done"}, ask);
+  expect({recv, 1, "pkgdist_data_process_miss_done"}, ask);
+  expect({recv, 1, "pkgdist_data_recv_new_lead"}, [] { pkgdist_data_recv_new_lead(); });
 }
 
 }  // namespace
