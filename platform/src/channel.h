@@ -50,6 +50,10 @@ namespace platform {
 // Gives up one pin and frees the channel with the last. The attachment lock is not held.
 [[gnu::visibility("hidden")]] void unpin(qitc_channel* channel) noexcept;
 
+// Clears the descriptor of a channel without entries. A reading that failed when the last entry was
+// taken would leave it readable, and the loop would find work for ever that is not there.
+[[gnu::visibility("hidden")]] void clear_if_empty(qitc_channel& channel) noexcept;
+
 }  // namespace platform
 
 #endif

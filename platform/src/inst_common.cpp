@@ -32,8 +32,11 @@ int make_directory(const char* path) noexcept {
   if (mkdir(path, kDirectoryMode) == 0) return 0;
   const int why = errno;
   struct stat found {};
-  if (stat(path, &found) == 0 && S_ISDIR(found.st_mode)) return 0;
-  return why == EEXIST ? ENOTDIR : why;
+  const int unseen = stat(path, &found) == 0 ? 0 : errno;
+  if (unseen == 0 && S_ISDIR(found.st_mode)) return 0;
+  if (why != EEXIST) return why;
+  // Something else stands there, also a link to nowhere; or what stands there cannot be examined.
+  return unseen == 0 || unseen == ENOENT ? ENOTDIR : unseen;
 }
 
 // Makes every directory of `path`, which is cut and restored at each slash on the way.

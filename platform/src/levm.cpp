@@ -10,7 +10,9 @@
 // handler runs is pinned, so that a destroy by another thread takes its memory only afterwards.
 //
 // Bad cases: a signal interrupts the wait (it goes on for the time that is left); another thread
-// takes the last entry between wait and pass (nothing runs, the wait goes on).
+// takes the last entry between wait and pass (nothing runs, the wait goes on); a descriptor is
+// readable without entries behind it because it could not be read (it is cleared after a pass that
+// ran nothing).
 #include "platform/levm.h"
 
 #include <sys/epoll.h>
@@ -163,6 +165,12 @@ class Pass {
   bool stopped_ = false;
 };
 
+// After a pass that found nothing to run.
+void clear_idle_channels(const levm& loop) noexcept {
+  const std::scoped_lock guard(platform::attachment_lock);
+  for (qitc_channel* at = loop.first; at != nullptr; at = at->next) platform::clear_if_empty(*at);
+}
+
 }  // namespace
 
 namespace platform {
@@ -214,6 +222,7 @@ int levm_run_once(levm_handle_t levm, int timeout_ms) {
     Pass pass(*levm);
     pass.run();
     if (pass.ran() > 0) return pass.ran();
+    clear_idle_channels(*levm);
   }
 }
 
@@ -229,6 +238,7 @@ int levm_run(levm_handle_t levm) {
     Pass pass(*levm);
     pass.run();
     if (pass.stopped()) return 0;
+    if (pass.ran() == 0) clear_idle_channels(*levm);
   }
 }
 

@@ -46,11 +46,20 @@ bool raise_event(int fd) noexcept {
 
 void clear_event(int fd) noexcept {
   uint64_t count = 0;
-  // The only failure is a descriptor closed by somebody else, about which nothing can be done.
+  // When this fails, the loop clears the descriptor of the empty channel (clear_if_empty).
   [[maybe_unused]] const ssize_t got = read(fd, &count, sizeof count);
 }
 
 }  // namespace
+
+namespace platform {
+
+void clear_if_empty(qitc_channel& channel) noexcept {
+  const std::scoped_lock guard(channel.fifo_lock);
+  if (channel.event && channel.fifo.size() == 0) clear_event(channel.event.get());
+}
+
+}  // namespace platform
 
 int qitc_handle_create(uint32_t size, int, int, int, qitc_handle_t* out) {
   if (out == nullptr) return EINVAL;
