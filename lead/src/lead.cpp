@@ -124,8 +124,9 @@ class Lead::Impl : private TransferObserver {
   DataSender data_;
   uint32_t next_xact_;
   Role told_role_ = Role::kListening;
-  Time now_ = 0;         // of the event being handled
-  Time last_reply_ = 0;  // of any node to this lead's pings
+  bool has_led_ = false;  // since it stepped aside last
+  Time now_ = 0;          // of the event being handled
+  Time last_reply_ = 0;   // of any node to this lead's pings
   Time round_trip_ = 0;
   Time next_expiry_ = 0;
 };
@@ -405,9 +406,11 @@ void Lead::Impl::expire_nodes(Time now) {
 void Lead::Impl::update_role(Time now) {
   leadership_.run(now);
   if (leadership_.role() == told_role_) return;
-  const bool led = std::exchange(told_role_, leadership_.role()) == Role::kLeading;
+  told_role_ = leadership_.role();
   control_.set_leading_since(leadership_.leading_since());
-  if (told_role_ == Role::kStandingBy && led) step_aside(now);
+  // From leading, or from listening again after a suspension: its work is still there then.
+  if (leads()) has_led_ = true;
+  if (told_role_ == Role::kStandingBy && std::exchange(has_led_, false)) step_aside(now);
   if (leads() && push_ && push_->gathering()) push_->begin(now);  // its patience begins now
   events_.role_changed(told_role_, leadership_.other());
 }

@@ -385,5 +385,33 @@ TEST_F(Lists, a_deleted_file_ends_as_deleted_and_the_others_arrive) {
   }
 }
 
+// It listens first when it goes on, and only then learns that it has been replaced.
+TEST(SuspendedLead, gives_up_push_and_messages_when_another_has_taken_over) {
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.listen = lead::kDefaultListen;
+  LeadCluster cluster(settings);
+  settings.address = kLeadAddress + 100;
+  settings.standby = true;
+  const size_t standby = cluster.add_lead(settings);
+  cluster.store.add("file", pattern(1000, 1));
+  cluster.add_hosts(1);
+  cluster.run_for(3 * kSecond);
+  lead::PushRequest push = cluster.push_all();
+  push.node_count = 2;  // waits for one more
+  ASSERT_EQ(cluster.lead().start_push(push, cluster.now()), nullptr);
+  cluster.stop_node(0);
+  ASSERT_NE(cluster.lead().send_message(2, Bytes(1), Audience::everyone(), cluster.now()), 0u);
+
+  cluster.suspend_lead(0, true);
+  cluster.run_for(12 * kSecond);
+  ASSERT_EQ(cluster.lead(standby).role(), lead::Role::kLeading);
+  cluster.suspend_lead(0, false);
+  cluster.run_for(5 * kSecond);
+  EXPECT_EQ(cluster.lead().role(), lead::Role::kStandingBy);
+  EXPECT_FALSE(cluster.lead().push_running());
+  ASSERT_EQ(cluster.seen().finished.size(), 1u);
+  EXPECT_EQ(cluster.seen().finished[0].nodes[0].delivery, Delivery::kSuperseded);
+}
+
 }  // namespace
 }  // namespace pkgdist::test
