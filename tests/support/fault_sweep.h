@@ -30,6 +30,9 @@ struct Failures {
   int error = 0;  // with which the calls fail, if not with the usual one of their kind
 };
 
+// As the error of an encode: it reports more bytes than any datagram has.
+inline constexpr int kTooLarge = 5'000;
+
 struct Scenario {
   std::function<void()> prepare;   // under no fault
   std::function<void()> exercise;  // what is swept; statuses that it is told go to tell()

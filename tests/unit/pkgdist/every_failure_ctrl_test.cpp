@@ -88,6 +88,7 @@ TEST_F(CtrlFailures, a_message_in_one_datagram) {
             {Call::kQitcGet, {{"ctrl recv msg qitc_get() failed, rc=5", 0, 2}}},
             {Call::kEncodeCtrlHeader, {{"ctrl msg ack encode failed: -5"}}},
             {Call::kDecode, {{"ctrl mc hdr decode failed: -5"}, {"ctrl mc msg decode failed: -5"}}},
+            {Call::kEncodeCtrlHeader, {{"ctrl msg ack encode size"}}, kTooLarge},
         });
 }
 
@@ -218,6 +219,12 @@ TEST_F(CtrlFailures, a_message_to_the_lead_that_is_acknowledged) {
              {{"ctrl msg encode failed: -5", PKGDIST_ERR_ENCODE, 2},
               {"ctrl msg encode failed: -5", 0, 3}}},
             {Call::kDecode, {{"ctrl uc hdr decode failed: -5", 0, 3}}},
+            {Call::kEncodeCtrlHeader,
+             {{"ctrl msg encode size", PKGDIST_ERR_ENCODE, 2}, {"ctrl msg encode size", 0, 3}},
+             kTooLarge},
+            {Call::kEncodeBody,
+             {{"ctrl msg encode size", PKGDIST_ERR_ENCODE, 2}, {"ctrl msg encode size", 0, 3}},
+             kTooLarge},
         });
 }
 
@@ -312,6 +319,7 @@ TEST_F(CtrlFailures, another_lead_takes_over_and_starts_again) {
             {Call::kEncodeDataHeader, {{"data file req encode failed: -5", 0, 2}}},
             {Call::kEncodeBody, {{"data file req encode failed: -5", 0, 2}}},
             {Call::kDecode, {{"ctrl mc hdr decode failed: -5", 0, 3}}},
+            {Call::kEncodeCtrlHeader, {{"ctrl hdr ping reply encode size", 0, 2}}, kTooLarge},
         });
 }
 
