@@ -1,4 +1,6 @@
 // The loops of the data threads, each run on the test's own thread.
+#include <chrono>
+
 #include "data_threads_fixture.h"
 #include "platform/inst_common.h"
 
@@ -72,6 +74,41 @@ TEST_F(FileLoop, the_time_out_pass_runs_at_most_once_per_period_also_while_datag
   run_file_loop();  // the clock is at 0, 4, 8 ... 36 seconds when a datagram has been processed
   faults::clear();
   EXPECT_EQ(passes, 3);  // at 12, 24 and 36
+}
+
+TEST_F(FileLoop, an_idle_file_thread_sleeps_for_the_timer_period) {
+  G_data_rto.timer_period = 20 * kMillisecond;
+  G_data_recv_file_queue_inited = false;
+  G_data_recv_file_thread_running = true;  // this thread
+  ASSERT_EQ(pkgdist_file_recv_init(), 0u);
+  int sleeps = 0;
+  faults::inject([&](Call call, const void*) {
+    if (call != Call::kCondTimedwait) return 0;
+    ++sleeps;
+    EXPECT_TRUE(G_pkgdist_file_recv_thread_waiting);
+    G_data_recv_file_exit_thread = true;  // seen when it wakes
+    return 0;
+  });
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(pkgdist_data_recv_file_thread(nullptr), nullptr);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+  EXPECT_EQ(sleeps, 1);
+  EXPECT_FALSE(G_pkgdist_file_recv_thread_waiting);
+}
+
+TEST_F(FileLoop, a_file_thread_with_datagrams_does_not_sleep) {
+  for (int i = 0; i < 3; ++i) queue({1});
+  unsigned left = 0;
+  faults::inject([&](Call call, const void*) {
+    if (call != Call::kCondTimedwait) return 0;
+    left = queued();
+    G_data_recv_file_exit_thread = true;
+    return ETIMEDOUT;
+  });
+  G_data_recv_file_thread_running = true;
+  EXPECT_EQ(pkgdist_data_recv_file_thread(nullptr), nullptr);
+  EXPECT_EQ(left, 0u);
+  EXPECT_EQ(logs::count("hdr msg too small"), 3u);
 }
 
 using FileLoopDeathTest = FileLoop;
