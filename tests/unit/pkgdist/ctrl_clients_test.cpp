@@ -51,6 +51,15 @@ TEST_F(CtrlClients, takes_classes_2_to_5_and_no_other) {
   EXPECT_EQ(G_ctrl_recv_qitc_db.count, 4u) << "one channel per class";
 }
 
+TEST_F(CtrlClients, the_loop_is_checked_before_the_class_and_both_before_the_call_is_logged) {
+  EXPECT_EQ(instcomm_pkgdist_ctrl_mc_hdlr_attach(nullptr, 9, on_message, this),
+            PKGDIST_ERR_INVALID);
+  EXPECT_EQ(attach_with(on_message, 9, this), PKGDIST_ERR_INVALID);
+  EXPECT_EQ(logs::count("levm passed is NULL"), 1u);
+  EXPECT_EQ(logs::count("msg class '9' is invalid"), 1u);
+  EXPECT_EQ(logs::records().size(), 2u);
+}
+
 TEST_F(CtrlClients, an_attached_class_has_a_context_and_a_channel_of_its_number) {
   ASSERT_EQ(attach_with(on_message, 3, this), 0u);
   ASSERT_NE(context(3), nullptr);

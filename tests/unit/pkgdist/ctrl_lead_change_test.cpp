@@ -44,6 +44,17 @@ TEST_F(LeadChangeTest, registering_with_a_known_lead_reports_it_once_without_fai
   EXPECT_EQ(samples(CrsHistogram::kLeadChangeQitcTime), 1u);
 }
 
+// A lead that CTRL_RX learns at this moment is reported once or twice, never not at all.
+TEST_F(LeadChangeTest, the_flag_stands_before_the_known_lead_is_reported) {
+  bool stood = false;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_ctrl_recv_ctx_db.mutex) stood = G_ctrl_lead_cb_registered;
+  });
+  ASSERT_EQ(set_client(on_lead_change), 0u);
+  faults::clear();
+  EXPECT_TRUE(stood);
+}
+
 TEST_F(LeadChangeTest, registering_without_a_lead_reports_the_first_one_without_failover) {
   forget_lead();
   ASSERT_EQ(set_client(on_lead_change), 0u);

@@ -73,6 +73,20 @@ TEST_F(LeadSend, refuses_a_callback_without_a_loop) {
   EXPECT_TRUE(nothing_left());
 }
 
+TEST_F(LeadSend, data_size_class_and_loop_are_checked_in_this_order) {
+  const auto refused = [this](const void* data, size_t size, uint32_t msg_class) {
+    logs::records().clear();
+    EXPECT_EQ(instcomm_pkgdist_ctrl_send_lead_msg(data, size, msg_class, nullptr, on_status, this),
+              PKGDIST_ERR_INVALID);
+    EXPECT_EQ(logs::records().size(), 1u);
+    return logs::records()[0].text;
+  };
+  EXPECT_EQ(refused(nullptr, 0, 0), error("ctrl pkt passed is NULL"));
+  EXPECT_EQ(refused("x", 0, 0), error("ctrl pkt size '0' is invalid"));
+  EXPECT_EQ(refused("x", 1, 0), error("msg class '0' is invalid"));
+  EXPECT_EQ(refused("x", 1, 1), error("levm cannot be NULL to specify cb_func"));
+}
+
 TEST_F(LeadSend, logs_the_lead_and_the_message) {
   ASSERT_EQ(send_silently("hello"), 0u);
   EXPECT_EQ(logs::count("CTRL Lead Send - Node 127.0.0.1 (9/8/7) Msg Class '1' Size '5' cb_func '"),

@@ -32,13 +32,21 @@ int32_t g_inst_common_debug_prefix = 0;
 pthread_mutex_t atomic_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 static int traced = 0;
-static const char* last_format = "";
+static struct {
+  uint32_t point;
+  int first, second;
+  const char *signature, *format;
+} last;
 
 void qtrace_internal(qtrace_handle_t trace, uint32_t point, int first, int second,
                      const char* signature, const char* format, ...) {
-  (void)trace, (void)point, (void)first, (void)second, (void)signature;
+  (void)trace;
   ++traced;
-  last_format = format;
+  last.point = point;
+  last.first = first;
+  last.second = second;
+  last.signature = signature;
+  last.format = format;
 }
 
 /* --- */
@@ -65,14 +73,25 @@ static void fail_once(void) {
   CHECK(instcomm_pkgdist_ctrl_register_lead_change(NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
 }
 
+static void set_identity(void) {
+  CHECK(instcomm_pkgdist_ctrl_recv_set_nodeid(NULL) == 0);
+}
+
 static void check_trace_and_copies(void) {
   capture(fail_once);
   CHECK(traced == 1);
-  CHECK(strcmp(last_format, "ERR:%s: levm passed is NULL\n") == 0);
+  CHECK(last.point < 361);
+  CHECK(last.first == 1 && last.second == 0); /* an error: from verbosity 1, to the error trace */
+  CHECK(strcmp(last.signature, "s") == 0);
+  CHECK(strcmp(last.format, "ERR:%s: levm passed is NULL\n") == 0);
   CHECK(strstr(copies, "register_lead_change: levm passed is NULL\n\n") != NULL);
+  capture(set_identity);
+  CHECK(last.first == 2 && last.second == 1); /* routine: from verbosity 2, to the library trace */
+  CHECK(strcmp(last.signature, "ds") == 0);
+  CHECK(copies[0] == '\0');
   g_inst_common_debug_verbosity_level = 0;
   capture(fail_once);
-  CHECK(traced == 2);
+  CHECK(traced == 3);
   CHECK(copies[0] == '\0');
 }
 
