@@ -43,6 +43,9 @@ class TransferObserver {
   // The node knows nothing of the file. True when it will be announced to it again (join() then
   // follows), false when the node shall be left alone.
   virtual bool transfer_unlisted(const Transfer&, NodeIndex) = 0;
+  // The node says that the file ended on it with this error, before it had any information. Nodes
+  // remember for a while how files ended: false when this is about an earlier transfer.
+  virtual bool transfer_ends_unknown(const Transfer&, uint64_t status) = 0;
   // Nothing is left to do; the transfer is destroyed after the call.
   virtual void transfer_closed(const Transfer&) = 0;
 };

@@ -259,7 +259,8 @@ void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& rep
     return;
   }
   // A node that gave up before it had any information reports no file id.
-  const bool gave_up = report.file_id == kNoTransfer && report.status != 0;
+  const bool gave_up = report.file_id == kNoTransfer && report.status != 0 &&
+                       observer_.transfer_ends_unknown(*transfer, report.status);
   if (!exact && !gave_up) return on_stale_report(*transfer, node, now);
   if (transfer->stage == Transfer::Stage::kAnnounced) last_skip_ = now;
   note_reaction(transfer->asked_at != 0 ? transfer->asked_at : transfer->turn_ended, now);

@@ -111,6 +111,7 @@ class Lead::Impl : private TransferObserver {
   void transfer_ended(const Transfer& transfer, NodeIndex node, uint64_t status,
                       bool skipped) override;
   bool transfer_unlisted(const Transfer& transfer, NodeIndex node) override;
+  bool transfer_ends_unknown(const Transfer& transfer, uint64_t status) override;
   void transfer_closed(const Transfer& transfer) override;
 
   const Settings settings_;
@@ -274,6 +275,7 @@ MessageId Lead::Impl::delete_files(uint32_t location, const std::vector<std::str
   if (names.empty() || names.size() > UINT16_MAX) return 0;
   for (const std::string& name : names)
     if (name_problem(name) != nullptr) return 0;
+  if (push_ && leads()) push_->note_deleted(location, names);
   return post(MessageKind::kDelete, PKGDIST_CTRL_CLASS_FILE_SEND, encode_delete(location, names),
               audience, now, timeout);
 }
@@ -377,6 +379,10 @@ void Lead::Impl::transfer_ended(const Transfer& transfer, NodeIndex node, uint64
 
 bool Lead::Impl::transfer_unlisted(const Transfer& transfer, NodeIndex node) {
   return transfer.tag != kRequested && push_ && push_->on_unlisted(transfer, node);
+}
+
+bool Lead::Impl::transfer_ends_unknown(const Transfer& transfer, uint64_t status) {
+  return transfer.tag == kRequested || (push_ && push_->ends_unknown(transfer, status));
 }
 
 void Lead::Impl::transfer_closed(const Transfer& transfer) {

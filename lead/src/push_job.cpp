@@ -357,6 +357,21 @@ bool PushJob::on_unlisted(const Transfer& transfer, NodeIndex node) {
   return true;
 }
 
+// What is cancelled in this push has ended here already.
+bool PushJob::ends_unknown(const Transfer& transfer, uint64_t status) const {
+  if (status == PKGDIST_STATUS_CANCELLED) return false;
+  if (status == PKGDIST_STATUS_DELETED)
+    return deleted_.contains(static_cast<uint32_t>(transfer.tag));
+  return true;
+}
+
+void PushJob::note_deleted(uint32_t location, const std::vector<std::string>& names) {
+  if (location != request_.location) return;
+  for (const std::string& name : names)
+    if (const auto found = by_name_.find(name); found != by_name_.end())
+      deleted_.insert(found->second);
+}
+
 void PushJob::on_closed(const Transfer& transfer) {
   const auto file = static_cast<uint32_t>(transfer.tag);
   active_.erase(file);

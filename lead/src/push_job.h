@@ -43,6 +43,10 @@ class PushJob {
   // Transfers whose tag is the index of a file of this push.
   void on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped);
   bool on_unlisted(const Transfer& transfer, NodeIndex node);
+  // Whether a node that had no information yet can have ended the file so in this push.
+  bool ends_unknown(const Transfer& transfer, uint64_t status) const;
+  // Nodes are told to delete these files.
+  void note_deleted(uint32_t location, const std::vector<std::string>& names);
   void on_closed(const Transfer& transfer);
   // A transfer outside of the push ended; it may have stood in the way of one of its files.
   void on_other_closed() { go_round_ = true; }
@@ -118,6 +122,7 @@ class PushJob {
   };
   std::unordered_map<uint32_t, Told> told_;                    // by sequence
   std::unordered_map<NodeIndex, std::set<uint32_t>> relists_;  // files to tell a node of again
+  std::set<uint32_t> deleted_;                      // files that this lead has had deleted since
   std::unordered_map<uint64_t, uint32_t> retries_;  // (node, file) -> tried again so often
 };
 

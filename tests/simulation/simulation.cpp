@@ -19,7 +19,8 @@ using Cluster = test::Cluster<SimulatedNode>;
 namespace {
 
 constexpr uint32_t kStandbyAddress = kLeadAddress + 100;
-constexpr uint32_t kMostLeads = 2;
+constexpr size_t kMostLeads = 2;
+constexpr size_t kNoLead = SIZE_MAX;
 // Waits, in the simulation's time. Each is longer than the longest chain of time-outs behind it.
 constexpr uint64_t kSettleTime = 300 * kSecond;
 constexpr uint64_t kFinalPushTime = 200 * kSecond;
@@ -101,6 +102,7 @@ class Run : public NodeWitness {
   void start_lead(size_t index);
   void stop_lead(size_t index);
   void split(uint32_t mask, bool apart);
+  bool answers(size_t lead) const;
   size_t working_lead() const;
   const char* start_push(size_t lead, lead::PushRequest request);
 
@@ -316,11 +318,19 @@ void Run::Owner::push_finished() {
 
 // --- Actions ---
 
-// The lead that leads, or one that runs.
+bool Run::answers(size_t lead) const {
+  return cluster_.lead_runs(lead) && !cluster_.lead_suspended(lead);
+}
+
+// The lead that leads, or one that runs; kNoLead when there is none to talk to.
 size_t Run::working_lead() const {
-  for (size_t i = 0; i < cluster_.leads(); ++i)
-    if (cluster_.lead_runs(i) && cluster_.lead(i).role() == lead::Role::kLeading) return i;
-  return cluster_.lead_runs(0) ? 0 : cluster_.leads() - 1;
+  size_t found = kNoLead;
+  for (size_t i = 0; i < cluster_.leads(); ++i) {
+    if (!answers(i)) continue;
+    if (cluster_.lead(i).role() == lead::Role::kLeading) return i;
+    found = std::min(found, i);
+  }
+  return found;
 }
 
 const char* Run::start_push(size_t lead, lead::PushRequest request) {
@@ -339,7 +349,7 @@ const char* Run::start_push(size_t lead, lead::PushRequest request) {
 
 void Run::push(const Action& action) {
   const size_t lead = working_lead();
-  if (!cluster_.lead_runs(lead) || action.files.empty()) return;
+  if (lead == kNoLead || action.files.empty()) return;
   lead::PushRequest request;
   request.location = scenario_.files[action.files[0]].location;
   request.type = action.type;
@@ -353,7 +363,7 @@ void Run::push(const Action& action) {
 
 void Run::send_message(const Action& action) {
   const size_t lead = working_lead();
-  if (!cluster_.lead_runs(lead)) return;
+  if (lead == kNoLead) return;
   std::string bytes = "from lead, number " + std::to_string(++next_number_) + ' ';
   bytes.resize(std::max<size_t>(bytes.size(), action.number), 'm');
   lead::Audience audience = lead::Audience::everyone();
@@ -375,7 +385,7 @@ void Run::send_message(const Action& action) {
 
 void Run::remove(const Action& action) {
   const size_t lead = working_lead();
-  if (!cluster_.lead_runs(lead)) return;
+  if (lead == kNoLead) return;
   std::vector<std::string> names;
   for (size_t file : action.files) names.push_back(scenario_.files[file].name);
   const lead::MessageId id = cluster_.lead(lead).delete_files(
@@ -443,7 +453,7 @@ void Run::do_action(const Action& action) {
       return remove(action);
     case Deed::kCancelPush: {
       const size_t lead = working_lead();
-      if (!cluster_.lead_runs(lead) || cluster_.lead(lead).push_transaction() == 0) return;
+      if (lead == kNoLead || cluster_.lead(lead).push_transaction() == 0) return;
       const lead::MessageId id = cluster_.lead(lead).cancel_transaction(
           cluster_.lead(lead).push_transaction(), lead::Audience::everyone(),
           cluster_.lead_time(lead));

@@ -112,6 +112,7 @@ class Cluster {
 
   lead::Lead& lead(size_t index = 0) { return *leaders_[index]->process; }
   bool lead_runs(size_t index) const { return leaders_[index]->process != nullptr; }
+  bool lead_suspended(size_t index) const { return leaders_[index]->suspended; }
   size_t leads() const { return leaders_.size(); }
   Host& host(size_t index) { return *hosts_[index]; }
   Node& node(size_t index) { return *hosts_[index]->node; }

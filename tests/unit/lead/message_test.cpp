@@ -385,6 +385,52 @@ TEST_F(Lists, a_deleted_file_ends_as_deleted_and_the_others_arrive) {
   }
 }
 
+// Nodes remember for a while how a file ended, and files that had not been announced then end
+// without a number that would tell one push from another.
+class EarlierPush : public testing::Test {
+ protected:
+  EarlierPush() : cluster_(slow()) {
+    for (const std::string& name : names()) cluster_.store.add(name, pattern(200, name.size()));
+    cluster_.add_hosts(2);
+    EXPECT_EQ(cluster_.lead().start_push(cluster_.push_all(), cluster_.now()), nullptr);
+    cluster_.run_until([&] { return cluster_.node(0).receiving(); }, 20 * kSecond);
+    EXPECT_LT(cluster_.lead().counters().infos_sent, names().size());
+  }
+  static std::vector<std::string> names() {
+    std::vector<std::string> names;
+    for (int i = 0; i < 400; ++i) names.push_back("file " + std::to_string(i));
+    return names;
+  }
+  static lead::Settings slow() {
+    lead::Settings settings = LeadCluster::default_settings();
+    settings.rate_bits = 400'000;
+    return settings;
+  }
+  void expect_the_next_push_to_succeed(uint64_t seed) {
+    cluster_.set_loss(0.3, 0.3, seed);
+    ASSERT_TRUE(cluster_.run_push(cluster_.push_all(), 200 * kSecond));
+    EXPECT_TRUE(cluster_.lead().push_report().complete()) << seed;
+    EXPECT_TRUE(cluster_.identical()) << seed;
+  }
+  LeadCluster cluster_;
+};
+class EarlierPushes : public EarlierPush, public testing::WithParamInterface<uint64_t> {};
+
+TEST_P(EarlierPushes, that_was_cancelled_does_not_end_files_of_the_next) {
+  cluster_.lead().cancel_transaction(cluster_.lead().push_transaction(), Audience::everyone(),
+                                     cluster_.now());
+  cluster_.run_until([&] { return !cluster_.seen().finished.empty(); }, 20 * kSecond);
+  expect_the_next_push_to_succeed(GetParam());
+}
+
+TEST_P(EarlierPushes, with_files_that_were_deleted_does_not_end_them_in_the_next) {
+  cluster_.lead().delete_files(1, names(), Audience::everyone(), cluster_.now());
+  cluster_.run_until([&] { return !cluster_.lead().push_running(); }, 60 * kSecond);
+  expect_the_next_push_to_succeed(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Loss, EarlierPushes, testing::Range<uint64_t>(1, 11));
+
 // It listens first when it goes on, and only then learns that it has been replaced.
 TEST(SuspendedLead, gives_up_push_and_messages_when_another_has_taken_over) {
   lead::Settings settings = LeadCluster::default_settings();
