@@ -240,6 +240,13 @@ bool DataTest::exists(const std::string& path) {
   return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
+bool DataTest::is_mapped(const std::string& path) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);)
+    if (line.find(path) != std::string::npos) return true;
+  return false;
+}
+
 Bytes DataTest::bytes_of(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   EXPECT_TRUE(file.good()) << path;

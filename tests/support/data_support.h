@@ -136,6 +136,7 @@ class DataTest : public virtual RecvTest {
   }
   static bool exists(const std::string& path);
   static Bytes bytes_of(const std::string& path);
+  static bool is_mapped(const std::string& path);  // into this process, also once it is deleted
   void put_file(const std::string& name, const std::string& text, uint32_t mtime = 0);
 
   Client client;

@@ -126,8 +126,10 @@ TEST_F(FileDone, a_partial_memory_file_is_deleted) {
   begin(2, "file", 2);
   give(0);
   ASSERT_TRUE(exists(memory_path("file")));
+  ASSERT_TRUE(is_mapped(memory_path("file")));
   end();
   EXPECT_FALSE(exists(memory_path("file")));
+  EXPECT_FALSE(is_mapped(memory_path("file")));
 }
 
 TEST_F(FileDone, the_descriptor_of_a_partial_file_is_closed) {

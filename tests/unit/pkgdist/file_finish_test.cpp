@@ -127,7 +127,9 @@ TEST_F(FileFinish, finishing_a_memory_file_unmaps_and_closes_it) {
   give(0);
   pkgdist_file_recv_entry& entry = *find("file", 2);
   ASSERT_NE(entry.mapping, MAP_FAILED);
+  ASSERT_TRUE(is_mapped(memory_path("file")));
   EXPECT_EQ(pkgdist_data_file_rename(entry), 0u);
+  EXPECT_FALSE(is_mapped(memory_path("file")));
   EXPECT_EQ(entry.mapping, MAP_FAILED);
   EXPECT_EQ(entry.fd, -1);
 }

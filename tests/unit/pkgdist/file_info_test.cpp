@@ -184,7 +184,9 @@ TEST_F(FileInfo, a_new_transfer_of_a_memory_file_unmaps_and_deletes_the_object) 
   begin(3, "file", 2);
   give(0);
   ASSERT_TRUE(exists(memory_path("file")));
+  ASSERT_TRUE(is_mapped(memory_path("file")));
   announce({.id = 8, .size = 4000, .segment_size = 1000, .location = 2});
+  EXPECT_FALSE(is_mapped(memory_path("file")));
   EXPECT_FALSE(exists(memory_path("file")));
   EXPECT_EQ(find("file", 2)->mapping, MAP_FAILED);
   EXPECT_EQ(find("file", 2)->fd, -1);
