@@ -71,12 +71,15 @@ uint64_t* node_string_words() {
 
 PkgdistStatus open_traces(uint64_t configuration) {
   const char* id = log::catalogue_id();
-  const auto open = [id](const char* name, uint32_t records, qtrace_handle_t* handle) {
-    return qtrace_open_internal(name, records, log::kTracePointLimit, kRegistrationPath, id, 0,
-                                handle);
+  const auto open = [id](const char* name, uint32_t records, qtrace_handle_t& handle) {
+    qtrace_handle_t opened = 0;
+    const int error = qtrace_open_internal(name, records, log::kTracePointLimit, kRegistrationPath,
+                                           id, 0, &opened);
+    if (error == 0) store(handle, opened);
+    return error;
   };
-  if (open("pkgdist_recv_err", kErrorRecords, &G_pkgdist_qtrace_err_hdl) != 0 ||
-      open("pkgdist_recv_lib", kLibraryRecords, &G_pkgdist_qtrace_lib_hdl) != 0 ||
+  if (open("pkgdist_recv_err", kErrorRecords, G_pkgdist_qtrace_err_hdl) != 0 ||
+      open("pkgdist_recv_lib", kLibraryRecords, G_pkgdist_qtrace_lib_hdl) != 0 ||
       qtrace_enable_configuration(G_pkgdist_qtrace_err_hdl, configuration) != 0 ||
       qtrace_enable_configuration(G_pkgdist_qtrace_lib_hdl, configuration) != 0)
     return PKGDIST_ERR_SYSTEM;

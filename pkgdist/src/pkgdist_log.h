@@ -21,10 +21,12 @@
 #include <span>
 #include <type_traits>
 
+#include "pkgdist_atomic.h"
 #include "platform/inst_common.h"
 #include "platform/qtrace.h"
 
 extern "C" {
+// Stored by start-up while other threads may log.
 extern qtrace_handle_t G_pkgdist_qtrace_err_hdl;
 extern qtrace_handle_t G_pkgdist_qtrace_lib_hdl;
 extern uint32_t G_pkgdist_debug_lvl;
@@ -85,7 +87,7 @@ Signature<Arguments...> signature_of(const Arguments&...);
 void copy_to_stderr(const TracePoint& point, const char* format, ...);
 
 inline qtrace_handle_t ring_handle(Ring ring) {
-  return ring == Ring::kErrors ? G_pkgdist_qtrace_err_hdl : G_pkgdist_qtrace_lib_hdl;
+  return load(ring == Ring::kErrors ? G_pkgdist_qtrace_err_hdl : G_pkgdist_qtrace_lib_hdl);
 }
 
 template <class... Arguments>

@@ -1,7 +1,9 @@
 // Control start-up and the node's identity.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 
 #include "ctrl_support.h"
 #include "pkgdist_log.h"
@@ -231,6 +233,19 @@ TEST_F(CtrlInit, a_second_start_up_makes_the_sockets_anew) {
   ASSERT_EQ(start(), 0u);
   EXPECT_EQ(faults::calls(Call::kSocket), 6u);
   EXPECT_GE(G_ctrl_mc_rx_socket, 0);
+}
+
+// Whoever logs meanwhile writes into the old traces or into the new ones.
+TEST_F(CtrlInit, other_threads_may_log_while_it_runs_again) {
+  ASSERT_EQ(start(), 0u);
+  std::atomic<bool> stop{false};
+  std::thread logging([&] {
+    while (!stop) (void)instcomm_pkgdist_ctrl_recv_set_nodeid(nullptr);
+  });
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(start(), 0u);
+  stop = true;
+  logging.join();
+  for (const Record& record : logs::records()) EXPECT_EQ(record.handle % 2, 0u) << record.text;
 }
 
 // --- Identity ---
