@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "ctrl_support.h"
+#include "platform/inst_common.h"
 
 using namespace support;
 
@@ -343,7 +344,22 @@ TEST_F(Ping, on_the_unicast_socket_is_a_ping_as_well) {
   EXPECT_EQ(answers(), (Words{"MC NACK 10 point 9", "REPLY 9"}));
 }
 
-// Nothing is held while the reply goes out, and nothing after.
+// What the caller's own thread may wait for is not held while the reply goes out. The counters are
+// updated behind it.
+TEST_F(Ping, is_replied_to_with_the_receive_database_unlocked) {
+  unsigned updates = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex != &atomic_mutex || wire::sent().empty()) return;
+    ++updates;
+    ASSERT_EQ(pthread_mutex_trylock(&G_ctrl_recv_rx_msg_db.mutex), 0);
+    pthread_mutex_unlock(&G_ctrl_recv_rx_msg_db.mutex);
+  });
+  receive(ping(9));
+  faults::clear();
+  EXPECT_GE(updates, 2u);
+  EXPECT_EQ(answers(), (Words{"REPLY 9"}));
+}
+
 TEST_F(Ping, leaves_the_receive_database_unlocked) {
   faults::fail_always(Call::kSendto, EPERM);
   receive(ping(12));

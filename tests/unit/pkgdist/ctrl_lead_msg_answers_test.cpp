@@ -288,6 +288,24 @@ TEST_F(LeadMsg, the_status_is_reported_without_the_lock) {
   pthread_mutex_unlock(&G_ctrl_recv_msg_db.mutex);
 }
 
+TEST_F(LeadMsg, an_ack_and_a_give_up_are_queued_for_the_caller_without_the_lock) {
+  send_one();
+  send_one();
+  int looked_for = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex != &G_ctrl_recv_qitc_db.mutex) return;
+    ++looked_for;
+    ASSERT_EQ(pthread_mutex_trylock(&G_ctrl_recv_msg_db.mutex), 0);
+    pthread_mutex_unlock(&G_ctrl_recv_msg_db.mutex);
+  });
+  receive(lead_ack(1), true);
+  EXPECT_EQ(looked_for, 2) << "found and put";
+  entry().retransmits[0].count = 5;
+  clock::advance(6 * timeout());
+  scan();
+  EXPECT_EQ(looked_for, 4);
+}
+
 // A caller whose status callback sends the next message from inside.
 TEST_F(LeadMsg, a_status_callback_may_send_the_next_message) {
   struct Chain {
