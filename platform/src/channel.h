@@ -44,8 +44,11 @@ namespace platform {
 
 [[gnu::visibility("hidden")]] extern std::mutex attachment_lock;
 
-// Takes an attached channel off its loop. The attachment lock is held.
+// Takes an attached channel off its loop, before the channel or the loop goes. The attachment lock
+// is held.
 [[gnu::visibility("hidden")]] void detach_locked(qitc_channel& channel) noexcept;
+// Takes a channel that is no longer watched off its loop's list. The attachment lock is held.
+[[gnu::visibility("hidden")]] void take_off_locked(qitc_channel& channel) noexcept;
 
 // Gives up one pin and frees the channel with the last. The attachment lock is not held.
 [[gnu::visibility("hidden")]] void unpin(qitc_channel* channel) noexcept;

@@ -48,7 +48,9 @@ class Deadline {
     if (timeout_ms_ <= 0) return std::max(timeout_ms_, -1);
     const uint64_t now = fts_get_stamp_fast();
     if (now >= end_ns_) return 0;
-    return static_cast<int>((end_ns_ - now + kNsPerMs - 1) / kNsPerMs);
+    // Never more than was asked for, whatever the clock says.
+    const uint64_t left = (end_ns_ - now + kNsPerMs - 1) / kNsPerMs;
+    return static_cast<int>(std::min(left, static_cast<uint64_t>(timeout_ms_)));
   }
 
  private:
@@ -66,6 +68,11 @@ bool watch(const levm& loop, int fd) noexcept {
   epoll_event event{};
   event.events = EPOLLIN;
   return epoll_ctl(loop.epoll.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+bool unwatch(const levm& loop, int fd) noexcept {
+  epoll_event unused{};
+  return epoll_ctl(loop.epoll.get(), EPOLL_CTL_DEL, fd, &unused) == 0;
 }
 
 // True when a stop was pending; it is used up by that.
@@ -113,7 +120,9 @@ int attach(levm& loop, qitc_channel& channel, qitc_handler_t handler, int priori
 int detach(const levm& loop, qitc_channel& channel) noexcept {
   const std::scoped_lock guard(platform::attachment_lock);
   if (channel.loop != &loop) return ENOENT;
-  platform::detach_locked(channel);
+  // While it is watched it stays attached: readable, and nobody's, it would keep the loop busy.
+  if (!unwatch(loop, channel.event.get())) return errno;
+  platform::take_off_locked(channel);
   return 0;
 }
 
@@ -176,9 +185,13 @@ void clear_idle_channels(const levm& loop) noexcept {
 namespace platform {
 
 void detach_locked(qitc_channel& channel) noexcept {
+  // One of the two descriptors is closed right after this, which ends the watch as well.
+  (void)unwatch(*channel.loop, channel.event.get());
+  take_off_locked(channel);
+}
+
+void take_off_locked(qitc_channel& channel) noexcept {
   levm& loop = *channel.loop;
-  epoll_event unused{};
-  epoll_ctl(loop.epoll.get(), EPOLL_CTL_DEL, channel.event.get(), &unused);
   if (loop.cursor == &channel) loop.cursor = channel.next;
   (channel.previous != nullptr ? channel.previous->next : loop.first) = channel.next;
   if (channel.next != nullptr) channel.next->previous = channel.previous;

@@ -112,6 +112,23 @@ std::string without(std::string text, const std::string& part) {
   return text;
 }
 
+// Whether these words say that a callback could not be queued: nobody is told then, and the context
+// that waits for it stays.
+bool is_lost_callback(const std::string& words) {
+  for (const char* part : {"QITC_ENTRY failed", "_QITC failed", "qitc put failed", "qitc_put()"})
+    if (words.find(part) != std::string::npos) return true;
+  return false;
+}
+
+// Contexts that serve one callback.
+template <class Contexts>
+size_t waiting_contexts(const Contexts& contexts) {
+  size_t waiting = 0;
+  for (const auto* at = contexts.head; at != nullptr; at = at->next)
+    waiting += at->recv_id >= pkgdist::kFirstAllocatedId ? 1 : 0;
+  return waiting;
+}
+
 bool is_fatal(Call call) {
   return call == Call::kMutexLock || call == Call::kMutexUnlock || call == Call::kCondTimedwait;
 }
@@ -288,6 +305,7 @@ void FaultSweep::run_without_failure(const Scenario& scenario) {
   prepare(scenario);
   scenario.exercise();
   usual_ = outcome();
+  callback_lost_ = false;
   if (scenario.recover) scenario.recover();
   expect_whole();
 }
@@ -308,6 +326,7 @@ void FaultSweep::expect_row(const Failure* row, const std::string& where) {
   if (const auto errors = beyond(now.errors, usual_.errors); !errors.empty()) words = errors[0];
   const auto told = beyond(now.told, usual_.told);
   const PkgdistStatus status = told.empty() ? 0 : told[0];
+  callback_lost_ = is_lost_callback(words);
   found_ += row_text(words, status) + ",\n";
   for (const PkgdistStatus one : told) {
     EXPECT_EQ(one, status) << where << ": told two different statuses: " << words;
@@ -482,6 +501,11 @@ void FaultSweep::expect_whole() {
   expect_good_message();
   expect_good_file();
   let_time_pass();
+  if (!callback_lost_) {
+    const size_t waiting =
+        waiting_contexts(G_ctrl_recv_ctx_db) + waiting_contexts(G_data_recv_ctx_db);
+    EXPECT_EQ(waiting, 0u) << "a client waits for ever for a callback";
+  }
   EXPECT_EQ(G_file_recv_db.count, 0u) << "a file waits for ever";
   EXPECT_EQ(G_file_stat_db.count, 0u) << "an outcome is remembered for ever";
   EXPECT_EQ(G_ctrl_recv_msg_db.count, 0u) << "a message to the lead waits for ever";

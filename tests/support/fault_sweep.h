@@ -81,7 +81,8 @@ class FaultSweep : public CtrlTest, public DataTest {
   void expect_good_message();
 
   std::multiset<PkgdistStatus> told_;
-  Outcome usual_;  // of a run without failures
+  Outcome usual_;               // of a run without failures
+  bool callback_lost_ = false;  // the failure under test may cost a callback
   size_t descriptors_ = 0;
   unsigned injected_ = 0;
   std::string found_;  // the table as it would have to be

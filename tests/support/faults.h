@@ -17,23 +17,22 @@
 
 namespace support {
 
-// Memory, sockets, files, threads; then functions of the platform and the codec.
-#define PKGDIST_TEST_CALLS(X)                                                                      \
-  X(kMalloc)                                                                                       \
-  X(kCalloc) X(kRealloc) X(kStrdup) X(kNew) X(kSocket) X(kSetsockopt) X(kBind) X(kSendto) X(       \
-      kRecvfrom) X(kSelect) X(kSendmmsg) X(kRecvmmsg) X(kPoll) X(kPpoll) X(kOpen) X(kLseek)        \
-      X(kRead) X(kWrite) X(kPread) X(kClose) X(kRename) X(kUnlink) X(kUtime) X(kStat) X(kLstat) X( \
-          kFstat) X(kReadlink) X(kMkdir) X(kSymlink) X(kShmOpen) X(kShmUnlink) X(kFtruncate)       \
-          X(kFallocate) X(kMmap) X(kMunmap) X(kEventfd) X(kEpollCreate) X(kEpollCtl) X(kEpollWait) \
-              X(kAtexit) X(kAtfork) X(kPthreadCreate) X(kAttrInit) X(kAttrSetdetachstate)          \
-                  X(kAttrDestroy) X(kMutexLock) X(kMutexUnlock) X(kCondSignal) X(kCondattrInit)    \
-                      X(kCondattrSetclock) X(kCondInit) X(kCondDestroy) X(kCondTimedwait) X(       \
-                          kClockGettime) X(kPrctl) X(kShipRegister) X(kTraceOpen) X(kTraceEnable)  \
-                          X(kQitcCreate) X(kQitcDestroy) X(kQitcPut) X(kQitcGet) X(kLevmAttach)    \
-                              X(kNodeidCreate) X(kNodeidToStr) X(kCreateDirs) X(                   \
-                                  kInstSymlink) /* Codec: the "error number" is the result, of an  \
-                                                   encode also one that exceeds the buffer. */     \
-      X(kEncodeCtrlHeader) X(kEncodeDataHeader) X(kEncodeBody) X(kDecode)
+// Memory, sockets, files, threads; then functions of the platform and the codec. Of the codec the
+// "error number" is the result, of an encode also one that exceeds the buffer.
+// clang-format off
+#define PKGDIST_TEST_CALLS(X) \
+  X(kMalloc) X(kCalloc) X(kRealloc) X(kStrdup) X(kNew) X(kSocket) X(kSetsockopt) X(kBind) \
+  X(kSendto) X(kRecvfrom) X(kSelect) X(kSendmmsg) X(kRecvmmsg) X(kPoll) X(kPpoll) X(kOpen) \
+  X(kLseek) X(kRead) X(kWrite) X(kPread) X(kClose) X(kRename) X(kUnlink) X(kUtime) X(kStat) \
+  X(kLstat) X(kFstat) X(kReadlink) X(kMkdir) X(kSymlink) X(kShmOpen) X(kShmUnlink) \
+  X(kFtruncate) X(kFallocate) X(kMmap) X(kMunmap) X(kEventfd) X(kEpollCreate) X(kEpollCtl) \
+  X(kEpollWait) X(kAtexit) X(kAtfork) X(kPthreadCreate) X(kAttrInit) X(kAttrSetdetachstate) \
+  X(kAttrDestroy) X(kMutexLock) X(kMutexUnlock) X(kCondSignal) X(kCondattrInit) \
+  X(kCondattrSetclock) X(kCondInit) X(kCondDestroy) X(kCondTimedwait) X(kClockGettime) \
+  X(kPrctl) X(kShipRegister) X(kTraceOpen) X(kTraceEnable) X(kQitcCreate) X(kQitcDestroy) \
+  X(kQitcPut) X(kQitcGet) X(kLevmAttach) X(kNodeidCreate) X(kNodeidToStr) X(kCreateDirs) \
+  X(kInstSymlink) X(kEncodeCtrlHeader) X(kEncodeDataHeader) X(kEncodeBody) X(kDecode)
+// clang-format on
 
 enum class Call {
 #define PKGDIST_TEST_CALL(name) name,
