@@ -108,6 +108,7 @@ void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
   if (transfer == nullptr) return;
   const bool had_info = transfer->node(node).has_info;
   transfer->set_state(node, TransferNode::State::kOpen);
+  transfer->node(node).stale = 0;
   if (transfer->stage == Transfer::Stage::kQueued) return;
   // Several nodes ask at the same moment: one information serves them all.
   constexpr Time kInfoHoldoff = 2 * kMillisecond;

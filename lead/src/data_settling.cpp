@@ -36,8 +36,10 @@ constexpr uint32_t kMaxRepeats = 2;
 // was asked for before is done with.
 constexpr Time kFreshRequest = kSecond;
 // Answers about an earlier transfer of the same file: the node remembers how that one ended and
-// does not say how it stands with this one. After some of them it is told of the file again.
-constexpr uint8_t kMaxStale = 3;
+// does not say how it stands with this one. If it knows of this one and lacks something, it asks
+// for that within a second and a half by itself; when it does not, it is told of the file again.
+constexpr uint32_t kMaxStale = 3;
+constexpr Time kStalePatience = 2 * kSecond;
 
 }  // namespace
 
@@ -234,8 +236,10 @@ void DataSender::unlist(Transfer& transfer, NodeIndex node, Time now) {
 }
 
 void DataSender::on_stale_report(Transfer& transfer, NodeIndex node, Time now) {
-  if (++transfer.node(node).stale >= kMaxStale) {
-    transfer.node(node).stale = 0;
+  TransferNode& state = transfer.node(node);
+  if (state.stale++ == 0) state.stale_since = now;
+  if (state.stale >= kMaxStale && elapsed(now, state.stale_since) >= kStalePatience) {
+    state.stale = 0;
     return unlist(transfer, node, now);
   }
   on_in_progress(transfer, node, now);

@@ -35,7 +35,8 @@ struct TransferNode {
   bool answered = false;  // the last miss done
   bool asked = false;     // for segments, since the last miss done
   bool has_info = false;  // asked for segments of this transfer at some time
-  uint8_t stale = 0;      // answers about an earlier transfer of the same file, in a row
+  uint32_t stale = 0;     // answers about an earlier transfer of the same file, in a row
+  Time stale_since = 0;   // the first of these
 };
 
 struct Transfer {

@@ -128,5 +128,33 @@ TEST_F(Serve, an_idle_lead_only_pings) {
   EXPECT_EQ(cluster_.sent_to_group() - sent, 10u);
 }
 
+// A node that remembers an earlier transfer of a file answers about that one while it receives the
+// next: its lead neither tells it of the file again and again nor leaves it alone.
+class EarlierTransfer : public testing::TestWithParam<uint64_t> {
+ protected:
+  EarlierTransfer() {
+    cluster_.store.add("file", pattern(60'000, 1));
+    cluster_.add_host();
+    EXPECT_TRUE(cluster_.run_push(cluster_.push_all(), 20 * kSecond));
+    cluster_.store.add("file", pattern(60'000, 2), 0644, 1'700'000'000);
+    cluster_.set_loss(0.2, 0.2, GetParam());
+  }
+  LeadCluster cluster_;
+};
+
+TEST_P(EarlierTransfer, of_a_pushed_file_costs_no_second_list) {
+  ASSERT_TRUE(cluster_.run_push(cluster_.push_all(), 20 * kSecond));
+  EXPECT_TRUE(cluster_.identical());
+  EXPECT_EQ(cluster_.node(0).counters().lists, 2u);  // one of each push
+}
+
+TEST_P(EarlierTransfer, does_not_keep_a_requested_file_waiting) {
+  cluster_.node(0).get_file("file", 1, 1, 2, cluster_.now());
+  EXPECT_TRUE(cluster_.run_until([&] { return !cluster_.node(0).receiving(); }, 4 * kSecond));
+  EXPECT_TRUE(cluster_.identical());
+}
+
+INSTANTIATE_TEST_SUITE_P(Loss, EarlierTransfer, testing::Range<uint64_t>(1, 21));
+
 }  // namespace
 }  // namespace pkgdist::test
