@@ -169,6 +169,53 @@ TEST_F(DataClientsTest, a_context_without_a_loop_has_no_channel) {
   EXPECT_TRUE(G_data_recv_ctx_db.empty());
 }
 
+// The urgency among the caller's own channels, and the room that is asked for.
+TEST_F(DataClientsTest, its_channels_run_behind_priority_1_and_before_priority_3) {
+  static std::vector<int> order;
+  order.clear();
+  client.attach_all();
+  client.on_file = [](const FileEvent&) { order.push_back(2); };
+  qitc_handle_t channels[2] = {};
+  const qitc_handler_t handlers[2] = {[](qitc_handle_t) { order.push_back(1); },
+                                      [](qitc_handle_t) { order.push_back(3); }};
+  const int priorities[2] = {1, 3};
+  for (const int i : {1, 0}) {
+    ASSERT_EQ(qitc_handle_create(1, 0, 0, 0, &channels[i]), 0);
+    ASSERT_EQ(
+        levm_attach_qitc_handle(client.loop(), channels[i], handlers[i], priorities[i], 0, 0, 0),
+        0);
+    ASSERT_EQ(qitc_put(channels[i], nullptr), 0);
+  }
+  const char* const paths[] = {"f"};
+  EXPECT_EQ(pkgdist_data_file_invoke_cb(0, 2, 9, paths, 1, 1, 1), 0u);
+  (void)levm_run_once(client.loop(), 0);
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(pkgdist::DataSide::kChannelEntries, 384u);
+  for (const qitc_handle_t channel : channels) qitc_handle_destroy(channel);
+}
+
+// Whoever takes the lock of one of the two databases does not hold the other's.
+TEST_F(DataClientsTest, the_locks_of_contexts_and_channels_are_never_held_together) {
+  unsigned contexts = 0, channels = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    const bool is_context = mutex == &G_data_recv_ctx_db.mutex;
+    if (!is_context && mutex != &G_data_recv_qitc_db.mutex) return;
+    ++(is_context ? contexts : channels);
+    pthread_mutex_t* other = is_context ? &G_data_recv_qitc_db.mutex : &G_data_recv_ctx_db.mutex;
+    ASSERT_EQ(pthread_mutex_trylock(other), 0);
+    pthread_mutex_unlock(other);
+  });
+  client.attach_all();
+  const char* const paths[] = {"f"};
+  for (const uint32_t id : {1u, 2u, 3u, request_context(client.loop())})
+    EXPECT_EQ(pkgdist_data_file_invoke_cb(0, id, 9, paths, 1, 1, 1), 0u);
+  client.deliver();
+  faults::on_lock(nullptr);
+  EXPECT_EQ(client.files.size() + client.starts.size() + client.dones.size(), 4u);
+  EXPECT_GT(contexts, 8u);
+  EXPECT_GT(channels, 8u);
+}
+
 TEST_F(DataClientsTest, freeing_an_unknown_identifier_is_no_error) {
   EXPECT_EQ(pkgdist_data_recv_free_ctx(77), 0u);
   EXPECT_TRUE(logs::records().empty());
