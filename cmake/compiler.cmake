@@ -15,5 +15,10 @@ if(PKGDIST_SANITIZE)
   endif()
 endif()
 
+# The fuzzer's coverage; its main program comes with the targets in tests/fuzz/.
+if(PKGDIST_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Paths in assertions and trace catalogues are relative to the tree.
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)

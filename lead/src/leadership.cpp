@@ -6,6 +6,8 @@ namespace {
 
 // Below the 7.5 s after which nodes take another lead.
 constexpr Time kStall = 7 * kSecond;
+// An owner that sleeps until the next deadline is not stalled.
+constexpr Time kLongestRest = kSecond;
 
 }  // namespace
 
@@ -40,12 +42,16 @@ void Leadership::run(Time now) {
     if (leads()) role_ = Role::kListening;
     quiet_since_ = now;  // what was said meanwhile is only read now
   }
-  if (now >= next_deadline()) lead(now);
+  if (!leads() && now >= takes_over_at()) lead(now);
+}
+
+Time Leadership::takes_over_at() const {
+  return quiet_since_ + (role_ == Role::kListening ? self_.listen : self_.takeover);
 }
 
 Time Leadership::next_deadline() const {
-  if (role_ == Role::kLeading) return kNever;
-  return quiet_since_ + (role_ == Role::kListening ? self_.listen : self_.takeover);
+  if (leads()) return kNever;
+  return std::min(takes_over_at(), last_run_ + kLongestRest);
 }
 
 }  // namespace pkgdist::lead

@@ -33,12 +33,14 @@ class Leadership {
   // nodes answer this one.
   void on_other_lead(uint32_t address, uint32_t since, bool followed, Time now);
   void run(Time now);
-  // kNever while leading: time does not change that.
+  // kNever while leading: time does not change that. Until then often, for run() tells a suspended
+  // process by the time between two calls.
   Time next_deadline() const;
 
  private:
   bool yields_to(uint32_t address, uint32_t since, bool followed) const;
   void lead(Time now);
+  Time takes_over_at() const;  // while this lead does not lead
 
   const Settings& self_;
   Role role_ = Role::kListening;

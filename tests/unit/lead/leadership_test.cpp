@@ -64,6 +64,15 @@ TEST_F(SeveralLeads, a_lead_says_nothing_before_it_has_listened_for_more_than_a_
   EXPECT_TRUE(leads(0));
 }
 
+TEST_F(SeveralLeads, a_standby_that_hears_nobody_at_all_takes_over) {
+  const size_t standby = cluster_.add_lead(settings_of(kSecondLead, true));
+  cluster_.stop_lead(0);
+  cluster_.run_for(7900 * kMillisecond);
+  EXPECT_FALSE(leads(standby));
+  cluster_.run_for(200 * kMillisecond);
+  EXPECT_TRUE(leads(standby));
+}
+
 TEST_F(SeveralLeads, one_that_starts_beside_another_stands_by_for_good) {
   cluster_.run_for(3 * kSecond);
   const size_t late = cluster_.add_lead(settings_of(kSecondLead));

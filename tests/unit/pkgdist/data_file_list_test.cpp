@@ -206,6 +206,16 @@ TEST_F(DataFileList, nothing_is_deleted_in_a_location_that_does_not_exist) {
   EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
 }
 
+TEST_F(DataFileList, names_reach_nothing_through_a_location_that_was_never_set) {
+  put_file("precious", "1");
+  file_send({.operation = PKGDIST_FILE_SEND_LIST, .names = {path("precious")}, .location = 3});
+  EXPECT_TRUE(G_file_recv_db.empty());
+  remove({path("precious")}, 3);
+  EXPECT_TRUE(exists(path("precious")));
+  EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
+  EXPECT_EQ(logs::count("storage location '3' is invalid"), 2u);
+}
+
 TEST_F(DataFileList, an_empty_delete_list_is_only_counted) {
   remove({});
   EXPECT_TRUE(logs::contains("DATA Recv Delete File List - Xact Id 5 Name  Num 0 Loc 1\n"));

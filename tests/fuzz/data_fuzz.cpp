@@ -1,0 +1,17 @@
+// The data side of a node: announcements, segments and lists of leads, in any order.
+#include <iterator>
+
+#include "live_node.h"
+
+const size_t fuzz::kPrefixBytes = 1;
+fuzz::Layout fuzz::layout_of(uint8_t kind) {
+  return layout_of(fuzz::kDataActions[kind % std::size(fuzz::kDataActions)]);
+}
+size_t fuzz::datagram_offset(uint8_t kind) {
+  return datagram_offset(fuzz::kDataActions[kind % std::size(fuzz::kDataActions)]);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::run_node_input({data, size}, fuzz::kDataActions);
+  return 0;
+}
