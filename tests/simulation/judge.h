@@ -6,8 +6,9 @@
 //
 // Of every process, when it ends: each request was answered at most once (exactly once if it lived
 // on), each pushed file as often as it was listed, each message to the lead once; no message of the
-// lead came twice; statuses are documented ones; the counters agree with what the databases hold
-// and the callbacks that were made. A process at rest holds what it held after its start.
+// lead came twice unless the network doubled it; statuses are documented ones; the counters agree
+// with what the databases hold and the callbacks that were made. A process at rest holds what it
+// held after its start.
 #pragma once
 
 #include <map>

@@ -541,8 +541,8 @@ Verdict Run::go() {
     report_busy();
   } else {
     push_everything();
+    if (judge_.violations().empty()) finish();
   }
-  finish();
   return {judge_.violations(), trace_.value(), datagrams_, cluster_.now() - start};
 }
 
@@ -569,8 +569,11 @@ bool Run::is_quiet() const {
   size_t leading = 0;
   uint32_t address = 0;
   for (size_t i = 0; i < cluster_.leads(); ++i) {
-    if (cluster_.lead(i).push_running() || !owners_[i].open.empty()) return false;
-    if (cluster_.lead(i).role() != lead::Role::kLeading) continue;
+    if (!owners_[i].open.empty()) return false;
+    const bool leads = cluster_.lead(i).role() == lead::Role::kLeading;
+    if (cluster_.lead(i).push_running() && (leads || cluster_.lead(i).push_report().started))
+      return false;
+    if (!leads) continue;
     ++leading;
     address = i == 0 ? kLeadAddress : kStandbyAddress;
   }
@@ -603,6 +606,8 @@ void Run::report_busy() {
 }
 
 void Run::push_everything() {
+  // Of a push that waits for its lead to lead, the owner has lost patience.
+  for (size_t i = 0; i < cluster_.leads(); ++i) cluster_.lead(i).stop_push(cluster_.lead_time(i));
   for (uint32_t location : {kDiskLocation, kMemoryLocation}) {
     lead::PushRequest request;
     request.location = location;

@@ -50,8 +50,10 @@ extern "C" {
 /* Final status of a message sent to the lead: 0 when the lead acknowledged it. */
 typedef void (*pkgdist_ctrl_status_cb)(uint64_t status, void* ctx);
 
-/* A complete control message from the lead: `size` bytes. Each message comes once, as soon as it is
- * complete: one that had to be asked for again comes behind later ones. */
+/* A complete control message from the lead: `size` bytes. Each message comes as soon as it is
+ * complete: one that had to be asked for again comes behind later ones. It comes once, unless the
+ * network doubles a datagram of it or delivers one behind its own repetition: who must not act
+ * twice numbers what it sends. */
 typedef void (*pkgdist_ctrl_msg_cb)(const void* bytes, uint64_t size, void* ctx);
 
 /* The lead at address `lead`, process `pid`. `failover`: it took over from another lead. */
