@@ -258,6 +258,7 @@ TEST_F(PlatformFailures, of_statistics) {
             const int error =
                 ship_register("APPLICATION", "table", "process", 0, &parameter, entries, 2, &block);
             EXPECT_EQ(error == 0, block != nullptr);
+            EXPECT_EQ(fs::exists(object), error == 0 || error == EEXIST);
             return error;
           });
           ASSERT_NE(block, nullptr);
