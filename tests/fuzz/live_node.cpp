@@ -31,7 +31,7 @@ constexpr size_t kMaxBurst = 64;
 constexpr size_t kMaxFileChecked = 1 << 20;  // bytes
 // Memory of the library's machine: what an input of 64 steps needs, and little more. Hostile totals
 // and gaps find its end soon, which also bounds the time that an input takes.
-constexpr uint64_t kAllocations = 4000;
+constexpr uint64_t kAllocations = 1500;
 constexpr uint64_t kManyAllocations = 500'000;
 constexpr size_t kLargestAllocation = 64 * 1024;
 
@@ -141,8 +141,7 @@ void LiveNode::begin(uint8_t options) {
     return std::string(path).starts_with(directory_) && std::string(target) != ".." &&
            std::string(target).find('/') == std::string::npos;
   });
-  if (options == kMuchMemory)
-    G_ctrl_rto.max_retries = 1;  // of which each is a datagram for every missing message
+  G_ctrl_rto.max_retries = 2;  // each is a datagram for every missing message
   faults::limit_memory(options == kMuchMemory ? kManyAllocations : kAllocations,
                        kLargestAllocation);
 }

@@ -423,6 +423,11 @@ int main(int argc, char** argv) {
       {"wide-gap", wide_gap},
   };
   for (const auto& [name, play] : scenes) write_scene(root, name, play, messages);
+  // A standby with nobody around it, whose loop has nothing to do.
+  Bytes standby{kListensFirst | kStandsBy};
+  for (const uint8_t node : {uint8_t{0}, uint8_t{1}})
+    append_step(standby, static_cast<uint8_t>(LeadDo::kNode), Bytes{node, 0});
+  write_input(root / "lead" / "seed-standby", standby);
   size_t number = 0;
   for (const Bytes& message : messages)
     write_input(root / "codec" / ("seed-" + std::to_string(++number)), message);
