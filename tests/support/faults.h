@@ -4,6 +4,12 @@
 // product has no hooks of its own. A test arms one kind of call; its n-th call fails, once. Calls
 // that the test program itself makes count too: what must not is done under a Paused.
 //
+// Of what the product calls, these are not here:
+//   free, memcpy, strlen, strcmp, snprintf and the like, getenv, getpid, gettid, strerror, the
+//   queue functions, bounded copies, qitc_handle_fd, release of decoded messages: cannot fail
+//   fprintf, vfprintf, fputc, flockfile, strftime, localtime_r: copies of log statements on
+//   standard error; what cannot be written there is lost, and nobody could be told
+//
 // Functions whose failure only says that something was given back (close, munmap, the destroy
 // functions) do their work and report the failure afterwards, as the system does.
 #pragma once
