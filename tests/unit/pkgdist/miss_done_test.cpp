@@ -84,6 +84,15 @@ TEST_F(MissDone, the_id_is_looked_for_before_the_name) {
   EXPECT_EQ(take_traffic().reports, (std::vector<Report>{{10, 0x2, "other", 1}}));
 }
 
+TEST_F(MissDone, of_two_ends_under_one_name_the_earlier_is_told) {
+  ended(9, "file", 1, 0x1);
+  ended(10, "file", 1, 0x2);
+  ask(99, "file");
+  EXPECT_EQ(take_traffic().reports, (std::vector<Report>{{9, 0x1, "file", 1}}));
+  ask(10, "file");  // its id names the later one
+  EXPECT_EQ(take_traffic().reports, (std::vector<Report>{{10, 0x2, "file", 1}}));
+}
+
 TEST_F(MissDone, an_ended_file_goes_before_one_on_its_way) {
   ended(9, "file", 1, 0x1234);
   begin(3);
