@@ -213,6 +213,16 @@ TEST_F(FileWrite, a_failed_write_is_tried_again_on_a_fresh_descriptor) {
   EXPECT_EQ(bytes_of(path("file")), content(8));
 }
 
+TEST_F(FileWrite, a_failed_write_leaves_no_descriptor_behind) {
+  begin(3);
+  give(0);
+  const int fd = find()->fd;
+  faults::fail(Call::kWrite, 1, EIO);
+  give(1);
+  EXPECT_EQ(faults::calls(Call::kOpen), 2u);
+  EXPECT_EQ(find()->fd, fd);  // closed before it was opened again: the number was free
+}
+
 TEST_F(FileWrite, a_short_write_is_tried_again) {
   begin(2);
   faults::short_write(1, 3);
