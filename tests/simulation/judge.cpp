@@ -67,6 +67,12 @@ bool may_repeat(const Network& network) {
   return network.duplicates > 0 || network.jitter_ns >= kOvertaken;
 }
 
+uint32_t count_of(const SimulatedNode& node, CrtCounter counter) {
+  return node.counter(Table::kCtrlTransport, static_cast<uint32_t>(counter));
+}
+uint32_t count_of(const SimulatedNode& node, DrtCounter counter) {
+  return node.counter(Table::kDataTransport, static_cast<uint32_t>(counter));
+}
 uint32_t count_of(const SimulatedNode& node, CrsCounter counter) {
   return node.counter(Table::kCtrlServer, static_cast<uint32_t>(counter));
 }
@@ -241,6 +247,17 @@ void Judge::process_ended(size_t host, const SimulatedNode& node, bool killed) {
     received_by_nodes_[{host, bytes}] += times;
   }
   counters_agree(host, node);
+  gaps_ += count_of(node, DrtCounter::kMcOutOfSeqRecv);
+  repair_requests_ += count_of(node, DrtCounter::kUcSendSingleSent);
+  late_sequences_ += count_of(node, CrtCounter::kMcOutOfSeqRecv);
+  nacks_ += count_of(node, CrtCounter::kMcNackSent);
+}
+
+// The lead helps nodes that ask for nothing, too: that they do ask does not show in the files.
+void Judge::gaps_were_asked_for() {
+  constexpr uint64_t kSome = 10;  // fewer may all have been filled meanwhile
+  if (gaps_ >= kSome && repair_requests_ == 0) violated("segments were missing, nobody asked");
+  if (late_sequences_ != 0 && nacks_ == 0) violated("messages were missing, nobody asked");
 }
 
 void Judge::counters_agree(size_t host, const SimulatedNode& node) {

@@ -6,9 +6,9 @@
 //
 // Of every process, when it ends: each request was answered at most once (exactly once if it lived
 // on), each pushed file as often as it was listed, each message to the lead once; no message of the
-// lead came twice unless the network doubled it; statuses are documented ones; the counters agree
-// with what the databases hold and the callbacks that were made. A process at rest holds what it
-// held after its start.
+// lead came twice unless the network doubled it; gaps were asked for; statuses are documented ones;
+// the counters agree with what the databases hold and the callbacks that were made. A process at
+// rest holds what it held after its start.
 #pragma once
 
 #include <map>
@@ -48,6 +48,7 @@ class Judge {
                   uint64_t status);
   void process_ended(size_t host, const SimulatedNode& node, bool killed);
   void process_rests(size_t host, const SimulatedNode& node);
+  void gaps_were_asked_for();
 
   // Messages between callers and owners of leads. `process`: number of the lead's process.
   void node_sent(const std::string& bytes) { sent_by_nodes_.insert(bytes); }
@@ -75,6 +76,7 @@ class Judge {
   std::map<std::pair<size_t, std::string>, uint32_t> received_by_nodes_;
   std::set<std::tuple<size_t, uint32_t, std::string>> acknowledged_to_leads_;
   std::set<std::pair<size_t, uint32_t>> killed_;
+  uint64_t gaps_ = 0, repair_requests_ = 0, late_sequences_ = 0, nacks_ = 0;  // of all processes
 };
 
 }  // namespace pkgdist::sim

@@ -635,6 +635,11 @@ void Run::push_everything() {
 }
 
 void Run::finish() {
+  // A list that the network doubled begins its files again.
+  if (!cluster_.run_until([this] { return is_quiet(); }, kSettleTime)) {
+    judge_.violated("what the last push began did not end");
+    return report_busy();
+  }
   cluster_.run_for(kRestTime);
   for (size_t i = 0; i < cluster_.hosts(); ++i) {
     const HostState& state = cluster_.host(i).disk;
@@ -643,6 +648,7 @@ void Run::finish() {
     judge_.process_rests(i, cluster_.node(i));
     judge_.process_ended(i, cluster_.node(i), false);
   }
+  judge_.gaps_were_asked_for();
   judge_.messages_are_settled();
 }
 
