@@ -27,6 +27,7 @@ using namespace support;
 namespace fs = std::filesystem;
 
 constexpr size_t kMaxSteps = 64;
+constexpr size_t kMaxStepsWithMuchMemory = 4;  // each may fill a database
 constexpr size_t kMaxBurst = 64;
 constexpr size_t kMaxFileChecked = 1 << 20;  // bytes
 // Memory of the library's machine: what an input of 64 steps needs, and little more. Hostile totals
@@ -661,7 +662,8 @@ void run_node_input(View input, std::span<const Do> actions) {
   if (input.empty()) return;
   LiveNode& node = LiveNode::the();
   node.begin(input[0]);
-  for (const Step& step : cut_into_steps(input.subspan(1), kMaxSteps))
+  const size_t steps = input[0] == kMuchMemory ? kMaxStepsWithMuchMemory : kMaxSteps;
+  for (const Step& step : cut_into_steps(input.subspan(1), steps))
     node.step(actions[step.kind % actions.size()], step.payload);
   node.finish();
 }
