@@ -1,4 +1,5 @@
 // Finishing: final names, times, symbolic links, and the report to the lead.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -132,6 +133,17 @@ TEST_F(FileFinish, finishing_a_memory_file_unmaps_and_closes_it) {
   EXPECT_FALSE(is_mapped(memory_path("file")));
   EXPECT_EQ(entry.mapping, MAP_FAILED);
   EXPECT_EQ(entry.fd, -1);
+}
+
+TEST_F(FileFinish, a_finished_file_is_closed) {
+  for (const uint32_t location : {1u, 2u}) {
+    begin(2, "file", location);
+    give(0);
+    const int fd = find("file", location)->fd;
+    ASSERT_GE(fcntl(fd, F_GETFD), 0);
+    give(1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "location " << location;
+  }
 }
 
 // --- Links ---
