@@ -153,10 +153,10 @@ PkgdistStatus instcomm_pkgdist_data_recv_init(uint32_t mc_addr, uint16_t mc_port
  *           which begins with '/' and has no other: "/pkg-".
  *   memory  true: files become POSIX shared-memory objects; false: files on disk
  *
- * Set locations before files are asked for; what the lead pushes into a location without a prefix is
- * refused. A prefix and name of together more than 255 characters
- * (251 on disk, where ".tmp" is added while the file is incomplete) are cut.
- * Returns 0 or PKGDIST_ERR_INVALID (NULL or too long path, location) with nothing changed. */
+ * Set locations before files are asked for; what the lead pushes into a location without a prefix
+ * is refused. A prefix and name of together more than 255 characters (251 on disk, where ".tmp" is
+ * added while the file is incomplete) are cut. Returns 0 or PKGDIST_ERR_INVALID (NULL or too long
+ * path, location) with nothing changed. */
 PkgdistStatus instcomm_pkgdist_set_recv_repository(const char* path, uint32_t location,
                                                    bool memory);
 
