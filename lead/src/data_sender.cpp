@@ -70,7 +70,7 @@ TransferId DataSender::next_id() {
 }
 
 TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
-                             const std::vector<NodeIndex>& nodes, Time) {
+                             const std::vector<NodeIndex>& nodes, Time now) {
   FileAttributes attributes;
   std::unique_ptr<Content> content;
   int error = store_.open(key.location, key.name, attributes, content);
@@ -91,7 +91,10 @@ TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
     transfer.content = std::move(content);
     use_content(transfer);
   }
-  for (NodeIndex node : nodes) transfer.set_state(node, TransferNode::State::kOpen);
+  for (NodeIndex node : nodes) {
+    transfer.set_state(node, TransferNode::State::kOpen);
+    transfer.node(node).heard = now;
+  }
   announcing_.push_back(id);
   ++waiting_;
   waiting_bytes_ += attributes.size;
@@ -108,7 +111,7 @@ void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
   if (transfer == nullptr) return;
   const bool had_info = transfer->node(node).has_info;
   transfer->set_state(node, TransferNode::State::kOpen);
-  transfer->node(node).stale = 0;
+  transfer->node(node).hear(now);
   if (transfer->stage == Transfer::Stage::kQueued) return;
   // Several nodes ask at the same moment: one information serves them all.
   constexpr Time kInfoHoldoff = 2 * kMillisecond;

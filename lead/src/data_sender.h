@@ -130,6 +130,7 @@ class DataSender {
   void begin_settling(Transfer& transfer, Time now);
   void settle(Transfer& transfer, Time now);
   bool in_trouble(Transfer& transfer);
+  bool end_mute_nodes(Transfer& transfer, Time now);
   bool help(Transfer& transfer, Time now);
   bool costs_little(const Transfer& transfer) const;
   void restart_turn(Transfer& transfer);

@@ -40,6 +40,10 @@ constexpr Time kFreshRequest = kSecond;
 // for that within a second and a half by itself; when it does not, it is told of the file again.
 constexpr uint32_t kMaxStale = 3;
 constexpr Time kStalePatience = 2 * kSecond;
+// Nodes remember for 30 s how a file ended, and give one up after 21 s without any information: one
+// that says nothing for longer, however often it is asked, has nothing to say.
+constexpr Time kMutePatience = 35 * kSecond;
+constexpr uint32_t kMutedQuestions = 10;
 
 }  // namespace
 
@@ -83,6 +87,7 @@ void DataSender::settle(Transfer& transfer, Time now) {
   if (transfer.stage != Transfer::Stage::kSettling) return;
   if (transfer.open + transfer.unlisted == 0) return close(transfer);
   if (transfer.open == 0 || transfer.in_repair_line) return;  // woken by join() or by the repairs
+  if (end_mute_nodes(transfer, now)) return;
   const bool trouble = in_trouble(transfer) || transfer.help_now;
   transfer.asked_at = transfer.turn_ended = 0;
   transfer.help_now = false;
@@ -90,6 +95,22 @@ void DataSender::settle(Transfer& transfer, Time now) {
   send_miss_done(transfer, now);
   const Time pause = backoff(kStuckPause, transfer.stuck, kMaxStuckPause);
   arm(transfer, now + std::max(pause, backoff(answer_time(), transfer.mute, kMaxAnswerTime)));
+}
+
+// A node that has ended the file and forgotten that no longer listens to the data stream: its
+// report was lost, and it will not hear the question. For it the file ends as given up, so that it
+// can be told of it again. True when nobody is left to be asked.
+bool DataSender::end_mute_nodes(Transfer& transfer, Time now) {
+  for (NodeIndex node = 0; node < transfer.nodes.size(); ++node) {
+    const TransferNode& state = transfer.nodes[node];
+    if (state.state != TransferNode::State::kOpen || state.unanswered < kMutedQuestions ||
+        elapsed(now, state.heard) < kMutePatience)
+      continue;
+    end_node(transfer, node, PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT));
+  }
+  if (transfer.open + transfer.unlisted != 0) return transfer.open == 0;
+  close(transfer);
+  return true;
 }
 
 // Judges the answers to the last miss done: trouble when a node does not get on by itself.
@@ -163,7 +184,10 @@ void DataSender::restart_turn(Transfer& transfer) {
 }
 
 void DataSender::send_miss_done(Transfer& transfer, Time now) {
-  for (TransferNode& node : transfer.nodes) node.answered = node.asked = false;
+  for (TransferNode& node : transfer.nodes) {
+    node.answered = node.asked = false;
+    if (node.state == TransferNode::State::kOpen) ++node.unanswered;
+  }
   transfer.answers = 0;
   const std::span<uint32_t> nodes = open_nodes(transfer);
   send(build_miss_done(sink_.buffer(), self_.address, transfer, nodes));
@@ -188,7 +212,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
   state.asked = state.has_info = true;
-  state.stale = 0;
+  state.hear(now);
   if (elapsed(now, transfer->last_request) >= kFreshRequest) transfer->repairs.forget_asked();
   transfer->last_request = now;
   transfer->progress();
@@ -213,6 +237,8 @@ void DataSender::note_answer(Transfer& transfer, NodeIndex node, Time now) {
   TransferNode& state = transfer.node(node);
   if (state.state == TransferNode::State::kOpen && !state.answered) ++transfer.answers;
   state.answered = true;
+  state.unanswered = 0;
+  state.heard = now;
   note_reaction(transfer.asked_at, now);
 }
 

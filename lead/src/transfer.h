@@ -32,11 +32,19 @@ struct TransferNode {
     kEnded,
   };
   State state = State::kAbsent;
-  bool answered = false;  // the last miss done
-  bool asked = false;     // for segments, since the last miss done
-  bool has_info = false;  // asked for segments of this transfer at some time
-  uint32_t stale = 0;     // answers about an earlier transfer of the same file, in a row
-  Time stale_since = 0;   // the first of these
+  bool answered = false;    // the last miss done
+  bool asked = false;       // for segments, since the last miss done
+  bool has_info = false;    // asked for segments of this transfer at some time
+  uint32_t stale = 0;       // answers about an earlier transfer of the same file, in a row
+  Time stale_since = 0;     // the first of these
+  uint32_t unanswered = 0;  // miss dones in a row
+  Time heard = 0;           // when it spoke of the file last, or began to be waited for
+
+  // It spoke of this transfer.
+  void hear(Time now) {
+    stale = unanswered = 0;
+    heard = now;
+  }
 };
 
 struct Transfer {

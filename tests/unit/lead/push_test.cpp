@@ -356,5 +356,27 @@ TEST(Push, a_new_lead_process_on_the_same_address_can_push_at_once) {
   }
 }
 
+// Such a node does not even hear the question how it stands.
+TEST(PushTest, ends_when_a_node_has_forgotten_a_file_whose_report_was_lost) {
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.rate_bits = 400'000;
+  LeadCluster cluster(settings);
+  cluster.store.add("file", pattern(100'000, 1));
+  cluster.add_hosts(2);
+  const auto cut = std::make_shared<bool>(false);
+  cluster.host(0).up.with<Outage>(cut);
+  lead::PushRequest push = cluster.push_all();
+  push.node_timeout = 300 * kSecond;
+  ASSERT_EQ(cluster.lead().start_push(push, cluster.now()), nullptr);
+  ASSERT_TRUE(
+      cluster.run_until([&] { return cluster.node(0).counters().segments > 5; }, 10 * kSecond));
+  *cut = true;
+  cluster.run_for(50 * kSecond);
+  ASSERT_TRUE(cluster.identical());
+  *cut = false;
+  EXPECT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
+  EXPECT_TRUE(cluster.lead().push_report().complete());
+}
+
 }  // namespace
 }  // namespace pkgdist::test
