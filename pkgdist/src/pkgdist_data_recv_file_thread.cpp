@@ -184,6 +184,8 @@ void pkgdist_file_recv_queue_msg(const uint8_t* data, size_t length) {
   }
   queue_enqueue(&G_pkgdist_file_recv_q, &entry.release()->link);
   update_watermark();
+  // The thread may have left after it was found running: the queue was empty then.
+  (void)ensure_thread("pkgdist_file_recv_init");
 }
 
 void pkgdist_data_recv_file_stop() {

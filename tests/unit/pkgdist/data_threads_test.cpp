@@ -266,4 +266,20 @@ TEST_F(DataThreadsDeathTest, a_lock_that_fails_ends_the_process) {
       "ERR:pkgdist_data_recv_file_stop pthread_mutex_unlock failed: Operation not permitted");
 }
 
+// It is not left behind in the queue of a thread that is gone.
+TEST_F(DataThreads, a_datagram_that_is_queued_while_the_file_thread_leaves_starts_it_again) {
+  G_data_recv_file_queue_inited = true;
+  unsigned locks = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex != &G_pkgdist_file_recv_mutex || ++locks != 2) return;
+    G_data_recv_file_thread_running = false;  // it has ended between the check and the append
+  });
+  faults::fail_always(Call::kPthreadCreate, EAGAIN);  // no real thread in this test
+  queue(Bytes(10, 'd'));
+  EXPECT_EQ(faults::calls(Call::kPthreadCreate), 1u);
+  EXPECT_EQ(queued(), 1u);
+  faults::clear();
+  run_file_loop();
+}
+
 }  // namespace
