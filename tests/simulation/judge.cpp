@@ -26,8 +26,8 @@ constexpr char kPartial[] = ".tmp";
 // Handlers that every process attaches.
 constexpr uint32_t kCtrlHandlers = 5;  // lead change and four message classes
 constexpr uint32_t kDataHandlers = 3;
-// Tables that lookups keep once they were needed, two for each file database.
-constexpr size_t kLookupTables = 4;
+// Tables that lookups keep once they were needed: two for each file database, one for messages.
+constexpr size_t kLookupTables = 5;
 
 std::string hex(uint64_t number) {
   char text[20];

@@ -11,6 +11,7 @@
 #include "pkgdist_ctrl_recv_ctx.h"
 #include "pkgdist_ctrl_recv_lead_msg.h"
 #include "pkgdist_ctrl_recv_rx_msg_db.h"
+#include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_file_db.h"
 #include "process_system.h"
@@ -98,12 +99,12 @@ uint64_t Process::start(const ProcessSettings& settings, ProcessObserver& observ
   memory_prefix_ = settings.memory_prefix;
   process_system = new System(settings, observer);
   process_system->threads.start([this] { serve(); });
-  pending_ = [this] { return start_up(); };
-  run(settings.now);
-  return result_;
+  process_system->threads.run(settings.now);
+  return call([this] { return start_up(); });
 }
 
 uint64_t Process::start_up() {
+  if (process_system->settings.forgets_at_once) G_data_rto.stat_age = 0;
   const ProcessSettings& settings = process_system->settings;
   loop_ = levm_create();
   node_id_ = {settings.node_id[0], settings.node_id[1], settings.node_id[2]};
@@ -145,14 +146,15 @@ void Process::serve() {
       system.callbacks_due = kNever;
       while (levm_run_once(loop_, 0) > 0) continue;
     }
-    system.threads.wait(&system.callbacks_due, system.callbacks_due);
+    if (!pending_) system.threads.wait(&system.callbacks_due, system.callbacks_due);
   }
 }
 
 uint64_t Process::call(Call call) {
   pending_ = std::move(call);
   process_system->threads.wake(&process_system->callbacks_due);
-  run(process_system->threads.now());
+  if (!process_system->threads.run_awake(process_system->threads.now()))
+    observer().stuck("threads wait for each other's mutexes");
   return result_;
 }
 

@@ -66,8 +66,9 @@ struct ProcessSettings {
   uint64_t seed = 0;                    // of all choices that a scheduler makes
   // A thread gives way before so many of 1000 locks: others run between its steps.
   uint32_t yields_per_mille = 0;
-  uint64_t caller_lag = 0;  // nanoseconds at most until the caller's loop runs its callbacks
-  bool texts = false;       // render the log
+  bool forgets_at_once = false;  // files that ended: the data threads come and go often
+  uint64_t caller_lag = 0;       // nanoseconds at most until the caller's loop runs its callbacks
+  bool texts = false;            // render the log
 };
 
 // How much of everything a process holds.

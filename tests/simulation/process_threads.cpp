@@ -18,6 +18,9 @@ namespace {
 
 constexpr size_t kStackBytes = 256 * 1024;
 constexpr uint64_t kNoDeadline = UINT64_MAX;
+// One of so many yields is a nap: the processor is somewhere else for so long at most.
+constexpr uint64_t kYieldsPerNap = 4;
+constexpr uint64_t kLongestNap = 30'000'000;
 
 // The sanitizer's own version of the switch clears the shadow of the whole stack each time; with
 // its notes about fibers below the plain one is right.
@@ -74,6 +77,7 @@ struct Threads::Thread {
   const fd_set* sockets = nullptr;  // on its stack
   uint64_t deadline = kNoDeadline;
   bool woken = false;
+  bool napping = false;
   pthread_mutex_t* mutex = nullptr;
   ucontext_t context{};
   void* stack = nullptr;
@@ -150,9 +154,29 @@ bool Threads::run(uint64_t now) {
     if (next->state != Thread::State::kEnded) continue;
     std::erase_if(threads_, [next](const auto& thread) { return thread.get() == next; });
   }
-  return std::none_of(threads_.begin(), threads_.end(), [](const auto& thread) {
-    return thread->state == Thread::State::kContending;
-  });
+  const auto any = [this](auto&& property) {
+    return std::any_of(threads_.begin(), threads_.end(),
+                       [&](const auto& thread) { return property(*thread); });
+  };
+  return any([](const Thread& thread) { return thread.napping; }) ||
+         !any([](const Thread& thread) { return thread.state == Thread::State::kContending; });
+}
+
+bool Threads::run_awake(uint64_t now) {
+  naps_ = false;
+  for (const auto& thread : threads_)
+    if (thread->napping) thread->woken = true;
+  const bool result = run(now);
+  naps_ = true;
+  return result;
+}
+
+void Threads::yield_at_times() {
+  if (yields_per_mille_ == 0 || random(1000) >= yields_per_mille_) return;
+  if (!naps_ || random(kYieldsPerNap) != 0) return give_way();
+  current_->napping = true;
+  wait(nullptr, now_ + random(kLongestNap));
+  current_->napping = false;
 }
 
 uint64_t Threads::next_wake() const {
@@ -182,7 +206,7 @@ void Threads::wait_for_sockets(const fd_set& sockets, uint64_t deadline) {
 }
 
 void Threads::lock(pthread_mutex_t* mutex) {
-  if (yields_per_mille_ != 0 && random(1000) < yields_per_mille_) give_way();
+  yield_at_times();
   while (pthread_mutex_trylock(mutex) != 0) {
     current_->mutex = mutex;
     current_->state = Thread::State::kContending;

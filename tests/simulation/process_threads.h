@@ -2,8 +2,8 @@
 //
 // Which of several that could run goes on is drawn from a seed, so every order that a scheduler
 // could choose at a waiting point comes up in some seed, and the same seed repeats it. With yields
-// switched on a thread also gives way before some of the locks that it takes: then other threads
-// run between any two of its critical sections.
+// switched on a thread also gives way before some of the locks that it takes, for a moment or for a
+// while: then other threads run, and time may pass, between any two of its critical sections.
 //
 // Time stands still while threads run. A thread that is dropped is not unwound: it ends where it
 // is, as in a killed process.
@@ -33,6 +33,8 @@ class Threads {
   void start(Body body);
   // Lets all go on until all wait. False when some wait for mutexes that nobody will unlock.
   bool run(uint64_t now);
+  // The same, and nobody is away for a while any longer.
+  bool run_awake(uint64_t now);
   uint64_t next_wake() const;
   uint64_t now() const { return now_; }
   size_t count() const { return threads_.size(); }
@@ -55,6 +57,7 @@ class Threads {
 
   void resume(Thread& thread);
   void give_way();
+  void yield_at_times();
   bool can_run(const Thread& thread) const;
   Thread* choose();
   static void enter(unsigned high, unsigned low);
@@ -65,6 +68,7 @@ class Threads {
   std::vector<std::unique_ptr<Thread>> threads_;
   std::vector<Thread*> candidates_;
   Thread* current_ = nullptr;
+  bool naps_ = true;
   ucontext_t scheduler_{};
   // The stack that run() was called on, for the address sanitizer.
   const void* scheduler_stack_ = nullptr;

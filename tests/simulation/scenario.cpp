@@ -34,6 +34,7 @@ class Author {
     if (!scenario_.calm) draw_trouble();
     std::stable_sort(scenario_.actions.begin(), scenario_.actions.end(),
                      [](const Action& a, const Action& b) { return a.at < b.at; });
+    scenario_.forgets_at_once = dice_.chance(25);
     return std::move(scenario_);
   }
 
@@ -334,7 +335,8 @@ std::string describe(const Scenario& scenario) {
       ", jitter " + std::to_string(network.jitter_ns / 1000) + " us; segments of " +
       std::to_string(scenario.segment_size) + ", rate " + std::to_string(scenario.rate_bits) +
       "; yields " + std::to_string(scenario.yields_per_mille) + " per mille, caller lag " +
-      std::to_string(scenario.caller_lag / kMillisecond) + " ms\n";
+      std::to_string(scenario.caller_lag / kMillisecond) + " ms" +
+      (scenario.forgets_at_once ? ", files forgotten at once" : "") + "\n";
   for (const FileSpec& file : scenario.files)
     text += "  file " + std::to_string(file.location) + ":'" + file.name + "' of " +
             std::to_string(file.size) + " bytes, role " +

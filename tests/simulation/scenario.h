@@ -89,6 +89,7 @@ struct Scenario {
   uint64_t wall_seconds[2] = {};
   uint32_t yields_per_mille = 0;
   uint64_t caller_lag = 0;
+  bool forgets_at_once = false;  // nodes, how files ended
 };
 
 Scenario draw_scenario(uint64_t seed);

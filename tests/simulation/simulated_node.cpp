@@ -92,6 +92,7 @@ SimulatedNode::SimulatedNode(const Place& place, const Habits& habits, HostState
   settings.seed = habits.seed;
   settings.yields_per_mille = habits.yields_per_mille;
   settings.caller_lag = habits.caller_lag;
+  settings.forgets_at_once = habits.forgets_at_once;
   settings.texts = habits.texts;
   if (const uint64_t status = loaded_.process->start(settings, *this); status != 0)
     witness_.broke(place_.host, "start-up failed");

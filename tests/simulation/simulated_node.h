@@ -119,6 +119,7 @@ class SimulatedNode : private ProcessObserver {
     uint64_t seed = 0;
     uint32_t yields_per_mille = 0;
     uint64_t caller_lag = 0;
+    bool forgets_at_once = false;
     uint32_t card_class = 7;
     bool texts = false;
   };

@@ -256,6 +256,7 @@ std::unique_ptr<SimulatedNode> Run::start_process(const Cluster::Place& place, H
   habits.seed = scenario_.seed * 100 + place.pid;
   habits.yields_per_mille = scenario_.yields_per_mille;
   habits.caller_lag = scenario_.caller_lag;
+  habits.forgets_at_once = scenario_.forgets_at_once;
   habits.texts = record_ != nullptr;
   return std::make_unique<SimulatedNode>(
       SimulatedNode::Place{place.index, place.address, place.pid, place.now}, habits, state,
