@@ -173,25 +173,26 @@ TEST_F(DataClientsTest, a_context_without_a_loop_has_no_channel) {
 TEST_F(DataClientsTest, its_channels_run_behind_priority_1_and_before_priority_3) {
   static std::vector<int> order;
   order.clear();
-  client.attach_all();
   client.on_file = [](const FileEvent&) { order.push_back(2); };
-  qitc_handle_t channels[2] = {};
-  const qitc_handler_t handlers[2] = {[](qitc_handle_t) { order.push_back(1); },
-                                      [](qitc_handle_t) { order.push_back(3); }};
-  const int priorities[2] = {1, 3};
-  for (const int i : {1, 0}) {
-    ASSERT_EQ(qitc_handle_create(1, 0, 0, 0, &channels[i]), 0);
-    ASSERT_EQ(
-        levm_attach_qitc_handle(client.loop(), channels[i], handlers[i], priorities[i], 0, 0, 0),
-        0);
-    ASSERT_EQ(qitc_put(channels[i], nullptr), 0);
-  }
+  const auto own_channel = [&](int priority, qitc_handler_t handler) {
+    qitc_handle_t channel = nullptr;
+    EXPECT_EQ(qitc_handle_create(1, 0, 0, 0, &channel), 0);
+    EXPECT_EQ(levm_attach_qitc_handle(client.loop(), channel, handler, priority, 0, 0, 0), 0);
+    EXPECT_EQ(qitc_put(channel, nullptr), 0);
+    return channel;
+  };
+  // Of equal ones the one that was attached first would run first, so these are the other way
+  // round.
+  const qitc_handle_t third = own_channel(3, [](qitc_handle_t) { order.push_back(3); });
+  client.attach_all();
+  const qitc_handle_t first = own_channel(1, [](qitc_handle_t) { order.push_back(1); });
   const char* const paths[] = {"f"};
   EXPECT_EQ(pkgdist_data_file_invoke_cb(0, 2, 9, paths, 1, 1, 1), 0u);
   (void)levm_run_once(client.loop(), 0);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
   EXPECT_EQ(pkgdist::DataSide::kChannelEntries, 384u);
-  for (const qitc_handle_t channel : channels) qitc_handle_destroy(channel);
+  qitc_handle_destroy(first);
+  qitc_handle_destroy(third);
 }
 
 // Whoever takes the lock of one of the two databases does not hold the other's.
