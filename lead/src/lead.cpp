@@ -32,6 +32,10 @@ constexpr uint64_t kTellOtherLead = 1000;
 // Longer round trips are no measurement: the reply carries what somebody made up.
 constexpr Time kMaxRoundTrip = 2 * kSecond;
 
+// The lead's transactions have identifiers of the upper half. A node's own requests count up from
+// 1; a node that finds an identifier under both takes one for the other.
+constexpr uint32_t kLeadTransactions = 0x8000'0000;
+
 const char* request_problem(const PushRequest& request) {
   if (request.location < PKGDIST_LOCATION_FIRST || request.location > PKGDIST_LOCATION_LAST)
     return "the location is not 1 to 6";
@@ -462,7 +466,7 @@ Time Lead::Impl::next_deadline(Time now) const {
 const char* Lead::Impl::start_push(PushRequest request, Time now) {
   if (push_ && !push_->finished()) return "a push is running";
   if (const char* problem = request_problem(request)) return problem;
-  if (++next_xact_ == 0) ++next_xact_;
+  next_xact_ = (next_xact_ + 1) | kLeadTransactions;
   push_ =
       std::make_unique<PushJob>(std::move(request), next_xact_, nodes_, control_, data_, events_);
   push_->begin(now);

@@ -2,7 +2,8 @@
 //
 // One context with a reserved identifier. Registration sets the flag that CTRL_RX tests before it
 // looks at the lead it may know already: a lead that appears at the same moment is reported once or
-// twice, never not at all.
+// twice, never not at all. Registration looks again after its report, because CTRL_RX may have
+// reported a new lead before it: the last report is always of the latest lead.
 #include "pkgdist_ctrl_recv_lead_chg.h"
 
 #include <cstring>
@@ -30,6 +31,16 @@ void deliver(const LeadChangeEntry& entry, const ControlClientContext& client) {
   client.handlers.lead_change(entry.lead, entry.pid, entry.failover != 0, client.ctx);
 }
 
+void report_known_lead() {
+  for (uint32_t lead = load(G_lead_uc_addr); lead != 0;) {
+    const uint32_t pid = load(G_lead_pid);
+    (void)pkgdist_ctrl_lead_chg_invoke_cb(lead, pid, 0);
+    const uint32_t reported = lead;
+    lead = load(G_lead_uc_addr);
+    if (lead == reported && load(G_lead_pid) == pid) return;
+  }
+}
+
 }  // namespace
 
 extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_ctrl_register_lead_change(
@@ -50,8 +61,7 @@ extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_ctrl_register_lead_chan
       pkgdist_ctrl_recv_alloc_ctx(levm, nullptr, nullptr, cb_func, ctx, recv_id);
   if (status != 0) return status;
   store(G_ctrl_lead_cb_registered, true);
-  if (const uint32_t lead = load(G_lead_uc_addr); lead != 0)
-    (void)pkgdist_ctrl_lead_chg_invoke_cb(lead, load(G_lead_pid), 0);
+  report_known_lead();
   return 0;
 }
 

@@ -64,11 +64,12 @@ bool is_readable(int socket, const fd_set& readable) {
   return socket >= 0 && FD_ISSET(socket, &readable);
 }
 
-// Reads one datagram into the thread's buffer; records the time that took.
+// Reads one datagram into the thread's buffer; records the time that took. Never waits: a socket
+// that was made anew since select() is empty, and may stay so for long.
 ssize_t receive(int socket, CrtHistogram histogram) {
   const Stopwatch time(histogram);
-  const ssize_t length =
-      recvfrom(socket, G_ctrl_recv_rx_buffer, sizeof G_ctrl_recv_rx_buffer, 0, nullptr, nullptr);
+  const ssize_t length = recvfrom(socket, G_ctrl_recv_rx_buffer, sizeof G_ctrl_recv_rx_buffer,
+                                  MSG_DONTWAIT, nullptr, nullptr);
   if (length > 0) time.finish();
   return length;
 }

@@ -144,8 +144,11 @@ extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_set_recv_repository(con
     return PKGDIST_ERR_INVALID;
   }
   char* slot = G_data_recv_repository[location - 1];
-  (void)quendrel_sstrncpy(slot, path, kRepositoryPathBytes);
   store(G_data_recv_memory[location - 1], static_cast<uint8_t>(memory));
+  // A location exists once its path begins: a list of the lead that comes at this moment finds all
+  // of it or none.
+  if (length != 0) (void)quendrel_sstrncpy(slot + 1, path + 1, kRepositoryPathBytes - 1);
+  store(slot[0], path[0]);
   log_location(location, slot, memory);
   return 0;
 }

@@ -33,7 +33,7 @@ const char* first_name(const Message& message) {
 // A location that was never set has an empty prefix, with which the lead's name would be a path of
 // this whole host.
 bool is_acceptable(const char* name, uint32_t location) {
-  if (!is_location(location) || G_data_recv_repository[location - 1][0] == '\0') {
+  if (!is_location(location) || load(G_data_recv_repository[location - 1][0]) == '\0') {
     PKGDIST_ERR_IN(kReporter, "file '%s' storage location '%d' is invalid", name, location);
     return false;
   }

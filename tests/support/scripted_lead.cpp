@@ -32,12 +32,12 @@ sockaddr_in endpoint(uint32_t address, uint32_t port) {
   return result;
 }
 
-int bound_socket(uint32_t port) {
+int bound_socket(uint32_t address, uint32_t port) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in local = endpoint(kScriptedLead, port);
+  const sockaddr_in local = endpoint(address, port);
   EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local), 0)
       << std::strerror(errno);
-  const in_addr interface = {htonl(kScriptedLead)};
+  const in_addr interface = {htonl(address)};
   EXPECT_EQ(setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface), 0);
   return fd;
 }
@@ -63,6 +63,34 @@ Bytes framed(const Bytes& header, const Bytes& body) {
   return datagram;
 }
 
+// A datagram in its parts; nothing when it is none of ours.
+template <class Arrival>
+std::optional<Arrival> parsed(const Bytes& datagram) {
+  if (datagram.size() < 4) return std::nullopt;
+  const uint32_t header_bytes = datagram[3];
+  Arrival arrival;
+  if (datagram.size() < 4 + header_bytes ||
+      pkgdist::decode(datagram.data() + 4, header_bytes, arrival.header) != 0)
+    return std::nullopt;
+  arrival.body.assign(datagram.begin() + 4 + header_bytes, datagram.end());
+  return arrival;
+}
+
+// The next datagram that is waiting, if any.
+Bytes take_datagram(int fd) {
+  Bytes datagram(2048);
+  const ssize_t length = recv(fd, datagram.data(), datagram.size(), MSG_DONTWAIT);
+  datagram.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
+  return datagram;
+}
+
+template <class Arrival>
+std::optional<Arrival> take(int fd) {
+  for (Bytes datagram = take_datagram(fd); !datagram.empty(); datagram = take_datagram(fd))
+    if (auto arrival = parsed<Arrival>(datagram)) return arrival;
+  return std::nullopt;
+}
+
 // The next datagram whose header `accept` takes.
 template <class Arrival>
 Arrival expect(int fd, const std::function<bool(const Arrival&)>& accept) {
@@ -71,25 +99,18 @@ Arrival expect(int fd, const std::function<bool(const Arrival&)>& accept) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     pollfd waiting = {fd, POLLIN, 0};
     if (left.count() <= 0 || poll(&waiting, 1, static_cast<int>(left.count())) <= 0) break;
-    Bytes datagram(2048);
-    const ssize_t length = recv(fd, datagram.data(), datagram.size(), 0);
-    if (length < 4) continue;
-    datagram.resize(static_cast<size_t>(length));
-    const uint32_t header_bytes = datagram[3];
-    Arrival arrival;
-    if (pkgdist::decode(datagram.data() + 4, header_bytes, arrival.header) != 0) continue;
-    arrival.body.assign(datagram.begin() + 4 + header_bytes, datagram.end());
-    if (accept(arrival)) return arrival;
+    const std::optional<Arrival> arrival = parsed<Arrival>(take_datagram(fd));
+    if (arrival && accept(*arrival)) return *arrival;
   }
   throw std::runtime_error("the node did not send what was expected");
 }
 
 }  // namespace
 
-ScriptedLead::ScriptedLead()
-    : base_port_(static_cast<uint16_t>(20'000 + getpid() % 4000 * kPorts)) {
-  control_ = bound_socket(base_port_ + uint32_t{kLead});
-  data_ = bound_socket(base_port_ + uint32_t{kRequest});
+ScriptedLead::ScriptedLead(uint32_t address)
+    : address_(address), base_port_(static_cast<uint16_t>(20'000 + getpid() % 4000 * kPorts)) {
+  control_ = bound_socket(address, base_port_ + uint32_t{kLead});
+  data_ = bound_socket(address, base_port_ + uint32_t{kRequest});
 }
 
 ScriptedLead::~ScriptedLead() {
@@ -106,6 +127,19 @@ void ScriptedLead::start_node(const std::string& directory) {
   ASSERT_EQ(instcomm_pkgdist_set_recv_repository(directory.c_str(), 1, false), 0u);
 }
 
+void ScriptedLead::wait(std::chrono::milliseconds longest) const {
+  pollfd waiting[] = {{control_, POLLIN, 0}, {data_, POLLIN, 0}};
+  (void)poll(waiting, std::size(waiting), static_cast<int>(longest.count()));
+}
+
+std::optional<ControlArrival> ScriptedLead::take_control() const {
+  return take<ControlArrival>(control_);
+}
+
+std::optional<DataArrival> ScriptedLead::take_data() const {
+  return take<DataArrival>(data_);
+}
+
 void ScriptedLead::raw_control(const Bytes& datagram, bool unicast) {
   if (unicast)
     send_to(control_, kNodeUnderTest, base_port_ + uint32_t{kNode}, datagram);
@@ -119,28 +153,30 @@ void ScriptedLead::raw_data(const Bytes& datagram) {
 
 namespace {
 
-pkgdist_ctrl_msg_hdr control_header(uint32_t msg_id, uint32_t pid, uint32_t sequence) {
+pkgdist_ctrl_msg_hdr control_header(uint32_t msg_id, uint32_t from, uint32_t pid,
+                                    uint32_t sequence) {
   using Header = pkgdist_ctrl_msg_hdr;
   Header header{};
   qidl::set<&Header::msg_id>(header, msg_id);
-  qidl::set<&Header::node_ip>(header, kScriptedLead);
+  qidl::set<&Header::node_ip>(header, from);
   qidl::set<&Header::pid>(header, pid);
   qidl::set<&Header::sequence>(header, sequence);
   return header;
 }
 
-Bytes data_header(uint32_t msg_id) {
+Bytes data_header(uint32_t msg_id, uint32_t from) {
   using Header = pkgdist_data_msg_hdr;
   Header header{};
   qidl::set<&Header::msg_id>(header, msg_id);
-  qidl::set<&Header::node_ip>(header, kScriptedLead);
+  qidl::set<&Header::node_ip>(header, from);
   return encoded(header);
 }
 
 }  // namespace
 
 void ScriptedLead::ping(uint32_t sequence) {
-  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_PING, pid, sequence)), {}), false);
+  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_PING, address_, pid, sequence)), {}),
+              false);
 }
 
 void ScriptedLead::message(uint32_t sequence, uint32_t msg_class, const Bytes& whole,
@@ -148,7 +184,7 @@ void ScriptedLead::message(uint32_t sequence, uint32_t msg_class, const Bytes& w
                            bool retransmission) {
   using Header = pkgdist_ctrl_msg_hdr;
   using Body = pkgdist_ctrl_msg;
-  Header header = control_header(PKGDIST_CTRL_MSG_CTRL, pid, sequence);
+  Header header = control_header(PKGDIST_CTRL_MSG_CTRL, address_, pid, sequence);
   qidl::set<&Header::segment>(header, segment);
   qidl::set<&Header::card_class>(header, 0);
   Body body{};
@@ -164,15 +200,17 @@ void ScriptedLead::message(uint32_t sequence, uint32_t msg_class, const Bytes& w
 }
 
 void ScriptedLead::acknowledge(uint32_t sequence) {
-  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_ACK, pid, sequence)), {}), true);
+  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_ACK, address_, pid, sequence)), {}),
+              true);
 }
 
 void ScriptedLead::ask_again(uint32_t sequence) {
-  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_NACK, pid, sequence)), {}), true);
+  raw_control(framed(encoded(control_header(PKGDIST_CTRL_MSG_NACK, address_, pid, sequence)), {}),
+              true);
 }
 
 void ScriptedLead::file_list(uint32_t sequence, uint32_t xact_id, std::vector<std::string> names,
-                             uint32_t location, uint32_t operation) {
+                             uint32_t location, uint32_t operation, bool retransmission) {
   using List = pkgdist_file_send_ctrl;
   List list{};
   qidl::set<&List::operation>(list, operation);
@@ -185,7 +223,7 @@ void ScriptedLead::file_list(uint32_t sequence, uint32_t xact_id, std::vector<st
   list.names = pointers.data();
   list.names_count = static_cast<uint32_t>(pointers.size());
   qidl::mark<&List::names>(list);
-  message(sequence, PKGDIST_CTRL_CLASS_FILE_SEND, encoded(list), 1300, 0);
+  message(sequence, PKGDIST_CTRL_CLASS_FILE_SEND, encoded(list), 1300, 0, false, retransmission);
 }
 
 ControlArrival ScriptedLead::expect_control(uint32_t msg_id) {
@@ -208,7 +246,7 @@ void ScriptedLead::file_info(uint32_t file_id, const std::string& name, uint32_t
   qidl::set<&Info::mtime>(info, mtime);
   qidl::set<&Info::symlink>(info, symlink ? 1 : 0);
   qidl::set<&Info::location>(info, location);
-  raw_data(framed(data_header(PKGDIST_DATA_MSG_FILE_INFO), encoded(info)));
+  raw_data(framed(data_header(PKGDIST_DATA_MSG_FILE_INFO, address_), encoded(info)));
 }
 
 void ScriptedLead::segment(uint32_t file_id, uint32_t number, const Bytes& data, bool repair) {
@@ -220,7 +258,7 @@ void ScriptedLead::segment(uint32_t file_id, uint32_t number, const Bytes& data,
   segment.data = data.data();
   segment.data_size = data.size();
   qidl::mark<&Segment::data>(segment);
-  raw_data(framed(data_header(PKGDIST_DATA_MSG_SEGMENT), encoded(segment)));
+  raw_data(framed(data_header(PKGDIST_DATA_MSG_SEGMENT, address_), encoded(segment)));
 }
 
 void ScriptedLead::miss_done(uint32_t file_id, const std::string& name) {
@@ -230,7 +268,7 @@ void ScriptedLead::miss_done(uint32_t file_id, const std::string& name) {
   qidl::set<&Miss::file_id>(miss, file_id);
   qidl::set<&Miss::name>(miss, text.data());
   qidl::set<&Miss::location>(miss, 1);
-  raw_data(framed(data_header(PKGDIST_DATA_MSG_MISS_DONE), encoded(miss)));
+  raw_data(framed(data_header(PKGDIST_DATA_MSG_MISS_DONE, address_), encoded(miss)));
 }
 
 DataArrival ScriptedLead::expect_data(uint32_t msg_id) {

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,8 @@ struct DataArrival {
 
 class ScriptedLead {
  public:
-  ScriptedLead();
+  // Several leads of one test differ in their address.
+  explicit ScriptedLead(uint32_t address = kScriptedLead);
   ~ScriptedLead();
   ScriptedLead(const ScriptedLead&) = delete;
   ScriptedLead& operator=(const ScriptedLead&) = delete;
@@ -53,7 +55,8 @@ class ScriptedLead {
   void ask_again(uint32_t sequence);
   // A file list as message `sequence`.
   void file_list(uint32_t sequence, uint32_t xact_id, std::vector<std::string> names,
-                 uint32_t location = 1, uint32_t operation = PKGDIST_FILE_SEND_LIST);
+                 uint32_t location = 1, uint32_t operation = PKGDIST_FILE_SEND_LIST,
+                 bool retransmission = false);
   // The next control datagram of this kind; others are dropped.
   ControlArrival expect_control(uint32_t msg_id);
 
@@ -67,11 +70,18 @@ class ScriptedLead {
   // The status of the next request done.
   uint64_t expect_done(uint32_t file_id);
 
+  // For a lead that serves whatever comes: waits until a datagram is there, then takes the next one
+  // of a channel; nothing when none is waiting.
+  void wait(std::chrono::milliseconds longest) const;
+  std::optional<ControlArrival> take_control() const;
+  std::optional<DataArrival> take_data() const;
+
   // Bytes as they are, to one of the node's sockets.
   void raw_control(const Bytes& datagram, bool unicast);
   void raw_data(const Bytes& datagram);
 
  private:
+  uint32_t address_;
   int control_;  // bound to the lead's control port
   int data_;     // bound to the request port
   uint16_t base_port_;

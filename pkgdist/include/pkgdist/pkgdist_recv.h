@@ -22,6 +22,8 @@
  * the library and are gone when it returns: copy what you keep. A call that returns an error never
  *   calls back, with the one exception named at instcomm_pkgdist_get_file. Between callbacks of
  *   different kinds no order is promised.
+ *   A loop must outlive what it was given to: detach its handlers and wait for the outcomes of its
+ *   requests before you destroy it. What is still to come for a destroyed loop is never delivered.
  *
  * Values
  *   Addresses are IPv4 and ports 16-bit numbers, both in host byte order (192.0.2.1 is 0xC0000201).

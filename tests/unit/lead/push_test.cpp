@@ -70,6 +70,24 @@ TEST(Push, without_loss_sends_everything_exactly_once_at_the_given_rate) {
   EXPECT_LT(static_cast<double>(report.finished_at - report.started_at) / 1e9, ideal + 0.03);
 }
 
+// A node's own requests count up from 1 and must not be taken for the lead's transaction.
+TEST(Push, transaction_is_out_of_the_way_of_the_nodes_own_requests) {
+  for (const uint64_t seed : {uint64_t{0}, uint64_t{0x7FFFFFFF}, uint64_t{0xFFFFFFFF}}) {
+    lead::Settings settings = LeadCluster::default_settings();
+    settings.seed = seed;
+    LeadCluster cluster(settings);
+    cluster.store.add("file", pattern(10, 1));
+    cluster.add_hosts(1);
+    uint32_t before = 0;
+    for (int push = 0; push < 2; ++push) {
+      ASSERT_TRUE(cluster.run_push(cluster.push_all(), 10 * kSecond));
+      EXPECT_GE(cluster.lead().push_transaction(), 0x80000000u);
+      EXPECT_NE(cluster.lead().push_transaction(), before);
+      before = cluster.lead().push_transaction();
+    }
+  }
+}
+
 TEST(Push, survives_duplicates_and_reordering_both_ways) {
   for (uint64_t seed = 1; seed <= 5; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));

@@ -60,6 +60,25 @@ TEST_F(CtrlRxPass, takes_one_datagram_of_each_stream) {
   EXPECT_EQ(answers(), (Words{"MC ACK 6 point 5"}));
 }
 
+// A second start-up makes the sockets anew under the running thread, and the new one gets the old
+// one's number: what was readable is not any more.
+TEST_F(CtrlRxPass, a_socket_that_is_made_anew_during_the_pass_does_not_hold_it_up) {
+  multicast(control({.sequence = 5}));
+  unicast(control({.sequence = 5}));
+  int fresh[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fresh), 0);
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex == &G_ctrl_recv_rx_msg_db.mutex) (void)dup2(fresh[0], unicast_[0]);
+  });
+  (void)alarm(20);  // a pass that waits for the empty socket would wait for ever
+  pass();
+  (void)alarm(0);
+  faults::on_lock(nullptr);
+  EXPECT_EQ(answers(), (Words{"MC ACK 5 point 4"}));
+  EXPECT_EQ(value(CrtCounter::kUcRecvfromErr), 1u);
+  for (const int socket : fresh) close(socket);
+}
+
 TEST_F(CtrlRxPass, records_the_time_of_each_receive) {
   multicast(control({.sequence = 5}));
   pass();
