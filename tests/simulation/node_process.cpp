@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "pkgdist/pkgdist_recv.h"
 #include "pkgdist/statistics.h"
@@ -14,6 +15,8 @@
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_file_db.h"
+#include "pkgdist_data_recv_file_thread.h"
+#include "pkgdist_data_recv_rx_thread.h"
 #include "process_system.h"
 
 namespace pkgdist::sim {
@@ -52,6 +55,7 @@ class Process final : public NodeProcess {
   Call pending_;
   uint64_t result_ = 0;
   std::string directory_, memory_prefix_;
+  bool stopping_ = false;
 };
 
 ProcessObserver& observer() {
@@ -160,6 +164,9 @@ uint64_t Process::call(Call call) {
 
 void Process::run(uint64_t now) {
   if (!process_system->threads.run(now)) observer().stuck("threads wait for each other's mutexes");
+  const bool stopping = G_data_rx_exit_thread || G_data_recv_file_exit_thread;
+  if (stopping && !std::exchange(stopping_, stopping)) observer().stopping();
+  stopping_ = stopping;
 }
 
 void Process::deliver(uint32_t address, uint16_t port, std::span<const uint8_t> bytes) {

@@ -41,6 +41,8 @@ class ProcessObserver {
   virtual void appeared(const char* path) = 0;
   // A statement of the library: its number, and its text when texts were asked for, else null.
   virtual void logged(uint32_t point, const char* text) = 0;
+  // The data threads were asked to end and have not ended yet: the moment to begin something.
+  virtual void stopping() = 0;
   // The process cannot go on as a real one would: all threads wait for each other.
   virtual void stuck(const char* why) = 0;
 

@@ -162,6 +162,9 @@ void SimulatedNode::appeared(const char* path) {
 void SimulatedNode::logged(uint32_t point, const char* text) {
   note(point, text != nullptr ? text : std::string());
 }
+void SimulatedNode::stopping() {
+  witness_.stopping(place_.host);
+}
 void SimulatedNode::stuck(const char* why) {
   witness_.broke(place_.host, why);
 }

@@ -99,6 +99,7 @@ class NodeWitness {
   virtual void appeared(size_t host, const std::string& path) = 0;
   virtual void file_ended(size_t host, const std::string& name, uint32_t location,
                           uint64_t status) = 0;
+  virtual void stopping(size_t host) = 0;  // its data threads
   virtual void broke(size_t host, const std::string& what) = 0;
   // For the record of the run. `text` may be empty.
   virtual void noted(size_t host, uint64_t number, const std::string& text) = 0;
@@ -160,6 +161,7 @@ class SimulatedNode : private ProcessObserver {
   void sent(uint32_t address, uint16_t port, std::span<const uint8_t> bytes) override;
   void appeared(const char* path) override;
   void logged(uint32_t point, const char* text) override;
+  void stopping() override;
   void stuck(const char* why) override;
   void file_ended(uint64_t status, const char* path, uint32_t type, uint32_t location,
                   uint32_t xact, uint32_t request) override;

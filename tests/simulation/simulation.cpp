@@ -28,7 +28,8 @@ constexpr uint64_t kFinalPushTime = 200 * kSecond;
 constexpr uint64_t kRestTime = 42 * kSecond;
 // How long a lead waits for nodes that are absent, and an owner's message for its answers.
 constexpr uint64_t kNodeTimeout = 15 * kSecond;
-constexpr uint64_t kLookInterval = 100 * kMillisecond;
+// Requests at the moment that data threads end, in one run.
+constexpr uint64_t kMostStops = 40;
 
 // FNV-1a over everything that happens.
 class Trace {
@@ -81,6 +82,7 @@ class Run : public NodeWitness {
   void appeared(size_t host, const std::string& path) override;
   void file_ended(size_t host, const std::string& name, uint32_t location,
                   uint64_t status) override;
+  void stopping(size_t host) override;
   void broke(size_t host, const std::string& what) override;
   void noted(size_t host, uint64_t number, const std::string& text) override;
 
@@ -98,6 +100,7 @@ class Run : public NodeWitness {
   void send_message(const Action& action);
   void remove(const Action& action);
   void break_file(const Action& action);
+  void get_and_cancel(const Action& action);
   void end_process(size_t host, bool orderly);
   void start_lead(size_t index);
   void stop_lead(size_t index);
@@ -112,6 +115,8 @@ class Run : public NodeWitness {
   void report_busy();
   void finish();
 
+  void run_to(uint64_t time);
+  void get_file(size_t host, const FileSpec& file, uint32_t type);
   bool node_runs(size_t host) const { return cluster_.host(host).node != nullptr; }
   void say(const std::string& text);
 
@@ -123,9 +128,12 @@ class Run : public NodeWitness {
   uint64_t datagrams_ = 0;
   mutable Cluster cluster_;
   Owner owners_[kMostLeads];
-  std::vector<std::shared_ptr<bool>> down_, up_;  // outages of what hosts receive and send
-  uint32_t next_number_ = 0;                      // of requests, messages and lead processes
-  std::vector<size_t> next_version_;              // by file
+  std::vector<std::shared_ptr<bool>> down_, up_;          // outages of what hosts receive and send
+  std::multimap<uint64_t, std::function<void()>> later_;  // by time, while there is trouble
+  uint64_t stops_ = 0;                                    // of data threads
+  uint32_t next_number_ = 0;          // of requests, messages and lead processes
+  std::vector<size_t> next_version_;  // by file
+  bool healed_ = false;
   bool over_ = false;
 };
 
@@ -277,6 +285,23 @@ void Run::appeared(size_t host, const std::string& path) {
 }
 void Run::file_ended(size_t host, const std::string& name, uint32_t location, uint64_t status) {
   judge_.file_ended(cluster_.host(host).disk, name, location, status);
+}
+// Somebody wants a file just then, or a little later, when another thread is about to end.
+void Run::stopping(size_t host) {
+  if (over_ || healed_) return;
+  const size_t files = scenario_.files.size();
+  const uint64_t dice = scenario_.seed * 31 + ++stops_ * 17;
+  const FileSpec& file = scenario_.files[dice % files];
+  if (file.role != Role::kShared || stops_ > kMostStops) return;
+  const uint64_t pause = dice % 3 == 0 ? 5 * kSecond - 10 * kMillisecond : 0;
+  later_.emplace(cluster_.now() + pause + dice % 25 * kMillisecond, [this, host, &file] {
+    if (node_runs(host)) get_file(host, file, 1);
+  });
+}
+void Run::get_file(size_t host, const FileSpec& file, uint32_t type) {
+  ++next_number_;
+  cluster_.node(host).come_to(cluster_.now());
+  cluster_.node(host).get_file(next_number_, file.name, file.location, type, 1 + next_number_ % 4);
 }
 void Run::broke(size_t host, const std::string& what) {
   judge_.violated("host " + std::to_string(host) + ": " + what);
@@ -432,6 +457,17 @@ void Run::split(uint32_t mask, bool apart) {
   cluster_.cut_leads(0, 1, apart);
 }
 
+void Run::get_and_cancel(const Action& action) {
+  if (!node_runs(action.who)) return;
+  get_file(action.who, scenario_.files[action.files[0]], action.type);
+  if (action.number == 0) return;
+  later_.emplace(cluster_.now() + action.number, [this, host = action.who, request = next_number_] {
+    if (!node_runs(host)) return;
+    cluster_.node(host).come_to(cluster_.now());
+    cluster_.node(host).cancel(request);
+  });
+}
+
 void Run::do_action(const Action& action) {
   if (record_ != nullptr) say("--- " + describe(scenario_, action));
   const size_t file = action.files.empty() ? SIZE_MAX : action.files[0];
@@ -442,11 +478,11 @@ void Run::do_action(const Action& action) {
     case Deed::kPush:
       return push(action);
     case Deed::kGet:
+      if (node != nullptr && file != SIZE_MAX)
+        get_file(action.who, scenario_.files[file], action.type);
+      return;
     case Deed::kGetAndCancel:
-      if (node == nullptr || file == SIZE_MAX) return;
-      ++next_number_;
-      return node->get_file(next_number_, scenario_.files[file].name,
-                            scenario_.files[file].location, action.type, 1 + next_number_ % 4);
+      return get_and_cancel(action);
     case Deed::kGetUnknown:
       if (node != nullptr) node->get_file(++next_number_, "unknown", kDiskLocation, 1, 2);
       return;
@@ -502,41 +538,31 @@ void Run::do_action(const Action& action) {
 
 // --- The course of a run ---
 
+void Run::run_to(uint64_t time) {
+  const auto next = [this] { return later_.empty() ? kNever : later_.begin()->first; };
+  while (cluster_.now() < time || next() <= time) {
+    const uint64_t until = std::min(time, next());
+    if (until > cluster_.now())
+      cluster_.run_until([&] { return next() < until; }, until - cluster_.now());
+    if (next() > cluster_.now()) continue;
+    const std::function<void()> act = std::move(later_.begin()->second);
+    later_.erase(later_.begin());
+    act();
+  }
+}
+
 Verdict Run::go() {
   if (record_ != nullptr) std::fprintf(record_, "%s", describe(scenario_).c_str());
   const uint64_t start = cluster_.now();
-  struct Withdrawal {
-    uint64_t at;
-    size_t host;
-    uint32_t request;
-  };
-  std::vector<Withdrawal> withdrawals;
-  const auto run_to = [&](uint64_t time) {
-    for (;;) {
-      const auto next =
-          std::min_element(withdrawals.begin(), withdrawals.end(),
-                           [](const Withdrawal& a, const Withdrawal& b) { return a.at < b.at; });
-      const bool first = next != withdrawals.end() && next->at <= time;
-      const uint64_t until = first ? next->at : time;
-      if (until > cluster_.now()) cluster_.run_for(until - cluster_.now());
-      if (!first) return;
-      if (node_runs(next->host)) {
-        cluster_.node(next->host).come_to(cluster_.now());
-        cluster_.node(next->host).cancel(next->request);
-      }
-      withdrawals.erase(next);
-    }
-  };
   for (const Action& action : scenario_.actions) {
     if (action.at > scenario_.chaos_ends) break;  // healing comes first
     run_to(start + action.at);
     do_action(action);
-    if (action.deed == Deed::kGetAndCancel && action.number != 0 && node_runs(action.who))
-      withdrawals.push_back({cluster_.now() + action.number, action.who, next_number_});
   }
   run_to(start + scenario_.chaos_ends);
   heal();
-  run_to(cluster_.now() + 3 * kSecond);
+  later_.clear();
+  cluster_.run_for(3 * kSecond);
   if (!cluster_.run_until([this] { return is_quiet(); }, kSettleTime)) {
     judge_.violated("what was begun did not end");
     report_busy();
@@ -549,10 +575,12 @@ Verdict Run::go() {
 
 void Run::heal() {
   say("--- everything heals");
+  healed_ = true;
   for (size_t i = 0; i < cluster_.hosts(); ++i) {
     *down_[i] = *up_[i] = false;
     if (!node_runs(i)) cluster_.start_node(i);
-    if (scenario_.seed % 2 == 0) {
+    // A node that forgets at once cannot repeat a report that was lost.
+    if (scenario_.seed % 2 == 0 || scenario_.forgets_at_once) {
       cluster_.host(i).down.clear();
       cluster_.host(i).up.clear();
     }
