@@ -21,6 +21,7 @@
 #include "pkgdist_data_recv_rx_thread.h"
 #include "pkgdist_log.h"
 #include "platform/inst_common.h"
+#include "trace_text.h"
 
 namespace support {
 namespace {
@@ -54,42 +55,11 @@ uint32_t samples_at(const uint32_t* block, uint32_t index) {
   return sum;
 }
 
-// printf() of one record, argument by argument, so that the signature is exercised as well.
+// One record as text, so that the signature is exercised as well.
 std::string render(const char* signature, const char* format, va_list arguments) {
-  std::string text;
-  for (const char* at = format; *at != '\0';) {
-    if (*at != '%') {
-      const size_t plain = std::strcspn(at, "%");
-      text.append(at, plain);
-      at += plain;
-      continue;
-    }
-    if (at[1] == '%') {
-      text += '%';
-      at += 2;
-      continue;
-    }
-    const size_t length = std::strcspn(at + 1, "diuxXpsc") + 2;
-    const std::string directive(at, length);
-    at += length;
-    char piece[4096];
-    switch (*signature++) {
-      case 's':
-        std::snprintf(piece, sizeof piece, directive.c_str(), va_arg(arguments, const char*));
-        break;
-      case 'd':
-        std::snprintf(piece, sizeof piece, directive.c_str(), va_arg(arguments, int));
-        break;
-      case 'D':
-        std::snprintf(piece, sizeof piece, directive.c_str(), va_arg(arguments, long));
-        break;
-      default:
-        ADD_FAILURE() << "signature shorter than the format: " << format;
-        return text;
-    }
-    text += piece;
-  }
-  EXPECT_EQ(*signature, '\0') << "signature longer than the format: " << format;
+  std::string problem;
+  std::string text = pkgdist::test::trace_text(signature, format, arguments, &problem);
+  EXPECT_EQ(problem, "");
   return text;
 }
 

@@ -14,9 +14,15 @@ inline std::string trace_text(const char* signature, const char* format, va_list
                               std::string* problem = nullptr) {
   std::string text;
   for (const char* at = format; *at != '\0';) {
-    if (*at != '%' || at[1] == '%') {
-      text += *at;
-      at += *at == '%' ? 2 : 1;
+    if (*at != '%') {
+      const size_t plain = std::strcspn(at, "%");
+      text.append(at, plain);
+      at += plain;
+      continue;
+    }
+    if (at[1] == '%') {
+      text += '%';
+      at += 2;
       continue;
     }
     const size_t length = std::strcspn(at + 1, "diuxXpsc") + 2;
