@@ -143,15 +143,22 @@ void ServingLead::on_control(const ControlArrival& arrival) {
     if (!lost()) socket_.acknowledge(sequence);
     return;
   }
-  if (arrival.header.msg_id != PKGDIST_CTRL_MSG_ACK) return;
-  const auto at = std::find_if(outgoing_.begin(), outgoing_.end(), [=](const Outgoing& outgoing) {
-    return outgoing.sequence == sequence;
-  });
-  if (at == outgoing_.end()) return;
-  const std::vector<std::string> files = at->files;
-  outgoing_.erase(at);
-  ++acknowledged_;
-  for (const std::string& name : files) send_file(name);
+  // An acknowledgement that was lost is not repeated: the point in the ping replies tells it.
+  if (arrival.header.msg_id == PKGDIST_CTRL_MSG_ACK)
+    on_acknowledged([=](uint32_t of) { return of == sequence; });
+  else if (arrival.header.msg_id == PKGDIST_CTRL_MSG_PING_REPLY)
+    on_acknowledged([=](uint32_t of) { return of <= sequence; });
+}
+
+void ServingLead::on_acknowledged(const std::function<bool(uint32_t sequence)>& is_meant) {
+  const auto meant =
+      std::stable_partition(outgoing_.begin(), outgoing_.end(),
+                            [&](const Outgoing& outgoing) { return !is_meant(outgoing.sequence); });
+  const std::vector<Outgoing> ended(meant, outgoing_.end());
+  outgoing_.erase(meant, outgoing_.end());
+  acknowledged_ += static_cast<unsigned>(ended.size());
+  for (const Outgoing& outgoing : ended)
+    for (const std::string& name : outgoing.files) send_file(name);
 }
 
 void ServingLead::on_data(const DataArrival& arrival) {

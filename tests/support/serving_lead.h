@@ -63,6 +63,7 @@ class ServingLead {
   void begin_process();
   void remind();
   void on_control(const ControlArrival& arrival);
+  void on_acknowledged(const std::function<bool(uint32_t sequence)>& is_meant);
   void on_data(const DataArrival& arrival);
   void send_file(const std::string& name);
   void send_segments(const std::string& name, uint32_t first, uint32_t count);
