@@ -1,5 +1,5 @@
-// Runs the simulation over seeds: the real library and the real lead under one virtual clock, with
-// whatever the seed has for them. Says which seeds went wrong and how fast it was.
+// Runs the simulation from seed to seed: the real library and the real lead under one virtual
+// clock, with whatever the seed has for them. Says which ones went wrong and how fast it was.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,7 +62,7 @@ Range parse_range(const std::string& text) {
 }
 
 struct Options {
-  std::vector<std::string> seeds;
+  std::vector<std::string> ranges;
   double seconds = 0;  // 0: as long as it takes
   uint64_t repeat_every = 50;
   bool verbose = false;
@@ -93,7 +93,7 @@ Tally run(const Options& options, Workspace& workspace) {
   const auto start = Clock::now();
   const auto spent = [&] { return std::chrono::duration<double>(Clock::now() - start).count(); };
   Tally tally;
-  for (const std::string& text : options.seeds) {
+  for (const std::string& text : options.ranges) {
     const Range range = parse_range(text);
     for (uint64_t seed = range.from; seed <= range.to; ++seed) {
       if (options.seconds > 0 && spent() >= options.seconds) break;
@@ -109,7 +109,7 @@ Tally run(const Options& options, Workspace& workspace) {
       report(seed, verdict);
     }
   }
-  std::printf("%lu seeds, %lu failed; %.1f seeds/s, %.0f datagrams/s, %.0f times real time\n",
+  std::printf("%lu runs, %lu failed; %.1f runs/s, %.0f datagrams/s, %.0f times real time\n",
               tally.runs, tally.failed, static_cast<double>(tally.runs) / spent(),
               static_cast<double>(tally.datagrams) / spent(), tally.virtual_seconds / spent());
   return tally;
@@ -121,12 +121,12 @@ int main(int argc, char** argv) {
   CLI::App app("Simulates clusters of the real library and the real lead, one for each seed.",
                "simulation");
   Options options;
-  app.add_option("--seeds,--seed", options.seeds, "a seed, or a range FROM-TO; may be repeated")
+  app.add_option("--seed", options.ranges, "a seed, or a range FROM-TO; may be repeated")
       ->required()
       ->delimiter(',');
   app.add_option("--seconds", options.seconds, "stop after this time");
   app.add_option("--repeat-every", options.repeat_every,
-                 "run seeds that are multiples of this twice and compare (0: none)");
+                 "run each multiple of this twice and compare (0: none)");
   app.add_flag("--verbose", options.verbose, "print everything that happens");
   CLI11_PARSE(app, argc, argv);
 
