@@ -20,8 +20,8 @@ namespace support::lock_order {
 // Left before right; what stands in braces is not held together, except along an inner arrow. The
 // same text stands in docs/architecture.md.
 inline constexpr const char* kOrder[] = {
-    "control receive db -> file stat db -> file receive db"
-    " -> { data contexts, data channels, DATA_RX mutex -> DATA_FILE mutex } -> atomic_mutex",
+    ("control receive db -> file stat db -> file receive db"
+     " -> { data contexts, data channels, DATA_RX mutex -> DATA_FILE mutex } -> atomic_mutex"),
     "control receive db -> { control contexts, control channels } -> atomic_mutex",
     "lead messages -> atomic_mutex",
 };
