@@ -52,4 +52,18 @@ typedef uint64_t PkgdistStatus;
 #define PKGDIST_STATUS_FROM_ERRNO(error_number) \
   ((UINT64_C(0x40001278) << 32) | PKGDIST_COMPONENT_BITS | ((uint64_t)(error_number)&0x7FF))
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A status in words, for people: "an argument was rejected", "No such file or directory"; one that
+ * is not known as "status 0x...". Never NULL, one line, without full stop; texts of
+ * operating-system errors are in the language of the process. Any thread. The string is the
+ * library's; it stays as it is until the same thread calls the function again. */
+const char* pkgdist_status_str(PkgdistStatus status);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif

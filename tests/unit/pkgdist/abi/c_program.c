@@ -127,6 +127,7 @@ static void check_refusals(void) {
   CHECK(get_file(NULL, 1, 1, 1, 1, NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
   CHECK(get_file_cancel(0) == PKGDIST_ERR_INVALID);
   CHECK(get_receive_xact_id() != 0);
+  CHECK(strcmp(pkgdist_status_str(PKGDIST_ERR_NOT_FOUND), "not found") == 0);
 }
 
 /* Before start-up: no trace, no statistics, no socket, and everything that needs none works. */

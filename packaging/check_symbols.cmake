@@ -1,5 +1,6 @@
-# cmake -DNM=nm -DLIBRARY=file.so -DLIST=exported_symbols.txt -P check_symbols.cmake
-# The dynamic symbols that LIBRARY defines are exactly those of LIST.
+# Compares the dynamic symbols that LIBRARY defines with those of LIST:
+#   cmake -DNM=nm -DLIBRARY=file.so -DLIST=symbols/NAME.txt [-DUPDATE=ON] -P check_symbols.cmake
+# UPDATE writes the list instead.
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
                 OUTPUT_VARIABLE table RESULT_VARIABLE result)
 if(NOT result EQUAL 0)
@@ -15,12 +16,19 @@ foreach(line IN LISTS lines)
   set(name ${CMAKE_MATCH_2})
   if(kind STREQUAL "T")
     list(APPEND found "function ${name}")
-  elseif(kind STREQUAL "B" OR kind STREQUAL "D")
+  elseif(kind MATCHES "^[BDR]$")
     list(APPEND found "data ${name}")
   else()
     list(APPEND found "kind ${kind} ${name}")
   endif()
 endforeach()
+list(SORT found)
+
+if(UPDATE)
+  list(JOIN found "\n" text)
+  file(WRITE ${LIST} "${text}\n")
+  return()
+endif()
 
 file(STRINGS ${LIST} wanted)
 if(NOT wanted)
@@ -33,5 +41,9 @@ list(REMOVE_ITEM surplus ${wanted})
 if(missing OR surplus)
   list(JOIN missing "\n  " missing)
   list(JOIN surplus "\n  " surplus)
-  message(FATAL_ERROR "missing:\n  ${missing}\nnot in the list:\n  ${surplus}")
+  message(FATAL_ERROR "${LIBRARY} exports other symbols than ${LIST}.\n"
+    "removed, which breaks programs that use them and needs a new SOVERSION:\n  ${missing}\n"
+    "added:\n  ${surplus}\n"
+    "If this is meant, write the list anew:\n"
+    "  cmake -DNM=${NM} -DLIBRARY=${LIBRARY} -DLIST=${LIST} -DUPDATE=ON -P ${CMAKE_CURRENT_LIST_FILE}\n")
 endif()
