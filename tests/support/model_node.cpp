@@ -211,10 +211,12 @@ void ModelNode::on_message(const pkgdist_ctrl_msg_hdr& header, std::span<const u
 
 void ModelNode::deliver(Received& message, uint64_t now) {
   ++counters_.control_messages;
-  if (message.msg_class == PKGDIST_CTRL_CLASS_FILE_SEND)
-    on_list(message.data, now);
-  else
+  if (message.msg_class != PKGDIST_CTRL_CLASS_FILE_SEND)
     messages_.push_back(message.data);
+  else if (file_lists_)
+    file_lists_(message.data);
+  else
+    on_list(message.data, now);
 }
 
 void ModelNode::advance_point(uint32_t done) {

@@ -55,6 +55,10 @@ class ModelNode {
   void run(uint64_t now);
   uint64_t next_deadline() const;
 
+  // Hands messages about files to somebody who models the data channel in this node's place.
+  using FileLists = std::function<void(std::span<const uint8_t>)>;
+  void divert_file_lists(FileLists to) { file_lists_ = std::move(to); }
+
   // Asks the lead for a file, as a caller of the library would.
   void get_file(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
                 uint64_t now);
@@ -180,6 +184,7 @@ class ModelNode {
   Identity self_;
   Disk& disk_;
   Send send_;
+  FileLists file_lists_;
   Counters counters_;
 
   uint32_t lead_ = 0, lead_pid_ = 0;
