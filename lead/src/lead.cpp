@@ -87,6 +87,7 @@ class Lead::Impl : private TransferObserver {
                          const Audience& audience, Time now, Time timeout);
   MessageReport message_report(MessageId id) const { return outbox_.report(id); }
   const Leadership& leadership() const { return leadership_; }
+  NodeCounts node_counts() const;
   uint32_t xact() const { return push_ ? next_xact_ : 0; }
 
   std::unique_ptr<PushJob> push_;
@@ -463,6 +464,17 @@ Time Lead::Impl::next_deadline(Time now) const {
   return std::max(deadline, now);
 }
 
+// Nodes whose process is not known yet have not appeared.
+Lead::NodeCounts Lead::Impl::node_counts() const {
+  NodeCounts counts;
+  for (NodeIndex i = 0; i < nodes_.size(); ++i) {
+    if (nodes_[i].info.pid == 0) continue;
+    ++counts.heard;
+    counts.silent += nodes_[i].silent;
+  }
+  return counts;
+}
+
 const char* Lead::Impl::start_push(PushRequest request, Time now) {
   if (push_ && !push_->finished()) return "a push is running";
   if (const char* problem = request_problem(request)) return problem;
@@ -500,6 +512,10 @@ void Lead::stop_push(Time now) {
   if (impl_->push_) impl_->push_->stop(now);
 }
 
+PushReport Lead::push_progress() const {
+  return impl_->push_ ? impl_->push_->progress() : PushReport{};
+}
+
 PushReport Lead::push_report() const {
   return impl_->push_ ? impl_->push_->report() : PushReport{};
 }
@@ -526,6 +542,10 @@ MessageId Lead::delete_files(uint32_t location, const std::vector<std::string>& 
 
 MessageReport Lead::message_report(MessageId id) const {
   return impl_->message_report(id);
+}
+
+Lead::NodeCounts Lead::node_counts() const {
+  return impl_->node_counts();
 }
 
 Role Lead::role() const {

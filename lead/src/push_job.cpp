@@ -38,7 +38,8 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
       data_(data),
       events_(events),
       pieces_(cut_file_list(request_.files)),
-      piece_deadline_(pieces_.size(), 0) {
+      piece_deadline_(pieces_.size(), 0),
+      received_(request_.files.size()) {
   for (uint32_t i = 0; i < request_.files.size(); ++i) {
     by_name_.emplace(request_.files[i].name, i);
     summary_.bytes += request_.files[i].size;
@@ -55,6 +56,8 @@ void PushJob::begin(Time now) {
 
 void PushJob::stop(Time now) {
   if (phase_ == Phase::kFinished) return;
+  for (Member& one : members_)
+    if (one.present) count_unfinished(one);
   data_.abandon(request_.files.size());
   phase_ = Phase::kFinished;
   summary_.finished_at = now;
@@ -117,6 +120,7 @@ void PushJob::on_node_fresh(NodeIndex node) {
 void PushJob::on_node_silent(NodeIndex node) {
   Member* gone = member(node);
   if (gone == nullptr) return;
+  if (gone->present) count_unfinished(*gone);
   gone->present = false;
   gone->report.silent = true;
   ready_piece_ = kNoPiece;
@@ -333,20 +337,33 @@ bool PushJob::retry(const Transfer& transfer, NodeIndex node, uint64_t status) {
 
 void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
   one.ended[file] = true;
-  if (status != 0) one.report.failed[file] = status;
+  if (status != 0) one.failed[file] = status;
   if (--one.left == 0) one.report.finished_at = now_;
+}
+
+// What the file's end says about the traffic, also when it begins again on the node.
+void PushJob::count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status,
+                        bool skipped) {
+  if (!skipped) node.segments += status == 0 ? transfer.segments : transfer.streamed_segments();
+  if (status != 0) return;
+  ++node.files_done;
+  node.bytes_done += transfer.attributes.size;
+  if (skipped) {
+    ++node.files_skipped;
+    node.bytes_skipped += transfer.attributes.size;
+  } else if (const auto file = static_cast<uint32_t>(transfer.tag); !received_[file]) {
+    received_[file] = true;
+    summary_.bytes_received += transfer.attributes.size;
+  }
 }
 
 void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped) {
   const auto file = static_cast<uint32_t>(transfer.tag);
   Member* one = member(node);
-  if (one == nullptr || one->ended[file] || retry(transfer, node, status)) return;
+  if (one == nullptr || one->ended[file]) return;
+  count_end(one->report, transfer, status, skipped);
+  if (retry(transfer, node, status)) return;
   end_file(*one, file, status);
-  if (status == 0) {
-    ++one->report.files_done;
-    one->report.bytes_done += transfer.attributes.size;
-    if (skipped) ++one->report.files_skipped;
-  }
   events_.file_ended(nodes_[node].info, transfer.key.name, status, skipped);
 }
 
@@ -412,37 +429,66 @@ Time PushJob::next_deadline() const {
   return deadline;
 }
 
-uint64_t PushJob::bytes_in_transfer(const Member& one) const {
-  uint64_t bytes = 0;
-  for (const auto& [file, id] : active_)
-    if (const Transfer* transfer = needs(one, file) ? data_.get(id) : nullptr)
-      bytes += transfer->streamed_bytes();
-  return bytes;
+std::vector<PushJob::Streamed> PushJob::streamed() const {
+  std::vector<Streamed> files;
+  for (const auto& [file, id] : active_) {
+    const Transfer* transfer = data_.get(id);
+    if (transfer == nullptr || transfer->streamed_segments() == 0) continue;
+    files.push_back({file, transfer->streamed_bytes(), transfer->streamed_segments()});
+  }
+  return files;
 }
 
-PushReport PushJob::report() const {
+// The node does not wait for what is in transfer any longer.
+void PushJob::count_unfinished(Member& one) {
+  for (const Streamed& part : streamed())
+    if (!one.ended[part.file]) one.report.segments += part.segments;
+}
+
+PushReport PushJob::progress() const {
   PushReport report = summary_;
   report.finished = phase_ == Phase::kFinished;
+  report.expected_nodes = request_.nodes.empty() ? request_.node_count : request_.nodes.size();
+  report.nodes.reserve(members_.size());
+  const std::vector<Streamed> in_transfer = streamed();
   for (const Member& one : members_) {
     if (!one.known) continue;
     PushNodeReport& node = report.nodes.emplace_back(one.report);
-    if (one.left != 0) node.open = lacking(one, {0, static_cast<uint32_t>(request_.files.size())});
-    node.bytes_in_transfer = bytes_in_transfer(one);
+    node.files_failed = one.failed.size();
+    node.files_left = one.left;
+    if (one.left == 0 || !one.present) continue;
+    for (const Streamed& part : in_transfer) {
+      if (one.ended[part.file]) continue;
+      node.bytes_in_transfer += part.bytes;
+      node.segments += part.segments;
+    }
   }
-  const auto absent = [&](uint32_t address) {
-    return std::none_of(report.nodes.begin(), report.nodes.end(),
-                        [&](const PushNodeReport& node) { return node.address == address; });
-  };
-  for (uint32_t address : request_.nodes)
-    if (absent(address)) report.nodes.emplace_back().address = address;
-  report.expected_nodes = request_.nodes.empty() ? request_.node_count : request_.nodes.size();
+  for (uint32_t address : request_.nodes) {
+    const NodeIndex index = nodes_.find(address);
+    if (index < members_.size() && members_[index].known) continue;
+    PushNodeReport& absent = report.nodes.emplace_back();
+    absent.address = address;
+    absent.files_left = report.files;
+  }
+  return report;
+}
+
+PushReport PushJob::report() const {
+  PushReport report = progress();
+  auto node = report.nodes.begin();
+  for (const Member& one : members_) {
+    if (!one.known) continue;
+    node->failed = one.failed;
+    if (one.left != 0) node->open = lacking(one, {0, static_cast<uint32_t>(request_.files.size())});
+    ++node;
+  }
   return report;
 }
 
 bool PushReport::complete() const {
   if (!finished || nodes.size() < expected_nodes) return false;
   return std::all_of(nodes.begin(), nodes.end(), [&](const PushNodeReport& node) {
-    return node.heard && node.failed.empty() && node.open.empty() && node.files_done == files;
+    return node.heard && node.files_failed == 0 && node.files_left == 0 && node.files_done == files;
   });
 }
 

@@ -32,6 +32,7 @@ class PushJob {
   bool gathering() const { return phase_ == Phase::kGathering; }
   bool finished() const { return phase_ == Phase::kFinished; }
   Time node_timeout() const { return request_.node_timeout; }
+  PushReport progress() const;
   PushReport report() const;
 
   // The node appeared, restarted or came back: it has to be told everything.
@@ -60,12 +61,13 @@ class PushJob {
   enum class Heard : uint8_t { kNothing, kTold, kAcknowledged };
 
   struct Member {
-    bool known = false;        // belongs to the push and was heard
-    bool present = false;      // and is not silent
-    std::vector<bool> ended;   // by file
-    std::vector<Heard> heard;  // by piece
-    PushNodeReport report;
-    uint32_t left = 0;  // files that have not ended
+    bool known = false;                   // belongs to the push and was heard
+    bool present = false;                 // and is not silent
+    std::vector<bool> ended;              // by file
+    std::vector<Heard> heard;             // by piece
+    PushNodeReport report;                // but for what is in transfer, and the files by name
+    std::map<uint32_t, uint64_t> failed;  // by file
+    uint32_t left = 0;                    // files that have not ended
   };
 
   bool wanted(uint32_t address) const;
@@ -84,13 +86,21 @@ class PushJob {
   void post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes, uint32_t piece);
   std::vector<uint32_t> lacking(const Member& member, FileRange range) const;
   uint32_t piece_of(uint32_t file) const;
-  uint64_t bytes_in_transfer(const Member& one) const;
+  // A file in transfer of which something was sent.
+  struct Streamed {
+    uint32_t file = 0;
+    uint64_t bytes = 0;
+    uint64_t segments = 0;
+  };
+  std::vector<Streamed> streamed() const;
+  void count_unfinished(Member& one);
   bool fits_ahead(uint32_t piece) const;
   void start_file(uint32_t file, const std::vector<NodeIndex>& nodes);
   void flush_relists();
   void finish_if_ended();
   void finish();
   void end_file(Member& one, uint32_t file, uint64_t status);
+  void count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status, bool skipped);
   bool retry(const Transfer& transfer, NodeIndex node, uint64_t status);
   Member* member(NodeIndex node);
 
@@ -110,6 +120,7 @@ class PushJob {
   std::vector<Time> piece_deadline_;  // when files go out without the last acknowledgements
   std::unordered_map<std::string, uint32_t> by_name_;
   std::vector<Member> members_;  // by node index
+  std::vector<bool> received_;   // by file: some node has received it
 
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again

@@ -101,12 +101,13 @@ struct Transfer {
     return nodes[index];
   }
   void set_state(NodeIndex index, TransferNode::State state);
-  // Of the content, as far as the first turn has come.
-  uint64_t streamed_bytes() const {
+  // As far as the first turn has come.
+  uint64_t streamed_segments() const {
     if (stage == Stage::kQueued || stage == Stage::kAnnounced) return 0;
-    return first_turn ? attributes.size * std::min<uint64_t>(turn.done(), segments) / segments
-                      : attributes.size;
+    return first_turn ? std::min<uint64_t>(turn.done(), segments) : segments;
   }
+  // The same in bytes of content.
+  uint64_t streamed_bytes() const { return attributes.size * streamed_segments() / segments; }
   void progress() { stuck = mute = repeats = 0; }
 };
 

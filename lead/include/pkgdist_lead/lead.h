@@ -96,6 +96,9 @@ class Lead {
   // nodes once this lead leads.
   const char* start_push(PushRequest request, Time now);
   void stop_push(Time now);  // gives up what has not ended; the report says what is left
+  // How the push stands. Progress leaves the lists of files empty: it takes a step for each file in
+  // transfer of each node, the report one for each file of each node.
+  PushReport push_progress() const;
   PushReport push_report() const;
   bool push_running() const;
 
@@ -118,6 +121,12 @@ class Lead {
 
   // The transaction of the present or last push, 0 before the first.
   uint32_t push_transaction() const;
+
+  struct NodeCounts {
+    size_t heard = 0;   // since this lead began, silent ones included
+    size_t silent = 0;  // of these
+  };
+  NodeCounts node_counts() const;
 
   Role role() const;
   // The other lead that was heard last, 0 when none was.

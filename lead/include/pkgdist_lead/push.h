@@ -27,18 +27,24 @@ struct PushRequest {
   Time node_timeout = 30 * kSecond;
 };
 
-// Where one node stands. `failed` holds the status of every file that ended with an error.
+// Where one node stands.
 struct PushNodeReport {
   uint32_t address = 0;
   uint32_t node_id = 0;
   bool heard = false;   // answered at least once
   bool silent = false;  // has fallen silent
   uint64_t files_done = 0;
-  uint64_t files_skipped = 0;           // of files_done: were there already
-  uint64_t bytes_done = 0;              // of content, skipped files included
-  uint64_t bytes_in_transfer = 0;       // sent of the files that it is receiving
-  uint64_t repairs = 0;                 // segments asked for again
-  Time finished_at = 0;                 // when the last file ended, 0 before
+  uint64_t files_skipped = 0;      // of files_done: were there already
+  uint64_t files_failed = 0;       // ended with an error
+  uint64_t files_left = 0;         // have not ended
+  uint64_t bytes_done = 0;         // of content, skipped files included
+  uint64_t bytes_skipped = 0;      // of bytes_done: were there already
+  uint64_t bytes_in_transfer = 0;  // sent of the files that it is receiving
+  uint64_t segments = 0;           // sent of the files that it was to receive, each once
+  uint64_t repairs = 0;            // segments that it asked for again
+  Time finished_at = 0;            // when the last file ended, 0 before
+
+  // In Lead::push_report() only.
   std::map<uint32_t, uint64_t> failed;  // index in PushRequest::files -> status
   std::vector<uint32_t> open;           // indexes of the files that have not ended
 };
@@ -49,7 +55,8 @@ struct PushReport {
   Time started_at = 0;
   Time finished_at = 0;
   uint64_t files = 0;
-  uint64_t bytes = 0;  // of content, once
+  uint64_t bytes = 0;           // of content, once
+  uint64_t bytes_received = 0;  // of it, files that some node has received, once
   size_t expected_nodes = 0;
   std::vector<PushNodeReport> nodes;  // heard or asked for
 
