@@ -21,4 +21,4 @@ if(PKGDIST_FUZZ)
 endif()
 
 # Paths in assertions and trace catalogues are relative to the tree.
-add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
