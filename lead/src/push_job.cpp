@@ -102,6 +102,7 @@ void PushJob::on_node_fresh(NodeIndex node) {
     fresh.left = static_cast<uint32_t>(request_.files.size());
     fresh.report.address = info.address;
     fresh.report.heard = true;
+    fresh.report.bytes_left = summary_.bytes;
   }
   fresh.report.node_id = info.node_id;
   fresh.report.silent = false;
@@ -337,6 +338,7 @@ bool PushJob::retry(const Transfer& transfer, NodeIndex node, uint64_t status) {
 
 void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
   one.ended[file] = true;
+  one.report.bytes_left -= request_.files[file].size;
   if (status != 0) one.failed[file] = status;
   if (--one.left == 0) one.report.finished_at = now_;
 }
@@ -469,6 +471,7 @@ PushReport PushJob::progress() const {
     PushNodeReport& absent = report.nodes.emplace_back();
     absent.address = address;
     absent.files_left = report.files;
+    absent.bytes_left = report.bytes;
   }
   return report;
 }

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "cli_common.h"
+#include "push_figures.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -15,8 +17,36 @@ namespace {
 constexpr size_t kBarWidth = 30;
 // More nodes would scroll the bars off the screen.
 constexpr size_t kMaxBars = 20;
-// Weight of the newest sample in the smoothed rate.
-constexpr double kSmoothing = 0.3;
+
+double share_of(const lead::PushReport& report, const lead::PushNodeReport& node) {
+  if (node.files_left == 0) return 1;
+  if (report.bytes == 0) return 0;
+  const uint64_t unsent = node.bytes_left - std::min(node.bytes_left, node.bytes_in_transfer);
+  return 1 - static_cast<double>(unsent) / static_cast<double>(report.bytes);
+}
+
+void draw_node(const lead::PushReport& report, const lead::PushNodeReport& node, double rate) {
+  const double share = share_of(report, node);
+  const auto filled = static_cast<size_t>(share * kBarWidth);
+  fmt::print("{:<15} [{}{}] {:5.1f}%  {}/{} files  {:>9}/s  {} repairs ({:.1f} %){}\n",
+             cli::format_address(node.address), std::string(filled, '#'),
+             std::string(kBarWidth - filled, '.'), share * 100, node.files_done + node.files_failed,
+             report.files, format_bytes(rate), node.repairs, repair_ratio(node) * 100,
+             node.files_left == 0 ? "  done"
+             : node.silent        ? "  silent"
+                                  : "");
+}
+
+// All nodes in their order; of more than fit, those that are not done first.
+std::vector<const lead::PushNodeReport*> shown(const lead::PushReport& report) {
+  std::vector<const lead::PushNodeReport*> nodes;
+  for (const lead::PushNodeReport& node : report.nodes) nodes.push_back(&node);
+  if (nodes.size() <= kMaxBars) return nodes;
+  std::stable_partition(nodes.begin(), nodes.end(),
+                        [](const auto* node) { return node->files_left != 0; });
+  nodes.resize(kMaxBars);
+  return nodes;
+}
 
 }  // namespace
 
@@ -25,41 +55,18 @@ void ProgressBars::erase() {
   std::fflush(stdout);
 }
 
-void ProgressBars::draw_node(const lead::PushReport& report, const lead::PushNodeReport& node,
-                             Sample& sample, lead::Time now) {
-  const uint64_t bytes = std::min(node.bytes_done + node.bytes_in_transfer, report.bytes);
-  if (now > sample.time) {
-    const double gained = bytes > sample.bytes ? static_cast<double>(bytes - sample.bytes) : 0;
-    const double rate = gained * 1e9 / static_cast<double>(now - sample.time);
-    sample.rate = sample.time == 0 ? 0 : sample.rate + kSmoothing * (rate - sample.rate);
-  }
-  sample.time = now;
-  sample.bytes = bytes;
-  const double share = node.open.empty() ? 1.0
-                       : report.bytes != 0
-                           ? static_cast<double>(bytes) / static_cast<double>(report.bytes)
-                           : 0.0;
-  const auto filled = static_cast<size_t>(share * kBarWidth);
-  fmt::print("{:<15} [{}{}] {:5.1f}%  {}/{} files  {:>9}/s  {} repairs{}\n",
-             cli::format_address(node.address), std::string(filled, '#'),
-             std::string(kBarWidth - filled, '.'), share * 100,
-             node.files_done + node.failed.size(), report.files, format_bytes(sample.rate),
-             node.repairs,
-             node.silent         ? "  silent"
-             : node.open.empty() ? "  done"
-                                 : "");
-}
-
-void ProgressBars::draw(const lead::PushReport& report, lead::Time now) {
+void ProgressBars::draw(const lead::PushReport& report, const PushMeter& meter,
+                        const std::string& overall) {
   erase();
-  samples_.resize(std::max(samples_.size(), report.nodes.size()));
-  const size_t bars = std::min(report.nodes.size(), kMaxBars);
-  for (size_t i = 0; i < bars; ++i) draw_node(report, report.nodes[i], samples_[i], now);
-  lines_ = bars;
-  if (report.nodes.size() > bars) {
-    fmt::print("and {} more nodes\n", report.nodes.size() - bars);
+  const auto nodes = shown(report);
+  for (const lead::PushNodeReport* node : nodes)
+    draw_node(report, *node, meter.rate(node->address));
+  lines_ = nodes.size() + 1;
+  if (report.nodes.size() > nodes.size()) {
+    fmt::print("and {} more nodes\n", report.nodes.size() - nodes.size());
     ++lines_;
   }
+  fmt::print("{}\n", overall);
   std::fflush(stdout);
 }
 

@@ -4,7 +4,7 @@
 #include "commands.h"
 #include "control_server.h"
 #include "progress.h"
-#include "reporter.h"
+#include "push_view.h"
 #include "session.h"
 
 namespace pkgdist::lead_program {
@@ -12,6 +12,10 @@ namespace pkgdist::lead_program {
 namespace {
 
 constexpr lead::Time kDrawPeriod = 200 * lead::kMillisecond;
+// How often rates are measured. With many nodes a look at all of them takes milliseconds, in which
+// nothing is sent.
+constexpr lead::Time kLookPeriod = lead::kSecond;
+constexpr size_t kManyNodes = 100;
 // Lines in a log: seldom enough to be read.
 constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
 constexpr lead::Time kJsonPeriod = lead::kSecond;
@@ -33,12 +37,13 @@ lead::PushRequest push_request(const LeadOptions& options, std::vector<lead::Pus
   return request;
 }
 
-// Shows a push while it runs: bars on a terminal, lines otherwise.
+// Shows a push while it runs: bars on a terminal, lines or events otherwise.
 class Display {
  public:
-  Display(Reporter& reporter, bool json) : reporter_(reporter) {
+  Display(Reporter& reporter, PushView& view, bool json) : reporter_(reporter), view_(view) {
     bars_wanted_ = !json && ::isatty(STDOUT_FILENO) == 1;
-    period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
+    look_period_ = bars_wanted_ ? kDrawPeriod : kLookPeriod;
+    show_period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
     if (bars_wanted_) reporter_.before_line = [this] { bars_.erase(); };
   }
   ~Display() {
@@ -48,25 +53,33 @@ class Display {
   Display(const Display&) = delete;
   Display& operator=(const Display&) = delete;
 
-  lead::Time period() const { return period_; }
+  lead::Time period() const { return look_period_; }
 
-  void show(lead::Lead& lead, lead::Time now) {
-    if (shown_ == 0) shown_ = now;
-    if (lead::elapsed(now, shown_) < period_) return;
-    shown_ = now;
-    const lead::PushReport report = lead.push_report();
+  void run(lead::Lead& lead, lead::Time now) {
+    if (lead::elapsed(now, looked_) < look_period_) return;
+    const lead::PushReport report = lead.push_progress();
     if (!report.started) return;
+    looked_ = now;
+    meter_.update(report, now);
+    if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
+    if (shown_ == 0) shown_ = report.started_at;
+    if (lead::elapsed(now, shown_) < show_period_) return;
+    shown_ = now;
     if (bars_wanted_)
-      bars_.draw(report, now);
+      bars_.draw(report, meter_, overall_line(report, meter_, lead, now));
     else
-      reporter_.progress(report, lead.rate_bits(), now);
+      view_.progress(report, meter_, lead, now);
   }
 
  private:
   Reporter& reporter_;
+  PushView& view_;
+  PushMeter meter_;
   ProgressBars bars_;
   bool bars_wanted_ = false;
-  lead::Time period_ = kLinePeriod;
+  lead::Time look_period_ = kLookPeriod;
+  lead::Time show_period_ = kLinePeriod;
+  lead::Time looked_ = 0;
   lead::Time shown_ = 0;
 };
 
@@ -91,7 +104,7 @@ class Course {
   lead::Time until_;
 };
 
-void say_counters(Reporter& reporter, Session& session) {
+void tell_counters(Reporter& reporter, Session& session) {
   const lead::Counters& c = session.lead().counters();
   reporter.json().print("counters", {{"segments_sent", c.segments_sent},
                                      {"repairs_sent", c.repairs_sent},
@@ -104,9 +117,6 @@ void say_counters(Reporter& reporter, Session& session) {
                                      {"bad_datagrams", c.bad_datagrams},
                                      {"other_lead_heard", c.other_lead_heard},
                                      {"send_errors", session.transport().send_errors()}});
-  reporter.say(fmt::format("sent {} segments, {} of them repairs; {} on the data channel",
-                           c.segments_sent, c.repairs_sent,
-                           format_bytes(static_cast<double>(c.data_bytes_sent))));
 }
 
 }  // namespace
@@ -133,12 +143,13 @@ int push_command(const LeadOptions& options) {
   (void)session.hears_leads(reporter);
   const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
   const Course course(session.lead(), request.node_timeout);
+  PushView view(reporter);
   bool ran = false;
   {
-    Display display(reporter, options.common.json);
+    Display display(reporter, view, options.common.json);
     ran = session.run(
         [&](lead::Time now) {
-          display.show(session.lead(), now);
+          display.run(session.lead(), now);
           if (control) control->run(now);
           return course.blocked(now) ||
                  (!session.lead().push_running() && (!control || !control->busy()));
@@ -146,15 +157,11 @@ int push_command(const LeadOptions& options) {
         display.period());
   }
   course.tell(reporter);
-  if (!ran) {
-    reporter.json().print("interrupted", {});
-    reporter.say("interrupted");
-    session.lead().stop_push(lead::monotonic_now());
-  }
   if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
   const lead::PushReport report = session.lead().push_report();
-  reporter.summary(report, request);
-  say_counters(reporter, session);
+  if (!ran) view.interrupted(report);
+  view.summary(report, request, session.lead().counters());
+  tell_counters(reporter, session);
   return report.complete() ? cli::kExitOk : cli::kExitFailure;
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "cli_common.h"
 #include "status_text.h"
@@ -15,30 +16,22 @@ using cli::format_address;
 using cli::status_text;
 using Json = nlohmann::ordered_json;
 
-// Lines of the table of what is missing; the JSON summary has them all.
-constexpr size_t kMaxMissingLines = 50;
-
-double seconds(lead::Time from, lead::Time to) {
-  return static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond);
-}
+}  // namespace
 
 std::string node_id_text(uint32_t id) {
   return fmt::format("{}/{}/{}", id >> 16 & 255, id >> 8 & 255, id & 255);
 }
 
-const char* state_of(const lead::PushNodeReport& node) {
-  if (!node.heard) return "never heard";
-  if (node.silent && !node.open.empty()) return "silent";
-  if (!node.open.empty()) return "incomplete";
-  return node.failed.empty() ? "complete" : "failed";
+std::string format_bits(double bits) {
+  return fmt::format("{:.1f} Mbit/s", bits / 1e6);
 }
 
-std::string why_open(const lead::PushNodeReport& node) {
-  if (!node.heard) return "the node was never heard";
-  return node.silent ? "the node fell silent" : "not ended when the push was stopped";
+std::string format_duration(double seconds) {
+  const auto whole = static_cast<uint64_t>(std::llround(seconds));
+  if (whole < 60) return fmt::format("{} s", whole);
+  if (whole < 3600) return fmt::format("{} min {} s", whole / 60, whole % 60);
+  return fmt::format("{} h {} min", whole / 3600, whole % 3600 / 60);
 }
-
-}  // namespace
 
 std::string format_bytes(double bytes) {
   const char* unit = "B";
@@ -213,92 +206,6 @@ void Reporter::other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagra
 void Reporter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
   fmt::print(stderr, "pkgdist-lead: {}\n", text);
-}
-
-// --- Pushes ---
-
-void Reporter::progress(const lead::PushReport& report, uint64_t rate_bits, lead::Time now) {
-  for (const lead::PushNodeReport& node : report.nodes) {
-    json_.print("progress", Json{{"node", format_address(node.address)},
-                                 {"files", node.files_done},
-                                 {"of_files", report.files},
-                                 {"bytes", node.bytes_done + node.bytes_in_transfer},
-                                 {"of_bytes", report.bytes},
-                                 {"repairs", node.repairs},
-                                 {"rate_bits", rate_bits}});
-    if (json_.enabled() || node.finished_at != 0) continue;
-    say(fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {} repairs",
-                    seconds(report.started_at, now), format_address(node.address), node.files_done,
-                    report.files,
-                    format_bytes(static_cast<double>(node.bytes_done + node.bytes_in_transfer)),
-                    format_bytes(static_cast<double>(report.bytes)), node.repairs));
-  }
-}
-
-void Reporter::table(const lead::PushReport& report) {
-  say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9}{:>10}{:>10}  {}", "node", "id", "files",
-                  "present", "bytes", "seconds", "MB/s", "repairs", "state"));
-  for (const lead::PushNodeReport& node : report.nodes) {
-    const lead::Time end = node.finished_at != 0 ? node.finished_at : report.finished_at;
-    const double duration = seconds(report.started_at, end);
-    const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
-    say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
-                    format_address(node.address), node_id_text(node.node_id), node.files_done,
-                    node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
-                    duration, rate, node.repairs, state_of(node)));
-  }
-}
-
-void Reporter::missing(const lead::PushReport& report, const lead::PushRequest& request) {
-  size_t lines = 0;
-  const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
-                        const std::string& why) {
-    if (lines++ < kMaxMissingLines)
-      say(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
-  };
-  if (report.nodes.size() < report.expected_nodes)
-    say(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),
-                    report.expected_nodes));
-  if (!report.nodes.empty()) say("missing:");
-  for (const lead::PushNodeReport& node : report.nodes) {
-    for (const auto& [file, status] : node.failed)
-      line(node, request.files[file].name, status_text(status));
-    if (!node.heard) line(node, "every file", why_open(node));
-    for (uint32_t file : node.open) line(node, request.files[file].name, why_open(node));
-  }
-  if (lines > kMaxMissingLines) say(fmt::format("and {} more", lines - kMaxMissingLines));
-}
-
-void Reporter::summary(const lead::PushReport& report, const lead::PushRequest& request) {
-  Json nodes = Json::array();
-  for (const lead::PushNodeReport& node : report.nodes) {
-    Json failed = Json::array();
-    for (const auto& [file, status] : node.failed)
-      failed.push_back(
-          {{"name", request.files[file].name}, {"status", status}, {"text", status_text(status)}});
-    Json open = Json::array();
-    for (uint32_t file : node.open) open.push_back(request.files[file].name);
-    const lead::Time end = node.finished_at != 0 ? node.finished_at : report.finished_at;
-    nodes.push_back({{"node", format_address(node.address)},
-                     {"node_id", node_id_text(node.node_id)},
-                     {"state", state_of(node)},
-                     {"files", node.files_done},
-                     {"present", node.files_skipped},
-                     {"bytes", node.bytes_done},
-                     {"seconds", seconds(report.started_at, end)},
-                     {"repairs", node.repairs},
-                     {"failed", failed},
-                     {"open", open}});
-  }
-  json_.print("push-finished", Json{{"complete", report.complete()},
-                                    {"files", report.files},
-                                    {"bytes", report.bytes},
-                                    {"seconds", seconds(report.started_at, report.finished_at)},
-                                    {"expected_nodes", report.expected_nodes},
-                                    {"nodes", nodes}});
-  if (json_.enabled()) return;
-  table(report);
-  if (!report.complete()) missing(report, request);
 }
 
 }  // namespace pkgdist::lead_program

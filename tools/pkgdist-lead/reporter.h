@@ -7,7 +7,6 @@
 #include "control_protocol.h"
 #include "json_events.h"
 #include "pkgdist_lead/events.h"
-#include "pkgdist_lead/push.h"
 
 namespace pkgdist::lead_program {
 
@@ -46,23 +45,20 @@ class Reporter : public lead::Events {
   void request_taken(lead::MessageId id, const Request& request, size_t nodes);
   void error(const std::string& text);
 
-  // How the push stands; `rate_bits` is the stream's.
-  void progress(const lead::PushReport& report, uint64_t rate_bits, lead::Time now);
-  void summary(const lead::PushReport& report, const lead::PushRequest& request);
-
   const cli::JsonEvents& json() const { return json_; }
 
  private:
   void node_event(const char* event, const char* text, const lead::NodeInfo& node);
   void message_outcome(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery delivery);
-  void table(const lead::PushReport& report);
-  void missing(const lead::PushReport& report, const lead::PushRequest& request);
 
   cli::JsonEvents json_;
   int verbosity_;
 };
 
-// "12.3 MB" and the like.
+// "12.3 MB", "94.1 Mbit/s", "3 min 20 s", "1/2/3" and the like.
 std::string format_bytes(double bytes);
+std::string format_bits(double bits);
+std::string format_duration(double seconds);
+std::string node_id_text(uint32_t id);
 
 }  // namespace pkgdist::lead_program

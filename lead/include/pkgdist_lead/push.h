@@ -39,6 +39,7 @@ struct PushNodeReport {
   uint64_t files_left = 0;         // have not ended
   uint64_t bytes_done = 0;         // of content, skipped files included
   uint64_t bytes_skipped = 0;      // of bytes_done: were there already
+  uint64_t bytes_left = 0;         // of the files that have not ended, as the request has them
   uint64_t bytes_in_transfer = 0;  // sent of the files that it is receiving
   uint64_t segments = 0;           // sent of the files that it was to receive, each once
   uint64_t repairs = 0;            // segments that it asked for again

@@ -35,6 +35,7 @@ TEST(PushReport, counts_files_and_bytes_of_each_outcome) {
     EXPECT_EQ(node.files_done, 2u);
     EXPECT_EQ(node.files_failed, 1u);
     EXPECT_EQ(node.files_left, 0u);
+    EXPECT_EQ(node.bytes_left, 0u);
     EXPECT_EQ(node.bytes_done, 1000 + 3 * kSegment);
     EXPECT_EQ(node.bytes_in_transfer, 0u);
     EXPECT_EQ(node.files_skipped, i == 0 ? 1u : 0u);
@@ -129,8 +130,10 @@ TEST(PushReport, lists_what_is_open_and_what_failed_only_in_the_report) {
   EXPECT_EQ(report.nodes[0].failed.size(), 1u);
   EXPECT_EQ(report.nodes[0].open, std::vector<uint32_t>{1});
   EXPECT_EQ(report.nodes[0].files_left, 1u);
+  EXPECT_EQ(report.nodes[0].bytes_left, 10'000'000u);
   EXPECT_FALSE(report.nodes[1].heard);
   EXPECT_EQ(report.nodes[1].files_left, 2u);
+  EXPECT_EQ(report.nodes[1].bytes_left, 10'001'000u);
 }
 
 TEST(NodeCounts, tell_who_was_heard_and_who_is_silent) {

@@ -1,0 +1,293 @@
+#include "push_view.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "cli_common.h"
+#include "status_text.h"
+
+namespace pkgdist::lead_program {
+
+namespace {
+
+using cli::format_address;
+using cli::status_text;
+using Json = nlohmann::ordered_json;
+
+// Lines for people about nodes or files; the events have them all.
+constexpr size_t kMaxLines = 50;
+// The same while the push runs.
+constexpr size_t kMaxProgressLines = 20;
+// Names of files in the summary's event; nodes tell how many there are in truth.
+constexpr size_t kMaxNames = 100'000;
+
+double seconds(lead::Time from, lead::Time to) {
+  return static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond);
+}
+
+double rounded(double value, double unit) {
+  return std::round(value / unit) * unit;
+}
+
+std::string percent(double share) {
+  return fmt::format("{:.1f} %", share * 100);
+}
+
+const char* state_of(const lead::PushNodeReport& node) {
+  if (!node.heard) return "never heard";
+  if (node.files_left != 0) return node.silent ? "silent" : "incomplete";
+  return node.files_failed == 0 ? "complete" : "failed";
+}
+
+std::string why_open(const lead::PushNodeReport& node) {
+  if (!node.heard) return "the node was never heard";
+  return node.silent ? "the node fell silent" : "not ended when the push was stopped";
+}
+
+size_t ended_nodes(const lead::PushReport& report) {
+  return static_cast<size_t>(
+      std::count_if(report.nodes.begin(), report.nodes.end(),
+                    [](const lead::PushNodeReport& node) { return node.files_left == 0; }));
+}
+
+uint64_t bytes_so_far(const lead::PushNodeReport& node) {
+  return node.bytes_done + node.bytes_in_transfer;
+}
+
+}  // namespace
+
+// --- While it runs ---
+
+void PushView::node_events(const lead::PushReport& report, const PushMeter& meter,
+                           uint64_t rate_bits) {
+  for (const lead::PushNodeReport& node : report.nodes) {
+    const Told now{node.files_done, node.files_failed, bytes_so_far(node), node.repairs,
+                   node.silent};
+    const auto [told, first] = told_.try_emplace(node.address);
+    if (!first && told->second == now) continue;
+    told->second = now;
+    reporter_.json().print("progress",
+                           Json{{"node", format_address(node.address)},
+                                {"files", node.files_done},
+                                {"of_files", report.files},
+                                {"failed", node.files_failed},
+                                {"bytes", bytes_so_far(node)},
+                                {"of_bytes", report.bytes},
+                                {"goodput_bits", std::llround(meter.rate(node.address) * 8)},
+                                {"repairs", node.repairs},
+                                {"repair_ratio", rounded(repair_ratio(node), 1e-6)},
+                                {"rate_bits", rate_bits}});
+  }
+}
+
+std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
+                         const lead::Lead& lead, lead::Time now) {
+  const std::optional<double> left = meter.seconds_left(now);
+  return fmt::format("{} of {} nodes done, {}, {} repairs{}", ended_nodes(report),
+                     std::max(report.nodes.size(), report.expected_nodes),
+                     format_bits(static_cast<double>(lead.rate_bits())),
+                     percent(repair_share(lead.counters())),
+                     left ? fmt::format(", about {} left", format_duration(*left)) : "");
+}
+
+void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lead::Time now) {
+  size_t count = 0;
+  for (const lead::PushNodeReport& node : report.nodes) {
+    if (node.finished_at != 0 || ++count > kMaxProgressLines) continue;
+    reporter_.say(fmt::format(
+        "{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({})",
+        seconds(report.started_at, now), format_address(node.address), node.files_done,
+        report.files, format_bytes(static_cast<double>(bytes_so_far(node))),
+        format_bytes(static_cast<double>(report.bytes)), format_bytes(meter.rate(node.address)),
+        node.repairs, percent(repair_ratio(node))));
+  }
+  if (count > kMaxProgressLines)
+    reporter_.say(fmt::format("{:8}  and {} more nodes", "", count - kMaxProgressLines));
+}
+
+void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
+                        const lead::Lead& lead, lead::Time now) {
+  if (!reporter_.json().enabled()) {
+    lines(report, meter, now);
+    return reporter_.say(fmt::format("{:6.1f} s  {}", seconds(report.started_at, now),
+                                     overall_line(report, meter, lead, now)));
+  }
+  node_events(report, meter, lead.rate_bits());
+  const std::optional<double> left = meter.seconds_left(now);
+  const auto silent = std::count_if(report.nodes.begin(), report.nodes.end(),
+                                    [](const auto& node) { return node.silent; });
+  reporter_.json().print("push-progress",
+                         Json{{"seconds", rounded(seconds(report.started_at, now), 1e-3)},
+                              {"nodes", std::max(report.nodes.size(), report.expected_nodes)},
+                              {"nodes_done", ended_nodes(report)},
+                              {"nodes_silent", silent},
+                              {"rate_bits", lead.rate_bits()},
+                              {"repair_share", rounded(repair_share(lead.counters()), 1e-6)},
+                              {"eta_seconds", left ? Json(rounded(*left, 0.1)) : Json()}});
+}
+
+// --- When it has ended ---
+
+void PushView::interrupted(const lead::PushReport& report) {
+  Json nodes = Json::array();
+  for (const lead::PushNodeReport& node : report.nodes)
+    if (node.files_left != 0)
+      nodes.push_back({{"node", format_address(node.address)},
+                       {"files_left", node.files_left},
+                       {"bytes_left", node.bytes_left}});
+  reporter_.json().print("interrupted", Json{{"nodes", nodes}});
+  reporter_.say("interrupted");
+  size_t lines = 0;
+  for (const lead::PushNodeReport& node : report.nodes) {
+    if (node.files_left == 0 || ++lines > kMaxLines) continue;
+    reporter_.say(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
+                              node.files_left, report.files,
+                              format_bytes(static_cast<double>(node.bytes_left))));
+  }
+  if (lines > kMaxLines) reporter_.say(fmt::format("and {} more nodes", lines - kMaxLines));
+  if (lines != 0)
+    reporter_.say("push the same tree again to bring the rest: what a node has is not sent again");
+}
+
+void PushView::table(const lead::PushReport& report) {
+  reporter_.say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9}{:>10}{:>10}  {}", "node", "id",
+                            "files", "present", "bytes", "seconds", "MB/s", "repairs", "state"));
+  std::vector<const lead::PushNodeReport*> rows;
+  for (const lead::PushNodeReport& node : report.nodes) rows.push_back(&node);
+  // When there are many, those with trouble first, then the slowest.
+  if (rows.size() > kMaxLines)
+    std::stable_sort(rows.begin(), rows.end(), [&](const auto* a, const auto* b) {
+      const bool trouble = !is_complete(*a);
+      if (trouble != !is_complete(*b)) return trouble;
+      return seconds_of(report, *a) > seconds_of(report, *b);
+    });
+  for (size_t i = 0; i < std::min(rows.size(), kMaxLines); ++i) {
+    const lead::PushNodeReport& node = *rows[i];
+    const double duration = seconds_of(report, node);
+    const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
+    reporter_.say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
+                              format_address(node.address), node_id_text(node.node_id),
+                              node.files_done, node.files_skipped,
+                              format_bytes(static_cast<double>(node.bytes_done)), duration, rate,
+                              node.repairs, state_of(node)));
+  }
+  if (rows.size() > kMaxLines)
+    reporter_.say(fmt::format("and {} more nodes", rows.size() - kMaxLines));
+}
+
+void PushView::figures_lines(const lead::PushReport& report, const PushFigures& figures) {
+  const PushFigures::Completion& done = figures.completion;
+  if (done.nodes > 1) {
+    reporter_.say(
+        fmt::format("{} nodes complete; seconds: p50 {:.2f}, p90 {:.2f}, p99 {:.2f}, max {:.2f}",
+                    done.nodes, done.p50, done.p90, done.p99, done.max));
+    std::string slowest;
+    for (const size_t i : figures.slowest) {
+      const lead::PushNodeReport& node = report.nodes[i];
+      slowest += fmt::format("{}{} {:.2f} s, {} repairs ({})", slowest.empty() ? "" : "; ",
+                             format_address(node.address), seconds_of(report, node), node.repairs,
+                             percent(repair_ratio(node)));
+    }
+    reporter_.say("slowest: " + slowest);
+  }
+  if (figures.wire_per_content)
+    reporter_.say(fmt::format("goodput {}: {} of content in {:.2f} s, {:.3f} bytes sent for each",
+                              format_bits(figures.goodput_bits),
+                              format_bytes(static_cast<double>(report.bytes_received)),
+                              figures.seconds, *figures.wire_per_content));
+  reporter_.say(fmt::format(
+      "sent {} segments, {} of them repairs ({}); {} on the data channel", figures.segments_sent,
+      figures.repairs_sent,
+      percent(figures.segments_sent != 0 ? static_cast<double>(figures.repairs_sent) /
+                                               static_cast<double>(figures.segments_sent)
+                                         : 0),
+      format_bytes(static_cast<double>(figures.wire_bytes))));
+}
+
+void PushView::missing(const lead::PushReport& report, const lead::PushRequest& request) {
+  size_t lines = 0;
+  const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
+                        const std::string& why) {
+    if (lines++ < kMaxLines)
+      reporter_.say(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
+  };
+  if (report.nodes.size() < report.expected_nodes)
+    reporter_.say(fmt::format("{} of {} nodes never appeared",
+                              report.expected_nodes - report.nodes.size(), report.expected_nodes));
+  if (!report.nodes.empty()) reporter_.say("missing:");
+  for (const lead::PushNodeReport& node : report.nodes) {
+    for (const auto& [file, status] : node.failed)
+      line(node, request.files[file].name, status_text(status));
+    if (!node.heard) line(node, "every file", why_open(node));
+    for (const uint32_t file : node.open) line(node, request.files[file].name, why_open(node));
+  }
+  if (lines > kMaxLines) reporter_.say(fmt::format("and {} more", lines - kMaxLines));
+}
+
+void PushView::summary_event(const lead::PushReport& report, const lead::PushRequest& request,
+                             const PushFigures& figures) {
+  size_t names = 0;
+  Json nodes = Json::array();
+  for (const lead::PushNodeReport& node : report.nodes) {
+    Json failed = Json::array(), open = Json::array();
+    for (const auto& [file, status] : node.failed)
+      if (names++ < kMaxNames)
+        failed.push_back({{"name", request.files[file].name},
+                          {"status", status},
+                          {"text", status_text(status)}});
+    for (const uint32_t file : node.open)
+      if (names++ < kMaxNames) open.push_back(request.files[file].name);
+    nodes.push_back({{"node", format_address(node.address)},
+                     {"node_id", node_id_text(node.node_id)},
+                     {"state", state_of(node)},
+                     {"files", node.files_done},
+                     {"present", node.files_skipped},
+                     {"bytes", node.bytes_done},
+                     {"seconds", seconds_of(report, node)},
+                     {"repairs", node.repairs},
+                     {"repair_ratio", rounded(repair_ratio(node), 1e-6)},
+                     {"files_failed", node.files_failed},
+                     {"files_left", node.files_left},
+                     {"bytes_left", node.bytes_left},
+                     {"failed", failed},
+                     {"open", open}});
+  }
+  const PushFigures::Completion& done = figures.completion;
+  Json slowest = Json::array();
+  for (const size_t i : figures.slowest) slowest.push_back(format_address(report.nodes[i].address));
+  Json event{{"complete", report.complete()},
+             {"files", report.files},
+             {"bytes", report.bytes},
+             {"seconds", figures.seconds},
+             {"expected_nodes", report.expected_nodes}};
+  if (done.nodes != 0)
+    event["completion"] = {{"nodes", done.nodes},
+                           {"p50", done.p50},
+                           {"p90", done.p90},
+                           {"p99", done.p99},
+                           {"max", done.max}};
+  event.update(Json{{"slowest", slowest},
+                    {"repairs", figures.repairs},
+                    {"repairs_sent", figures.repairs_sent},
+                    {"segments_sent", figures.segments_sent},
+                    {"bytes_received", report.bytes_received},
+                    {"wire_bytes", figures.wire_bytes},
+                    {"goodput_bits", std::llround(figures.goodput_bits)}});
+  if (figures.wire_per_content)
+    event["wire_per_content"] = rounded(*figures.wire_per_content, 1e-6);
+  event["nodes"] = std::move(nodes);
+  reporter_.json().print("push-finished", event);
+}
+
+void PushView::summary(const lead::PushReport& report, const lead::PushRequest& request,
+                       const lead::Counters& counters) {
+  const PushFigures figures = figures_of(report, counters);
+  if (reporter_.json().enabled()) return summary_event(report, request, figures);
+  table(report);
+  figures_lines(report, figures);
+  if (!report.complete()) missing(report, request);
+}
+
+}  // namespace pkgdist::lead_program

@@ -1,0 +1,44 @@
+// What people and programs see of a push: how it stands while it runs, what is left when it is
+// interrupted, and the summary.
+#pragma once
+
+#include <array>
+
+#include "push_figures.h"
+#include "push_meter.h"
+#include "reporter.h"
+
+namespace pkgdist::lead_program {
+
+class PushView {
+ public:
+  explicit PushView(Reporter& reporter) : reporter_(reporter) {}
+
+  // How the push stands, as events or as lines for a log.
+  void progress(const lead::PushReport& report, const PushMeter& meter, const lead::Lead& lead,
+                lead::Time now);
+  // The owner gave the push up before its end.
+  void interrupted(const lead::PushReport& report);
+  void summary(const lead::PushReport& report, const lead::PushRequest& request,
+               const lead::Counters& counters);
+
+ private:
+  void node_events(const lead::PushReport& report, const PushMeter& meter, uint64_t rate_bits);
+  void lines(const lead::PushReport& report, const PushMeter& meter, lead::Time now);
+  void summary_event(const lead::PushReport& report, const lead::PushRequest& request,
+                     const PushFigures& figures);
+  void table(const lead::PushReport& report);
+  void missing(const lead::PushReport& report, const lead::PushRequest& request);
+  void figures_lines(const lead::PushReport& report, const PushFigures& figures);
+
+  Reporter& reporter_;
+  // What was told of each node last, by address: nothing new is not told again.
+  using Told = std::array<uint64_t, 5>;
+  std::unordered_map<uint32_t, Told> told_;
+};
+
+// How the whole push stands, in one line.
+std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
+                         const lead::Lead& lead, lead::Time now);
+
+}  // namespace pkgdist::lead_program
