@@ -13,10 +13,15 @@
 // the information or everything; only its answers tell. Each round ends with miss done to the open
 // nodes. A node that answers 'in progress' and asked for nothing is helped in rising steps: the
 // information and the segments at which a turn ended, sent as first transmissions (a node that
-// lacks what lies before asks for the gap at once); then the whole file when it is small, or all
-// segments that were ever asked for; then patience, because the node asks again by itself within
-// seconds. Every round from the second on carries a segment, so that no node counts the lead as
-// lost.
+// lacks what lies before asks for the gap at once), and with these all segments that were asked
+// for, when that is little or most of them are lacking somewhere; then the whole file when it is
+// small; then patience, because the node asks again by itself within seconds, for what it lacks and
+// for nothing else. Every round from the second on carries a segment, so that no node counts the
+// lead as lost.
+//
+// What nodes ask for after their time-outs is gathered first. A node's time-out begins anew with
+// every repair that it can use: if the first one that asks were served at once, it would silence
+// the others for two seconds, and so on, one node after the other.
 #pragma once
 
 #include <deque>
@@ -59,6 +64,8 @@ class DataSender {
   // Begins the transfer of a file that has none yet.
   TransferId start(FileKey key, uint32_t priority, uint64_t tag,
                    const std::vector<NodeIndex>& nodes, Time now);
+  // Another owner: the one who uses this tag.
+  void hand_over(TransferId id, uint64_t tag) { at(id)->tag = tag; }
   // The node wants the file, too. `asked`: it just asked for the information, so it has none.
   void join(TransferId id, NodeIndex node, bool asked, Time now);
   // The node is gone: nothing is waited for.
@@ -133,6 +140,12 @@ class DataSender {
   bool end_mute_nodes(Transfer& transfer, Time now);
   bool help(Transfer& transfer, Time now);
   bool costs_little(const Transfer& transfer) const;
+  bool whole_again(const Transfer& transfer) const;
+  bool worth_repeating(const Transfer& transfer) const;
+  bool most_are_lacking(const Transfer& transfer) const;
+  void enter_repair_line(Transfer& transfer);
+  void begin_gathering(Transfer& transfer, Time now);
+  bool gathers(Transfer& transfer, Time now);
   void restart_turn(Transfer& transfer);
   void send_miss_done(Transfer& transfer, Time now);
   void on_in_progress(Transfer& transfer, NodeIndex node, Time now);

@@ -1,6 +1,7 @@
 // What happens after the stream has gone round a file, and what nodes say about files; the ladder
 // is described in data_sender.h.
 #include <cerrno>
+#include <cmath>
 
 #include "data_sender.h"
 #include "pkgdist/status.h"
@@ -31,7 +32,18 @@ constexpr Time kMaxStuckPause = kSecond;
 // run into its own time-outs several times.
 constexpr uint32_t kRoundsToWholeFile = 16;
 // Times that all asked segments are sent again before the nodes have to ask themselves.
-constexpr uint32_t kMaxRepeats = 2;
+constexpr uint32_t kMaxRepeats = 4;
+// Unless the file is soon sent, or most of them are lacking somewhere, they are this part of it at
+// most, all times together.
+constexpr uint32_t kLittlePart = 8;
+constexpr double kMostLacking = 0.5;
+// Times that the whole file is sent to save nodes a wait, before they have to ask themselves.
+constexpr uint32_t kMaxWholes = 5;
+// Nodes look for time-outs every half second: those that waited together ask within this, and
+// others, whose last repair came later, while there is no longer pause than that.
+constexpr Time kGather = 600 * kMillisecond;
+constexpr Time kGatherPause = 300 * kMillisecond;
+constexpr Time kMaxGather = 1500 * kMillisecond;
 // A request after this much silence comes from a node's time-out and names all that it lacks: what
 // was asked for before is done with.
 constexpr Time kFreshRequest = kSecond;
@@ -77,7 +89,12 @@ void DataSender::note_reaction(Time since, Time now) {
 }
 
 void DataSender::begin_settling(Transfer& transfer, Time now) {
+  if (transfer.loss == 0)
+    transfer.loss =
+        std::min(1.0, static_cast<double>(transfer.requested) /
+                          (static_cast<double>(transfer.segments) * std::max(1u, transfer.open)));
   transfer.stage = Transfer::Stage::kSettling;
+  transfer.gather_until = 0;
   transfer.asked_at = 0;
   transfer.turn_ended = now;
   arm(transfer, now + grace());
@@ -87,6 +104,7 @@ void DataSender::settle(Transfer& transfer, Time now) {
   if (transfer.stage != Transfer::Stage::kSettling) return;
   if (transfer.open + transfer.unlisted == 0) return close(transfer);
   if (transfer.open == 0 || transfer.in_repair_line) return;  // woken by join() or by the repairs
+  if (gathers(transfer, now)) return;
   if (end_mute_nodes(transfer, now)) return;
   const bool trouble = in_trouble(transfer) || transfer.help_now;
   transfer.asked_at = transfer.turn_ended = 0;
@@ -95,6 +113,26 @@ void DataSender::settle(Transfer& transfer, Time now) {
   send_miss_done(transfer, now);
   const Time pause = backoff(kStuckPause, transfer.stuck, kMaxStuckPause);
   arm(transfer, now + std::max(pause, backoff(answer_time(), transfer.mute, kMaxAnswerTime)));
+}
+
+void DataSender::begin_gathering(Transfer& transfer, Time now) {
+  transfer.gather_until = now + kGather;
+  transfer.gather_limit = now + kMaxGather;
+  transfer.gathered = 0;
+  for (TransferNode& node : transfer.nodes) node.asked = false;
+  arm(transfer, transfer.gather_until);
+}
+
+// Whether settling has to wait for requests, or for the repairs that they lead to.
+bool DataSender::gathers(Transfer& transfer, Time now) {
+  if (transfer.gather_until == 0) return false;
+  if (now < transfer.gather_until && transfer.gathered < transfer.open) {
+    arm(transfer, transfer.gather_until);
+    return true;
+  }
+  transfer.gather_until = 0;
+  enter_repair_line(transfer);
+  return transfer.in_repair_line;
 }
 
 // A node that has ended the file and forgotten that no longer listens to the data stream: its
@@ -130,8 +168,8 @@ bool DataSender::in_trouble(Transfer& transfer) {
   return true;
 }
 
-// Whether sending the whole file again is cheaper than letting its nodes wait for their time-outs:
-// nothing else is to be sent, and it takes a fraction of that time.
+// Whether sending the file again, or much of it, is better than letting nodes wait for their
+// time-outs: nothing else is to be sent, and it takes a fraction of that time.
 bool DataSender::costs_little(const Transfer& transfer) const {
   constexpr double kCheapSeconds = 0.25;
   // A nominal rate may be far above what the nodes take.
@@ -142,40 +180,68 @@ bool DataSender::costs_little(const Transfer& transfer) const {
          seconds < kCheapSeconds;
 }
 
+bool DataSender::whole_again(const Transfer& transfer) const {
+  if (transfer.stuck == 0) return false;
+  if (transfer.segments <= kTinyFile) return true;
+  if (transfer.stuck > 1 && transfer.segments <= kSmallFile) return true;
+  if (transfer.stuck % kRoundsToWholeFile == 0) return true;
+  return transfer.stuck > 1 && transfer.wholes < kMaxWholes && !worth_repeating(transfer) &&
+         costs_little(transfer);
+}
+
+// Whether of the segments that were asked for most are lacking on some node, though they were sent
+// again: before a crowd nearly every repair is lost by one of those who asked.
+bool DataSender::most_are_lacking(const Transfer& transfer) const {
+  const double askers =
+      static_cast<double>(transfer.requested) / std::max(1u, transfer.repairs.asked());
+  const double lost_each = std::pow(transfer.loss, transfer.repeats + 1);
+  return 1 - std::pow(1 - lost_each, askers) >= kMostLacking;
+}
+
+// Nodes do not say what they still lack of what they asked for, only seconds later. What is sent
+// again meanwhile is sent for nothing for the most part, which must not grow into another file.
+bool DataSender::worth_repeating(const Transfer& transfer) const {
+  const uint32_t asked = transfer.repairs.asked();
+  if (transfer.segments <= kSmallFile) return false;  // the whole is as good
+  if (asked == 0 || transfer.stuck == 0 || transfer.repeats >= kMaxRepeats) return false;
+  if (most_are_lacking(transfer)) return true;
+  if (transfer.stuck == 1) return false;
+  return costs_little(transfer) || transfer.repeated + asked <= transfer.segments / kLittlePart;
+}
+
+void DataSender::enter_repair_line(Transfer& transfer) {
+  if (transfer.in_repair_line || transfer.repairs.empty()) return;
+  transfer.in_repair_line = true;
+  repairing_.push_back(transfer.id);
+}
+
 // True when it started something after which settling goes on by itself.
 bool DataSender::help(Transfer& transfer, Time now) {
   if (transfer.stuck == 0 && transfer.mute == 1) return false;  // asking again comes first
-  if (transfer.status != 0) {
-    send_info(transfer, now);
-    return false;
-  }
-  const bool whole =
-      transfer.stuck != 0 &&
-      (transfer.segments <= kTinyFile || (transfer.stuck > 1 && transfer.segments <= kSmallFile) ||
-       (transfer.repeats >= kMaxRepeats && costs_little(transfer)) ||
-       transfer.stuck % kRoundsToWholeFile == 0);
-  if (whole) {
-    send_info(transfer, now);
+  send_info(transfer, now);
+  if (transfer.status != 0) return false;
+  if (whole_again(transfer)) {
+    ++transfer.wholes;
     restart_turn(transfer);
     return true;
   }
-  if (transfer.stuck > 1 && transfer.repeats < kMaxRepeats && transfer.repairs.asked() != 0) {
-    ++transfer.repeats;
-    transfer.repairs.repeat_asked();
-    transfer.in_repair_line = true;
-    repairing_.push_back(transfer.id);
-    return true;
-  }
-  send_info(transfer, now);
   const uint32_t last = transfer.segments - 1;
   const uint32_t turn_end = transfer.turn.last();
   if (!send_segment(transfer, last, false, now)) return true;
   if (turn_end != last) send_segment(transfer, turn_end, false, now);
-  return transfer.status != 0;
+  if (transfer.status != 0) return true;
+  if (!worth_repeating(transfer)) return false;
+  ++transfer.repeats;
+  transfer.repeated += transfer.repairs.asked();
+  transfer.repairs.repeat_asked();
+  enter_repair_line(transfer);
+  return true;
 }
 
 void DataSender::restart_turn(Transfer& transfer) {
   arm(transfer, kNever);
+  transfer.gather_until = 0;
+  enter_repair_line(transfer);
   transfer.turn.extend();
   transfer.stage = Transfer::Stage::kStreaming;
   // Ahead of files that were not begun: their nodes are further back.
@@ -211,25 +277,37 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   num = std::min(num, transfer->segments);
   // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
+  const bool open = state.state == TransferNode::State::kOpen;
+  if (elapsed(now, transfer->last_request) >= kFreshRequest) {
+    transfer->forget_asked();
+    // The first request of all is not a time-out's.
+    if (open && transfer->last_request != 0 && transfer->stage == Transfer::Stage::kSettling &&
+        !transfer->in_repair_line)
+      begin_gathering(*transfer, now);
+  }
+  if (transfer->gather_until != 0 && open && !state.asked) {
+    ++transfer->gathered;
+    const Time until = std::min(now + kGatherPause, transfer->gather_limit);
+    transfer->gather_until = std::max(transfer->gather_until, until);
+  }
   state.asked = state.has_info = true;
   state.hear(now);
-  if (elapsed(now, transfer->last_request) >= kFreshRequest) transfer->repairs.forget_asked();
   transfer->last_request = now;
   transfer->progress();
 
-  uint32_t due = 0;
   uint32_t gone = 0;
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
-    due += transfer->repairs.request(from, count, now);
+    transfer->repairs.request(from, count, now);
     gone += count;
   });
+  transfer->requested += gone;
   counters_.segments_requested += gone;
   loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));
   if (node < period_requested_.size()) period_requested_[node] += gone;
-  if (due != 0 && !transfer->in_repair_line) {
-    transfer->in_repair_line = true;
-    repairing_.push_back(transfer->id);
-  }
+  if (transfer->gather_until == 0)
+    enter_repair_line(*transfer);
+  else if (transfer->gathered >= transfer->open)
+    arm(*transfer, now);
   return gone;
 }
 
@@ -280,7 +358,8 @@ void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& rep
     ++counters_.foreign_datagrams;
     return;
   }
-  const TransferNode::State state = transfer->node(node).state;
+  const TransferNode before = transfer->node(node);
+  const TransferNode::State state = before.state;
   if (state != TransferNode::State::kOpen && state != TransferNode::State::kUnlisted) return;
   if (exact && report.status == PKGDIST_STATUS_IN_PROGRESS)
     return on_in_progress(*transfer, node, now);
@@ -293,7 +372,9 @@ void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& rep
                        observer_.transfer_ends_unknown(*transfer, report.status);
   if (!exact && !gave_up) return on_stale_report(*transfer, node, now);
   if (transfer->stage == Transfer::Stage::kAnnounced) last_skip_ = now;
-  note_reaction(transfer->asked_at != 0 ? transfer->asked_at : transfer->turn_ended, now);
+  // One that has answered or asked meanwhile ends later, because of what it was sent since.
+  if (!before.answered && !before.asked)
+    note_reaction(transfer->asked_at != 0 ? transfer->asked_at : transfer->turn_ended, now);
   end_node(*transfer, node, report.status);
   close_if_ended(*transfer);
 }

@@ -82,6 +82,7 @@ struct Transfer {
 
   uint64_t segments_sent = 0;
   bool first_turn = true;
+  double loss = 0;  // share of the first turn that a node lost, on average
   Time info_sent = 0;
   Time last_request = 0;
 
@@ -93,8 +94,16 @@ struct Transfer {
   bool help_now = false;  // a node asked for help: do not wait for answers
   uint32_t stuck = 0;     // rounds in a row that nodes answered 'in progress' to, asking nothing
   uint32_t mute = 0;      // rounds in a row that no node answered
-  uint32_t repeats = 0;   // times that everything asked for was sent again since progress
   bool in_repair_line = false;
+  // Since nodes asked afresh, see forget_asked().
+  uint64_t requested = 0;  // segments, as often as they were asked for
+  uint64_t repeated = 0;   // segments sent again without a request
+  uint32_t repeats = 0;    // times that everything asked for was sent again
+  uint32_t wholes = 0;     // times that the whole file was, to save a wait
+  // While set, requests are gathered until then, or until all open nodes have asked.
+  Time gather_until = 0;
+  Time gather_limit = 0;  // at the latest
+  uint32_t gathered = 0;  // open nodes that have asked meanwhile
 
   TransferNode& node(NodeIndex index) {
     if (index >= nodes.size()) nodes.resize(index + size_t{1});
@@ -108,7 +117,11 @@ struct Transfer {
   }
   // The same in bytes of content.
   uint64_t streamed_bytes() const { return attributes.size * streamed_segments() / segments; }
-  void progress() { stuck = mute = repeats = 0; }
+  void progress() { stuck = mute = 0; }
+  void forget_asked() {
+    repairs.forget_asked();
+    requested = repeated = repeats = wholes = 0;
+  }
 };
 
 inline void Transfer::set_state(NodeIndex index, TransferNode::State state) {
