@@ -1,0 +1,303 @@
+"""Packages, installed files and examples, as an integrator meets them:  run.py BUILD_DIR [-k PATTERN]
+
+Runs the commands of docs/integration.md in a directory that looks like the source tree with the
+build under test as its build/release, then looks at what they made and runs it, on the loopback
+network of a network namespace where the system allows one. The last line counts the tests.
+"""
+
+import argparse
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+SOURCE = os.path.realpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+sys.path.insert(0, os.path.join(SOURCE, "tests", "lab"))
+import lab  # noqa: E402
+
+GUIDE = os.path.join(SOURCE, "docs", "integration.md")
+LEAD = lab.Loopback("127.0.0.1")
+NODE = lab.Loopback("127.0.0.2")
+
+
+def commands_of(guide):
+    """The ```sh boxes of a page, one after the other."""
+    with open(guide, encoding="utf-8") as file:
+        return "\n".join(re.findall(r"^```sh\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL))
+
+
+class TimedResult(unittest.TextTestResult):
+    def startTest(self, test):
+        self._started = time.monotonic()
+        super().startTest(test)
+
+    def addSuccess(self, test):
+        self.stream.write(f"({time.monotonic() - self._started:.1f} s) ")
+        super().addSuccess(test)
+
+
+class Workplace:
+    """A directory like the source tree, in which the guide's commands have been run."""
+
+    def __init__(self, build):
+        self.build = os.path.realpath(build)
+        self.path = tempfile.mkdtemp(prefix="pkgdist-packaging-")
+        for name in os.listdir(SOURCE):
+            if name != "build" and not name.startswith("."):
+                os.symlink(os.path.join(SOURCE, name), self.at(name))
+        os.mkdir(self.at("build"))
+        os.symlink(self.build, self.at("build", "release"))
+
+    def at(self, *parts):
+        return os.path.join(self.path, *parts)
+
+    def run_guide(self):
+        """Installing is simulated, which still finds packages that cannot be installed."""
+        with open(self.at("build", "apt.conf"), "w", encoding="utf-8") as file:
+            file.write('APT::Get::Simulate "true";\n')
+        environment = os.environ | {"APT_CONFIG": self.at("build", "apt.conf"),
+                                    "CMAKE_GENERATOR": "Ninja"}
+        started = time.monotonic()
+        result = subprocess.run(["bash", "-euxo", "pipefail", "-c", commands_of(GUIDE)],
+                                cwd=self.path, env=environment, capture_output=True, text=True,
+                                timeout=400)
+        print(f"the guide's commands took {time.monotonic() - started:.1f} s")
+        return result
+
+    def remove(self):
+        shutil.rmtree(self.path, ignore_errors=True)
+
+
+def setUpModule():
+    """Everything that the tests look at is what the guide has made."""
+    global PLACE, ROOT, GUIDE_RUN, TOOLS
+    PLACE = Workplace(BUILD)
+    unittest.addModuleCleanup(PLACE.remove)
+    GUIDE_RUN = PLACE.run_guide()
+    ROOT = PLACE.at("build", "root")
+    TOOLS = lab.Programs(os.path.join(ROOT, "usr"))
+
+
+def files_below(root):
+    return sorted(os.path.relpath(os.path.join(place, name), root)
+                  for place, _, names in os.walk(root) for name in names)
+
+
+def package(name):
+    return next(os.path.join(place, file) for place, _, files in os.walk(PLACE.at("build", "packages"))
+                for file in files if file.startswith(name + "_") and "_CPack" not in place)
+
+
+def field(name, which):
+    return subprocess.run(["dpkg-deb", "--field", package(name), which], capture_output=True,
+                          text=True, check=True).stdout.strip()
+
+
+def contents(name):
+    listing = subprocess.run(["dpkg-deb", "--contents", package(name)], capture_output=True,
+                             text=True, check=True).stdout
+    return [line.split()[5][2:] for line in listing.splitlines() if not line.startswith("d")]
+
+
+class Guide(unittest.TestCase):
+    def test_every_command_of_the_guide_works(self):
+        self.assertEqual(GUIDE_RUN.returncode, 0, GUIDE_RUN.stdout[-2000:] + GUIDE_RUN.stderr[-3000:])
+
+    def test_what_the_guide_pushes_arrives(self):
+        def but_permissions(root):  # the umask is anybody's
+            return {name: (kind, *rest) for name, (kind, _, *rest) in lab.manifest(root).items()}
+
+        self.assertEqual(lab.differences(but_permissions(os.path.join(SOURCE, "examples")),
+                                         but_permissions(PLACE.at("build", "received"))), [])
+
+    def test_all_three_packages_can_be_installed_together(self):
+        installed = re.findall(r"^Inst (\S+)", GUIDE_RUN.stdout, re.MULTILINE)
+        self.assertLessEqual({"libpkgdist0", "libpkgdist-dev", "pkgdist-tools"}, set(installed))
+
+    def test_the_guide_is_read(self):
+        self.assertGreater(len(commands_of(GUIDE).splitlines()), 15)
+
+
+class Packages(unittest.TestCase):
+    def test_each_needs_the_runtime_of_its_own_version(self):
+        version = field("libpkgdist0", "Version")
+        for name in ("libpkgdist-dev", "pkgdist-tools"):
+            self.assertIn(f"libpkgdist0 (= {version})", field(name, "Depends"))
+        self.assertIn("libc6", field("libpkgdist0", "Depends"))
+        self.assertNotIn("libpkgdist", field("libpkgdist0", "Depends"))
+
+    def test_the_runtime_is_the_two_libraries_under_their_sonames(self):
+        version = field("libpkgdist0", "Version")
+        expected = [f"usr/lib/{name}.so.{end}" for name in ("lib_inst_pkgdist_recv", "libpkgdist_platform")
+                    for end in ("0", version)]
+        self.assertEqual(sorted(contents("libpkgdist0")), sorted(expected))
+
+    def test_the_tools_are_the_programs(self):
+        programs = [name for name in contents("pkgdist-tools") if name.startswith("usr/bin/")]
+        self.assertLessEqual({"usr/bin/pkgdist-lead", "usr/bin/pkgdist-node"}, set(programs))
+
+    def test_every_public_header_is_there(self):
+        for part in ("pkgdist", "platform"):
+            headers = os.path.join(SOURCE, part, "include", part)
+            self.assertEqual(files_below(os.path.join(ROOT, "usr", "include", part)),
+                             files_below(headers))
+
+    def test_nothing_knows_where_it_was_built(self):
+        traces = [path.encode() for path in (SOURCE, PLACE.build, PLACE.path)]
+        for name in files_below(ROOT):
+            with open(os.path.join(ROOT, name), "rb") as file:
+                content = file.read()
+            self.assertEqual([path for path in traces if path in content], [], name)
+
+    def test_an_installation_under_a_prefix_has_the_same_files(self):
+        prefix = PLACE.at("build", "installed")
+        subprocess.run(["cmake", "--install", "build/release", "--prefix", prefix], cwd=PLACE.path,
+                       check=True, capture_output=True)
+        self.assertEqual(files_below(prefix), files_below(os.path.join(ROOT, "usr")))
+
+    def test_libraries_and_programs_are_stripped(self):
+        for name in ("usr/lib/lib_inst_pkgdist_recv.so.0", "usr/bin/pkgdist-lead"):
+            sections = subprocess.run(["readelf", "-SW", os.path.join(ROOT, name)],
+                                      capture_output=True, text=True, check=True).stdout
+            self.assertNotIn(".debug_info", sections, name)
+
+
+class Programs(unittest.TestCase):
+    """Each program against a lead out of the package. Bytes, permissions and times are compared."""
+
+    def setUp(self):
+        self.work = lab.work_directory()
+        self.addCleanup(lab.remove, self.work)
+        self.content = os.path.join(self.work, "content")
+        self.received = os.path.join(self.work, "received") + "/"
+        os.makedirs(os.path.join(self.content, "directory"))
+        os.mkdir(self.received)
+        for name, size in (("small", 100), ("directory/large", 2_000_000), ("empty", 0)):
+            with open(os.path.join(self.content, name), "wb") as file:
+                file.write(os.urandom(size))
+        self.environment = os.environ | {"LD_LIBRARY_PATH": os.path.join(ROOT, "usr", "lib")}
+        self.addCleanup(NODE.processes.clear)
+        self.addCleanup(NODE.stop_all)
+        umask = os.umask(0o022)
+        self.addCleanup(os.umask, umask)
+
+    def assert_received(self):
+        self.assertEqual(lab.differences(lab.manifest(self.content), lab.manifest(self.received)), [])
+
+    def assert_receives_a_push(self, *program):
+        node = NODE.spawn([PLACE.at(*program), NODE.address, self.received],
+                          env=self.environment, stdout=subprocess.PIPE, text=True)
+        result = TOOLS.push(LEAD, self.content, "--nodes", NODE.address, timeout=60)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assert_received()
+        node.terminate()
+        said, _ = node.communicate(timeout=10)
+        self.assertIn("directory/large: success\n", said)
+        return node.returncode
+
+    def test_the_c_program_receives_a_push(self):
+        self.assert_receives_a_push("build", "c_minimal")
+
+    def test_the_epoll_program_receives_a_push_and_ends_in_order(self):
+        self.assertEqual(self.assert_receives_a_push("build", "examples", "epoll_loop"), 0)
+
+    def test_the_libuv_program_receives_a_push_and_ends_in_order(self):
+        self.assertEqual(self.assert_receives_a_push("build", "examples", "libuv_loop"), 0)
+
+    def test_the_sd_event_program_receives_a_push_and_ends_in_order(self):
+        self.assertEqual(self.assert_receives_a_push("build", "examples", "sd_event_loop"), 0)
+
+    def test_the_cpp_program_gets_the_files_that_it_names(self):
+        self.serve()
+        result = self.get("small", "directory/large", "empty")
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn("small: success\n", result.stdout)
+        self.assert_received()
+
+    def test_the_cpp_program_tells_why_a_file_does_not_come(self):
+        self.serve()
+        result = self.get("small", "absent", "../outside")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("small: success\n", result.stdout)
+        self.assertIn("absent: No such file or directory\n", result.stdout)
+        self.assertIn("../outside: an argument was rejected\n", result.stderr)
+
+    def serve(self):
+        lead = TOOLS.start_lead(LEAD, self.content, "serve", stdout=subprocess.DEVNULL)
+        self.addCleanup(LEAD.processes.clear)
+        self.addCleanup(LEAD.stop_all)
+        return lead
+
+    def get(self, *names):
+        return NODE.run([PLACE.at("build", "examples", "get_files"), NODE.address, self.received, *names],
+                        env=self.environment | {"LC_ALL": "C"}, capture_output=True, text=True,
+                        timeout=60)
+
+    def test_a_platform_of_another_make_receives_a_push(self):
+        self.assert_receives_a_push("build", "c_own")
+        needed = self.libraries_of_own()
+        self.assertIn("libminimal_platform.so", needed)
+        self.assertNotIn("libpkgdist_platform", needed)
+
+    def test_a_platform_of_another_make_may_bring_the_codec(self):
+        self.addCleanup(self.build_own, "OFF", "platform")
+        result = self.build_own("ON", "platform", "codec")
+        self.assertEqual(result.returncode, 0, result.stdout[-2000:] + result.stderr[-2000:])
+        self.assertIn("libminimal_codec.so", self.libraries_of_own())
+
+    def test_a_function_that_a_platform_lacks_is_named(self):
+        self.addCleanup(self.build_own, "OFF", "platform")
+        result = self.build_own("OFF", "codec")  # has nothing of what is left to bring
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn("undefined reference to `qitc_put'", result.stdout)
+
+    @staticmethod
+    def build_own(codec, *parts):
+        """The guide's library anew, against these parts of the minimal platform."""
+        libraries = ";".join(PLACE.at("build", "platform", f"libminimal_{part}.so") for part in parts)
+        command = (f"cmake build/own -DPKGDIST_PLATFORM_CODEC={codec} "
+                   f"'-DPKGDIST_PLATFORM_LIBRARY={libraries}' && cmake --build build/own")
+        return subprocess.run(["sh", "-c", command], cwd=PLACE.path, capture_output=True, text=True)
+
+    @staticmethod
+    def libraries_of_own():
+        library = PLACE.at("build", "own", "lib", "lib_inst_pkgdist_recv.so")
+        return subprocess.run(["readelf", "-dW", library], capture_output=True, text=True,
+                              check=True).stdout
+
+
+def enter_namespace():
+    """A loopback network of our own, so that other leads of this machine are not met."""
+    if lab.available() or os.environ.get(lab.MARK):
+        lab.enter()
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+
+def main():
+    global BUILD
+    parser = argparse.ArgumentParser(description="Tests packages, installed files and examples.")
+    parser.add_argument("build", help="the build directory to make the packages of")
+    parser.add_argument("-k", dest="pattern", action="append", help="run matching tests only")
+    options = parser.parse_args()
+    enter_namespace()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # cleans up
+    BUILD = options.build
+    loader = unittest.TestLoader()
+    if options.pattern:
+        loader.testNamePatterns = [f"*{pattern}*" for pattern in options.pattern]
+    suite = loader.loadTestsFromModule(sys.modules[__name__])
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2,
+                                     resultclass=TimedResult).run(suite)
+    failed = len({test.id() for test, _ in result.failures + result.errors})
+    skipped = len(result.skipped)
+    print(f"packaging: {result.testsRun - failed - skipped} passed, {failed} failed, {skipped} skipped")
+    return 0 if result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
