@@ -28,7 +28,7 @@
  * Values
  *   Addresses are IPv4 and ports 16-bit numbers, both in host byte order (192.0.2.1 is 0xC0000201).
  *   Every function returns a PkgdistStatus, 0 for success, unless it says otherwise; the values are
- *   in pkgdist/status.h.
+ *   in pkgdist/status.h, and pkgdist_status_str() puts them in words.
  *
  * Trust
  *   The protocol has no authentication: any host that can send to the groups can act as the lead.
