@@ -253,13 +253,20 @@ void DataSender::fail(Transfer& transfer, int error, Time now) {
   send_info(transfer, now);
 }
 
+int DataSender::read_content(Transfer& transfer, uint64_t offset, std::span<uint8_t> out,
+                             bool repair) {
+  if (repair) return transfer.content->read(offset, out);
+  return window_.read(transfer.id, *transfer.content, transfer.attributes.size, offset, out);
+}
+
 bool DataSender::send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now) {
   int error = open_content(transfer);
   const uint64_t offset = uint64_t{segment} * self_.segment_size;
   const size_t length = static_cast<size_t>(
       std::min<uint64_t>(self_.segment_size, transfer.attributes.size - offset));
   const std::span<uint8_t> out = sink_.buffer();
-  if (error == 0 && length != 0) error = transfer.content->read(offset, segment_.data(out, length));
+  if (error == 0 && length != 0)
+    error = read_content(transfer, offset, segment_.data(out, length), repair);
   if (error != 0) {
     fail(transfer, error, now);
     return false;

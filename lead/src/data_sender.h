@@ -30,6 +30,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "content_window.h"
 #include "data_message.h"
 #include "delay_meter.h"
 #include "loss_meter.h"
@@ -120,6 +121,7 @@ class DataSender {
   void send(size_t length);
   void send_info(Transfer& transfer, Time now);
   bool send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now);
+  int read_content(Transfer& transfer, uint64_t offset, std::span<uint8_t> out, bool repair);
   std::span<uint32_t> open_nodes(const Transfer& transfer);
   void arm(Transfer& transfer, Time when);
   void close(Transfer& transfer);
@@ -165,6 +167,7 @@ class DataSender {
   Counters& counters_;
   TransferObserver& observer_;
   SegmentBuilder segment_;
+  ContentWindow window_;
   Pacer pacer_;
   std::optional<RateControl> rate_;
   LossMeter loss_;

@@ -20,6 +20,18 @@ namespace {
 
 constexpr mode_t kPermissions = 07777;
 
+// Of a file's states: a write moves the time of its last change before it touches a byte, another
+// file in its place has another number.
+uint64_t version_of(const struct stat& status) {
+  constexpr uint64_t kMix = 0x9E3779B97F4A7C15u;
+  uint64_t version = status.st_dev;
+  for (const uint64_t part : {uint64_t{status.st_ino}, static_cast<uint64_t>(status.st_size),
+                              static_cast<uint64_t>(status.st_mtim.tv_sec),
+                              static_cast<uint64_t>(status.st_mtim.tv_nsec)})
+    version = (version ^ part) * kMix;
+  return version;
+}
+
 class OpenFile : public Content {
  public:
   explicit OpenFile(int fd) : fd_(fd) {}
@@ -35,11 +47,17 @@ class OpenFile : public Content {
       out = out.subspan(static_cast<size_t>(got));
       offset += static_cast<uint64_t>(got);
     }
-    return 0;
+    // Afterwards: what was read before a change is older than the change.
+    struct stat status {};
+    if (::fstat(fd_, &status) != 0) return errno;
+    return version_of(status) == version_ ? 0 : ESTALE;
   }
+
+  void opened_as(uint64_t version) { version_ = version; }
 
  private:
   int fd_;
+  uint64_t version_ = 0;
 };
 
 class LinkTarget : public Content {
@@ -58,7 +76,7 @@ class LinkTarget : public Content {
 
 FileAttributes attributes_of(const struct stat& status) {
   return {static_cast<uint64_t>(status.st_size), status.st_mode & kPermissions,
-          static_cast<uint32_t>(status.st_mtime), S_ISLNK(status.st_mode)};
+          static_cast<uint32_t>(status.st_mtime), S_ISLNK(status.st_mode), version_of(status)};
 }
 
 int open_link(const std::string& path, FileAttributes& attributes,
@@ -100,6 +118,7 @@ int DirectoryStore::open(uint32_t location, const std::string& name, FileAttribu
   if (S_ISDIR(status.st_mode)) return EISDIR;
   if (!S_ISREG(status.st_mode)) return ENXIO;
   attributes = attributes_of(status);
+  file->opened_as(attributes.version);
   content = std::move(file);
   return 0;
 }

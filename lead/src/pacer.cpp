@@ -4,9 +4,10 @@ namespace pkgdist::lead {
 
 void Pacer::set_rate(uint64_t bits_per_second) {
   rate_bits_ = std::max<uint64_t>(bits_per_second, 1);
-  bytes_per_ns_ = static_cast<double>(rate_bits_) / 8.0 / static_cast<double>(kSecond);
-  depth_ = std::clamp(bytes_per_ns_ * static_cast<double>(kSecond) * kDepthSeconds, kBatchBytes,
-                      kMaxDepthBytes);
+  const double bytes_per_second = static_cast<double>(rate_bits_) / 8.0;
+  bytes_per_ns_ = bytes_per_second / static_cast<double>(kSecond);
+  batch_ = std::clamp(bytes_per_second * kBatchSeconds, kMinBatchBytes, kMaxBatchBytes);
+  depth_ = std::clamp(bytes_per_second * kDepthSeconds, batch_, kMaxDepthBytes);
 }
 
 void Pacer::refill(Time now) {
@@ -16,7 +17,7 @@ void Pacer::refill(Time now) {
 }
 
 Time Pacer::next_ready(Time now) const {
-  const double lacking = std::min(kBatchBytes, depth_) - tokens_;
+  const double lacking = batch_ - tokens_;
   if (lacking <= 0) return now;
   return now + static_cast<Time>(lacking / bytes_per_ns_) + 1;
 }

@@ -23,8 +23,11 @@ class Pacer {
  private:
   // IPv4 and UDP headers.
   static constexpr size_t kOverhead = 28;
-  // A batch is what a wake-up should be worth: fewer and the processor is spent on waking up.
-  static constexpr double kBatchBytes = 12 * 1500;
+  // A batch is what a wake-up should be worth: this much time of the stream, since with less the
+  // processor is spent on waking up, and no more than one call hands to the system.
+  static constexpr double kBatchSeconds = 0.0002;
+  static constexpr double kMinBatchBytes = 12 * 1500;
+  static constexpr double kMaxBatchBytes = 40 * 1500;
   // The bucket holds this much time of the stream, so that a late wake-up loses nothing ...
   static constexpr double kDepthSeconds = 0.002;
   // ... but never more than this: receivers take a burst of it into a small socket buffer.
@@ -32,8 +35,9 @@ class Pacer {
 
   uint64_t rate_bits_ = 0;
   double bytes_per_ns_ = 0;
+  double batch_ = 0;
   double depth_ = 0;
-  double tokens_ = kBatchBytes;
+  double tokens_ = kMinBatchBytes;
   Time refilled_ = 0;
 };
 

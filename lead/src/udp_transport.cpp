@@ -171,9 +171,10 @@ class UdpTransport::Impl {
   }
 
   void receive(Lead& lead, Time now) {
-    receive_from(control_, Channel::kControl, lead, now);
-    receive_from(requests_, Channel::kData, lead, now);
-    receive_from(group_, Channel::kOverheard, lead, now);
+    if (arrived_[0]) receive_from(control_, Channel::kControl, lead, now);
+    if (arrived_[1]) receive_from(requests_, Channel::kData, lead, now);
+    if (arrived_[2]) receive_from(group_, Channel::kOverheard, lead, now);
+    arrived_.fill(true);
   }
 
   bool wait(Time deadline, int extra_fd) {
@@ -184,6 +185,7 @@ class UdpTransport::Impl {
                                {group_.fd(), POLLIN, 0},
                                {extra_fd, POLLIN, 0}}};
     const int ready = ::ppoll(fds.data(), fds.size(), &timeout, nullptr);
+    for (size_t i = 0; i < arrived_.size(); ++i) arrived_[i] = ready > 0 && fds[i].revents != 0;
     return ready > 0 && (fds[3].revents & POLLIN) != 0;
   }
 
@@ -293,6 +295,8 @@ class UdpTransport::Impl {
   std::array<Batch, kMaxGathered> batches_;
   std::array<mmsghdr, kMaxGathered> messages_;
   bool offload_ = true;
+  // Found by the last wait(), in the order of receive(); without one anything may have come.
+  std::array<bool, 3> arrived_ = {true, true, true};
 };
 
 UdpTransport::UdpTransport(const UdpSettings& settings) : impl_(std::make_unique<Impl>(settings)) {}

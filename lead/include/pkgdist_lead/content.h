@@ -16,6 +16,8 @@ struct FileAttributes {
   uint32_t mode = 0;   // permission bits
   uint32_t mtime = 0;  // seconds since the epoch
   bool symlink = false;
+  // Differs between two states of a file that have different content; never sent.
+  uint64_t version = 0;
 
   bool operator==(const FileAttributes&) const = default;
 };
@@ -24,8 +26,8 @@ class Content {
  public:
   virtual ~Content() = default;
 
-  // Fills `out` with the bytes from `offset` on. 0, or an errno value; EIO when the file has become
-  // too short.
+  // Fills `out` with the bytes from `offset` on, as they were when the content was opened. 0, or an
+  // errno value: ESTALE when the file was changed since, EIO when it has become too short.
   virtual int read(uint64_t offset, std::span<uint8_t> out) = 0;
 };
 

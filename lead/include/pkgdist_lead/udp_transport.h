@@ -34,7 +34,8 @@ class UdpTransport : public DatagramSink {
   void send(Channel channel, uint32_t destination, size_t length) override;
   void flush();
 
-  // Hands what has arrived to the lead, at most a bounded number of datagrams.
+  // Hands what has arrived to the lead, at most a bounded number of datagrams: from the sockets
+  // that wait() has found readable since the last call, from all without a wait().
   void receive(Lead& lead, Time now);
 
   // Waits until something arrives, `extra_fd` (or -1) becomes readable, or the clock reaches
