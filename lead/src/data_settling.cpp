@@ -252,7 +252,8 @@ void DataSender::restart_turn(Transfer& transfer) {
 void DataSender::send_miss_done(Transfer& transfer, Time now) {
   for (TransferNode& node : transfer.nodes) {
     node.answered = node.asked = false;
-    if (node.state == TransferNode::State::kOpen) ++node.unanswered;
+    if (node.state == TransferNode::State::kOpen && node.unanswered < kMutedQuestions)
+      ++node.unanswered;
   }
   transfer.answers = 0;
   const std::span<uint32_t> nodes = open_nodes(transfer);

@@ -39,7 +39,9 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
       events_(events),
       pieces_(cut_file_list(request_.files)),
       piece_deadline_(pieces_.size(), 0),
-      received_(request_.files.size()) {
+      received_(request_.files.size()),
+      needed_(request_.files.size()),
+      active_in_(pieces_.size()) {
   for (uint32_t i = 0; i < request_.files.size(); ++i) {
     by_name_.emplace(request_.files[i].name, i);
     summary_.bytes += request_.files[i].size;
@@ -100,29 +102,36 @@ void PushJob::on_node_fresh(NodeIndex node) {
     fresh.known = true;
     fresh.ended.resize(request_.files.size());
     fresh.left = static_cast<uint32_t>(request_.files.size());
+    for (const FileRange piece : pieces_) fresh.left_in.push_back(piece.end - piece.first);
     fresh.report.address = info.address;
     fresh.report.heard = true;
     fresh.report.bytes_left = summary_.bytes;
   }
   fresh.report.node_id = info.node_id;
   fresh.report.silent = false;
-  fresh.present = true;
+  set_present(fresh, true);
   fresh.heard.assign(pieces_.size(), Heard::kNothing);
   relists_.erase(node);
   ready_piece_ = kNoPiece;
   go_round_ = true;
-  if (phase_ != Phase::kRunning) return;
-  std::set<uint32_t> pieces;
-  for (const auto& [file, id] : active_)
-    if (needs(fresh, file)) pieces.insert(piece_of(file));
-  for (uint32_t piece : pieces) announce(piece, {node});
+  if (phase_ == Phase::kRunning) fresh_.push_back(node);
+}
+
+// Counts what the node lacks among what is needed, or no longer.
+void PushJob::set_present(Member& member, bool present) {
+  if (member.present == present) return;
+  member.present = present;
+  if (member.left == 0) return;
+  unfinished_ = present ? unfinished_ + 1 : unfinished_ - 1;
+  for (uint32_t file = 0; file < needed_.size(); ++file)
+    if (!member.ended[file]) needed_[file] = present ? needed_[file] + 1 : needed_[file] - 1;
 }
 
 void PushJob::on_node_silent(NodeIndex node) {
   Member* gone = member(node);
   if (gone == nullptr) return;
   if (gone->present) count_unfinished(*gone);
-  gone->present = false;
+  set_present(*gone, false);
   gone->report.silent = true;
   ready_piece_ = kNoPiece;
 }
@@ -157,13 +166,6 @@ uint32_t PushJob::piece_of(uint32_t file) const {
   return static_cast<uint32_t>(after - pieces_.begin());
 }
 
-bool PushJob::needs_any(const Member& member, FileRange range) const {
-  if (!member.present || member.left == 0) return false;
-  for (uint32_t file = range.first; file < range.end; ++file)
-    if (!member.ended[file]) return true;
-  return false;
-}
-
 std::vector<uint32_t> PushJob::lacking(const Member& member, FileRange range) const {
   std::vector<uint32_t> files;
   for (uint32_t file = range.first; file < range.end; ++file)
@@ -178,7 +180,7 @@ bool PushJob::piece_ready(uint32_t piece) {
   bool unacknowledged = false;
   for (NodeIndex i = 0; i < members_.size(); ++i) {
     const Member& one = members_[i];
-    if (!one.known || !needs_any(one, pieces_[piece])) continue;
+    if (!one.known || !needs_any(one, piece)) continue;
     if (one.heard[piece] == Heard::kNothing) untold.push_back(i);
     unacknowledged |= one.heard[piece] != Heard::kAcknowledged;
   }
@@ -232,15 +234,34 @@ void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
     ready_piece_ = kNoPiece;
     go_round_ |= pieces_[told.piece].first < cursor_;
   }
-  for (const auto& [file, id] : active_) {
-    const bool covered = told.piece != kNoPiece
-                             ? piece_of(file) == told.piece
-                             : std::binary_search(told.files.begin(), told.files.end(), file);
-    const Transfer* transfer = covered && needs(*one, file) ? data_.get(id) : nullptr;
-    if (transfer == nullptr) continue;
-    const bool open =
-        node < transfer->nodes.size() && transfer->nodes[node].state == TransferNode::State::kOpen;
-    if (!open) data_.join(id, node, false, now_);
+  if (told.piece == kNoPiece) {
+    for (uint32_t file : told.files) join(file, node);
+  } else if (active_in_[told.piece] != 0) {
+    const FileRange range = pieces_[told.piece];
+    for (uint32_t file = range.first; file < range.end; ++file) join(file, node);
+  }
+}
+
+// The node takes part in the transfer of the file when there is one and it needs it.
+void PushJob::join(uint32_t file, NodeIndex node) {
+  const auto at = active_.find(file);
+  if (at == active_.end() || !needs(members_[node], file)) return;
+  const Transfer* transfer = data_.get(at->second);
+  if (transfer == nullptr) return;
+  const bool open =
+      node < transfer->nodes.size() && transfer->nodes[node].state == TransferNode::State::kOpen;
+  if (!open) data_.join(at->second, node, false, now_);
+}
+
+// What appeared at the same moment shares messages.
+void PushJob::announce_to_fresh() {
+  const std::vector<NodeIndex> nodes = std::exchange(fresh_, {});
+  for (uint32_t piece = 0; piece < pieces_.size(); ++piece) {
+    if (active_in_[piece] == 0) continue;
+    std::vector<NodeIndex> untold;
+    for (NodeIndex node : nodes)
+      if (needs_any(members_[node], piece)) untold.push_back(node);
+    if (!untold.empty()) announce(piece, untold);
   }
 }
 
@@ -264,16 +285,11 @@ std::vector<NodeIndex> PushJob::listeners(uint32_t file) const {
   return nodes;
 }
 
-bool PushJob::anyone_needs(uint32_t file) const {
-  return std::any_of(members_.begin(), members_.end(),
-                     [&](const Member& one) { return one.known && needs(one, file); });
-}
-
 // Moves the cursor to the next file that somebody lacks and that is not in transfer.
 bool PushJob::pick_file() {
   for (;;) {
     for (; cursor_ < request_.files.size(); ++cursor_)
-      if (!active_.contains(cursor_) && anyone_needs(cursor_)) return true;
+      if (!active_.contains(cursor_) && needed_[cursor_] != 0) return true;
     if (!go_round_) return false;
     go_round_ = false;
     cursor_ = 0;
@@ -281,8 +297,13 @@ bool PushJob::pick_file() {
 }
 
 void PushJob::start_file(uint32_t file, const std::vector<NodeIndex>& nodes) {
-  active_[file] = data_.start({request_.location, request_.files[file].name}, request_.priority,
-                              file, nodes, now_);
+  make_active(file, data_.start({request_.location, request_.files[file].name}, request_.priority,
+                                file, nodes, now_));
+}
+
+void PushJob::make_active(uint32_t file, TransferId id) {
+  active_in_[piece_of(file)] += active_.contains(file) ? 0 : 1;
+  active_[file] = id;
 }
 
 void PushJob::feed() {
@@ -340,7 +361,11 @@ void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
   one.ended[file] = true;
   one.report.bytes_left -= request_.files[file].size;
   if (status != 0) one.failed[file] = status;
-  if (--one.left == 0) one.report.finished_at = now_;
+  if (one.present) --needed_[file];
+  --one.left_in[piece_of(file)];
+  if (--one.left != 0) return;
+  one.report.finished_at = now_;
+  if (one.present) --unfinished_;
 }
 
 // What the file's end says about the traffic, also when it begins again on the node.
@@ -393,17 +418,11 @@ void PushJob::note_deleted(uint32_t location, const std::vector<std::string>& na
 
 void PushJob::on_closed(const Transfer& transfer) {
   const auto file = static_cast<uint32_t>(transfer.tag);
-  active_.erase(file);
-  if (phase_ == Phase::kRunning && anyone_needs(file)) go_round_ = true;
+  active_in_[piece_of(file)] -= static_cast<uint32_t>(active_.erase(file));
+  if (phase_ == Phase::kRunning && needed_[file] != 0) go_round_ = true;
 }
 
 // --- The course of the push ---
-
-void PushJob::finish_if_ended() {
-  for (const Member& one : members_)
-    if (one.present && one.left != 0) return;
-  finish();
-}
 
 void PushJob::finish() {
   // What is still in transfer is for nodes outside of the push, who ask again.
@@ -418,8 +437,9 @@ void PushJob::run(Time now) {
   if (phase_ == Phase::kGathering) gather(now);
   if (phase_ != Phase::kRunning) return;
   if (!relists_.empty()) flush_relists();
+  if (!fresh_.empty()) announce_to_fresh();
   feed();
-  finish_if_ended();
+  if (unfinished_ == 0) finish();
 }
 
 Time PushJob::next_deadline() const {

@@ -68,6 +68,7 @@ class PushJob {
     PushNodeReport report;                // but for what is in transfer, and the files by name
     std::map<uint32_t, uint64_t> failed;  // by file
     uint32_t left = 0;                    // files that have not ended
+    std::vector<uint32_t> left_in;        // the same by piece
   };
 
   bool wanted(uint32_t address) const;
@@ -78,8 +79,10 @@ class PushJob {
   bool needs(const Member& member, uint32_t file) const {
     return member.present && !member.ended[file];
   }
-  bool needs_any(const Member& member, FileRange range) const;
-  bool anyone_needs(uint32_t file) const;
+  bool needs_any(const Member& member, uint32_t piece) const {
+    return member.present && member.left_in[piece] != 0;
+  }
+  void set_present(Member& member, bool present);
   std::vector<NodeIndex> listeners(uint32_t file) const;
   bool piece_ready(uint32_t piece);
   void announce(uint32_t piece, const std::vector<NodeIndex>& nodes);
@@ -96,8 +99,10 @@ class PushJob {
   void count_unfinished(Member& one);
   bool fits_ahead(uint32_t piece) const;
   void start_file(uint32_t file, const std::vector<NodeIndex>& nodes);
+  void make_active(uint32_t file, TransferId id);
+  void join(uint32_t file, NodeIndex node);
   void flush_relists();
-  void finish_if_ended();
+  void announce_to_fresh();
   void finish();
   void end_file(Member& one, uint32_t file, uint64_t status);
   void count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status, bool skipped);
@@ -121,11 +126,15 @@ class PushJob {
   std::unordered_map<std::string, uint32_t> by_name_;
   std::vector<Member> members_;  // by node index
   std::vector<bool> received_;   // by file: some node has received it
+  // Kept up to date, because with many nodes and files nobody can afford to count them anew.
+  std::vector<uint32_t> needed_;  // by file: present nodes that lack it
+  size_t unfinished_ = 0;         // present nodes that lack something
 
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again
   uint32_t ready_piece_ = kNoPiece;                  // found ready, until somebody's state changes
   std::unordered_map<uint32_t, TransferId> active_;  // by file
+  std::vector<uint32_t> active_in_;                  // files of active_, by piece
 
   struct Told {
     uint32_t piece = kNoPiece;
@@ -133,7 +142,8 @@ class PushJob {
   };
   std::unordered_map<uint32_t, Told> told_;                    // by sequence
   std::unordered_map<NodeIndex, std::set<uint32_t>> relists_;  // files to tell a node of again
-  std::set<uint32_t> deleted_;                      // files that this lead has had deleted since
+  std::vector<NodeIndex> fresh_;  // to be told of the pieces in transfer, together
+  std::set<uint32_t> deleted_;    // files that this lead has had deleted since
   std::unordered_map<uint64_t, uint32_t> retries_;  // (node, file) -> tried again so often
 };
 
