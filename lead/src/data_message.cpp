@@ -42,10 +42,10 @@ size_t build_info(std::span<uint8_t> out, uint32_t self, const Transfer& transfe
 }
 
 size_t build_miss_done(std::span<uint8_t> out, uint32_t self, const Transfer& transfer,
-                       std::span<uint32_t> nodes) {
+                       TransferId id, std::span<uint32_t> nodes) {
   using B = pkgdist_data_send_miss_done;
   B body{};
-  qidl::set<&B::file_id>(body, transfer.id);
+  qidl::set<&B::file_id>(body, id);
   qidl::set<&B::name>(body, const_cast<char*>(transfer.key.name.c_str()));
   if (!nodes.empty()) {
     body.node_list = nodes.data();

@@ -14,8 +14,9 @@ inline constexpr size_t kMaxListedNodes = 200;
 // Each returns the datagram's length, 0 when it does not fit. `nodes` are addresses, none for all.
 size_t build_info(std::span<uint8_t> out, uint32_t self, const Transfer& transfer,
                   uint32_t segment_size, std::span<uint32_t> nodes);
+// `id` is what nodes answer with; the transfer's own, or the number of a question of its own.
 size_t build_miss_done(std::span<uint8_t> out, uint32_t self, const Transfer& transfer,
-                       std::span<uint32_t> nodes);
+                       TransferId id, std::span<uint32_t> nodes);
 
 // Segment datagrams. All of them have the same layout: it is encoded once, then the three words
 // that differ are patched and the data is put behind.

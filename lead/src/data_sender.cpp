@@ -394,7 +394,10 @@ void DataSender::run(Time now) {
   pacer_.refill(now);
   adapt_rate(now);
   while (pacer_.ready())
-    if (!send_one(now)) return;
+    if (!send_one(now)) {
+      period_idle_ = true;
+      return;
+    }
 }
 
 Time DataSender::next_deadline(Time now) const {
@@ -405,26 +408,47 @@ Time DataSender::next_deadline(Time now) const {
 }
 
 void DataSender::adapt_rate(Time now) {
-  if (!rate_ || elapsed(now, period_started_) < RateControl::kPeriod) return;
-  // Fewer segments say nothing about the loss.
+  const Time passed = elapsed(now, period_started_);
+  if (!rate_ || passed < RateControl::kPeriod) return;
+  // Fewer segments say nothing about the loss; a slow stream has longer periods.
   constexpr uint64_t kMinSample = 200;
-  // A rate that was not nearly reached, for want of content or of processor time, was not tried.
-  constexpr double kReached = 0.8;
+  constexpr Time kMaxPeriod = 10 * RateControl::kPeriod;
+  if (period_segments_ < kMinSample && passed < kMaxPeriod) return;
   if (period_segments_ >= kMinSample) {
     uint32_t worst = 0;
     for (uint32_t requested : period_requested_) worst = std::max(worst, requested);
     const double loss = static_cast<double>(worst) / static_cast<double>(period_segments_);
-    const double seconds = static_cast<double>(elapsed(now, period_started_)) / kSecond;
-    const double achieved = static_cast<double>(period_bytes_) * 8 / seconds;
-    const bool reached = achieved >= kReached * static_cast<double>(pacer_.rate());
-    rate_->on_period({std::min(1.0, loss), period_delay_, reached});
+    const double sent =
+        static_cast<double>(period_bytes_) * 8 * kSecond / static_cast<double>(passed);
+    rate_->on_period({std::min(1.0, loss), period_delay_, !period_idle_, sent});
     pacer_.set_rate(rate_->rate_bits());
+    probe_queues(now);
   }
   period_started_ = now;
   period_segments_ = 0;
   period_requested_.assign(nodes_.size(), 0);
   period_delay_ = 0;
   period_bytes_ = 0;
+  period_idle_ = false;
+}
+
+// Asks some nodes of the file in the stream, others each time, how they stand with it.
+void DataSender::probe_queues(Time now) {
+  constexpr size_t kProbedNodes = 8;
+  const Transfer* transfer = nullptr;
+  for (auto& [priority, line] : streaming_)
+    if (transfer == nullptr) transfer = head(line);
+  if (transfer == nullptr || transfer->open == 0) return;
+  listed_.clear();
+  const auto count = static_cast<NodeIndex>(transfer->nodes.size());
+  for (NodeIndex i = 0; i < count && listed_.size() < kProbedNodes; ++i) {
+    const NodeIndex node = probed_++ % count;
+    if (transfer->nodes[node].state == TransferNode::State::kOpen)
+      listed_.push_back(nodes_[node].info.address);
+  }
+  const TransferId number = next_id();
+  send(build_miss_done(sink_.buffer(), self_.address, *transfer, number, listed_));
+  probe_.sent(number, now);
 }
 
 }  // namespace pkgdist::lead

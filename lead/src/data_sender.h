@@ -36,6 +36,7 @@
 #include "loss_meter.h"
 #include "pacer.h"
 #include "pkgdist_lead/lead.h"
+#include "queue_probe.h"
 #include "rate_control.h"
 
 namespace pkgdist::lead {
@@ -128,6 +129,7 @@ class DataSender {
   void close_if_ended(Transfer& transfer);
   void end_node(Transfer& transfer, NodeIndex node, uint64_t status);
   void adapt_rate(Time now);
+  void probe_queues(Time now);
 
   // file_cache part: content that is open
   int open_content(Transfer& transfer);
@@ -190,12 +192,16 @@ class DataSender {
   DelayMeter reaction_;             // of the nodes' file threads
   Time last_skip_ = 0;              // when a node last reported a file that it had already
 
+  QueueProbe probe_;
+  NodeIndex probed_ = 0;  // where the next question's nodes begin
+
   // The rate controller's present period.
   Time period_started_ = 0;
   uint64_t period_segments_ = 0;
   std::vector<uint32_t> period_requested_;  // by node
   Time period_delay_ = 0;
   uint64_t period_bytes_ = 0;
+  bool period_idle_ = false;  // there was nothing to send at some time
 };
 
 }  // namespace pkgdist::lead

@@ -35,7 +35,7 @@ constexpr uint32_t kRoundsToWholeFile = 16;
 constexpr uint32_t kMaxRepeats = 4;
 // Unless the file is soon sent, or most of them are lacking somewhere, they are this part of it at
 // most, all times together.
-constexpr uint32_t kLittlePart = 8;
+constexpr uint32_t kLittlePart = 64;
 constexpr double kMostLacking = 0.5;
 // Times that the whole file is sent to save nodes a wait, before they have to ask themselves.
 constexpr uint32_t kMaxWholes = 5;
@@ -257,7 +257,7 @@ void DataSender::send_miss_done(Transfer& transfer, Time now) {
   }
   transfer.answers = 0;
   const std::span<uint32_t> nodes = open_nodes(transfer);
-  send(build_miss_done(sink_.buffer(), self_.address, transfer, nodes));
+  send(build_miss_done(sink_.buffer(), self_.address, transfer, transfer.id, nodes));
   transfer.asked_at = now;
   ++counters_.miss_done_sent;
 }
@@ -351,6 +351,10 @@ void DataSender::on_stale_report(Transfer& transfer, NodeIndex node, Time now) {
 }
 
 void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
+  if (const Time delay = probe_.answered(report.file_id, now); delay != 0) {
+    period_delay_ = std::max(period_delay_, delay);
+    return;
+  }
   Transfer* transfer = at(report.file_id);
   const bool exact = transfer != nullptr && transfer->key.name == report.name &&
                      transfer->key.location == report.location;

@@ -8,52 +8,95 @@ constexpr double kStartBits = 400e6;  // below what a gigabit link and one proce
 constexpr double kMinBits = 20e6;
 constexpr double kDefaultMaxBits = 8e9;
 
-constexpr double kStartGain = 1.25;
-constexpr double kGain = 1.04;
-constexpr double kCut = 0.75;
+constexpr double kSteepGain = 1.25;
+constexpr double kGain = 1.03;
+constexpr double kSlowGain = 1.004;
+constexpr double kNearCeiling = 0.92;
+// What was reached so nearly counts as tried; what is farther off is drawn near.
+constexpr double kReached = 0.8;
 
 // A trial: the first periods still see requests for what was sent before the cut.
-constexpr int kTrialPeriods = 4;
-constexpr int kTrialCounted = 2;
+constexpr double kLossCut = 0.75;
+constexpr int kTrialPeriods = 5;
+constexpr int kTrialCounted = 3;
 // A cut that leaves more than this share of the loss did not cure it.
 constexpr double kUncured = 0.7;
 
-// Loss above what is granted that is still taken for chance: a share of it and a fixed part.
+// Loss above what is granted that is still taken for chance: a share of it and a fixed part. A
+// single period shows more by chance than their mean does.
 constexpr double kChanceShare = 0.4;
 constexpr double kChanceLoss = 0.03;
+constexpr double kChanceOnce = 0.1;
+constexpr double kSmoothing = 0.25;
 // What is granted follows better links quickly.
-constexpr double kForget = 0.1;
+constexpr double kForget = 0.05;
 
-// A file thread that answers later than this has a queue in front of it.
-constexpr Time kCongestedDelay = 60 * kMillisecond;
-constexpr Time kRelaxedDelay = 30 * kMillisecond;
+// A file thread that answers later than this has a queue in front of it; once may be the node's
+// scheduler.
+constexpr double kDelayCut = 0.85;
+constexpr int kDrainPeriods = 2;
+constexpr int kLateInARow = 2;
+constexpr Time kCongestedDelay = 8 * kMillisecond;
+constexpr Time kHopelessDelay = 30 * kMillisecond;
+constexpr Time kRelaxedDelay = 4 * kMillisecond;
 
 }  // namespace
 
 RateControl::RateControl(uint64_t max_bits)
     : max_(max_bits != 0 ? static_cast<double>(max_bits) : kDefaultMaxBits),
-      rate_(std::min(kStartBits, max_)) {}
+      rate_(std::min(kStartBits, max_)),
+      proven_(rate_),
+      ceiling_(max_) {}
 
-void RateControl::cut(double loss, bool for_loss) {
+void RateControl::follow(const Period& period) {
+  if (!period.limited || period.sent_bits == 0) return;
+  rate_ = std::clamp(period.sent_bits / kReached, std::min(kMinBits, rate_), rate_);
+}
+
+bool RateControl::congested(const Period& period) {
+  late_ = period.delay > kCongestedDelay ? late_ + 1 : 0;
+  return late_ >= kLateInARow || period.delay > kHopelessDelay;
+}
+
+bool RateControl::lossy(const Period& period) const {
+  const double chance = granted_ * (1 + kChanceShare) + kChanceLoss;
+  return loss_ > chance || period.loss > chance + kChanceOnce;
+}
+
+void RateControl::cut_for_delay() {
   starting_ = false;
-  cut_for_loss_ = for_loss;
-  loss_before_ = loss;
+  late_ = 0;
+  pause_ = kDrainPeriods;
+  ceiling_ = rate_;
+  proven_ = rate_ = std::max(kMinBits, rate_ * kDelayCut);
+}
+
+void RateControl::cut_for_loss() {
+  starting_before_ = starting_;
+  starting_ = false;
+  loss_before_ = loss_;
   rate_before_ = rate_;
-  rate_ = std::max(kMinBits, rate_ * kCut);
+  ceiling_before_ = ceiling_;
+  ceiling_ = rate_;
+  proven_ = rate_ = std::max(kMinBits, rate_ * kLossCut);
   trial_periods_ = kTrialPeriods;
   trial_loss_ = 0;
   trial_counted_ = 0;
 }
 
 void RateControl::judge_cut() {
-  const double loss = trial_loss_ / trial_counted_;
-  if (!cut_for_loss_ || loss < loss_before_ * kUncured) return;
-  granted_ = std::max(granted_, loss);
-  rate_ = rate_before_;
+  loss_ = trial_loss_ / trial_counted_;
+  if (loss_ < loss_before_ * kUncured) return;
+  granted_ = std::max(granted_, loss_);
+  proven_ = rate_ = rate_before_;
+  ceiling_ = ceiling_before_;
+  starting_ = starting_before_;
 }
 
 void RateControl::on_period(const Period& period) {
-  if (period.loss < granted_) granted_ += (period.loss - granted_) * kForget;
+  loss_ += (period.loss - loss_) * kSmoothing;
+  if (loss_ < granted_) granted_ += (loss_ - granted_) * kForget;
+  follow(period);
   if (trial_periods_ > 0) {
     if (trial_periods_-- <= kTrialCounted) {
       trial_loss_ += period.loss;
@@ -62,10 +105,22 @@ void RateControl::on_period(const Period& period) {
     if (trial_periods_ == 0) judge_cut();
     return;
   }
-  if (period.delay > kCongestedDelay) return cut(period.loss, false);
-  if (period.loss > granted_ * (1 + kChanceShare) + kChanceLoss) return cut(period.loss, true);
-  if (!period.limited || period.delay > kRelaxedDelay) return;
-  rate_ = std::min(max_, rate_ * (starting_ ? kStartGain : kGain));
+  if (pause_ > 0) {
+    --pause_;
+    return;
+  }
+  if (congested(period)) return cut_for_delay();
+  if (lossy(period)) return cut_for_loss();
+  rise(period);
+}
+
+void RateControl::rise(const Period& period) {
+  const bool tried = period.sent_bits == 0 || period.sent_bits >= rate_ * kReached;
+  if (!period.limited || !tried || period.delay > kRelaxedDelay) return;
+  proven_ = std::max(proven_, std::max(period.sent_bits, rate_ * kReached));
+  const bool steep = starting_ || rate_ < proven_;
+  const bool near = rate_ > kNearCeiling * ceiling_;
+  rate_ = std::min(max_, rate_ * (near ? kSlowGain : steep ? kSteepGain : kGain));
 }
 
 }  // namespace pkgdist::lead

@@ -1,10 +1,15 @@
 // The adaptive rate of the data stream.
 //
 // The rate rises while nothing speaks against it: steeply until the first congestion, gently
-// afterwards. Growing loss or a growing delay between a question to a node's file thread and its
-// answer lower it. Loss that a lower rate does not cure is a property of the link: then the former
-// rate is restored and that loss is taken for granted from there on, so that random loss, however
-// high, does not make the rate collapse.
+// afterwards, and slowly from near where the last congestion began. Two things lower it. Nodes that
+// answer late have a queue in front of them; that shows before anything is lost. Growing loss is
+// the other, since some queues are too short to be felt. Loss that a lower rate does not cure is a
+// property of the link: then the former rate is restored and that loss is taken for granted from
+// there on, so that random loss, however high, does not make the rate collapse.
+//
+// A rate that the lead itself cannot reach is drawn near to what it does reach: otherwise the
+// stream would jump to it, untried, as soon as the processor has time again. Up to what has been
+// reached before it rises steeply.
 #pragma once
 
 #include "pkgdist_lead/time.h"
@@ -16,10 +21,11 @@ class RateControl {
   // What was seen in one period.
   struct Period {
     double loss = 0;       // of the node that lost most, share of what was sent
-    Time delay = 0;        // longest time a node took to answer, 0 when nothing was asked
-    bool limited = false;  // the rate, not the content, was what limited the stream
+    Time delay = 0;        // longest time a node took to answer, 0 when no answer came
+    bool limited = false;  // there was always something to send
+    double sent_bits = 0;  // per second, what really left; 0 when that is not known
   };
-  static constexpr Time kPeriod = 50 * kMillisecond;
+  static constexpr Time kPeriod = 20 * kMillisecond;
 
   explicit RateControl(uint64_t max_bits);
 
@@ -27,19 +33,30 @@ class RateControl {
   void on_period(const Period& period);
 
  private:
-  void cut(double loss, bool for_loss);
+  void follow(const Period& period);
+  bool congested(const Period& period);
+  bool lossy(const Period& period) const;
+  void cut_for_delay();
+  void cut_for_loss();
   void judge_cut();
+  void rise(const Period& period);
 
   double max_;
   double rate_;
+  double loss_ = 0;     // smoothed
   double granted_ = 0;  // loss that is taken for granted
+  double proven_;       // the highest rate since the last cut that nothing spoke against
+  double ceiling_;      // where congestion began last
   bool starting_ = true;
+  int late_ = 0;   // periods in a row with late answers
+  int pause_ = 0;  // periods in which the queues run empty after a cut
 
-  // The trial after a cut.
+  // The trial after a cut for loss.
   int trial_periods_ = 0;  // left, 0: no trial
-  bool cut_for_loss_ = false;
   double loss_before_ = 0;
   double rate_before_ = 0;
+  double ceiling_before_ = 0;
+  bool starting_before_ = false;
   double trial_loss_ = 0;  // sum over the periods that count
   int trial_counted_ = 0;
 };

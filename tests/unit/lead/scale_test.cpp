@@ -222,7 +222,7 @@ TEST_P(LargeFile, costs_little_more_than_the_losses_make_necessary) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Nodes, LargeFile,
-                         testing::Values(Bound{1, 1.15, 7}, Bound{10, 1.15, 14},
+                         testing::Values(Bound{1, 1.15, 8}, Bound{10, 1.15, 14},
                                          Bound{100, 1.1, 14}));
 
 class SmallFiles : public testing::TestWithParam<Bound> {};
