@@ -83,6 +83,8 @@ PkgdistStatus open_traces(uint64_t configuration) {
       qtrace_enable_configuration(G_pkgdist_qtrace_err_hdl, configuration) != 0 ||
       qtrace_enable_configuration(G_pkgdist_qtrace_lib_hdl, configuration) != 0)
     return PKGDIST_ERR_SYSTEM;
+  log::describe(G_pkgdist_qtrace_err_hdl);
+  log::describe(G_pkgdist_qtrace_lib_hdl);
   return 0;
 }
 

@@ -9,6 +9,12 @@
 #include "pkgdist_export.h"
 #include "platform/quendrel.h"
 
+#if __has_include("platform/qtrace_catalogue.h")
+#include "platform/qtrace_catalogue.h"
+#pragma weak qtrace_describe  // not every platform has it
+#define PKGDIST_HAS_DESCRIBE
+#endif
+
 extern "C" {
 PKGDIST_EXPORT qtrace_handle_t G_pkgdist_qtrace_err_hdl = 0;
 PKGDIST_EXPORT qtrace_handle_t G_pkgdist_qtrace_lib_hdl = 0;
@@ -87,10 +93,27 @@ const char* catalogue_id() {
   uint64_t places = 0x84222325cbf29ce4;
   for (const TracePoint& point : catalogue()) {
     formats = fold(fold(formats, point.format), point.signature);
-    places = fold(places, point.function);
+    places = fold(fold(places, point.function), point.file) + static_cast<uint64_t>(point.line);
   }
   (void)std::snprintf(digits, sizeof digits, "%016lx%016lx", formats, places);
   return digits;
+}
+
+void describe([[maybe_unused]] qtrace_handle_t trace) {
+#ifdef PKGDIST_HAS_DESCRIBE
+  if (qtrace_describe == nullptr) return;
+  qtrace_point points[kTracePointLimit];
+  uint32_t count = 0;
+  for (const TracePoint& point : catalogue())
+    points[count++] = {point.file,
+                       point.function,
+                       point.format,
+                       point.signature,
+                       point.line,
+                       point.threshold,
+                       static_cast<int>(point.ring)};
+  (void)qtrace_describe(trace, points, count);
+#endif
 }
 
 void copy_to_stderr(const TracePoint& point, const char* format, ...) {

@@ -65,6 +65,10 @@ uint32_t number_of(const TracePoint& point);
 // 32 hexadecimal digits that are the same for two builds only if their catalogues are.
 const char* catalogue_id();
 
+// Gives the catalogue to readers of the ring, where the platform keeps it for them. A catalogue
+// that could not be kept costs them the texts, and the process nothing.
+void describe(qtrace_handle_t trace);
+
 // 's' for a string, 'd' for up to 32 bits, 'D' for 64 bits.
 template <class Argument>
 constexpr char letter() {

@@ -11,6 +11,7 @@
 #include "platform/qtrace.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,7 +24,9 @@
 
 #include "environment.h"
 #include "platform/fts.h"
+#include "platform/qtrace_catalogue.h"
 #include "platform/quendrel.h"
+#include "trace_catalogue.h"
 #include "trace_file.h"
 #include "trace_payload.h"
 #include "trace_ring.h"
@@ -123,6 +126,30 @@ int add_ring(const char* name, uint32_t records, uint32_t points, const char* pa
   return 0;
 }
 
+// A ring of this process with this catalogue that has been described.
+const platform::TraceRing* find_described(const char* catalogue_id) {
+  const uint32_t count = g_ring_count.load(std::memory_order_relaxed);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (g_rings[i].owner != getpid()) continue;
+    const qtrace_layout_ring& entry = g_rings[i].ring.entry();
+    if (entry.catalogue_size != 0 && std::strcmp(entry.catalogue_id, catalogue_id) == 0)
+      return &g_rings[i].ring;
+  }
+  return nullptr;
+}
+
+int add_catalogue(const platform::TraceRing& ring, const platform::TraceCatalogue& catalogue) {
+  const uint64_t size = catalogue.size();
+  uint64_t offset = 0;
+  void* bytes = nullptr;
+  const int error = g_file.add_catalogue(size, &offset, &bytes);
+  if (error != 0) return error;
+  catalogue.write(bytes, ring.entry().catalogue_id);
+  munmap(bytes, size);
+  ring.show_catalogue(offset, size);
+  return 0;
+}
+
 const platform::TraceRing* ring_of(qtrace_handle_t trace) {
   if (trace == 0 || trace > g_ring_count.load(std::memory_order_acquire)) return nullptr;
   return &g_rings[trace - 1].ring;
@@ -147,6 +174,21 @@ int qtrace_open_internal(const char* name, uint32_t records, uint32_t points, co
   const qtrace_handle_t known = find_own(name);
   if (known == 0) return add_ring(name, records, points, path, catalogue_id, out);
   *out = known;
+  return 0;
+}
+
+int qtrace_describe(qtrace_handle_t trace, const qtrace_point* points, uint32_t count) {
+  if (points == nullptr || count == 0) return EINVAL;
+  const platform::TraceCatalogue catalogue(points, count);
+  if (!catalogue.is_complete()) return EINVAL;
+  const std::scoped_lock guard(g_lock);
+  const platform::TraceRing* ring = ring_of(trace);
+  if (ring == nullptr || g_rings[trace - 1].owner != getpid()) return EINVAL;
+  if (count > ring->entry().points) return EINVAL;
+  const platform::TraceRing* described = find_described(ring->entry().catalogue_id);
+  if (described == nullptr) return add_catalogue(*ring, catalogue);
+  if (described == ring || ring->entry().catalogue_size != 0) return 0;
+  ring->show_catalogue(described->entry().catalogue_offset, described->entry().catalogue_size);
   return 0;
 }
 

@@ -1,7 +1,8 @@
-// The trace file of this process: a header with the directory of rings, then one area per ring.
+// The trace file of this process: a header with the directory of rings, then areas.
 //
-// Rule: areas are added at the end and never move; a ring is complete before `ring_count` makes it
-// visible. The file is sparse; the header has its space from the start, a ring takes space as its
+// Rule: areas are added at the end and never move, one for each ring and one for each catalogue. A
+// ring is complete before `ring_count` makes it visible, a catalogue before its ring names its
+// size. The file is sparse; the header has its space from the start, a ring takes space as its
 // records are written.
 //
 // Threads: the caller's lock serialises all calls.
@@ -70,8 +71,17 @@ class TraceFile {
     return 0;
   }
 
+  // Adds an area for a catalogue and maps it until the caller unmaps it. 0 or an error number.
+  int add_catalogue(uint64_t size, uint64_t* offset, void** bytes) noexcept {
+    const int error = add_area(fd_, end_, size, size, bytes);
+    if (error != 0) return error;
+    *offset = end_;
+    advance(size);
+    return 0;
+  }
+
   void publish_ring(uint64_t size) noexcept {
-    end_ += (size + kAreaAlignment - 1) / kAreaAlignment * kAreaAlignment;
+    advance(size);
     std::atomic_ref<uint32_t>(header_->ring_count).fetch_add(1, std::memory_order_release);
   }
 
@@ -84,6 +94,10 @@ class TraceFile {
     if (ftruncate(fd, static_cast<off_t>(offset + size)) != 0) return errno;
     const int error = space == 0 ? 0 : take_space(fd, offset, space);
     return error != 0 ? error : map_shared(fd, offset, size, out);
+  }
+
+  void advance(uint64_t size) noexcept {
+    end_ += (size + kAreaAlignment - 1) / kAreaAlignment * kAreaAlignment;
   }
 
   void adopt(pid_t pid, int fd, qtrace_layout_header* header) noexcept {

@@ -48,6 +48,12 @@ class TraceRing {
         .store(configuration, std::memory_order_relaxed);
   }
 
+  // For readers; the bytes are there already.
+  void show_catalogue(uint64_t offset, uint64_t size) const noexcept {
+    entry_->catalogue_offset = offset;
+    std::atomic_ref<uint64_t>(entry_->catalogue_size).store(size, std::memory_order_release);
+  }
+
   bool is_on() const noexcept {
     return (std::atomic_ref<uint64_t>(entry_->configuration).load(std::memory_order_relaxed) &
             kSwitchedOff) == 0;

@@ -18,6 +18,14 @@
  * overwritten. Load `commit` with acquire order, copy the record, then, behind an acquire fence,
  * load `commit` again and compare.
  *
+ * The catalogue of a ring says what its points are. It stands at the ring's `catalogue_offset` once
+ * `catalogue_size` is not 0 (load it with acquire order): a structure qtrace_layout_catalogue,
+ * whose `id` is that of the ring, then for each point, from number 0 on, a structure
+ * qtrace_layout_point with four texts behind it: file, function, format and signature, each ended
+ * by a zero. The next point stands `size` bytes behind the beginning of this one. Rings may share a
+ * catalogue. A ring has none when its owner described no points (qtrace_catalogue.h) or the space
+ * for it was lacking.
+ *
  * Arguments stand in `payload` one after another, unaligned, each with its letter in front:
  *   's', a 16-bit length, then that many bytes of text without a terminating zero;
  *   'd', a 32-bit value;
@@ -32,7 +40,7 @@
 
 #define QTRACE_LAYOUT_FILE_PREFIX "pkgdist-trace." /* then the pid in decimal */
 #define QTRACE_LAYOUT_MAGIC UINT64_C(0x4341525444474b50)
-#define QTRACE_LAYOUT_VERSION 1u
+#define QTRACE_LAYOUT_VERSION 2u
 #define QTRACE_LAYOUT_BUSY UINT64_C(0x8000000000000000) /* in a commit word: being written */
 
 enum {
@@ -70,6 +78,21 @@ struct qtrace_layout_ring {
   uint64_t configuration; /* as last set */
   uint64_t next;          /* number of the next record */
   uint64_t lost;          /* records left out: no space in the file system, or the slot was busy */
+  uint64_t catalogue_offset;
+  uint64_t catalogue_size; /* stored last; 0: no catalogue */
+};
+
+struct qtrace_layout_catalogue {
+  char id[QTRACE_LAYOUT_CATALOGUE_SIZE];
+  uint32_t points;
+  uint32_t unused;
+};
+
+struct qtrace_layout_point {
+  uint32_t size; /* with the texts, a multiple of 4 */
+  int32_t line;
+  int32_t first; /* the two integers that its records carry */
+  int32_t second;
 };
 
 struct qtrace_layout_record {

@@ -24,6 +24,7 @@
 #include "platform/levm.h"
 #include "platform/nodeid.h"
 #include "platform/qtrace.h"
+#include "platform/qtrace_catalogue.h"
 #include "platform/ship.h"
 #include "platform/ship_layout.h"
 #include "temp_dir.h"
@@ -295,6 +296,8 @@ TEST_F(PlatformFailures, of_traces) {
           run.step("qtrace_open_internal", [&] {
             return qtrace_open_internal(name, 10, 5, "path", "catalogue", 0, &trace);
           });
+        const qtrace_point point{"a.cpp", "f", "%d", "d", 1, 2, 3};
+        run.step("qtrace_describe", [&] { return qtrace_describe(trace, &point, 1); });
         // A record is left out, and counted, when there is no space for it.
         uint64_t lost = 0;
         const auto record = [&] {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/fts.h"
+#include "platform/qtrace_catalogue.h"
 #include "temp_dir.h"
 #include "trace_reader.h"
 
@@ -81,6 +82,68 @@ TEST_F(Qtrace, a_record_reads_back_whole) {
   EXPECT_EQ(0u, record->flags);
   EXPECT_EQ((Texts{"s:name", "d:5", "D:1099511627776", "s:"}), arguments_of(*record));
   EXPECT_FALSE(trace.record(*ring, 1)) << "never written";
+}
+
+// What the catalogue says of a point: "file:line function format signature first second".
+Texts points_of(const TraceReader& trace, const qtrace_layout_ring& ring) {
+  Texts texts;
+  const auto& header = *trace.file().at<qtrace_layout_catalogue>(ring.catalogue_offset);
+  EXPECT_STREQ(ring.catalogue_id, header.id);
+  uint64_t at = ring.catalogue_offset + sizeof header;
+  for (uint32_t i = 0; i < header.points; ++i) {
+    const auto& point = *trace.file().at<qtrace_layout_point>(at);
+    const char* file = trace.file().at<char>(at + sizeof point);
+    const char* function = file + strlen(file) + 1;
+    const char* format = function + strlen(function) + 1;
+    const char* signature = format + strlen(format) + 1;
+    texts.push_back(std::string(file) + ":" + std::to_string(point.line) + " " + function + " " +
+                    format + " " + signature + " " + std::to_string(point.first) + " " +
+                    std::to_string(point.second));
+    at += point.size;
+  }
+  EXPECT_EQ(ring.catalogue_offset + ring.catalogue_size, at);
+  return texts;
+}
+
+TEST_F(Qtrace, a_described_ring_has_its_catalogue_in_the_file) {
+  qtrace_handle_t handle = 0;
+  ASSERT_EQ(0, qtrace_open_internal("catalogued", 4, 2, "tree/lib", "cata", 0, &handle));
+  EXPECT_EQ(0u, reader().ring("catalogued")->catalogue_size);
+  const qtrace_point points[] = {{"a.cpp", "f", "text %d\n", "d", 7, 1, 0},
+                                 {"long name.cpp", "g", "", "", 8, 2, 1}};
+  ASSERT_EQ(0, qtrace_describe(handle, points, 2));
+  const TraceReader trace = reader();
+  EXPECT_EQ((Texts{"a.cpp:7 f text %d\n d 1 0", "long name.cpp:8 g   2 1"}),
+            points_of(trace, *trace.ring("catalogued")));
+}
+
+TEST_F(Qtrace, rings_of_one_catalogue_share_it_and_others_do_not) {
+  qtrace_handle_t one = 0, two = 0, other = 0;
+  ASSERT_EQ(0, qtrace_open_internal("share 1", 4, 2, "tree/lib", "shared", 0, &one));
+  ASSERT_EQ(0, qtrace_open_internal("share 2", 4, 2, "tree/lib", "shared", 0, &two));
+  ASSERT_EQ(0, qtrace_open_internal("share 3", 4, 2, "tree/lib", "not shared", 0, &other));
+  const qtrace_point point{"a.cpp", "f", "text", "", 7, 1, 0};
+  for (const qtrace_handle_t handle : {one, two, other, one})
+    EXPECT_EQ(0, qtrace_describe(handle, &point, 1));
+  const TraceReader trace = reader();
+  EXPECT_EQ(trace.ring("share 1")->catalogue_offset, trace.ring("share 2")->catalogue_offset);
+  EXPECT_EQ(trace.ring("share 1")->catalogue_size, trace.ring("share 2")->catalogue_size);
+  EXPECT_NE(trace.ring("share 1")->catalogue_offset, trace.ring("share 3")->catalogue_offset);
+  EXPECT_EQ(1u, points_of(trace, *trace.ring("share 3")).size());
+}
+
+TEST_F(Qtrace, describing_reports_misuse) {
+  qtrace_handle_t handle = 0;
+  ASSERT_EQ(0, qtrace_open_internal("misused", 4, 1, "tree/lib", "misused", 0, &handle));
+  const qtrace_point good[] = {{"a", "f", "t", "", 7, 1, 0}, {"a", "f", "t", "", 8, 1, 0}};
+  const qtrace_point bad{"a", "f", nullptr, "", 7, 1, 0};
+  EXPECT_EQ(EINVAL, qtrace_describe(handle, nullptr, 1));
+  EXPECT_EQ(EINVAL, qtrace_describe(handle, good, 0));
+  EXPECT_EQ(EINVAL, qtrace_describe(handle, good, 2)) << "more than the ring has";
+  EXPECT_EQ(EINVAL, qtrace_describe(handle, &bad, 1));
+  EXPECT_EQ(EINVAL, qtrace_describe(0, good, 1));
+  EXPECT_EQ(EINVAL, qtrace_describe(handle + 1, good, 1));
+  EXPECT_EQ(0u, reader().ring("misused")->catalogue_size);
 }
 
 TEST_F(Qtrace, null_strings_are_recorded_as_text) {
