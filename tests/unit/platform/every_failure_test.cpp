@@ -284,7 +284,8 @@ TEST_F(PlatformFailures, of_traces) {
   const std::vector<Absorbed> absorbed = {
       {Call::kAtexit, "the file stays behind, as after a crash"},
       {Call::kAtfork, "records of a later child carry its parent's thread number"},
-      {Call::kClockGettime, "the record says that it was made at 0"}};
+      {Call::kClockGettime, "the record says that it was made at 0"},
+      {Call::kMunmap, "the bytes of the catalogue stay mapped"}};
   sweep(
       {Call::kCalloc, Call::kOpen, Call::kUnlink, Call::kFtruncate, Call::kFallocate, Call::kMmap},
       absorbed, [&](FaultyRun& run) {
