@@ -19,6 +19,9 @@ constexpr double kAnnounceAheadSeconds = 0.3;
 constexpr size_t kMaxActiveFiles = 2048;
 // How long the files of a piece wait for nodes that do not acknowledge its list.
 constexpr Time kListWait = 2 * kSecond;
+// How long nodes that ask for files of a push that gathers its nodes are left to wait for it. They
+// ask again within seconds, and give up after 21.
+constexpr Time kRequestHold = 2 * kSecond;
 // A node on which a file failed for a passing reason gets it again so many times.
 constexpr uint32_t kMaxRetries = 2;
 
@@ -314,11 +317,24 @@ void PushJob::feed() {
     if (!announced && !fits_ahead(piece) && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
     if (!piece_ready(piece)) return;
     const std::vector<NodeIndex> nodes = listeners(cursor_);
-    const FileKey key{request_.location, request_.files[cursor_].name};
     // Left out, a file comes again: when a node acknowledges, or when the other transfer ends.
-    if (!nodes.empty() && data_.find(key) == kNoTransfer) start_file(cursor_, nodes);
+    const TransferId other = data_.find({request_.location, request_.files[cursor_].name});
+    if (!nodes.empty() && other == kNoTransfer) start_file(cursor_, nodes);
+    if (!nodes.empty() && other != kNoTransfer) take_over(cursor_, other, nodes);
     ++cursor_;
   }
+}
+
+// Nodes have asked for the file by themselves, because an earlier push was interrupted. On a node
+// that has heard of this push the file ends for both at once, so one transfer does. It is too late
+// when a node may have ended the file before it heard: its report would not be about this push.
+void PushJob::take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes) {
+  const Transfer& transfer = *data_.get(id);
+  const bool may_have_ended = !transfer.first_turn || transfer.turn.done() >= transfer.segments;
+  if (transfer.status != 0 || may_have_ended) return;
+  data_.hand_over(id, file);
+  make_active(file, id);
+  for (const NodeIndex node : nodes) join(file, node);
 }
 
 // Few and small enough to be announced long before their turn: nodes that know of a file get it
@@ -334,9 +350,11 @@ bool PushJob::fits_ahead(uint32_t piece) const {
 bool PushJob::start_requested(const FileKey& key, NodeIndex node, Time now) {
   now_ = now;
   const auto found = by_name_.find(key.name);
+  if (key.location != request_.location || found == by_name_.end()) return false;
+  if (phase_ == Phase::kGathering)
+    return wanted(nodes_[node].info.address) && elapsed(now, summary_.started_at) < kRequestHold;
   const Member* asking = member(node);
-  if (phase_ != Phase::kRunning || key.location != request_.location || asking == nullptr ||
-      found == by_name_.end() || !needs(*asking, found->second))
+  if (phase_ != Phase::kRunning || asking == nullptr || !needs(*asking, found->second))
     return false;
   std::vector<NodeIndex> nodes = listeners(found->second);
   if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) nodes.push_back(node);

@@ -53,7 +53,8 @@ class PushJob {
   void on_other_closed() { go_round_ = true; }
 
   // A node asked for a file that has no transfer. True when it is one of this push that the node
-  // still lacks; it is then started out of turn.
+  // still lacks; it is then started out of turn, or will come soon when the push is about to begin:
+  // sent at once it would be sent twice, since the node will be told of it again.
   bool start_requested(const FileKey& key, NodeIndex node, Time now);
 
  private:
@@ -101,6 +102,7 @@ class PushJob {
   void start_file(uint32_t file, const std::vector<NodeIndex>& nodes);
   void make_active(uint32_t file, TransferId id);
   void join(uint32_t file, NodeIndex node);
+  void take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes);
   void flush_relists();
   void announce_to_fresh();
   void finish();

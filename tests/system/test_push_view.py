@@ -80,7 +80,7 @@ class PushView(SystemTest):
                          r"[\d.]+ [kM]B on the data channel$"):
             self.assertRegex(result.stdout, re.compile(expected, re.MULTILINE))
 
-    def test_an_interrupted_push_tells_what_is_left_and_the_next_one_brings_it(self):
+    def test_an_interrupted_push_tells_what_is_left_and_the_next_one_sends_only_that(self):
         tree.small(self.content, small_files=40)
         last, size = "~ the last of all", 20_000_000
         tree.add(self.content, last, size)
@@ -101,8 +101,16 @@ class PushView(SystemTest):
             self.assertIn(last, node["open"])
             self.assertEqual(node["files"] + node["files_left"], len(names))
             self.assertGreaterEqual(node["bytes_left"], size)
-        self.push()
+
+        again = self.push()
         self.assert_received()
+        files = {name for name, entry in names.items() if entry[0] == "file"}
+        before = {node["node"]: files - set(node["open"]) for node in end["nodes"]}
+        for node in summary(again)["nodes"]:
+            self.assertGreaterEqual(node["present"], len(before[node["node"]]))
+        rest = max(node["bytes_left"] for node in end["nodes"])
+        counters = next(e for e in again.events if e["event"] == "counters")
+        self.assertLess(counters["data_bytes_sent"], 1.1 * rest + 200_000)
 
     def test_an_interrupted_push_tells_people_how_to_go_on(self):
         tree.add(self.content, "one", 1_500_000)

@@ -325,6 +325,80 @@ TEST(Push, a_stopped_push_is_completed_by_the_next) {
   EXPECT_TRUE(cluster.identical());
 }
 
+// A push of 20 small files and a large one, that ends in the middle of the large one; then a lead
+// that has just begun, whom the nodes ask for what they lack.
+void interrupt_push(LeadCluster& cluster, const lead::Settings& settings) {
+  for (int i = 0; i < 20; ++i)
+    cluster.store.add("a/" + std::to_string(i), pattern(3000, static_cast<uint64_t>(i)));
+  cluster.store.add("large", pattern(2000 * kSegment, 99));
+  cluster.store.add("later", pattern(10 * kSegment, 98));
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  ASSERT_TRUE(cluster.run_until([&] { return cluster.lead().counters().segments_sent > 1000; },
+                                10 * kSecond));
+  cluster.stop_lead();
+  cluster.run_for(kSecond);
+  cluster.restart_lead(settings);
+}
+
+lead::Settings next_lead() {
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.pid = kLeadPid + 1;
+  settings.seed = 2;
+  return settings;
+}
+
+TEST(Push, what_an_interrupted_push_had_begun_is_sent_once_by_the_next_lead) {
+  LeadCluster cluster;
+  cluster.add_hosts(3);
+  interrupt_push(cluster, next_lead());
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_TRUE(report.complete());
+  for (const lead::PushNodeReport& node : report.nodes) {
+    EXPECT_EQ(node.files_skipped, 20u);
+    EXPECT_EQ(node.bytes_done - node.bytes_skipped, 2010 * kSegment);
+  }
+  EXPECT_EQ(cluster.lead().counters().segments_sent, 2010u);
+  EXPECT_EQ(cluster.seen().requested, 0u);
+}
+
+// While the push waits for a node that is late, the others get what they ask for; when it begins
+// they have a part of it, and it need not begin again.
+TEST(Push, what_nodes_are_being_sent_when_the_push_begins_is_not_sent_again) {
+  LeadCluster cluster;
+  cluster.add_hosts(3);
+  lead::Settings settings = next_lead();
+  settings.rate_bits = 20'000'000;
+  interrupt_push(cluster, settings);
+  cluster.stop_node(2);
+  cluster.host(2).disk = cluster.store.files();
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  ASSERT_TRUE(cluster.run_until([&] { return cluster.lead().counters().segments_sent > 500; },
+                                10 * kSecond));
+  EXPECT_GT(cluster.seen().requested, 0u);
+  EXPECT_FALSE(cluster.lead().push_report().started);
+  cluster.start_node(2);
+  ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
+  EXPECT_TRUE(cluster.identical());
+  EXPECT_TRUE(cluster.lead().push_report().complete());
+  EXPECT_EQ(cluster.seen().request_ended, 0u) << "it became the push's";
+  EXPECT_LT(cluster.lead().counters().segments_sent, 2100u);
+}
+
+TEST(Push, a_node_that_is_not_of_the_push_is_served_while_the_push_gathers) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(10'000, 1));
+  cluster.add_hosts(1);
+  lead::PushRequest request = cluster.push_all();
+  request.nodes = {kLeadAddress + 77};
+  ASSERT_EQ(cluster.lead().start_push(request, cluster.now()), nullptr);
+  cluster.run_for(100 * kMillisecond);
+  cluster.node(0).get_file("file", 1, 1, 2, cluster.now());
+  cluster.run_for(500 * kMillisecond);
+  EXPECT_TRUE(cluster.identical());
+}
+
 TEST(Push, arguments_out_of_range_are_refused) {
   LeadCluster cluster;
   cluster.store.add("file", {});
