@@ -34,5 +34,6 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME pkgdist-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The programs.\n\
- The lead, which multicasts files and messages, and a node that receives them.")
+ The lead, which multicasts files and messages, a node that receives them, and two programs that show\n\
+ what receiving processes have counted and logged.")
 include(CPack)

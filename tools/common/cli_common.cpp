@@ -85,6 +85,17 @@ Endpoint parse_group(const std::string& text) {
   return group;
 }
 
+Endpoint parse_endpoint(const std::string& text) {
+  constexpr uint32_t kLoopback = 0x7F000001;
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos) return {kLoopback, parse_port(text)};
+  return {parse_address(text.substr(0, colon)), parse_port(text.substr(colon + 1))};
+}
+
+std::string version() {
+  return PKGDIST_VERSION;
+}
+
 Location parse_location(const std::string& text) {
   Location location;
   const size_t equals = text.find('=');
@@ -127,7 +138,7 @@ void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
       ->allow_extra_args(false);
   app.add_flag("--json", options.json, "one JSON object per event instead of lines for people");
   app.add_flag("-v", options.verbosity, "tell more (repeatable)");
-  app.set_version_flag("--version", std::string(PKGDIST_VERSION));
+  app.set_version_flag("--version", version());
 }
 
 int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main) {

@@ -30,6 +30,10 @@ struct Endpoint {
 };
 // "239.255.71.1:7100"; the address must be a multicast group.
 Endpoint parse_group(const std::string& text);
+// "192.0.2.1:9471" or "9471": where to listen, on 127.0.0.1 when there is only a port.
+Endpoint parse_endpoint(const std::string& text);
+
+std::string version();
 
 // Where the files of a storage location are: a directory, or names with a prefix in shared memory.
 struct Location {

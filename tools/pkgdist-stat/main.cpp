@@ -1,0 +1,322 @@
+// pkgdist-stat: the statistics of running and of ended processes, looked at from outside.
+//
+// It reads objects that the processes leave in shared memory and what the kernel says of their
+// sockets; it never talks to them, and they do not notice.
+#include <fmt/core.h>
+#include <prometheus/collectable.h>
+#include <prometheus/exposer.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "cli_common.h"
+#include "json_events.h"
+#include "platform/ship_layout.h"
+#include "process_object.h"
+#include "sample.h"
+#include "stat_json.h"
+#include "stat_prometheus.h"
+#include "stat_text.h"
+#include "stop_signals.h"
+
+namespace pkgdist::stat {
+
+namespace {
+
+constexpr const char* kPrefix = &SHIP_LAYOUT_OBJECT_PREFIX[1];  // without the slash
+
+// Seconds between two rounds of --watch.
+constexpr double kFastest = 0.05;
+constexpr double kSlowest = 86400;
+
+constexpr const char* kFooter = R"(
+PROCESS is a number or the name of a program. Without it, the only process that runs is shown, or a list
+when there are several; so with a name.
+
+What is shown
+  UDP sockets   of a running process of yours: bytes that wait to be read, datagrams that the kernel
+                dropped because the process did not take them in time
+  counters      since the process started
+  histograms    times, in buckets of ten times the length each; bars are relative to the largest
+  watermarks    the value now, the highest one so far and when it was reached
+The statistics of a process that was killed stay in /dev/shm until --clean removes them.
+
+Examples
+  pkgdist-stat pkgdist-node --nonzero      what a node has counted
+  pkgdist-stat 4711 --watch 2              rates, every two seconds
+  pkgdist-stat --all --prometheus > /var/lib/node_exporter/pkgdist.prom
+  pkgdist-stat --listen 127.0.0.1:9471     the same over HTTP, for whatever runs at that moment
+  pkgdist-stat --clean                     removes what dead processes left
+
+Exit status: 0, 1 when a process has no readable statistics, 2 when an argument is wrong.
+)";
+
+struct Options {
+  std::string process;
+  bool all = false;
+  bool nonzero = false;
+  bool json = false;
+  bool prometheus = false;
+  bool clean = false;
+  std::optional<double> watch_seconds;
+  uint32_t rounds = 0;  // 0: without end
+  std::optional<cli::Endpoint> listen;
+};
+
+std::optional<pid_t> as_pid(const std::string& text) {
+  pid_t pid = 0;
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%9d%c", &pid, &rest) != 1 || pid <= 0) return {};
+  return pid;
+}
+
+// Every object that can be read; what is wrong with the others goes to standard error.
+std::vector<std::pair<tools::FoundObject, Statistics>> readable_objects() {
+  std::vector<std::pair<tools::FoundObject, Statistics>> result;
+  for (const tools::FoundObject& found : tools::find_objects(tools::kShmDirectory, kPrefix)) {
+    try {
+      result.emplace_back(found, read_statistics_of(found));
+    } catch (const tools::BadObject& bad) {
+      fmt::print(stderr, "pkgdist-stat: {}\n", bad.what());
+    }
+  }
+  return result;
+}
+
+tools::FoundObject object_of(pid_t pid) {
+  for (const tools::FoundObject& found : tools::find_objects(tools::kShmDirectory, kPrefix))
+    if (found.pid == pid) return found;
+  throw std::runtime_error(fmt::format("process {} has no statistics", pid));
+}
+
+// What the arguments choose: the one that runs, or the one that there is. Of several for which
+// nobody asked: nothing, and `listing` has them.
+std::vector<tools::FoundObject> choose(const Options& options, std::vector<Statistics>& listing) {
+  if (const auto pid = as_pid(options.process)) return {object_of(*pid)};
+  std::vector<tools::FoundObject> chosen;
+  for (const auto& [found, statistics] : readable_objects()) {
+    if (!options.process.empty() && statistics.process != options.process) continue;
+    chosen.push_back(found);
+    listing.push_back(statistics);
+  }
+  if (chosen.empty() && options.process.empty())
+    throw std::runtime_error("no process has statistics");
+  if (chosen.empty())
+    throw std::runtime_error(fmt::format("no process '{}' has statistics", options.process));
+  if (chosen.size() == 1 || options.all) return chosen;
+  const auto runs = [](const Statistics& statistics) { return statistics.running; };
+  if (std::count_if(listing.begin(), listing.end(), runs) != 1) return {};
+  const auto one = std::find_if(listing.begin(), listing.end(), runs) - listing.begin();
+  return {chosen[static_cast<size_t>(one)]};
+}
+
+// Shows samples once or again and again.
+class View {
+ public:
+  explicit View(const Options& options) : options_(options), events_(options.json) {}
+
+  // Whether anything could be read.
+  bool show(const std::vector<tools::FoundObject>& chosen) {
+    std::vector<Sample> samples;
+    for (const tools::FoundObject& found : chosen) {
+      try {
+        samples.push_back(take_sample(found));
+      } catch (const tools::BadObject& bad) {
+        fmt::print(stderr, "pkgdist-stat: {}\n", bad.what());
+      }
+    }
+    if (options_.prometheus)
+      fmt::print("{}", prometheus_text(samples));
+    else if (options_.json)
+      print_events(samples);
+    else
+      print_text(samples);
+    std::fflush(stdout);
+    for (Sample& sample : samples) {
+      const pid_t pid = sample.statistics.pid;
+      earlier_.insert_or_assign(pid, std::move(sample));
+    }
+    return !samples.empty() && samples.size() == chosen.size();
+  }
+
+ private:
+  // Of the same process: an orderly end and a new start may give the same number.
+  const Sample* earlier_of(const Sample& sample) const {
+    const auto found = earlier_.find(sample.statistics.pid);
+    if (found == earlier_.end()) return nullptr;
+    const bool same = found->second.statistics.created_ns == sample.statistics.created_ns;
+    return same ? &found->second : nullptr;
+  }
+
+  void print_events(const std::vector<Sample>& samples) const {
+    for (const Sample& sample : samples)
+      events_.print("statistics", json_of(sample, earlier_of(sample), options_.nonzero));
+  }
+
+  void print_text(const std::vector<Sample>& samples) const {
+    std::vector<std::string> lines;
+    for (const Sample& sample : samples) {
+      if (!lines.empty()) lines.emplace_back();
+      for (std::string& line : text_of(sample, earlier_of(sample), {options_.nonzero}))
+        lines.push_back(std::move(line));
+    }
+    const bool in_place = options_.watch_seconds && isatty(STDOUT_FILENO) != 0;
+    if (in_place) cut_to_screen(lines);
+    std::string text = in_place ? "\x1b[H" : "";
+    for (const std::string& line : lines) text += line + (in_place ? "\x1b[K\n" : "\n");
+    if (in_place) text += "\x1b[J";
+    if (options_.watch_seconds && !in_place) text += "\n";
+    fmt::print("{}", text);
+  }
+
+  static void cut_to_screen(std::vector<std::string>& lines) {
+    winsize screen{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &screen) != 0 || screen.ws_row < 3) return;
+    const size_t room = screen.ws_row - size_t{2};  // one for the cursor, one for the hint
+    if (lines.size() <= room) return;
+    const size_t hidden = lines.size() - room;
+    lines.resize(room);
+    lines.push_back(fmt::format("... {} more lines; --nonzero leaves out what is unused", hidden));
+  }
+
+  const Options& options_;
+  cli::JsonEvents events_;
+  std::map<pid_t, Sample> earlier_;
+};
+
+// What a scrape finds: the chosen processes of that moment. The exposer's threads call it.
+class Scrape : public prometheus::Collectable {
+ public:
+  explicit Scrape(const Options& options) : options_(options) {}
+
+  std::vector<prometheus::MetricFamily> Collect() const override {
+    std::vector<Sample> samples;
+    try {
+      std::vector<Statistics> unused;
+      for (const tools::FoundObject& found : choose(options_, unused))
+        samples.push_back(take_sample(found));
+    } catch (const std::exception& nothing) {
+      // Nothing runs now, or it has just ended; the next scrape looks again.
+    }
+    return metrics_of(samples);
+  }
+
+ private:
+  const Options& options_;
+};
+
+int serve(Options options) {
+  options.all = true;
+  const std::string where =
+      fmt::format("{}:{}", cli::format_address(options.listen->address), options.listen->port);
+  const cli::StopSignals signals;
+  std::unique_ptr<prometheus::Exposer> exposer;
+  try {
+    exposer = std::make_unique<prometheus::Exposer>(where, 1);
+  } catch (const std::exception&) {
+    throw std::runtime_error("cannot listen on " + where);
+  }
+  const auto scrape = std::make_shared<Scrape>(options);
+  exposer->RegisterCollectable(scrape);
+  signals.wait();
+  return cli::kExitOk;
+}
+
+int clean() {
+  int result = cli::kExitOk;
+  for (const tools::Cleaned& cleaned : tools::clean_objects(tools::kShmDirectory)) {
+    if (cleaned.removed) {
+      fmt::print("removed {}\n", cleaned.path);
+    } else {
+      fmt::print(stderr, "pkgdist-stat: {}\n", cleaned.problem);
+      result = cli::kExitFailure;
+    }
+  }
+  return result;
+}
+
+void print_list(const Options& options, const std::vector<Statistics>& listing) {
+  const cli::JsonEvents events(options.json);
+  for (const Statistics& one : listing) events.print("process", process_json(one));
+  if (options.json) return;
+  for (const std::string& line : list_of(listing)) fmt::print("{}\n", line);
+}
+
+int watch(const Options& options, const std::vector<tools::FoundObject>& chosen) {
+  const cli::StopSignals signals;
+  View view(options);
+  if (isatty(STDOUT_FILENO) != 0 && !options.json) fmt::print("\x1b[H\x1b[2J");
+  for (uint32_t round = 1;; ++round) {
+    if (!view.show(chosen)) return cli::kExitFailure;
+    if (round == options.rounds || signals.wait_for(*options.watch_seconds)) return cli::kExitOk;
+  }
+}
+
+int run(const Options& options) {
+  if (options.clean) return clean();
+  if (options.listen) return serve(options);
+  std::vector<Statistics> listing;
+  const auto chosen = choose(options, listing);
+  if (chosen.empty() && options.prometheus)
+    throw std::runtime_error("several processes have statistics: name one, or give --all");
+  if (chosen.empty()) {
+    print_list(options, listing);
+    return cli::kExitOk;
+  }
+  if (options.watch_seconds) return watch(options, chosen);
+  return View(options).show(chosen) ? cli::kExitOk : cli::kExitFailure;
+}
+
+void check(const Options& options) {
+  const int ways = options.json + options.prometheus + options.clean + options.listen.has_value();
+  if (ways > 1)
+    throw CLI::ValidationError("--json, --prometheus, --listen and --clean exclude each other");
+  if (options.watch_seconds && ways > 0 && !options.json)
+    throw CLI::ValidationError("--watch goes with text and --json only");
+  if (options.watch_seconds &&
+      !(*options.watch_seconds >= kFastest && *options.watch_seconds <= kSlowest))
+    throw CLI::ValidationError("--watch: not from 0.05 to 86400 seconds");
+  if (options.rounds > 0 && !options.watch_seconds)
+    throw CLI::ValidationError("--rounds needs --watch");
+}
+
+void add_options(CLI::App& app, Options& options) {
+  app.footer(kFooter);
+  app.set_version_flag("--version", cli::version());
+  app.add_option("PROCESS", options.process, "whose statistics")->type_name("PID|NAME");
+  app.add_flag("--all", options.all, "every process, of PROCESS when it is a name");
+  app.add_flag("--nonzero", options.nonzero, "leave out entries that were never used");
+  app.add_option("--watch", options.watch_seconds,
+                 "show again every SECONDS (1), with what was added and the rate")
+      ->type_name("[SECONDS]")
+      ->expected(0, 1)
+      ->default_str("1");
+  app.add_option("--rounds", options.rounds, "end after so many rounds of --watch")->type_name("N");
+  app.add_flag("--json", options.json, "one JSON object per process and round");
+  app.add_flag("--prometheus", options.prometheus, "the text format of Prometheus");
+  app.add_option_function<std::string>(
+         "--listen",
+         [&options](const std::string& text) { options.listen = cli::parse_endpoint(text); },
+         "serve the metrics over HTTP at /metrics; ADDR is 127.0.0.1 unless given")
+      ->type_name("[ADDR:]PORT");
+  app.add_flag("--clean", options.clean,
+               "remove statistics and traces of processes that no longer run");
+  app.final_callback([&options] { check(options); });
+}
+
+}  // namespace
+
+}  // namespace pkgdist::stat
+
+int main(int argc, char** argv) {
+  using namespace pkgdist;
+  CLI::App app("Shows the statistics of processes that receive with pkgdist.", "pkgdist-stat");
+  stat::Options options;
+  stat::add_options(app, options);
+  return cli::run_cli(app, argc, argv, [&] { return stat::run(options); });
+}

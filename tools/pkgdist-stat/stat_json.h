@@ -1,0 +1,15 @@
+// A sample as the fields of a JSON event; docs/operations.md has the list.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "sample.h"
+
+namespace pkgdist::stat {
+
+nlohmann::ordered_json process_json(const Statistics& statistics);
+
+// With an `earlier` sample, `seconds` and what counters and histograms have gained (`added`).
+nlohmann::ordered_json json_of(const Sample& sample, const Sample* earlier, bool nonzero);
+
+}  // namespace pkgdist::stat

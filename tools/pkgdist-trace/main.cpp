@@ -1,0 +1,246 @@
+// pkgdist-trace: the log of a process, out of the trace file that it keeps in shared memory.
+//
+// The file holds all that is needed to read it, so that a crash can be looked at on another machine
+// and with another version of this program. The process does not notice.
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "cli_common.h"
+#include "json_events.h"
+#include "process_object.h"
+#include "selection.h"
+#include "stop_signals.h"
+#include "trace_reader.h"
+
+namespace pkgdist::trace {
+
+namespace {
+
+constexpr double kFollowSeconds = 0.2;  // from one look at the file to the next
+constexpr int kPatience = 10;           // looks that a record may take to be finished
+constexpr double kNsPerSecond = 1e9;
+
+constexpr const char* kFooter = R"(
+SOURCE is a process number or a file, by default the trace of the only process that runs. Traces are
+/dev/shm/pkgdist-trace.PID (or in PKGDIST_TRACE_DIR). They stay when a process is killed, and may be copied and
+read elsewhere. A trace keeps the youngest records: 40000 errors and 80000 others.
+
+A line: time, thread, level, place in the source, function, text. [cut]: text or numbers did not fit.
+Levels: error; warning, which a process with verbosity 1 also prints on standard error; info.
+
+TIME is 30s, 5m, 2h or 1d before now, 12:30 or 12:30:15.5 of today, 2026-11-20 12:30 (local time), or
+@1795195628.5 in seconds since the epoch.
+
+Examples
+  pkgdist-trace 4711 --level warning          errors and warnings
+  pkgdist-trace --follow                      as it happens, until interrupted or the process ends
+  pkgdist-trace 4711 --file 'pkgdist_data_*' --since 5m
+  pkgdist-trace /tmp/pkgdist-trace.4711 --last 50 --json
+
+Exit status: 0, 1 when there is no trace or it cannot be read, 2 when an argument is wrong.
+)";
+
+struct Options {
+  std::string source;
+  std::string catalogue;  // file; empty: the trace's own
+  Selection selection;
+  size_t last = 0;  // 0: all
+  bool follow = false;
+  bool json = false;
+};
+
+uint64_t now_ns() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+bool runs(const TraceReader& reader) {
+  return tools::owner_runs(reader.pid(), reader.file().path(), reader.file().inode(),
+                           reader.created_ns());
+}
+
+// The only one that runs, or the only one; otherwise an error that lists them.
+std::string default_source() {
+  std::vector<std::string> all, running;
+  std::string list;
+  for (const auto& found :
+       tools::find_objects(tools::trace_directory(), QTRACE_LAYOUT_FILE_PREFIX)) {
+    try {
+      const TraceReader reader(found.path);
+      const bool is_running = runs(reader);
+      all.push_back(found.path);
+      if (is_running) running.push_back(found.path);
+      list +=
+          fmt::format("\n{:>8}  {:<10} since {}", found.pid, is_running ? "running" : "has ended",
+                      tools::local_time(reader.created_ns()));
+    } catch (const tools::BadObject& bad) {
+      fmt::print(stderr, "pkgdist-trace: {}\n", bad.what());
+    }
+  }
+  if (running.size() == 1) return running.front();
+  if (all.size() == 1) return all.front();
+  if (all.empty()) throw std::runtime_error("there is no trace in " + tools::trace_directory());
+  throw std::runtime_error("several processes have traces, name one:" + list);
+}
+
+std::string path_of(const std::string& source) {
+  if (source.empty()) return default_source();
+  const bool number = source.find_first_not_of("0123456789") == std::string::npos;
+  return number ? tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX + source : source;
+}
+
+class Printer {
+ public:
+  Printer(const TraceReader& reader, const Options& options)
+      : reader_(reader), options_(options), events_(options.json) {
+    std::optional<Catalogue> given;
+    if (!options.catalogue.empty()) given = TraceReader(options.catalogue).any_catalogue();
+    if (!options.catalogue.empty() && !given)
+      throw std::runtime_error(options.catalogue + ": has no catalogue");
+    for (size_t i = 0; i < reader.rings().size(); ++i) catalogues_.push_back(catalogue(i, given));
+  }
+
+  // Whether the selection wants it; one of a point that the catalogue lacks is always shown.
+  bool wants(const Record& record) const {
+    const Point* point = point_of(record);
+    return point == nullptr || options_.selection.wants(*point, record);
+  }
+
+  void print(const Record& record) const {
+    const Point* point = point_of(record);
+    const Point unknown = unknown_point(record);
+    if (point == nullptr) point = &unknown;
+    const std::string text = render(*point, record);
+    const char* level = level_name(level_of(*point));
+    const std::string file = tools::printable(point->file);
+    const std::string function = tools::printable(point->function);
+    if (options_.json) {
+      events_.print("record", {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
+                               {"pid", reader_.pid()},
+                               {"thread", record.thread},
+                               {"ring", reader_.rings()[record.ring].name},
+                               {"number", record.number},
+                               {"level", level},
+                               {"file", file},
+                               {"line", point->line},
+                               {"function", function},
+                               {"text", text}});
+      return;
+    }
+    fmt::print("{} {} {:<7} {}:{} {}: {}\n", tools::local_time(record.realtime_ns, 6),
+               record.thread, level, file.substr(file.rfind('/') + 1), point->line, function, text);
+  }
+
+ private:
+  Catalogue catalogue(size_t index, const std::optional<Catalogue>& given) const {
+    const Ring& ring = reader_.rings()[index];
+    const std::optional<Catalogue> found = given ? given : reader_.catalogue(index);
+    if (!found)
+      reader_.file().refuse(
+          "has no catalogue, so that its records have no text; --catalogue takes "
+          "one from another trace of the same build (" +
+          ring.catalogue_id + ")");
+    require_same_build(reader_.file(), ring, *found);
+    return *found;
+  }
+
+  const Point* point_of(const Record& record) const {
+    const std::vector<Point>& points = catalogues_[record.ring].points;
+    return record.point < points.size() ? &points[record.point] : nullptr;
+  }
+
+  static Point unknown_point(const Record& record) {
+    Point point;
+    point.file = point.function = "?";
+    point.format = "unknown point " + std::to_string(record.point);
+    return point;
+  }
+
+  const TraceReader& reader_;
+  const Options& options_;
+  cli::JsonEvents events_;
+  std::vector<Catalogue> catalogues_;  // of each ring
+};
+
+void print_wanted(const Printer& printer, const std::vector<Record>& records, size_t last) {
+  std::vector<const Record*> wanted;
+  for (const Record& record : records)
+    if (printer.wants(record)) wanted.push_back(&record);
+  const size_t skip = last > 0 && wanted.size() > last ? wanted.size() - last : 0;
+  for (size_t i = skip; i < wanted.size(); ++i) printer.print(*wanted[i]);
+  std::fflush(stdout);
+}
+
+int run(const Options& options) {
+  TraceReader reader(path_of(options.source));
+  const Printer printer(reader, options);
+  const cli::StopSignals signals;
+  const int patience = options.follow ? kPatience : 0;
+  print_wanted(printer, reader.next(patience), options.last);
+  if (!options.follow) return cli::kExitOk;
+  for (bool running = true; running;) {
+    running = !signals.wait_for(kFollowSeconds) && runs(reader);
+    print_wanted(printer, reader.next(running ? kPatience : 0), 0);  // the last words too
+  }
+  if (reader.missed() > 0)
+    fmt::print(stderr, "pkgdist-trace: {} records were overwritten or left out\n", reader.missed());
+  return cli::kExitOk;
+}
+
+uint64_t time_option(const std::string& text) {
+  const auto time = parse_time(text, now_ns());
+  if (!time) throw CLI::ValidationError(fmt::format("not a time: '{}'", text));
+  return *time;
+}
+
+Level level_option(const std::string& text) {
+  for (const Level level : {Level::kError, Level::kWarning, Level::kInfo})
+    if (text == level_name(level)) return level;
+  throw CLI::ValidationError(fmt::format("not error, warning or info: '{}'", text));
+}
+
+void add_options(CLI::App& app, Options& options) {
+  Selection& selection = options.selection;
+  app.footer(kFooter);
+  app.set_version_flag("--version", cli::version());
+  app.add_option("SOURCE", options.source, "whose trace")->type_name("PID|FILE");
+  app.add_flag("--follow", options.follow, "go on with what comes");
+  app.add_option("--last", options.last, "only the last N of those that are selected")
+      ->type_name("N");
+  app.add_option_function<std::string>(
+         "--level", [&](const std::string& text) { selection.level = level_option(text); },
+         "this level and above: error, warning, info")
+      ->type_name("LEVEL [info]");
+  app.add_option("--function", selection.function, "statements of these functions, * for any text")
+      ->type_name("PATTERN");
+  app.add_option("--file", selection.file, "statements of these source files")
+      ->type_name("PATTERN");
+  app.add_option_function<std::string>(
+         "--since", [&](const std::string& text) { selection.since_ns = time_option(text); },
+         "from this time on")
+      ->type_name("TIME");
+  app.add_option_function<std::string>(
+         "--until", [&](const std::string& text) { selection.until_ns = time_option(text); },
+         "up to this time")
+      ->type_name("TIME");
+  app.add_flag("--json", options.json, "one JSON object per record");
+  app.add_option("--catalogue", options.catalogue,
+                 "take the texts from this trace of the same build")
+      ->type_name("FILE");
+}
+
+}  // namespace
+
+}  // namespace pkgdist::trace
+
+int main(int argc, char** argv) {
+  using namespace pkgdist;
+  CLI::App app("Shows the log that a process keeps in its trace file.", "pkgdist-trace");
+  trace::Options options;
+  trace::add_options(app, options);
+  return cli::run_cli(app, argc, argv, [&] { return trace::run(options); });
+}
