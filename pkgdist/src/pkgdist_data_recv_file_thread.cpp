@@ -29,7 +29,7 @@
 
 extern "C" {
 PKGDIST_EXPORT queue_t G_pkgdist_file_recv_q = {};
-PKGDIST_EXPORT pthread_mutex_t G_pkgdist_file_recv_mutex = PTHREAD_MUTEX_INITIALIZER;
+PKGDIST_EXPORT pthread_mutex_t G_pkgdist_file_recv_mutex = PKGDIST_BRIEF_MUTEX_INITIALIZER;
 PKGDIST_EXPORT pthread_cond_t G_pkgdist_file_recv_cond = PTHREAD_COND_INITIALIZER;
 PKGDIST_EXPORT pthread_condattr_t G_pkgdist_file_recv_condattr = {};
 PKGDIST_EXPORT bool G_data_recv_file_queue_inited = false;

@@ -7,6 +7,14 @@
 
 #include <pthread.h>
 
+// For mutexes that are taken for every datagram and held for moments: who finds one taken looks
+// again a few times before it goes to sleep, where the C library offers that.
+#ifdef PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP
+#define PKGDIST_BRIEF_MUTEX_INITIALIZER PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP
+#else
+#define PKGDIST_BRIEF_MUTEX_INITIALIZER PTHREAD_MUTEX_INITIALIZER
+#endif
+
 namespace pkgdist {
 
 // Where a lock was asked for. As a default argument it names the caller:

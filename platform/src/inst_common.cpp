@@ -17,7 +17,11 @@
 
 int32_t g_inst_common_debug_verbosity_level = 0;
 int32_t g_inst_common_debug_prefix = 0;
+#ifdef PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP
+pthread_mutex_t atomic_mutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+#else
 pthread_mutex_t atomic_mutex = PTHREAD_MUTEX_INITIALIZER;
+#endif
 
 namespace {
 
