@@ -1,20 +1,30 @@
 """End-to-end throughput in network namespaces: one lead to one and to three nodes, beside a raw
-multicast pair without a protocol (select, recvfrom, write) in the same run.
+multicast pair without a protocol that has the receive side's shape, and with --peers beside two
+other multicast distributors, all of them taking turns in the same run.
 
-    scripts/bench [--megabytes N] [--files N] [--loss PERCENT ...] [--runs N]
+    scripts/bench [--megabytes N] [--files N] [--loss PERCENT ...] [--runs N] [--peers] [--segmented]
 
-Printed per case, medians of the runs: MB/s of content, the receiver's CPU seconds per GiB, its peak
-memory, bytes that the lead's host sent over bytes of content, and the MB/s over those of the raw pair
-to the same number of nodes. Everything stays in memory (/dev/shm).
+Loss is what each node's host drops of what arrives there; in the cases with loss the lead's host
+drops --lead-loss percent, too. Printed per case, medians of the runs: seconds, MB/s of content, the
+receiver's CPU seconds per GiB, its peak memory, bytes that the lead's host sent over bytes of
+content and over what the loss makes necessary, and how many runs ended with identical content.
+Times are those of each program itself, from the first announcement of content to the last report;
+what it takes to find the receivers before is left out. Everything stays in memory (/dev/shm).
+
+A virtual link hands datagrams over in the batches in which they were sent, and what is dropped there
+is dropped batch by batch. --segmented turns that off: the lead's link cuts batches into datagrams,
+as most real network cards do, and each of them is dropped or not by itself.
 """
 
 import argparse
 import json
 import os
+import re
 import signal
 import statistics
 import subprocess
 import sys
+import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "lab"))
 import lab  # noqa: E402
@@ -34,6 +44,10 @@ def parse():
     parser.add_argument("--nodes", type=int, nargs="*", default=[1, 3])
     parser.add_argument("--runs", type=int, default=3)
     parser.add_argument("--rate", default=None, help="--rate of the lead")
+    parser.add_argument("--peers", action="store_true", help="udpcast and uftp, too")
+    parser.add_argument("--segmented", action="store_true", help="batches are cut on the lead's link")
+    parser.add_argument("--only", nargs="*", default=["large", "small"], choices=["large", "small"])
+    parser.add_argument("--json", help="file for the results of every run")
     return parser.parse_args()
 
 
@@ -68,43 +82,142 @@ def sent_bytes(host):
     return int(line.split(":")[1].split()[8])
 
 
-def raw_run(tool, net, count, megabytes, work):
-    receivers = []
-    for host in net.nodes[:count]:
-        process = host.spawn([tool, "--interface", host.address, "receive", "--file",
-                              os.path.join(work, host.name + ".raw")],
-                             stdout=subprocess.PIPE, text=True)
-        process.stdout.readline()
-        receivers.append(process)
-    net.lead.run([tool, "--interface", net.lead.address, "send", "--bytes",
-                  str(megabytes << 20), "--rate", "100000"], check=True, capture_output=True)
-    results = [json.loads(process.stdout.readline()) for process in receivers]
-    cpu = [finish(process)[0] for process in receivers]
-    received = min(r["received"] for r in results)
-    seconds = max(r["seconds"] for r in results)
-    return {"mbs": received / seconds / 1e6, "cpu": max(cpu) / received * GIB,
-            "arrived": received / (megabytes << 20)}
+class Case:
+    """One content to some nodes of one laboratory, with a place for what they receive."""
+
+    def __init__(self, net, count, root, expected, work):
+        self.lead, self.nodes = net.lead, net.nodes[:count]
+        self.root, self.expected, self.work = root, expected, work
+        self.bytes = sum(entry[3] for entry in expected.values() if entry[0] == "file")
+        self.directories = [os.path.join(work, host.name) for host in self.nodes]
+
+    def prepare(self):
+        for directory in self.directories:
+            lab.remove(directory)
+            os.makedirs(directory)
+
+    def identical(self, place=lambda directory: directory):
+        """Names and content, which all programs keep."""
+        strip = lambda entries: {name: (entry[0], entry[-1]) for name, entry in entries.items()}
+        expected = strip(self.expected)
+        return all(strip(lab.manifest(place(directory))) == expected
+                   for directory in self.directories)
 
 
-def push_run(programs, net, count, root, work, rate, expected):
-    nodes, directories = [], []
-    for host in net.nodes[:count]:
-        directory = os.path.join(work, host.name)
-        directories.append(directory)
-        nodes.append(programs.start_node(host, directory, log=os.path.join(work, host.name + ".log")))
-    before = sent_bytes(net.lead)
-    extra = ["--rate", rate] if rate else []
-    result = programs.push(net.lead, root, "--nodes", str(count), *extra)
-    wire = sent_bytes(net.lead) - before
-    usage = [finish(process) for process in nodes]
-    done = next(e for e in result.events if e["event"] == "push-finished")
-    identical = all(not lab.differences(expected, lab.manifest(d)) for d in directories)
-    for directory in directories:
+class Ours:
+    name = "pkgdist"
+
+    def __init__(self, programs, rate):
+        self.programs, self.extra = programs, ["--rate", rate] if rate else []
+
+    def run(self, case):
+        nodes = [self.programs.start_node(host, directory)
+                 for host, directory in zip(case.nodes, case.directories)]
+        result = self.programs.push(case.lead, case.root, "--nodes", str(len(nodes)), *self.extra)
+        usage = [finish(process) for process in nodes]
+        done = next(e for e in result.events if e["event"] == "push-finished")
+        return done["seconds"], usage, result.returncode == 0
+
+
+class Raw:
+    """Loses what it loses: what arrived is what its time is divided by."""
+
+    def __init__(self, tool, batch):
+        self.tool, self.batch = tool, batch
+        self.name = f"raw, {batch} a call" if batch > 1 else "raw pair"
+
+    def run(self, case):
+        receivers = []
+        for host, directory in zip(case.nodes, case.directories):
+            process = host.spawn([self.tool, "--interface", host.address, "receive", "--file",
+                                  os.path.join(directory, "raw")], stdout=subprocess.PIPE, text=True)
+            process.stdout.readline()
+            receivers.append(process)
+        case.lead.run([self.tool, "--interface", case.lead.address, "send", "--bytes",
+                       str(case.bytes), "--rate", "100000", "--batch", str(self.batch)],
+                      check=True, capture_output=True)
+        results = [json.loads(process.stdout.readline()) for process in receivers]
+        usage = [finish(process) for process in receivers]
+        received = min(result["received"] for result in results)
+        seconds = max(result["seconds"] for result in results)
+        return seconds * case.bytes / received, usage, True
+
+
+class Udpcast:
+    """Several files travel as an archive through its pipe. Its receivers are told not to sync, and
+    its sender to be patient, since it gives up receivers when their answers are lost."""
+
+    name = "udpcast"
+    COMMON = "--nokbd --no-progress --mcast-rdv-address 239.255.1.1 --interface eth0"
+
+    def run(self, case):
+        single = len(case.expected) == 1
+        receivers = []
+        for host, directory in zip(case.nodes, case.directories):
+            sink = f"--file {directory}/{next(iter(case.expected))}" if single else \
+                f"| tar -xf - -C {directory}"
+            receivers.append(host.spawn(["sh", "-c", f"udp-receiver --nosync {self.COMMON} {sink}"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        time.sleep(0.3)
+        source = "" if single else f"tar -cf - -C {case.root} . | "
+        what = f"--file {case.root}/{next(iter(case.expected))}" if single else ""
+        sender = case.lead.spawn(
+            ["sh", "-c", f"{source}udp-sender --full-duplex --retries-until-drop 2000 "
+                         f"--min-receivers {len(receivers)} {self.COMMON} {what}"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        start = end = time.monotonic()
+        for line in sender.stderr:
+            if "Starting transfer" in line:
+                start = time.monotonic()
+            if "Transfer complete" in line:
+                end = time.monotonic()
+        sender.wait()
+        return end - start, [waited(process) for process in receivers], True
+
+
+class Uftp:
+    name = "uftp"
+
+    def run(self, case):
+        receivers = [host.spawn(["uftpd", "-d", "-t", "-D", directory, "-I", "eth0"],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                     for host, directory in zip(case.nodes, case.directories)]
+        time.sleep(0.3)
+        result = case.lead.run(["uftp", "-I", "eth0", "-R", "-1", *sorted(os.listdir(case.root))],
+                               cwd=case.root, capture_output=True, text=True, timeout=600)
+        took = sum(float(t) for t in re.findall(r"Total elapsed time: ([0-9.]+)", result.stdout + result.stderr))
+        return took, [finish(process) for process in receivers], result.returncode == 0
+
+
+def waited(process):
+    _, _, usage = os.wait4(process.pid, 0)
+    process.returncode = 0
+    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024
+
+
+def measure(case, tool):
+    case.prepare()
+    before = sent_bytes(case.lead)
+    seconds, usage, good = tool.run(case)
+    run = {"seconds": seconds, "mbs": case.bytes / max(seconds, 1e-9) / 1e6,
+           "cpu": max(u[0] for u in usage) / case.bytes * GIB,
+           "memory": max(u[1] for u in usage) / 1e6,
+           "wire": (sent_bytes(case.lead) - before) / case.bytes,
+           "identical": good and (isinstance(tool, Raw) or case.identical())}
+    for directory in case.directories:
         lab.remove(directory)
-    return {"seconds": done["seconds"], "mbs": done["bytes"] / done["seconds"] / 1e6,
-            "cpu": max(u[0] for u in usage) / done["bytes"] * GIB,
-            "memory": max(u[1] for u in usage) / 1e6, "wire": wire / done["bytes"],
-            "identical": identical and result.returncode == 0}
+    return run
+
+
+def necessary(nodes, loss):
+    """How often a datagram is sent on average until every one of the nodes has it."""
+    p = loss / 100
+    total, k = 0.0, 0
+    while True:
+        term = 1 - (1 - p ** k) ** nodes
+        if term < 1e-9:
+            return total
+        total, k = total + term, k + 1
 
 
 def median(runs, key):
@@ -112,57 +225,84 @@ def median(runs, key):
 
 
 def print_row(*cells):
-    widths = (22, 6, 6, 9, 9, 10, 9, 7, 8, 10)
+    widths = (20, 14, 6, 6, 9, 8, 10, 8, 7, 8, 10)
     print("  ".join(str(cell).rjust(width) for cell, width in zip(cells, widths)), flush=True)
 
 
-def bench_push(options, programs, name, root, raw, work):
+def print_result(name, tool, count, loss, runs, lossless_wire):
+    good = [run for run in runs if run["identical"]]
+    if not good:
+        return print_row(name, tool, count, f"{loss:g}", "-", "-", "-", "-", "-", "-", f"0/{len(runs)}")
+    wire = median(good, "wire")
+    over = wire / lossless_wire / necessary(count, loss) if lossless_wire else 0
+    print_row(name, tool, count, f"{loss:g}", f"{median(good, 'seconds'):.2f}",
+              f"{median(good, 'mbs'):.1f}", f"{median(good, 'cpu'):.2f}",
+              f"{median(good, 'memory'):.1f}", f"{wire:.3f}", f"{over:.3f}" if over else "-",
+              f"{len(good)}/{len(runs)}")
+
+
+def prepare_hosts(net, loss, options):
+    for host in net.hosts():
+        # One of the peers sends to groups of its own choice, by the default route.
+        host.run(["ip", "route", "add", "default", "dev", "eth0"], check=True)
+    if options.segmented:
+        net.lead.run(["ethtool", "-K", "eth0", "tx-udp-segmentation", "off"], check=True,
+                     capture_output=True)
+    for host in net.nodes:
+        host.lose(loss)
+    net.lead.lose(options.lead_loss if loss else 0)
+
+
+def bench(options, tools, name, root, work, results):
     expected = lab.manifest(root)
+    lossless = {}
     for count in options.nodes:
         for loss in options.loss:
-            with lab.Lab(nodes=count) as net:
-                for host in net.nodes:
-                    host.lose(loss)
-                net.lead.lose(options.lead_loss if loss else 0)
-                runs = [push_run(programs, net, count, root, work, options.rate, expected)
-                        for _ in range(options.runs)]
-            identical = sum(run["identical"] for run in runs)
-            print_row(name, count, f"{loss:g}", f"{median(runs, 'seconds'):.2f}",
-                      f"{median(runs, 'mbs'):.1f}", f"{median(runs, 'cpu'):.2f}",
-                      f"{median(runs, 'memory'):.1f}", f"{median(runs, 'wire'):.3f}",
-                      f"{median(runs, 'mbs') / raw[count]['mbs']:.2f}",
-                      f"{identical}/{len(runs)}")
-
-
-def bench_raw(options, tool, work):
-    raw = {}
-    for count in options.nodes:
-        with lab.Lab(nodes=count) as net:
-            runs = [raw_run(tool, net, count, options.megabytes, work)
-                    for _ in range(options.runs)]
-        raw[count] = {key: median(runs, key) for key in runs[0]}
-        print_row("raw pair, unpaced", count, "0", "-", f"{raw[count]['mbs']:.1f}",
-                  f"{raw[count]['cpu']:.2f}", "-", "-", "1.00",
-                  f"{raw[count]['arrived'] * 100:.1f} %")
-    return raw
+            here = [tool for tool in tools if not isinstance(tool, Raw) or
+                    (loss == 0 and len(expected) == 1)]
+            runs = {tool.name: [] for tool in here}
+            for _ in range(options.runs):
+                for tool in here:
+                    # A laboratory for each run: nothing of a run is left in sockets and links.
+                    with lab.Lab(nodes=count) as net:
+                        prepare_hosts(net, loss, options)
+                        runs[tool.name].append(measure(Case(net, count, root, expected, work), tool))
+            for tool in here:
+                if loss == 0:
+                    lossless[tool.name] = min(run["wire"] for run in runs[tool.name])
+                print_result(name, tool.name, count, loss, runs[tool.name],
+                             lossless.get(tool.name))
+                results.append({"content": name, "program": tool.name, "nodes": count, "loss": loss,
+                                "runs": runs[tool.name]})
 
 
 def main():
     options = parse()
     lab.enter()
     work = lab.work_directory()
+    results = []
     try:
-        large, small = os.path.join(work, "large"), os.path.join(work, "small")
-        make_large(large, options.megabytes)
-        make_small(small, options.files, options.small)
         programs = lab.Programs(options.build)
-        print_row("case", "nodes", "loss %", "seconds", "MB/s", "CPU s/GiB", "peak MB", "wire",
-                  "of raw", "identical")
-        raw = bench_raw(options, os.path.join(options.build, "bin", "raw_pair"), work)
-        bench_push(options, programs, f"{options.megabytes} MiB file", large, raw, work)
-        bench_push(options, programs, f"{options.files} x {options.small} B", small, raw, work)
+        raw = os.path.join(options.build, "bin", "raw_pair")
+        tools = [Ours(programs, options.rate), Raw(raw, 1), Raw(raw, 16)]
+        if options.peers:
+            tools += [Udpcast(), Uftp()]
+        print_row("content", "program", "nodes", "loss %", "seconds", "MB/s", "CPU s/GiB", "peak MB",
+                  "wire", "of need", "identical")
+        if "large" in options.only:
+            make_large(os.path.join(work, "large"), options.megabytes)
+            bench(options, tools, f"{options.megabytes} MiB file", os.path.join(work, "large"), work,
+                  results)
+            lab.remove(os.path.join(work, "large"))
+        if "small" in options.only:
+            make_small(os.path.join(work, "small"), options.files, options.small)
+            bench(options, tools, f"{options.files} x {options.small} B",
+                  os.path.join(work, "small"), work, results)
     finally:
         lab.remove(work)
+        if options.json:
+            with open(options.json, "w") as file:
+                json.dump(results, file, indent=1)
 
 
 main()
