@@ -11,6 +11,7 @@
 #include <time.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -206,9 +207,11 @@ void print_json(const std::string& name, const ScaleCase& scale, const ScaleResu
   line["requests"] = result.nodes.requests;
   line["time_outs"] = result.nodes.time_outs;
   line["duplicates"] = result.nodes.duplicates;
-  line["first_node_seconds"] = result.finished.front();
-  line["median_node_seconds"] = result.finished[result.finished.size() / 2];
-  line["worst_node_seconds"] = result.finished.back();
+  std::vector<double> finished = result.finished;
+  std::sort(finished.begin(), finished.end());
+  line["first_node_seconds"] = finished.front();
+  line["median_node_seconds"] = finished[finished.size() / 2];
+  line["last_node_seconds"] = finished.back();
   line["core_cpu_seconds"] = meter.seconds();
   line["core_peak_bytes"] = meter.peak_bytes();
   line["wall_seconds"] = wall;
