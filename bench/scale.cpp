@@ -109,7 +109,7 @@ struct Options {
   uint32_t small = 16384;
   double megabits = 2000;
   double loss = 10;
-  double up_share = 1;
+  double up_share = 0.1;
   std::vector<std::string> cases{"large", "small"};
   bool full = false;
   bool json = false;
