@@ -1,6 +1,7 @@
 """What the system tests share: a laboratory for each class, directories for each test, checks."""
 
 import os
+import select
 import shutil
 import subprocess
 import sys
@@ -12,6 +13,7 @@ sys.path[:0] = [_HERE, os.path.join(_HERE, "..", "lab")]
 
 import lab  # noqa: E402
 import node_statistics  # noqa: E402
+from scripted_lead import CTRL_GROUP, DATA_GROUP  # noqa: E402
 
 PROGRAMS = None  # of the build under test; set by run.py
 # Content and received files live in a memory file system of this process's own mount namespace. Its
@@ -181,6 +183,21 @@ class BackgroundLead:
         self.process.terminate()
         self.process.wait(timeout=10)
         self.test.assertEqual(self.process.returncode, expect, self.errors())
+
+
+def capture_push(test, observer):
+    """Pushes the test's content; every multicast datagram of it, by channel, as `observer` hears them."""
+    sockets = {observer.group_socket(*CTRL_GROUP): "ctrl", observer.group_socket(*DATA_GROUP): "data"}
+    captured = {"ctrl": [], "data": []}
+    lead = test.start_push("--rate", "20")
+    while lead.process.poll() is None:
+        ready, _, _ = select.select(list(sockets), [], [], 0.05)
+        for one in ready:
+            captured[sockets[one]].append(one.recv(2000))
+    for one in sockets:
+        one.close()
+    test.assertTrue(lead.finish()["complete"])
+    return captured
 
 
 def summary(result):

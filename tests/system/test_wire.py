@@ -1,11 +1,9 @@
 """What really travels, decoded by a second codec that shares nothing with the programs' own."""
 
-import select
-
 import tree
 import wire
-from scripted_lead import CTRL_GROUP, DATA_GROUP, ScriptedLead
-from support import IN_PROGRESS, SystemTest, lab
+from scripted_lead import ScriptedLead
+from support import IN_PROGRESS, SystemTest, capture_push, lab
 
 
 def reencoded(datagram, channel):
@@ -21,26 +19,10 @@ class Wire(SystemTest):
     NODES = 1
     OTHERS = ("observer",)
 
-    def capture_push(self):
-        """Every multicast datagram of a push, by channel."""
-        observer = self.net.others["observer"]
-        sockets = {observer.group_socket(*CTRL_GROUP): "ctrl",
-                   observer.group_socket(*DATA_GROUP): "data"}
-        captured = {"ctrl": [], "data": []}
-        lead = self.start_push("--rate", "20")
-        while lead.process.poll() is None:
-            ready, _, _ = select.select(list(sockets), [], [], 0.05)
-            for one in ready:
-                captured[sockets[one]].append(one.recv(2000))
-        for one in sockets:
-            one.close()
-        self.assertTrue(lead.finish()["complete"])
-        return captured
-
     def test_what_the_lead_sends_decodes_to_what_was_pushed(self):
         tree.small(self.content, small_files=5)
         self.start_nodes()
-        captured = self.capture_push()
+        captured = capture_push(self, self.net.others["observer"])
         for channel, datagrams in captured.items():
             for datagram in datagrams:
                 self.assertLessEqual(len(datagram), wire.PACKET_MAX)
