@@ -149,6 +149,8 @@ uint64_t ObjectFile::size() const {
 
 void ObjectFile::read(uint64_t offset, void* to, uint64_t size) const {
   auto* at = static_cast<char*>(to);
+  if (size > INT64_MAX || offset > INT64_MAX - size)
+    refuse("corrupt: something should stand far behind its end");
   while (size > 0) {
     const ssize_t got = pread(fd_, at, size, static_cast<off_t>(offset));
     if (got < 0 && errno == EINTR) continue;

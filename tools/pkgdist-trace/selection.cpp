@@ -73,6 +73,7 @@ std::optional<uint64_t> parse_time(const std::string& text, uint64_t now_ns) {
   double seconds = 0;
   char unit = 0, rest = 0;
   if (std::sscanf(text.c_str(), "%lf%c%c", &seconds, &unit, &rest) == 2 && unit_seconds(unit) > 0) {
+    if (!(seconds >= 0)) return {};
     const double ago = seconds * unit_seconds(unit);
     return from_seconds(std::max(0.0, static_cast<double>(now_ns) / kNsPerSecond - ago));
   }
