@@ -59,6 +59,9 @@ class Usage(SystemTest):
                 self.push("--nodes", "1", "--rate", "0", "file"),
                 self.push("--nodes", "1", "--rate", "fast", "file"),
                 self.push("--nodes", "1", "--timeout", "0", "file"),
+                self.push("--nodes", "1", "--metrics", "0", "file"),
+                self.push("--nodes", "1", "--metrics", "localhost:9471", "file"),
+                self.lead(*place, "serve", "--metrics", "127.0.0.1:"),
                 self.push("--nodes", "1", "--no-such-option", "file"),
                 self.push("--nodes", "1", "no such file"),
                 self.push("--nodes", "1", "../outside"), self.push("--nodes", "1", "/etc/hostname"),
@@ -111,8 +114,9 @@ class Usage(SystemTest):
                 self.assertNotEqual(result.stdout, "")
 
     def test_an_address_of_another_host_is_a_failure_with_one_line(self):
-        result = self.net.lead.run([self.programs.lead, "--interface", "10.71.0.77", "--location",
-                                    f"1={self.content}", "serve"],
-                                   capture_output=True, text=True, timeout=10)
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)
+        serve = ("--location", f"1={self.content}", "serve")
+        for command in ([self.programs.lead, "--interface", "10.71.0.77", *serve],
+                        self.lead(*serve, "--metrics", "10.71.0.77:9471")):
+            result = self.net.lead.run(command, capture_output=True, text=True, timeout=10)
+            self.assertEqual(result.returncode, 1, result.stderr)
+            self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)

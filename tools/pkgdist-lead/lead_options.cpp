@@ -47,6 +47,11 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
                   "how long to wait for absent or silent nodes, and a push for another lead to end")
       ->type_name("SECONDS [30]")
       ->check(CLI::Range(0.1, 1e6));
+  command
+      .add_option_function<std::string>(
+          "--metrics", [o](const std::string& text) { o->metrics = cli::parse_endpoint(text); },
+          "serve numbers for Prometheus over HTTP at /metrics; ADDR is 127.0.0.1 unless given")
+      ->type_name("[ADDR:]PORT");
   command.add_option("--ttl", options.ttl, "routers that the multicast may pass, plus one")
       ->type_name("N [1]")
       ->check(CLI::Range(1, 255));

@@ -1,6 +1,7 @@
 // The command line of pkgdist-lead.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ struct LeadOptions {
   std::string control_path;    // of the control socket; empty: see control_path.h
   uint64_t rate_bits = 0;      // 0: adaptive
   uint64_t max_rate_bits = 0;  // 0: built in
+  std::optional<cli::Endpoint> metrics;
   double timeout_seconds = 30;
   uint32_t ttl = 1;
 

@@ -42,7 +42,12 @@ pid_t spawn_shell(const std::string& command, int input) {
   sigset_t none;
   sigemptyset(&none);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  // The server of --metrics ignores broken pipes; a command shall not.
+  sigset_t usual;
+  sigemptyset(&usual);
+  sigaddset(&usual, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &usual);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   std::string shell = "sh", option = "-c", text = command;
   char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
   pid_t child = 0;

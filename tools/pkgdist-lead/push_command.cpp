@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "control_server.h"
+#include "metrics.h"
 #include "progress.h"
 #include "push_view.h"
 #include "session.h"
@@ -142,6 +143,7 @@ int push_command(const LeadOptions& options) {
     return usage_error(problem);
   (void)session.hears_leads(reporter);
   const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
+  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
   const Course course(session.lead(), request.node_timeout);
   PushView view(reporter);
   bool ran = false;
@@ -151,6 +153,7 @@ int push_command(const LeadOptions& options) {
         [&](lead::Time now) {
           display.run(session.lead(), now);
           if (control) control->run(now);
+          if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
           return course.blocked(now) ||
                  (!session.lead().push_running() && (!control || !control->busy()));
         },

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "control_server.h"
 #include "message_runner.h"
+#include "metrics.h"
 #include "reporter.h"
 #include "session.h"
 
@@ -18,6 +19,7 @@ int serve_command(const LeadOptions& options) {
   Session session(options, reporter);
   if (!session.hears_leads(reporter) && options.standby) return cli::kExitFailure;
   const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
+  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
   MessageRunner runner(options.on_message, session.poller(), reporter);
   reporter.on_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
                             std::span<const uint8_t> bytes) { runner.add(node, msg_class, bytes); };
@@ -26,6 +28,7 @@ int serve_command(const LeadOptions& options) {
   session.run(
       [&](lead::Time now) {
         if (control) control->run(now);
+        if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
         return false;
       },
       lead::kSecond);
