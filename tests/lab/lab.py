@@ -214,11 +214,12 @@ class Lab:
 
 
 class Programs:
-    """The two programs of one build, with the options that all of them share."""
+    """The programs of one build, with the options that all of them share."""
 
     def __init__(self, build):
         self.lead = os.path.join(build, "bin", "pkgdist-lead")
         self.node = os.path.join(build, "bin", "pkgdist-node")
+        self.doctor = os.path.join(build, "bin", "pkgdist-doctor")
 
     def start_node(self, host, directory, *arguments, log=None, location=None):
         """A node that receives into `directory`; its events go to the file `log` as JSON."""
