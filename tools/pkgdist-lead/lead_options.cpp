@@ -153,6 +153,20 @@ void add_requests(CLI::App& app, LeadOptions& options) {
   remove->callback([o] { o->command = Command::kDelete; });
 }
 
+void add_report(CLI::App& app, LeadOptions& options) {
+  LeadOptions* o = &options;
+  CLI::App* report =
+      app.add_subcommand("report", "make a page about a push of the events that it printed");
+  report
+      ->add_option("EVENTS", options.events_path,
+                   "what 'push --json' has printed; - for standard input")
+      ->required();
+  report->add_option("-o,--output", options.page_path, "the page")
+      ->type_name("FILE.html")
+      ->required();
+  report->callback([o] { o->command = Command::kReport; });
+}
+
 }  // namespace
 
 uint32_t require_interface(const LeadOptions& options) {
@@ -172,6 +186,7 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_push(app, options);
   add_serve(app, options);
   add_requests(app, options);
+  add_report(app, options);
 }
 
 }  // namespace pkgdist::lead_program

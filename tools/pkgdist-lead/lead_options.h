@@ -9,7 +9,7 @@
 
 namespace pkgdist::lead_program {
 
-enum class Command { kPush, kServe, kMessage, kCancel, kDelete };
+enum class Command { kPush, kServe, kMessage, kCancel, kDelete, kReport };
 
 struct LeadOptions {
   cli::CommonOptions common;
@@ -40,6 +40,10 @@ struct LeadOptions {
   std::string message;
   uint32_t transaction = 0;
   double answer_seconds = 10;  // of delete, too
+
+  // report
+  std::string events_path;  // "-": standard input
+  std::string page_path;
 };
 
 // The own address; throws when --interface was not given.

@@ -1,6 +1,7 @@
 // pkgdist-lead: brings files to the nodes of a cluster (push), answers their requests (serve), and
 // has a lead that runs send them messages and lists to cancel and to delete.
 #include "commands.h"
+#include "push_page.h"
 
 int main(int argc, char** argv) {
   using namespace pkgdist;
@@ -11,6 +12,8 @@ int main(int argc, char** argv) {
   return cli::run_cli(app, argc, argv, [&] {
     if (options.command == Command::kPush) return lead_program::push_command(options);
     if (options.command == Command::kServe) return lead_program::serve_command(options);
+    if (options.command == Command::kReport)
+      return lead_program::report_command(options.events_path, options.page_path);
     return lead_program::request_command(options);
   });
 }

@@ -1,0 +1,112 @@
+"""The page about a push: made of the events that the push printed, whole in itself, and true."""
+
+import html.parser
+import json
+import os
+import re
+import subprocess
+
+import tree
+from support import ROOT, SystemTest, summary
+
+HOSTILE = "<script>alert('1')</script>&\"quoted\".deb"
+
+
+class Reader(html.parser.HTMLParser):
+    """Collects the text and everything that a page could load."""
+
+    def __init__(self):
+        super().__init__()
+        self.text, self.open, self.loads = [], [], []
+
+    def handle_starttag(self, tag, attributes):
+        if tag != "meta":
+            self.open.append(tag)
+        self.loads += [value for name, value in attributes if name in ("src", "href", "xlink:href")]
+        if tag in ("script", "link", "iframe", "img", "object"):
+            self.loads.append(tag)
+
+    def handle_startendtag(self, tag, attributes):
+        pass
+
+    def handle_endtag(self, tag):
+        assert self.open.pop() == tag, tag
+
+    def handle_data(self, data):
+        self.text.append(data)
+
+
+class PushPage(SystemTest):
+    def page(self, events, expect=0):
+        source, target = os.path.join(self.directory("page"), "events"), os.path.join(self.directory("page"), "html")
+        with open(source, "w", encoding="utf-8") as file:
+            file.write("a line of something else\n" + "".join(json.dumps(event) + "\n" for event in events))
+        result = subprocess.run([self.programs.lead, "report", source, "-o", target], capture_output=True, text=True,
+                                timeout=20)
+        self.assertEqual((result.returncode, result.stdout), (expect, ""))
+        if expect:
+            return result.stderr
+        self.assertEqual(result.stderr, "")
+        with open(target, encoding="utf-8") as file:
+            content = file.read()
+        reader = Reader()
+        reader.feed(content)
+        self.assertEqual((reader.open, reader.loads), ([], []))
+        self.assertNotIn("url(", content)
+        return re.sub(r"\s+", " ", " ".join(reader.text)), content
+
+    def test_a_push_with_a_lossy_and_a_full_node_is_told_with_reasons(self):
+        tree.add(self.content, HOSTILE, 200_000)
+        tree.add(self.content, "big", 6_000_000)
+        lossy, full, good = self.net.nodes
+        lossy.lose(5)
+        self.mount(os.path.join(ROOT, "full"), "size=1m")
+        self.start_node(lossy)
+        self.start_node(full, location=f"1={os.path.join(ROOT, 'full')}")
+        self.start_node(good)
+        result = self.push("--rate", "20", expect=1)
+        end = summary(result)
+        text, content = self.page(result.events)
+        ratio = next(n["repair_ratio"] for n in end["nodes"] if n["node"] == lossy.address)
+        self.assertIn(f"lost {100 * ratio:.1f} % of its segments", text)
+        self.assertIn("its disk was full", text)
+        self.assertRegex(text, rf"{good.address} complete [\d.]+ 0 not known")
+        self.assertIn("not complete", text)
+        self.assertIn(f"{end['seconds']:.2f} s", text)
+        self.assertIn(f"{end['repairs_sent']} of {end['segments_sent']}", text)
+        ideal = end["bytes_received"] * 8 / 20e6
+        self.assertIn(f"{end['seconds'] / ideal:.2f} times the {ideal:.2f} s of 20.0 Mbit/s once", text)
+        self.assertGreaterEqual(content.count("<polyline"), 4)
+        self.assertNotIn("<script", content)
+
+    def test_reasons_that_are_not_in_the_events_are_not_known(self):
+        tree.add(self.content, "file", 100_000)
+        self.start_nodes()
+        text, _ = self.page(self.push().events)
+        self.assertIn("every node has every file", text)
+        self.assertEqual(len(re.findall(r"10\.71\.0\.\d complete [\d.]+ 0 not known", text)), 3)
+        self.assertIn("No node asked for anything again", text)
+
+    def test_names_are_shown_as_they_are_and_never_run(self):
+        end = {"event": "push-finished", "complete": False, "seconds": 1, "nodes": [
+            {"node": "<b>10.0.0.1</b>", "state": "failed", "seconds": 1,
+             "failed": [{"name": HOSTILE, "text": "<i>"}], "open": [HOSTILE]}]}
+        text, content = self.page([{"event": "push-started", "transaction": 7}, end])
+        self.assertEqual(text.count(HOSTILE), 2)
+        self.assertEqual(re.findall(r"<(?:b|i|script)>", content), [])
+
+    def test_a_node_that_came_late_fell_silent_or_was_restarted_is_told(self):
+        def of(node, event, time):
+            return {"event": event, "time": time, "node": node}
+
+        nodes = [{"node": name, "state": "complete", "seconds": 9} for name in ("late", "silent", "early")]
+        text, _ = self.page([
+            of("early", "node-appeared", 90), {"event": "push-started", "time": 100}, of("late", "node-appeared", 103.5),
+            of("silent", "node-silent", 104), of("silent", "node-returned", 106.5), of("silent", "node-restarted", 107),
+            {"event": "push-finished", "complete": True, "seconds": 9, "nodes": nodes}])
+        self.assertIn("late complete 9.00 0 joined 3.5 s after the start", text)
+        self.assertIn("silent complete 9.00 0 restarted 1 times; silent for 2.5 s", text)
+        self.assertIn("early complete 9.00 0 not known", text)
+
+    def test_events_without_the_end_of_a_push_make_no_page(self):
+        self.assertIn("no push has ended", self.page([{"event": "push-started"}], expect=1))
