@@ -24,9 +24,6 @@ class ContentWindow {
     return 0;
   }
 
-  // Forgets what it holds: the next read sees the file as it is then.
-  void clear() { length_ = 0; }
-
  private:
   static constexpr size_t kBytes = 128 * 1024;
 

@@ -12,7 +12,8 @@ constexpr double kSteepGain = 1.35;
 constexpr double kGain = 1.03;
 constexpr double kSlowGain = 1.004;
 constexpr double kNearCeiling = 0.92;
-// What was reached so nearly counts as tried; what is farther off is drawn near.
+// What was reached so nearly counts as tried; what is farther off than that is drawn near.
+constexpr double kTried = 0.9;
 constexpr double kReached = 0.8;
 
 // A trial: the first periods still see requests for what was sent before the cut.
@@ -115,9 +116,9 @@ void RateControl::on_period(const Period& period) {
 }
 
 void RateControl::rise(const Period& period) {
-  const bool tried = period.sent_bits == 0 || period.sent_bits >= rate_ * kReached;
+  const bool tried = period.sent_bits == 0 || period.sent_bits >= rate_ * kTried;
   if (!period.limited || !tried || period.delay > kRelaxedDelay) return;
-  proven_ = std::max(proven_, std::max(period.sent_bits, rate_ * kReached));
+  proven_ = std::max(proven_, std::max(period.sent_bits, rate_ * kTried));
   const bool steep = starting_ || rate_ < proven_;
   const bool near = rate_ > kNearCeiling * ceiling_;
   rate_ = std::min(max_, rate_ * (near ? kSlowGain : steep ? kSteepGain : kGain));

@@ -191,6 +191,25 @@ class FailuresOfTheContent(SystemTest):
         self.assertTrue(lead.finish()["complete"])
         self.assert_received()
 
+    def test_a_file_that_is_written_to_while_it_is_sent_fails_and_is_never_mixed(self):
+        tree.add(self.content, "large", 20_000_000)
+        tree.add(self.content, "other", 3_000)
+        self.start_nodes()
+        lead = self.start_push("--rate", "100")
+        partial = os.path.join(self.directory_of(self.net.nodes[0]), "large.tmp")
+        lab.wait_until(lambda: os.path.exists(partial) and os.path.getsize(partial) > 1_000_000,
+                       what="the file to be under way")
+        with open(os.path.join(self.content, "large"), "r+b") as file:
+            file.seek(15_000_000)
+            file.write(b"changed in its place")
+        end = lead.finish(expect=1)
+        for address, failed in failures(end).items():
+            self.assertEqual(failed, {"large": errno_status(errno.ESTALE)}, address)
+        for node in self.net.nodes:
+            self.assertEqual(sorted(lab.manifest(self.directory_of(node))), ["other"])
+        self.push()
+        self.assert_received()
+
     def test_an_interrupted_push_says_so_and_ends_with_status_1(self):
         tree.small(self.content, small_files=10)
         lead = self.gathering_push()

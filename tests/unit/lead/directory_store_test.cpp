@@ -46,6 +46,42 @@ class DirectoryStoreTest : public testing::Test {
 
 using Names = std::vector<std::string>;
 
+// A file system's clock may stand still between two changes of a test.
+void set_times(const fs::path& path, time_t seconds) {
+  const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(DirectoryStoreTest, a_file_that_is_written_to_cannot_be_read_any_further) {
+  write("file", "0123456789");
+  set_times(root_ / "file", 1'000'000'000);
+  ASSERT_EQ(open("file"), 0);
+  std::array<uint8_t, 3> bytes{};
+  ASSERT_EQ(content_->read(0, bytes), 0);
+  std::fstream(root_ / "file", std::ios::in | std::ios::out) << 'X';
+  EXPECT_EQ(content_->read(3, bytes), ESTALE);
+  ASSERT_EQ(open("file"), 0);
+  ASSERT_EQ(content_->read(0, bytes), 0);
+  EXPECT_EQ(bytes[0], 'X');
+}
+
+TEST_F(DirectoryStoreTest, a_file_that_takes_the_place_of_another_is_told_apart) {
+  write("file", "0123456789");
+  write("other", "9876543210");
+  set_times(root_ / "file", 1'000'000'000);
+  set_times(root_ / "other", 1'000'000'000);
+  ASSERT_EQ(open("file"), 0);
+  const FileAttributes before = attributes_;
+  ASSERT_EQ(open("file"), 0);
+  EXPECT_EQ(attributes_, before);
+  fs::rename(root_ / "other", root_ / "file");
+  std::array<uint8_t, 1> bytes{};
+  EXPECT_EQ(content_->read(0, bytes), 0);  // what is open is the old one
+  EXPECT_EQ(bytes[0], '0');
+  ASSERT_EQ(open("file"), 0);
+  EXPECT_NE(attributes_, before);
+}
+
 TEST_F(DirectoryStoreTest, reads_a_file_by_offset) {
   write("dir/file", "0123456789");
   ASSERT_EQ(open("dir/file"), 0);

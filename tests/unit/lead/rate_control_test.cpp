@@ -53,6 +53,69 @@ TEST(RateControl, falls_when_nodes_answer_late) {
   EXPECT_LT(control.rate_bits(), before);
 }
 
+TEST(RateControl, one_answer_that_is_a_little_late_is_chance) {
+  RateControl control(0);
+  const uint64_t before = control.rate_bits();
+  control.on_period({0, 20 * kMillisecond, true});
+  EXPECT_EQ(control.rate_bits(), before);
+  control.on_period({0, 20 * kMillisecond, true});
+  EXPECT_LT(control.rate_bits(), before);
+}
+
+// A node that writes at its own speed, behind a buffer that holds so much time of it.
+struct SlowNode {
+  double speed;
+  double buffer_seconds;
+  double queued = 0;  // seconds
+  double lost = 0;    // bits
+  double taken = 0;
+
+  RateControl::Period period(const RateControl& control) {
+    const double seconds = static_cast<double>(RateControl::kPeriod) / kSecond;
+    const double sent = static_cast<double>(control.rate_bits()) * seconds;
+    queued = std::max(0.0, queued + sent / speed - seconds);
+    const double over = std::max(0.0, queued - buffer_seconds) * speed;
+    queued = std::min(queued, buffer_seconds);
+    lost += over;
+    taken += sent - over;
+    return {over / sent, static_cast<Time>(queued * kSecond) + 1, true, sent / seconds};
+  }
+};
+
+TEST(RateControl, keeps_a_queue_short_before_it_overflows) {
+  RateControl control(0);
+  SlowNode node{1.5e9, 0.05};
+  for (int i = 0; i < 50; ++i) control.on_period(node.period(control));
+  node.lost = node.taken = 0;
+  for (int i = 0; i < 500; ++i) control.on_period(node.period(control));
+  EXPECT_EQ(node.lost, 0);
+  EXPECT_GT(node.taken / 10, 0.85 * node.speed);  // in 10 s
+}
+
+TEST(RateControl, is_drawn_near_to_what_the_lead_reaches) {
+  RateControl control(0);
+  for (int i = 0; i < 100; ++i) {
+    const double sent = std::min(1e9, static_cast<double>(control.rate_bits()));
+    control.on_period({0, kMillisecond, true, sent});
+  }
+  EXPECT_GE(control.rate_bits(), 1'000'000'000u);
+  EXPECT_LE(control.rate_bits(), 1'300'000'000u);
+}
+
+TEST(RateControl, comes_back_at_once_to_what_was_reached_before_the_lead_was_held_up) {
+  RateControl control(0);
+  const auto run = [&](double reachable, int periods) {
+    for (int i = 0; i < periods; ++i)
+      control.on_period(
+          {0, kMillisecond, true, std::min(reachable, static_cast<double>(control.rate_bits()))});
+  };
+  run(2e9, 50);
+  run(2e8, 3);
+  ASSERT_LT(control.rate_bits(), 300'000'000u);
+  run(2e9, 10);
+  EXPECT_GT(control.rate_bits(), 1'600'000'000u);
+}
+
 TEST(RateControl, does_not_rise_on_what_was_not_tried) {
   RateControl control(0);
   const uint64_t before = control.rate_bits();

@@ -1,0 +1,33 @@
+#include "queue_probe.h"
+
+#include <gtest/gtest.h>
+
+namespace pkgdist::lead {
+namespace {
+
+TEST(QueueProbe, an_answer_tells_the_time_since_its_own_question) {
+  QueueProbe probe;
+  probe.sent(7, 100 * kMillisecond);
+  probe.sent(8, 120 * kMillisecond);
+  EXPECT_EQ(probe.answered(7, 125 * kMillisecond), 25 * kMillisecond + 1);
+  EXPECT_EQ(probe.answered(8, 125 * kMillisecond), 5 * kMillisecond + 1);
+}
+
+TEST(QueueProbe, every_node_asked_may_answer) {
+  QueueProbe probe;
+  probe.sent(7, kSecond);
+  EXPECT_NE(probe.answered(7, kSecond + 1), 0u);
+  EXPECT_NE(probe.answered(7, kSecond + 2), 0u);
+}
+
+TEST(QueueProbe, other_answers_are_none) {
+  QueueProbe probe;
+  EXPECT_EQ(probe.answered(kNoTransfer, kSecond), 0u);
+  probe.sent(7, kSecond);
+  EXPECT_EQ(probe.answered(6, 2 * kSecond), 0u);
+  for (TransferId number = 100; number < 200; ++number) probe.sent(number, kSecond);
+  EXPECT_EQ(probe.answered(7, 2 * kSecond), 0u);
+}
+
+}  // namespace
+}  // namespace pkgdist::lead
