@@ -142,8 +142,8 @@ class Doctor(SystemTest):
         self.assertEqual(alone.levels(), {("network", "warning")})
         self.assertEqual(alone.status, WARNINGS)
 
-    def test_a_loss_of_a_fifth_is_a_warning(self):
-        self.net.nodes[0].lose(20)
+    def test_loss_is_a_warning(self):
+        self.net.nodes[0].lose(40)
         at_lead, at_node = self.both("--seconds", "2")
         for examination in (at_lead, at_node):
             self.assert_finding(examination, "loss", "warning")

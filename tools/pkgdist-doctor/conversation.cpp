@@ -19,7 +19,9 @@ namespace pkgdist::doctor {
 
 namespace {
 
-constexpr double kSendPeriod = 0.2;
+constexpr double kSendPeriod = 0.1;
+// Hosts that get probes of their own in one round; of more, each gets its turn.
+constexpr size_t kPeersInRound = 20;
 constexpr int kTickMs = 20;
 // The oldest are forgotten when more than these are heard.
 constexpr size_t kMaxPeers = 1000;
@@ -169,7 +171,8 @@ void Conversation::send_round() {
   send(kControl, nullptr);
   if (lead)
     for (const Path path : {kControlFull, kData, kDataFull}) send(path, nullptr);
-  for (Peer& peer : peers_) {
+  for (size_t i = 0; i < std::min(kPeersInRound, peers_.size()); ++i) {
+    Peer& peer = peers_[next_peer_++ % peers_.size()];
     if (peer.role == options_.role) continue;
     send(kUnicast, &peer);
     send(kUnicastFull, &peer);

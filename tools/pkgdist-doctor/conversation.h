@@ -90,7 +90,8 @@ class Conversation {
   std::array<int, kPaths> errors_{};
   Counts sent_{};  // to all
   std::vector<Peer> peers_;
-  size_t turn_ = 0;  // the next peer to be mentioned to all
+  size_t turn_ = 0;       // the next peer to be mentioned to all
+  size_t next_peer_ = 0;  // to get probes of its own
   std::map<std::pair<uint32_t, uint32_t>, HeardLead> leads_;
   bool another_of_us_ = false;
 };
