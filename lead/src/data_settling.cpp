@@ -297,6 +297,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->progress();
 
   uint32_t gone = 0;
+  transfer->repairs.set_holdoff(2 * round_trip_);
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
     transfer->repairs.request(from, count, now);
     gone += count;

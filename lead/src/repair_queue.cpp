@@ -6,10 +6,10 @@ namespace pkgdist::lead {
 
 void RepairQueue::rotate(Time now) {
   const Time passed = elapsed(now, rotated_);
-  if (passed < kHoldoff) return;
+  if (passed < holdoff_) return;
   std::swap(recent_, older_);
   recent_.clear();
-  if (passed >= 2 * kHoldoff) older_.clear();
+  if (passed >= 2 * holdoff_) older_.clear();
   rotated_ = now;
 }
 

@@ -6,6 +6,8 @@
 // for seconds.
 #pragma once
 
+#include <algorithm>
+
 #include "pkgdist_lead/time.h"
 #include "segment_set.h"
 
@@ -15,6 +17,10 @@ class RepairQueue {
  public:
   explicit RepairQueue(uint32_t segments)
       : due_(segments), recent_(segments), older_(segments), asked_(segments) {}
+
+  // How long a segment that was repaired is held back at least: a round trip, in which requests
+  // arrive that were sent before the repair came.
+  void set_holdoff(Time round_trip) { holdoff_ = std::clamp(round_trip, kMinHoldoff, kMaxHoldoff); }
 
   // Enters a run inside the file; returns how many segments became due.
   uint32_t request(uint32_t first, uint32_t num, Time now);
@@ -30,8 +36,10 @@ class RepairQueue {
   void clear() { due_.clear(); }
 
  private:
-  // A segment is held back for one to two of these.
-  static constexpr Time kHoldoff = 12 * kMillisecond;
+  // Nodes have queues of their own, which a short round trip does not show; one that asks again
+  // after its time-out must not be held back.
+  static constexpr Time kMinHoldoff = 12 * kMillisecond;
+  static constexpr Time kMaxHoldoff = 500 * kMillisecond;
   void rotate(Time now);
 
   SegmentSet due_;
@@ -39,6 +47,7 @@ class RepairQueue {
   SegmentSet older_;   // repaired in the period before
   SegmentSet asked_;
   Time rotated_ = 0;
+  Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these
   uint32_t cursor_ = 0;
 };
 

@@ -28,6 +28,23 @@ TEST(RepairQueue, repairs_a_segment_again_after_the_holdoff) {
   EXPECT_EQ(queue.request(5, 1, kSecond + 30 * kMillisecond), 1u);
 }
 
+TEST(RepairQueue, a_repair_on_a_long_way_is_not_sent_again_before_it_can_have_come) {
+  RepairQueue queue(100);
+  queue.set_holdoff(100 * kMillisecond);
+  queue.request(5, 1, kSecond);
+  queue.take(kSecond);
+  EXPECT_EQ(queue.request(5, 1, kSecond + 90 * kMillisecond), 0u);
+  EXPECT_EQ(queue.request(5, 1, kSecond + 250 * kMillisecond), 1u);
+}
+
+TEST(RepairQueue, however_long_the_way_a_node_s_time_out_is_heeded) {
+  RepairQueue queue(100);
+  queue.set_holdoff(30 * kSecond);
+  queue.request(5, 1, kSecond);
+  queue.take(kSecond);
+  EXPECT_EQ(queue.request(5, 1, 3 * kSecond), 1u);
+}
+
 TEST(RepairQueue, goes_on_where_it_stood) {
   RepairQueue queue(100);
   queue.request(50, 1, kSecond);
