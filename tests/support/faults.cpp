@@ -21,6 +21,8 @@
 #include <new>
 #include <utility>
 
+#include "fault_wrap.h"
+
 namespace support {
 namespace {
 
@@ -189,13 +191,6 @@ using support::faults::failing;
       return failure;                                                        \
     }                                                                        \
     return __real_##name arguments;                                          \
-  }
-#define PKGDIST_WRAP_RESULT(call, name, parameters, arguments) \
-  extern "C" int __real_##name parameters;                     \
-  extern "C" int __wrap_##name parameters;                     \
-  extern "C" int __wrap_##name parameters {                    \
-    if (int error = failing(call); error != 0) return error;   \
-    return __real_##name arguments;                            \
   }
 
 #define PKGDIST_WRAP_ALLOCATION(call, type, name, parameters, arguments, bytes) \

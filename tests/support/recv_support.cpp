@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 
+#include "fault_wrap.h"
 #include "pkgdist_data_recv_file_thread.h"
 #include "pkgdist_data_recv_rx_thread.h"
 #include "pkgdist_log.h"
@@ -371,13 +372,6 @@ extern "C" int qtrace_enable_configuration(qtrace_handle_t trace, uint64_t confi
 
 // --- Wrapped functions of the platform and the codec ---
 
-#define PKGDIST_WRAP_RESULT(call, name, parameters, arguments) \
-  extern "C" int __real_##name parameters;                     \
-  extern "C" int __wrap_##name parameters;                     \
-  extern "C" int __wrap_##name parameters {                    \
-    if (int error = failing(call); error != 0) return error;   \
-    return __real_##name arguments;                            \
-  }
 #define PKGDIST_WRAP_ENCODE(call, type)                                                       \
   extern "C" ssize_t __real_qidl_##type##_encode_ext(const struct type* message, uint8_t* to, \
                                                      size_t n);                               \
