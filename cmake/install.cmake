@@ -46,10 +46,25 @@ install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-d
 install(FILES docs/architecture.md docs/integration.md docs/wire-format.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev COMPONENT development)
 
+install(FILES packaging/man/pkgdist.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+  COMPONENT development)
+
 if(PKGDIST_PROGRAMS)
   file(RELATIVE_PATH from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${PKGDIST_PROGRAMS} PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin}")
   install(TARGETS ${PKGDIST_PROGRAMS} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES packaging/systemd/pkgdist-lead.service packaging/systemd/pkgdist-node.service
+    DESTINATION lib/systemd/system COMPONENT tools)
+  install(FILES packaging/sysctl/60-pkgdist.conf DESTINATION lib/sysctl.d COMPONENT tools)
+  foreach(program IN LISTS PKGDIST_PROGRAMS)
+    install(FILES packaging/completion/pkgdist.bash RENAME ${program}
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+    install(FILES packaging/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+      COMPONENT tools)
+  endforeach()
+  install(FILES packaging/man/pkgdist.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
+  install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
+    COMPONENT tools)
   install(FILES docs/operations.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

@@ -2,10 +2,12 @@
 
 Runs the commands of docs/integration.md in a directory that looks like the source tree with the
 build under test as its build/release, then looks at what they made and runs it, on the loopback
-network of a network namespace where the system allows one. The last line counts the tests.
+network of a network namespace where the system allows one. With the programs out of the packages it
+also runs the commands of the other documents (documents.py). The last line counts the tests.
 """
 
 import argparse
+import atexit
 import os
 import re
 import shutil
@@ -18,6 +20,9 @@ import unittest
 
 SOURCE = os.path.realpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 sys.path.insert(0, os.path.join(SOURCE, "tests", "lab"))
+sys.path.insert(0, os.path.join(SOURCE, "tests", "docs"))
+import boxes  # noqa: E402
+import documents  # noqa: E402
 import lab  # noqa: E402
 
 GUIDE = os.path.join(SOURCE, "docs", "integration.md")
@@ -28,7 +33,7 @@ NODE = lab.Loopback("127.0.0.2")
 def commands_of(guide):
     """The ```sh boxes of a page, one after the other."""
     with open(guide, encoding="utf-8") as file:
-        return "\n".join(re.findall(r"^```sh\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL))
+        return "\n".join(box.commands for box in boxes.boxes(file.read()) if box.runs)
 
 
 class TimedResult(unittest.TextTestResult):
@@ -73,14 +78,15 @@ class Workplace:
         shutil.rmtree(self.path, ignore_errors=True)
 
 
-def setUpModule():
+def prepare(build):
     """Everything that the tests look at is what the guide has made."""
     global PLACE, ROOT, GUIDE_RUN, TOOLS
-    PLACE = Workplace(BUILD)
-    unittest.addModuleCleanup(PLACE.remove)
+    PLACE = Workplace(build)
+    atexit.register(PLACE.remove)
     GUIDE_RUN = PLACE.run_guide()
     ROOT = PLACE.at("build", "root")
     TOOLS = lab.Programs(os.path.join(ROOT, "usr"))
+    documents.Documents.ROOT = ROOT
 
 
 def files_below(root):
@@ -140,7 +146,7 @@ class Packages(unittest.TestCase):
 
     def test_the_tools_are_the_programs(self):
         programs = [name for name in contents("pkgdist-tools") if name.startswith("usr/bin/")]
-        self.assertLessEqual({"usr/bin/pkgdist-lead", "usr/bin/pkgdist-node"}, set(programs))
+        self.assertEqual({f"usr/bin/{name}" for name in PROGRAMS}, set(programs))
 
     def test_every_public_header_is_there(self):
         for part in ("pkgdist", "platform"):
@@ -166,6 +172,86 @@ class Packages(unittest.TestCase):
             sections = subprocess.run(["readelf", "-SW", os.path.join(ROOT, name)],
                                       capture_output=True, text=True, check=True).stdout
             self.assertNotIn(".debug_info", sections, name)
+
+
+PROGRAMS = ("pkgdist-doctor", "pkgdist-lead", "pkgdist-node", "pkgdist-stat", "pkgdist-trace")
+
+
+class Service(unittest.TestCase):
+    """What is beside the programs: units, kernel settings, manual pages, completion."""
+
+    def at(self, *parts):
+        return os.path.join(ROOT, "usr", *parts)
+
+    def test_the_units_are_valid_and_hardened(self):
+        for name in ("pkgdist-lead", "pkgdist-node"):
+            with open(self.at("lib", "systemd", "system", f"{name}.service"), encoding="utf-8") as file:
+                unit = file.read()
+            place = os.path.join(PLACE.at("build"), f"{name}.service")
+            with open(place, "w", encoding="utf-8") as file:
+                file.write(unit.replace(f"ExecStart={name}", f"ExecStart={self.at('bin', name)}"))
+            verified = self.analyze("verify", "--man=no", place)
+            self.assertEqual((verified.returncode, verified.stderr), (0, ""))
+            # Of 10; what is left is the network.
+            exposed = self.analyze("security", "--offline=true", "--threshold=15", place)
+            self.assertEqual(exposed.returncode, 0, exposed.stdout)
+
+    @staticmethod
+    def analyze(*arguments):
+        return subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True, timeout=60)
+
+    def test_the_kernel_settings_allow_the_buffers_that_programs_ask_for(self):
+        with open(self.at("lib", "sysctl.d", "60-pkgdist.conf"), encoding="utf-8") as file:
+            settings = dict(re.findall(r"^([a-z_.]+) = (\d+)$", file.read(), re.MULTILINE))
+        self.assertEqual(settings, {"net.core.rmem_max": str(8 << 20), "net.core.wmem_max": str(2 << 20)})
+
+    def test_every_page_of_the_manual_is_clean(self):
+        pages = [self.at("share", "man", f"man{page[-1]}", page)
+                 for page in (*[f"{program}.1" for program in PROGRAMS], "pkgdist.3", "pkgdist.7")]
+        result = subprocess.run(["mandoc", "-Tlint", "-W", "warning", *pages], capture_output=True, text=True,
+                                timeout=60)
+        self.assertEqual((result.returncode, result.stdout + result.stderr), (0, ""))
+
+    def test_every_option_has_its_line_in_the_manual(self):
+        for program in PROGRAMS:
+            page = subprocess.run(["mandoc", "-Tascii", self.at("share", "man", "man1", f"{program}.1")],
+                                  capture_output=True, text=True, timeout=60).stdout
+            page = re.sub(r".\x08", "", page)  # overstrikes
+            for option in self.options(program):
+                self.assertRegex(page, rf"(?<![\w-]){option}(?![\w-])", program)
+
+    def options(self, program):
+        text = self.help(program)
+        for command in re.findall(r"^  ([a-z]+)  ", text.partition("Subcommands:")[2], re.MULTILINE):
+            text += self.help(program, command)
+        return set(re.findall(r"(?:^  |,)(--[a-z][a-z-]*)", text, re.MULTILINE))
+
+    def help(self, program, *command):
+        return subprocess.run([self.at("bin", program), *command, "--help"], capture_output=True, text=True,
+                              check=True, timeout=10).stdout
+
+    def complete(self, *words):
+        """What bash offers for the last word."""
+        script = ('source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _pkgdist; '
+                  'printf "%s\\n" "${COMPREPLY[@]}"')
+        place = self.at("share", "bash-completion", "completions", words[0])
+        path = {"PATH": self.at("bin") + ":" + os.environ["PATH"]}
+        result = subprocess.run(["bash", "-c", script, place, *words], capture_output=True, text=True,
+                                env=os.environ | path, timeout=20)
+        self.assertEqual(result.stderr, "")
+        return set(result.stdout.split())
+
+    def test_bash_completes_commands_and_options_of_every_program(self):
+        self.assertEqual(self.complete("pkgdist-lead", ""),
+                         {"push", "serve", "message", "cancel", "delete", "report"})
+        self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
+        self.assertEqual(self.complete("pkgdist-doctor", "--inter"), {"--interface"})
+        self.assertIn("--standby", self.complete("pkgdist-lead", "serve", "--"))
+        self.assertIn("--interface", self.complete("pkgdist-lead", "serve", "--"))
+        self.assertNotIn("--standby", self.complete("pkgdist-lead", "push", "--"))
+        self.assertEqual(self.complete("pkgdist-lead", "--location", ""), set())
+        for program in PROGRAMS:
+            self.assertLessEqual({"--help", "--version"}, self.complete(program, "--"), program)
 
 
 class Programs(unittest.TestCase):
@@ -271,18 +357,18 @@ def enter_namespace():
 
 
 def main():
-    global BUILD
     parser = argparse.ArgumentParser(description="Tests packages, installed files and examples.")
     parser.add_argument("build", help="the build directory to make the packages of")
     parser.add_argument("-k", dest="pattern", action="append", help="run matching tests only")
     options = parser.parse_args()
     enter_namespace()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # cleans up
-    BUILD = options.build
+    prepare(options.build)
     loader = unittest.TestLoader()
     if options.pattern:
         loader.testNamePatterns = [f"*{pattern}*" for pattern in options.pattern]
-    suite = loader.loadTestsFromModule(sys.modules[__name__])
+    suite = unittest.TestSuite(loader.loadTestsFromModule(module)
+                               for module in (sys.modules[__name__], documents))
     result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2,
                                      resultclass=TimedResult).run(suite)
     failed = len({test.id() for test, _ in result.failures + result.errors})
