@@ -84,6 +84,7 @@ TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
   transfers_.emplace(id, std::move(owned));
   by_key_.emplace(transfer.key.text(), id);
   transfer.tag = tag;
+  transfer.started = now;
   transfer.priority = priority;
   if (error != 0) transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
   // Without room it is opened again when its turn comes: what is before it needs the room earlier.

@@ -54,7 +54,7 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
 
 void PushJob::begin(Time now) {
   now_ = now;
-  summary_.started_at = now;
+  begun_ = summary_.started_at = now;
   for (NodeIndex i = 0; i < nodes_.size(); ++i)
     if (nodes_[i].info.pid != 0 && !nodes_[i].silent) on_node_fresh(i);
 }
@@ -326,12 +326,13 @@ void PushJob::feed() {
 }
 
 // Nodes have asked for the file by themselves, because an earlier push was interrupted. On a node
-// that has heard of this push the file ends for both at once, so one transfer does. It is too late
-// when a node may have ended the file before it heard: its report would not be about this push.
+// that has heard of this push the file ends for both at once, so one transfer does, if it brings
+// the file as it is now. It is too late when a node may have ended the file before it heard: its
+// report would not be about this push.
 void PushJob::take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes) {
   const Transfer& transfer = *data_.get(id);
   const bool may_have_ended = !transfer.first_turn || transfer.turn.done() >= transfer.segments;
-  if (transfer.status != 0 || may_have_ended) return;
+  if (transfer.status != 0 || transfer.started < begun_ || may_have_ended) return;
   data_.hand_over(id, file);
   make_active(file, id);
   for (const NodeIndex node : nodes) join(file, node);

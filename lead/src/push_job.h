@@ -122,6 +122,7 @@ class PushJob {
 
   Phase phase_ = Phase::kGathering;
   Time now_ = 0;
+  Time begun_ = 0;  // what was looked at earlier may have changed since
   PushReport summary_;
   std::vector<FileRange> pieces_;
   std::vector<Time> piece_deadline_;  // when files go out without the last acknowledgements

@@ -71,6 +71,7 @@ struct Transfer {
   const uint32_t segments;
 
   uint64_t tag = 0;  // the owner's
+  Time started = 0;  // when the content was looked at
   uint32_t priority = 0;
   uint64_t status = 0;  // non-zero: cannot be sent, nodes are told so
   Stage stage = Stage::kQueued;

@@ -386,6 +386,22 @@ TEST(Push, what_nodes_are_being_sent_when_the_push_begins_is_not_sent_again) {
   EXPECT_LT(cluster.lead().counters().segments_sent, 2100u);
 }
 
+TEST(Push, a_file_that_changed_since_nodes_asked_for_it_is_sent_as_it_is_now) {
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.rate_bits = 20'000'000;
+  LeadCluster cluster(settings);
+  cluster.store.add("file", pattern(500 * kSegment, 1));
+  cluster.add_hosts(2);
+  cluster.run_for(100 * kMillisecond);
+  cluster.node(0).get_file("file", 1, 1, 2, cluster.now());
+  ASSERT_TRUE(cluster.run_until([&] { return cluster.lead().counters().segments_sent > 100; },
+                                10 * kSecond));
+  cluster.store.add("file", pattern(300 * kSegment, 2), 0644, 99);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  EXPECT_TRUE(cluster.lead().push_report().complete());
+  EXPECT_TRUE(cluster.identical());
+}
+
 TEST(Push, a_node_that_is_not_of_the_push_is_served_while_the_push_gathers) {
   LeadCluster cluster;
   cluster.store.add("file", pattern(10'000, 1));
