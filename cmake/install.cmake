@@ -43,7 +43,7 @@ install(FILES ${PROJECT_BINARY_DIR}/pkgdist.pc
 
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev
   COMPONENT development)
-install(FILES docs/architecture.md docs/integration.md docs/wire-format.md
+install(FILES docs/architecture.md docs/integration.md docs/rationale.md docs/wire-format.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev COMPONENT development)
 
 install(FILES packaging/man/pkgdist.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
@@ -65,6 +65,7 @@ if(PKGDIST_PROGRAMS)
   install(FILES packaging/man/pkgdist.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
-  install(FILES docs/operations.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
+  install(FILES docs/start.md docs/operations.md docs/threat-model.md
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

@@ -40,6 +40,17 @@ TEST(NodeTable, a_late_message_of_the_replaced_process_is_ignored) {
   EXPECT_EQ(table[0].info.pid, 11u);
 }
 
+// What a datagram in a node's name with a process number made up does, see docs/threat-model.md.
+TEST(NodeTable, a_foreign_process_number_locks_the_process_out_until_a_third_is_seen) {
+  NodeTable table;
+  table.observe_control(reply(1, 10), 0, true, 50, 1);
+  table.observe_control(reply(1, 99), 0, false, 0, 2);
+  EXPECT_EQ(table.observe_control(reply(1, 10), 0, true, 51, 3).sighting, Sighting::kIgnored);
+  EXPECT_EQ(table.observe_data(1, 4).sighting, Sighting::kKnown);
+  table.observe_control(reply(1, 98), 0, false, 0, 5);
+  EXPECT_EQ(table.observe_control(reply(1, 10), 0, true, 52, 6).sighting, Sighting::kRestarted);
+}
+
 TEST(NodeTable, the_point_never_goes_back) {
   NodeTable table;
   table.observe_control(reply(1, 10), 0, true, 50, 1);
