@@ -55,8 +55,10 @@ def run_page(page, text, root):
         "LD_LIBRARY_PATH": os.path.join(root, "usr", "lib"), "LC_ALL": "C"}
     with tempfile.TemporaryDirectory(prefix="pkgdist-documents-") as place:
         commands = f". {SCENE}\n" + boxes.script(text, page)
-        result = subprocess.run([*SANDBOX, "bash", "-c", commands], cwd=place, env=environment,
-                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120)
+        # timeout(1) keeps what was said until then.
+        result = subprocess.run(["timeout", "100", *SANDBOX, "bash", "-c", commands], cwd=place,
+                                env=environment, stdin=subprocess.DEVNULL, capture_output=True,
+                                text=True, timeout=130)
     return Outcome(page, result)
 
 
