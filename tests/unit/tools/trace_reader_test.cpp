@@ -110,7 +110,8 @@ TEST(TraceReader, no_record_that_is_overwritten_while_it_is_read_comes_out_mixed
   TraceReader reader(own_trace_path());
   const size_t ring = index_of(reader, "mixed");
   size_t seen = 0, wrong = 0;
-  for (int round = 0; round < 20'000 && seen < 20'000; ++round) {
+  // How much of what it reads is whole depends on who runs when: as long as it takes.
+  for (int round = 0; round < 5'000'000 && (round < 2'000 || seen < 500); ++round) {
     for (const Record& record : reader.next(0)) {
       if (record.ring != ring) continue;
       ++seen;
@@ -124,7 +125,7 @@ TEST(TraceReader, no_record_that_is_overwritten_while_it_is_read_comes_out_mixed
   done = true;
   writer.join();
   EXPECT_EQ(0u, wrong) << "of " << seen;
-  EXPECT_GT(seen, 100u);
+  EXPECT_GE(seen, 500u);
 }
 
 class BrokenTrace : public testing::Test {
