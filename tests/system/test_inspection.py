@@ -208,7 +208,9 @@ class StatOfNodes(Inspection):
         self.assertIn("no process 'nobody'", self.stat("nobody", expect=1))
         self.assertIn("exclude each other", self.stat("--json", "--prometheus", expect=2))
         self.start_nodes()
-        lab.wait_until(lambda: len(self.stat("--all", "--json").splitlines()) == 2, what="two nodes")
+        stat = [os.path.join(self.bin, "pkgdist-stat"), "--all", "--json"]  # fails until one is there
+        lab.wait_until(lambda: len(subprocess.run(stat, capture_output=True).stdout.splitlines()) == 2,
+                       what="two nodes")
         self.assertEqual(len(self.stat("pkgdist-node").splitlines()), 3, "a list of two")
 
 
