@@ -8,7 +8,7 @@ constexpr double kStartBits = 400e6;  // below what a gigabit link and one proce
 constexpr double kMinBits = 20e6;
 constexpr double kDefaultMaxBits = 8e9;
 
-constexpr double kSteepGain = 1.35;
+constexpr double kSteepGain = 1.25;
 constexpr double kGain = 1.03;
 constexpr double kSlowGain = 1.004;
 constexpr double kNearCeiling = 0.92;
@@ -37,9 +37,9 @@ constexpr double kForget = 0.05;
 constexpr double kDelayCut = 0.85;
 constexpr int kDrainPeriods = 2;
 constexpr int kLateInARow = 2;
-constexpr Time kCongestedDelay = 16 * kMillisecond;
-constexpr Time kHopelessDelay = 40 * kMillisecond;
-constexpr Time kRelaxedDelay = 8 * kMillisecond;
+constexpr Time kCongestedDelay = 8 * kMillisecond;
+constexpr Time kHopelessDelay = 30 * kMillisecond;
+constexpr Time kRelaxedDelay = 4 * kMillisecond;
 
 }  // namespace
 
