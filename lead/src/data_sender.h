@@ -147,6 +147,7 @@ class DataSender {
   bool whole_again(const Transfer& transfer) const;
   bool worth_repeating(const Transfer& transfer) const;
   bool most_are_lacking(const Transfer& transfer) const;
+  bool worth_sending_twice(const Transfer& transfer) const;
   void enter_repair_line(Transfer& transfer);
   void begin_gathering(Transfer& transfer, Time now);
   bool gathers(Transfer& transfer, Time now);

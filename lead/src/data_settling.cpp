@@ -209,6 +209,13 @@ bool DataSender::worth_repeating(const Transfer& transfer) const {
   return costs_little(transfer) || transfer.repeated + asked <= transfer.segments / kLittlePart;
 }
 
+// What nodes ask for after the stream costs them a wait of seconds if it is lost again. While it is
+// little, it is sent twice.
+bool DataSender::worth_sending_twice(const Transfer& transfer) const {
+  return transfer.stage == Transfer::Stage::kSettling && transfer.segments > kSmallFile &&
+         loss_.info_copies() > 1 && transfer.late <= transfer.segments / kLittlePart;
+}
+
 void DataSender::enter_repair_line(Transfer& transfer) {
   if (transfer.in_repair_line || transfer.repairs.empty()) return;
   transfer.in_repair_line = true;
@@ -297,11 +304,14 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->progress();
 
   uint32_t gone = 0;
+  uint32_t due = 0;
   transfer->repairs.set_holdoff(2 * round_trip_);
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
-    transfer->repairs.request(from, count, now);
+    due += transfer->repairs.request(from, count, now);
     gone += count;
   });
+  if (transfer->stage == Transfer::Stage::kSettling) transfer->late += due;
+  transfer->repairs.set_echo(worth_sending_twice(*transfer));
   transfer->requested += gone;
   counters_.segments_requested += gone;
   loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));

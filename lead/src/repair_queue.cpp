@@ -25,6 +25,7 @@ uint32_t RepairQueue::take(Time now) {
   const uint32_t segment = due_.next(cursor_);
   due_.erase(segment);
   recent_.insert(segment);
+  if (echoing_) echo_.insert(segment);
   cursor_ = segment + 1;
   return segment;
 }

@@ -16,7 +16,7 @@ namespace pkgdist::lead {
 class RepairQueue {
  public:
   explicit RepairQueue(uint32_t segments)
-      : due_(segments), recent_(segments), older_(segments), asked_(segments) {}
+      : due_(segments), recent_(segments), older_(segments), asked_(segments), echo_(segments) {}
 
   // How long a segment that was repaired is held back at least: a round trip, in which requests
   // arrive that were sent before the repair came.
@@ -24,6 +24,17 @@ class RepairQueue {
 
   // Enters a run inside the file; returns how many segments became due.
   uint32_t request(uint32_t first, uint32_t num, Time now);
+
+  // What is taken from here on becomes due a second time by begin_echo(), or does not.
+  void set_echo(bool on) { echoing_ = on; }
+  // Makes everything due again that was taken since with an echo; false when there is nothing.
+  bool begin_echo() {
+    if (echo_.empty()) return false;
+    due_.insert_all(echo_);
+    echo_.clear();
+    echoing_ = false;
+    return true;
+  }
 
   bool empty() const { return due_.empty(); }
   // Takes the next due segment in rising order, going round. Not for an empty queue.
@@ -33,7 +44,10 @@ class RepairQueue {
   void repeat_asked() { due_.insert_all(asked_); }
   uint32_t asked() const { return asked_.count(); }
   void forget_asked() { asked_.clear(); }
-  void clear() { due_.clear(); }
+  void clear() {
+    due_.clear();
+    echo_.clear();
+  }
 
  private:
   // Nodes have queues of their own, which a short round trip does not show; one that asks again
@@ -46,6 +60,8 @@ class RepairQueue {
   SegmentSet recent_;  // repaired since rotated_
   SegmentSet older_;   // repaired in the period before
   SegmentSet asked_;
+  SegmentSet echo_;  // taken while echoing_
+  bool echoing_ = false;
   Time rotated_ = 0;
   Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these
   uint32_t cursor_ = 0;

@@ -101,6 +101,7 @@ struct Transfer {
   // Since nodes asked afresh, see forget_asked().
   uint64_t requested = 0;  // segments, as often as they were asked for
   uint64_t repeated = 0;   // segments sent again without a request
+  uint64_t late = 0;       // segments that became due after the stream had ended
   uint32_t repeats = 0;    // times that everything asked for was sent again
   uint32_t wholes = 0;     // times that the whole file was, to save a wait
   // While set, requests are gathered until then, or until all open nodes have asked.
@@ -123,7 +124,7 @@ struct Transfer {
   void progress() { stuck = mute = 0; }
   void forget_asked() {
     repairs.forget_asked();
-    requested = repeated = repeats = wholes = 0;
+    requested = repeated = late = repeats = wholes = 0;
   }
 };
 

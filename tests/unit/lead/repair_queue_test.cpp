@@ -55,6 +55,22 @@ TEST(RepairQueue, goes_on_where_it_stood) {
   EXPECT_EQ(queue.take(kSecond), 10u);
 }
 
+TEST(RepairQueue, what_is_taken_with_an_echo_comes_once_more) {
+  RepairQueue queue(100);
+  queue.request(1, 1, kSecond);
+  queue.take(kSecond);
+  queue.set_echo(true);
+  queue.request(7, 2, kSecond);
+  EXPECT_EQ(queue.take(kSecond), 7u);
+  EXPECT_EQ(queue.take(kSecond), 8u);
+  EXPECT_TRUE(queue.empty());
+  ASSERT_TRUE(queue.begin_echo());
+  EXPECT_EQ(queue.take(kSecond), 7u);
+  EXPECT_EQ(queue.take(kSecond), 8u);
+  EXPECT_TRUE(queue.empty());
+  EXPECT_FALSE(queue.begin_echo());
+}
+
 TEST(RepairQueue, repeats_what_was_asked_for_until_it_is_forgotten) {
   RepairQueue queue(100);
   queue.request(1, 2, kSecond);
