@@ -22,6 +22,9 @@ constexpr std::chrono::milliseconds kLookInterval{10};
 
 constexpr uint32_t kControlGroup = 0xEFFF4705;  // 239.255.71.5
 constexpr uint32_t kDataGroup = 0xEFFF4706;     // 239.255.71.6
+// Below 32768, where the system takes ports for sockets that ask for none.
+constexpr int kFirstPort = 20'000;
+constexpr int kPortSets = 2'500;
 enum Port : uint16_t { kControl, kData, kLead, kNode, kRequest, kPorts };
 
 sockaddr_in endpoint(uint32_t address, uint32_t port) {
@@ -108,7 +111,8 @@ Arrival expect(int fd, const std::function<bool(const Arrival&)>& accept) {
 }  // namespace
 
 ScriptedLead::ScriptedLead(uint32_t address)
-    : address_(address), base_port_(static_cast<uint16_t>(20'000 + getpid() % 4000 * kPorts)) {
+    : address_(address),
+      base_port_(static_cast<uint16_t>(kFirstPort + getpid() % kPortSets * kPorts)) {
   control_ = bound_socket(address, base_port_ + uint32_t{kLead});
   data_ = bound_socket(address, base_port_ + uint32_t{kRequest});
 }
