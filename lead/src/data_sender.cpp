@@ -367,7 +367,7 @@ bool DataSender::send_repair(Time now) {
   for (int i = 0; i < kRun && !transfer->repairs.empty(); ++i)
     if (!send_segment(*transfer, transfer->repairs.take(now), true, now)) break;
   repairing_.pop_front();
-  if (!transfer->repairs.empty() || transfer->repairs.begin_echo()) {
+  if (!transfer->repairs.empty()) {
     repairing_.push_back(transfer->id);
     return true;
   }

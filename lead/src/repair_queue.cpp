@@ -22,10 +22,12 @@ uint32_t RepairQueue::request(uint32_t first, uint32_t num, Time now) {
 
 uint32_t RepairQueue::take(Time now) {
   rotate(now);
-  const uint32_t segment = due_.next(cursor_);
-  due_.erase(segment);
+  const bool again = due_.empty();
+  SegmentSet& from = again ? echo_ : due_;
+  const uint32_t segment = from.next(cursor_);
+  from.erase(segment);
   recent_.insert(segment);
-  if (echoing_) echo_.insert(segment);
+  if (echoing_ && !again) echo_.insert(segment);
   cursor_ = segment + 1;
   return segment;
 }

@@ -25,19 +25,11 @@ class RepairQueue {
   // Enters a run inside the file; returns how many segments became due.
   uint32_t request(uint32_t first, uint32_t num, Time now);
 
-  // What is taken from here on becomes due a second time by begin_echo(), or does not.
+  // What is taken from here on comes once more, behind all that is due; or does not.
   void set_echo(bool on) { echoing_ = on; }
-  // Makes everything due again that was taken since with an echo; false when there is nothing.
-  bool begin_echo() {
-    if (echo_.empty()) return false;
-    due_.insert_all(echo_);
-    echo_.clear();
-    echoing_ = false;
-    return true;
-  }
 
-  bool empty() const { return due_.empty(); }
-  // Takes the next due segment in rising order, going round. Not for an empty queue.
+  bool empty() const { return due_.empty() && echo_.empty(); }
+  // Takes the next segment in rising order, going round. Not for an empty queue.
   uint32_t take(Time now);
 
   // Makes everything due that was asked for since forget_asked().
@@ -60,7 +52,7 @@ class RepairQueue {
   SegmentSet recent_;  // repaired since rotated_
   SegmentSet older_;   // repaired in the period before
   SegmentSet asked_;
-  SegmentSet echo_;  // taken while echoing_
+  SegmentSet echo_;  // to come once more
   bool echoing_ = false;
   Time rotated_ = 0;
   Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these

@@ -4,24 +4,13 @@
 #include <cerrno>
 
 #include "model_node.h"
+#include "node_rules.h"
 #include "pkgdist/status.h"
 #include "pkgdist/wire_data.h"
 
 namespace pkgdist::test {
 
 namespace {
-
-constexpr uint64_t kMs = 1'000'000;
-constexpr uint64_t kInfoTimeout = 1000 * kMs;
-constexpr uint64_t kMissingTimeout = 2000 * kMs;
-constexpr uint64_t kNotDoneTimeout = 2000 * kMs;
-constexpr uint64_t kStatAge = 30'000 * kMs;
-constexpr uint32_t kMaxRetries = 5;
-constexpr uint32_t kTail = 200;
-
-uint64_t since(uint64_t now, uint64_t then) {
-  return now > then ? now - then : 0;
-}
 
 bool has(const uint64_t* set, uint32_t segment) {
   return (set[segment / 64] >> (segment % 64) & 1) != 0;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "node_rules.h"
 #include "pkgdist/status.h"
 #include "pkgdist/wire_ctrl.h"
 #include "pkgdist/wire_data.h"
@@ -10,22 +11,11 @@ namespace pkgdist::test {
 
 namespace {
 
-constexpr uint64_t kMs = 1'000'000;
 constexpr uint64_t kControlScan = 250 * kMs;
 constexpr uint64_t kSegmentTimeout = 250 * kMs;
 constexpr uint64_t kLeadAckTimeout = 500 * kMs;
 constexpr uint64_t kLeadSilence = 7500 * kMs;
 constexpr uint64_t kDataScan = 500 * kMs;
-constexpr uint64_t kInfoTimeout = 1000 * kMs;
-constexpr uint64_t kMissingTimeout = 2000 * kMs;
-constexpr uint64_t kNotDoneTimeout = 2000 * kMs;
-constexpr uint64_t kStatAge = 30'000 * kMs;
-constexpr uint32_t kMaxRetries = 5;
-constexpr uint32_t kTail = 200;
-
-uint64_t since(uint64_t now, uint64_t then) {
-  return now > then ? now - then : 0;
-}
 
 template <class List>
 bool names_me(const uint32_t* nodes, List count, uint32_t me) {

@@ -63,12 +63,25 @@ TEST(RepairQueue, what_is_taken_with_an_echo_comes_once_more) {
   queue.request(7, 2, kSecond);
   EXPECT_EQ(queue.take(kSecond), 7u);
   EXPECT_EQ(queue.take(kSecond), 8u);
-  EXPECT_TRUE(queue.empty());
-  ASSERT_TRUE(queue.begin_echo());
+  ASSERT_FALSE(queue.empty());
   EXPECT_EQ(queue.take(kSecond), 7u);
   EXPECT_EQ(queue.take(kSecond), 8u);
   EXPECT_TRUE(queue.empty());
-  EXPECT_FALSE(queue.begin_echo());
+}
+
+TEST(RepairQueue, an_echo_has_none_and_waits_for_what_is_asked_meanwhile) {
+  RepairQueue queue(100);
+  queue.set_echo(true);
+  queue.request(7, 2, kSecond);
+  EXPECT_EQ(queue.take(kSecond), 7u);
+  EXPECT_EQ(queue.take(kSecond), 8u);
+  EXPECT_EQ(queue.take(kSecond), 7u);
+  queue.set_echo(true);
+  queue.request(50, 1, kSecond);
+  EXPECT_EQ(queue.take(kSecond), 50u);
+  EXPECT_EQ(queue.take(kSecond), 8u);
+  EXPECT_EQ(queue.take(kSecond), 50u);
+  EXPECT_TRUE(queue.empty());
 }
 
 TEST(RepairQueue, repeats_what_was_asked_for_until_it_is_forgotten) {
