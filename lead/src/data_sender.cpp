@@ -335,6 +335,7 @@ bool DataSender::send_stream(Time now) {
     line.pop_front();  // failed meanwhile
     return true;
   }
+  if (transfer->first_turn && informs_again_at(transfer->turn.done())) send_info(*transfer, now);
   if (!send_segment(*transfer, transfer->turn.segment(), false, now)) return true;
   loss_.sent(1);
   transfer->turn.advance();

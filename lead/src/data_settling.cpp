@@ -1,5 +1,6 @@
 // What happens after the stream has gone round a file, and what nodes say about files; the ladder
 // is described in data_sender.h.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 
@@ -12,6 +13,9 @@ namespace {
 
 // Files up to this many segments are sent again as a whole rather than waiting for a node.
 constexpr uint32_t kSmallFile = 64;
+// Files up to this many are soon sent again as a whole, which is simpler than to find out what a
+// node lacks.
+constexpr uint32_t kMediumFile = 1024;
 // Files up to this many: at the first sign of trouble, since their end is all there is.
 constexpr uint32_t kTinyFile = 4;
 
@@ -236,12 +240,23 @@ bool DataSender::help(Transfer& transfer, Time now) {
   const uint32_t turn_end = transfer.turn.last();
   if (!send_segment(transfer, last, false, now)) return true;
   if (turn_end != last) send_segment(transfer, turn_end, false, now);
+  if (!send_marks(transfer, now)) return true;
   if (transfer.status != 0) return true;
   if (!worth_repeating(transfer)) return false;
   ++transfer.repeats;
   transfer.repeated += transfer.repairs.asked();
   transfer.repairs.repeat_asked();
   enter_repair_line(transfer);
+  return true;
+}
+
+// A node that began in the middle asks for what it missed before when it sees these. False when the
+// file cannot be sent any further.
+bool DataSender::send_marks(Transfer& transfer, Time now) {
+  constexpr uint32_t kRounds = 2;  // the second in case that the first one was lost
+  if (transfer.segments <= kMediumFile || transfer.stuck > kRounds) return true;
+  for (const uint32_t mark : transfer.start_search.marks())
+    if (!send_segment(transfer, mark, false, now)) return false;
   return true;
 }
 
@@ -283,6 +298,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     return 0;
   }
   num = std::min(num, transfer->segments);
+  transfer->start_search.asked(node, first, num);
   // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
   const bool open = state.state == TransferNode::State::kOpen;

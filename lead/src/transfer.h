@@ -1,6 +1,7 @@
 // One file on its way: what is sent, how far, and how each node stands with it.
 #pragma once
 
+#include <bit>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "node_table.h"
 #include "pkgdist_lead/content.h"
 #include "repair_queue.h"
+#include "start_search.h"
 #include "turn.h"
 
 namespace pkgdist::lead {
@@ -22,6 +24,13 @@ struct FileKey {
   // Index key: no location has a name of another.
   std::string text() const { return std::to_string(location) + ':' + name; }
 };
+
+// Ahead of these segments the stream's first turn tells of the file again, for nodes that lost the
+// information or had not heard the file list yet: they join there.
+inline constexpr uint32_t kFirstInformedAgain = 256;
+constexpr bool informs_again_at(uint64_t segment) {
+  return segment >= kFirstInformedAgain && std::has_single_bit(segment);
+}
 
 // How a node stands with a transfer.
 struct TransferNode {
@@ -63,7 +72,8 @@ struct Transfer {
         attributes(attributes_),
         segments(segments_),
         turn(segments_),
-        repairs(segments_) {}
+        repairs(segments_),
+        start_search(segments_) {}
 
   const TransferId id;
   const FileKey key;
@@ -77,6 +87,7 @@ struct Transfer {
   Stage stage = Stage::kQueued;
   Turn turn;
   RepairQueue repairs;
+  StartSearch start_search;
   std::unique_ptr<Content> content;  // null while closed
 
   std::vector<TransferNode> nodes;  // by node index

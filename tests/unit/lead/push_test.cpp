@@ -62,8 +62,9 @@ TEST(Push, without_loss_sends_everything_exactly_once_at_the_given_rate) {
   for (const auto& [key, file] : cluster.store.files())
     segments += std::max<uint64_t>(1, (file.content.size() + kSegment - 1) / kSegment);
   EXPECT_EQ(counters.segments_sent, segments);
-  // One each; a second one until it is known that nothing gets lost.
-  EXPECT_LE(counters.infos_sent, cluster.store.files().size() + 1);
+  // One each; a second one until it is known that nothing gets lost, and four on the way through
+  // the large file.
+  EXPECT_LE(counters.infos_sent, cluster.store.files().size() + 1 + 4);
   EXPECT_EQ(counters.miss_done_sent, 0u);
   const lead::PushReport report = cluster.lead().push_report();
   const double ideal = static_cast<double>(counters.data_bytes_sent) * 8 / 400e6;
@@ -195,6 +196,38 @@ TEST(Push, a_node_that_appears_late_gets_everything) {
     ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
     EXPECT_TRUE(cluster.identical());
     EXPECT_EQ(cluster.lead().push_report().nodes.size(), 3u);
+  }
+}
+
+// Hears nothing while a time lasts.
+class DeafUntil : public LossModel {
+ public:
+  DeafUntil(const LeadCluster& cluster, uint64_t time) : cluster_(cluster), time_(time) {}
+  void decide(Fate& fate) override { fate.dropped |= cluster_.now() < time_; }
+
+ private:
+  const LeadCluster& cluster_;
+  uint64_t time_;
+};
+
+// The stream takes 0.4 s. A node that waits for one of its time-outs takes two seconds more.
+TEST(Push, a_node_that_missed_the_beginning_of_a_file_gets_that_at_once) {
+  for (const uint64_t deaf : {30, 100, 200, 390, 450}) {
+    SCOPED_TRACE("deaf for " + std::to_string(deaf) + " ms");
+    LeadCluster cluster;
+    cluster.store.add("long", pattern(20'000'000, 9));
+    cluster.add_hosts(2);
+    const lead::PushRequest request = cluster.push_all();
+    ASSERT_EQ(cluster.lead().start_push(request, cluster.now()), nullptr);
+    ASSERT_TRUE(
+        cluster.run_until([&] { return cluster.lead().counters().infos_sent > 0; }, kSecond));
+    cluster.host(1).down.with<DeafUntil>(cluster, cluster.now() + deaf * kMillisecond);
+    const uint64_t started = cluster.now();
+    ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    EXPECT_LT(cluster.now() - started, kSecond * 3 / 2);
+    const uint64_t segments = 20'000'000 / kSegment + 1;
+    EXPECT_LT(cluster.lead().counters().segments_sent, segments * (450 + deaf) / 400);
   }
 }
 
