@@ -338,6 +338,7 @@ bool DataSender::send_stream(Time now) {
   if (transfer->first_turn && informs_again_at(transfer->turn.done())) send_info(*transfer, now);
   if (!send_segment(*transfer, transfer->turn.segment(), false, now)) return true;
   loss_.sent(1);
+  if (transfer->repairs.ripen(now)) enter_repair_line(*transfer);
   transfer->turn.advance();
   if (transfer->turn.active()) return true;
   transfer->first_turn = false;

@@ -101,6 +101,8 @@ void DataSender::begin_settling(Transfer& transfer, Time now) {
   transfer.gather_until = 0;
   transfer.asked_at = 0;
   transfer.turn_ended = now;
+  transfer.repairs.end_waiting();
+  enter_repair_line(transfer);
   arm(transfer, now + grace());
 }
 
@@ -322,12 +324,13 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   uint32_t gone = 0;
   uint32_t due = 0;
   transfer->repairs.set_holdoff(2 * round_trip_);
+  transfer->repairs.set_patient(transfer->stage == Transfer::Stage::kStreaming);
+  transfer->repairs.set_echo(worth_sending_twice(*transfer));
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
     due += transfer->repairs.request(from, count, now);
     gone += count;
   });
   if (transfer->stage == Transfer::Stage::kSettling) transfer->late += due;
-  transfer->repairs.set_echo(worth_sending_twice(*transfer));
   transfer->requested += gone;
   counters_.segments_requested += gone;
   loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));

@@ -15,19 +15,35 @@ void RepairQueue::rotate(Time now) {
 
 uint32_t RepairQueue::request(uint32_t first, uint32_t num, Time now) {
   rotate(now);
-  static const SegmentSet kNone;
-  asked_.insert_run(first, num, kNone, kNone);
-  return due_.insert_run(first, num, recent_, older_);
+  asked_.insert_run(first, num);
+  if (echoing_) echo_.insert_run(first, num, {&recent_, &older_});
+  if (!patient_) return due_.insert_run(first, num, {&recent_, &older_});
+  if (fresh_.empty() && waiting_.empty()) ripened_ = now;
+  return fresh_.insert_run(first, num, {&waiting_, &due_, &recent_, &older_});
+}
+
+bool RepairQueue::ripen(Time now) {
+  if ((fresh_.empty() && waiting_.empty()) || elapsed(now, ripened_) < kRipening) return false;
+  due_.insert_all(waiting_);
+  waiting_.clear();
+  std::swap(fresh_, waiting_);
+  ripened_ = now;
+  return !due_.empty();
+}
+
+void RepairQueue::end_waiting() {
+  due_.insert_all(waiting_);
+  due_.insert_all(fresh_);
+  waiting_.clear();
+  fresh_.clear();
 }
 
 uint32_t RepairQueue::take(Time now) {
   rotate(now);
-  const bool again = due_.empty();
-  SegmentSet& from = again ? echo_ : due_;
+  SegmentSet& from = due_.empty() ? echo_ : due_;
   const uint32_t segment = from.next(cursor_);
   from.erase(segment);
   recent_.insert(segment);
-  if (echoing_ && !again) echo_.insert(segment);
   cursor_ = segment + 1;
   return segment;
 }

@@ -4,6 +4,10 @@
 // short while: nodes lose it together and ask one after the other. What was asked for is remembered
 // until the nodes have the file, because a repair can be lost, too, and its node does not ask again
 // for seconds.
+//
+// While a file streams, repairs are in no hurry, but they must not get lost for the same reason as
+// what they replace: a queue that ran over is still full a moment later. They wait until that is
+// over.
 #pragma once
 
 #include <algorithm>
@@ -16,16 +20,30 @@ namespace pkgdist::lead {
 class RepairQueue {
  public:
   explicit RepairQueue(uint32_t segments)
-      : due_(segments), recent_(segments), older_(segments), asked_(segments), echo_(segments) {}
+      : fresh_(segments),
+        waiting_(segments),
+        due_(segments),
+        recent_(segments),
+        older_(segments),
+        asked_(segments),
+        echo_(segments) {}
 
   // How long a segment that was repaired is held back at least: a round trip, in which requests
   // arrive that were sent before the repair came.
   void set_holdoff(Time round_trip) { holdoff_ = std::clamp(round_trip, kMinHoldoff, kMaxHoldoff); }
 
-  // Enters a run inside the file; returns how many segments became due.
+  // Whether what is asked for from here on has to wait until it ripens.
+  void set_patient(bool on) { patient_ = on; }
+
+  // Enters a run inside the file; returns how many segments are to be repaired because of it.
   uint32_t request(uint32_t first, uint32_t num, Time now);
 
-  // What is taken from here on comes once more, behind all that is due; or does not.
+  // Makes due what has waited long enough; true when something is due.
+  bool ripen(Time now);
+  // Makes all due that waits.
+  void end_waiting();
+
+  // Whether what is asked for from here on comes twice: once more behind all that is due.
   void set_echo(bool on) { echoing_ = on; }
 
   bool empty() const { return due_.empty() && echo_.empty(); }
@@ -37,6 +55,8 @@ class RepairQueue {
   uint32_t asked() const { return asked_.count(); }
   void forget_asked() { asked_.clear(); }
   void clear() {
+    fresh_.clear();
+    waiting_.clear();
     due_.clear();
     echo_.clear();
   }
@@ -46,13 +66,19 @@ class RepairQueue {
   // after its time-out must not be held back.
   static constexpr Time kMinHoldoff = 12 * kMillisecond;
   static constexpr Time kMaxHoldoff = 500 * kMillisecond;
+  // What was asked for waits for one to two of these.
+  static constexpr Time kRipening = 100 * kMillisecond;
   void rotate(Time now);
 
+  SegmentSet fresh_;    // asked for since ripened_
+  SegmentSet waiting_;  // asked for before
+  bool patient_ = false;
+  Time ripened_ = 0;
   SegmentSet due_;
   SegmentSet recent_;  // repaired since rotated_
   SegmentSet older_;   // repaired in the period before
   SegmentSet asked_;
-  SegmentSet echo_;  // to come once more
+  SegmentSet echo_;  // to come once more when nothing is due
   bool echoing_ = false;
   Time rotated_ = 0;
   Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these

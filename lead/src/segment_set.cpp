@@ -50,15 +50,15 @@ void SegmentSet::clear() {
   count_ = 0;
 }
 
-uint32_t SegmentSet::insert_run(uint32_t first, uint32_t num, const SegmentSet& except_a,
-                                const SegmentSet& except_b) {
+uint32_t SegmentSet::insert_run(uint32_t first, uint32_t num,
+                                std::initializer_list<const SegmentSet*> except) {
   if (num == 0 || first >= size_) return 0;
   allocate();
   const uint64_t end = std::min(uint64_t{first} + num, uint64_t{size_});
   uint32_t added = 0;
   for (size_t i = first / kBits; uint64_t{i} * kBits < end; ++i) {
-    const uint64_t fresh =
-        mask_of(i, first, end) & ~words_[i] & ~except_a.word(i) & ~except_b.word(i);
+    uint64_t fresh = mask_of(i, first, end) & ~words_[i];
+    for (const SegmentSet* other : except) fresh &= ~other->word(i);
     words_[i] |= fresh;
     added += static_cast<uint32_t>(std::popcount(fresh));
   }

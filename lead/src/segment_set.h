@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 namespace pkgdist::lead {
@@ -20,10 +21,10 @@ class SegmentSet {
   void erase(uint32_t segment);
   void clear();
 
-  // Adds first .. first+num-1 (which must lie inside the file) but for the members of the two other
-  // sets; returns how many were new. Word by word: cheap for runs of any length.
-  uint32_t insert_run(uint32_t first, uint32_t num, const SegmentSet& except_a,
-                      const SegmentSet& except_b);
+  // Adds first .. first+num-1 (which must lie inside the file) but for the members of other sets;
+  // returns how many were new. Word by word: cheap for runs of any length.
+  uint32_t insert_run(uint32_t first, uint32_t num,
+                      std::initializer_list<const SegmentSet*> except = {});
   void insert_all(const SegmentSet& other);
 
   // The first member at or after `from`, going round; size() when the set is empty.

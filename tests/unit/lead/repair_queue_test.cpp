@@ -55,6 +55,36 @@ TEST(RepairQueue, goes_on_where_it_stood) {
   EXPECT_EQ(queue.take(kSecond), 10u);
 }
 
+TEST(RepairQueue, with_patience_repairs_wait_for_a_tenth_of_a_second) {
+  RepairQueue queue(100);
+  queue.set_patient(true);
+  EXPECT_EQ(queue.request(5, 2, kSecond), 2u);
+  EXPECT_EQ(queue.request(6, 2, kSecond + 99 * kMillisecond), 1u);
+  EXPECT_FALSE(queue.ripen(kSecond + 99 * kMillisecond));
+  EXPECT_FALSE(queue.ripen(kSecond + 100 * kMillisecond));
+  EXPECT_EQ(queue.request(6, 3, kSecond + 150 * kMillisecond), 1u);
+  EXPECT_TRUE(queue.ripen(kSecond + 200 * kMillisecond));
+  for (const uint32_t segment : {5u, 6u, 7u})
+    EXPECT_EQ(queue.take(kSecond + 200 * kMillisecond), segment);
+  EXPECT_TRUE(queue.empty());
+  EXPECT_TRUE(queue.ripen(kSecond + 300 * kMillisecond));
+  EXPECT_EQ(queue.take(kSecond + 300 * kMillisecond), 8u);
+  EXPECT_FALSE(queue.ripen(kSecond + 400 * kMillisecond));
+}
+
+TEST(RepairQueue, what_waits_is_due_when_the_waiting_ends) {
+  RepairQueue queue(100);
+  queue.set_patient(true);
+  queue.request(5, 1, kSecond);
+  queue.ripen(kSecond + 100 * kMillisecond);
+  queue.request(3, 1, kSecond + 110 * kMillisecond);
+  EXPECT_TRUE(queue.empty());
+  queue.end_waiting();
+  EXPECT_EQ(queue.take(kSecond + 120 * kMillisecond), 3u);
+  EXPECT_EQ(queue.take(kSecond + 120 * kMillisecond), 5u);
+  EXPECT_TRUE(queue.empty());
+}
+
 TEST(RepairQueue, what_is_taken_with_an_echo_comes_once_more) {
   RepairQueue queue(100);
   queue.request(1, 1, kSecond);

@@ -5,7 +5,6 @@
 namespace pkgdist::lead {
 namespace {
 
-const SegmentSet kNone;
 
 TEST(SegmentSet, counts_each_member_once) {
   SegmentSet set(200);
@@ -25,14 +24,14 @@ TEST(SegmentSet, ignores_segments_outside_of_the_file) {
   set.insert(64);
   set.insert(UINT32_MAX);
   EXPECT_TRUE(set.empty());
-  EXPECT_EQ(set.insert_run(64, 5, kNone, kNone), 0u);
-  EXPECT_EQ(set.insert_run(60, UINT32_MAX, kNone, kNone), 4u);
+  EXPECT_EQ(set.insert_run(64, 5), 0u);
+  EXPECT_EQ(set.insert_run(60, UINT32_MAX), 4u);
 }
 
 TEST(SegmentSet, adds_a_run_across_words_and_reports_what_was_new) {
   SegmentSet set(300);
   set.insert(70);
-  EXPECT_EQ(set.insert_run(60, 140, kNone, kNone), 139u);
+  EXPECT_EQ(set.insert_run(60, 140), 139u);
   EXPECT_EQ(set.count(), 140u);
   EXPECT_FALSE(set.contains(59));
   EXPECT_TRUE(set.contains(60));
@@ -44,7 +43,7 @@ TEST(SegmentSet, leaves_out_members_of_the_other_sets) {
   SegmentSet set(100), a(100), b(100);
   a.insert(10);
   b.insert(12);
-  EXPECT_EQ(set.insert_run(9, 5, a, b), 3u);
+  EXPECT_EQ(set.insert_run(9, 5, {&a, &b}), 3u);
   EXPECT_FALSE(set.contains(10));
   EXPECT_FALSE(set.contains(12));
 }
