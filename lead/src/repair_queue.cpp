@@ -19,15 +19,20 @@ uint32_t RepairQueue::request(uint32_t first, uint32_t num, Time now) {
   if (echoing_) echo_.insert_run(first, num, {&recent_, &older_});
   if (!patient_) return due_.insert_run(first, num, {&recent_, &older_});
   if (fresh_.empty() && waiting_.empty()) ripened_ = now;
+  last_request_ = now;
   return fresh_.insert_run(first, num, {&waiting_, &due_, &recent_, &older_});
 }
 
 bool RepairQueue::ripen(Time now) {
-  if ((fresh_.empty() && waiting_.empty()) || elapsed(now, ripened_) < kRipening) return false;
-  due_.insert_all(waiting_);
-  waiting_.clear();
-  std::swap(fresh_, waiting_);
-  ripened_ = now;
+  if (fresh_.empty() && waiting_.empty()) return false;
+  if (elapsed(now, last_request_) >= kQuiet) {
+    end_waiting();
+  } else if (elapsed(now, ripened_) >= kMaxWait) {
+    due_.insert_all(waiting_);
+    waiting_.clear();
+    std::swap(fresh_, waiting_);
+    ripened_ = now;
+  }
   return !due_.empty();
 }
 

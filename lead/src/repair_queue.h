@@ -66,14 +66,16 @@ class RepairQueue {
   // after its time-out must not be held back.
   static constexpr Time kMinHoldoff = 12 * kMillisecond;
   static constexpr Time kMaxHoldoff = 500 * kMillisecond;
-  // What was asked for waits for one to two of these.
-  static constexpr Time kRipening = 100 * kMillisecond;
+  // What was asked for waits until nothing was asked for so long, or for one to two of the others.
+  static constexpr Time kQuiet = 100 * kMillisecond;
+  static constexpr Time kMaxWait = 500 * kMillisecond;
   void rotate(Time now);
 
   SegmentSet fresh_;    // asked for since ripened_
   SegmentSet waiting_;  // asked for before
   bool patient_ = false;
   Time ripened_ = 0;
+  Time last_request_ = 0;
   SegmentSet due_;
   SegmentSet recent_;  // repaired since rotated_
   SegmentSet older_;   // repaired in the period before
