@@ -30,6 +30,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import lab  # noqa: E402
 
 GIB = 1 << 30
+LIMIT = "60"  # seconds; a run of a peer that takes longer has failed
 
 
 def parse():
@@ -156,13 +157,13 @@ class Udpcast:
         for host, directory in zip(case.nodes, case.directories):
             sink = f"--file {directory}/{next(iter(case.expected))}" if single else \
                 f"| tar -xf - -C {directory}"
-            receivers.append(host.spawn(["sh", "-c", f"udp-receiver --nosync {self.COMMON} {sink}"],
+            receivers.append(host.spawn(["timeout", LIMIT, "sh", "-c", f"udp-receiver --nosync {self.COMMON} {sink}"],
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
         time.sleep(0.3)
         source = "" if single else f"tar -cf - -C {case.root} . | "
         what = f"--file {case.root}/{next(iter(case.expected))}" if single else ""
         sender = case.lead.spawn(
-            ["sh", "-c", f"{source}udp-sender --full-duplex --retries-until-drop 2000 "
+            ["timeout", LIMIT, "sh", "-c", f"{source}udp-sender --full-duplex --retries-until-drop 2000 "
                          f"--min-receivers {len(receivers)} {self.COMMON} {what}"],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         start = end = time.monotonic()
@@ -171,8 +172,8 @@ class Udpcast:
                 start = time.monotonic()
             if "Transfer complete" in line:
                 end = time.monotonic()
-        sender.wait()
-        return end - start, [waited(process) for process in receivers], True
+        done = sender.wait() == 0
+        return end - start, [waited(process) for process in receivers], done
 
 
 class Uftp:
@@ -183,8 +184,9 @@ class Uftp:
                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
                      for host, directory in zip(case.nodes, case.directories)]
         time.sleep(0.3)
-        result = case.lead.run(["uftp", "-I", "eth0", "-R", "-1", *sorted(os.listdir(case.root))],
-                               cwd=case.root, capture_output=True, text=True, timeout=600)
+        result = case.lead.run(["timeout", LIMIT, "uftp", "-I", "eth0", "-R", "-1",
+                                *sorted(os.listdir(case.root))],
+                               cwd=case.root, capture_output=True, text=True)
         took = sum(float(t) for t in re.findall(r"Total elapsed time: ([0-9.]+)", result.stdout + result.stderr))
         return took, [finish(process) for process in receivers], result.returncode == 0
 

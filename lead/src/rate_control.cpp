@@ -4,7 +4,7 @@ namespace pkgdist::lead {
 
 namespace {
 
-constexpr double kStartBits = 400e6;  // below what a gigabit link and one processor core can take
+constexpr double kStartBits = 800e6;  // below what a gigabit link and one processor core can take
 constexpr double kMinBits = 20e6;
 constexpr double kDefaultMaxBits = 8e9;
 
