@@ -35,6 +35,8 @@ constexpr double kForget = 0.05;
 // A file thread that answers later than this has a queue in front of it; once may be the node's
 // scheduler.
 constexpr double kDelayCut = 0.85;
+// A queue that gets shorter this fast needs no further cut.
+constexpr double kDraining = 0.9;
 constexpr int kDrainPeriods = 2;
 constexpr int kLateInARow = 2;
 constexpr Time kCongestedDelay = 8 * kMillisecond;
@@ -110,9 +112,13 @@ void RateControl::on_period(const Period& period) {
     --pause_;
     return;
   }
-  if (congested(period)) return cut_for_delay();
+  const bool draining =
+      period.delay != 0 && static_cast<double>(period.delay) < last_delay_ * kDraining;
+  last_delay_ = period.delay != 0 ? static_cast<double>(period.delay) : last_delay_;
+  const bool late = congested(period);
+  if (late && !draining) return cut_for_delay();
   if (lossy(period)) return cut_for_loss();
-  rise(period);
+  if (!late) rise(period);
 }
 
 void RateControl::rise(const Period& period) {

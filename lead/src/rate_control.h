@@ -48,8 +48,9 @@ class RateControl {
   double proven_;       // the highest rate since the last cut that nothing spoke against
   double ceiling_;      // where congestion began last
   bool starting_ = true;
-  int late_ = 0;   // periods in a row with late answers
-  int pause_ = 0;  // periods in which the queues run empty after a cut
+  double last_delay_ = 0;  // of the last period that had one, nanoseconds
+  int late_ = 0;           // periods in a row with late answers
+  int pause_ = 0;          // periods in which the queues run empty after a cut
 
   // The trial after a cut for loss.
   int trial_periods_ = 0;  // left, 0: no trial
