@@ -423,7 +423,8 @@ void DataSender::adapt_rate(Time now) {
     const double loss = static_cast<double>(worst) / static_cast<double>(period_segments_);
     const double sent =
         static_cast<double>(period_bytes_) * 8 * kSecond / static_cast<double>(passed);
-    rate_->on_period({std::min(1.0, loss), period_delay_, !period_idle_, sent});
+    rate_->on_period({std::min(1.0, loss), period_delay_, !period_idle_, sent, probe_.unanswered(),
+                      probe_.silence(now)});
     pacer_.set_rate(rate_->rate_bits());
     probe_queues(now);
   }

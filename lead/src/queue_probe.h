@@ -2,7 +2,9 @@
 // into the data stream under a number of its own.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 
 #include "pkgdist_lead/time.h"
 #include "transfer.h"
@@ -15,14 +17,29 @@ class QueueProbe {
   void sent(TransferId number, Time now) {
     latest_[next_] = {number, now};
     next_ = (next_ + 1) % latest_.size();
+    ++unanswered_;
   }
 
   // What the answer to a question took; 0 when the number is none of the latest questions'.
-  Time answered(TransferId number, Time now) const {
-    for (const Question& question : latest_)
-      if (number != kNoTransfer && question.number == number)
-        return elapsed(now, question.sent) + 1;
+  Time answered(TransferId number, Time now) {
+    if (number == kNoTransfer) return 0;
+    for (size_t back = 1; back <= latest_.size(); ++back) {
+      const Question& question = latest_[(next_ + latest_.size() - back) % latest_.size()];
+      if (question.number != number) continue;
+      any_ = true;
+      unanswered_ = std::min(unanswered_, back - 1);
+      return elapsed(now, question.sent) + 1;
+    }
     return 0;
+  }
+
+  // Questions after the last one that was answered, and for how long the first of them has been
+  // waiting. Where nobody ever answered there is nothing to be late for.
+  size_t unanswered() const { return any_ ? unanswered_ : 0; }
+  Time silence(Time now) const {
+    const size_t back = std::min(unanswered(), latest_.size());
+    if (back == 0) return 0;
+    return elapsed(now, latest_[(next_ + latest_.size() - back) % latest_.size()].sent);
   }
 
  private:
@@ -30,9 +47,11 @@ class QueueProbe {
     TransferId number = kNoTransfer;
     Time sent = 0;
   };
-  // Answers that come later than so many questions are of another time.
-  std::array<Question, 16> latest_;
+  // Answers that come later than so many questions are of another time: more than a second.
+  std::array<Question, 64> latest_;
   size_t next_ = 0;
+  size_t unanswered_ = 0;
+  bool any_ = false;  // answer, ever
 };
 
 }  // namespace pkgdist::lead

@@ -1,5 +1,8 @@
 #include "rate_control.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace pkgdist::lead {
 
 namespace {
@@ -35,8 +38,12 @@ constexpr double kForget = 0.05;
 // A file thread that answers later than this has a queue in front of it; once may be the node's
 // scheduler.
 constexpr double kDelayCut = 0.85;
-// A queue that gets shorter this fast needs no further cut.
-constexpr double kDraining = 0.9;
+// A queue that gets shorter by this in a period needs no further cut: its node is busy meanwhile.
+constexpr Time kDraining = kMillisecond;
+// The share of answers that may get lost is twice that of segments, within bounds.
+constexpr double kMinAnswerLoss = 0.1;
+constexpr double kMaxAnswerLoss = 0.6;
+constexpr double kNoChance = 0.001;
 constexpr int kDrainPeriods = 2;
 constexpr int kLateInARow = 2;
 constexpr Time kCongestedDelay = 8 * kMillisecond;
@@ -56,9 +63,17 @@ void RateControl::follow(const Period& period) {
   rate_ = std::clamp(period.sent_bits / kReached, std::min(kMinBits, rate_), rate_);
 }
 
-bool RateControl::congested(const Period& period) {
-  late_ = period.delay > kCongestedDelay ? late_ + 1 : 0;
-  return late_ >= kLateInARow || period.delay > kHopelessDelay;
+// Answers may be lost; so many in a row are not, by chance.
+Time RateControl::delay_of(const Period& period) const {
+  const double lost = std::clamp(2 * std::max(loss_, granted_), kMinAnswerLoss, kMaxAnswerLoss);
+  const double limit = std::log(kNoChance) / std::log(lost);
+  const bool silent = static_cast<double>(period.unanswered) >= limit;
+  return silent ? std::max(period.delay, period.silence) : period.delay;
+}
+
+bool RateControl::congested(Time delay) {
+  late_ = delay > kCongestedDelay ? late_ + 1 : 0;
+  return late_ >= kLateInARow || delay > kHopelessDelay;
 }
 
 bool RateControl::lossy(const Period& period) const {
@@ -85,11 +100,12 @@ void RateControl::cut_for_loss() {
   trial_periods_ = kTrialPeriods;
   trial_loss_ = 0;
   trial_counted_ = 0;
+  trial_late_ = 0;
 }
 
 void RateControl::judge_cut() {
   loss_ = trial_loss_ / trial_counted_;
-  if (loss_ < loss_before_ * kUncured) return;
+  if (loss_ < loss_before_ * kUncured || 2 * trial_late_ > trial_counted_) return;
   granted_ = std::max(granted_, loss_);
   proven_ = rate_ = rate_before_;
   ceiling_ = ceiling_before_;
@@ -100,9 +116,13 @@ void RateControl::on_period(const Period& period) {
   loss_ += (period.loss - loss_) * kSmoothing;
   if (loss_ < granted_) granted_ += (loss_ - granted_) * kForget;
   follow(period);
+  const Time delay = delay_of(period);
+  const bool draining = delay != 0 && delay + kDraining < last_delay_;
+  if (delay != 0) last_delay_ = delay;
   if (trial_periods_ > 0) {
     if (trial_periods_-- <= kTrialCounted) {
       trial_loss_ += period.loss;
+      trial_late_ += delay > kCongestedDelay ? 1 : 0;
       ++trial_counted_;
     }
     if (trial_periods_ == 0) judge_cut();
@@ -112,18 +132,15 @@ void RateControl::on_period(const Period& period) {
     --pause_;
     return;
   }
-  const bool draining =
-      period.delay != 0 && static_cast<double>(period.delay) < last_delay_ * kDraining;
-  last_delay_ = period.delay != 0 ? static_cast<double>(period.delay) : last_delay_;
-  const bool late = congested(period);
+  const bool late = congested(delay);
   if (late && !draining) return cut_for_delay();
   if (lossy(period)) return cut_for_loss();
-  if (!late) rise(period);
+  if (!late) rise(period, delay);
 }
 
-void RateControl::rise(const Period& period) {
+void RateControl::rise(const Period& period, Time delay) {
   const bool tried = period.sent_bits == 0 || period.sent_bits >= rate_ * kTried;
-  if (!period.limited || !tried || period.delay > kRelaxedDelay) return;
+  if (!period.limited || !tried || delay > kRelaxedDelay) return;
   proven_ = std::max(proven_, std::max(period.sent_bits, rate_ * kTried));
   const bool steep = starting_ || rate_ < proven_;
   const bool near = rate_ > kNearCeiling * ceiling_;

@@ -20,6 +20,23 @@ TEST(QueueProbe, every_node_asked_may_answer) {
   EXPECT_NE(probe.answered(7, kSecond + 2), 0u);
 }
 
+TEST(QueueProbe, tells_how_long_nobody_has_answered) {
+  QueueProbe probe;
+  probe.sent(6, 80 * kMillisecond);
+  EXPECT_EQ(probe.unanswered(), 0u);  // nobody ever answered
+  probe.sent(7, 100 * kMillisecond);
+  probe.sent(8, 120 * kMillisecond);
+  probe.sent(9, 140 * kMillisecond);
+  probe.answered(7, 141 * kMillisecond);
+  EXPECT_EQ(probe.unanswered(), 2u);
+  EXPECT_EQ(probe.silence(150 * kMillisecond), 30 * kMillisecond);
+  probe.answered(9, 160 * kMillisecond);
+  EXPECT_EQ(probe.unanswered(), 0u);
+  probe.answered(8, 161 * kMillisecond);
+  EXPECT_EQ(probe.unanswered(), 0u);
+  EXPECT_EQ(probe.silence(170 * kMillisecond), 0u);
+}
+
 TEST(QueueProbe, other_answers_are_none) {
   QueueProbe probe;
   EXPECT_EQ(probe.answered(kNoTransfer, kSecond), 0u);

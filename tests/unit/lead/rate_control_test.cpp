@@ -62,6 +62,35 @@ TEST(RateControl, one_answer_that_is_a_little_late_is_chance) {
   EXPECT_LT(control.rate_bits(), before);
 }
 
+TEST(RateControl, falls_when_nobody_answers_any_more) {
+  RateControl control(0);
+  RateControl::Period period{0, 0, true, 0, 2, 40 * kMillisecond};
+  const uint64_t before = control.rate_bits();
+  control.on_period(period);  // two answers may get lost
+  EXPECT_GE(control.rate_bits(), before);
+  const uint64_t risen = control.rate_bits();
+  period.unanswered = 3;
+  period.silence = 60 * kMillisecond;
+  control.on_period(period);
+  EXPECT_LT(control.rate_bits(), risen);
+}
+
+TEST(RateControl, loss_with_late_answers_is_not_taken_for_chance) {
+  RateControl control(0);
+  for (int i = 0; i < 5; ++i) control.on_period({0, kMillisecond, true});
+  const uint64_t before = control.rate_bits();
+  for (int i = 0; i < 30; ++i) control.on_period({0.3, 14 * kMillisecond, true});
+  EXPECT_LT(control.rate_bits(), before / 2);
+}
+
+TEST(RateControl, a_queue_that_drains_is_waited_for) {
+  RateControl control(0);
+  control.on_period({0, 320 * kMillisecond, true});
+  const uint64_t cut = control.rate_bits();
+  for (Time delay = 315; delay > 0; delay -= 5) control.on_period({0, delay * kMillisecond, true});
+  EXPECT_GE(control.rate_bits(), cut);
+}
+
 // A node that writes at its own speed, behind a buffer that holds so much time of it.
 struct SlowNode {
   double speed;
