@@ -39,7 +39,7 @@ constexpr uint32_t kRoundsToWholeFile = 16;
 constexpr uint32_t kMaxRepeats = 4;
 // Unless the file is soon sent, or most of them are lacking somewhere, they are this part of it at
 // most, all times together.
-constexpr uint32_t kLittlePart = 32;
+constexpr uint32_t kLittlePart = 64;
 constexpr double kMostLacking = 0.5;
 // Times that the whole file is sent to save nodes a wait, before they have to ask themselves.
 constexpr uint32_t kMaxWholes = 5;

@@ -5,7 +5,6 @@
 namespace pkgdist::lead {
 namespace {
 
-
 TEST(SegmentSet, counts_each_member_once) {
   SegmentSet set(200);
   set.insert(3);
