@@ -149,6 +149,7 @@ class DataSender {
   bool worth_repeating(const Transfer& transfer) const;
   bool most_are_lacking(const Transfer& transfer) const;
   bool worth_sending_twice(const Transfer& transfer) const;
+  bool repairs_can_wait(const Transfer& transfer) const;
   bool send_marks(Transfer& transfer, Time now);
   void enter_repair_line(Transfer& transfer);
   void begin_gathering(Transfer& transfer, Time now);

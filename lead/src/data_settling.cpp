@@ -61,6 +61,11 @@ constexpr Time kStalePatience = 2 * kSecond;
 constexpr Time kMutePatience = 35 * kSecond;
 constexpr uint32_t kMutedQuestions = 10;
 
+// That one of so many nodes loses what each of them loses with a probability.
+double lost_somewhere(double probability, double nodes) {
+  return 1 - std::pow(1 - probability, nodes);
+}
+
 }  // namespace
 
 Time DataSender::grace() const {
@@ -102,6 +107,7 @@ void DataSender::begin_settling(Transfer& transfer, Time now) {
   transfer.asked_at = 0;
   transfer.turn_ended = now;
   transfer.repairs.end_waiting();
+  if (!most_are_lacking(transfer)) transfer.repairs.due_once();
   enter_repair_line(transfer);
   arm(transfer, now + grace());
 }
@@ -198,10 +204,17 @@ bool DataSender::whole_again(const Transfer& transfer) const {
 // Whether of the segments that were asked for most are lacking on some node, though they were sent
 // again: before a crowd nearly every repair is lost by one of those who asked.
 bool DataSender::most_are_lacking(const Transfer& transfer) const {
-  const double askers =
-      static_cast<double>(transfer.requested) / std::max(1u, transfer.repairs.asked());
-  const double lost_each = std::pow(transfer.loss, transfer.repeats + 1);
-  return 1 - std::pow(1 - lost_each, askers) >= kMostLacking;
+  if (transfer.repairs.asked() == 0) return false;
+  const double askers = static_cast<double>(transfer.requested) / transfer.repairs.asked();
+  return lost_somewhere(std::pow(transfer.loss, transfer.repeats + 1), askers) >= kMostLacking;
+}
+
+// Whether repairs wait while the file streams. Before a crowd nearly every repair is lost by
+// somebody, and has to be sent again as early as possible.
+bool DataSender::repairs_can_wait(const Transfer& transfer) const {
+  const double loss = std::min(1.0, loss_.loss());
+  return transfer.stage == Transfer::Stage::kStreaming &&
+         lost_somewhere(loss, loss * transfer.open) < kMostLacking;
 }
 
 // Nodes do not say what they still lack of what they asked for, only seconds later. What is sent
@@ -218,8 +231,8 @@ bool DataSender::worth_repeating(const Transfer& transfer) const {
 // What nodes ask for after the stream costs them a wait of seconds if it is lost again. While it is
 // little, it is sent twice.
 bool DataSender::worth_sending_twice(const Transfer& transfer) const {
-  return transfer.stage == Transfer::Stage::kSettling && transfer.segments > kSmallFile &&
-         loss_.info_copies() > 1 && transfer.late <= transfer.segments / kLittlePart;
+  if (transfer.stage != Transfer::Stage::kSettling || transfer.segments <= kSmallFile) return false;
+  return loss_.info_copies() > 1 && transfer.late <= transfer.segments / kLittlePart;
 }
 
 void DataSender::enter_repair_line(Transfer& transfer) {
@@ -256,9 +269,13 @@ bool DataSender::help(Transfer& transfer, Time now) {
 // file cannot be sent any further.
 bool DataSender::send_marks(Transfer& transfer, Time now) {
   constexpr uint32_t kRounds = 2;  // the second in case that the first one was lost
+  constexpr uint32_t kFewMarks = 400;
   if (transfer.segments <= kMediumFile || transfer.stuck > kRounds) return true;
-  for (const uint32_t mark : transfer.start_search.marks())
+  if (transfer.marks_sent > std::max(kFewMarks, transfer.segments / kLittlePart)) return true;
+  for (const uint32_t mark : transfer.start_search.marks()) {
     if (!send_segment(transfer, mark, false, now)) return false;
+    ++transfer.marks_sent;
+  }
   return true;
 }
 
@@ -324,7 +341,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   uint32_t gone = 0;
   uint32_t due = 0;
   transfer->repairs.set_holdoff(2 * round_trip_);
-  transfer->repairs.set_patient(transfer->stage == Transfer::Stage::kStreaming);
+  transfer->repairs.set_patient(repairs_can_wait(*transfer));
   transfer->repairs.set_echo(worth_sending_twice(*transfer));
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
     due += transfer->repairs.request(from, count, now);

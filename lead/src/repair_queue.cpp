@@ -16,7 +16,6 @@ void RepairQueue::rotate(Time now) {
 uint32_t RepairQueue::request(uint32_t first, uint32_t num, Time now) {
   rotate(now);
   asked_.insert_run(first, num);
-  if (echoing_) echo_.insert_run(first, num, {&recent_, &older_});
   if (!patient_) return due_.insert_run(first, num, {&recent_, &older_});
   if (fresh_.empty() && waiting_.empty()) ripened_ = now;
   last_request_ = now;
@@ -45,10 +44,13 @@ void RepairQueue::end_waiting() {
 
 uint32_t RepairQueue::take(Time now) {
   rotate(now);
-  SegmentSet& from = due_.empty() ? echo_ : due_;
+  const bool again = due_.empty();
+  SegmentSet& from = again ? echo_ : due_;
   const uint32_t segment = from.next(cursor_);
   from.erase(segment);
   recent_.insert(segment);
+  if (echoing_ && !again && !once_.contains(segment)) echo_.insert(segment);
+  once_.erase(segment);
   cursor_ = segment + 1;
   return segment;
 }

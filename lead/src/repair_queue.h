@@ -26,7 +26,8 @@ class RepairQueue {
         recent_(segments),
         older_(segments),
         asked_(segments),
-        echo_(segments) {}
+        echo_(segments),
+        once_(segments) {}
 
   // How long a segment that was repaired is held back at least: a round trip, in which requests
   // arrive that were sent before the repair came.
@@ -42,8 +43,10 @@ class RepairQueue {
   bool ripen(Time now);
   // Makes all due that waits.
   void end_waiting();
+  // What is due now has no echo.
+  void due_once() { once_.insert_all(due_); }
 
-  // Whether what is asked for from here on comes twice: once more behind all that is due.
+  // What is taken from here on comes once more, behind all that is due; or does not.
   void set_echo(bool on) { echoing_ = on; }
 
   bool empty() const { return due_.empty() && echo_.empty(); }
@@ -59,6 +62,7 @@ class RepairQueue {
     waiting_.clear();
     due_.clear();
     echo_.clear();
+    once_.clear();
   }
 
  private:
@@ -81,6 +85,7 @@ class RepairQueue {
   SegmentSet older_;   // repaired in the period before
   SegmentSet asked_;
   SegmentSet echo_;  // to come once more when nothing is due
+  SegmentSet once_;  // due, without an echo
   bool echoing_ = false;
   Time rotated_ = 0;
   Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these

@@ -109,6 +109,7 @@ struct Transfer {
   uint32_t stuck = 0;     // rounds in a row that nodes answered 'in progress' to, asking nothing
   uint32_t mute = 0;      // rounds in a row that no node answered
   bool in_repair_line = false;
+  uint32_t marks_sent = 0;
   // Since nodes asked afresh, see forget_asked().
   uint64_t requested = 0;  // segments, as often as they were asked for
   uint64_t repeated = 0;   // segments sent again without a request
