@@ -169,6 +169,10 @@ class BackgroundLead:
         lab.wait_until(lambda: self.events(event), seconds, f"the lead's event {event}")
         return self.events(event)[0]
 
+    def wait_for_all_nodes(self):
+        lab.wait_until(lambda: len(self.events("node-appeared")) == len(self.test.net.nodes), 20.0,
+                       "the lead to know every node")
+
     def finish(self, expect=0, seconds=120.0):
         """Waits for the end and returns the summary."""
         try:

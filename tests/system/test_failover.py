@@ -68,7 +68,7 @@ class Failover(SystemTest):
         standby = self.standby()
         self.start_nodes()
         first = BackgroundLead(self, "serve")
-        first.wait_for("node-appeared")
+        first.wait_for_all_nodes()
         first.kill()
         lab.wait_until(lambda: "leading" in standby.roles(), 15, "the standby to lead")
         back = BackgroundLead(self, "serve")
@@ -85,7 +85,7 @@ class Failover(SystemTest):
         standby = self.standby()
         self.start_nodes()
         first = BackgroundLead(self, "serve")
-        first.wait_for("node-appeared")
+        first.wait_for_all_nodes()
         first.process.send_signal(signal.SIGSTOP)
         lab.wait_until(lambda: "leading" in standby.roles(), 15, "the standby to lead")
         first.process.send_signal(signal.SIGCONT)
@@ -98,7 +98,7 @@ class Failover(SystemTest):
         tree.add(self.content, "file", 1000)
         serving = BackgroundLead(self, "serve", host=self.net.others["standby"])
         self.start_nodes()
-        serving.wait_for("node-appeared")
+        serving.wait_for_all_nodes()
         push = self.start_push("--timeout", "3")
         self.assertFalse(push.finish(expect=1, seconds=15)["complete"])
         self.assertIn(f"another lead, {serving.host.address}, leads", push.errors())
@@ -107,7 +107,7 @@ class Failover(SystemTest):
         tree.add(self.content, "file", 1000)
         self.start_nodes()
         serving = BackgroundLead(self, "serve")
-        serving.wait_for("node-appeared")
+        serving.wait_for_all_nodes()
         rogue = ScriptedLead(self.net.others["rogue"], pid=666)
         self.addCleanup(rogue.__exit__)
         for _ in range(50):
@@ -119,5 +119,7 @@ class Failover(SystemTest):
         self.assertEqual(serving.roles(), ["leading"])
         for node in self.net.nodes:
             self.assertEqual(self.lead_changes(node), [(self.net.lead.address, False)])
+            # Its caller's thread prints a message after the library has acknowledged it.
+            lab.wait_until(lambda n=node: self.node_events(n, "message"), 5, "the lead's message")
             self.assertEqual([e["size"] for e in self.node_events(node, "message")], [len("true")])
             self.assertGreater(self.statistics(node).total("MC LEAD FO DROP"), 0)
