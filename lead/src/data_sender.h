@@ -6,7 +6,8 @@
 // node concerned has ended. Files flow back to back: many are announced ahead of the stream, and
 // many settle behind it.
 //
-// Repairs interleave with the stream one to one. A request for a segment that the stream still
+// Repairs wait until an overrun is over (repair_queue.h), then interleave with the stream one to
+// one. A request for a segment that the stream still
 // comes to is ignored.
 //
 // The settling ladder. A node's final report may be lost, a node may have lost a request, a repair,
