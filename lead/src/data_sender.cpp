@@ -452,7 +452,7 @@ void DataSender::probe_queues(Time now) {
   }
   const TransferId number = next_id();
   send(build_miss_done(sink_.buffer(), self_.address, *transfer, number, listed_));
-  probe_.sent(number, now);
+  probe_.sent(number, transfer->id, now);
 }
 
 }  // namespace pkgdist::lead

@@ -7,19 +7,17 @@
 // many settle behind it.
 //
 // Repairs wait until an overrun is over (repair_queue.h), then interleave with the stream one to
-// one. A request for a segment that the stream still
-// comes to is ignored.
+// one. A request for a segment that the stream still comes to is ignored.
 //
 // The settling ladder. A node's final report may be lost, a node may have lost a request, a repair,
 // the information or everything; only its answers tell. Each round ends with miss done to the open
 // nodes. A node that answers 'in progress' and asked for nothing is helped in rising steps: the
 // information and the segments at which a turn ended, sent as first transmissions (a node that
 // lacks what lies before asks for the gap at once; marks all over the file do the same for one that
-// began in the middle), and with these all segments that were
-// asked for, when that is little or most of them are lacking somewhere; then the whole file when it
-// is small; then patience, because the node asks again by itself within seconds, for what it lacks
-// and for nothing else. Every round from the second on carries a segment, so that no node counts
-// the lead as lost.
+// began in the middle), and with these all segments that were asked for, when that is little or
+// most of them are lacking somewhere; then the whole file when it is small; then patience, because
+// the node asks again by itself within seconds, for what it lacks and for nothing else. Every round
+// from the second on carries a segment, so that no node counts the lead as lost.
 //
 // What nodes ask for after their time-outs is gathered first. A node's time-out begins anew with
 // every repair that it can use: if the first one that asks were served at once, it would silence

@@ -13,10 +13,16 @@ namespace pkgdist::lead {
 
 class QueueProbe {
  public:
-  // A question was sent.
-  void sent(TransferId number, Time now) {
+  // A question about a file was sent.
+  void sent(TransferId number, TransferId file, Time now) {
+    if (file != file_) {
+      file_ = file;
+      asked_ = unanswered_ = 0;
+      any_ = false;
+    }
     latest_[next_] = {number, now};
     next_ = (next_ + 1) % latest_.size();
+    ++asked_;
     ++unanswered_;
   }
 
@@ -26,15 +32,16 @@ class QueueProbe {
     for (size_t back = 1; back <= latest_.size(); ++back) {
       const Question& question = latest_[(next_ + latest_.size() - back) % latest_.size()];
       if (question.number != number) continue;
-      any_ = true;
+      any_ |= back <= asked_;
       unanswered_ = std::min(unanswered_, back - 1);
       return elapsed(now, question.sent) + 1;
     }
     return 0;
   }
 
-  // Questions after the last one that was answered, and for how long the first of them has been
-  // waiting. Where nobody ever answered there is nothing to be late for.
+  // Questions about this file after the last one that was answered, and for how long the first of
+  // them has been waiting. Where nobody answered yet there is nothing to be late for: nodes that
+  // remember how the same file ended before answer about that one.
   size_t unanswered() const { return any_ ? unanswered_ : 0; }
   Time silence(Time now) const {
     const size_t back = std::min(unanswered(), latest_.size());
@@ -50,8 +57,10 @@ class QueueProbe {
   // Answers that come later than so many questions are of another time: more than a second.
   std::array<Question, 64> latest_;
   size_t next_ = 0;
+  TransferId file_ = kNoTransfer;  // of the last question
+  size_t asked_ = 0;               // questions about it
   size_t unanswered_ = 0;
-  bool any_ = false;  // answer, ever
+  bool any_ = false;  // answer about it
 };
 
 }  // namespace pkgdist::lead
