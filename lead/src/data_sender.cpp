@@ -133,6 +133,7 @@ void DataSender::drop_node(NodeIndex node, Time) {
   std::vector<TransferId> ended;
   for (auto& [id, transfer] : transfers_) {
     if (node >= transfer->nodes.size()) continue;
+    transfer->confirmed.drop_node(node);
     transfer->set_state(node, TransferNode::State::kAbsent);
     if (transfer->open + transfer->unlisted == 0) ended.push_back(id);
   }
@@ -168,6 +169,7 @@ void DataSender::close(Transfer& transfer) {
 
 void DataSender::end_node(Transfer& transfer, NodeIndex node, uint64_t status) {
   transfer.set_state(node, TransferNode::State::kEnded);
+  transfer.confirmed.drop_node(node);
   transfer.progress();
   observer_.transfer_ended(transfer, node, status, status == 0 && transfer.segments_sent == 0);
 }
@@ -193,6 +195,7 @@ void DataSender::send(size_t length) {
   pacer_.spend(length);
   period_bytes_ += length;
   counters_.data_bytes_sent += length;
+  ++batched_;
 }
 
 // The addresses of the open nodes, none when the message may as well go to everybody.
@@ -211,6 +214,7 @@ void DataSender::send_info(Transfer& transfer, Time now) {
   if (transfer.status != 0) nodes = open_nodes(transfer);
   send(build_info(sink_.buffer(), self_.address, transfer, self_.segment_size, nodes));
   transfer.info_sent = now;
+  batch_of_ = kNoTransfer;  // a shorter datagram is the last of its batch
   ++counters_.infos_sent;
 }
 
@@ -248,6 +252,7 @@ int DataSender::open_content(Transfer& transfer) {
 void DataSender::fail(Transfer& transfer, int error, Time now) {
   transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
   transfer.repairs.clear();
+  transfer.confirmed.clear();
   transfer.content.reset();
   transfer.progress();
   begin_settling(transfer, now);
@@ -255,28 +260,28 @@ void DataSender::fail(Transfer& transfer, int error, Time now) {
 }
 
 int DataSender::read_content(Transfer& transfer, uint64_t offset, std::span<uint8_t> out,
-                             bool repair) {
-  if (repair) return transfer.content->read(offset, out);
+                             Sending how) {
+  if (how != Sending::kInPlace) return transfer.content->read(offset, out);
   return window_.read(transfer.id, *transfer.content, transfer.attributes.size, offset, out);
 }
 
-bool DataSender::send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now) {
+bool DataSender::send_segment(Transfer& transfer, uint32_t segment, Sending how, Time now) {
   int error = open_content(transfer);
   const uint64_t offset = uint64_t{segment} * self_.segment_size;
   const size_t length = static_cast<size_t>(
       std::min<uint64_t>(self_.segment_size, transfer.attributes.size - offset));
   const std::span<uint8_t> out = sink_.buffer();
   if (error == 0 && length != 0)
-    error = read_content(transfer, offset, segment_.data(out, length), repair);
+    error = read_content(transfer, offset, segment_.data(out, length), how);
   if (error != 0) {
     fail(transfer, error, now);
     return false;
   }
-  send(segment_.finish(out, transfer.id, segment, repair, length));
+  send(segment_.finish(out, transfer.id, segment, how != Sending::kInPlace, length));
   ++transfer.segments_sent;
   ++counters_.segments_sent;
   ++period_segments_;
-  if (repair) ++counters_.repairs_sent;
+  if (how == Sending::kRepair) ++counters_.repairs_sent;
   return true;
 }
 
@@ -336,15 +341,42 @@ bool DataSender::send_stream(Time now) {
     return true;
   }
   if (transfer->first_turn && informs_again_at(transfer->turn.done())) send_info(*transfer, now);
-  if (!send_segment(*transfer, transfer->turn.segment(), false, now)) return true;
+  if (!send_in_place(*transfer, now)) return true;
   loss_.sent(1);
   if (transfer->repairs.ripen(now)) enter_repair_line(*transfer);
   transfer->turn.advance();
   if (transfer->turn.active()) return true;
+  confirm_last_batch(*transfer, now);
   transfer->first_turn = false;
   line.pop_front();
   begin_settling(*transfer, now);
   return true;
+}
+
+// The segment whose turn it is, unless it was sent ahead; and one ahead of its place. False when
+// the file cannot be sent any further.
+bool DataSender::send_in_place(Transfer& transfer, Time now) {
+  const uint32_t segment = transfer.turn.segment();
+  if (!transfer.first_round() || transfer.segments <= kMediumFile)
+    return send_segment(transfer, segment, Sending::kInPlace, now);
+  enter_batch(transfer);
+  BatchLog& batches = transfer.batches;
+  if (!batches.was_sent_ahead(segment) && !send_segment(transfer, segment, Sending::kInPlace, now))
+    return false;
+  const std::optional<uint32_t> ahead = batches.forerunner(segment);
+  if (!ahead || !confirms(transfer, now)) return true;
+  batches.sent_ahead(*ahead);
+  return send_segment(transfer, *ahead, Sending::kAhead, now);
+}
+
+// With a few segments sent ahead it is as much as goes out in one call.
+void DataSender::enter_batch(Transfer& transfer) {
+  constexpr size_t kBatch = 42;
+  if (batch_of_ == transfer.id && batched_ < kBatch) return;
+  sink_.end_batch();
+  batch_of_ = transfer.id;
+  batched_ = 0;
+  transfer.batches.begin(transfer.turn.segment());
 }
 
 double DataSender::streaming_seconds() {
@@ -361,23 +393,6 @@ double DataSender::backlog_seconds() {
          static_cast<double>(waiting_bytes_) * 8 / static_cast<double>(pacer_.rate());
 }
 
-bool DataSender::send_repair(Time now) {
-  Transfer* transfer = head(repairing_);
-  if (transfer == nullptr) return false;
-  // One file's repairs go out in runs of this many before the next file has its turn.
-  constexpr int kRun = 1;
-  for (int i = 0; i < kRun && !transfer->repairs.empty(); ++i)
-    if (!send_segment(*transfer, transfer->repairs.take(now), true, now)) break;
-  repairing_.pop_front();
-  if (!transfer->repairs.empty()) {
-    repairing_.push_back(transfer->id);
-    return true;
-  }
-  transfer->in_repair_line = false;
-  if (transfer->stage == Transfer::Stage::kSettling) arm(*transfer, now + grace());
-  return true;
-}
-
 bool DataSender::run_timer(Time now) {
   if (timers_.empty() || timers_.begin()->first > now) return false;
   Transfer& transfer = *at(timers_.begin()->second);
@@ -388,24 +403,38 @@ bool DataSender::run_timer(Time now) {
 
 bool DataSender::send_one(Time now) {
   if (run_timer(now) || send_announcement(now)) return true;
-  repair_turn_ = !repair_turn_;
-  if (repair_turn_) return send_repair(now) || send_stream(now);
-  return send_stream(now) || send_repair(now);
+  if (owed_to_stream_ > 0) {
+    --owed_to_stream_;
+    if (send_stream(now)) return true;
+    owed_to_stream_ = 0;
+  }
+  return send_repair(now) || send_stream(now);
 }
 
 void DataSender::run(Time now) {
   pacer_.refill(now);
   adapt_rate(now);
-  while (pacer_.ready())
+  batch_of_ = kNoTransfer;
+  if (pacer_.next_ready(now) > now) return;  // woken early: less would go out than a call is worth
+  while (pacer_.ready() || !worth_a_call())
     if (!send_one(now)) {
       period_idle_ = true;
       return;
     }
 }
 
+// Whether the batch that is being put together may end here. A short one costs as much as a long
+// one, and is asked for only once when it gets lost.
+bool DataSender::worth_a_call() const {
+  const double bytes = static_cast<double>(batched_ * self_.segment_size);
+  return batch_of_ == kNoTransfer || bytes >= pacer_.batch_bytes() / 2;
+}
+
 Time DataSender::next_deadline(Time now) const {
   Time deadline = announcing_.empty() && repairing_.empty() ? stream_due_ : now;
   if (!timers_.empty()) deadline = std::min(deadline, timers_.begin()->first);
+  for (const TransferId id : confirming_)
+    if (const Transfer* transfer = at(id)) deadline = std::min(deadline, transfer->confirmed.due());
   if (deadline == kNever) return kNever;
   return std::max(deadline, pacer_.next_ready(now));
 }

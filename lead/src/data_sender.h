@@ -7,7 +7,9 @@
 // many settle behind it.
 //
 // Repairs wait until an overrun is over (repair_queue.h), then interleave with the stream one to
-// one. A request for a segment that the stream still comes to is ignored.
+// one. A request for a segment that the stream still comes to is ignored. Where whole batches of
+// datagrams get lost they are found out (batch_log.h), and repaired at once, by batches that nodes
+// confirm (confirmed_repairs.h).
 //
 // The settling ladder. A node's final report may be lost, a node may have lost a request, a repair,
 // the information or everything; only its answers tell. Each round ends with miss done to the open
@@ -104,6 +106,11 @@ class DataSender {
 
  private:
   using Line = std::deque<TransferId>;
+  // Files up to this many segments are soon sent again as a whole, which is simpler than to find
+  // out what a node lacks.
+  static constexpr uint32_t kMediumFile = 1024;
+  // As what a segment is sent: on the wire the first is unmarked, the others are marked as repairs.
+  enum class Sending : uint8_t { kInPlace, kAhead, kRepair };
   // Contents kept open: well below the usual limit of 1024 descriptors.
   static constexpr size_t kMaxOpenContents = 256;
 
@@ -114,15 +121,17 @@ class DataSender {
   bool send_one(Time now);
   bool run_timer(Time now);
   bool send_announcement(Time now);
-  bool send_repair(Time now);
   bool send_stream(Time now);
+  bool send_in_place(Transfer& transfer, Time now);
+  void enter_batch(Transfer& transfer);
+  bool worth_a_call() const;
   Transfer* streamable(Time now);
   void leave_waiting(Transfer& transfer);
   void enter_stream(Transfer& transfer, Time now);
   void send(size_t length);
   void send_info(Transfer& transfer, Time now);
-  bool send_segment(Transfer& transfer, uint32_t segment, bool repair, Time now);
-  int read_content(Transfer& transfer, uint64_t offset, std::span<uint8_t> out, bool repair);
+  bool send_segment(Transfer& transfer, uint32_t segment, Sending how, Time now);
+  int read_content(Transfer& transfer, uint64_t offset, std::span<uint8_t> out, Sending how);
   std::span<uint32_t> open_nodes(const Transfer& transfer);
   void arm(Transfer& transfer, Time when);
   void close(Transfer& transfer);
@@ -137,6 +146,24 @@ class DataSender {
   void use_content(Transfer& transfer);
   void fail(Transfer& transfer, int error, Time now);
 
+  // data_repairs.cpp
+  bool send_repair(Time now);
+  Transfer* confirming(Time now);
+  ConfirmedRepairs::Batch& gather_repairs(Transfer& transfer, const std::vector<NodeIndex>& nodes,
+                                          Time now);
+  static std::vector<NodeIndex> nodes_of(const Transfer& transfer, bool askers);
+  ConfirmedRepairs::Batch& repair_confirmed(Transfer& transfer, uint32_t place,
+                                            std::vector<uint32_t> segments,
+                                            const std::vector<NodeIndex>& nodes);
+  void send_confirmed(Transfer& transfer, ConfirmedRepairs::Batch& batch, Time now);
+  TransferId ask(const Transfer& transfer, const ConfirmedRepairs::Batch& batch);
+  void confirm_last_batch(Transfer& transfer, Time now);
+  bool confirms(const Transfer& transfer, Time now) const;
+  uint32_t request_repair(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num,
+                          Time now);
+  bool on_confirmed(Transfer& transfer, NodeIndex node, uint32_t question, Time now);
+  void enter_repair_line(Transfer& transfer);
+
   // data_settling.cpp
   void begin_settling(Transfer& transfer, Time now);
   void settle(Transfer& transfer, Time now);
@@ -150,7 +177,6 @@ class DataSender {
   bool worth_sending_twice(const Transfer& transfer) const;
   bool repairs_can_wait(const Transfer& transfer) const;
   bool send_marks(Transfer& transfer, Time now);
-  void enter_repair_line(Transfer& transfer);
   void begin_gathering(Transfer& transfer, Time now);
   bool gathers(Transfer& transfer, Time now);
   void restart_turn(Transfer& transfer);
@@ -183,8 +209,14 @@ class DataSender {
   std::map<uint32_t, Line> streaming_;  // by priority; the front is the file being streamed
   Line repairing_;
   std::set<std::pair<Time, TransferId>> timers_;
-  std::deque<TransferId> opened_;  // contents in the order of their opening
-  bool repair_turn_ = false;
+  std::deque<TransferId> opened_;       // contents in the order of their opening
+  std::vector<TransferId> confirming_;  // with repairs to be confirmed
+  uint32_t owed_to_stream_ = 0;         // segments, for the repairs that went before
+  // The batch that is being put together: the file whose log it is in, and datagrams.
+  TransferId batch_of_ = kNoTransfer;
+  size_t batched_ = 0;
+  Time batch_lost_ = 0;  // when a whole batch was found to be lost last, 0: never
+  Time overrun_ = 0;     // when a node lost a part of one last, meanwhile
   TransferId last_id_;
   size_t waiting_ = 0;
   uint64_t waiting_bytes_ = 0;

@@ -13,9 +13,6 @@ namespace {
 
 // Files up to this many segments are sent again as a whole rather than waiting for a node.
 constexpr uint32_t kSmallFile = 64;
-// Files up to this many are soon sent again as a whole, which is simpler than to find out what a
-// node lacks.
-constexpr uint32_t kMediumFile = 1024;
 // Files up to this many: at the first sign of trouble, since their end is all there is.
 constexpr uint32_t kTinyFile = 4;
 
@@ -117,6 +114,7 @@ void DataSender::settle(Transfer& transfer, Time now) {
   if (transfer.open + transfer.unlisted == 0) return close(transfer);
   if (transfer.open == 0 || transfer.in_repair_line) return;  // woken by join() or by the repairs
   if (gathers(transfer, now)) return;
+  if (!transfer.confirmed.empty()) return arm(transfer, now + kMinAnswerTime);
   if (end_mute_nodes(transfer, now)) return;
   const bool trouble = in_trouble(transfer) || transfer.help_now;
   transfer.asked_at = transfer.turn_ended = 0;
@@ -235,12 +233,6 @@ bool DataSender::worth_sending_twice(const Transfer& transfer) const {
   return loss_.info_copies() > 1 && transfer.late <= transfer.segments / kLittlePart;
 }
 
-void DataSender::enter_repair_line(Transfer& transfer) {
-  if (transfer.in_repair_line || transfer.repairs.empty()) return;
-  transfer.in_repair_line = true;
-  repairing_.push_back(transfer.id);
-}
-
 // True when it started something after which settling goes on by itself.
 bool DataSender::help(Transfer& transfer, Time now) {
   if (transfer.stuck == 0 && transfer.mute == 1) return false;  // asking again comes first
@@ -253,8 +245,8 @@ bool DataSender::help(Transfer& transfer, Time now) {
   }
   const uint32_t last = transfer.segments - 1;
   const uint32_t turn_end = transfer.turn.last();
-  if (!send_segment(transfer, last, false, now)) return true;
-  if (turn_end != last) send_segment(transfer, turn_end, false, now);
+  if (!send_segment(transfer, last, Sending::kInPlace, now)) return true;
+  if (turn_end != last) send_segment(transfer, turn_end, Sending::kInPlace, now);
   if (!send_marks(transfer, now)) return true;
   if (transfer.status != 0) return true;
   if (!worth_repeating(transfer)) return false;
@@ -273,7 +265,7 @@ bool DataSender::send_marks(Transfer& transfer, Time now) {
   if (transfer.segments <= kMediumFile || transfer.stuck > kRounds) return true;
   if (transfer.marks_sent > std::max(kFewMarks, transfer.segments / kLittlePart)) return true;
   for (const uint32_t mark : transfer.start_search.marks()) {
-    if (!send_segment(transfer, mark, false, now)) return false;
+    if (!send_segment(transfer, mark, Sending::kInPlace, now)) return false;
     ++transfer.marks_sent;
   }
   return true;
@@ -300,6 +292,7 @@ void DataSender::send_miss_done(Transfer& transfer, Time now) {
   const std::span<uint32_t> nodes = open_nodes(transfer);
   send(build_miss_done(sink_.buffer(), self_.address, transfer, transfer.id, nodes));
   transfer.asked_at = now;
+  batch_of_ = kNoTransfer;
   ++counters_.miss_done_sent;
 }
 
@@ -342,9 +335,9 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   uint32_t due = 0;
   transfer->repairs.set_holdoff(2 * round_trip_);
   transfer->repairs.set_patient(repairs_can_wait(*transfer));
-  transfer->repairs.set_echo(worth_sending_twice(*transfer));
+  transfer->repairs.set_echo(!confirms(*transfer, now) && worth_sending_twice(*transfer));
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
-    due += transfer->repairs.request(from, count, now);
+    due += request_repair(*transfer, node, from, count, now);
     gone += count;
   });
   if (transfer->stage == Transfer::Stage::kSettling) transfer->late += due;
@@ -410,6 +403,9 @@ void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& rep
     ++counters_.foreign_datagrams;
     return;
   }
+  if (!exact && on_confirmed(*transfer, node, report.file_id, now)) return;
+  // The answer to a question of another time; of an earlier transfer nodes report the end.
+  if (!exact && report.status == PKGDIST_STATUS_IN_PROGRESS) return;
   const TransferNode before = transfer->node(node);
   const TransferNode::State state = before.state;
   if (state != TransferNode::State::kOpen && state != TransferNode::State::kUnlisted) return;

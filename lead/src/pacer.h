@@ -17,6 +17,8 @@ class Pacer {
   bool ready() const { return tokens_ > 0; }
   void spend(size_t payload_bytes) { tokens_ -= static_cast<double>(payload_bytes + kOverhead); }
 
+  // What a batch is at this rate.
+  double batch_bytes() const { return batch_; }
   // When enough has been saved for the next batch.
   Time next_ready(Time now) const;
 

@@ -48,7 +48,7 @@ constexpr int kDrainPeriods = 2;
 constexpr int kLateInARow = 2;
 constexpr Time kCongestedDelay = 8 * kMillisecond;
 constexpr Time kHopelessDelay = 30 * kMillisecond;
-constexpr Time kRelaxedDelay = 4 * kMillisecond;
+constexpr Time kRelaxedDelay = 2 * kMillisecond;
 
 }  // namespace
 
@@ -59,7 +59,8 @@ RateControl::RateControl(uint64_t max_bits)
       ceiling_(max_) {}
 
 void RateControl::follow(const Period& period) {
-  if (!period.limited || period.sent_bits == 0) return;
+  if (!period.limited || period.sent_bits == 0 || period.sent_bits >= rate_ * kReached) return;
+  starting_ = false;
   rate_ = std::clamp(period.sent_bits / kReached, std::min(kMinBits, rate_), rate_);
 }
 
@@ -140,11 +141,15 @@ void RateControl::on_period(const Period& period) {
 
 void RateControl::rise(const Period& period, Time delay) {
   const bool tried = period.sent_bits == 0 || period.sent_bits >= rate_ * kTried;
-  if (!period.limited || !tried || delay > kRelaxedDelay) return;
+  // A question that is answered later than others may be behind a queue, or lost.
+  const bool overdue = period.silence > last_delay_ + kPeriod / 2;
+  if (!period.limited || !tried || overdue || delay > kRelaxedDelay) return;
   proven_ = std::max(proven_, std::max(period.sent_bits, rate_ * kTried));
-  const bool steep = starting_ || rate_ < proven_;
   const bool near = rate_ > kNearCeiling * ceiling_;
-  rate_ = std::min(max_, rate_ * (near ? kSlowGain : steep ? kSteepGain : kGain));
+  double next = rate_ * (near ? kSlowGain : kGain);
+  if (!near && starting_) next = rate_ * kSteepGain;
+  if (!near && rate_ < proven_) next = std::max(next, std::min(proven_, rate_ * kSteepGain));
+  rate_ = std::min(max_, next);
 }
 
 }  // namespace pkgdist::lead

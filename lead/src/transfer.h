@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "batch_log.h"
+#include "confirmed_repairs.h"
 #include "node_table.h"
 #include "pkgdist_lead/content.h"
 #include "repair_queue.h"
@@ -73,6 +75,7 @@ struct Transfer {
         segments(segments_),
         turn(segments_),
         repairs(segments_),
+        batches(segments_),
         start_search(segments_) {}
 
   const TransferId id;
@@ -87,6 +90,8 @@ struct Transfer {
   Stage stage = Stage::kQueued;
   Turn turn;
   RepairQueue repairs;
+  BatchLog batches;  // of a large file's first round
+  ConfirmedRepairs confirmed;
   StartSearch start_search;
   std::unique_ptr<Content> content;  // null while closed
 
@@ -133,6 +138,8 @@ struct Transfer {
   }
   // The same in bytes of content.
   uint64_t streamed_bytes() const { return attributes.size * streamed_segments() / segments; }
+  // The stream goes round the file for the first time.
+  bool first_round() const { return first_turn && turn.done() < segments; }
   void progress() { stuck = mute = 0; }
   void forget_asked() {
     repairs.forget_asked();

@@ -107,6 +107,7 @@ struct Gathered {
   sockaddr_in to{};
   size_t offset = 0;
   size_t length = 0;
+  bool apart = false;  // from the datagram before
 
   bool same_way(const Gathered& other) const {
     return fd == other.fd && to.sin_port == other.to.sin_port &&
@@ -159,8 +160,16 @@ class UdpTransport::Impl {
       one.to = endpoint(settings_.ctrl_group, settings_.ctrl_port);
     one.offset = used_;
     one.length = length;
+    one.apart = apart_;
+    apart_ = false;
     used_ += length;
     if (gathered_.size() == kMaxGathered) flush();
+  }
+
+  // With room for a whole batch: else the next one would be torn apart.
+  void end_batch() {
+    apart_ = true;
+    if (gathered_.size() + kMaxOffloadSegments > kMaxGathered) flush();
   }
 
   void flush() {
@@ -201,7 +210,7 @@ class UdpTransport::Impl {
     const size_t limit = offload_ ? kMaxOffloadSegments : 1;
     for (size_t i = first; i < gathered_.size() && batch.count < limit; ++i) {
       const Gathered& one = gathered_[i];
-      if (!head.same_way(one) || one.length > head.length ||
+      if (!head.same_way(one) || one.length > head.length || (one.apart && i != first) ||
           batch.bytes + one.length > kMaxOffloadBytes)
         break;
       ++batch.count;
@@ -295,6 +304,7 @@ class UdpTransport::Impl {
   std::array<Batch, kMaxGathered> batches_;
   std::array<mmsghdr, kMaxGathered> messages_;
   bool offload_ = true;
+  bool apart_ = false;  // the next datagram
   // Found by the last wait(), in the order of receive(); without one anything may have come.
   std::array<bool, 3> arrived_ = {true, true, true};
 };
@@ -308,6 +318,10 @@ std::span<uint8_t> UdpTransport::buffer() {
 
 void UdpTransport::send(Channel channel, uint32_t destination, size_t length) {
   impl_->send(channel, destination, length);
+}
+
+void UdpTransport::end_batch() {
+  impl_->end_batch();
 }
 
 void UdpTransport::flush() {

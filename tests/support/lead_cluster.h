@@ -87,6 +87,13 @@ class Cluster {
     }
   }
 
+  // The same, but what nodes receive is lost batch by batch, as on virtual links.
+  void set_batch_loss(double down, double up, uint64_t seed) {
+    set_loss(0, up, seed);
+    for (size_t i = 0; i < hosts_.size(); ++i)
+      hosts_[i]->down.template with<BatchLoss>(down, batch_, seed * 1000 + i);
+  }
+
   // Takes a host and a lead apart, or two leads, or puts them together again. What is on the way
   // arrives.
   void cut(size_t host, size_t lead, bool apart) { set_cut(cut_hosts_, {host, lead}, apart); }
@@ -198,8 +205,13 @@ class Cluster {
 
     std::span<uint8_t> buffer() override { return bytes; }
     void send(lead::Channel channel, uint32_t destination, size_t length) override {
+      // Datagrams of one length are a batch; the last may be shorter.
+      if (length > batch_length || batch_ended) ++*cluster.batch_;
+      batch_ended = length < batch_length;
+      batch_length = length;
       cluster.from_lead(index, channel, destination, {bytes.data(), length});
     }
+    void end_batch() override { batch_ended = true; }
     void node_appeared(const lead::NodeInfo&) override { ++seen.appeared; }
     void node_restarted(const lead::NodeInfo&) override { ++seen.restarted; }
     void node_silent(const lead::NodeInfo&) override { ++seen.silent; }
@@ -236,6 +248,8 @@ class Cluster {
     lead::Events* events = nullptr;
     std::array<uint8_t, 2048> bytes{};
     std::unique_ptr<lead::Lead> process;
+    bool batch_ended = true;
+    size_t batch_length = 0;
     Seen seen;
     Path overheard;  // what it hears of other leads
   };
@@ -337,6 +351,7 @@ class Cluster {
     bool due = false;
     for (const auto& leader : leaders_) {
       if (!leader->process || leader->suspended) continue;
+      leader->end_batch();
       leader->process->run(now_ + leader->clock_ahead);
       due |= deadline_of(*leader) <= now_;
     }
@@ -347,6 +362,7 @@ class Cluster {
   uint64_t now_ = 1'000'000'000;
   uint64_t order_ = 0;
   uint64_t sent_ = 0;
+  const std::shared_ptr<uint64_t> batch_ = std::make_shared<uint64_t>(0);
   uint32_t next_pid_ = 100;
   const Maker maker_;
   std::set<std::pair<size_t, size_t>> cut_hosts_;  // (host, lead)

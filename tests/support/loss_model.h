@@ -56,6 +56,26 @@ class BurstLoss : public LossModel {
   std::uniform_real_distribution<double> uniform_{0, 1};
 };
 
+// Drops all datagrams of a batch or none of them; its owner numbers the batches, from 1 on.
+class BatchLoss : public LossModel {
+ public:
+  BatchLoss(double rate, std::shared_ptr<const uint64_t> batch, uint64_t seed)
+      : rate_(rate), batch_(std::move(batch)), random_(seed) {}
+  void decide(Fate& fate) override {
+    if (decided_ != *batch_) lost_ = uniform_(random_) < rate_;
+    decided_ = *batch_;
+    fate.dropped |= lost_;
+  }
+
+ private:
+  double rate_;
+  std::shared_ptr<const uint64_t> batch_;
+  uint64_t decided_ = 0;
+  bool lost_ = false;
+  std::mt19937_64 random_;
+  std::uniform_real_distribution<double> uniform_{0, 1};
+};
+
 // Drops the datagrams numbered (from 0) first .. first+count-1.
 class DropRange : public LossModel {
  public:

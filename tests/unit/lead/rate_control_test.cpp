@@ -145,6 +145,32 @@ TEST(RateControl, comes_back_at_once_to_what_was_reached_before_the_lead_was_hel
   EXPECT_GT(control.rate_bits(), 1'600'000'000u);
 }
 
+// Behind a queue that grows an answer is late before it says so.
+TEST(RateControl, does_not_rise_while_an_answer_is_overdue) {
+  RateControl control(0);
+  control.on_period({0, kMillisecond, true});
+  const uint64_t before = control.rate_bits();
+  control.on_period({0, 0, true, 0, 1, 20 * kMillisecond});
+  EXPECT_EQ(control.rate_bits(), before);
+  control.on_period({0, kMillisecond, true});
+  EXPECT_GT(control.rate_bits(), before);
+}
+
+TEST(RateControl, goes_gently_beyond_what_was_reached_before) {
+  RateControl control(0);
+  const auto run = [&](double reachable) {
+    const auto rate = static_cast<double>(control.rate_bits());
+    control.on_period({0, kMillisecond, true, std::min(reachable, rate)});
+  };
+  for (int i = 0; i < 50; ++i) run(2e9);
+  for (int i = 0; i < 3; ++i) run(2e8);
+  for (int i = 0; i < 30; ++i) {
+    const double limit = std::max(static_cast<double>(control.rate_bits()) * 1.04, 2.5e9);
+    run(1e10);
+    EXPECT_LE(static_cast<double>(control.rate_bits()), limit);
+  }
+}
+
 TEST(RateControl, does_not_rise_on_what_was_not_tried) {
   RateControl control(0);
   const uint64_t before = control.rate_bits();
