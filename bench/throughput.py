@@ -2,7 +2,8 @@
 multicast pair without a protocol that has the receive side's shape, and with --peers beside two
 other multicast distributors, all of them taking turns in the same run.
 
-    scripts/bench [--megabytes N] [--files N] [--loss PERCENT ...] [--runs N] [--peers] [--segmented]
+    scripts/bench [--megabytes N] [--files N] [--loss PERCENT ...] [--runs N] [--peers [NAME ...]]
+                  [--segmented]
 
 Loss is what each node's host drops of what arrives there; in the cases with loss the lead's host
 drops --lead-loss percent, too. Printed per case, medians of the runs: seconds, MB/s of content, the
@@ -30,6 +31,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import lab  # noqa: E402
 
 GIB = 1 << 30
+PEERS = ("udpcast", "uftp")
 LIMIT = "60"  # seconds; a run of a peer that takes longer has failed
 
 
@@ -45,7 +47,7 @@ def parse():
     parser.add_argument("--nodes", type=int, nargs="*", default=[1, 3])
     parser.add_argument("--runs", type=int, default=3)
     parser.add_argument("--rate", default=None, help="--rate of the lead")
-    parser.add_argument("--peers", action="store_true", help="udpcast and uftp, too")
+    parser.add_argument("--peers", nargs="*", choices=PEERS, help="these, too; both")
     parser.add_argument("--segmented", action="store_true", help="batches are cut on the lead's link")
     parser.add_argument("--only", nargs="*", default=["large", "small"], choices=["large", "small"])
     parser.add_argument("--json", help="file for the results of every run")
@@ -112,7 +114,8 @@ class Ours:
         self.programs, self.extra = programs, ["--rate", rate] if rate else []
 
     def run(self, case):
-        nodes = [self.programs.start_node(host, directory)
+        nodes = [host.spawn([self.programs.node, "--interface", host.address, "--location",
+                             f"1={directory}", "run"], stdout=subprocess.DEVNULL)
                  for host, directory in zip(case.nodes, case.directories)]
         result = self.programs.push(case.lead, case.root, "--nodes", str(len(nodes)), *self.extra)
         usage = [finish(process) for process in nodes]
@@ -287,8 +290,8 @@ def main():
         programs = lab.Programs(options.build)
         raw = os.path.join(options.build, "bin", "raw_pair")
         tools = [Ours(programs, options.rate), Raw(raw, 1), Raw(raw, 16)]
-        if options.peers:
-            tools += [Udpcast(), Uftp()]
+        if options.peers is not None:
+            tools += [peer for peer in (Udpcast(), Uftp()) if peer.name in (options.peers or PEERS)]
         print_row("content", "program", "nodes", "loss %", "seconds", "MB/s", "CPU s/GiB", "peak MB",
                   "wire", "of need", "identical")
         if "large" in options.only:

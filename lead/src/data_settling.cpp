@@ -65,9 +65,11 @@ double lost_somewhere(double probability, double nodes) {
 
 }  // namespace
 
+// While there is more to be streamed, patience costs nothing, and questions cost the nodes time.
 Time DataSender::grace() const {
   if (!reaction_.known()) return std::max(kUnknownGrace, 2 * round_trip_);
-  return std::clamp(reaction_.usual(), kMinGrace, kMaxGrace);
+  const Time wait = streaming_.empty() ? reaction_.usual() : 2 * reaction_.nearly_always();
+  return std::clamp(wait, kMinGrace, kMaxGrace);
 }
 
 Time DataSender::answer_time() const {

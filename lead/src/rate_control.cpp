@@ -48,7 +48,7 @@ constexpr int kDrainPeriods = 2;
 constexpr int kLateInARow = 2;
 constexpr Time kCongestedDelay = 8 * kMillisecond;
 constexpr Time kHopelessDelay = 30 * kMillisecond;
-constexpr Time kRelaxedDelay = 2 * kMillisecond;
+constexpr Time kRelaxedDelay = 4 * kMillisecond;
 
 }  // namespace
 
