@@ -11,16 +11,14 @@ namespace {
 constexpr size_t kRepairBatch = 42;
 // Each of the nodes answers to each batch of repairs: for a few nodes only.
 constexpr uint32_t kFewNodes = 8;
-// How long a batch that was lost makes it likely that others get lost.
-constexpr Time kBatchesGetLost = 2 * kSecond;
-// The same for a queue that ran over in the middle of one.
-constexpr Time kBatchesGetTorn = 2 * kSecond;
+// How long a batch that was lost, or torn when a queue ran over, makes it likely that others are.
+constexpr Time kLikelyAgain = 2 * kSecond;
 
 }  // namespace
 
 // Whether batches get lost as a whole, and these nodes can be asked to confirm them.
 bool DataSender::confirms(const Transfer& transfer, Time now) const {
-  return batch_lost_ != 0 && elapsed(now, batch_lost_) < kBatchesGetLost &&
+  return batch_lost_ != 0 && elapsed(now, batch_lost_) < kLikelyAgain &&
          transfer.segments > kMediumFile && transfer.open <= kFewNodes;
 }
 
@@ -102,23 +100,26 @@ bool DataSender::send_repair(Time now) {
     }
   Transfer* transfer = head(repairing_);
   if (transfer == nullptr) return false;
-  // One file's repairs go out in runs before the next file has its turn.
+  // One segment or batch of a file, then the next file has its turn.
   repairing_.pop_front();
-  RepairQueue& repairs = transfer->repairs;
-  const std::vector<NodeIndex> askers = nodes_of(*transfer, true);
-  if (confirms(*transfer, now) && !transfer->confirmed.full() && !askers.empty()) {
-    send_confirmed(*transfer, gather_repairs(*transfer, askers, now), now);
-  } else if (!repairs.empty()) {
-    owed_to_stream_ = 1;
-    send_segment(*transfer, repairs.take(now), Sending::kRepair, now);
-  }
-  if (!repairs.empty()) {
+  if (!transfer->repairs.empty()) send_repair_of(*transfer, now);
+  if (!transfer->repairs.empty()) {
     repairing_.push_back(transfer->id);
     return true;
   }
   transfer->in_repair_line = false;
   if (transfer->stage == Transfer::Stage::kSettling) arm(*transfer, now + grace());
   return true;
+}
+
+void DataSender::send_repair_of(Transfer& transfer, Time now) {
+  if (confirms(transfer, now) && !transfer.confirmed.full()) {
+    const std::vector<NodeIndex> askers = nodes_of(transfer, true);
+    if (!askers.empty())
+      return send_confirmed(transfer, gather_repairs(transfer, askers, now), now);
+  }
+  owed_to_stream_ = 1;
+  send_segment(transfer, transfer.repairs.take(now), Sending::kRepair, now);
 }
 
 // The nodes that have not ended the file; those who have asked for segments of it, or all.
@@ -142,7 +143,7 @@ ConfirmedRepairs::Batch& DataSender::gather_repairs(Transfer& transfer,
 
 // The question before it is the last datagram of the batch before, the other one of its own.
 void DataSender::send_confirmed(Transfer& transfer, ConfirmedRepairs::Batch& batch, Time now) {
-  const bool torn = overrun_ != 0 && elapsed(now, overrun_) < kBatchesGetTorn;
+  const bool torn = overrun_ != 0 && elapsed(now, overrun_) < kLikelyAgain;
   const TransferId before = torn ? ask(transfer, batch) : kNoTransfer;
   sink_.end_batch();
   owed_to_stream_ = static_cast<uint32_t>(batch.segments.size());
@@ -163,7 +164,8 @@ TransferId DataSender::ask(const Transfer& transfer, const ConfirmedRepairs::Bat
 
 // No segment follows by which a node would notice that it lost the end of the stream.
 void DataSender::confirm_last_batch(Transfer& transfer, Time now) {
-  if (!transfer.first_turn || !confirms(transfer, now) || transfer.confirmed.full()) return;
+  const bool logged = transfer.first_turn && transfer.turn.done() == transfer.segments;
+  if (!logged || !confirms(transfer, now) || transfer.confirmed.full()) return;
   const BatchLog::Batch last = transfer.batches.last(transfer.segments);
   ConfirmedRepairs::Batch& batch = repair_confirmed(
       transfer, last.first, transfer.batches.segments_of(last), nodes_of(transfer, false));

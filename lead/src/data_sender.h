@@ -148,6 +148,7 @@ class DataSender {
 
   // data_repairs.cpp
   bool send_repair(Time now);
+  void send_repair_of(Transfer& transfer, Time now);
   Transfer* confirming(Time now);
   ConfirmedRepairs::Batch& gather_repairs(Transfer& transfer, const std::vector<NodeIndex>& nodes,
                                           Time now);

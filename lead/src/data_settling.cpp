@@ -205,7 +205,8 @@ bool DataSender::whole_again(const Transfer& transfer) const {
 // again: before a crowd nearly every repair is lost by one of those who asked.
 bool DataSender::most_are_lacking(const Transfer& transfer) const {
   if (transfer.repairs.asked() == 0) return false;
-  const double askers = static_cast<double>(transfer.requested) / transfer.repairs.asked();
+  const double requests = static_cast<double>(transfer.requested) / transfer.repairs.asked();
+  const double askers = std::min(requests, static_cast<double>(transfer.nodes.size()));
   return lost_somewhere(std::pow(transfer.loss, transfer.repeats + 1), askers) >= kMostLacking;
 }
 

@@ -163,6 +163,24 @@ TEST(Push, a_changed_file_is_pushed_again_though_the_node_remembers_the_old_one)
   EXPECT_TRUE(cluster.identical());
 }
 
+// Nodes answer questions about the new content with the end of the old one for a while: that is no
+// silence for which the rate would have to fall.
+TEST(Push, a_changed_large_file_is_pushed_again_at_full_rate) {
+  lead::Settings settings = LeadCluster::default_settings();
+  settings.rate_bits = 0;
+  LeadCluster cluster(settings);
+  cluster.add_hosts(2);
+  std::array<uint64_t, 2> took{};
+  for (uint32_t round = 0; round < 2; ++round) {
+    cluster.store.add("large", pattern(100'000'000, round), 0644, 1'700'000'000 + round);
+    ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    const lead::PushReport report = cluster.lead().push_report();
+    took[round] = report.finished_at - report.started_at;
+  }
+  EXPECT_LT(took[1], took[0] + took[0] / 2);
+}
+
 TEST(Push, a_node_restarted_in_the_middle_gets_everything) {
   for (double loss : {0.0, 0.05}) {
     LeadCluster cluster;
