@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 #include "link_directories.h"
 #include "platform/inst_common.h"
@@ -105,8 +106,14 @@ bool Node::run_until(const std::function<bool()>& done, double seconds) {
   return done();
 }
 
+// Reports of small files come by the thousand. Waking up for each of them would take as much of the
+// processor as it takes to receive a segment or two, so those of a moment are handled together.
 void Node::run() {
-  while (!interrupted()) (void)levm_run_once(loop_.get(), -1);
+  constexpr auto kMoment = std::chrono::milliseconds(2);
+  while (!interrupted()) {
+    (void)levm_run_once(loop_.get(), -1);
+    std::this_thread::sleep_for(kMoment);
+  }
 }
 
 bool Node::interrupted() {
