@@ -357,9 +357,9 @@ bool DataSender::send_stream(Time now) {
 // the file cannot be sent any further.
 bool DataSender::send_in_place(Transfer& transfer, Time now) {
   const uint32_t segment = transfer.turn.segment();
+  enter_batch(transfer);
   if (!transfer.first_round() || transfer.segments <= kMediumFile)
     return send_segment(transfer, segment, Sending::kInPlace, now);
-  enter_batch(transfer);
   BatchLog& batches = transfer.batches;
   if (!batches.was_sent_ahead(segment) && !send_segment(transfer, segment, Sending::kInPlace, now))
     return false;
@@ -369,14 +369,19 @@ bool DataSender::send_in_place(Transfer& transfer, Time now) {
   return send_segment(transfer, *ahead, Sending::kAhead, now);
 }
 
-// With a few segments sent ahead it is as much as goes out in one call.
+// A batch has segments of one file. Where it may be lost as a whole, a small file is better lost
+// all at once than in part to one node and in part to another; and a short batch costs as much as a
+// long one. With a few segments sent ahead it is as much as goes out in one call.
 void DataSender::enter_batch(Transfer& transfer) {
   constexpr size_t kBatch = 42;
   if (batch_of_ == transfer.id && batched_ < kBatch) return;
   sink_.end_batch();
   batch_of_ = transfer.id;
   batched_ = 0;
-  transfer.batches.begin(transfer.turn.segment());
+  const auto half = static_cast<size_t>(pacer_.batch_bytes() / 2) / self_.segment_size;
+  batch_least_ = transfer.segments <= kBatch ? transfer.turn.ahead() : half;
+  if (transfer.first_round() && transfer.segments > kMediumFile)
+    transfer.batches.begin(transfer.turn.segment());
 }
 
 double DataSender::streaming_seconds() {
@@ -402,13 +407,24 @@ bool DataSender::run_timer(Time now) {
 }
 
 bool DataSender::send_one(Time now) {
+  if (!worth_a_call() && send_stream(now)) {
+    ++owed_to_repairs_;
+    return true;
+  }
   if (run_timer(now) || send_announcement(now)) return true;
   if (owed_to_stream_ > 0) {
     --owed_to_stream_;
     if (send_stream(now)) return true;
     owed_to_stream_ = 0;
   }
-  return send_repair(now) || send_stream(now);
+  if (send_repair(now)) {
+    const uint32_t paid = std::min(owed_to_stream_, owed_to_repairs_);
+    owed_to_stream_ -= paid;
+    owed_to_repairs_ -= paid;
+    return true;
+  }
+  owed_to_repairs_ = 0;
+  return send_stream(now);
 }
 
 void DataSender::run(Time now) {
@@ -423,11 +439,9 @@ void DataSender::run(Time now) {
     }
 }
 
-// Whether the batch that is being put together may end here. A short one costs as much as a long
-// one, and is asked for only once when it gets lost.
+// Whether the batch that is being put together may end here.
 bool DataSender::worth_a_call() const {
-  const double bytes = static_cast<double>(batched_ * self_.segment_size);
-  return batch_of_ == kNoTransfer || bytes >= pacer_.batch_bytes() / 2;
+  return batch_of_ == kNoTransfer || batched_ >= batch_least_;
 }
 
 Time DataSender::next_deadline(Time now) const {

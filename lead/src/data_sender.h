@@ -174,6 +174,7 @@ class DataSender {
   bool costs_little(const Transfer& transfer) const;
   bool whole_again(const Transfer& transfer) const;
   bool worth_repeating(const Transfer& transfer) const;
+  bool lost_whole(const Transfer& transfer) const;
   bool most_are_lacking(const Transfer& transfer) const;
   bool worth_sending_twice(const Transfer& transfer) const;
   bool repairs_can_wait(const Transfer& transfer) const;
@@ -212,12 +213,16 @@ class DataSender {
   std::set<std::pair<Time, TransferId>> timers_;
   std::deque<TransferId> opened_;       // contents in the order of their opening
   std::vector<TransferId> confirming_;  // with repairs to be confirmed
-  uint32_t owed_to_stream_ = 0;         // segments, for the repairs that went before
+  // Segments, for the repairs that went before; and for the segments that went before them.
+  uint32_t owed_to_stream_ = 0;
+  uint32_t owed_to_repairs_ = 0;
   // The batch that is being put together: the file whose log it is in, and datagrams.
   TransferId batch_of_ = kNoTransfer;
   size_t batched_ = 0;
-  Time batch_lost_ = 0;  // when a whole batch was found to be lost last, 0: never
-  Time overrun_ = 0;     // when a node lost a part of one last, meanwhile
+  size_t batch_least_ = 0;  // datagrams before it may end
+  double lost_whole_ = 0;   // share of small files that were lost as a whole when they were lost
+  Time batch_lost_ = 0;     // when a whole batch was found to be lost last, 0: never
+  Time overrun_ = 0;        // when a node lost a part of one last, meanwhile
   TransferId last_id_;
   size_t waiting_ = 0;
   uint64_t waiting_bytes_ = 0;

@@ -16,6 +16,9 @@ constexpr uint32_t kSmallFile = 64;
 // Files up to this many: at the first sign of trouble, since their end is all there is.
 constexpr uint32_t kTinyFile = 4;
 
+// What one file tells about the next ones.
+constexpr double kLearning = 0.25;
+
 // How long a node may need to act on what it was sent, and to say so.
 constexpr Time kMinGrace = 3 * kMillisecond;
 constexpr Time kMaxGrace = 300 * kMillisecond;
@@ -172,6 +175,9 @@ bool DataSender::in_trouble(Transfer& transfer) {
   if (idle) {
     ++transfer.stuck;
     transfer.mute = 0;
+    // The first help did not help.
+    if (transfer.segments <= kSmallFile && transfer.requested == 0 && transfer.stuck == 2)
+      lost_whole_ += (1 - lost_whole_) * kLearning;
     loss_.lost(1.0 / std::max<double>(1, nodes_.size()));
     return true;
   }
@@ -195,10 +201,16 @@ bool DataSender::costs_little(const Transfer& transfer) const {
 bool DataSender::whole_again(const Transfer& transfer) const {
   if (transfer.stuck == 0) return false;
   if (transfer.segments <= kTinyFile) return true;
-  if (transfer.stuck > 1 && transfer.segments <= kSmallFile) return true;
+  if (transfer.segments <= kSmallFile && (transfer.stuck > 1 || lost_whole(transfer))) return true;
   if (transfer.stuck % kRoundsToWholeFile == 0) return true;
   return transfer.stuck > 1 && transfer.wholes < kMaxWholes && !worth_repeating(transfer) &&
          costs_little(transfer);
+}
+
+// Whether the nodes that do not get on with a small file have likely lost all of it, as others did
+// lately: it leaves in one batch. Then its last segment would not help them.
+bool DataSender::lost_whole(const Transfer& transfer) const {
+  return transfer.requested == 0 && lost_whole_ > kMostLacking;
 }
 
 // Whether of the segments that were asked for most are lacking on some node, though they were sent
@@ -329,6 +341,8 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     const Time until = std::min(now + kGatherPause, transfer->gather_limit);
     transfer->gather_until = std::max(transfer->gather_until, until);
   }
+  if (transfer->segments <= kSmallFile && transfer->requested == 0 && transfer->stuck == 1)
+    lost_whole_ -= lost_whole_ * kLearning;
   state.asked = state.has_info = true;
   state.hear(now);
   transfer->last_request = now;

@@ -94,12 +94,12 @@ TEST(BatchLoss, a_lost_end_of_the_stream_is_noticed_at_once) {
   for (uint64_t seed = 1; seed <= 5; ++seed) {
     const Outcome outcome = push(1, [&](LeadCluster& cluster) {
       cluster.set_batch_loss(0.02, 0, seed);
-      // The last batch of the first round, as far as it goes.
+      // The end of the first round, and what is sent again for it at first.
       uint64_t segments = 0;
       cluster.on_sent = [&cluster, segments](lead::Channel channel, uint32_t,
                                              std::span<const uint8_t> bytes) mutable {
         if (channel == lead::Channel::kData && bytes.size() > 1000 && ++segments == kSegments - 5)
-          cluster.host(0).down.with<DropRange>(0u, 300u);
+          cluster.host(0).down.with<DropRange>(0u, 100u);
       };
     });
     EXPECT_TRUE(outcome.good);
@@ -118,6 +118,24 @@ TEST(BatchLoss, single_lost_datagrams_are_repaired_one_by_one) {
   const Outcome outcome = push(1, [](LeadCluster& cluster) { cluster.set_loss(0.02, 0, 1); });
   EXPECT_TRUE(outcome.good);
   EXPECT_EQ(outcome.marked, outcome.counters.repairs_sent);
+}
+
+// Each leaves in one batch, so a node has all of a file or nothing, and asks for nothing.
+TEST(BatchLoss, lost_small_files_cost_hardly_more_than_themselves) {
+  constexpr uint32_t kFiles = 1000;
+  constexpr uint64_t kSegmentsOfFile = 12;
+  uint64_t sent = 0;
+  for (uint64_t seed = 1; seed <= 5; ++seed) {
+    LeadCluster cluster(fast_settings());
+    for (uint32_t i = 0; i < kFiles; ++i)
+      cluster.store.add("small/" + std::to_string(i), pattern(16'384, i));
+    cluster.add_hosts(1);
+    cluster.set_batch_loss(0.05, 0.05, seed);
+    ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+    EXPECT_TRUE(cluster.identical());
+    sent += cluster.lead().counters().segments_sent;
+  }
+  EXPECT_LT(static_cast<double>(sent) / (5 * kFiles * kSegmentsOfFile), 1 / 0.95 * 1.01);
 }
 
 // To many nodes there would be too many answers.
