@@ -18,6 +18,8 @@ constexpr uint32_t kTinyFile = 4;
 
 // What one file tells about the next ones.
 constexpr double kLearning = 0.25;
+// Of small files that were lost so many were lost as a whole that it pays to count on it.
+constexpr double kNearlyAll = 0.8;
 
 // How long a node may need to act on what it was sent, and to say so.
 constexpr Time kMinGrace = 3 * kMillisecond;
@@ -208,9 +210,11 @@ bool DataSender::whole_again(const Transfer& transfer) const {
 }
 
 // Whether the nodes that do not get on with a small file have likely lost all of it, as others did
-// lately: it leaves in one batch. Then its last segment would not help them.
+// lately: it leaves in one batch. Then its last segment would not help them. With some files it is
+// tried all the same, to see whether that is still so.
 bool DataSender::lost_whole(const Transfer& transfer) const {
-  return transfer.requested == 0 && lost_whole_ > kMostLacking;
+  constexpr TransferId kTried = 8;
+  return transfer.requested == 0 && transfer.id % kTried != 0 && lost_whole_ > kNearlyAll;
 }
 
 // Whether of the segments that were asked for most are lacking on some node, though they were sent
