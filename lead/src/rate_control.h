@@ -1,16 +1,17 @@
 // The adaptive rate of the data stream.
 //
 // The rate rises while nothing speaks against it: steeply until the first congestion, gently
-// afterwards, and slowly from near where the last congestion began. Two things lower it. Nodes that
-// answer late have a queue in front of them; that shows before anything is lost. Growing loss is
-// the other, since some queues are too short to be felt. Loss that a lower rate does not cure is a
-// property of the link: then the former rate is restored and that loss is taken for granted from
-// there on, so that random loss, however high, does not make the rate collapse. But while nodes
-// answer late, or not at all, loss is not taken for chance.
+// afterwards, and slowly from near where the last congestion began. While an answer is overdue it
+// does not rise. Two things lower it. Nodes that answer late have a queue in front of them; that
+// shows before anything is lost. Growing loss is the other, since some queues are too short to be
+// felt. Loss that a lower rate does not cure is a property of the link: then the former rate is
+// restored and that loss is taken for granted from there on, so that random loss, however high,
+// does not make the rate collapse. But while nodes answer late, or not at all, loss is not taken
+// for chance.
 //
 // A rate that the lead itself cannot reach is drawn near to what it does reach: otherwise the
 // stream would jump to it, untried, as soon as the processor has time again. Up to what has been
-// reached before it rises steeply.
+// reached before it rises steeply, and not beyond.
 #pragma once
 
 #include <cstddef>
