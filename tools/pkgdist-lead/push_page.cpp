@@ -317,6 +317,14 @@ meter {{ width: 90px; }}
            drawing.svg("Completion times", "seconds", "nodes");
   }
 
+  // A node whose disk was full deletes the partial file, and may miss that then.
+  static std::string disk_reason(const std::string& cause) {
+    const auto says = [&](const char* words) { return cause.find(words) != std::string::npos; };
+    if (says("space") || says("short write")) return "its disk was full: " + cause;
+    if (says("No such file")) return "its disk was full, or the file was gone: " + cause;
+    return {};
+  }
+
   // Reasons that the events give evidence of.
   std::string why(const Json& node) const {
     const NodeStory& story = story_of(node);
@@ -335,10 +343,8 @@ meter {{ width: 90px; }}
                       "known here",
                       100 * number(node, "repair_ratio")));
     for (const Json& failed : list(node, "failed"))
-      if (const std::string cause = text(failed, "text");
-          cause.find("space") != std::string::npos ||
-          cause.find("short write") != std::string::npos) {
-        reasons.push_back("its disk was full: " + cause);
+      if (const std::string reason = disk_reason(text(failed, "text")); !reason.empty()) {
+        reasons.push_back(reason);
         break;
       }
     std::string all;
