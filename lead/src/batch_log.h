@@ -22,7 +22,6 @@ class BatchLog {
     uint32_t first = 0;
     uint32_t end = 0;
   };
-  static constexpr uint32_t kAhead = 499;
 
   explicit BatchLog(uint32_t segments) : segments_(segments), ahead_(segments) {}
 
@@ -51,6 +50,7 @@ class BatchLog {
   // Four of them in a full batch. The distance is a multiple of it, but for one, and more than what
   // a node's queue loses at once when it runs over.
   static constexpr uint32_t kSpacing = 10;
+  static constexpr uint32_t kAhead = 499;
   static_assert((kAhead + 1) % kSpacing == 0);
   // More than this is not a loss, but a node that came late.
   static constexpr uint32_t kMaxGap = 1024;

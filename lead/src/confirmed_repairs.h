@@ -1,9 +1,9 @@
 // Repairs of one file that nodes confirm.
 //
 // A node does not notice that it lost a repair, and asks again after seconds only. Where whole
-// batches of datagrams get lost, a question goes before and behind each batch of repairs, in the
-// same packets of the network: a node that answers both has the batch, unless its queue ran over
-// for a few datagrams between them. Without the answers of all who asked, it is sent again.
+// batches of datagrams get lost, a question is the last datagram of each batch of repairs: a node
+// that answers has the batch. While queues run over, which tears batches, there is one before it as
+// well, which has to be answered, too. Without the answers of all who asked, it is sent again.
 #pragma once
 
 #include <list>

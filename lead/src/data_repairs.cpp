@@ -118,7 +118,7 @@ void DataSender::send_repair_of(Transfer& transfer, Time now) {
     if (!askers.empty())
       return send_confirmed(transfer, gather_repairs(transfer, askers, now), now);
   }
-  owed_to_stream_ = 1;
+  ++repairs_ahead_;
   send_segment(transfer, transfer.repairs.take(now), Sending::kRepair, now);
 }
 
@@ -146,7 +146,7 @@ void DataSender::send_confirmed(Transfer& transfer, ConfirmedRepairs::Batch& bat
   const bool torn = overrun_ != 0 && elapsed(now, overrun_) < kLikelyAgain;
   const TransferId before = torn ? ask(transfer, batch) : kNoTransfer;
   sink_.end_batch();
-  owed_to_stream_ = static_cast<uint32_t>(batch.segments.size());
+  repairs_ahead_ += static_cast<int64_t>(batch.segments.size());
   for (const uint32_t segment : batch.segments)
     if (!send_segment(transfer, segment, Sending::kRepair, now)) return;  // and `batch` is gone
   ConfirmedRepairs::sent(batch, before, ask(transfer, batch), now, answer_time());
@@ -156,10 +156,7 @@ void DataSender::send_confirmed(Transfer& transfer, ConfirmedRepairs::Batch& bat
 TransferId DataSender::ask(const Transfer& transfer, const ConfirmedRepairs::Batch& batch) {
   listed_.clear();
   for (const auto& node : batch.nodes) listed_.push_back(nodes_[node.index].info.address);
-  const TransferId number = next_id();
-  send(build_miss_done(sink_.buffer(), self_.address, transfer, number, listed_));
-  batch_of_ = kNoTransfer;
-  return number;
+  return send_question(transfer);
 }
 
 // No segment follows by which a node would notice that it lost the end of the stream.

@@ -133,7 +133,6 @@ void DataSender::drop_node(NodeIndex node, Time) {
   std::vector<TransferId> ended;
   for (auto& [id, transfer] : transfers_) {
     if (node >= transfer->nodes.size()) continue;
-    transfer->confirmed.drop_node(node);
     transfer->set_state(node, TransferNode::State::kAbsent);
     if (transfer->open + transfer->unlisted == 0) ended.push_back(id);
   }
@@ -169,7 +168,6 @@ void DataSender::close(Transfer& transfer) {
 
 void DataSender::end_node(Transfer& transfer, NodeIndex node, uint64_t status) {
   transfer.set_state(node, TransferNode::State::kEnded);
-  transfer.confirmed.drop_node(node);
   transfer.progress();
   observer_.transfer_ended(transfer, node, status, status == 0 && transfer.segments_sent == 0);
 }
@@ -408,22 +406,17 @@ bool DataSender::run_timer(Time now) {
 
 bool DataSender::send_one(Time now) {
   if (!worth_a_call() && send_stream(now)) {
-    ++owed_to_repairs_;
+    --repairs_ahead_;
     return true;
   }
   if (run_timer(now) || send_announcement(now)) return true;
-  if (owed_to_stream_ > 0) {
-    --owed_to_stream_;
-    if (send_stream(now)) return true;
-    owed_to_stream_ = 0;
-  }
-  if (send_repair(now)) {
-    const uint32_t paid = std::min(owed_to_stream_, owed_to_repairs_);
-    owed_to_stream_ -= paid;
-    owed_to_repairs_ -= paid;
+  if (repairs_ahead_ > 0 && send_stream(now)) {
+    --repairs_ahead_;
     return true;
   }
-  owed_to_repairs_ = 0;
+  repairs_ahead_ = std::min<int64_t>(repairs_ahead_, 0);
+  if (send_repair(now)) return true;
+  repairs_ahead_ = 0;
   return send_stream(now);
 }
 
@@ -479,6 +472,14 @@ void DataSender::adapt_rate(Time now) {
   period_idle_ = false;
 }
 
+// Asks the nodes of listed_ under a number of its own, which is returned.
+TransferId DataSender::send_question(const Transfer& transfer) {
+  const TransferId number = next_id();
+  send(build_miss_done(sink_.buffer(), self_.address, transfer, number, listed_));
+  batch_of_ = kNoTransfer;
+  return number;
+}
+
 // Asks some nodes of the file in the stream, others each time, how they stand with it.
 void DataSender::probe_queues(Time now) {
   constexpr size_t kProbedNodes = 8;
@@ -493,9 +494,7 @@ void DataSender::probe_queues(Time now) {
     if (transfer->nodes[node].state == TransferNode::State::kOpen)
       listed_.push_back(nodes_[node].info.address);
   }
-  const TransferId number = next_id();
-  send(build_miss_done(sink_.buffer(), self_.address, *transfer, number, listed_));
-  probe_.sent(number, transfer->id, now);
+  probe_.sent(send_question(*transfer), transfer->id, now);
 }
 
 }  // namespace pkgdist::lead

@@ -139,6 +139,7 @@ class DataSender {
   void end_node(Transfer& transfer, NodeIndex node, uint64_t status);
   void adapt_rate(Time now);
   void probe_queues(Time now);
+  TransferId send_question(const Transfer& transfer);
 
   // file_cache part: content that is open
   int open_content(Transfer& transfer);
@@ -213,10 +214,8 @@ class DataSender {
   std::set<std::pair<Time, TransferId>> timers_;
   std::deque<TransferId> opened_;       // contents in the order of their opening
   std::vector<TransferId> confirming_;  // with repairs to be confirmed
-  // Segments, for the repairs that went before; and for the segments that went before them.
-  uint32_t owed_to_stream_ = 0;
-  uint32_t owed_to_repairs_ = 0;
-  // The batch that is being put together: the file whose log it is in, and datagrams.
+  int64_t repairs_ahead_ = 0;           // sent, over the segments of the stream meanwhile
+  // The batch that is being put together: the file whose segments it has, and its datagrams.
   TransferId batch_of_ = kNoTransfer;
   size_t batched_ = 0;
   size_t batch_least_ = 0;  // datagrams before it may end

@@ -154,6 +154,7 @@ inline void Transfer::set_state(NodeIndex index, TransferNode::State state) {
   answers -= at.state == TransferNode::State::kOpen && at.answered;
   at.answered = at.asked = false;
   at.state = state;
+  if (state != TransferNode::State::kOpen) confirmed.drop_node(index);
   open += state == TransferNode::State::kOpen;
   unlisted += state == TransferNode::State::kUnlisted;
 }

@@ -143,6 +143,7 @@ TEST(BatchLoss, a_crowd_is_served_without_confirmations) {
   const Outcome outcome =
       push(12, [](LeadCluster& cluster) { cluster.set_batch_loss(0.02, 0.02, 1); });
   EXPECT_TRUE(outcome.good);
+  EXPECT_EQ(outcome.marked, outcome.counters.repairs_sent);  // nothing is sent ahead
 }
 
 TEST(BatchLoss, a_node_that_appears_in_the_middle_gets_the_whole_file) {
