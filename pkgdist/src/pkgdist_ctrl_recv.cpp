@@ -43,7 +43,7 @@ PKGDIST_EXPORT int G_ctrl_uc_tx_socket = -1;
 PKGDIST_EXPORT bool G_ctrl_recv_rx_thread_running = false;
 PKGDIST_EXPORT uint8_t G_ctrl_recv_rx_buffer[kCtrlPacketMax] = {};
 
-PKGDIST_EXPORT CtrlTimeouts G_ctrl_rto = {
+PKGDIST_EXPORT pkgdist_ctrl_timeouts G_ctrl_rto = {
     .rx_select_timeout = 125'000,
     .scan_interval = 250'000'000,
     .lead_ack_timeout = 500'000'000,

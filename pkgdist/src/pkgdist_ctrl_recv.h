@@ -12,17 +12,6 @@
 #include "pkgdist_db.h"
 #include "platform/nodeid.h"
 
-// Time-outs and sizes of the control side. The first five are stretched on a simulated platform.
-struct CtrlTimeouts {
-  uint64_t rx_select_timeout;     // microseconds that CTRL_RX waits for a datagram
-  uint64_t scan_interval;         // least time between two scans for late messages
-  uint64_t lead_ack_timeout;      // retransmission n waits n + 1 times as long
-  uint64_t segment_timeout;       // so does the n-th NACK of an incomplete message
-  uint64_t lead_silence_timeout;  // after which another lead may take over
-  uint32_t max_retries;           // of retransmissions and NACKs
-  uint32_t rx_socket_buffer;      // SO_RCVBUF of both receive sockets, bytes
-};
-
 inline constexpr size_t kCtrlPacketMax = 1472;
 inline constexpr size_t kNodeStringBytes = 32;
 
@@ -54,8 +43,6 @@ extern int G_ctrl_uc_rx_socket;
 extern int G_ctrl_uc_tx_socket;
 extern bool G_ctrl_recv_rx_thread_running;
 extern uint8_t G_ctrl_recv_rx_buffer[kCtrlPacketMax];  // owned by CTRL_RX
-
-extern CtrlTimeouts G_ctrl_rto;
 }
 
 namespace pkgdist {

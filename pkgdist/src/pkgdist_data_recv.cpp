@@ -28,7 +28,7 @@ PKGDIST_EXPORT int G_data_req_socket = -1;
 PKGDIST_EXPORT char G_data_recv_repository[kLocations][kRepositoryPathBytes] = {};
 PKGDIST_EXPORT uint8_t G_data_recv_memory[kLocations] = {};
 
-PKGDIST_EXPORT DataTimeouts G_data_rto = {
+PKGDIST_EXPORT pkgdist_data_timeouts G_data_rto = {
     .receive_wait = 5'000'000,
     .timer_period = 500'000'000,
     .file_info_timeout = 1'000'000'000,

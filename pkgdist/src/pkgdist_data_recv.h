@@ -6,18 +6,6 @@
 
 #include "pkgdist/pkgdist_recv.h"
 
-// Time-outs and sizes of the data side. The first five are stretched on a simulated platform.
-struct DataTimeouts {
-  uint64_t receive_wait;       // MICROseconds that DATA_RX waits for a datagram
-  uint64_t timer_period;       // nanoseconds, as all below: between two time-out passes
-  uint64_t file_info_timeout;  // for a file info after a request
-  uint64_t segment_timeout;    // for missing segments after a repair request, and for the tail
-  uint64_t not_done_timeout;   // of silence of the whole stream while a file is incomplete
-  uint64_t stat_age;           // after which a finished file is forgotten
-  uint32_t max_retries;        // consecutive time-outs before a file is given up
-  uint32_t receive_buffer;     // SO_RCVBUF of the data socket, bytes
-};
-
 inline constexpr size_t kLocations = 6;
 inline constexpr size_t kRepositoryPathBytes = 128;
 inline constexpr size_t kFilePathBytes = 256;
@@ -25,9 +13,8 @@ inline constexpr size_t kFilePathBytes = 256;
 extern "C" {
 extern uint32_t G_data_tx_mc_addr;  // data multicast group
 extern uint16_t G_data_tx_mc_port;
-extern uint16_t G_data_req_uc_port;  // the lead's request port
-extern int G_data_req_socket;        // -1 when closed
-extern DataTimeouts G_data_rto;
+extern uint16_t G_data_req_uc_port;                                    // the lead's request port
+extern int G_data_req_socket;                                          // -1 when closed
 extern char G_data_recv_repository[kLocations][kRepositoryPathBytes];  // [location - 1]
 extern uint8_t G_data_recv_memory[kLocations];
 }

@@ -64,9 +64,9 @@ std::string render(const char* signature, const char* format, va_list arguments)
   return text;
 }
 
-constexpr CtrlTimeouts kCtrlTimeouts = {125'000,       250'000'000, 500'000'000, 250'000'000,
-                                        7'500'000'000, 5,           524'288};
-constexpr DataTimeouts kDataTimeouts = {
+constexpr pkgdist_ctrl_timeouts kCtrlTimeouts = {
+    125'000, 250'000'000, 500'000'000, 250'000'000, 7'500'000'000, 5, 524'288};
+constexpr pkgdist_data_timeouts kDataTimeouts = {
     5'000'000,      500'000'000, 1'000'000'000, 2'000'000'000, 2'000'000'000,
     30'000'000'000, 5,           3'145'728};
 

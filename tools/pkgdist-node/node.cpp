@@ -81,6 +81,15 @@ void require(PkgdistStatus status, const char* what) {
   if (status != 0) throw std::runtime_error(fmt::format("{}: {}", what, cli::status_text(status)));
 }
 
+void set_repair_interval(uint32_t milliseconds) {
+  constexpr uint64_t kNanosecondsPerMillisecond = 1'000'000;
+  constexpr uint64_t kTimerPeriodMs = 20;
+  constexpr uint32_t kRetries = 24;  // time-outs grow: 17 s pass with the usual interval
+  G_data_rto.timer_period = kTimerPeriodMs * kNanosecondsPerMillisecond;
+  G_data_rto.segment_timeout = milliseconds * kNanosecondsPerMillisecond;
+  G_data_rto.max_retries = kRetries;
+}
+
 Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_identity(options)) {
   if (loop_ == nullptr) throw std::runtime_error("no event loop could be created");
   if (options.common.verbosity > 1)

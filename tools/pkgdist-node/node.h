@@ -14,6 +14,11 @@ namespace pkgdist::node_program {
 // Throws with a text that says what to look at when a call of the library fails.
 void require(PkgdistStatus status, const char* what);
 
+// How a node that receives pushes asks for what it lacks: missing segments again after
+// `milliseconds`, at growing intervals and patiently, because the lead has a whole set of nodes to
+// serve. To be called before the Node is made.
+void set_repair_interval(uint32_t milliseconds);
+
 class Node {
  public:
   // Starts both sides of the library and sets the storage locations. The process has one Node.

@@ -28,6 +28,10 @@ void add_timeout(CLI::App& command, NodeOptions& options, const std::string& hel
 void add_run(CLI::App& app, NodeOptions& options) {
   CLI::App* run = app.add_subcommand("run", "receive what the lead pushes until told to stop");
   run->fallthrough();
+  run->add_option("--repair-interval", options.repair_interval_ms,
+                  "time until missing segments are asked for again; grows with each repetition")
+      ->type_name("MS [100]")
+      ->check(CLI::Range(20, 10'000));
   run->add_option("--on-message", options.on_message,
                   "shell command to run for each message of the lead; the message is its standard "
                   "input, PKGDIST_MESSAGE_CLASS its class")

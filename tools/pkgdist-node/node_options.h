@@ -19,6 +19,7 @@ struct NodeOptions {
   uint32_t card_class = 3;  // takes everything but what is meant for one of the special classes
 
   // run
+  uint32_t repair_interval_ms = 100;
   std::string on_message;  // shell command that gets each message on its standard input
 
   // get

@@ -40,6 +40,7 @@ void on_message(const void* bytes, uint64_t size, void* ctx) {
 
 int run_command(const NodeOptions& options) {
   MessageClass classes[PKGDIST_CTRL_CLASS_LAST - PKGDIST_CTRL_CLASS_FIRST + 1];
+  set_repair_interval(options.repair_interval_ms);
   Node node(options);
   EventPrinter printer(options);
   printer.attach(node.loop());

@@ -11,7 +11,8 @@
  *   4. instcomm_pkgdist_data_recv_init            once
  *   5. instcomm_pkgdist_set_recv_repository       once per storage location
  *   6. instcomm_pkgdist_get_file and the rest     at any time after
- * Nothing is torn down: the library lives until the process ends.
+ * Nothing is torn down: the library lives until the process ends. G_ctrl_rto and G_data_rto may be
+ * set before the first of them.
  *
  * Threads and callbacks
  *   The functions may be called from any thread. The library has threads of its own and never calls
@@ -74,6 +75,54 @@ typedef void (*pkgdist_data_xact_start_cb)(uint64_t status, const char* const* p
 
 /* No file of the lead's transaction is left to receive. `status` is that of its last file. */
 typedef void (*pkgdist_data_xact_done_cb)(uint64_t status, uint32_t xact_id, void* ctx);
+
+/* --- Time-outs ------------------------------------------------------------------------------ */
+
+/* Two tables that a process may set before the start-up of their side: the control side's before
+ * instcomm_pkgdist_ctrl_recv_init, the data side's before instcomm_pkgdist_data_recv_init. The
+ * values take effect together and unchecked; after start-up the library's threads read them without
+ * a lock. On a simulated platform each start-up multiplies the first five fields of its side's
+ * table by ten.
+ *
+ * "Retries" are the repetitions so far for one message or file: each makes the next time-out longer
+ * by one interval. An announcement or a segment of the file sets its count to 0. */
+
+struct pkgdist_ctrl_timeouts {
+  uint64_t rx_select_timeout;    /* microseconds that the receive thread waits for a datagram
+                                    before it looks for late messages; 125000 */
+  uint64_t scan_interval;        /* nanoseconds: the least time between two such looks; 0.25 s */
+  uint64_t lead_ack_timeout;     /* nanoseconds until a message that the lead has not acknowledged
+                                    is sent again, times (retries + 1); 0.5 s */
+  uint64_t segment_timeout;      /* nanoseconds without a part of an incomplete message until the
+                                    missing parts are asked for, times (retries + 1); 0.25 s */
+  uint64_t lead_silence_timeout; /* nanoseconds that a lead may be silent before a node follows
+                                    another one; 7.5 s */
+  uint32_t max_retries;          /* after which a message is given up; 5 */
+  uint32_t rx_socket_buffer;     /* bytes, SO_RCVBUF of both receive sockets; 524288 */
+};
+
+struct pkgdist_data_timeouts {
+  uint64_t receive_wait;      /* microseconds that the receive thread waits for a datagram before it
+                                 looks whether it is to end; 5000000 */
+  uint64_t timer_period;      /* nanoseconds: the least time between two looks at the time-outs
+                                 below, and so their resolution; 0.5 s. Each look takes time that
+                                 grows with the number of files being received */
+  uint64_t file_info_timeout; /* nanoseconds until a file that was requested and not announced is
+                                 requested again, times (retries + 1); 1 s */
+  uint64_t segment_timeout;   /* nanoseconds until segments that were asked for and have not come
+                                 are asked for again, and since the announcement until the end of a
+                                 file (fewer than 200 segments) is asked for, times (retries + 1);
+                                 2 s */
+  uint64_t not_done_timeout;  /* nanoseconds of silence of the whole stream until an incomplete file
+                                 is requested again, times (retries + 1); 2 s */
+  uint64_t stat_age;          /* nanoseconds for which the outcome of a file is kept for the lead's
+                                 questions; 30 s */
+  uint32_t max_retries;       /* after which a file is given up with the status of ETIMEDOUT; 5 */
+  uint32_t receive_buffer;    /* bytes, SO_RCVBUF of the data socket; 3145728 */
+};
+
+extern struct pkgdist_ctrl_timeouts G_ctrl_rto;
+extern struct pkgdist_data_timeouts G_data_rto;
 
 /* --- Control side --------------------------------------------------------------------------- */
 

@@ -15,7 +15,7 @@ using namespace support;
 
 namespace {
 
-const DataTimeouts kInitialTimeouts = G_data_rto;  // before anything has run
+const pkgdist_data_timeouts kInitialTimeouts = G_data_rto;  // before anything has run
 
 class DataInit : public DataTest {
  protected:
@@ -107,7 +107,7 @@ TEST_F(DataInit, time_outs_have_their_initial_values) {
   EXPECT_EQ(kInitialTimeouts.stat_age, 30'000'000'000u);
   EXPECT_EQ(kInitialTimeouts.max_retries, 5u);
   EXPECT_EQ(kInitialTimeouts.receive_buffer, 3'145'728u);
-  static_assert(sizeof(DataTimeouts) == 6 * sizeof(uint64_t) + 2 * sizeof(uint32_t));
+  static_assert(sizeof(pkgdist_data_timeouts) == 6 * sizeof(uint64_t) + 2 * sizeof(uint32_t));
 }
 
 TEST_F(DataInit, time_outs_stay_on_a_real_platform) {

@@ -70,11 +70,6 @@ extern uint32_t G_ctrl_uc_sequence, G_ctrl_mc_last_sequence, G_ctrl_uc_last_sequ
 extern int G_ctrl_mc_rx_socket, G_ctrl_uc_rx_socket, G_ctrl_uc_tx_socket;
 extern uint64_t G_pkgdist_qtrace_err_hdl, G_pkgdist_qtrace_lib_hdl;
 extern uint32_t G_pkgdist_debug_lvl;
-extern struct {
-  uint64_t rx_select_timeout, scan_interval, lead_ack_timeout, segment_timeout,
-      lead_silence_timeout;
-  uint32_t max_retries, rx_socket_buffer;
-} G_ctrl_rto;
 extern void *pkgdist_crt_ship_counter_hdl, *pkgdist_crt_ship_histogram_hdl,
     *pkgdist_crs_ship_counter_hdl, *pkgdist_crs_ship_histogram_hdl, *pkgdist_drt_ship_counter_hdl,
     *pkgdist_drt_ship_watermark_hdl, *pkgdist_drt_ship_histogram_hdl, *pkgdist_drs_ship_counter_hdl,
@@ -102,11 +97,32 @@ static void check_initial_values(void) {
   CHECK(G_ctrl_rto.lead_silence_timeout == UINT64_C(7500000000));
   CHECK(G_ctrl_rto.max_retries == 5);
   CHECK(G_ctrl_rto.rx_socket_buffer == 524288);
+  CHECK(G_data_rto.receive_wait == 5000000);
+  CHECK(G_data_rto.timer_period == 500000000);
+  CHECK(G_data_rto.file_info_timeout == 1000000000);
+  CHECK(G_data_rto.segment_timeout == 2000000000);
+  CHECK(G_data_rto.not_done_timeout == 2000000000);
+  CHECK(G_data_rto.stat_age == UINT64_C(30000000000));
+  CHECK(G_data_rto.max_retries == 5);
+  CHECK(G_data_rto.receive_buffer == 3145728);
   CHECK(!pkgdist_crt_ship_counter_hdl && !pkgdist_crt_ship_histogram_hdl);
   CHECK(!pkgdist_crs_ship_counter_hdl && !pkgdist_crs_ship_histogram_hdl);
   CHECK(!pkgdist_drt_ship_counter_hdl && !pkgdist_drt_ship_watermark_hdl);
   CHECK(!pkgdist_drt_ship_histogram_hdl);
   CHECK(!pkgdist_drs_ship_counter_hdl && !pkgdist_drs_ship_histogram_hdl);
+}
+
+/* The time-out tables have their fields where a program built earlier expects them. */
+static void check_time_out_tables(void) {
+  CHECK(sizeof G_ctrl_rto == 5 * 8 + 2 * 4 && sizeof G_data_rto == 6 * 8 + 2 * 4);
+  CHECK(offsetof(struct pkgdist_ctrl_timeouts, segment_timeout) == 3 * 8);
+  CHECK(offsetof(struct pkgdist_ctrl_timeouts, max_retries) == 5 * 8);
+  CHECK(offsetof(struct pkgdist_data_timeouts, segment_timeout) == 3 * 8);
+  CHECK(offsetof(struct pkgdist_data_timeouts, max_retries) == 6 * 8);
+  void* process = dlopen(NULL, RTLD_NOW);
+  CHECK(process != NULL);
+  CHECK(dlsym(process, "G_ctrl_rto") == &G_ctrl_rto && dlsym(process, "G_data_rto") == &G_data_rto);
+  dlclose(process);
 }
 
 static void on_message(const void* bytes, uint64_t size, void* ctx) {
@@ -165,6 +181,7 @@ static void check_wire_structures(void) {
 int main(void) {
   CHECK(ctrl_recv_init != NULL && data_recv_init != NULL);
   check_initial_values();
+  check_time_out_tables();
   check_refusals();
   check_use_before_start_up();
   check_visibility();
