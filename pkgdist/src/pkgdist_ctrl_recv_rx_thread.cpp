@@ -27,9 +27,37 @@ namespace pkgdist {
 
 namespace {
 
+// Priority 7 needs a privilege (CAP_NET_ADMIN) that a service should not have; 6 is for everybody.
 constexpr int kSocketPriority = 7;
+constexpr int kUnprivilegedPriority = 6;
 constexpr int kJoinRetries = 100;
 constexpr unsigned kJoinRetrySeconds = 1;
+
+void log_mc_rx_priority(const char* function, int error) {
+  PKGDIST_ERR_IN(function, "ctrl mc rx setsockopt prio failed: %d(%s)", error,
+                 std::strerror(error));
+}
+void log_uc_rx_priority(const char* function, int error) {
+  PKGDIST_ERR_IN(function, "ctrl uc rx setsockopt prio failed: %d(%s)", error,
+                 std::strerror(error));
+}
+void log_uc_tx_priority(const char* function, int error) {
+  PKGDIST_ERR_IN(function, "ctrl uc tx setsockopt prio failed: %d(%s)", error,
+                 std::strerror(error));
+}
+
+// Sets the socket's priority; without the privilege, says so and goes on with the highest that
+// needs none.
+PkgdistStatus set_priority(const char* function, int socket,
+                           void (*log_failure)(const char* function, int error)) {
+  if (set_socket_option(socket, SO_PRIORITY, kSocketPriority) == 0) return 0;
+  const bool not_permitted = errno == EPERM;
+  log_failure(function, errno);
+  if (!not_permitted) return PKGDIST_ERR_SYSTEM;
+  if (set_socket_option(socket, SO_PRIORITY, kUnprivilegedPriority) == 0) return 0;
+  log_failure(function, errno);
+  return PKGDIST_ERR_SYSTEM;
+}
 
 // Joins the group; at boot the interface may not carry its address yet, so failures are retried.
 PkgdistStatus join_control_group(const char* function, int socket) {
@@ -121,31 +149,27 @@ using namespace pkgdist;
 
 PkgdistStatus pkgdist_ctrl_recv_uc_tx_port_init() {
   close_socket(G_ctrl_uc_tx_socket);
-  const int socket = udp_socket();
+  const int socket = udp_socket();  // nobody waits on it
   store(G_ctrl_uc_tx_socket, socket);
   if (socket < 0) {
     PKGDIST_ERR("ctrl uc tx socket create failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
-  if (set_socket_option(socket, SO_PRIORITY, kSocketPriority) != 0) {
-    PKGDIST_ERR("ctrl uc tx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
-    return PKGDIST_ERR_SYSTEM;
-  }
-  return 0;
+  return set_priority(static_cast<const char*>(__func__), socket, log_uc_tx_priority);
 }
 
 PkgdistStatus pkgdist_ctrl_recv_mc_rx_port_init() {
   close_socket(G_ctrl_mc_rx_socket);
-  const int socket = udp_socket();
+  const int socket = selectable_udp_socket();
   store(G_ctrl_mc_rx_socket, socket);
   if (socket < 0) {
     PKGDIST_ERR("ctrl mc rx socket create failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
-  if (set_socket_option(socket, SO_PRIORITY, kSocketPriority) != 0) {
-    PKGDIST_ERR("ctrl mc rx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
-    return PKGDIST_ERR_SYSTEM;
-  }
+  if (const PkgdistStatus status =
+          set_priority(static_cast<const char*>(__func__), socket, log_mc_rx_priority);
+      status != 0)
+    return status;
   if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(load(G_ctrl_rto.rx_socket_buffer))) !=
       0) {
     PKGDIST_ERR("ctrl mc rx setsockopt failed: %d(%s)", errno, std::strerror(errno));
@@ -165,16 +189,16 @@ PkgdistStatus pkgdist_ctrl_recv_mc_rx_port_init() {
 
 PkgdistStatus pkgdist_ctrl_recv_uc_rx_port_init() {
   close_socket(G_ctrl_uc_rx_socket);
-  const int socket = udp_socket();
+  const int socket = selectable_udp_socket();
   store(G_ctrl_uc_rx_socket, socket);
   if (socket < 0) {
     PKGDIST_ERR("ctrl uc rx socket create failed: %d(%s)", errno, std::strerror(errno));
     return PKGDIST_ERR_SYSTEM;
   }
-  if (set_socket_option(socket, SO_PRIORITY, kSocketPriority) != 0) {
-    PKGDIST_ERR("ctrl uc rx setsockopt prio failed: %d(%s)", errno, std::strerror(errno));
-    return PKGDIST_ERR_SYSTEM;
-  }
+  if (const PkgdistStatus status =
+          set_priority(static_cast<const char*>(__func__), socket, log_uc_rx_priority);
+      status != 0)
+    return status;
   if (set_socket_option(socket, SO_RCVBUF, static_cast<int>(load(G_ctrl_rto.rx_socket_buffer))) !=
       0) {
     PKGDIST_ERR("ctrl uc rx setsockopt failed: %d(%s)", errno, std::strerror(errno));

@@ -126,7 +126,7 @@ void pkgdist_data_recv_rx_stop() {
 
 PkgdistStatus pkgdist_data_recv_rx_init() {
   close_socket(G_data_rx_socket);
-  const int socket = udp_socket();
+  const int socket = selectable_udp_socket();
   store(G_data_rx_socket, socket);
   if (socket < 0) {
     PKGDIST_ERR("data rx socket create failed: %d(%s)", errno, std::strerror(errno));

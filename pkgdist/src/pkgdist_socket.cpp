@@ -13,7 +13,11 @@
 namespace pkgdist {
 
 int udp_socket() {
-  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+  return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+}
+
+int selectable_udp_socket() {
+  const int descriptor = udp_socket();
   if (descriptor < FD_SETSIZE) return descriptor;
   (void)close(descriptor);
   errno = EMFILE;

@@ -5,9 +5,12 @@
 
 namespace pkgdist {
 
-// A UDP socket, closed on exec, whose descriptor select() can take: -1 with errno otherwise (EMFILE
-// when the descriptor is too large for a descriptor set).
+// A UDP socket, closed on exec. -1 with errno on failure.
 int udp_socket();
+
+// The same for a socket that select() is to watch: fails with EMFILE when the descriptor is too
+// large for a descriptor set.
+int selectable_udp_socket();
 
 // Closes `socket` if it is open and marks it -1.
 void close_socket(int& socket);

@@ -3,15 +3,19 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 #include "ctrl_support.h"
 #include "pkgdist_ctrl_recv_rx_thread.h"
+#include "pkgdist_data_recv.h"
 #include "pkgdist_socket.h"
 
 using namespace support;
@@ -82,12 +86,59 @@ TEST_F(CtrlSockets, the_send_socket_reports_a_failed_creation) {
 }
 
 TEST_F(CtrlSockets, the_send_socket_stays_open_when_its_priority_fails) {
-  faults::fail(Call::kSetsockopt, 1, EPERM);
+  faults::fail(Call::kSetsockopt, 1, EACCES);
   EXPECT_EQ(pkgdist_ctrl_recv_uc_tx_port_init(), PKGDIST_ERR_SYSTEM);
   EXPECT_GE(G_ctrl_uc_tx_socket, 0);
   EXPECT_TRUE(
       logs::contains("ERR:pkgdist_ctrl_recv_uc_tx_port_init: ctrl uc tx setsockopt prio failed: " +
-                     error_words(EPERM)));
+                     error_words(EACCES)));
+}
+
+// --- Without privileges ---
+
+TEST_F(CtrlSockets, a_priority_that_needs_a_privilege_is_replaced_by_the_highest_that_needs_none) {
+  int* const sockets[] = {&G_ctrl_uc_tx_socket, &G_ctrl_mc_rx_socket, &G_ctrl_uc_rx_socket};
+  PkgdistStatus (*const inits[])() = {pkgdist_ctrl_recv_uc_tx_port_init,
+                                      pkgdist_ctrl_recv_mc_rx_port_init,
+                                      pkgdist_ctrl_recv_uc_rx_port_init};
+  const char* const names[] = {"uc_tx_port_init: ctrl uc tx", "mc_rx_port_init: ctrl mc rx",
+                               "uc_rx_port_init: ctrl uc rx"};
+  for (size_t i = 0; i < std::size(sockets); ++i) {
+    faults::fail(Call::kSetsockopt, 1, EPERM);
+    EXPECT_EQ(inits[i](), 0u) << names[i];
+    EXPECT_EQ(option(*sockets[i], SOL_SOCKET, SO_PRIORITY), 6) << names[i];
+    EXPECT_TRUE(logs::contains(std::string("ERR:pkgdist_ctrl_recv_") + names[i] +
+                               " setsockopt prio failed: " + error_words(EPERM)));
+  }
+}
+
+TEST_F(CtrlSockets, a_priority_that_nobody_needs_a_privilege_for_must_be_granted) {
+  faults::fail_always(Call::kSetsockopt, EPERM);
+  EXPECT_EQ(pkgdist_ctrl_recv_uc_tx_port_init(), PKGDIST_ERR_SYSTEM);
+  EXPECT_EQ(logs::count("ctrl uc tx setsockopt prio failed: 1("), 2u);
+}
+
+// --- Many descriptors ---
+
+TEST_F(CtrlSockets, only_sockets_that_select_watches_need_a_small_descriptor) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit before = limit;
+  if (limit.rlim_max < FD_SETSIZE + 16) GTEST_SKIP() << "descriptors are limited to fewer";
+  limit.rlim_cur = FD_SETSIZE + 16;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> fillers;
+  while (fillers.empty() || fillers.back() < FD_SETSIZE - 1) fillers.push_back(dup(0));
+  EXPECT_EQ(pkgdist_ctrl_recv_uc_tx_port_init(), 0u);
+  EXPECT_GE(G_ctrl_uc_tx_socket, FD_SETSIZE);
+  EXPECT_EQ(pkgdist_data_recv_req_init(), 0u);
+  EXPECT_GE(G_data_req_socket, FD_SETSIZE);
+  EXPECT_EQ(pkgdist_ctrl_recv_mc_rx_port_init(), PKGDIST_ERR_SYSTEM);
+  EXPECT_EQ(pkgdist_ctrl_recv_uc_rx_port_init(), PKGDIST_ERR_SYSTEM);
+  EXPECT_EQ(logs::count("socket create failed: " + error_words(EMFILE)), 2u);
+  pkgdist::close_socket(G_data_req_socket);
+  for (const int filler : fillers) close(filler);
+  (void)setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(CtrlSockets, an_open_socket_is_closed_before_it_is_made_anew) {

@@ -145,7 +145,7 @@ TEST_F(SocketTest, a_descriptor_beyond_a_descriptor_set_is_refused_and_closed) {
     ASSERT_GE(occupied.back(), 0);
   } while (occupied.back() < FD_SETSIZE - 1);
 
-  EXPECT_EQ(udp_socket(), -1);
+  EXPECT_EQ(selectable_udp_socket(), -1);
   EXPECT_EQ(errno, EMFILE);
   const int next = dup(STDERR_FILENO);
   EXPECT_EQ(next, FD_SETSIZE) << "the refused socket was closed";
@@ -153,7 +153,7 @@ TEST_F(SocketTest, a_descriptor_beyond_a_descriptor_set_is_refused_and_closed) {
   // The last descriptor of a set is a good one.
   close(occupied.back());
   occupied.pop_back();
-  int last = udp_socket();
+  int last = selectable_udp_socket();
   EXPECT_EQ(last, FD_SETSIZE - 1);
   close_socket(last);
 

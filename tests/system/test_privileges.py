@@ -1,0 +1,102 @@
+"""Lead and node without privileges: as an ordinary user in a namespace that the user does not own, and under
+the restrictions of the packaged units. Hosts and links are made by this process beforehand, as root."""
+
+import os
+import subprocess
+import sys
+import unittest
+
+import node_statistics
+import tree
+from support import SystemTest, lab
+
+USER = 65534
+HERE = os.path.dirname(os.path.abspath(__file__))
+UNITS = os.path.join(HERE, "..", "..", "packaging", "systemd")
+
+
+def is_root_of_the_machine():
+    """Root of a user namespace has other answers from the kernel than an ordinary user of the machine."""
+    with open("/proc/self/uid_map", encoding="ascii") as file:
+        return os.geteuid() == 0 and file.read().split() == ["0", "0", "4294967295"]
+
+
+def unit(name):
+    return os.path.join(UNITS, f"{name}.service")
+
+
+@unittest.skipUnless(is_root_of_the_machine(), "another user can only be taken by root")
+class WithoutPrivileges(SystemTest):
+    NODES = 2
+
+    def setUp(self):
+        super().setUp()
+        tree.add(self.content, "big", 2_000_000)
+        for number in range(40):
+            tree.add(self.content, f"directory/{number % 4}/{number}", 100 * number)
+        tree.link(self.content, "directory/link", "../big")
+        for node in self.net.nodes:
+            os.chown(self.directory_of(node), USER, USER)
+
+    def start(self, node, *prefix):
+        with open(self.log_of(node), "wb") as log:
+            process = node.spawn([*prefix, self.programs.node, "--interface", node.address, "--location",
+                                  f"1={self.directory_of(node)}", "--json", "run"], stdout=log)
+        self.node_processes[node.name] = process
+
+    def push_as(self, *prefix):
+        """What the push printed; it has ended well."""
+        result = self.net.lead.run(
+            [*prefix, self.programs.lead, "--interface", self.net.lead.address, "--location",
+             f"1={self.content}", "--json", "push", "--nodes", self.addresses(), "."],
+            capture_output=True, text=True, timeout=120)
+        self.assertEqual(result.returncode, 0, result.stderr + result.stdout[-2000:])
+
+    def assert_powerless(self, process, no_new_privileges):
+        with open(f"/proc/{process.pid}/status", encoding="ascii") as file:
+            status = dict(line.split(":", 1) for line in file)
+        self.assertEqual(status["Uid"].split(), [str(USER)] * 4)
+        for kind in ("CapInh", "CapPrm", "CapEff", "CapAmb"):
+            self.assertEqual(int(status[kind], 16), 0, kind)
+        self.assertEqual(int(status["NoNewPrivs"]), no_new_privileges)
+        self.assertEqual(int(status["Seccomp"]), 2 * no_new_privileges)
+
+    def assert_node_has_started(self, node):
+        lab.wait_until(lambda: node_statistics.read(self.node_processes[node.name].pid), 20,
+                       f"{node.name} to start")
+
+    def test_an_ordinary_user_pushes_and_receives(self):
+        user = ("setpriv", "--reuid", str(USER), "--regid", str(USER), "--clear-groups")
+        for node in self.net.nodes:
+            self.start(node, *user)
+        for node in self.net.nodes:
+            self.assert_node_has_started(node)
+            self.assert_powerless(self.node_processes[node.name], 0)
+        self.push_as(*user)
+        self.assert_received()
+
+    def test_both_run_under_the_restrictions_of_the_packaged_units(self):
+        scratch = self.directory("scratch")
+        os.chown(scratch, USER, USER)
+        confined = (sys.executable, os.path.join(HERE, "confine.py"))
+        for node in self.net.nodes:
+            self.start(node, *confined, unit("pkgdist-node"), str(USER), self.directory_of(node))
+        for node in self.net.nodes:
+            self.assert_node_has_started(node)
+            self.assert_powerless(self.node_processes[node.name], 1)
+        self.push_as(*confined, unit("pkgdist-lead"), str(USER), scratch)
+        self.assert_received()
+
+    def test_the_restrictions_are_real(self):
+        scratch = self.directory("scratch")
+        os.chown(scratch, USER, USER)
+        script = ("import os, socket\n"
+                  "def tried(act):\n"
+                  "    try: act(); return 0\n"
+                  "    except OSError as error: return error.errno\n"
+                  f"print(tried(lambda: open('{scratch}/x', 'w')), tried(lambda: open('{self.content}/x', 'w')),\n"
+                  "      tried(lambda: os.setpriority(os.PRIO_PROCESS, 0, 5)),\n"
+                  "      tried(lambda: socket.socket(socket.AF_INET6)), tried(lambda: socket.socket()))\n")
+        result = subprocess.run([sys.executable, os.path.join(HERE, "confine.py"), unit("pkgdist-node"), str(USER),
+                                 scratch, "/usr/bin/python3", "-c", script], capture_output=True, text=True, timeout=60)
+        self.assertEqual(result.stdout.split(), ["0", "30", "1", "97", "0"], result.stderr)
