@@ -4,9 +4,7 @@
 // tables here are written by callers without a lock before files are asked for.
 #include "pkgdist_data_recv.h"
 
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -180,16 +178,17 @@ bool is_memory_location(uint32_t location) {
 
 FilePath::FilePath(uint32_t location, const char* name, const char* suffix) : text_{} {
   if (!is_location(location) || !is_confined(name)) return;
-  (void)quendrel_sstrncpy(text_, G_data_recv_repository[location - 1], sizeof text_);
+  const char* prefix = G_data_recv_repository[location - 1];
+  if (std::strlen(prefix) + std::strlen(name) + std::strlen(suffix) >= sizeof text_) return;
+  (void)quendrel_sstrncpy(text_, prefix, sizeof text_);
+  if (const char* end = std::strrchr(text_, '/'); end != nullptr)
+    base_length_ = static_cast<size_t>(end - text_) + 1;
   (void)quendrel_sstrncat(text_, name, sizeof text_);
   (void)quendrel_sstrncat(text_, suffix, sizeof text_);
 }
 
-void delete_partial(uint32_t location, const char* name, bool memory) {
-  if (memory)
-    (void)shm_unlink(FilePath(location, name).c_str());
-  else
-    (void)unlink(FilePath(location, name, kPartialSuffix).c_str());
+bool has_room(uint32_t location, const char* name) {
+  return !FilePath(location, name, is_memory_location(location) ? "" : kPartialSuffix).empty();
 }
 
 }  // namespace pkgdist

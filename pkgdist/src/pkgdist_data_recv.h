@@ -40,20 +40,25 @@ bool is_memory_location(uint32_t location);
 // Appended to the name of a disk file that is not complete.
 inline constexpr char kPartialSuffix[] = ".tmp";
 
-// The one way from a location and a name to a path: the location's prefix, the name and a suffix,
-// cut to 255 characters. A name that is not confined, or a location that does not exist, gives the
-// empty path, which no file-system call accepts.
+// The one way from a location and a name to a path: the location's prefix, the name and a suffix. A
+// name that is not confined, one that makes more than 255 characters, or a location that does not
+// exist, gives the empty path, which no file-system call accepts.
 class FilePath {
  public:
   FilePath(uint32_t location, const char* name, const char* suffix = "");
   const char* c_str() const { return text_; }
+  bool empty() const { return text_[0] == '\0'; }
+  // Characters of the directory that the location itself stands in, with its slash; 0 for none.
+  size_t base_length() const { return base_length_; }
 
  private:
   char text_[kFilePathBytes];
+  size_t base_length_ = 0;
 };
 
-// Deletes the partial file or the shared-memory object of a file that will not be completed.
-void delete_partial(uint32_t location, const char* name, bool memory);
+// Whether the name makes a path in the location, the suffix of an incomplete file included. Cut
+// paths would make two names one file, or show a partial file under its final name.
+bool has_room(uint32_t location, const char* name);
 
 // now - stamp, and 0 for a stamp that was set after `now` was taken.
 constexpr uint64_t elapsed(uint64_t now, uint64_t stamp) {

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "pkgdist_confine.h"
 #include "pkgdist_ctrl_recv.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_datagram.h"
@@ -33,11 +34,11 @@ namespace {
 constexpr size_t kPacketBytes = 301;
 
 // Sets access and modification time; a failure is only logged.
-void set_times(const char* function, const char* path, uint64_t mtime) {
+void set_times(const char* function, const Beneath& path, uint64_t mtime) {
   if (mtime == 0) return;
   const utimbuf times = {static_cast<time_t>(mtime), static_cast<time_t>(mtime)};
-  if (utime(path, &times) != 0)
-    PKGDIST_ERR_IN(function, "data file recv futime %s failed, rc=%d(%s)", path, errno,
+  if (path([&](const char* name) { return utime(name, &times); }) != 0)
+    PKGDIST_ERR_IN(function, "data file recv futime %s failed, rc=%d(%s)", path.c_str(), errno,
                    std::strerror(errno));
 }
 
@@ -48,8 +49,9 @@ PkgdistStatus rename_disk_file(const char* function, Entry& entry) {
   entry.fd = -1;
   const FilePath partial(entry.location, entry.path, kPartialSuffix);
   const FilePath final_path(entry.location, entry.path);
-  set_times(function, partial.c_str(), entry.mtime);
-  if (std::rename(partial.c_str(), final_path.c_str()) != 0) {
+  const Beneath checked(partial);  // both stand in one directory
+  set_times(function, checked, entry.mtime);
+  if (checked([&](const char* from) { return std::rename(from, final_path.c_str()); }) != 0) {
     const int error = errno;
     PKGDIST_ERR_IN(function, "data file recv rename %s to %s failed, rc=%d(%s)", partial.c_str(),
                    final_path.c_str(), error, std::strerror(error));
@@ -82,15 +84,16 @@ PkgdistStatus pkgdist_data_file_symlink(const Entry& entry, size_t length, const
   const FilePath link(entry.location, entry.path);
   char text[PKGDIST_SYMLINK_TARGET_MAX + 1] = {};
   if (length != 0) std::memcpy(text, target, std::min(length, size_t{PKGDIST_SYMLINK_TARGET_MAX}));
-  (void)unlink(link.c_str());
-  if (inst_symlink(text, link.c_str()) != 0) {
+  const Beneath checked(link);
+  (void)checked(unlink);
+  if (checked([&](const char* path) { return inst_symlink(text, path); }) != 0) {
     const int error = errno;
     PKGDIST_ERR("data file recv symlink %s failed, rc=%d(%s)", link.c_str(), error,
                 std::strerror(error));
     status = pkgdist_status_from_errno(error);
     count(DrsCounter::kFileError);
   }
-  set_times(__func__, link.c_str(), entry.mtime);
+  set_times(__func__, checked, entry.mtime);
   time.finish();
   return status;
 }
@@ -133,7 +136,7 @@ PkgdistStatus pkgdist_data_send_file_done(uint32_t file_id, PkgdistStatus status
                 datagram.total(), sent, errno, std::strerror(errno));
     return PKGDIST_ERR_SEND;
   }
-  count(DrtCounter::kUcSendDoneSent);
   time.finish();
+  count(DrtCounter::kUcSendDoneSent);
   return 0;
 }

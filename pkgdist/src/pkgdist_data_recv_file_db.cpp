@@ -13,6 +13,7 @@
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_done.h"
+#include "pkgdist_data_recv_file_write.h"
 #include "pkgdist_data_recv_rx_thread.h"
 #include "pkgdist_export.h"
 #include "pkgdist_log.h"
@@ -78,13 +79,15 @@ void take(Stat* entry) {
 
 // Closes an unfinished file and deletes what it left. A new request for the same file may have
 // begun to write under the same partial name meanwhile: then only close.
-void discard_partial(Entry& entry) {
-  (void)close(entry.fd);
-  entry.fd = -1;
+void discard_unfinished(Entry& entry) {
   const FileRecvDbGuard lock(Caller::here("pkgdist_file_recv_db_free"));
   const Entry* heir = file_recv_find(entry.path, entry.location);
-  if (heir == nullptr || heir->fd == -1)
-    delete_partial(entry.location, entry.path, entry.memory != 0);
+  if (heir == nullptr || heir->fd == -1) {
+    discard_partial(entry);
+    return;
+  }
+  (void)close(entry.fd);
+  entry.fd = -1;
 }
 
 // Ends the lead's transactions among `xacts` that no file waits for any more.
@@ -202,7 +205,7 @@ void pkgdist_file_recv_db_free(Entry* entry) {
     (void)munmap(entry->mapping, entry->mapping_size);
     entry->mapping = MAP_FAILED;
   }
-  if (entry->fd != -1) discard_partial(*entry);
+  if (entry->fd != -1) discard_unfinished(*entry);
   EntryFreer{}(entry);
 }
 

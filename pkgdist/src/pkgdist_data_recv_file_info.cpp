@@ -7,16 +7,18 @@
 #include "pkgdist_data_recv_file_info.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
 
 #include "pkgdist_bitmap.h"
 #include "pkgdist_codec.h"
+#include "pkgdist_confine.h"
 #include "pkgdist_ctrl_recv.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_done.h"
+#include "pkgdist_data_recv_file_write.h"
 #include "pkgdist_data_recv_process.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
@@ -44,7 +46,11 @@ constexpr uint32_t kSegmentsLimit = 1u << 24;
 // Without a usable segment size a file has no number of segments; its time-out will ask again.
 bool has_usable_sizes(const Info& info) {
   if (info.status != 0 || info.size == 0) return true;
-  return info.segment_size != 0 && segments_of(info.size, info.segment_size) <= kSegmentsLimit;
+  if (info.segment_size != 0 && segments_of(info.size, info.segment_size) <= kSegmentsLimit)
+    return true;
+  PKGDIST_ERR_IN(kReporter, "file '%s' size %d has no number of segments or too many of size %d",
+                 info.name, info.size, info.segment_size);
+  return false;
 }
 
 Fate confirm_transfer(Entry& entry) {
@@ -97,10 +103,8 @@ void discard_leftover(Entry& entry) {
   if (entry.fd == -1) return;
   if (entry.mapping != MAP_FAILED) (void)munmap(entry.mapping, entry.mapping_size);
   entry.mapping = MAP_FAILED;
-  (void)close(entry.fd);
-  entry.fd = -1;
   const Stopwatch time(DrsHistogram::kFileUnlinkTime);
-  delete_partial(entry.location, entry.path, entry.memory != 0);
+  discard_partial(entry);
   time.finish();
 }
 
@@ -184,7 +188,8 @@ void pkgdist_data_process_file_info(const uint8_t* body, size_t length, uint32_t
 int pkgdist_file_get_stat(const Entry& entry, struct stat& present) {
   const Stopwatch time(DrsHistogram::kFileStatTime);
   int error = 0;
-  if (lstat(FilePath(entry.location, entry.path).c_str(), &present) != 0)
+  const FilePath path(entry.location, entry.path);
+  if (Beneath(path)([&](const char* name) { return lstat(name, &present); }) != 0)
     error = errno;
   else if (S_ISDIR(present.st_mode))
     error = EISDIR;

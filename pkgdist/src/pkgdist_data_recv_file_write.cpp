@@ -4,15 +4,21 @@
 // failed write closes it and is tried again on a fresh descriptor; when the disk is full the
 // partial file is deleted, so the attempts end there. A memory location is a shared mapping of the
 // whole object.
+//
+// Under the partial name something may stand already: of a process that died, of another user, a
+// link or a device. What is not a file that this process could just have made is removed, and the
+// partial file is made anew, or not at all.
 #include "pkgdist_data_recv_file_write.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "pkgdist_confine.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
@@ -56,18 +62,52 @@ PkgdistStatus open_memory_object(Entry& entry) {
   return 0;
 }
 
-// Opens the partial file, making its directories. The error number of the last failure, or 0.
-int open_partial(Entry& entry, const char* path) {
-  int error = 0;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    entry.fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, entry.mode);
-    if (entry.fd >= 0) return 0;
-    error = errno;
+// Whether the file is like one that this process has just made with this mode. A umask or the
+// directory's rules may make another mode of it; then it is made twice, which does no harm.
+bool is_fresh(int fd, mode_t mode) {
+  constexpr mode_t kPermissions = 07777;
+  struct stat opened {};
+  return fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_uid == geteuid() &&
+         opened.st_nlink == 1 && (opened.st_mode & kPermissions) == (mode & kPermissions);
+}
+
+// Whether the open may have failed because of what stands under the name.
+bool is_in_the_way(int error) {
+  return error == EACCES || error == EPERM || error == ELOOP || error == ENXIO || error == ETXTBSY;
+}
+
+// One attempt. 0 or the error number. `exclusive` (O_EXCL or 0) is what the next one has to add.
+int open_once(Entry& entry, const FilePath& path, int& exclusive) {
+  const Beneath checked(path);
+  entry.fd = checked([&](const char* name) {
+    return open(name, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | exclusive, entry.mode);
+  });
+  int error = entry.fd < 0 ? errno : 0;
+  if (error == 0 && (exclusive != 0 || is_fresh(entry.fd, entry.mode))) return 0;
+  if (error == 0) {
+    (void)close(entry.fd);
+    error = EEXIST;
+  } else if (exclusive != 0 || !is_in_the_way(error)) {
     entry.fd = -1;
-    if (error != ENOENT || instcomm_create_filepath_dirs(path) == 0) continue;
+    return error;
+  }
+  entry.fd = -1;
+  (void)checked(unlink);
+  exclusive = O_EXCL;
+  return error;
+}
+
+// Opens the partial file, making its directories. The error number of the last failure, or 0.
+int open_partial(Entry& entry, const FilePath& path) {
+  int error = 0;
+  int exclusive = 0;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    error = open_once(entry, path, exclusive);
+    if (error == 0) return 0;
+    if (error != ENOENT || instcomm_create_filepath_dirs(path.c_str()) == 0) continue;
     error = errno;
-    PKGDIST_ERR_TEXT("ERR:%s: Failed to create dir %s, errno %d(%s)", kReporter, path, error,
-                     std::strerror(error));
+    PKGDIST_ERR_TEXT("ERR:%s: Failed to create dir %s, errno %d(%s)", kReporter, path.c_str(),
+                     error, std::strerror(error));
     count(DrsCounter::kFileError);
     return error;
   }
@@ -77,7 +117,7 @@ int open_partial(Entry& entry, const char* path) {
 PkgdistStatus open_disk_file(Entry& entry) {
   const FilePath path(entry.location, entry.path, kPartialSuffix);
   const Stopwatch time(DrsHistogram::kFileOpenTime);
-  const int error = open_partial(entry, path.c_str());
+  const int error = open_partial(entry, path);
   time.finish();
   if (error == 0) return 0;
   PKGDIST_ERR_IN(kReporter, "failed to open %s for writing, rc=%d (%s)", path.c_str(), error,
@@ -115,18 +155,44 @@ PkgdistStatus write_once(Entry& entry, const char* path, uint32_t offset, uint32
 }
 
 // After a failed attempt: the next one begins with a fresh descriptor, if the file is still there.
-void recover(Entry& entry, const char* path, int error) {
+void recover(Entry& entry, const FilePath& path, int error) {
   (void)close(entry.fd);
   entry.fd = -1;
   if (error == ENOSPC) {
     PKGDIST_ERR_TEXT("ERR:%s: Deleting partially downloaded file '%s' as there is no space \n",
-                     "pkgdist_file_write_data", path);
-    (void)unlink(path);
+                     "pkgdist_file_write_data", path.c_str());
+    (void)Beneath(path)(unlink);
   }
   count(DrsCounter::kFileError);
 }
 
+// What stands under the entry's partial name, or as its memory object. False when nothing does.
+bool look_at_partial(const Entry& entry, const FilePath& path, struct stat& found) {
+  if (entry.memory == 0)
+    return Beneath(path)([&](const char* name) { return lstat(name, &found); }) == 0;
+  const int fd = shm_open(path.c_str(), O_RDONLY, 0);
+  if (fd < 0) return false;
+  const bool looked = fstat(fd, &found) == 0;
+  (void)close(fd);
+  return looked;
+}
+
 }  // namespace
+
+void pkgdist::discard_partial(Entry& entry) {
+  const FilePath path(entry.location, entry.path, entry.memory != 0 ? "" : kPartialSuffix);
+  struct stat made {};
+  struct stat found {};
+  const bool is_own = fstat(entry.fd, &made) == 0 && look_at_partial(entry, path, found) &&
+                      made.st_dev == found.st_dev && made.st_ino == found.st_ino;
+  (void)close(entry.fd);
+  entry.fd = -1;
+  if (!is_own) return;
+  if (entry.memory != 0)
+    (void)shm_unlink(path.c_str());
+  else
+    (void)Beneath(path)(unlink);
+}
 
 PkgdistStatus pkgdist::open_destination(Entry& entry) {
   return entry.memory != 0 ? open_memory_object(entry) : open_disk_file(entry);
@@ -138,7 +204,8 @@ PkgdistStatus pkgdist_file_write_data(Entry& entry, uint32_t offset, uint32_t le
   PkgdistStatus status = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (entry.fd == -1) {
-      entry.fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+      entry.fd = Beneath(path)(
+          [](const char* name) { return open(name, O_RDWR | O_NOFOLLOW | O_CLOEXEC); });
       if (entry.fd < 0) {
         const int error = errno;
         entry.fd = -1;
@@ -150,7 +217,7 @@ PkgdistStatus pkgdist_file_write_data(Entry& entry, uint32_t offset, uint32_t le
     int error = 0;
     status = write_once(entry, path.c_str(), offset, length, data, error);
     if (status == 0) return 0;
-    recover(entry, path.c_str(), error);
+    recover(entry, path, error);
   }
   return status;
 }

@@ -15,4 +15,8 @@ namespace pkgdist {
 // that was created stays open, so that releasing the entry deletes it.
 PkgdistStatus open_destination(pkgdist_file_recv_entry& entry);
 
+// Closes an unfinished file and deletes it, unless something else stands under its name by now: a
+// file that was completed for a later request has the name for itself.
+void discard_partial(pkgdist_file_recv_entry& entry);
+
 }  // namespace pkgdist

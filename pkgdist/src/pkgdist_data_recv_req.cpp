@@ -98,6 +98,10 @@ extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_get_file(
     PKGDIST_ERR("file path '%s' passed leaves the storage location", path);
     return PKGDIST_ERR_INVALID;
   }
+  if (!has_room(location, path)) {
+    PKGDIST_ERR("file path '%s' passed is too long for storage location %d", path, location);
+    return PKGDIST_ERR_INVALID;
+  }
   PKGDIST_INFO("DATA File Get - Path '%s' Type %d Loc %d Prio %d Xact Id %d\n", path, type,
                location, priority, xact_id);
   uint32_t recv_id = 0;
@@ -153,8 +157,8 @@ PkgdistStatus pkgdist_data_send_file_req(const char* path, uint32_t type, uint32
                 sent, errno, std::strerror(errno));
     return PKGDIST_ERR_SEND;
   }
-  count(DrtCounter::kUcSendReqSent);
   time.finish();
+  count(DrtCounter::kUcSendReqSent);
   return 0;
 }
 

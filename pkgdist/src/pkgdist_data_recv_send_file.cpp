@@ -1,8 +1,9 @@
 // The lead's file lists, cancels and deletes.
 //
 // A list enters its files under the lead's transaction; the lead sends them unasked. Names from the
-// network are confined to their storage location: a name with a ".." component, or a location that
-// does not exist, is logged and left out, the rest of the list goes on.
+// network are confined to their storage location: a name with a ".." component, one that is too
+// long for its location, or a location that does not exist, is logged and left out, the rest of the
+// list goes on.
 #include "pkgdist_data_recv_send_file.h"
 
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstring>
 
 #include "pkgdist_codec.h"
+#include "pkgdist_confine.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_file_db.h"
@@ -30,15 +32,22 @@ const char* first_name(const Message& message) {
   return message.names_count != 0 ? message.names[0] : "";
 }
 
-// A location that was never set has an empty prefix, with which the lead's name would be a path of
-// this whole host.
 bool is_acceptable(const char* name, uint32_t location) {
-  if (!is_location(location) || load(G_data_recv_repository[location - 1][0]) == '\0') {
+  if (!is_location(location)) {
     PKGDIST_ERR_IN(kReporter, "file '%s' storage location '%d' is invalid", name, location);
+    return false;
+  }
+  // Never set, or set to nothing: the lead's name would be a path of this whole host.
+  if (load(G_data_recv_repository[location - 1][0]) == '\0') {
+    PKGDIST_ERR_IN(kReporter, "file '%s' storage location '%d' has no path", name, location);
     return false;
   }
   if (!is_confined(name)) {
     PKGDIST_ERR_IN(kReporter, "file '%s' leaves the storage location %d", name, location);
+    return false;
+  }
+  if (!has_room(location, name)) {
+    PKGDIST_ERR_IN(kReporter, "file '%s' is too long for storage location %d", name, location);
     return false;
   }
   return true;
@@ -115,7 +124,7 @@ void delete_stored(const char* name, uint32_t location) {
   const FilePath path(location, name);
   PKGDIST_INFO("DATA Recv File Deleted - Path %s\n", path.c_str());
   const Stopwatch time(DrsHistogram::kFileUnlinkTime);
-  const int result = unlink(path.c_str());
+  const int result = Beneath(path)(unlink);
   const int error = errno;
   time.finish();
   if (result != 0 && error != ENOENT)

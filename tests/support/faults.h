@@ -35,7 +35,7 @@ namespace support {
   X(kEpollWait) X(kAtexit) X(kAtfork) X(kPthreadCreate) X(kAttrInit) X(kAttrSetdetachstate) \
   X(kAttrDestroy) X(kMutexLock) X(kMutexUnlock) X(kCondSignal) X(kCondattrInit) \
   X(kCondattrSetclock) X(kCondInit) X(kCondDestroy) X(kCondTimedwait) X(kClockGettime) \
-  X(kPrctl) X(kShipRegister) X(kTraceOpen) X(kTraceEnable) X(kQitcCreate) X(kQitcDestroy) \
+  X(kPrctl) X(kOpenat2) X(kShipRegister) X(kTraceOpen) X(kTraceEnable) X(kQitcCreate) X(kQitcDestroy) \
   X(kQitcPut) X(kQitcGet) X(kLevmAttach) X(kNodeidCreate) X(kNodeidToStr) X(kCreateDirs) \
   X(kInstSymlink) X(kEncodeCtrlHeader) X(kEncodeDataHeader) X(kEncodeBody) X(kDecode)
 // clang-format on

@@ -1,5 +1,6 @@
 // The lead's file lists and delete lists.
 #include "data_support.h"
+#include "pkgdist_data_recv_process.h"
 #include "pkgdist_data_recv_send_file.h"
 
 using namespace support;
@@ -213,7 +214,7 @@ TEST_F(DataFileList, names_reach_nothing_through_a_location_that_was_never_set) 
   remove({path("precious")}, 3);
   EXPECT_TRUE(exists(path("precious")));
   EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
-  EXPECT_EQ(logs::count("storage location '3' is invalid"), 2u);
+  EXPECT_EQ(logs::count("storage location '3' has no path"), 2u);
 }
 
 TEST_F(DataFileList, an_empty_delete_list_is_only_counted) {
@@ -222,10 +223,34 @@ TEST_F(DataFileList, an_empty_delete_list_is_only_counted) {
   EXPECT_EQ(value(DrtCounter::kMcSendDelete), 1u);
 }
 
-TEST_F(DataFileList, a_path_to_delete_is_cut_to_255_characters) {
-  remove({std::string(300, 'n')});
-  EXPECT_TRUE(logs::contains("DATA Recv File Deleted - Path " +
-                             path(std::string(300, 'n')).substr(0, 255) + "\n"));
+TEST_F(DataFileList, a_location_that_was_set_to_nothing_takes_no_files_of_the_lead) {
+  EXPECT_EQ(instcomm_pkgdist_set_recv_repository("", 3, false), 0u);
+  list({path("f").substr(1)}, 3);
+  remove({path("f").substr(1)}, 3);
+  EXPECT_EQ(G_file_recv_db.count, 0u);
+  EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
+  EXPECT_EQ(logs::count("storage location '3' has no path"), 2u);
+}
+
+TEST_F(DataFileList, a_name_that_is_too_long_for_its_location_is_left_out) {
+  const std::string longest(251 - directory().size(), 'n');
+  list({longest, longest + "n", "f"});
+  EXPECT_EQ(G_file_recv_db.count, 2u);
+  EXPECT_NE(find(longest), nullptr);
+  EXPECT_NE(find("f"), nullptr);
+  EXPECT_EQ(logs::count("file '" + longest + "n' is too long for storage location 1\n"), 1u);
+  const Bytes question =
+      data_datagram(PKGDIST_DATA_MSG_MISS_DONE, encoded_miss_done(0, longest + "n"));
+  pkgdist_data_rx_process_msg(question.data(), static_cast<ssize_t>(question.size()));
+  EXPECT_EQ(take_traffic().reports.at(0).status, PKGDIST_STATUS_UNKNOWN_FILE);
+}
+
+TEST_F(DataFileList, a_name_that_is_too_long_deletes_nothing) {
+  const std::string longest(251 - directory().size(), 'n');
+  put_file(longest + "n", "kept");
+  remove({longest + "n" + "more"});
+  EXPECT_TRUE(exists(path(longest + "n")));
+  EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
 }
 
 }  // namespace

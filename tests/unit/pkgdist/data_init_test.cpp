@@ -272,10 +272,19 @@ TEST_F(Repository, a_name_that_leaves_its_location_has_no_path) {
   EXPECT_FALSE(pkgdist::is_memory_location(7));
 }
 
-TEST_F(Repository, a_path_is_cut_to_255_characters) {
-  const std::string name(300, 'n');
-  const std::string whole = directory() + name;
-  EXPECT_EQ(pkgdist::FilePath(1, name.c_str(), ".tmp").c_str(), whole.substr(0, 255));
+TEST_F(Repository, a_name_that_makes_more_than_255_characters_has_no_path) {
+  const std::string name(251 - directory().size(), 'n');
+  EXPECT_EQ(pkgdist::FilePath(1, name.c_str(), ".tmp").c_str(), directory() + name + ".tmp");
+  EXPECT_TRUE(pkgdist::has_room(1, name.c_str()));
+  EXPECT_STREQ(pkgdist::FilePath(1, (name + "n").c_str(), ".tmp").c_str(), "");
+  EXPECT_STRNE(pkgdist::FilePath(1, (name + "n").c_str()).c_str(), "");
+  EXPECT_FALSE(pkgdist::has_room(1, (name + "n").c_str()));
+}
+
+TEST_F(Repository, an_object_in_memory_has_no_suffix_and_more_room) {
+  const std::string name(255 - memory_prefix().size(), 'n');
+  EXPECT_TRUE(pkgdist::has_room(2, name.c_str()));
+  EXPECT_FALSE(pkgdist::has_room(2, (name + "n").c_str()));
 }
 
 // --- Transaction identifiers ---

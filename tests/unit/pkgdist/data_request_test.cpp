@@ -77,6 +77,15 @@ TEST_F(DataRequest, a_name_that_leaves_its_location_is_refused) {
   EXPECT_TRUE(nothing_was_entered());
 }
 
+TEST_F(DataRequest, a_name_that_is_too_long_for_its_location_is_refused) {
+  const std::string longest(251 - directory().size(), 'n');
+  EXPECT_EQ(get((longest + "n").c_str()), PKGDIST_ERR_INVALID);
+  EXPECT_TRUE(error_says(
+      ("file path '" + longest + "n' passed is too long for storage location 1").c_str()));
+  EXPECT_TRUE(nothing_was_entered());
+  EXPECT_EQ(get(longest.c_str()), 0u);
+}
+
 TEST_F(DataRequest, the_checks_come_in_order) {
   const auto refused = [&](const char* path, uint32_t type, uint32_t location, uint32_t priority,
                            uint32_t xact_id) {
@@ -100,6 +109,17 @@ TEST_F(DataRequest, the_largest_values_are_taken) {
   EXPECT_EQ(get("f", 11, 6, 4, 0xFFFFFFFF), 0u);
   EXPECT_TRUE(logs::contains("DATA File Get - Path 'f' Type 11 Loc 6 Prio 4 Xact Id -1\n"));
   EXPECT_EQ(take_traffic().requests, (std::vector<FileRequest>{{11, 6, 4, "f"}}));
+}
+
+// Waiting for the lock of the counters is not the call's time.
+TEST_F(DataRequest, the_time_of_a_send_ends_with_the_call) {
+  faults::on_lock([](const pthread_mutex_t* mutex) {
+    if (mutex == &atomic_mutex) clock::advance(kSecond);
+  });
+  EXPECT_EQ(pkgdist_data_send_file_req("f", 1, 1, 1), 0u);
+  faults::clear();
+  const auto* buckets = static_cast<const uint32_t*>(pkgdist_drt_ship_histogram_hdl);
+  EXPECT_EQ(buckets[8 * static_cast<size_t>(DrtHistogram::kUcSendTime)], 1u);
 }
 
 // --- Entering ---

@@ -107,19 +107,6 @@ TEST_F(FileWrite, a_file_below_a_file_cannot_be_opened) {
   EXPECT_EQ(client.files.at(0).status, system_error(ENOTDIR));
 }
 
-TEST_F(FileWrite, a_name_that_is_cut_loses_its_suffix_first) {
-  const std::string name =
-      std::string(100, 'a') + "/" + std::string(100, 'b') + "/" + std::string(100, 'c');
-  const std::string cut = path(name).substr(0, 255);
-  begin(2, name);
-  give(0);
-  EXPECT_TRUE(exists(cut));  // the partial file already has the final name
-  give(1);
-  EXPECT_EQ(bytes_of(cut), content(8));
-  client.deliver();
-  EXPECT_EQ(client.files.at(0).status, 0u);
-}
-
 // --- Memory objects ---
 
 TEST_F(FileWrite, a_memory_object_has_its_final_size_and_name_at_once) {
