@@ -79,7 +79,11 @@ class Clients {
       if (status != 0) return status;
     }
     const PkgdistStatus status = put_context(function, handlers, ctx, channel_id, recv_id);
-    if (status != 0 && levm != nullptr) release_channel(function, recv_id, channel_id);
+    // Another loop may have a channel of the same identifier: it keeps its references.
+    if (status != 0 && levm != nullptr)
+      release_channel(function, recv_id, [=](const CallbackChannel& channel) {
+        return channel.channel_id == channel_id && channel.levm == levm;
+      });
     return status;
   }
 
@@ -94,7 +98,10 @@ class Clients {
       Side::contexts().remove(context);
       std::free(context);
     }
-    return channel_id != 0 && release_channel(function, recv_id, channel_id);
+    return channel_id != 0 &&
+           release_channel(function, recv_id, [=](const CallbackChannel& channel) {
+             return channel.channel_id == channel_id;
+           });
   }
 
   // Copies the context of `recv_id`: the original may go at any time after.
@@ -111,12 +118,19 @@ class Clients {
     return find_channel(channel_id) != nullptr;
   }
 
-  // Puts an entry on a channel that was seen to exist. kNoChannel when it has gone since.
+  // Puts an entry on a channel that was seen to exist. kNoChannel when it has gone since, kOutdated
+  // when `still_holds` denies that the entry is true at this moment.
   static constexpr int kNoChannel = -2;
-  static int put(const char* function, uint32_t channel_id, void* entry) {
+  static constexpr int kOutdated = -3;
+  template <class StillHolds>
+  static int put(const char* function, uint32_t channel_id, void* entry, StillHolds still_holds) {
     const MutexLock lock(Side::channels().mutex, Caller::here(function));
     const CallbackChannel* channel = find_channel(channel_id);
-    return channel != nullptr ? qitc_put(channel->qitc, entry) : kNoChannel;
+    if (channel == nullptr) return kNoChannel;
+    return still_holds() ? qitc_put(channel->qitc, entry) : kOutdated;
+  }
+  static int put(const char* function, uint32_t channel_id, void* entry) {
+    return put(function, channel_id, entry, [] { return true; });
   }
 
   // Takes the next entry for a channel handler. A channel that went meanwhile is an empty one.
@@ -210,9 +224,10 @@ class Clients {
   }
 
   // Gives back one reference; the last one detaches and destroys the channel. True when it went.
-  static bool release_channel(const char* function, uint32_t recv_id, uint32_t channel_id) {
+  template <class Match>
+  static bool release_channel(const char* function, uint32_t recv_id, Match match) {
     const MutexLock lock(Side::channels().mutex, Caller::here(function));
-    CallbackChannel* channel = find_channel(channel_id);
+    CallbackChannel* channel = Side::channels().find(match);
     if (channel == nullptr) return false;
     --channel->reference_count;
     log_reference_dropped(function, recv_id, *channel);

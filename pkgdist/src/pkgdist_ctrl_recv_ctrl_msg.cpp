@@ -38,6 +38,7 @@ struct Arrival {
   uint32_t last_before;  // the stream's last sequence before this datagram
 
   const char* stream() const { return unicast ? "UC" : "MC"; }
+  const char* datagram_stream() const { return unicast ? "uc" : "mc"; }  // in texts about datagrams
   void count_duplicate() const {
     count(unicast ? CrtCounter::kUcDupDropRecv : CrtCounter::kMcDupDropRecv);
   }
@@ -75,8 +76,7 @@ bool fill_gap(bool unicast, uint32_t sequence, uint32_t last) {
   log_out_of_sequence(unicast, sequence, last);
   count(unicast ? CrtCounter::kUcOutOfSeqRecv : CrtCounter::kMcOutOfSeqRecv);
   for (uint32_t missing = last + 1; missing != sequence; ++missing) {
-    if (rx_msg_find(missing, unicast) != nullptr) continue;
-    if (rx_msg_add_placeholder(missing, unicast)) continue;
+    if (rx_msg_expect(missing, unicast)) continue;
     log_placeholder_nomem(unicast);
     return false;
   }
@@ -100,6 +100,7 @@ bool take_sequence(uint32_t sequence, bool unicast) {
 // --- Filtering ---
 
 bool is_listed(const Body& body, uint32_t address) {
+  if (!qidl::has<&Body::node_list>(body)) return false;
   for (uint32_t i = 0; i < body.node_list_count; ++i)
     if (body.node_list[i] == address) return true;
   return false;
@@ -143,10 +144,15 @@ void fill(CTRL_RECV_RX_MSG& entry, const Body& body) {
   entry.filled = true;
 }
 
+bool is_retransmission(const Body& body) {
+  return qidl::has<&Body::rxmt>(body) && body.rxmt != 0;
+}
+
 // A retransmission of something that was at or below the last sequence and is not waited for: it
 // was delivered before, and on the unicast stream the lead has lost the acknowledgement.
 bool is_done_already(const Arrival& arrival) {
-  if (arrival.header.sequence > arrival.last_before || arrival.body.rxmt == 0) return false;
+  if (arrival.header.sequence > arrival.last_before || !is_retransmission(arrival.body))
+    return false;
   if (arrival.header.segment == 0) {
     PKGDIST_INFO("CTRL %s Rxmt Msg - Already Processed - Sequence %d Last %d\n", arrival.stream(),
                  arrival.header.sequence, arrival.last_before);
@@ -176,6 +182,8 @@ CTRL_RECV_RX_MSG* create_entry(const Arrival& arrival) {
 // Segments of 0 bytes have no number: such a datagram is bad.
 bool has_usable_sizes(const Arrival& arrival) {
   if (arrival.body.segment_size != 0) return true;
+  PKGDIST_ERR_IN(kReporter, "ctrl %s msg %d has segments of 0 bytes", arrival.datagram_stream(),
+                 arrival.header.sequence);
   arrival.count_bad_packet();
   return false;
 }
@@ -195,6 +203,7 @@ CTRL_RECV_RX_MSG* find_or_create_entry(const Arrival& arrival) {
   const uint32_t sequence = arrival.header.sequence;
   CTRL_RECV_RX_MSG* entry = rx_msg_find(sequence, arrival.unicast);
   if (entry == nullptr) return enter_new(arrival);
+  (void)rx_msg_renew(*entry);  // or bytes of two leads' messages would be mixed
   if (!entry->filled) {
     if (!has_usable_sizes(arrival)) return nullptr;
     fill(*entry, arrival.body);
@@ -245,6 +254,9 @@ bool store_segment(CTRL_RECV_RX_MSG& entry, const Arrival& arrival) {
   }
   const bool empty_message = entry.total_size == 0;
   if (!empty_message && !fits(entry, arrival)) {
+    PKGDIST_ERR_IN(kReporter, "ctrl %s msg %d segment %d of %zu bytes is outside the message",
+                   arrival.datagram_stream(), arrival.header.sequence, segment,
+                   size_t{arrival.body.data_size});
     arrival.count_bad_packet();
     return false;
   }

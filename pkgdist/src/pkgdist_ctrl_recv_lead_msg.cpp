@@ -47,7 +47,7 @@ LeadMessage* find_by_id(uint32_t id) {
 
 LeadMessage* find_by_sequence(uint32_t sequence) {
   return G_ctrl_recv_msg_db.find(
-      [=](const LeadMessage& entry) { return entry.sequence == sequence; });
+      [=](const LeadMessage& entry) { return entry.sequence == sequence && !entry.is_withdrawn; });
 }
 
 bool fill_segment(Body& body, const uint8_t* data, size_t size, uint32_t msg_class, uint32_t i) {
@@ -82,7 +82,8 @@ PkgdistStatus allocate_id(levm_handle_t levm, pkgdist_ctrl_status_cb cb_func, vo
   id = 0;
   if (cb_func != nullptr)
     return pkgdist_ctrl_recv_alloc_ctx(levm, nullptr, cb_func, nullptr, ctx, id);
-  const MutexLock lock(G_ctrl_recv_ctx_db.mutex);
+  const MutexLock lock(G_ctrl_recv_ctx_db.mutex,
+                       Caller::here("instcomm_pkgdist_ctrl_send_lead_msg"));
   id = G_ctrl_recv_ctx_db.allocate_id();
   return 0;
 }
@@ -115,6 +116,7 @@ void send_segment_again(LeadMessage& entry, uint32_t segment) {
 }
 
 bool is_late(const LeadMessage& entry, uint64_t now) {
+  if (entry.is_withdrawn) return false;
   const uint64_t idle = now > entry.last_send ? now - entry.last_send : 0;
   return idle >= load(G_ctrl_rto.lead_ack_timeout) * (uint64_t{entry.retransmits[0].count} + 1);
 }
@@ -188,6 +190,8 @@ instcomm_pkgdist_ctrl_send_lead_msg(const void* data, size_t size, uint32_t msg_
   status = pkgdist_ctrl_recv_msg_add(id, data, size, msg_class, cb_func != nullptr);
   const bool added = status == 0;
   if (added) status = pkgdist_ctrl_recv_msg_id_send(id, false);
+  // Told to the caller here, and nobody else: neither the scan nor an answer may find it meanwhile.
+  if (added && status != 0) find_by_id(id)->is_withdrawn = true;
   lock.unlock();
   if (status == 0) return 0;
   if (added) pkgdist_ctrl_recv_msg_remove(id);
@@ -293,8 +297,8 @@ PkgdistStatus pkgdist_ctrl_recv_msg_send(const Body& body, uint32_t sequence, ui
                 sent, errno, std::strerror(errno));
     return PKGDIST_ERR_SEND;
   }
-  count(CrtCounter::kUcMsgSent);
   time.finish();
+  count(CrtCounter::kUcMsgSent);
   return 0;
 }
 
@@ -338,7 +342,7 @@ void pkgdist_ctrl_recv_process_msg_ack(const Header& header, bool is_ack) {
 }
 
 void pkgdist::lead_msg_scan() {
-  LeadMsgDbGuard lock;
+  LeadMsgDbGuard lock(Caller::here("pkgdist_ctrl_recv_chk_timeout"));
   const uint64_t now = fts_get_stamp_fast();
   for (LeadMessage* at = G_ctrl_recv_msg_db.head; at != nullptr;) {
     const PkgdistStatus status = is_late(*at, now) ? retransmit_late(*at) : 0;

@@ -28,6 +28,7 @@ struct LeadMessage {
   uint32_t segment_count;
   uint64_t last_send;
   uint64_t first_send;
+  bool is_withdrawn;  // its first transmission failed: the sender is about to take it out
   LeadMessage* previous;
 };
 

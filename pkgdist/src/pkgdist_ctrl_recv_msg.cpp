@@ -39,8 +39,7 @@ void ask_for_missed(uint32_t sequence) {
   count(CrtCounter::kMcOutOfSeqRecv);
   while (G_ctrl_mc_last_sequence != sequence) {
     store(G_ctrl_mc_last_sequence, G_ctrl_mc_last_sequence + 1);
-    if (rx_msg_find(G_ctrl_mc_last_sequence, false) != nullptr) continue;
-    if (!rx_msg_add_placeholder(G_ctrl_mc_last_sequence, false)) {
+    if (!rx_msg_expect(G_ctrl_mc_last_sequence, false)) {
       PKGDIST_ERR_IN("pkgdist_ctrl_recv_process_ping",
                      "malloc() %zu bytes for CTRL_RECV_RX_OOS_MSG failed",
                      sizeof(CTRL_RECV_RX_MSG));

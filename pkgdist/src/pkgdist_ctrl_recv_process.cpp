@@ -61,11 +61,16 @@ void store_lead_identity(const char* function, uint32_t packed) {
   set_lead_node_text(text);
 }
 
-void adopt_lead(const char* function, const Header& header, uint64_t now) {
-  store(G_lead_uc_addr, header.node_ip);
+// The sender's identity, which it need not tell; 0 then.
+uint32_t node_id_of(const Header& header) {
+  return qidl::has<&Header::node_id>(header) ? header.node_id : 0;
+}
+
+// True when a client is to be told.
+bool adopt_lead(const char* function, const Header& header, uint64_t now) {
+  const bool report = lead_chg_store(header.node_ip, header.pid);
   store(G_ctrl_last_lead_msg, now);
-  if (header.pid != 0) store(G_lead_pid, header.pid);
-  if (header.node_id != 0)
+  if (node_id_of(header) != 0)
     store_lead_identity(function, header.node_id);
   else
     set_lead_node_text("unknown");
@@ -74,27 +79,30 @@ void adopt_lead(const char* function, const Header& header, uint64_t now) {
                PKGDIST_OCTETS(header.node_ip), static_cast<const char*>(lead.text),
                load(G_lead_pid));
   count(CrsCounter::kNewLead);
+  return report;
 }
 
-void note_new_process(const Header& header) {
+// True when a client is to be told.
+bool note_new_process(const Header& header) {
   const LeadNodeText lead = lead_node_text();
   PKGDIST_INFO("New Lead pid '%d' on ctrl mcast for ip '%d.%d.%d.%d' (%s)\n", header.pid,
                PKGDIST_OCTETS(load(G_lead_uc_addr)), static_cast<const char*>(lead.text));
   count(CrsCounter::kNewPid);
-  store(G_lead_pid, header.pid);
+  return lead_chg_store(load(G_lead_uc_addr), header.pid);
 }
 
 // Starts the sequences so that a control message is itself the next in order, and a ping's earlier
 // messages are not asked for; then tells who depends on the lead.
-void start_with_new_lead(const Header& header, bool is_ping, bool failover) {
+void start_with_new_lead(const Header& header, bool is_ping, bool failover, bool report) {
   const uint32_t point = is_ping ? header.sequence : header.sequence - 1;
   store(G_ctrl_uc_last_sequence, 0);
   store(G_ctrl_mc_last_sequence, point);
   store(G_ctrl_mc_last_ack_sequence, point);
   rx_msg_new_lead();
   pkgdist_data_recv_new_lead();
-  if (load(G_ctrl_lead_cb_registered))
-    (void)pkgdist_ctrl_lead_chg_invoke_cb(load(G_lead_uc_addr), load(G_lead_pid), failover);
+  if (!report) return;
+  (void)pkgdist_ctrl_lead_chg_invoke_cb(load(G_lead_uc_addr), load(G_lead_pid), failover);
+  lead_chg_reported();
 }
 
 }  // namespace
@@ -140,6 +148,7 @@ void pkgdist_ctrl_recv_process_msg(const uint8_t* data, ssize_t length, bool is_
 bool pkgdist_ctrl_recv_process_hdr(const Header& header, bool is_ping) {
   bool new_lead = false;
   bool failover = false;
+  bool report = false;
   const uint64_t now = fts_get_stamp_fast();
   if (header.node_ip != 0 && header.node_ip != load(G_lead_uc_addr)) {
     const bool lead_is_known = load(G_lead_uc_addr) != 0;
@@ -151,18 +160,18 @@ bool pkgdist_ctrl_recv_process_hdr(const Header& header, bool is_ping) {
       second_lead_count = 0;
       failover = true;
     }
-    adopt_lead(static_cast<const char*>(__func__), header, now);
+    report = adopt_lead(static_cast<const char*>(__func__), header, now);
     new_lead = true;
   } else if (header.node_ip != 0) {
     store(G_ctrl_last_lead_msg, now);
   }
-  if (header.node_id != 0 && header.node_id != load(G_lead_msg_nodeid))
+  if (node_id_of(header) != 0 && header.node_id != load(G_lead_msg_nodeid))
     store_lead_identity(static_cast<const char*>(__func__), header.node_id);
   if (header.pid != 0 && header.pid != load(G_lead_pid)) {
-    note_new_process(header);
+    report = note_new_process(header);
     new_lead = true;
   }
-  if (new_lead) start_with_new_lead(header, is_ping, failover);
+  if (new_lead) start_with_new_lead(header, is_ping, failover, report);
   return false;
 }
 

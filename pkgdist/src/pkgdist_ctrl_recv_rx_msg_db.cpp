@@ -22,9 +22,18 @@ using namespace pkgdist;
 
 namespace {
 
-// Segments of one message that a cycle asks for. Messages of a working lead have far fewer; a
+// Segments of one message that one scan asks for. Messages of a working lead have far fewer; a
 // forged total size in the gigabytes would otherwise keep CTRL_RX sending for minutes.
-constexpr uint32_t kNacksPerCycleLimit = 4096;
+constexpr uint32_t kNacksPerScanLimit = 4096;
+
+// NACKs of this node, over all messages: one forged datagram must not draw a flood from every node.
+// A gap of as many messages is still asked for at once.
+constexpr uint32_t kNacksPerPeriodLimit = 4096;
+constexpr uint64_t kNackPeriod = 100'000'000;  // nanoseconds
+
+// When the last ones were sent, as a ring; 0 before as many were.
+uint64_t nack_stamps[kNacksPerPeriodLimit] = {};
+uint32_t oldest_nack = 0;
 
 Index<CTRL_RECV_RX_MSG, &CTRL_RECV_RX_MSG::by_sequence> by_sequence;
 uint64_t next_serial = 1;
@@ -43,24 +52,49 @@ CrsCounter deleted_counter(const CTRL_RECV_RX_MSG& entry) {
 }
 
 bool is_late(const CTRL_RECV_RX_MSG& entry, uint64_t now) {
+  if (entry.next_nack != 0) return true;
   const uint64_t idle = now > entry.stamp ? now - entry.stamp : 0;
   return idle >= load(G_ctrl_rto.segment_timeout) * (uint64_t{entry.nack_count} + 1);
 }
 
+// Whether another NACK may be sent now.
+bool has_nack_left() {
+  const uint64_t stamp = nack_stamps[oldest_nack];
+  return stamp == 0 || fts_get_stamp_fast() - stamp >= kNackPeriod;
+}
+
 void send_nack(const CTRL_RECV_RX_MSG& entry, bool has_segment, uint32_t segment) {
+  nack_stamps[oldest_nack] = fts_get_stamp_fast();
+  oldest_nack = (oldest_nack + 1) % kNacksPerPeriodLimit;
   (void)pkgdist_ctrl_recv_ack_send(false, entry.sequence, has_segment, segment, entry.unicast,
                                    G_ctrl_mc_last_ack_sequence);
 }
 
-// One NACK per missing segment, within the limit; the next cycle begins at the first one missing
-// then.
-void ask_for_missing_segments(const CTRL_RECV_RX_MSG& entry) {
+// Asks for a whole message. What cannot be asked for now is late at the next scan that finds room.
+void ask_for_message(CTRL_RECV_RX_MSG& entry) {
+  if (!has_nack_left()) return;
+  send_nack(entry, false, 0);
+  ++entry.nack_count;
+}
+
+// One NACK per missing segment, within the limits. A cycle that is cut goes on at the next scan
+// where it stopped, and counts once when it is through; but a whole part of it that brought nothing
+// counts as a cycle, or a forged size would draw requests for ever.
+void ask_for_missing_segments(CTRL_RECV_RX_MSG& entry) {
   uint32_t sent = 0;
-  for (uint32_t i = 0; i < entry.segments && sent < kNacksPerCycleLimit; ++i) {
+  uint32_t i = entry.next_nack;
+  for (; i < entry.segments && sent < kNacksPerScanLimit; ++i) {
     if (pkgdist_ctrl_recv_is_segment_set(entry, i)) continue;
+    if (!has_nack_left()) break;
     send_nack(entry, true, i);
     ++sent;
   }
+  const bool through = i == entry.segments;
+  const bool in_vain = entry.next_nack != 0 && sent == kNacksPerScanLimit &&
+                       entry.segments_received == entry.received_at_nack;
+  if (through || in_vain) ++entry.nack_count;
+  entry.next_nack = through ? 0 : i;
+  entry.received_at_nack = entry.segments_received;
 }
 
 void ask_again(CTRL_RECV_RX_MSG& entry, uint64_t now) {
@@ -68,10 +102,9 @@ void ask_again(CTRL_RECV_RX_MSG& entry, uint64_t now) {
                entry.sequence);
   count(entry.unicast ? CrtCounter::kUcMsgTimeout : CrtCounter::kMcMsgTimeout);
   if (entry.segments == 0)
-    send_nack(entry, false, 0);
+    ask_for_message(entry);
   else
     ask_for_missing_segments(entry);
-  ++entry.nack_count;
   entry.stamp = now;
 }
 
@@ -141,12 +174,31 @@ CTRL_RECV_RX_MSG* rx_msg_add(uint32_t sequence, bool unicast) {
   return entry;
 }
 
-bool rx_msg_add_placeholder(uint32_t sequence, bool unicast) {
-  CTRL_RECV_RX_MSG* entry = rx_msg_add(sequence, unicast);
+bool rx_msg_expect(uint32_t sequence, bool unicast) {
+  CTRL_RECV_RX_MSG* entry = rx_msg_find(sequence, unicast);
+  if (entry != nullptr) {
+    if (rx_msg_renew(*entry)) ask_for_message(*entry);
+    return true;
+  }
+  entry = rx_msg_add(sequence, unicast);
   if (entry == nullptr) return false;
   count(unicast ? CrsCounter::kRxOosAddUc : CrsCounter::kRxOosAddMc);
-  send_nack(*entry, false, 0);
-  entry->nack_count = 1;
+  ask_for_message(*entry);
+  return true;
+}
+
+bool rx_msg_renew(CTRL_RECV_RX_MSG& entry) {
+  if (entry.lead_generation == lead_generation) return false;
+  std::free(entry.data);
+  std::free(entry.bitmap);
+  entry.data = entry.bitmap = nullptr;
+  entry.filled = false;
+  entry.total_size = 0;
+  entry.msg_class = entry.segment_size = 0;
+  entry.segments = entry.segments_received = 0;
+  entry.nack_count = entry.next_nack = entry.received_at_nack = 0;
+  entry.stamp = fts_get_stamp_fast();
+  entry.lead_generation = lead_generation;
   return true;
 }
 
@@ -171,7 +223,7 @@ void rx_msg_advance_ack_point(uint32_t finished) {
 }
 
 void rx_msg_scan() {
-  const RxMsgDbGuard lock;
+  const RxMsgDbGuard lock(Caller::here("pkgdist_ctrl_recv_chk_timeout"));
   const uint64_t now = fts_get_stamp_fast();
   for (CTRL_RECV_RX_MSG* at = G_ctrl_recv_rx_msg_db.head; at != nullptr;) {
     if (!is_late(*at, now)) {
@@ -180,7 +232,7 @@ void rx_msg_scan() {
       give_up(at);
       at = G_ctrl_recv_rx_msg_db.head;
     } else {
-      ask_again(*at, now);
+      if (has_nack_left()) ask_again(*at, now);
       at = at->next;
     }
   }

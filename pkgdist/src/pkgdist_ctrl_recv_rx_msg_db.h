@@ -27,7 +27,9 @@ struct CTRL_RECV_RX_MSG {
   CTRL_RECV_RX_MSG* previous;
   uint64_t serial;
   uint32_t lead_generation;  // under which lead it was entered, see rx_msg_new_lead()
-  bool filled;  // sizes are known: not a placeholder, also when the message has 0 bytes
+  bool filled;         // sizes are known: not a placeholder, also when the message has 0 bytes
+  uint32_t next_nack;  // segment at which a cycle that was cut goes on; 0: no cycle is under way
+  uint32_t received_at_nack;  // segments received when the last part of that cycle was sent
   pkgdist::IndexLink<CTRL_RECV_RX_MSG> by_sequence;
 };
 
@@ -64,8 +66,13 @@ CTRL_RECV_RX_MSG* rx_msg_find(uint32_t sequence, bool unicast);
 // Creates, stamps and appends an empty entry; nullptr when out of memory or at the limit.
 CTRL_RECV_RX_MSG* rx_msg_add(uint32_t sequence, bool unicast);
 
-// Adds a placeholder, counts it and asks the lead for the whole message. False when out of memory.
-bool rx_msg_add_placeholder(uint32_t sequence, bool unicast);
+// Makes sure that a missing message is waited for: adds a placeholder, counts it and asks the lead
+// for the whole message. False when out of memory.
+bool rx_msg_expect(uint32_t sequence, bool unicast);
+
+// Empties an entry of an earlier lead for a message of the present one. False when it is one of the
+// present lead already.
+bool rx_msg_renew(CTRL_RECV_RX_MSG& entry);
 
 // Takes an entry out, counts that, and frees it.
 void rx_msg_delete(CTRL_RECV_RX_MSG* entry);

@@ -249,8 +249,8 @@ PkgdistStatus pkgdist_data_send_req_single(uint32_t file_id, uint32_t segment, u
                 datagram.total(), sent, errno, std::strerror(errno));
     return PKGDIST_ERR_SEND;
   }
-  count(DrtCounter::kUcSendSingleSent);
   time.finish();
+  count(DrtCounter::kUcSendSingleSent);
   return 0;
 }
 

@@ -62,8 +62,8 @@ bool receive_one(int socket) {
     count(DrtCounter::kMcRecvfromErr);
     return false;
   }
-  count(DrtCounter::kMcRxRecv);
   time.finish();
+  count(DrtCounter::kMcRxRecv);
   pkgdist_file_recv_queue_msg(G_data_rx_buffer, static_cast<size_t>(length));
   return true;
 }

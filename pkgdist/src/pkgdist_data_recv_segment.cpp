@@ -127,7 +127,7 @@ PkgdistStatus begin_or_follow(Entry& entry, uint32_t segment, uint32_t& expected
 bool take_segment(Entry& entry, const Segment& segment, PkgdistStatus& status) {
   entry.timeout_count = 0;
   if (!is_wanted(entry, segment) || !has_right_length(entry, segment)) return false;
-  const bool repair = segment.repair != 0;
+  const bool repair = qidl::has<&Segment::repair>(segment) && segment.repair != 0;
   uint32_t expected = 0;
   status = begin_or_follow(entry, segment.segment, expected);
   if (status == 0) status = store_data(entry, segment);

@@ -23,6 +23,10 @@
  * the library and are gone when it returns: copy what you keep. A call that returns an error never
  *   calls back, with the one exception named at instcomm_pkgdist_get_file. Between callbacks of
  *   different kinds no order is promised.
+ *   A callback that cannot be queued is lost: when there is no memory for it, or the platform's
+ *   channel refuses it. The error trace says so, nothing repeats it, and the context of a request
+ * or message whose one callback was lost stays until the process ends. Who has to notice gives its
+ *   requests a time limit of its own.
  *   A loop must outlive what it was given to: detach its handlers and wait for the outcomes of its
  *   requests before you destroy it. What is still to come for a destroyed loop is never delivered.
  *
@@ -54,9 +58,10 @@ extern "C" {
 typedef void (*pkgdist_ctrl_status_cb)(uint64_t status, void* ctx);
 
 /* A complete control message from the lead: `size` bytes. Each message comes as soon as it is
- * complete: one that had to be asked for again comes behind later ones. It comes once, unless the
- * network doubles a datagram of it or delivers one behind its own repetition: who must not act
- * twice numbers what it sends. */
+ * complete: one that had to be asked for again comes behind later ones. It can come twice: when the
+ * network doubles a datagram of it or delivers one behind its own repetition, and when the lead
+ * sends it again as a new one, because the acknowledgement or the lead's process was lost. Who must
+ * not act twice numbers what it sends. */
 typedef void (*pkgdist_ctrl_msg_cb)(const void* bytes, uint64_t size, void* ctx);
 
 /* The lead at address `lead`, process `pid`. `failover`: it took over from another lead. */
@@ -154,7 +159,9 @@ PkgdistStatus instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_handle_t nodeid);
  *   cb_func    gets the final status on `levm`: 0 when acknowledged, PKGDIST_ERR_TIMEOUT when given
  *              up, or the status of a failed retransmission. May be NULL; then `levm` may be too.
  *
- * Returns 0 when the first transmission left, and the callback will come; or PKGDIST_ERR_INVALID
+ * Returns 0 when the first transmission left, and the callback will come, unless it is lost as told
+ * above; the message itself can arrive and be reported as PKGDIST_ERR_TIMEOUT, when it was the
+ * acknowledgements that were lost. Or PKGDIST_ERR_INVALID
  * (no data, size 0 or too large, class, callback without loop), PKGDIST_ERR_NOMEM,
  * PKGDIST_ERR_SYSTEM, PKGDIST_ERR_ENCODE or PKGDIST_ERR_SEND without a callback to come. */
 PkgdistStatus instcomm_pkgdist_ctrl_send_lead_msg(const void* data, size_t size, uint32_t msg_class,
@@ -177,8 +184,9 @@ PkgdistStatus instcomm_pkgdist_ctrl_mc_hdlr_attach(levm_handle_t levm, uint32_t 
  *
  * It is called when a first lead is heard, when the lead's process changes, and with `failover`
  * true when another address took over after the old lead's silence. When a lead is known already,
- * the registration itself reports it once. A registration replaces an earlier one as an attach
- * does.
+ * the registration itself reports it once, with `failover` false. A lead that comes at that moment
+ * is reported behind the old one: the last report is of the lead that leads. A registration
+ * replaces an earlier one as an attach does.
  *
  * Returns 0, PKGDIST_ERR_INVALID (NULL loop), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM. */
 PkgdistStatus instcomm_pkgdist_ctrl_register_lead_change(levm_handle_t levm,
@@ -205,9 +213,10 @@ PkgdistStatus instcomm_pkgdist_data_recv_init(uint32_t mc_addr, uint16_t mc_port
  *   memory  true: files become POSIX shared-memory objects; false: files on disk
  *
  * Set locations before files are asked for; what the lead pushes into a location without a prefix
- * is refused. A prefix and name of together more than 255 characters (251 on disk, where ".tmp" is
- * added while the file is incomplete) are cut. Returns 0 or PKGDIST_ERR_INVALID (NULL or too long
- * path, location) with nothing changed. */
+ * is refused, and so is a name that makes more than 255 characters together with the prefix (251 on
+ * disk, where ".tmp" is added while the file is incomplete). A name whose directories lead out of
+ * the directory of the prefix, through symbolic links, fails with the status of EXDEV. Returns 0 or
+ * PKGDIST_ERR_INVALID (NULL or too long path, location) with nothing changed. */
 PkgdistStatus instcomm_pkgdist_set_recv_repository(const char* path, uint32_t location,
                                                    bool memory);
 
@@ -234,7 +243,8 @@ PkgdistStatus instcomm_pkgdist_data_file_xact_done_hdlr_attach(levm_handle_t lev
 
 /* Asks the lead for a file.
  *
- *   path      name relative to the storage location; a name with a ".." component is refused
+ *   path      name relative to the storage location; a name with a ".." component, or one that is
+ *             too long for the location, is refused
  *   type      1 to 11; PKGDIST_FILE_TYPE_ALWAYS (6) transfers the file even when one of the same
  *             size and modification time is present, any other type then succeeds at once
  *   location  storage location, 1 to 6

@@ -327,6 +327,7 @@ TEST_F(Ping, of_a_new_lead_process_asks_for_what_it_missed_when_an_old_one_fille
   receive(ping(0x80000000));
   receive(ping(0, {}, {.pid = 101}));
   answers();
+  clock::advance(kSecond);  // requests are limited in time, too
   receive(ping(2, {}, {.pid = 101}));
   EXPECT_EQ(answers(), (Words{"MC NACK 1 point 0", "MC NACK 2 point 0", "REPLY 0"}));
   EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, pkgdist::kRxMsgDbLimit);

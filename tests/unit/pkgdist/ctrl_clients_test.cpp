@@ -30,6 +30,22 @@ class CtrlClients : public CtrlTest {
   }
 };
 
+// --- Two loops ---
+
+TEST_F(CtrlClients, a_failed_attach_gives_back_its_own_reference_and_no_other) {
+  levm_handle_t other = levm_create();
+  EXPECT_EQ(attach_with(on_message, 2, this), 0u);
+  EXPECT_EQ(attach_with(on_message, 2, this), 0u);
+  EXPECT_EQ(detach(2), 0u);  // the first loop's channel stays, as it was attached twice
+  ASSERT_EQ(channel(2)->reference_count, 1u);
+  faults::fail(Call::kCalloc, 2, ENOMEM);  // the context, after a channel of the other loop
+  EXPECT_EQ(instcomm_pkgdist_ctrl_mc_hdlr_attach(other, 2, on_message, this), PKGDIST_ERR_NOMEM);
+  ASSERT_EQ(G_ctrl_recv_qitc_db.count, 1u);
+  EXPECT_EQ(channel(2)->levm, loop());
+  EXPECT_EQ(channel(2)->reference_count, 1u);
+  levm_destroy(other);
+}
+
 // --- Attach ---
 
 TEST_F(CtrlClients, refuses_a_null_loop) {

@@ -1,5 +1,6 @@
 // Lead-change notification: registering, what is reported when, and every failure.
 #include "ctrl_support.h"
+#include "pkgdist_data_recv_file_db.h"
 
 using namespace support;
 
@@ -53,6 +54,45 @@ TEST_F(LeadChangeTest, the_flag_stands_before_the_known_lead_is_reported) {
   ASSERT_EQ(set_client(on_lead_change), 0u);
   faults::clear();
   EXPECT_TRUE(stood);
+}
+
+// What CTRL_RX does between the registering thread's look at the lead and its report.
+TEST_F(LeadChangeTest, a_lead_that_takes_over_during_the_registration_is_the_last_one_reported) {
+  clock::advance(G_ctrl_rto.lead_silence_timeout);
+  bool done = false;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (done || mutex != &G_ctrl_recv_qitc_db.mutex || !G_ctrl_lead_cb_registered) return;
+    done = true;
+    receive(ping(1, {}, {.address = kOtherAddress, .pid = 3}));
+  });
+  ASSERT_EQ(set_client(on_lead_change), 0u);
+  faults::clear();
+  ASSERT_TRUE(done);
+  run();
+  ASSERT_FALSE(lead_changes().empty());
+  EXPECT_LE(lead_changes().size(), 2u);
+  EXPECT_EQ(lead_changes().back(), (LeadChange{kOtherAddress, 3, true}));
+}
+
+// CTRL_RX has stored the new lead and is about to report it to the client that is registered
+// already; a registration at that moment leaves it to CTRL_RX.
+TEST_F(LeadChangeTest, a_registration_while_a_failover_is_being_reported_does_not_deny_it) {
+  ASSERT_EQ(set_client(on_lead_change), 0u);
+  run();
+  lead_changes().clear();
+  clock::advance(G_ctrl_rto.lead_silence_timeout);
+  bool done = false;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (done || mutex != &G_file_recv_db.mutex) return;  // the data side is told before the client
+    done = true;
+    EXPECT_EQ(set_client(on_lead_change), 0u);
+  });
+  receive(ping(1, {}, {.address = kOtherAddress, .pid = 3}));
+  faults::clear();
+  ASSERT_TRUE(done);
+  run();
+  EXPECT_EQ(lead_changes(), (Changes{{kOtherAddress, 3, true}}));
+  drop_control_channels();
 }
 
 TEST_F(LeadChangeTest, registering_without_a_lead_reports_the_first_one_without_failover) {

@@ -251,6 +251,30 @@ TEST_F(LeadSend, without_memory_for_the_datagram_the_message_is_taken_out_again)
   EXPECT_EQ(G_ctrl_uc_sequence, 2u);
 }
 
+// Between the failure and the removal CTRL_RX gets the lock: for the scan, and for an answer.
+TEST_F(LeadSend, a_message_whose_first_transmission_failed_is_nobody_elses) {
+  const uint32_t sequence = G_ctrl_uc_sequence;
+  unsigned locks = 0;
+  faults::on_lock([&](const pthread_mutex_t* mutex) {
+    if (mutex != &G_ctrl_recv_msg_db.mutex || ++locks != 2) return;
+    wire::take();
+    clock::advance(10 * G_ctrl_rto.lead_ack_timeout);
+    pkgdist_ctrl_recv_chk_timeout();
+    receive(lead_nack(sequence), true);
+    receive(lead_ack(sequence), true);
+  });
+  faults::fail(Call::kSendto, 1, ENETUNREACH);
+  EXPECT_EQ(send("data"), PKGDIST_ERR_SEND);
+  faults::clear();
+  ASSERT_GE(locks, 2u);
+  run();
+  EXPECT_TRUE(statuses().empty());
+  EXPECT_TRUE(wire::sent().empty());
+  EXPECT_TRUE(nothing_left());
+  EXPECT_EQ(value(CrsCounter::kUcDeleteMsg), 1u);
+  EXPECT_EQ(value(CrtCounter::kUcAckTimeout), 0u);
+}
+
 TEST_F(LeadSend, a_first_transmission_that_fails_returns_its_status_without_a_callback) {
   faults::fail(Call::kSendto, 2, ENETUNREACH);
   EXPECT_EQ(send(std::string(4000, 'x')), PKGDIST_ERR_SEND);

@@ -44,6 +44,56 @@ TEST_F(Reassembly, segments_in_any_order_make_the_message) {
   EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 5u);
 }
 
+// --- Another lead ---
+
+TEST_F(Reassembly, a_message_of_another_lead_does_not_continue_an_old_ones) {
+  const auto half = [](const std::string& data, uint32_t segment, uint32_t pid) {
+    return control({.sequence = 5,
+                    .data = data,
+                    .segment = segment,
+                    .total_size = 8,
+                    .segment_size = 4,
+                    .from = {.pid = pid}});
+  };
+  receive(half("OLD1", 0, 100));
+  receive(half("new2", 1, 101));  // another process: its messages are others
+  run();
+  EXPECT_TRUE(messages().empty());
+  EXPECT_EQ(entry()->segments_received, 1u);
+  receive(half("new1", 0, 101));
+  run();
+  EXPECT_EQ(messages(), (Words{"new1new2"}));
+  EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, 0u);
+}
+
+TEST_F(Reassembly, sizes_of_an_old_leads_message_do_not_bind_another_lead) {
+  receive(part(0));
+  receive(control({.sequence = 5, .data = "short", .from = {.pid = 101}}));
+  run();
+  EXPECT_EQ(messages(), (Words{"short"}));
+}
+
+TEST_F(Reassembly, what_another_lead_misses_is_asked_for_whatever_an_old_one_left) {
+  receive(control({.sequence = 6, .data = "half", .total_size = 8, .segment_size = 4}));
+  receive(ping(4, {}, {.pid = 101}));
+  answers();
+  receive(control({.sequence = 7, .from = {.pid = 101}}));
+  EXPECT_EQ(answers(), (Words{"MC NACK 5 point 4", "MC NACK 6 point 4", "MC ACK 7 point 4"}));
+  EXPECT_FALSE(pkgdist::rx_msg_find(6, false)->filled);
+  EXPECT_EQ(pkgdist::rx_msg_find(6, false)->data, nullptr);
+}
+
+// --- Bad sizes ---
+
+TEST_F(Reassembly, a_datagram_with_unusable_sizes_is_logged) {
+  receive(part(0));
+  logs::records().clear();
+  expect_bad({.sequence = 5, .data = "x", .segment = 3, .total_size = 10, .segment_size = 4});
+  EXPECT_EQ(logs::count("ctrl mc msg 5 segment 3 of 1 bytes is outside the message"), 1u);
+  receive(control({.sequence = 6, .data = "x", .segment_size = 0}));
+  EXPECT_EQ(logs::count("ctrl mc msg 6 has segments of 0 bytes"), 1u);
+}
+
 TEST_F(Reassembly, the_first_segment_makes_an_entry_with_the_sizes_of_the_message) {
   receive(part(1));
   ASSERT_NE(entry(), nullptr);

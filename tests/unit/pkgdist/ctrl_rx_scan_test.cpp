@@ -1,4 +1,6 @@
 // Late messages of the lead: asked for again with growing patience, then given up.
+#include <cstdio>
+
 #include "ctrl_support.h"
 
 using namespace support;
@@ -71,16 +73,132 @@ TEST_F(RxScan, a_message_without_memory_for_its_first_segment_is_asked_for_by_al
   }
 }
 
-TEST_F(RxScan, a_cycle_asks_for_at_most_4096_segments_of_a_message) {
-  receive(
-      control({.sequence = 5, .data = "x", .segment = 1, .total_size = 5000, .segment_size = 1}));
+// --- Large messages ---
+
+class LargeRxScan : public RxScan {
+ protected:
+  // Segments of one byte; the entry begins with segment 1.
+  static void receive_one_of(uint32_t sequence, uint32_t segments) {
+    receive(control({.sequence = sequence,
+                     .data = "x",
+                     .segment = 1,
+                     .total_size = segments,
+                     .segment_size = 1}));
+    wire::take();
+  }
+  static void receive_more(uint32_t sequence, uint32_t segments, uint32_t segment) {
+    receive(control({.sequence = sequence,
+                     .data = "x",
+                     .segment = segment,
+                     .total_size = segments,
+                     .segment_size = 1,
+                     .rxmt = true}));
+    wire::take();
+  }
+  static void next_scan() {
+    clock::advance(G_ctrl_rto.scan_interval);
+    scan();
+  }
+  static CTRL_RECV_RX_MSG* entry(uint32_t sequence) {
+    return pkgdist::rx_msg_find(sequence, false);
+  }
+};
+
+TEST_F(LargeRxScan, a_scan_asks_for_at_most_4096_segments_and_the_next_goes_on_there) {
+  receive_one_of(5, 10'000);
   clock::advance(timeout());
   scan();
-  const Words asked = answers();
+  Words asked = answers();
   ASSERT_EQ(asked.size(), 4096u);
   EXPECT_EQ(asked.front(), "MC NACK 5 segment 0 point 4");
   EXPECT_EQ(asked.back(), "MC NACK 5 segment 4096 point 4") << "1 is there";
-  EXPECT_EQ(pkgdist::rx_msg_find(5, false)->nack_count, 1u);
+  EXPECT_EQ(entry(5)->nack_count, 0u) << "the cycle is not through";
+  receive_more(5, 10'000, 0);
+  next_scan();
+  asked = answers();
+  ASSERT_EQ(asked.size(), 4096u);
+  EXPECT_EQ(asked.front(), "MC NACK 5 segment 4097 point 4");
+  EXPECT_EQ(entry(5)->nack_count, 0u);
+  receive_more(5, 10'000, 4097);
+  next_scan();
+  asked = answers();
+  ASSERT_EQ(asked.size(), 10'000u - 8193u);
+  EXPECT_EQ(asked.back(), "MC NACK 5 segment 9999 point 4");
+  EXPECT_EQ(entry(5)->nack_count, 1u) << "once when it is through";
+  next_scan();
+  EXPECT_TRUE(answers().empty()) << "the next cycle is late only after two time-outs";
+}
+
+TEST_F(LargeRxScan, a_message_that_comes_part_by_part_is_never_given_up) {
+  constexpr uint32_t kSegments = 30'000;
+  receive_one_of(5, kSegments);
+  clock::advance(timeout());
+  for (uint32_t part = 0; part < 20 && entry(5) != nullptr; ++part) {
+    scan();
+    for (const std::string& word : answers()) {
+      uint32_t segment = 0;
+      ASSERT_EQ(std::sscanf(word.c_str(), "MC NACK 5 segment %u", &segment), 1) << word;
+      receive_more(5, kSegments, segment);
+    }
+    clock::advance(G_ctrl_rto.scan_interval);
+  }
+  run();
+  EXPECT_EQ(messages().size(), 1u);
+  EXPECT_EQ(value(CrtCounter::kMcMsgMaxRetry), 0u);
+}
+
+TEST_F(LargeRxScan, a_size_that_nobody_sends_draws_a_limited_number_of_requests) {
+  receive_one_of(5, 0xFFFFFF00);
+  clock::advance(timeout());
+  size_t asked = 0;
+  for (int i = 0; i < 100 && entry(5) != nullptr; ++i) {
+    scan();
+    asked += answers().size();
+    clock::advance(G_ctrl_rto.scan_interval);
+  }
+  EXPECT_EQ(entry(5), nullptr);
+  EXPECT_EQ(asked, 6u * 4096u);
+}
+
+// --- Requests of this node ---
+
+TEST_F(LargeRxScan, no_more_than_4096_requests_leave_in_a_tenth_of_a_second) {
+  receive_one_of(5, 3'000);
+  receive_one_of(6, 3'000);
+  clock::advance(timeout());
+  scan();
+  EXPECT_EQ(answers().size(), 4096u);
+  EXPECT_EQ(entry(6)->nack_count, 0u);
+  clock::advance(100'000'000 - 1);
+  scan();
+  EXPECT_TRUE(answers().empty());
+  clock::advance(1);
+  scan();
+  EXPECT_EQ(answers().size(), 5'998u - 4096u) << "the rest";
+  EXPECT_EQ(entry(5)->nack_count, 1u);
+  EXPECT_EQ(entry(6)->nack_count, 1u);
+}
+
+TEST_F(LargeRxScan, a_gap_of_4096_messages_is_asked_for_at_once) {
+  receive(control({.sequence = 5 + 4096}));
+  unsigned nacks = 0;
+  for (const std::string& word : answers()) nacks += word.rfind("MC NACK", 0) == 0 ? 1 : 0;
+  EXPECT_EQ(nacks, 4096u);
+}
+
+TEST_F(LargeRxScan, of_a_wider_gap_the_rest_is_asked_for_by_the_next_scans) {
+  receive(ping(4 + 5'000));
+  unsigned nacks = 0;
+  for (const std::string& word : answers()) nacks += word.rfind("MC NACK", 0) == 0 ? 1 : 0;
+  EXPECT_EQ(nacks, 4096u);
+  EXPECT_EQ(G_ctrl_recv_rx_msg_db.count, 5'000u);
+  EXPECT_EQ(entry(4 + 5'000)->nack_count, 0u);
+  clock::advance(timeout());
+  scan();
+  const Words rest = answers();
+  ASSERT_EQ(rest.size(), 5'000u - 4096u);
+  EXPECT_EQ(rest.back(), "MC NACK 5004 point 4");
+  EXPECT_EQ(entry(4 + 5'000)->nack_count, 1u);
 }
 
 TEST_F(RxScan, unicast_messages_are_asked_for_on_their_stream) {

@@ -53,13 +53,24 @@ TEST_F(LockDeathTest, both_texts_have_no_colon_behind_the_name) {
 
 TEST_F(LockDeathTest, the_control_databases_report_the_function_that_asked) {
   EXPECT_DEATH(with_failing(Call::kMutexLock, [] { pkgdist::rx_msg_scan(); }),
-               "ERR:rx_msg_scan pthread_mutex_lock failed");
+               "ERR:pkgdist_ctrl_recv_chk_timeout pthread_mutex_lock failed");
   EXPECT_DEATH(with_failing(Call::kMutexUnlock, [] { pkgdist::rx_msg_scan(); }),
-               "ERR:rx_msg_scan pthread_mutex_unlock failed");
+               "ERR:pkgdist_ctrl_recv_chk_timeout pthread_mutex_unlock failed");
   EXPECT_DEATH(with_failing(Call::kMutexLock, [] { pkgdist::lead_msg_scan(); }),
-               "ERR:lead_msg_scan pthread_mutex_lock failed");
+               "ERR:pkgdist_ctrl_recv_chk_timeout pthread_mutex_lock failed");
   EXPECT_DEATH(with_failing(Call::kMutexUnlock, [] { pkgdist::lead_msg_scan(); }),
-               "ERR:lead_msg_scan pthread_mutex_unlock failed");
+               "ERR:pkgdist_ctrl_recv_chk_timeout pthread_mutex_unlock failed");
+}
+
+TEST_F(LockDeathTest, a_message_without_callback_reports_the_function_that_sends_it) {
+  const auto send = [] {
+    g_inst_common_debug_verbosity_level = 1;
+    faults::inject([](Call call, const void* object) {
+      return call == Call::kMutexLock && object == &G_ctrl_recv_ctx_db.mutex ? EINVAL : 0;
+    });
+    (void)instcomm_pkgdist_ctrl_send_lead_msg("m", 1, 1, nullptr, nullptr, nullptr);
+  };
+  EXPECT_DEATH(send(), "ERR:instcomm_pkgdist_ctrl_send_lead_msg pthread_mutex_lock failed");
 }
 
 TEST_F(LockDeathTest, the_client_databases_report_the_function_that_asked) {
