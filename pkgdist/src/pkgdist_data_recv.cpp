@@ -23,6 +23,7 @@ PKGDIST_EXPORT uint32_t G_data_tx_mc_addr = 0;
 PKGDIST_EXPORT uint16_t G_data_tx_mc_port = 0;
 PKGDIST_EXPORT uint16_t G_data_req_uc_port = 0;
 PKGDIST_EXPORT int G_data_req_socket = -1;
+PKGDIST_EXPORT uint32_t G_data_recv_mode_mask = 07777;
 PKGDIST_EXPORT char G_data_recv_repository[kLocations][kRepositoryPathBytes] = {};
 PKGDIST_EXPORT uint8_t G_data_recv_memory[kLocations] = {};
 

@@ -79,11 +79,12 @@ bool is_in_the_way(int error) {
 // One attempt. 0 or the error number. `exclusive` (O_EXCL or 0) is what the next one has to add.
 int open_once(Entry& entry, const FilePath& path, int& exclusive) {
   const Beneath checked(path);
+  const mode_t mode = entry.mode & load(G_data_recv_mode_mask);
   entry.fd = checked([&](const char* name) {
-    return open(name, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | exclusive, entry.mode);
+    return open(name, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | exclusive, mode);
   });
   int error = entry.fd < 0 ? errno : 0;
-  if (error == 0 && (exclusive != 0 || is_fresh(entry.fd, entry.mode))) return 0;
+  if (error == 0 && (exclusive != 0 || is_fresh(entry.fd, mode))) return 0;
   if (error == 0) {
     (void)close(entry.fd);
     error = EEXIST;

@@ -222,11 +222,12 @@ class Programs:
         self.doctor = os.path.join(build, "bin", "pkgdist-doctor")
 
     def start_node(self, host, directory, *arguments, log=None, location=None):
-        """A node that receives into `directory`; its events go to the file `log` as JSON."""
+        """A node that receives into `directory`; its events go to the file `log` as JSON. Files get
+        every permission bit that they have on the lead."""
         sink = open(log, "ab") if log else subprocess.DEVNULL
         place = location or f"1={directory}"
         return host.spawn([self.node, "--interface", host.address, "--location", place, "--json",
-                           *arguments, "run"], stdout=sink)
+                           "--umask", "0", "--allow-setuid", *arguments, "run"], stdout=sink)
 
     def push(self, host, root, *arguments, paths=(".",), to=1, timeout=300):
         """Pushes and waits. The result has .returncode, .events (of --json) and .stderr."""

@@ -512,7 +512,7 @@ class Soak:
 
     def _as_asker(self, *arguments):
         return self.asker.run(
-            [self.programs.node, "--interface", self.asker.address, "--location",
+            [self.programs.node, "--umask", "0", "--allow-setuid", "--interface", self.asker.address, "--location",
              f"1={self.asked}", "--json", *arguments], capture_output=True, text=True, timeout=120)
 
     # --- Words ---

@@ -20,7 +20,7 @@ class Get(SystemTest):
         return lead
 
     def command(self, node, *arguments):
-        return [self.programs.node, "--interface", node.address, "--location",
+        return [self.programs.node, "--umask", "0", "--allow-setuid", "--interface", node.address, "--location",
                 f"1={self.directory_of(node)}", "--json", "get", *arguments]
 
     def get(self, *arguments, node=None, expect=0):

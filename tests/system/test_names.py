@@ -1,11 +1,12 @@
 """Names that would leave the storage location, from a lead that is not to be trusted."""
 
+import errno
 import os
 
 import tree
 import wire
 from scripted_lead import ScriptedLead
-from support import DELETED, ROOT, SystemTest, lab, names_below
+from support import DELETED, ROOT, SystemTest, errno_status, lab, names_below
 
 
 class NamesOfAForgedLead(SystemTest):
@@ -108,3 +109,50 @@ class NamesOfAForgedLead(SystemTest):
         self.lead.file_send(wire.DELETE, names)
         self.assertEqual(self.names_outside(), self.outside)
         self.assert_alive()
+
+
+class PushedLinks(SystemTest):
+    """A lead that pushes a link out of the location, and then names behind it."""
+
+    NODES = 1
+
+    def setUp(self):
+        super().setUp()
+        self.node = self.net.nodes[0]
+        self.place = self.directory_of(self.node)
+        self.outside = self.directory("outside")
+        tree.write(self.outside, "victim", b"stays")
+        self.start_node(self.node)
+        self.lead = ScriptedLead(self.net.lead)
+        self.addCleanup(self.lead.__exit__)
+        self.lead.wait_for_node(self.node)
+
+    def push_one(self, file_id, name, content, **fields):
+        """The status that the node reports."""
+        self.lead.file_send(wire.LIST, [name], xact=file_id)
+        lab.wait_until(lambda: any(e["transaction"] == file_id for e in self.node_events(self.node, "transaction-start")),
+                       what="the list to arrive")
+        return self.lead.report_of(name, meanwhile=lambda: self.lead.whole_file(file_id, name, content, **fields))
+
+    def test_nothing_is_written_linked_or_deleted_behind_a_link_that_leads_out(self):
+        for number, target in enumerate((self.outside, "../outside", "inside/../../outside")):
+            link = f"link{number}"
+            os.makedirs(os.path.join(self.place, "inside"), exist_ok=True)
+            self.assertEqual(self.push_one(10 * number + 1, link, target.encode(), symlink=1), 0)
+            self.assertEqual(self.push_one(10 * number + 2, f"{link}/victim", b"overwritten"),
+                             errno_status(errno.EXDEV))
+            self.assertEqual(self.push_one(10 * number + 3, f"{link}/new/directory/f", b"x"), errno_status(errno.EXDEV))
+            self.assertEqual(self.push_one(10 * number + 4, f"{link}/victim", b"elsewhere", symlink=1),
+                             errno_status(errno.EXDEV))
+            self.lead.file_send(wire.DELETE, [f"{link}/victim"])
+        self.lead.wait_for_control(wire.ACK, sequence=self.lead.sequence)
+        self.assertEqual(os.listdir(self.outside), ["victim"])
+        with open(os.path.join(self.outside, "victim"), "rb") as file:
+            self.assertEqual(file.read(), b"stays")
+        self.assert_alive()
+
+    def test_links_that_stay_inside_are_followed(self):
+        os.mkdir(os.path.join(self.place, "lib64"))
+        self.assertEqual(self.push_one(1, "lib", b"lib64", symlink=1), 0)
+        self.assertEqual(self.push_one(2, "lib/f", b"content"), 0)
+        self.assertEqual(names_below(os.path.join(self.place, "lib64")), {"f"})

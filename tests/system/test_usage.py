@@ -82,7 +82,8 @@ class Usage(SystemTest):
                 self.node("--location", f"1={self.content}", "get", "--priority", "0", "file"),
                 self.node("--location", f"1={self.content}", "get", "--timeout", "-1", "file"),
                 self.node("send"), self.node("send", ""), self.node("send", "--class", "1", "x"),
-                self.node("run", "extra"), self.node("run", "--repair-interval", "19"),
+                self.node("--umask", "8", "run"), self.node("--umask", "1000", "run"),
+                self.node("--umask", "", "run"), self.node("run", "extra"), self.node("run", "--repair-interval", "19"),
                 self.node("run", "--repair-interval", "10001"),
                 self.node("run", "--repair-interval", "soon"), self.node("run", "--repair-interval")):
             self.assert_refused(command)

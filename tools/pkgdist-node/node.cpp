@@ -94,7 +94,9 @@ Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_iden
   if (loop_ == nullptr) throw std::runtime_error("no event loop could be created");
   if (options.common.verbosity > 1)
     g_inst_common_debug_verbosity_level = options.common.verbosity - 1;
-  (void)umask(0);  // files get exactly the mode that the lead announces
+  (void)umask(options.umask);
+  constexpr uint32_t kPermissions = 0777;
+  if (!options.allow_setuid) G_data_recv_mode_mask = kPermissions;
   install_signal_handlers(loop_.get());
   start_control(options);
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <charconv>
 #include <cstdio>
 
 namespace pkgdist::node_program {
@@ -17,6 +18,17 @@ void parse_node_id(const std::string& text, NodeOptions& options) {
       id[0] > 255 || id[1] > 255 || id[2] > 255)
     throw CLI::ValidationError(fmt::format("--node-id: not A/B/C with 0 to 255 each: '{}'", text));
   options.node_id_given = true;
+}
+
+uint32_t parse_umask(const std::string& text) {
+  constexpr uint32_t kMost = 0777;
+  constexpr int kOctal = 8;
+  uint32_t mask = 0;
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, mask, kOctal);
+  if (result.ec != std::errc() || result.ptr != end || mask > kMost)
+    throw CLI::ValidationError(fmt::format("--umask: not an octal number up to 777: '{}'", text));
+  return mask;
 }
 
 void add_timeout(CLI::App& command, NodeOptions& options, const std::string& help) {
@@ -78,6 +90,12 @@ void add_node_options(CLI::App& app, NodeOptions& options) {
       ->type_name("A/B/C [from the address]");
   app.add_option("--card-class", options.card_class, "class of this node's card")
       ->type_name("K [3]");
+  app.add_option_function<std::string>(
+         "--umask", [&options](const std::string& text) { options.umask = parse_umask(text); },
+         "permissions that received files and their directories do not get")
+      ->type_name("OCTAL [022]");
+  app.add_flag("--allow-setuid", options.allow_setuid,
+               "files may get set-user-ID, set-group-ID and sticky bits");
   app.require_subcommand(1);
   app.fallthrough();
   add_run(app, options);

@@ -18,6 +18,9 @@ struct NodeOptions {
   bool node_id_given = false;
   uint32_t card_class = 3;  // takes everything but what is meant for one of the special classes
 
+  uint32_t umask = 022;  // permission bits that nothing gets which this process makes
+  bool allow_setuid = false;
+
   // run
   uint32_t repair_interval_ms = 100;
   std::string on_message;  // shell command that gets each message on its standard input

@@ -129,6 +129,10 @@ struct pkgdist_data_timeouts {
 extern struct pkgdist_ctrl_timeouts G_ctrl_rto;
 extern struct pkgdist_data_timeouts G_data_rto;
 
+/* Permission bits that received files may have, beside the umask of the process; 07777. May be set
+ * before start-up: without 07000 a lead cannot make set-user-ID and set-group-ID programs. */
+extern uint32_t G_data_recv_mode_mask;
+
 /* --- Control side --------------------------------------------------------------------------- */
 
 /* Starts the control side: opens traces and statistics, the sockets and the receive thread.

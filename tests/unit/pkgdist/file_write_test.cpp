@@ -47,6 +47,18 @@ TEST_F(FileWrite, the_partial_file_has_the_announced_mode_under_the_umask) {
   umask(mask);
 }
 
+TEST_F(FileWrite, bits_that_the_process_does_not_allow_are_left_out) {
+  G_data_recv_mode_mask = 0777;
+  want("file");
+  announce({.size = 8, .mode = 06755});
+  give(0);
+  struct stat status {};
+  ASSERT_EQ(stat(partial().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0755u);
+  EXPECT_EQ(faults::calls(Call::kOpen), 1u);
+  G_data_recv_mode_mask = 07777;
+}
+
 TEST_F(FileWrite, an_old_partial_file_is_cut) {
   put_file("file.tmp", std::string(100, 'x'));
   begin(2);

@@ -97,6 +97,7 @@ static void check_initial_values(void) {
   CHECK(G_ctrl_rto.lead_silence_timeout == UINT64_C(7500000000));
   CHECK(G_ctrl_rto.max_retries == 5);
   CHECK(G_ctrl_rto.rx_socket_buffer == 524288);
+  CHECK(G_data_recv_mode_mask == 07777);
   CHECK(G_data_rto.receive_wait == 5000000);
   CHECK(G_data_rto.timer_period == 500000000);
   CHECK(G_data_rto.file_info_timeout == 1000000000);
