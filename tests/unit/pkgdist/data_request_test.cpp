@@ -2,6 +2,7 @@
 #include "data_support.h"
 #include "pkgdist_data_recv_req.h"
 #include "pkgdist_data_recv_rx_thread.h"
+#include "platform/inst_common.h"
 
 using namespace support;
 
