@@ -9,9 +9,10 @@ runs with identical content:
     MB/s                bytes of content over that time
     CPU s/GiB           processor seconds of the busiest receiver for each GiB of content
     peak MB             most memory of a receiver
-    sent/content        bytes that the lead's host sent over bytes of content, all headers included
-    sent/needed         the same over what the losses make necessary; taken from the program's leanest
-                        run without loss in the same cell, so that headers do not count
+    sent/content        bytes that the lead's host sent over bytes of content, all headers included;
+                        with --batches those of a batch once
+    sent/needed         the same over what the losses make necessary: that is the program's leanest
+                        run of this content without loss, times how often a datagram must be sent
     drops               datagrams that found a full receive buffer at the nodes, most of any run
     port drops          datagrams that found a full switch port, most of any run
     stolen %            processor time that the hypervisor gave to others, most of any run
@@ -79,7 +80,8 @@ def _most(runs, key, form="d"):
 
 
 def _over_needed(row, good, results):
-    same = ("cell", "program", "nodes")
+    # To any number of nodes: without loss all need the same. A batch counts its headers once.
+    same = ("program", "content", "batches")
     lossless = [run["sent"] for other in results for run in other["runs"]
                 if other["loss"] == 0 and run["identical"] and
                 all(other[key] == row[key] for key in same)]

@@ -69,7 +69,7 @@ def parse():
 def add_programs(parser):
     parser.add_argument("--peers", nargs="*", choices=peers.PEERS, help="these, too; both")
     parser.add_argument("--raw", action="store_true",
-                        help="a pair without a protocol, too, in runs of one file without loss")
+                        help="a pair without a protocol, too, in runs of the large file without loss")
     parser.add_argument("--beside", metavar="BUILD_DIR", help="another build's pkgdist, too")
     parser.add_argument("--rate", type=int, help="Mbit/s of every program [as fast as it can]")
     parser.add_argument("--lead-options", type=shlex.split, default=[],
@@ -154,9 +154,10 @@ def run_cell(cell, tools, work, options, results):
     for count in options.nodes or cell.nodes:
         for loss in options.loss or cell.loss:
             here = [tool for tool in tools
-                    if not isinstance(tool, peers.Raw) or (loss == 0 and content.single)]
+                    if not isinstance(tool, peers.Raw) or (loss == 0 and cell.content == "large")]
             rows = [{"cell": cell.name, "content": content.name, "program": tool.name,
-                     "nodes": count, "loss": loss, "runs": []} for tool in here]
+                     "nodes": count, "loss": loss, "batches": cell.batches or options.batches,
+                     "runs": []} for tool in here]
             for turn in range(options.runs):
                 for i in range(len(here)):  # each turn begins with another program
                     at = (i + turn) % len(here)
