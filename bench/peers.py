@@ -14,7 +14,8 @@ import time
 
 import lab
 
-PEERS = ("udpcast", "uftp")
+PROGRAMS = {"udpcast": ("udp-sender", "udp-receiver"), "uftp": ("uftp", "uftpd")}
+PEERS = tuple(PROGRAMS)
 SETTLE_SECONDS = 0.2     # from the receivers' sockets to the start of the clock
 SAMPLE_SECONDS = 0.05    # between two readings of the receivers' memory
 LEAVE_SECONDS = 5        # for receivers that end by themselves

@@ -12,12 +12,11 @@ from cells import CELLS, Content
 REACHED = 0.9  # of the rate that was asked for; the rest is the beginning and the end of a push
 
 
-def search(options, work, run_once):
+def search(options, work, run_once, results):
     content = Content("large", work, options)
     builds = [("pkgdist", options.build, options.lead_options, options.node_options)]
     if options.beside:
         builds.append(("pkgdist (beside)", options.beside, [], []))
-    results = []
     for nodes in options.nodes or CELLS["large"].nodes:
         for name, build, lead_options, node_options in builds:
             def attempt(rate):
@@ -25,26 +24,29 @@ def search(options, work, run_once):
                 row = _attempt(tool, rate, content, nodes, work, options, run_once)
                 results.append(row)
                 return row
-            best = _highest(attempt, options.rate_from, options.rate_step)
-            print(f"{name}, {nodes} nodes: highest rate without a drop: {best or '-'} Mbit/s",
+            best, ceiling = _highest(attempt, options.rate_from, options.rate_step)
+            more = f"; the sender reaches no more than {ceiling:.0f}" if ceiling else ""
+            print(f"{name} to {nodes}: highest rate without a drop: {best or '-'} Mbit/s{more}",
                   flush=True)
     lab.remove(content.root)
-    return results
 
 
 def _highest(attempt, rate, step):
+    """The rate, and what the sender reaches at most if that ended the search."""
     row = attempt(rate)
     while not row["holds"] and rate > step:
         rate -= step
         row = attempt(rate)
         if row["holds"]:
-            return rate
+            return rate, None
     best = None
-    while row["holds"] and not row["limit"]:
+    while row["holds"]:
+        if row["limit"]:
+            return best, row["reached"]
         best = rate
         rate += step
         row = attempt(rate)
-    return best
+    return best, None
 
 
 def _attempt(tool, rate, content, nodes, work, options, run_once):
@@ -58,7 +60,7 @@ def _attempt(tool, rate, content, nodes, work, options, run_once):
     row = {"program": tool.name, "nodes": nodes, "rate": rate, "reached": reached, "runs": runs,
            "holds": len(runs) == options.runs and all(map(_good, runs))}
     row["limit"] = row["holds"] and reached < REACHED * rate
-    print(f"{tool.name}, {nodes} nodes, {rate} Mbit/s: {sum(map(_good, runs))} of {len(runs)} runs "
+    print(f"{tool.name} to {nodes}, {rate} Mbit/s: {sum(map(_good, runs))} of {len(runs)} runs "
           f"without a drop, at least {reached:.0f} Mbit/s sent, drops "
           f"{max(run['socket_drops'] for run in runs)}, stolen "
           f"{max(run['stolen'] for run in runs):.1f} %", flush=True)

@@ -29,6 +29,8 @@ SMALLEST_RATED = 1.0  # MiB; of smaller content, rates and ratios say nothing
 COLUMNS = ("cell", "content", "program", "nodes", "loss %", "median s", "min..max", "MB/s",
            "CPU s/GiB", "peak MB", "sent/content", "sent/needed", "drops", "port drops", "stolen %",
            "identical", "fast nodes s")
+RATE_COLUMNS = ("program", "nodes", "Mbit/s asked", "Mbit/s sent", "runs without a drop", "drops",
+                "stolen %")
 WIDTHS = (14, 16, 21, 5, 6, 8, 13, 6, 9, 7, 12, 11, 6, 10, 8, 9, 12)
 
 
@@ -59,6 +61,14 @@ def cells_of(row, results):
               _median(good, "cpu", ".2f") if rated else "-", _median(good, "memory", ".1f"),
               _median(good, "sent", ".3f"), _over_needed(row, good, results) if rated else "-"]
     return [str(text) for text in left + middle + right]
+
+
+def _rate_cells(row):
+    """Of one rate that --rate-search has tried."""
+    good = [run for run in row["runs"] if run["identical"] and run["socket_drops"] == 0]
+    return [row["program"], str(row["nodes"]), str(row["rate"]), f"{row['reached']:.0f}",
+            f"{len(good)}/{len(row['runs'])}", _most(row["runs"], "socket_drops"),
+            _most(row["runs"], "stolen", ".1f")]
 
 
 def _content_mib(run):
@@ -105,9 +115,12 @@ def _print_aligned(texts):
 
 def markdown(results):
     """The table without the columns that say nothing in any row."""
-    rows = [cells_of(row, results) for row in results]
-    used = [i for i in range(len(COLUMNS)) if any(row[i] != "-" for row in rows)]
-    lines = [COLUMNS, ["---"] * len(COLUMNS), *rows]
+    if results and "rate" in results[0]:
+        head, rows = RATE_COLUMNS, [_rate_cells(row) for row in results]
+    else:
+        head, rows = COLUMNS, [cells_of(row, results) for row in results]
+    used = [i for i in range(len(head)) if any(row[i] != "-" for row in rows)]
+    lines = [head, ["---"] * len(head), *rows]
     return "\n".join("| " + " | ".join(line[i] for i in used) + " |" for line in lines)
 
 

@@ -21,6 +21,7 @@ import argparse
 import json
 import os
 import shlex
+import shutil
 import sys
 import threading
 import time
@@ -78,6 +79,13 @@ def add_programs(parser):
                         help="more options of the nodes, in one word")
 
 
+def check_peers(names):
+    for name in names:
+        for program in peers.PROGRAMS[name]:
+            if not shutil.which(program):
+                sys.exit(f"{program} is not installed: scripts/setup peers")
+
+
 def programs_of(options):
     tools = [peers.Pkgdist("pkgdist", options.build, options.rate, options.lead_options,
                            options.node_options)]
@@ -86,6 +94,7 @@ def programs_of(options):
     if options.raw:
         tools += [peers.Raw(options.build, 1), peers.Raw(options.build, 16)]
     if options.peers is not None:
+        check_peers(options.peers or peers.PEERS)
         tools += [make(options.rate) for make in (peers.Udpcast, peers.Uftp)
                   if make.name in (options.peers or peers.PEERS)]
     return tools
@@ -190,7 +199,7 @@ def main():
     print(record["machine"], flush=True)
     try:
         if options.rate_search:
-            record["results"] = rate_search.search(options, work, run_once)
+            rate_search.search(options, work, run_once, record["results"])
         else:
             run_cells(options, work, record["results"])
     finally:
