@@ -18,7 +18,7 @@ PROGRAMS = {"udpcast": ("udp-sender", "udp-receiver"), "uftp": ("uftp", "uftpd")
 PEERS = tuple(PROGRAMS)
 SETTLE_SECONDS = 0.2     # from the receivers' sockets to the start of the clock
 SAMPLE_SECONDS = 0.05    # between two readings of the receivers' memory
-LEAVE_SECONDS = 5        # for receivers that end by themselves
+LEAVE_SECONDS = 5        # for receivers to end
 RECEIVE_BUFFER = 3 << 20  # bytes; what pkgdist asks for, offered to peers that take an option
 
 
@@ -53,14 +53,15 @@ class Receivers:
         """Ends them; processor seconds and peak memory of each."""
         everyone = [process for processes in self.members for process in processes]
         if leave_by_themselves:
-            end = time.monotonic() + LEAVE_SECONDS
-            while time.monotonic() < end and not all(map(_has_ended, everyone)):
-                time.sleep(0.01)
+            _have_ended(everyone)
         self._done.set()
         self._sampler.join()
         self._read_peaks()
         for process in everyone:
             os.kill(process.pid, signal.SIGTERM)  # one that has ended is ours until waited for
+        if not _have_ended(everyone):
+            for process in everyone:
+                os.kill(process.pid, signal.SIGKILL)
         used = {process.pid: _wait_for_usage(process) for process in everyone}
         return ([sum(used[p.pid] for p in processes) for processes in self.members],
                 [sum(self._peaks.get(p.pid, 0) for p in processes) for processes in self.members])
@@ -88,6 +89,16 @@ def _peak_memory(pid):
             return next((int(line.split()[1]) * 1024 for line in file if line.startswith("VmHWM:")), 0)
     except (FileNotFoundError, ProcessLookupError):
         return 0
+
+
+def _have_ended(processes):
+    """Whether they have, after some time for it."""
+    end = time.monotonic() + LEAVE_SECONDS
+    while not all(map(_has_ended, processes)):
+        if time.monotonic() > end:
+            return False
+        time.sleep(0.01)
+    return True
 
 
 def _has_ended(process):
