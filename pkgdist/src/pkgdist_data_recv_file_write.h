@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
+#include "pkgdist/wire_data.h"
 #include "pkgdist_data_recv_file_db.h"
 
 // Writes `length` bytes at `offset` of the partial file, trying again after a failure.
@@ -14,5 +16,10 @@ namespace pkgdist {
 // Creates the partial file or the shared-memory object. On failure nothing is mapped; an object
 // that was created stays open, so that releasing the entry deletes it.
 PkgdistStatus open_destination(pkgdist_file_recv_entry& entry);
+
+// Writes segments that follow each other with one call, at most as many as a run holds. One
+// attempt, without a word: false when it failed or wrote less.
+bool write_segments(pkgdist_file_recv_entry& entry,
+                    std::span<const pkgdist_data_send_segment> segments);
 
 }  // namespace pkgdist
