@@ -194,9 +194,10 @@ void turn(int socket, Stages& stages) {
   const pkgdist::MutexLock lock(G_pkgdist_file_recv_mutex);
   taken.done();
   const uint64_t end = thread_time();
-  stages.receive += queued - start - cost;
-  stages.take += took - queued - cost;
-  stages.process += end - took - cost;
+  const auto without_clock = [](uint64_t time) { return time > cost ? time - cost : 0; };
+  stages.receive += without_clock(queued - start);
+  stages.take += without_clock(took - queued);
+  stages.process += without_clock(end - took);
 }
 
 void measure_stages(size_t together, const File& file) {
