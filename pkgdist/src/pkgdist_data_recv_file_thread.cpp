@@ -1,7 +1,8 @@
 // DATA_FILE.
 //
 // The only consumer of the queue and the only thread that processes data datagrams and runs the
-// time-out pass. No lock is held while a datagram is processed. It leaves only with an empty queue.
+// time-out pass. It takes a bounded number of datagrams at a time; its own mutex is not held while
+// they are processed. It leaves only with an empty queue.
 //
 // A stop may meet a new file: the time-out pass has found both databases empty and set the exit
 // flag, and before the thread sees it somebody adds a file. Adding a file therefore withdraws the
@@ -20,7 +21,7 @@
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_process.h"
 #include "pkgdist_data_recv_repair.h"
-#include "pkgdist_datagram.h"
+#include "pkgdist_data_recv_segment_run.h"
 #include "pkgdist_export.h"
 #include "pkgdist_lock.h"
 #include "pkgdist_log.h"
@@ -44,31 +45,12 @@ using namespace pkgdist;
 namespace {
 
 constexpr char kThread[] = "pkgdist_data_recv_file_thread";
-
-// A datagram on its way from DATA_RX; owns its copy.
-struct DataQueueEntry {
-  queue_link_t link;
-  uint8_t* data;
-  uint64_t length;
-  uint64_t enqueue_time;
-};
-static_assert(sizeof(DataQueueEntry) == 32);
-
-struct DataQueueEntryFreer {
-  void operator()(DataQueueEntry* entry) const {
-    std::free(entry->data);
-    std::free(entry);
-  }
-};
-using OwnedEntry = std::unique_ptr<DataQueueEntry, DataQueueEntryFreer>;
-
-void update_watermark() {
-  watermark_update(load(pkgdist_drt_ship_watermark_hdl), G_pkgdist_file_recv_q.count);
-}
+constexpr char kInit[] = "pkgdist_file_recv_init";
+constexpr char kQueueMsg[] = "pkgdist_file_recv_queue_msg";
 
 // Queue and condition, once per process. File mutex held.
 PkgdistStatus set_up_queue(const char* function) {
-  queue_init(&G_pkgdist_file_recv_q);
+  file_queue_init();
   if (int error = pthread_condattr_init(&G_pkgdist_file_recv_condattr); error != 0) {
     PKGDIST_ERR_IN(function, "pthread_condattr_init() failed: %d(%s)", error, std::strerror(error));
     return PKGDIST_ERR_SYSTEM;
@@ -104,43 +86,60 @@ PkgdistStatus ensure_thread(const char* function) {
   return 0;
 }
 
-OwnedEntry copy_datagram(const char* function, const uint8_t* data, size_t length) {
-  Malloced<uint8_t> copy(static_cast<uint8_t*>(std::malloc(length)));
-  if (copy == nullptr) {
-    PKGDIST_ERR_IN(function, "malloc() %zu bytes for RECV_DATA_PKT failed", length);
-    return nullptr;
+// Wakes the file thread if it sleeps, once for a batch. File mutex held.
+bool wake_thread(bool& woken) {
+  if (woken || !load(G_pkgdist_file_recv_thread_waiting)) return true;
+  const int error = pthread_cond_signal(&G_pkgdist_file_recv_cond);
+  woken = error == 0;
+  if (!woken)
+    PKGDIST_ERR_IN(kQueueMsg, "pthread_cond_signal() failed: %d(%s)", error, std::strerror(error));
+  return woken;
+}
+
+// The time-out passes, one at most in each timer period.
+class TimeoutClock {
+ public:
+  bool is_due(uint64_t now) const {
+    return elapsed(now, last_scan_) >= load(G_data_rto.timer_period);
   }
-  std::memcpy(copy.get(), data, length);
-  OwnedEntry entry(static_cast<DataQueueEntry*>(std::calloc(1, sizeof(DataQueueEntry))));
-  if (entry == nullptr) {
-    PKGDIST_ERR_IN(function, "malloc() %zu bytes for DATA_Q_ENTRY failed", sizeof(DataQueueEntry));
-    return nullptr;
+  void run_if_due(uint64_t now) {
+    if (!is_due(now)) return;
+    (void)pkgdist_data_recv_timeout();
+    last_scan_ = now;
   }
-  entry->data = copy.release();
-  entry->length = length;
-  entry->enqueue_time = stamp_for(DrtHistogram::kRxQueueTime);
-  return entry;
-}
 
-// The oldest datagram, or nothing.
-OwnedEntry take_next() {
-  queue_link_t* link = queue_dequeue(&G_pkgdist_file_recv_q);
-  update_watermark();
-  return OwnedEntry(reinterpret_cast<DataQueueEntry*>(link));
-}
+ private:
+  uint64_t last_scan_ = fts_get_stamp_fast();
+};
 
-// Frees the datagram, before the thread may go to sleep.
-void process(OwnedEntry entry) {
-  record_since(DrtHistogram::kRxQueueTime, entry->enqueue_time);
-  pkgdist_data_rx_process_msg(entry->data, static_cast<ssize_t>(entry->length));
-  store(G_data_recv_file_last_msg, fts_get_stamp_fast());
-}
-
-void run_timeouts_if_due(uint64_t& last_scan) {
+// A datagram has been processed, and so has everything before it. The time.
+uint64_t note_message() {
   const uint64_t now = fts_get_stamp_fast();
-  if (elapsed(now, last_scan) < load(G_data_rto.timer_period)) return;
-  (void)pkgdist_data_recv_timeout();
-  last_scan = now;
+  store(G_data_recv_file_last_msg, now);
+  return now;
+}
+
+// Processes what was taken from the queue. Segments that continue each other only gather in the
+// run, which takes no time. Whenever more than that was done the clock is read: a time-out pass
+// that is due is not put off by the rest.
+void process(TakenEntries& taken, TimeoutClock& timeouts) {
+  SegmentRun run;
+  uint64_t now = fts_get_stamp_fast();
+  const std::span<const OwnedQueueEntry> entries = taken.entries();
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const DataQueueEntry& entry = *entries[i];
+    taken.begin(i);
+    run.tally().record(DrtHistogram::kRxQueueTime, distance(now, entry.enqueue_time));
+    process_datagram(entry.data, static_cast<ssize_t>(entry.length), run);
+    if (run.size() > 1 || i + 1 == entries.size()) continue;
+    now = note_message();
+    if (!timeouts.is_due(now)) continue;
+    (void)run.finish();
+    timeouts.run_if_due(note_message());
+  }
+  (void)run.finish();
+  taken.free();
+  (void)note_message();
 }
 
 // Sleeps until a datagram is queued or the timer period is over. File mutex held.
@@ -168,24 +167,24 @@ PkgdistStatus pkgdist_file_recv_init() {
 PkgdistStatus pkgdist::file_thread_keep() {
   const MutexLock lock(G_pkgdist_file_recv_mutex, Caller::here("pkgdist_data_recv_rx_start"));
   store(G_data_recv_file_exit_thread, false);
-  return ensure_thread("pkgdist_file_recv_init");
+  return ensure_thread(kInit);
+}
+
+void pkgdist::file_recv_queue(std::span<OwnedQueueEntry> entries) {
+  const MutexLock lock(G_pkgdist_file_recv_mutex, Caller::here(kQueueMsg));
+  bool woken = false;
+  for (OwnedQueueEntry& entry : entries) {
+    if (ensure_thread(kInit) != 0 || !file_queue_has_room(*entry) || !wake_thread(woken)) continue;
+    file_queue_append(std::move(entry));
+  }
+  file_queue_update_watermark();
 }
 
 void pkgdist_file_recv_queue_msg(const uint8_t* data, size_t length) {
-  if (pkgdist_file_recv_init() != 0) return;
-  const MutexLock lock(G_pkgdist_file_recv_mutex);
-  OwnedEntry entry = copy_datagram(static_cast<const char*>(__func__), data, length);
+  OwnedQueueEntry entry = queue_entry_copy(data, length);
   if (entry == nullptr) return;
-  if (load(G_pkgdist_file_recv_thread_waiting)) {
-    if (int error = pthread_cond_signal(&G_pkgdist_file_recv_cond); error != 0) {
-      PKGDIST_ERR("pthread_cond_signal() failed: %d(%s)", error, std::strerror(error));
-      return;
-    }
-  }
-  queue_enqueue(&G_pkgdist_file_recv_q, &entry.release()->link);
-  update_watermark();
-  // The thread may have left after it was found running: the queue was empty then.
-  (void)ensure_thread("pkgdist_file_recv_init");
+  entry->enqueue_time = stamp_for(DrtHistogram::kRxQueueTime);
+  file_recv_queue({&entry, 1});
 }
 
 void pkgdist_data_recv_file_stop() {
@@ -197,14 +196,16 @@ void* pkgdist_data_recv_file_thread(void* /*argument*/) {
   (void)prctl(PR_SET_NAME, "DATA_FILE");
   PKGDIST_INFO("DATA Recv File Thread starting\n");
   count(DrsCounter::kFileThreadStart);
-  uint64_t last_scan = fts_get_stamp_fast();
+  TimeoutClock timeouts;
+  TakenEntries taken;
   (void)mutex_lock(G_pkgdist_file_recv_mutex);
   for (;;) {
-    OwnedEntry entry = take_next();
+    taken.take();
     (void)mutex_unlock(G_pkgdist_file_recv_mutex);
-    if (entry != nullptr) process(std::move(entry));
-    run_timeouts_if_due(last_scan);
+    if (!taken.entries().empty()) process(taken, timeouts);
+    timeouts.run_if_due(fts_get_stamp_fast());
     (void)mutex_lock(G_pkgdist_file_recv_mutex);
+    taken.done();
     if (G_pkgdist_file_recv_q.head != nullptr) continue;
     if (load(G_data_recv_file_exit_thread)) break;
     wait_for_datagram();

@@ -5,8 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "pkgdist/status.h"
+#include "pkgdist_data_recv_file_queue.h"
 #include "platform/queue.h"
 
 extern "C" {
@@ -38,5 +40,9 @@ namespace pkgdist {
 
 // Makes sure that DATA_FILE runs and goes on: withdraws a pending stop. For a file that was added.
 PkgdistStatus file_thread_keep();
+
+// Queues datagrams under one lock, with one wake-up. Those that cannot be queued stay with the
+// caller.
+void file_recv_queue(std::span<OwnedQueueEntry> entries);
 
 }  // namespace pkgdist

@@ -13,13 +13,16 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "pkgdist_confine.h"
 #include "pkgdist_data_recv.h"
+#include "pkgdist_data_recv_segment_run.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
 #include "pkgdist_status.h"
@@ -127,28 +130,33 @@ PkgdistStatus open_disk_file(Entry& entry) {
   return pkgdist_status_from_errno(error);
 }
 
+// The path of the partial file, which only failures need.
+FilePath partial_path(const Entry& entry) {
+  return FilePath(entry.location, entry.path, kPartialSuffix);
+}
+
 // One attempt. Sets `error` to the error number of what failed; 0 after a short write.
-PkgdistStatus write_once(Entry& entry, const char* path, uint32_t offset, uint32_t length,
-                         const uint8_t* data, int& error) {
+PkgdistStatus write_once(Entry& entry, uint32_t offset, uint32_t length, const uint8_t* data,
+                         int& error) {
   const char* const function = "pkgdist_file_write_data";
   error = 0;
   if (lseek(entry.fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
     error = errno;
-    PKGDIST_ERR_IN(function, "data file write seek failed, path '%s' offset %d rc=%d(%s)", path,
-                   offset, error, std::strerror(error));
+    PKGDIST_ERR_IN(function, "data file write seek failed, path '%s' offset %d rc=%d(%s)",
+                   partial_path(entry).c_str(), offset, error, std::strerror(error));
     return pkgdist_status_from_errno(error);
   }
   const Stopwatch time(DrsHistogram::kFileWriteTime);
   const ssize_t written = write(entry.fd, data, length);
   if (written < 0) {
     error = errno;
-    PKGDIST_ERR_IN(function, "data file write failed, path '%s' offset %d rc=%d(%s)", path, offset,
-                   error, std::strerror(error));
+    PKGDIST_ERR_IN(function, "data file write failed, path '%s' offset %d rc=%d(%s)",
+                   partial_path(entry).c_str(), offset, error, std::strerror(error));
     return pkgdist_status_from_errno(error);
   }
   if (static_cast<size_t>(written) != length) {
     PKGDIST_ERR_IN(function, "data file write incomplete, path '%s' writesize=%zd expected=%d",
-                   path, written, length);
+                   partial_path(entry).c_str(), written, length);
     return PKGDIST_ERR_WRITE;
   }
   time.finish();
@@ -156,10 +164,11 @@ PkgdistStatus write_once(Entry& entry, const char* path, uint32_t offset, uint32
 }
 
 // After a failed attempt: the next one begins with a fresh descriptor, if the file is still there.
-void recover(Entry& entry, const FilePath& path, int error) {
+void recover(Entry& entry, int error) {
   (void)close(entry.fd);
   entry.fd = -1;
   if (error == ENOSPC) {
+    const FilePath path = partial_path(entry);
     PKGDIST_ERR_TEXT("ERR:%s: Deleting partially downloaded file '%s' as there is no space \n",
                      "pkgdist_file_write_data", path.c_str());
     (void)Beneath(path)(unlink);
@@ -201,10 +210,10 @@ PkgdistStatus pkgdist::open_destination(Entry& entry) {
 
 PkgdistStatus pkgdist_file_write_data(Entry& entry, uint32_t offset, uint32_t length,
                                       const uint8_t* data) {
-  const FilePath path(entry.location, entry.path, kPartialSuffix);
   PkgdistStatus status = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (entry.fd == -1) {
+      const FilePath path = partial_path(entry);
       entry.fd = Beneath(path)(
           [](const char* name) { return open(name, O_RDWR | O_NOFOLLOW | O_CLOEXEC); });
       if (entry.fd < 0) {
@@ -216,9 +225,25 @@ PkgdistStatus pkgdist_file_write_data(Entry& entry, uint32_t offset, uint32_t le
       }
     }
     int error = 0;
-    status = write_once(entry, path.c_str(), offset, length, data, error);
+    status = write_once(entry, offset, length, data, error);
     if (status == 0) return 0;
-    recover(entry, path, error);
+    recover(entry, error);
   }
   return status;
+}
+
+bool pkgdist::write_segments(Entry& entry, std::span<const pkgdist_data_send_segment> segments) {
+  std::array<iovec, SegmentRun::kMax> parts;
+  uint64_t bytes = 0;
+  for (size_t i = 0; i < segments.size(); ++i) {
+    parts[i] = {const_cast<uint8_t*>(segments[i].data), segments[i].data_size};
+    bytes += segments[i].data_size;
+  }
+  const auto offset = static_cast<off_t>(uint64_t{entry.segment_size} * segments.front().segment);
+  const Stopwatch time(DrsHistogram::kFileWriteTime);
+  const ssize_t written =
+      pwritev(entry.fd, parts.data(), static_cast<int>(segments.size()), offset);
+  if (written < 0 || static_cast<uint64_t>(written) != bytes) return false;
+  time.finish(static_cast<uint32_t>(segments.size()));
+  return true;
 }

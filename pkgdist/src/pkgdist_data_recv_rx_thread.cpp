@@ -1,8 +1,9 @@
 // DATA_RX.
 //
-// It does nothing but drain the socket: one recvfrom, one copy, one enqueue per datagram. It exists
-// while files are being received. Its stop is a flag that a new file may withdraw until the thread
-// has confirmed it under the mutex.
+// It does nothing but drain the socket: it waits, receives batch after batch until nothing is left,
+// and queues each. It exists while files are being received. Its stop is a flag that is looked at
+// after each batch, and that a new file may withdraw until the thread has confirmed it under the
+// mutex.
 //
 // On its way out it also asks DATA_FILE to end, because a last queued datagram may have started
 // that thread again with nothing left to receive. Between its own end and that request a new file
@@ -20,6 +21,7 @@
 #include "pkgdist_ctrl_recv.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_file_thread.h"
+#include "pkgdist_data_recv_rx_batch.h"
 #include "pkgdist_export.h"
 #include "pkgdist_lock.h"
 #include "pkgdist_log.h"
@@ -51,33 +53,23 @@ int wait_readable(int socket) {
   return select(socket + 1, &readable, nullptr, nullptr, &wait);
 }
 
-// Receives one datagram and queues it. False when the receive failed.
-bool receive_one(int socket) {
-  const Stopwatch time(DrtHistogram::kMcRxTime);
-  const ssize_t length =
-      recvfrom(socket, G_data_rx_buffer, sizeof G_data_rx_buffer, 0, nullptr, nullptr);
-  if (length <= 0) {
-    PKGDIST_ERR_IN(kThread, "data rx recvfrom failed, rc=%zd, errno=%d(%s)", length, errno,
-                   std::strerror(errno));
-    count(DrtCounter::kMcRecvfromErr);
-    return false;
-  }
-  time.finish();
-  count(DrtCounter::kMcRxRecv);
-  pkgdist_file_recv_queue_msg(G_data_rx_buffer, static_cast<size_t>(length));
-  return true;
-}
-
-// One turn of the loop. True when the exit flag is to be examined: not after an error.
-bool pass() {
+// One turn of the loop: waits, unless more is ready, and queues one batch. True when the exit flag
+// is to be examined: not after an error.
+bool pass(ReceiveBatch& batch) {
   const int socket = load(G_data_rx_socket);
-  const int ready = wait_readable(socket);
-  if (ready < 0) {
-    PKGDIST_ERR_IN(kThread, "data rx select failed, errno=%d(%s)", errno, std::strerror(errno));
-    count(DrtCounter::kMcSelectFail);
-    return false;
+  if (batch.is_drained()) {
+    const int ready = wait_readable(socket);
+    if (ready < 0) {
+      PKGDIST_ERR_IN(kThread, "data rx select failed, errno=%d(%s)", errno, std::strerror(errno));
+      count(DrtCounter::kMcSelectFail);
+      return false;
+    }
+    if (ready == 0) return true;
+    if (!batch.receive_first(socket)) return false;
   }
-  return ready == 0 || receive_one(socket);
+  const bool good = batch.receive_ready(socket);
+  batch.queue();
+  return good;
 }
 
 // Ends the thread's being if the stop still holds under the mutex.
@@ -153,8 +145,9 @@ void* pkgdist_data_rx_thread(void* /*argument*/) {
   (void)prctl(PR_SET_NAME, "DATA_RX");
   PKGDIST_INFO("DATA Recv Rx Thread starting\n");
   count(DrsCounter::kRxThreadStart);
+  ReceiveBatch batch;
   for (;;) {
-    if (pass() && load(G_data_rx_exit_thread) && confirm_exit()) break;
+    if (pass(batch) && load(G_data_rx_exit_thread) && confirm_exit()) break;
   }
   stop_file_thread_if_alone();
   PKGDIST_INFO("DATA Recv Rx Thread exiting\n");

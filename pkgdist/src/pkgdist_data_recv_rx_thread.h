@@ -1,4 +1,4 @@
-// DATA_RX: owns the data multicast socket and queues a copy of each datagram for DATA_FILE.
+// DATA_RX: owns the data multicast socket and queues each datagram for DATA_FILE.
 #pragma once
 
 #include <pthread.h>
@@ -12,7 +12,7 @@ inline constexpr size_t kDataPacketMax = 1472;
 
 extern "C" {
 extern int G_data_rx_socket;                      // -1 when closed
-extern uint8_t G_data_rx_buffer[kDataPacketMax];  // owned by DATA_RX
+extern uint8_t G_data_rx_buffer[kDataPacketMax];  // owned by DATA_RX, used when memory is short
 extern pthread_mutex_t G_data_rx_mutex;           // guards the two flags
 extern bool G_data_rx_thread_running;
 extern bool G_data_rx_exit_thread;

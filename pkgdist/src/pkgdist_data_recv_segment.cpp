@@ -7,6 +7,8 @@
 //
 // All under the receive lock on DATA_FILE; a file that ends here is completed after it. Nothing is
 // allocated per segment.
+#include "pkgdist_data_recv_segment.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -28,38 +30,16 @@ namespace {
 constexpr char kReporter[] = "pkgdist_data_process_file_segment";
 constexpr uint32_t kProgressInterval = 10'000;  // segments between two progress lines
 
-// Whether the segment is new and lies inside the file.
-bool is_wanted(const Entry& entry, const Segment& segment) {
-  if (pkgdist_is_segment_set(entry, segment.segment)) {
-    count(DrtCounter::kFileSegmentDup);
-    return false;
-  }
-  if (segment.segment < entry.segment_count) return true;
-  PKGDIST_ERR_IN(kReporter, "data send segment num %d is too large, file %s num segments %d",
-                 segment.segment, entry.path, entry.segment_count);
-  count(DrtCounter::kFileSegmentTooBig);
-  return false;
-}
-
-// Data of another length than the segment's would leave a hole or damage its neighbour.
 bool has_right_length(const Entry& entry, const Segment& segment) {
   if (entry.symlink != 0) return true;
   const uint64_t offset = uint64_t{entry.segment_size} * segment.segment;
-  const uint64_t length = std::min(uint64_t{entry.segment_size}, entry.size - offset);
-  if (segment.data_size == length) return true;
-  count(DrtCounter::kMcBadPktRecv);
-  return false;
+  return segment.data_size == std::min(uint64_t{entry.segment_size}, entry.size - offset);
 }
 
-PkgdistStatus store_data(Entry& entry, const Segment& segment) {
-  if (entry.symlink != 0) return pkgdist_data_file_symlink(entry, segment.data_size, segment.data);
+void copy_to_mapping(const Entry& entry, const Segment& segment) {
   const uint64_t offset = uint64_t{entry.segment_size} * segment.segment;
-  if (entry.memory == 0)
-    return pkgdist_file_write_data(entry, static_cast<uint32_t>(offset),
-                                   static_cast<uint32_t>(segment.data_size), segment.data);
   if (segment.data_size != 0)
     std::memcpy(static_cast<uint8_t*>(entry.mapping) + offset, segment.data, segment.data_size);
-  return 0;
 }
 
 void log_progress(const Entry& entry) {
@@ -112,8 +92,32 @@ void track_sequence(Entry& entry, uint32_t segment, uint32_t expected, bool repa
   }
 }
 
-// Opens the destination on the first segment. Gives the segment that was expected.
-PkgdistStatus begin_or_follow(Entry& entry, uint32_t segment, uint32_t& expected) {
+}  // namespace
+
+bool pkgdist::segment_is_wanted(Entry& entry, const Segment& segment) {
+  entry.timeout_count = 0;
+  if (pkgdist_is_segment_set(entry, segment.segment)) {
+    count(DrtCounter::kFileSegmentDup);
+    return false;
+  }
+  if (segment.segment >= entry.segment_count) {
+    PKGDIST_ERR_IN(kReporter, "data send segment num %d is too large, file %s num segments %d",
+                   segment.segment, entry.path, entry.segment_count);
+    count(DrtCounter::kFileSegmentTooBig);
+    return false;
+  }
+  // Data of another length than the segment's would leave a hole or damage its neighbour.
+  if (has_right_length(entry, segment)) return true;
+  count(DrtCounter::kMcBadPktRecv);
+  return false;
+}
+
+bool pkgdist::segment_would_be_wanted(const Entry& entry, const Segment& segment) {
+  return segment.segment < entry.segment_count && !pkgdist_is_segment_set(entry, segment.segment) &&
+         has_right_length(entry, segment);
+}
+
+PkgdistStatus pkgdist::segment_begin(Entry& entry, uint32_t segment, uint32_t& expected) {
   if (entry.fd != -1 || entry.symlink != 0) {
     expected = next_segment(entry, entry.last_segment);
     return 0;
@@ -123,47 +127,47 @@ PkgdistStatus begin_or_follow(Entry& entry, uint32_t segment, uint32_t& expected
   return 0;
 }
 
-// Takes one segment into the entry. True when the file ends with it, with `status`.
-bool take_segment(Entry& entry, const Segment& segment, PkgdistStatus& status) {
-  entry.timeout_count = 0;
-  if (!is_wanted(entry, segment) || !has_right_length(entry, segment)) return false;
-  const bool repair = qidl::has<&Segment::repair>(segment) && segment.repair != 0;
-  uint32_t expected = 0;
-  status = begin_or_follow(entry, segment.segment, expected);
-  if (status == 0) status = store_data(entry, segment);
-  if (status != 0) return true;
+PkgdistStatus pkgdist::segment_store(Entry& entry, const Segment& segment) {
+  if (entry.symlink != 0) return pkgdist_data_file_symlink(entry, segment.data_size, segment.data);
+  if (entry.memory == 0)
+    return pkgdist_file_write_data(entry, entry.segment_size * segment.segment,
+                                   static_cast<uint32_t>(segment.data_size), segment.data);
+  copy_to_mapping(entry, segment);
+  return 0;
+}
+
+bool pkgdist::segments_store(Entry& entry, std::span<const Segment> segments) {
+  if (segments.size() < 2 || entry.symlink != 0) return false;
+  if (entry.memory == 0) return write_segments(entry, segments);
+  for (const Segment& segment : segments) copy_to_mapping(entry, segment);
+  return true;
+}
+
+bool pkgdist::segment_stored(Entry& entry, const Segment& segment, uint32_t expected,
+                             PkgdistStatus& status) {
   pkgdist_set_segment(entry, segment.segment);
-  count(repair ? DrtCounter::kMcSingleSegment : DrtCounter::kMcSegment);
   log_progress(entry);
-  track_sequence(entry, segment.segment, expected, repair);
+  track_sequence(entry, segment.segment, expected, is_repair(segment));
   if (!pkgdist_all_segments_set(entry) || entry.info_pending != 0) return false;
   status = pkgdist_data_file_rename(entry);
   return true;
 }
 
-// The segment's entry when the file ends with it; it is out of the database then.
-Entry* handle(const Segment& segment, PkgdistStatus& status) {
-  const FileRecvDbGuard lock(Caller::here(kReporter));
-  Entry* entry = file_recv_find(segment.file_id);
-  if (entry == nullptr) {
-    count(DrtCounter::kFileNotFound);
-    return nullptr;
+PkgdistStatus pkgdist::process_segment(const uint8_t* body, size_t length, SegmentRun& run) {
+  Owned<Segment> segment;
+  const int error = decode(body, length, *segment);
+  if (error >= 0) {
+    run.take(*segment);
+    return 0;
   }
-  if (!take_segment(*entry, segment, status)) return nullptr;
-  file_recv_take(entry);
-  return entry;
+  (void)run.finish();
+  PKGDIST_ERR_IN(kReporter, "data send segment msg decode failed: %d", error);
+  count(DrtCounter::kMcBadPktRecv);
+  return PKGDIST_ERR_DECODE;
 }
 
-}  // namespace
-
 PkgdistStatus pkgdist_data_process_file_segment(const uint8_t* body, size_t length) {
-  Owned<Segment> segment;
-  if (int error = decode(body, length, *segment); error < 0) {
-    PKGDIST_ERR("data send segment msg decode failed: %d", error);
-    count(DrtCounter::kMcBadPktRecv);
-    return PKGDIST_ERR_DECODE;
-  }
-  PkgdistStatus status = 0;
-  Entry* ended = handle(*segment, status);
-  return ended != nullptr ? pkgdist_file_recv_file_done(status, ended) : 0;
+  SegmentRun run;
+  const PkgdistStatus status = process_segment(body, length, run);
+  return status != 0 ? status : run.finish();
 }

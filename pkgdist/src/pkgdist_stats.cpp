@@ -124,13 +124,17 @@ uint32_t counter_add(uint32_t* counter, uint32_t amount) {
   return previous;
 }
 
-void counter_increment(void* block, uint32_t index) {
+uint32_t* counter_word(void* block, uint32_t index) {
   auto* first = static_cast<uint8_t*>(block) + size_t{kCounterRecordBytes} * index;
-  counter_add(reinterpret_cast<uint32_t*>(first), 1);
+  return reinterpret_cast<uint32_t*>(first);
 }
 
-void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns) {
-  counter_add(static_cast<uint32_t*>(block) + kHistogramBuckets * index + bucket_of(elapsed_ns), 1);
+uint32_t* bucket_word(void* block, uint32_t index, uint64_t elapsed_ns) {
+  return static_cast<uint32_t*>(block) + kHistogramBuckets * index + bucket_of(elapsed_ns);
+}
+
+void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns, uint32_t times) {
+  counter_add(bucket_word(block, index, elapsed_ns), times);
 }
 
 void watermark_update(void* block, uint32_t current) {

@@ -35,8 +35,13 @@ int register_table(const StatTable& table);
 // Adds to one 32-bit word under the installer's lock and returns its previous value.
 uint32_t counter_add(uint32_t* counter, uint32_t amount);
 
+// The word of entry `index` of a counter block, and that of the decade bucket of histogram `index`
+// that a time belongs to.
+uint32_t* counter_word(void* block, uint32_t index);
+uint32_t* bucket_word(void* block, uint32_t index, uint64_t elapsed_ns);
+
 // Counts `elapsed` nanoseconds in its decade bucket of histogram `index` of a value block.
-void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns);
+void histogram_record(void* block, uint32_t index, uint64_t elapsed_ns, uint32_t times = 1);
 
 // Moves the mark of the one-entry watermark block for a new current value.
 void watermark_update(void* block, uint32_t current);
@@ -67,19 +72,17 @@ inline void* block_of(DrsHistogram) {
   return load(pkgdist_drs_ship_histogram_hdl);
 }
 
-// Adds one to entry `index` of a counter block.
-void counter_increment(void* block, uint32_t index);
-
 template <class Counter>
-void count(Counter counter) {
+void count(Counter counter, uint32_t amount = 1) {
   if (void* block = block_of(counter); block != nullptr)
-    counter_increment(block, static_cast<uint32_t>(counter));
+    counter_add(counter_word(block, static_cast<uint32_t>(counter)), amount);
 }
 
+// Counts a time, once or for several things that took it together.
 template <class Histogram>
-void record(Histogram histogram, uint64_t elapsed_ns) {
+void record(Histogram histogram, uint64_t elapsed_ns, uint32_t times = 1) {
   if (void* block = block_of(histogram); block != nullptr)
-    histogram_record(block, static_cast<uint32_t>(histogram), elapsed_ns);
+    histogram_record(block, static_cast<uint32_t>(histogram), elapsed_ns, times);
 }
 
 // Whether times of this table are wanted: stamps are only taken for a registered histogram table.
@@ -95,19 +98,22 @@ uint64_t stamp_for(Histogram histogram) {
 }
 
 // |now - stamp|: a stamp from the future still lands in a bucket.
-template <class Histogram>
-void record_since(Histogram histogram, uint64_t stamp) {
-  if (!recording(histogram)) return;
-  const uint64_t now = fts_get_stamp_fast();
-  record(histogram, now > stamp ? now - stamp : stamp - now);
+constexpr uint64_t distance(uint64_t now, uint64_t stamp) {
+  return now > stamp ? now - stamp : stamp - now;
 }
 
-// Measures from its construction; finish() records. What does not succeed is not finished.
+template <class Histogram>
+void record_since(Histogram histogram, uint64_t stamp, uint32_t times = 1) {
+  if (recording(histogram)) record(histogram, distance(fts_get_stamp_fast(), stamp), times);
+}
+
+// Measures from its construction; finish() records, once for each of the things that were done in
+// that time. What does not succeed is not finished.
 template <class Histogram>
 class Stopwatch {
  public:
   explicit Stopwatch(Histogram histogram) : histogram_(histogram), start_(stamp_for(histogram)) {}
-  void finish() const { record_since(histogram_, start_); }
+  void finish(uint32_t times = 1) const { record_since(histogram_, start_, times); }
 
  private:
   Histogram histogram_;

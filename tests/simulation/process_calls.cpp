@@ -220,6 +220,20 @@ PKGDIST_REAL(ssize_t, recvfrom,
   if (length < 0) errno = EAGAIN;
   return length;
 }
+// One part for each datagram is all that the library asks for, and never to wait.
+PKGDIST_REAL(int, recvmmsg, (int socket, mmsghdr* messages, unsigned count, int, timespec*)) {
+  unsigned received = 0;
+  for (; received < count; ++received) {
+    const iovec& place = *messages[received].msg_hdr.msg_iov;
+    const long length = process_system->sockets.receive(
+        socket, {static_cast<uint8_t*>(place.iov_base), place.iov_len});
+    if (length < 0) break;
+    messages[received].msg_len = static_cast<unsigned>(length);
+  }
+  if (received != 0) return static_cast<int>(received);
+  errno = EAGAIN;
+  return -1;
+}
 PKGDIST_REAL(int, select, (int count, fd_set* in, fd_set*, fd_set*, timeval* wait)) {
   System& system = *process_system;
   const fd_set wanted = *in;

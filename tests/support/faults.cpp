@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -37,6 +38,8 @@ Fault fault_table[static_cast<size_t>(Call::kCount)];
 std::atomic<unsigned> sleep_count{0};
 std::atomic<unsigned> short_write_nth{0};
 std::atomic<size_t> short_write_bytes{0};
+std::atomic<unsigned> short_pwritev_nth{0};
+std::atomic<size_t> short_pwritev_bytes{0};
 std::atomic<unsigned> short_send_nth{0};
 std::atomic<size_t> short_send_bytes{0};
 std::atomic<uint64_t> last_select_wait{0};
@@ -106,6 +109,7 @@ void faults::clear() {
   }
   sleep_count = 0;
   short_write_nth = 0;
+  short_pwritev_nth = 0;
   short_send_nth = 0;
   threads_are_faked = false;
   lock_hook = nullptr;
@@ -122,6 +126,11 @@ void faults::short_write(unsigned nth, size_t bytes) {
   fault_of(Call::kWrite).calls = 0;
   short_write_nth = nth;
   short_write_bytes = bytes;
+}
+void faults::short_pwritev(unsigned nth, size_t bytes) {
+  fault_of(Call::kPwritev).calls = 0;
+  short_pwritev_nth = nth;
+  short_pwritev_bytes = bytes;
 }
 void faults::short_send(unsigned nth, size_t bytes) {
   fault_of(Call::kSendto).calls = 0;
@@ -427,6 +436,19 @@ extern "C" ssize_t __wrap_write(int fd, const void* data, size_t size) {
   }
   const bool cut = support::is_cut(Call::kWrite, support::short_write_nth);
   return __real_write(fd, data, cut ? std::min(size, support::short_write_bytes.load()) : size);
+}
+
+// A short one has written everything and says less: what is known of it is the same.
+extern "C" ssize_t __real_pwritev(int, const iovec*, int, off_t);
+extern "C" ssize_t __wrap_pwritev(int, const iovec*, int, off_t);
+extern "C" ssize_t __wrap_pwritev(int fd, const iovec* parts, int count, off_t offset) {
+  if (int error = failing(Call::kPwritev); error != 0) {
+    errno = error;
+    return -1;
+  }
+  const ssize_t written = __real_pwritev(fd, parts, count, offset);
+  if (!support::is_cut(Call::kPwritev, support::short_pwritev_nth)) return written;
+  return std::min(written, static_cast<ssize_t>(support::short_pwritev_bytes));
 }
 
 extern "C" int __wrap_prctl(int, ...);

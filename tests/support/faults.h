@@ -29,8 +29,8 @@ namespace support {
 #define PKGDIST_TEST_CALLS(X) \
   X(kMalloc) X(kCalloc) X(kRealloc) X(kStrdup) X(kNew) X(kSocket) X(kSetsockopt) X(kBind) \
   X(kSendto) X(kRecvfrom) X(kSelect) X(kSendmmsg) X(kRecvmmsg) X(kPoll) X(kPpoll) X(kOpen) \
-  X(kLseek) X(kRead) X(kWrite) X(kPread) X(kClose) X(kRename) X(kUnlink) X(kUtime) X(kStat) \
-  X(kLstat) X(kFstat) X(kReadlink) X(kMkdir) X(kSymlink) X(kShmOpen) X(kShmUnlink) \
+  X(kLseek) X(kRead) X(kWrite) X(kPread) X(kPwritev) X(kClose) X(kRename) X(kUnlink) X(kUtime) \
+  X(kStat) X(kLstat) X(kFstat) X(kReadlink) X(kMkdir) X(kSymlink) X(kShmOpen) X(kShmUnlink) \
   X(kFtruncate) X(kFallocate) X(kMmap) X(kMunmap) X(kEventfd) X(kEpollCreate) X(kEpollCtl) \
   X(kEpollWait) X(kAtexit) X(kAtfork) X(kPthreadCreate) X(kAttrInit) X(kAttrSetdetachstate) \
   X(kAttrDestroy) X(kMutexLock) X(kMutexUnlock) X(kCondSignal) X(kCondattrInit) \
@@ -53,11 +53,12 @@ namespace faults {
 void fail(Call call, unsigned nth = 1, int error_number = EIO);  // errno, or the returned number
 void fail_always(Call call, int error_number = EIO);
 void clear();
-unsigned calls(Call call);                     // since the last reset
-unsigned sleeps();                             // sleep() returns at once and is counted
-void short_write(unsigned nth, size_t bytes);  // the n-th write() writes only so much
-void short_send(unsigned nth, size_t bytes);   // the n-th sendto() reports only so much
-uint64_t select_wait();                        // the last select()'s time-out, microseconds
+unsigned calls(Call call);                       // since the last reset
+unsigned sleeps();                               // sleep() returns at once and is counted
+void short_write(unsigned nth, size_t bytes);    // the n-th write() writes only so much
+void short_pwritev(unsigned nth, size_t bytes);  // the n-th pwritev() reports only so much
+void short_send(unsigned nth, size_t bytes);     // the n-th sendto() reports only so much
+uint64_t select_wait();                          // the last select()'s time-out, microseconds
 // Called before every lock of a mutex: what another thread does at that moment. Not while it runs.
 void on_lock(std::function<void(const pthread_mutex_t* mutex)> hook);
 // pthread_create() reports success and starts nothing while true: the test runs the loops itself.

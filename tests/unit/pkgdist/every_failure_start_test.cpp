@@ -227,12 +227,16 @@ TEST_F(StartFailures, of_the_loops_of_the_data_threads) {
          .recover = {}},
         {
             {Call::kMalloc,
-             {{"bytes for RECV_DATA_PKT failed"}, {"data send file info msg decode failed: -5"}}},
+             {{""},  // a buffer: the datagram comes into the one that is always there
+              {"bytes for RECV_DATA_PKT failed"},
+              {"", 0, 30},  // buffers for more datagrams
+              {"data send file info msg decode failed: -5"}}},
             {Call::kCalloc,
              {{"bytes for DATA_Q_ENTRY failed"},
               {"bytes for RECV_FILE_BITMAP failed"},
               {"bytes for RECV_FILE_MISS_BITMAP failed"}}},
             {Call::kRecvfrom, {{"data rx recvfrom failed, rc=-1, errno=5"}}},
+            {Call::kRecvmmsg, {{"data rx recvfrom failed, rc=-1, errno=5"}}},
             {Call::kSelect, {{"data rx select failed, errno=5"}}},
             {Call::kLstat, {{""}}},
             {Call::kCondSignal, {{"pthread_cond_signal() failed: 5("}}},
