@@ -1,4 +1,4 @@
-// How the lead scales: its real core before a crowd of modelled nodes (tests/support/crowd.h),
+// How the lead scales: its real core with many modelled nodes (tests/support/crowd.h),
 // under a virtual clock. Bytes and virtual times are the same on every machine; the lead's
 // processor time is this machine's.
 //

@@ -2,15 +2,15 @@
 
 #include <cerrno>
 
-#include "control_stream.h"
-#include "data_sender.h"
-#include "leadership.h"
-#include "node_messages.h"
+#include "control/control_stream.h"
+#include "control/leadership.h"
+#include "control/node_messages.h"
+#include "control/outbox.h"
 #include "node_table.h"
-#include "outbox.h"
 #include "pkgdist/status.h"
 #include "pkgdist_lead/names.h"
-#include "push_job.h"
+#include "push/push_job.h"
+#include "stream/data_sender.h"
 
 namespace pkgdist::lead {
 
@@ -60,6 +60,7 @@ class Lead::Impl : private TransferObserver {
  public:
   Impl(const Settings& settings, DatagramSink& sink, ContentStore& store, Events& events)
       : settings_(checked(settings)),
+        sink_(sink),
         events_(events),
         leadership_(settings_),
         control_(settings_, sink, counters_,
@@ -106,10 +107,11 @@ class Lead::Impl : private TransferObserver {
   void on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
   void on_other_lead(std::span<const uint8_t> header, Time now);
   void update_role(Time now);
+  void ask_for_leads(Time now);
   void step_aside(Time now);
   bool leads() const { return leadership_.leads(); }
   void on_file_request(NodeIndex node, const pkgdist_data_send_req& request, Time now);
-  void on_sighting(NodeTable::Result seen, Time now);
+  void on_sighting(NodeTable::Result seen);
   void measure_round_trip(uint64_t echo, Time now);
   void expire_nodes(Time now);
 
@@ -120,6 +122,7 @@ class Lead::Impl : private TransferObserver {
   void transfer_closed(const Transfer& transfer) override;
 
   const Settings settings_;
+  DatagramSink& sink_;
   Events& events_;
   NodeTable nodes_;
   Leadership leadership_;
@@ -167,9 +170,14 @@ void Lead::Impl::on_other_lead(std::span<const uint8_t> bytes, Time now) {
     ++counters_.bad_datagrams;
     return;
   }
+  if (header->node_ip == 0 || header->node_ip == settings_.address) return;
+  if (header->msg_id == PKGDIST_CTRL_MSG_ACK && header->sequence == kLeadQuerySequence) {
+    leadership_.on_query(header->node_ip, now);
+    if (leads()) control_.on_lead_query(now);
+    return;
+  }
   const bool ping = header->msg_id == PKGDIST_CTRL_MSG_PING;
   if (!ping && header->msg_id != PKGDIST_CTRL_MSG_CTRL) return;
-  if (header->node_ip == 0 || header->node_ip == settings_.address) return;
   const uint64_t heard = ++counters_.other_lead_heard;
   if (leads() && heard % kTellOtherLead == 1)
     events_.other_lead_heard(header->node_ip, header->pid, heard);
@@ -209,7 +217,7 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     return;
   }
   if (reply) control_.adopt(point);
-  on_sighting(seen, now);
+  on_sighting(seen);
   if (reply) return on_ping_reply(seen.index, *header, now);
   if (message) return on_message(seen.index, *header, frame.body, now);
   on_answer(seen.index, *header, now);
@@ -292,7 +300,7 @@ void Lead::Impl::measure_round_trip(uint64_t echo, Time now) {
   data_.set_round_trip(round_trip_);
 }
 
-void Lead::Impl::on_sighting(NodeTable::Result seen, Time now) {
+void Lead::Impl::on_sighting(NodeTable::Result seen) {
   if (seen.sighting == Sighting::kKnown || seen.sighting == Sighting::kIgnored) return;
   const NodeInfo& info = nodes_[seen.index].info;
   if (seen.sighting == Sighting::kAppeared) events_.node_appeared(info);
@@ -303,9 +311,9 @@ void Lead::Impl::on_sighting(NodeTable::Result seen, Time now) {
     streams_.forget(seen.index);
     outbox_.on_gone(seen.index, Delivery::kRestarted);
     messages_.forget(seen.index);
-    data_.drop_node(seen.index, now);
+    data_.drop_node(seen.index);
   }
-  if (push_) push_->on_node_fresh(seen.index);
+  if (push_) push_->on_node_fresh(seen.index, seen.sighting == Sighting::kRestarted);
 }
 
 void Lead::Impl::on_data(const Frame& frame, uint32_t from, Time now) {
@@ -325,7 +333,7 @@ void Lead::Impl::on_data(const Frame& frame, uint32_t from, Time now) {
   const auto known = [&] {
     const NodeTable::Result seen = nodes_.observe_data(address, now);
     if (seen.index == kNoNode) ++counters_.foreign_datagrams;
-    on_sighting(seen, now);
+    on_sighting(seen);
     return seen.index;
   };
   const auto handle = [&](const auto& body, auto&& then) {
@@ -343,6 +351,7 @@ void Lead::Impl::on_data(const Frame& frame, uint32_t from, Time now) {
                   [&](NodeIndex node, const auto& body) { data_.on_report(node, body, now); });
   handle(Decoded<struct pkgdist_data_send_req_single>(frame.body),
          [&](NodeIndex node, const auto& body) {
+           if (push_ && push_->leaves_behind(node)) return;
            const uint32_t segments =
                data_.on_segment_request(node, body.file_id, body.segment, body.num, now);
            if (push_) push_->on_requested_segments(node, segments);
@@ -357,6 +366,7 @@ void Lead::Impl::on_file_request(NodeIndex node, const pkgdist_data_send_req& re
     return;
   }
   ++counters_.files_requested;
+  if (push_ && push_->leaves_behind(node)) return;
   if (name_problem(key.name) != nullptr) {
     const uint64_t status = PKGDIST_STATUS_FROM_ERRNO(EINVAL);
     if (key.name.size() <= kMaxNameLength) data_.refuse(key, status, node);
@@ -410,7 +420,7 @@ void Lead::Impl::expire_nodes(Time now) {
     streams_.forget(node);
     outbox_.on_gone(node, Delivery::kSilent);
     if (push_) push_->on_node_silent(node);
-    data_.drop_node(node, now);
+    data_.drop_node(node);
   });
 }
 
@@ -436,9 +446,16 @@ void Lead::Impl::step_aside(Time now) {
   nodes_.expire(now, 0, [&](NodeIndex node) { streams_.forget(node); });
 }
 
+void Lead::Impl::ask_for_leads(Time now) {
+  if (!leadership_.asks(now)) return;
+  const size_t length = build_lead_query(sink_.buffer(), settings_);
+  if (length != 0) sink_.send(Channel::kControl, kGroup, length);
+}
+
 void Lead::Impl::run(Time now) {
   now_ = now;
   update_role(now);
+  ask_for_leads(now);
   if (!leads()) return;
   expire_nodes(now);
   if (push_) push_->run(now);

@@ -93,14 +93,15 @@ uint64_t CrowdLoss::draw(size_t receiver) {
 
 // --- The crowd ---
 
-Crowd::Crowd(const lead::Settings& settings, FormulaStore& store, uint32_t nodes, LeadWatch* watch)
+Crowd::Crowd(const lead::Settings& settings, FormulaStore& store, uint32_t nodes, LeadWatch* watch,
+             const NodeTimeouts& timeouts)
     : nodes_(nodes),
       watch_(watch != nullptr ? watch : &no_watch_),
       down_loss_(nodes),
       up_loss_(nodes),
       control_(nodes),
       files_(
-          nodes, kFirstAddress,
+          nodes, kFirstAddress, timeouts,
           [this](uint32_t node, Bytes bytes) {
             from_node(node, lead::Channel::kData, std::move(bytes));
           },
@@ -108,7 +109,9 @@ Crowd::Crowd(const lead::Settings& settings, FormulaStore& store, uint32_t nodes
             return store.matches(name, offset, bytes);
           }),
       got_(nodes),
-      next_scan_(now_) {
+      next_scan_(now_),
+      file_scan_period_(timeouts.scan),
+      next_file_scan_(now_) {
   watch_->begin();
   lead::DatagramSink& sink = *this;
   lead::Events& events = *this;
@@ -131,7 +134,7 @@ void Crowd::set_loss(uint32_t node, double down, double up, uint64_t start) {
 }
 
 void Crowd::start_node(uint32_t node) {
-  const ModelNode::Identity identity{kFirstAddress + node, 100 + node, (node + 1) << 8, 7};
+  const ModelNode::Identity identity{kFirstAddress + node, 100 + node, (node + 1) << 8, 7, {}};
   control_[node] =
       std::make_unique<ModelNode>(identity, disk_, [this, node](ModelNode::To, Bytes bytes) {
         from_node(node, lead::Channel::kControl, std::move(bytes));
@@ -188,17 +191,17 @@ void Crowd::deliver(const Down& down) {
   }
 }
 
-// Nodes look at their clocks one after the other, evenly spread over the period.
+// Nodes look at their clocks one after the other, evenly spread over the period and never sooner.
 void Crowd::run_nodes() {
-  while (next_scan_ <= now_) {
-    const auto node = static_cast<uint32_t>(scans_ % nodes_);
-    const uint64_t round = scans_ / nodes_;
-    if (control_[node]) {
-      control_[node]->run(now_);
-      if (round % kScansPerDataScan == 0) files_.scan(node, now_);
-    }
-    ++scans_;
-    next_scan_ += (kScanPeriod + nodes_ - 1) / nodes_;  // never sooner than a period
+  for (; next_scan_ <= now_; next_scan_ += (kScanPeriod + nodes_ - 1) / nodes_)
+    if (const auto& node = control_[scans_++ % nodes_]) node->run(now_);
+  scan_files();
+}
+
+void Crowd::scan_files() {
+  for (; next_file_scan_ <= now_; next_file_scan_ += (file_scan_period_ + nodes_ - 1) / nodes_) {
+    const auto node = static_cast<uint32_t>(file_scans_++ % nodes_);
+    if (control_[node]) files_.scan(node, now_);
   }
 }
 
@@ -221,7 +224,7 @@ void Crowd::run_lead() {
 
 void Crowd::step(uint64_t end) {
   const uint64_t due = lead_->next_deadline(now_);
-  uint64_t next = std::min({end, due, next_scan_});
+  uint64_t next = std::min({end, due, next_scan_, next_file_scan_});
   if (!downs_.empty()) next = std::min(next, downs_.front()->at);
   if (!ups_.empty()) next = std::min(next, ups_.front().at);
   now_ = std::max(next, now_);

@@ -77,7 +77,8 @@ class LeadWatch {
 class Crowd : private lead::DatagramSink, private lead::Events {
  public:
   // `watch` may be null.
-  Crowd(const lead::Settings& settings, FormulaStore& store, uint32_t nodes, LeadWatch* watch);
+  Crowd(const lead::Settings& settings, FormulaStore& store, uint32_t nodes, LeadWatch* watch,
+        const NodeTimeouts& timeouts = NodeTimeouts::of_the_library());
 
   static lead::Settings default_settings(uint64_t rate_bits);
   // Share of datagrams that the node loses of what it receives, and the network of what it sends.
@@ -111,7 +112,6 @@ class Crowd : private lead::DatagramSink, private lead::Events {
  private:
   static constexpr uint64_t kLatency = 200'000;           // ns, one way
   static constexpr uint64_t kScanPeriod = 250'000'000;    // of a node's control thread
-  static constexpr uint64_t kScansPerDataScan = 2;        // its file thread's is twice as long
   static constexpr uint32_t kFirstAddress = 0x0A000002u;  // 10.0.0.2
 
   struct Down {  // of the lead
@@ -133,6 +133,7 @@ class Crowd : private lead::DatagramSink, private lead::Events {
   void from_node(uint32_t node, lead::Channel channel, Bytes bytes);
   void deliver(const Down& down);
   void run_nodes();
+  void scan_files();
   void run_lead();
   void step(uint64_t end);
 
@@ -151,6 +152,9 @@ class Crowd : private lead::DatagramSink, private lead::Events {
   uint64_t now_ = 1'000'000'000;
   uint64_t scans_ = 0;  // of single nodes, one after the other
   uint64_t next_scan_ = 0;
+  const uint64_t file_scan_period_;
+  uint64_t file_scans_ = 0;
+  uint64_t next_file_scan_ = 0;
   Traffic traffic_;
   std::unique_ptr<lead::Lead> lead_;
 };

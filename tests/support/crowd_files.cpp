@@ -45,8 +45,10 @@ Bytes request_frame(uint32_t address) {
 
 }  // namespace
 
-CrowdFiles::CrowdFiles(uint32_t nodes, uint32_t first_address, Send send, Check check)
+CrowdFiles::CrowdFiles(uint32_t nodes, uint32_t first_address, const NodeTimeouts& timeouts,
+                       Send send, Check check)
     : first_address_(first_address),
+      timeouts_(timeouts),
       send_(std::move(send)),
       check_(std::move(check)),
       nodes_(nodes) {
@@ -261,16 +263,16 @@ void CrowdFiles::time_out(File& file, uint32_t node, uint64_t now) {
   Entry& entry = file.entries[node];
   const uint32_t segments = entry.id != 0 ? file.segments : 0;
   const uint64_t factor = entry.time_outs + uint64_t{1};
-  const bool info = entry.pending && since(now, entry.start) >= kInfoTimeout * factor;
-  const bool lost = entry.lacking != 0 && since(now, entry.repair) >= kMissingTimeout * factor;
+  const bool info = entry.pending && since(now, entry.start) >= timeouts_.info * factor;
+  const bool lost = entry.lacking != 0 && since(now, entry.repair) >= timeouts_.missing * factor;
   const bool tail = entry.received != 0 && entry.received < segments &&
                     segments - entry.received < kTail &&
-                    since(now, entry.start) >= kMissingTimeout * factor;
-  const bool silent =
-      entry.received < segments && since(now, nodes_[node].last_data) >= kNotDoneTimeout * factor;
+                    since(now, entry.start) >= timeouts_.missing * factor;
+  const bool silent = entry.received < segments &&
+                      since(now, nodes_[node].last_data) >= timeouts_.not_done * factor;
   if (!info && !lost && !tail && !silent) return;
   ++counters_.time_outs;
-  if (entry.time_outs >= kMaxRetries)
+  if (entry.time_outs >= timeouts_.max_retries)
     return end(file, node, PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT), now);
   ++entry.time_outs;
   if (info || (!lost && !tail)) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "node_rules.h"
 #include "wire_frame.h"
 
 namespace pkgdist::test {
@@ -25,12 +26,13 @@ class CrowdFiles {
       std::function<bool(const std::string& name, uint64_t offset, std::span<const uint8_t>)>;
 
   // Node i has the address first_address + i.
-  CrowdFiles(uint32_t nodes, uint32_t first_address, Send send, Check check);
+  CrowdFiles(uint32_t nodes, uint32_t first_address, const NodeTimeouts& timeouts, Send send,
+             Check check);
 
   void on_list(uint32_t node, std::span<const uint8_t> bytes, uint64_t now);
   // A datagram of the data channel; got[i] says whether node i received it.
   void on_data(std::span<const uint8_t> bytes, std::span<const uint8_t> got, uint64_t now);
-  // The node's time-out pass, to be called every half second.
+  // The node's time-out pass, to be called once in a scan period.
   void scan(uint32_t node, uint64_t now);
 
   struct Counters {
@@ -113,6 +115,7 @@ class CrowdFiles {
   static size_t words(const File& file) { return (size_t{file.segments} + 63) / 64; }
 
   const uint32_t first_address_;
+  const NodeTimeouts timeouts_;
   Send send_;
   Check check_;
   Counters counters_;

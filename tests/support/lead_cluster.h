@@ -211,7 +211,6 @@ class Cluster {
       batch_length = length;
       cluster.from_lead(index, channel, destination, {bytes.data(), length});
     }
-    void end_batch() override { batch_ended = true; }
     void node_appeared(const lead::NodeInfo&) override { ++seen.appeared; }
     void node_restarted(const lead::NodeInfo&) override { ++seen.restarted; }
     void node_silent(const lead::NodeInfo&) override { ++seen.silent; }
@@ -295,7 +294,7 @@ class Cluster {
   }
   void carry(size_t receiver, To to, lead::Channel channel, Path& path,
              const std::shared_ptr<const Bytes>& bytes, uint32_t lead = 0, bool unicast = false) {
-    const Fate fate = path.next();
+    const Fate fate = path.next(now_, bytes->size());
     if (fate.dropped) return;
     uint64_t at = now_ + kLatency + fate.extra_delay_ns;
     for (int i = 0; i < fate.copies; ++i, at += fate.copy_delay_ns)
@@ -351,7 +350,7 @@ class Cluster {
     bool due = false;
     for (const auto& leader : leaders_) {
       if (!leader->process || leader->suspended) continue;
-      leader->end_batch();
+      leader->batch_ended = true;
       leader->process->run(now_ + leader->clock_ahead);
       due |= deadline_of(*leader) <= now_;
     }
@@ -375,14 +374,19 @@ class Cluster {
 // With modelled nodes, and one lead from the start.
 class LeadCluster : public Cluster<ModelNode> {
  public:
-  explicit LeadCluster(lead::Settings settings = default_settings()) : Cluster(make_node) {
+  explicit LeadCluster(lead::Settings settings = default_settings(),
+                       const NodeTimeouts& timeouts = NodeTimeouts::of_the_library())
+      : Cluster([timeouts](const Place& place, Disk& disk, Send send) {
+          return make_node(place, disk, std::move(send), timeouts);
+        }) {
     add_lead(settings);
   }
 
  private:
-  static std::unique_ptr<ModelNode> make_node(const Place& place, Disk& disk, Send send) {
+  static std::unique_ptr<ModelNode> make_node(const Place& place, Disk& disk, Send send,
+                                              const NodeTimeouts& timeouts) {
     const ModelNode::Identity identity{place.address, place.pid,
-                                       static_cast<uint32_t>(place.index + 1) << 8, 7};
+                                       static_cast<uint32_t>(place.index + 1) << 8, 7, timeouts};
     const auto node = std::make_shared<ModelNode*>(nullptr);
     auto made = std::make_unique<ModelNode>(
         identity, disk, [node, send = std::move(send)](ModelNode::To to, Bytes bytes) {

@@ -4,7 +4,10 @@
 // several. The same start value gives the same decisions.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <random>
 #include <utility>
@@ -13,6 +16,8 @@
 namespace pkgdist::test {
 
 struct Fate {
+  uint64_t at_ns = 0;  // when the datagram sets out
+  size_t bytes = 0;    // of UDP payload
   bool dropped = false;
   int copies = 1;               // more than one: duplicated
   uint64_t extra_delay_ns = 0;  // overtaken by what is sent later
@@ -154,6 +159,99 @@ class Outage : public LossModel {
   std::shared_ptr<const bool> down_;
 };
 
+// A way that takes its time.
+class Delay : public LossModel {
+ public:
+  explicit Delay(uint64_t delay_ns) : delay_ns_(delay_ns) {}
+  void decide(Fate& fate) override { fate.extra_delay_ns += delay_ns_; }
+
+ private:
+  uint64_t delay_ns_;
+};
+
+// A queue that holds so many bytes and is served at a rate, in the order of arrival. What finds no
+// room is dropped. What its bytes are, in store and in service, is for those who derive from it.
+class FiniteQueue : public LossModel {
+ public:
+  static constexpr uint64_t kUnlimited = UINT64_MAX;
+
+  FiniteQueue(uint64_t capacity, double bytes_per_second)
+      : capacity_(capacity), ns_per_byte_(1e9 / bytes_per_second) {}
+
+  void decide(Fate& fate) override {
+    if (fate.dropped) return;
+    const uint64_t arrival = fate.at_ns + fate.extra_delay_ns;
+    while (!queue_.empty() && queue_.front().done <= arrival) {
+      used_ -= queue_.front().stored;
+      queue_.pop_front();
+    }
+    const uint64_t stored = stored_bytes(fate.bytes);
+    if (stored > capacity_ - used_) {
+      fate.dropped = true;
+      ++dropped_;
+      return;
+    }
+    const double begin = std::max(served_until_, static_cast<double>(arrival));
+    served_until_ = begin + static_cast<double>(served_bytes(fate.bytes)) * ns_per_byte_;
+    const auto done = static_cast<uint64_t>(served_until_);
+    queue_.push_back({done, stored});
+    used_ += stored;
+    most_used_ = std::max(most_used_, used_);
+    fate.extra_delay_ns += done - arrival;
+  }
+
+  uint64_t dropped() const { return dropped_; }
+  uint64_t most_used() const { return most_used_; }
+
+ private:
+  struct Entry {
+    uint64_t done;
+    uint64_t stored;
+  };
+  virtual uint64_t stored_bytes(size_t payload) const = 0;
+  virtual uint64_t served_bytes(size_t payload) const = 0;
+
+  uint64_t capacity_;
+  double ns_per_byte_;
+  double served_until_ = 0;
+  uint64_t used_ = 0;
+  uint64_t most_used_ = 0;
+  uint64_t dropped_ = 0;
+  std::deque<Entry> queue_;
+};
+
+// A node's socket, and the node that handles so many bytes of payload per second. The system
+// charges a datagram with the memory that it takes, far more than its bytes.
+class NodeSocket : public FiniteQueue {
+ public:
+  using FiniteQueue::FiniteQueue;
+  static constexpr uint64_t kUsualSize = 212'992;
+  static constexpr uint64_t kFullCharge = 2304;
+  static constexpr uint64_t kSmallCharge = 768;
+
+ private:
+  static constexpr size_t kSmall = 256;  // bytes of payload
+  uint64_t stored_bytes(size_t payload) const override {
+    return payload > kSmall ? kFullCharge : kSmallCharge;
+  }
+  uint64_t served_bytes(size_t payload) const override { return payload; }
+};
+
+// A port of a switch, or of a host: frames in a buffer, which leave at the link's rate.
+class LinkPort : public FiniteQueue {
+ public:
+  LinkPort(uint64_t buffer_bytes, double bits_per_second)
+      : FiniteQueue(buffer_bytes, bits_per_second / 8) {}
+  // A datagram's bytes on the link.
+  static constexpr uint64_t wire_bytes(size_t payload) { return payload + kHeaders + kGap; }
+
+ private:
+  static constexpr size_t kHeaders = 28 + 18;  // IPv4 and UDP, Ethernet with its check sum
+  static constexpr size_t kGap = 20;           // preamble and pause between frames
+  uint64_t stored_bytes(size_t payload) const override { return payload + kHeaders; }
+  uint64_t served_bytes(size_t payload) const override { return wire_bytes(payload); }
+};
+
 // Several models one after the other.
 class Path {
  public:
@@ -162,9 +260,18 @@ class Path {
     models_.push_back(std::make_shared<Model>(std::forward<Args>(args)...));
     return *this;
   }
+  // The model itself, for those who ask it later.
+  template <class Model, class... Args>
+  std::shared_ptr<Model> add(Args&&... args) {
+    auto model = std::make_shared<Model>(std::forward<Args>(args)...);
+    models_.push_back(model);
+    return model;
+  }
   void clear() { models_.clear(); }
-  Fate next() {
+  Fate next(uint64_t at_ns = 0, size_t bytes = 0) {
     Fate fate;
+    fate.at_ns = at_ns;
+    fate.bytes = bytes;
     for (const auto& model : models_) model->decide(fate);
     return fate;
   }

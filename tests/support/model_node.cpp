@@ -15,7 +15,6 @@ constexpr uint64_t kControlScan = 250 * kMs;
 constexpr uint64_t kSegmentTimeout = 250 * kMs;
 constexpr uint64_t kLeadAckTimeout = 500 * kMs;
 constexpr uint64_t kLeadSilence = 7500 * kMs;
-constexpr uint64_t kDataScan = 500 * kMs;
 
 template <class List>
 bool names_me(const uint32_t* nodes, List count, uint32_t me) {
@@ -560,16 +559,17 @@ void ModelNode::request_all(Entry& entry, bool mark, uint64_t now) {
 bool ModelNode::time_out(EntryAt at, uint64_t now) {
   Entry& entry = *at;
   const uint64_t factor = entry.time_outs + 1;
-  const bool info = entry.pending && since(now, entry.start) >= kInfoTimeout * factor;
-  const bool missing = entry.lacking != 0 && since(now, entry.repair) >= kMissingTimeout * factor;
+  const bool info = entry.pending && since(now, entry.start) >= self_.timeouts.info * factor;
+  const bool missing =
+      entry.lacking != 0 && since(now, entry.repair) >= self_.timeouts.missing * factor;
   const bool tail = entry.received != 0 && entry.received < entry.segments &&
                     entry.segments - entry.received < kTail &&
-                    since(now, entry.start) >= kMissingTimeout * factor;
+                    since(now, entry.start) >= self_.timeouts.missing * factor;
   const bool silent =
-      entry.received < entry.segments && since(now, last_data_) >= kNotDoneTimeout * factor;
+      entry.received < entry.segments && since(now, last_data_) >= self_.timeouts.not_done * factor;
   if (!info && !missing && !tail && !silent) return false;
   ++counters_.time_outs;
-  if (entry.time_outs >= kMaxRetries) {
+  if (entry.time_outs >= self_.timeouts.max_retries) {
     end(at, PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT), now);
     return true;
   }
@@ -682,14 +682,14 @@ void ModelNode::run(uint64_t now) {
     scan_control(now);
     scan_outgoing(now);
   }
-  if (since(now, data_scanned_) >= kDataScan) {
+  if (since(now, data_scanned_) >= self_.timeouts.scan) {
     data_scanned_ = now;
     scan_data(now);
   }
 }
 
 uint64_t ModelNode::next_deadline() const {
-  return std::min(control_scanned_ + kControlScan, data_scanned_ + kDataScan);
+  return std::min(control_scanned_ + kControlScan, data_scanned_ + self_.timeouts.scan);
 }
 
 }  // namespace pkgdist::test

@@ -15,6 +15,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "node_rules.h"
 #include "wire_frame.h"
 
 namespace pkgdist::test {
@@ -45,6 +46,7 @@ class ModelNode {
     uint32_t pid = 0;
     uint32_t node_id = 0;
     uint32_t card_class = 7;
+    NodeTimeouts timeouts = {};
   };
 
   ModelNode(Identity identity, Disk& disk, Send send);

@@ -17,6 +17,7 @@ struct ScaleCase {
   double worst_loss = 0.1;
   double up_share = 1;
   uint64_t start = 1;  // of the random numbers
+  NodeTimeouts timeouts = NodeTimeouts::of_the_node_program();
 
   uint64_t content() const { return files * file_bytes; }
   double loss_of(uint32_t node) const { return worst_loss * (node + 0.5) / nodes; }

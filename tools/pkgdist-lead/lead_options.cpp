@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <cmath>
+#include <map>
 
 namespace pkgdist::lead_program {
 
@@ -40,7 +41,7 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
   command
       .add_option_function<std::string>(
           "--max-rate", [o](const std::string& text) { o->max_rate_bits = parse_rate(text); },
-          "ceiling of the automatic rate")
+          "never send faster than this")
       ->type_name("MBIT");
   command
       .add_option("--timeout", options.timeout_seconds,
@@ -79,6 +80,20 @@ void add_push(CLI::App& app, LeadOptions& options) {
       ->type_name("1..4 [2]")
       ->check(CLI::Range(1, 4));
   add_location(*push, options);
+  push->add_option("--max-time", options.max_seconds,
+                   "end the push after so many seconds, whatever is left")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 1e7));
+  using lead::SlowNodes;
+  push->add_option("--slow-nodes", options.slow_nodes,
+                   "a node at less than half the pace of the others: wait for it, drop it, or "
+                   "serve it after them")
+      ->type_name("wait|drop|after [wait]")
+      ->transform(
+          CLI::CheckedTransformer(std::map<std::string, SlowNodes>{{"wait", SlowNodes::kWait},
+                                                                   {"drop", SlowNodes::kDrop},
+                                                                   {"after", SlowNodes::kAfter}})
+              .description(""));
   push->add_option("PATH", options.paths, "files or directories below the location's root")
       ->required();
   add_stream_options(*push, options);

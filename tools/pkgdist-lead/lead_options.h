@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli_common.h"
+#include "pkgdist_lead/push.h"
 
 namespace pkgdist::lead_program {
 
@@ -15,10 +16,12 @@ struct LeadOptions {
   cli::CommonOptions common;
   Command command = Command::kPush;
   std::string control_path;    // of the control socket; empty: see control_path.h
-  uint64_t rate_bits = 0;      // 0: adaptive
-  uint64_t max_rate_bits = 0;  // 0: built in
+  uint64_t rate_bits = 0;      // 0: the nodes set the pace
+  uint64_t max_rate_bits = 0;  // 0: no ceiling
   std::optional<cli::Endpoint> metrics;
   double timeout_seconds = 30;
+  double max_seconds = 0;  // of a push, 0: no limit
+  lead::SlowNodes slow_nodes = lead::SlowNodes::kWait;
   uint32_t ttl = 1;
 
   // push

@@ -35,6 +35,8 @@ lead::PushRequest push_request(const LeadOptions& options, std::vector<lead::Pus
   request.nodes = options.nodes;
   request.node_count = options.node_count;
   request.node_timeout = static_cast<lead::Time>(options.timeout_seconds * 1e9);
+  request.slow_nodes = options.slow_nodes;
+  request.max_time = static_cast<lead::Time>(options.max_seconds * 1e9);
   return request;
 }
 
@@ -112,6 +114,7 @@ void tell_counters(Reporter& reporter, Session& session) {
                                      {"segments_requested", c.segments_requested},
                                      {"infos_sent", c.infos_sent},
                                      {"miss_done_sent", c.miss_done_sent},
+                                     {"polls_sent", c.polls_sent},
                                      {"control_sent", c.control_sent},
                                      {"control_resent", c.control_resent},
                                      {"data_bytes_sent", c.data_bytes_sent},

@@ -37,7 +37,8 @@ std::string percent(double share) {
 
 const char* state_of(const lead::PushNodeReport& node) {
   if (!node.heard) return "never heard";
-  if (node.files_left != 0) return node.silent ? "silent" : "incomplete";
+  if (node.files_left != 0)
+    return node.silent ? "silent" : node.deferred ? "deferred" : "incomplete";
   return node.files_failed == 0 ? "complete" : "failed";
 }
 

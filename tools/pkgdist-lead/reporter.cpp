@@ -76,6 +76,10 @@ void Reporter::node_returned(const lead::NodeInfo& node) {
   node_event("node-returned", "is back", node);
 }
 
+void Reporter::node_deferred(const lead::NodeInfo& node) {
+  node_event("node-deferred", "is slow: it gets the rest after the others", node);
+}
+
 void Reporter::push_started(uint32_t transaction, uint64_t files, uint64_t bytes, uint32_t nodes) {
   json_.print(
       "push-started",

@@ -23,6 +23,7 @@ class Reporter : public lead::Events {
   void node_restarted(const lead::NodeInfo& node) override;
   void node_silent(const lead::NodeInfo& node) override;
   void node_returned(const lead::NodeInfo& node) override;
+  void node_deferred(const lead::NodeInfo& node) override;
   void push_started(uint32_t transaction, uint64_t files, uint64_t bytes, uint32_t nodes) override;
   void file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
                   bool skipped) override;

@@ -35,6 +35,9 @@ class Events {
   // A file of the push ended on a node. `skipped`: the node had it already.
   virtual void file_ended(const NodeInfo&, const std::string& /*name*/, uint64_t /*status*/,
                           bool /*skipped*/) {}
+  // The node is slow: the push goes on without it, and comes back to it when the others have
+  // everything.
+  virtual void node_deferred(const NodeInfo&) {}
   virtual void push_finished() {}
 
   // A message of a node, whole and once.

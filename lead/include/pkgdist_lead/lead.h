@@ -34,8 +34,8 @@ inline constexpr uint32_t kDefaultSegmentSize = 1400;
 // Nodes take another lead after 7.5 s of silence of theirs: a little later, so that the first ping
 // finds every node ready.
 inline constexpr Time kDefaultTakeover = 8 * kSecond;
-// More than one interval between the pings of a lead that has nothing to do.
-inline constexpr Time kDefaultListen = 1250 * kMillisecond;
+// How long a lead that begins waits for the answer of another one, which is due at once.
+inline constexpr Time kDefaultListen = 100 * kMillisecond;
 
 struct Settings {
   uint32_t address = 0;  // own IPv4 address, host byte order
@@ -44,14 +44,15 @@ struct Settings {
   uint64_t seed = 0;     // start of file and transaction identifiers: different in every process
   uint32_t initial_sequence = 0;  // the first control message carries the next higher sequence
   uint32_t segment_size = kDefaultSegmentSize;  // bytes
-  uint64_t rate_bits = 0;            // of the data stream per second; 0: adapts to the nodes
-  uint64_t max_rate_bits = 0;        // ceiling of the adaptive rate; 0: built-in ceiling
+  // Of the data stream per second, never exceeded; the nodes set the pace below it. 0: no limit.
+  uint64_t rate_bits = 0;
+  uint64_t max_rate_bits = 0;        // the same, when there is no rate_bits
   Time node_timeout = 30 * kSecond;  // silence after which a node counts as gone
 
   // Beside other leads. Wall-clock seconds (since the epoch) at time 0 of the clock that is handed
   // in: tells which of two leads began earlier.
   uint64_t wall_seconds = 0;
-  Time listen = 0;                   // silence before the first ping; 0: leads at once
+  Time listen = 0;                   // time to ask for others before the first ping; 0: none
   bool standby = false;              // begins by standing by
   Time takeover = kDefaultTakeover;  // silence of the other lead after which a standby leads
 };
@@ -63,9 +64,10 @@ struct Counters {
   uint64_t control_resent = 0;
   uint64_t nacks_received = 0;
   uint64_t infos_sent = 0;
-  uint64_t segments_sent = 0;  // all of them
-  uint64_t repairs_sent = 0;   // of those, in answer to requests
-  uint64_t miss_done_sent = 0;
+  uint64_t segments_sent = 0;       // all of them
+  uint64_t repairs_sent = 0;        // of those, in answer to requests
+  uint64_t miss_done_sent = 0;      // polls about files
+  uint64_t polls_sent = 0;          // of the window
   uint64_t data_bytes_sent = 0;     // UDP payload on the data channel
   uint64_t segments_requested = 0;  // by all nodes, clipped to the file
   uint64_t files_requested = 0;
@@ -132,7 +134,7 @@ class Lead {
   // The other lead that was heard last, 0 when none was.
   uint32_t other_lead() const;
 
-  uint64_t rate_bits() const;  // of the data stream at present
+  uint64_t rate_bits() const;  // of the data stream: the fixed one, or what the nodes handle
   const Counters& counters() const;
 
  private:

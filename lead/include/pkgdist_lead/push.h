@@ -15,6 +15,13 @@ struct PushFile {
   uint64_t size = 0;  // bytes, for progress; what is sent is read when its turn comes
 };
 
+// What becomes of a node that takes data at less than half the pace of the others.
+enum class SlowNodes : uint8_t {
+  kWait,   // the others wait for it
+  kDrop,   // the push ends for it
+  kAfter,  // it gets the rest when the others have everything
+};
+
 struct PushRequest {
   std::vector<PushFile> files;
   uint32_t location = 1;
@@ -25,14 +32,18 @@ struct PushRequest {
   uint32_t node_count = 1;
   // How long to wait for absent nodes at the start, and how long a node may be silent later.
   Time node_timeout = 30 * kSecond;
+  // The push ends after this, whatever is left; 0: no limit. Counted from start_push().
+  Time max_time = 0;
+  SlowNodes slow_nodes = SlowNodes::kWait;
 };
 
 // Where one node stands.
 struct PushNodeReport {
   uint32_t address = 0;
   uint32_t node_id = 0;
-  bool heard = false;   // answered at least once
-  bool silent = false;  // has fallen silent
+  bool heard = false;     // answered at least once
+  bool silent = false;    // has fallen silent
+  bool deferred = false;  // was too slow: gets the rest when the others have everything
   uint64_t files_done = 0;
   uint64_t files_skipped = 0;      // of files_done: were there already
   uint64_t files_failed = 0;       // ended with an error

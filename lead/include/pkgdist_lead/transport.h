@@ -25,10 +25,6 @@ class DatagramSink {
   // Sends the first `length` bytes of buffer() to the channel's group or to the node at the IPv4
   // address `destination` (host byte order).
   virtual void send(Channel channel, uint32_t destination, size_t length) = 0;
-
-  // What is sent from here on leaves apart from what was sent before. A sink that hands several
-  // datagrams to the system in one batch begins a new one; a batch may get lost as a whole.
-  virtual void end_batch() {}
 };
 
 }  // namespace pkgdist::lead

@@ -32,7 +32,6 @@ class UdpTransport : public DatagramSink {
   // Datagrams are gathered and leave at flush(), or when many have gathered.
   std::span<uint8_t> buffer() override;
   void send(Channel channel, uint32_t destination, size_t length) override;
-  void end_batch() override;
   void flush();
 
   // Hands what has arrived to the lead, at most a bounded number of datagrams: from the sockets

@@ -1,4 +1,4 @@
-#include "control_stream.h"
+#include "control/control_stream.h"
 
 #include <gtest/gtest.h>
 

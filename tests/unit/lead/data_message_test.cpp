@@ -1,4 +1,4 @@
-#include "data_message.h"
+#include "stream/data_message.h"
 
 #include <gtest/gtest.h>
 
@@ -53,7 +53,7 @@ TEST(DataMessage, information_with_the_longest_name_and_list_fits) {
   std::vector<uint32_t> nodes(kMaxListedNodes, kSelf);
   test::Bytes out(PKGDIST_DATA_PKT_MAX);
   EXPECT_GT(build_info(out, kSelf, transfer, 1400, nodes), 0u);
-  EXPECT_GT(build_miss_done(out, kSelf, transfer, transfer.id, nodes), 0u);
+  EXPECT_GT(build_poll(out, kSelf, transfer.key, transfer.id, nodes), 0u);
 }
 
 TEST(DataMessage, a_link_is_announced_as_one_without_its_time) {

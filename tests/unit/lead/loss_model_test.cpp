@@ -89,5 +89,71 @@ TEST(LossModel, an_outage_drops_while_it_lasts) {
   EXPECT_EQ(fates(path, 1), "1");
 }
 
+TEST(LossModel, a_delay_delays_everything_alike) {
+  Path path;
+  path.with<Delay>(500u).with<Delay>(7u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(path.next().extra_delay_ns, 507u);
+}
+
+constexpr size_t kFull = 1428;
+
+TEST(LossModel, a_socket_of_the_usual_size_holds_92_full_datagrams) {
+  Path path;
+  const auto socket = path.add<NodeSocket>(NodeSocket::kUsualSize, 1e6);
+  for (int i = 0; i < 92; ++i) EXPECT_FALSE(path.next(1000, kFull).dropped) << i;
+  EXPECT_TRUE(path.next(1000, kFull).dropped);
+  EXPECT_FALSE(path.next(1000, 100).dropped);  // a small one fits in
+  EXPECT_EQ(socket->dropped(), 1u);
+  EXPECT_EQ(socket->most_used(), 92 * NodeSocket::kFullCharge + NodeSocket::kSmallCharge);
+}
+
+TEST(LossModel, a_node_handles_one_datagram_after_the_other_at_its_rate) {
+  Path path;
+  path.with<NodeSocket>(NodeSocket::kUsualSize, 1e6);  // a microsecond per byte
+  EXPECT_EQ(path.next(0, 1000).extra_delay_ns, 1'000'000u);
+  EXPECT_EQ(path.next(0, 1000).extra_delay_ns, 2'000'000u);
+  EXPECT_EQ(path.next(1'500'000, 1000).extra_delay_ns, 1'500'000u);
+  EXPECT_EQ(path.next(9'000'000, 1000).extra_delay_ns, 1'000'000u);
+}
+
+TEST(LossModel, a_socket_has_room_again_as_soon_as_a_datagram_was_handled) {
+  Path path;
+  path.with<NodeSocket>(2 * NodeSocket::kFullCharge, 1e6);
+  EXPECT_FALSE(path.next(0, 1000).dropped);
+  EXPECT_FALSE(path.next(0, 1000).dropped);
+  EXPECT_TRUE(path.next(999'999, 1000).dropped);
+  EXPECT_FALSE(path.next(1'000'000, 1000).dropped);
+}
+
+TEST(LossModel, a_port_sends_at_its_rate_and_drops_what_its_buffer_does_not_hold) {
+  Path path;
+  const auto port = path.add<LinkPort>(100'000u, 300e6);
+  int held = 0;
+  while (!path.next(0, kFull).dropped) ++held;
+  EXPECT_EQ(held, static_cast<int>(100'000 / (kFull + 46)));
+  EXPECT_EQ(port->dropped(), 1u);
+  // At 300 Mbit/s for a second.
+  uint64_t passed = 0;
+  for (uint64_t at = 1'000'000'000; at < 2'000'000'000; at += 20'000)
+    passed += path.next(at, kFull).dropped ? 0 : LinkPort::wire_bytes(kFull);
+  EXPECT_NEAR(static_cast<double>(passed), 300e6 / 8 + 100'000, 5'000);
+}
+
+TEST(LossModel, what_was_dropped_before_takes_no_room_in_a_queue) {
+  Path path;
+  path.with<DropRange>(0u, 5u);
+  const auto socket = path.add<NodeSocket>(NodeSocket::kFullCharge, 1e6);
+  for (int i = 0; i < 5; ++i) path.next(0, kFull);
+  EXPECT_FALSE(path.next(0, kFull).dropped);
+  EXPECT_EQ(socket->dropped(), 0u);
+}
+
+TEST(LossModel, a_queue_behind_a_delay_counts_from_the_arrival) {
+  Path path;
+  path.with<Delay>(5'000'000u).with<NodeSocket>(NodeSocket::kUsualSize, 1e6);
+  EXPECT_EQ(path.next(0, 1000).extra_delay_ns, 6'000'000u);
+  EXPECT_EQ(path.next(5'500'000, 1000).extra_delay_ns, 6'000'000u);
+}
+
 }  // namespace
 }  // namespace pkgdist::test

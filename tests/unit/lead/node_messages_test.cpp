@@ -1,4 +1,4 @@
-#include "node_messages.h"
+#include "control/node_messages.h"
 
 #include <gtest/gtest.h>
 

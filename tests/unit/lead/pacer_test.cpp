@@ -1,4 +1,4 @@
-#include "pacer.h"
+#include "stream/pacer.h"
 
 #include <gtest/gtest.h>
 

@@ -2,6 +2,8 @@
 // reorders, under a virtual clock.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "lead_cluster.h"
 #include "pkgdist/status.h"
 
@@ -62,9 +64,9 @@ TEST(Push, without_loss_sends_everything_exactly_once_at_the_given_rate) {
   for (const auto& [key, file] : cluster.store.files())
     segments += std::max<uint64_t>(1, (file.content.size() + kSegment - 1) / kSegment);
   EXPECT_EQ(counters.segments_sent, segments);
-  // One each; a second one until it is known that nothing gets lost, and four on the way through
+  // One each; more copies until it is known that nothing gets lost, and four on the way through
   // the large file.
-  EXPECT_LE(counters.infos_sent, cluster.store.files().size() + 1 + 4);
+  EXPECT_LE(counters.infos_sent, cluster.store.files().size() + 4 + 4);
   EXPECT_EQ(counters.miss_done_sent, 0u);
   const lead::PushReport report = cluster.lead().push_report();
   const double ideal = static_cast<double>(counters.data_bytes_sent) * 8 / 400e6;
@@ -535,6 +537,82 @@ TEST(PushTest, ends_when_a_node_has_forgotten_a_file_whose_report_was_lost) {
   *cut = false;
   EXPECT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 60 * kSecond));
   EXPECT_TRUE(cluster.lead().push_report().complete());
+}
+
+// --- A push always ends ---
+
+// Loses datagrams that are longer than the path takes.
+class NarrowPath : public LossModel {
+ public:
+  NarrowPath(std::shared_ptr<const size_t> length, size_t most)
+      : length_(std::move(length)), most_(most) {}
+  void decide(Fate& fate) override { fate.dropped |= *length_ > most_; }
+
+ private:
+  std::shared_ptr<const size_t> length_;
+  size_t most_;
+};
+
+TEST(PushEnds, when_small_datagrams_arrive_and_segments_do_not) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(100'000, 1));
+  cluster.add_hosts(2);
+  const auto length = std::make_shared<size_t>(0);
+  cluster.on_sent = [length](lead::Channel, uint32_t, std::span<const uint8_t> bytes) {
+    *length = bytes.size();
+  };
+  cluster.host(1).down.with<NarrowPath>(length, 1000);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 60 * kSecond));
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_EQ(report.nodes[0].files_done, 1u);
+  ASSERT_EQ(report.nodes[1].failed.size(), 1u);
+  EXPECT_EQ(report.nodes[1].failed.at(0), PKGDIST_STATUS_FROM_ERRNO(EMSGSIZE));
+}
+
+TEST(PushEnds, for_a_node_whose_process_restarts_again_and_again) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(50'000'000, 1));
+  cluster.add_hosts(2);
+  ASSERT_EQ(cluster.lead().start_push(cluster.push_all(), cluster.now()), nullptr);
+  for (size_t restarts = 1; restarts <= 4; ++restarts) {
+    ASSERT_TRUE(
+        cluster.run_until([&] { return cluster.node(0).counters().segments > 100; }, 20 * kSecond));
+    EXPECT_TRUE(cluster.lead().push_report().nodes[0].failed.empty());
+    cluster.start_node(0);
+    ASSERT_TRUE(
+        cluster.run_until([&] { return cluster.seen().restarted == restarts; }, 20 * kSecond));
+  }
+  ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 20 * kSecond));
+  const lead::PushReport report = cluster.lead().push_report();
+  ASSERT_EQ(report.nodes[0].failed.size(), 1u);
+  EXPECT_EQ(report.nodes[0].failed.at(0), PKGDIST_STATUS_FROM_ERRNO(ECONNRESET));
+  EXPECT_EQ(report.nodes[1].files_done, 1u);
+}
+
+TEST(PushEnds, when_its_time_is_over) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(100'000'000, 1));
+  cluster.add_hosts(1);
+  lead::PushRequest request = cluster.push_all();
+  request.max_time = 500 * kMillisecond;
+  const uint64_t started = cluster.now();
+  ASSERT_TRUE(cluster.run_push(request, 20 * kSecond));
+  EXPECT_LT(cluster.now() - started, 510 * kMillisecond);
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_FALSE(report.complete());
+  EXPECT_EQ(report.nodes[0].open.size(), 1u);
+}
+
+TEST(PushEnds, when_its_time_is_over_before_any_node_came) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(1000, 1));
+  cluster.add_host(false);
+  lead::PushRequest request = cluster.push_all();
+  request.max_time = 500 * kMillisecond;
+  const uint64_t started = cluster.now();
+  ASSERT_TRUE(cluster.run_push(request, 20 * kSecond));
+  EXPECT_LT(cluster.now() - started, 510 * kMillisecond);
+  EXPECT_FALSE(cluster.lead().push_report().complete());
 }
 
 }  // namespace

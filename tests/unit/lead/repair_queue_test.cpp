@@ -1,4 +1,4 @@
-#include "repair_queue.h"
+#include "stream/repair_queue.h"
 
 #include <gtest/gtest.h>
 
@@ -55,73 +55,14 @@ TEST(RepairQueue, goes_on_where_it_stood) {
   EXPECT_EQ(queue.take(kSecond), 10u);
 }
 
-TEST(RepairQueue, with_patience_repairs_wait_until_nothing_is_asked_for_a_tenth_of_a_second) {
+TEST(RepairQueue, a_request_after_a_silence_replaces_what_was_asked_for) {
   RepairQueue queue(100);
-  queue.set_patient(true);
-  EXPECT_FALSE(queue.ripen(kSecond));
-  EXPECT_EQ(queue.request(5, 2, kSecond), 2u);
-  EXPECT_EQ(queue.request(6, 2, kSecond + 99 * kMillisecond), 1u);
-  EXPECT_FALSE(queue.ripen(kSecond + 198 * kMillisecond));
-  EXPECT_TRUE(queue.ripen(kSecond + 199 * kMillisecond));
-  for (const uint32_t segment : {5u, 6u, 7u})
-    EXPECT_EQ(queue.take(kSecond + 200 * kMillisecond), segment);
-  EXPECT_TRUE(queue.empty());
-  EXPECT_FALSE(queue.ripen(kSecond + 400 * kMillisecond));
-}
-
-TEST(RepairQueue, with_patience_repairs_wait_for_a_second_at_most) {
-  RepairQueue queue(100);
-  queue.set_patient(true);
-  for (uint32_t segment = 0; segment < 20; ++segment) {
-    const Time now = kSecond + segment * 50 * kMillisecond;
-    queue.request(segment, 1, now);
-    EXPECT_FALSE(queue.ripen(now));
-  }
-  EXPECT_TRUE(queue.ripen(2 * kSecond));
-  for (uint32_t segment = 0; segment <= 10; ++segment) EXPECT_EQ(queue.take(2 * kSecond), segment);
-  EXPECT_TRUE(queue.empty());
-}
-
-TEST(RepairQueue, what_waits_is_due_when_the_waiting_ends) {
-  RepairQueue queue(100);
-  queue.set_patient(true);
-  queue.request(5, 1, kSecond);
-  queue.request(3, 1, kSecond + 90 * kMillisecond);
-  EXPECT_FALSE(queue.ripen(kSecond + 110 * kMillisecond));
-  EXPECT_TRUE(queue.empty());
-  queue.end_waiting();
-  EXPECT_EQ(queue.take(kSecond + 120 * kMillisecond), 3u);
-  EXPECT_EQ(queue.take(kSecond + 120 * kMillisecond), 5u);
-  EXPECT_TRUE(queue.empty());
-}
-
-TEST(RepairQueue, what_is_taken_with_an_echo_comes_once_more) {
-  RepairQueue queue(100);
-  queue.request(1, 1, kSecond);
-  queue.take(kSecond);
-  queue.set_echo(true);
-  queue.request(7, 2, kSecond);
-  EXPECT_EQ(queue.take(kSecond), 7u);
-  EXPECT_EQ(queue.take(kSecond), 8u);
-  ASSERT_FALSE(queue.empty());
-  EXPECT_EQ(queue.take(kSecond), 7u);
-  EXPECT_EQ(queue.take(kSecond), 8u);
-  EXPECT_TRUE(queue.empty());
-}
-
-TEST(RepairQueue, an_echo_has_none_and_waits_for_what_is_asked_meanwhile) {
-  RepairQueue queue(100);
-  queue.set_echo(true);
-  queue.request(7, 2, kSecond);
-  EXPECT_EQ(queue.take(kSecond), 7u);
-  EXPECT_EQ(queue.take(kSecond), 8u);
-  EXPECT_EQ(queue.take(kSecond), 7u);
-  queue.set_echo(true);
-  queue.request(50, 1, kSecond);
-  EXPECT_EQ(queue.take(kSecond), 50u);
-  EXPECT_EQ(queue.take(kSecond), 8u);
-  EXPECT_EQ(queue.take(kSecond), 50u);
-  EXPECT_TRUE(queue.empty());
+  queue.request(1, 2, kSecond);
+  queue.request(7, 1, kSecond + 40 * kMillisecond);
+  EXPECT_EQ(queue.asked(), 3u);
+  queue.request(2, 1, kSecond + 100 * kMillisecond);
+  EXPECT_EQ(queue.asked(), 1u);
+  EXPECT_TRUE(queue.was_asked(2));
 }
 
 TEST(RepairQueue, repeats_what_was_asked_for_until_it_is_forgotten) {

@@ -4,12 +4,12 @@
 
 #include <random>
 
-#include "data_message.h"
-#include "file_list.h"
 #include "pkgdist/status.h"
 #include "pkgdist/wire_ctrl.h"
 #include "pkgdist/wire_data.h"
+#include "push/file_list.h"
 #include "scale_case.h"
+#include "stream/data_message.h"
 
 namespace pkgdist::test {
 namespace {
@@ -27,9 +27,10 @@ class Twins {
  public:
   Twins()
       : crowd_(
-            1, kNode, [this](uint32_t, Bytes bytes) { of_crowd_.push_back(std::move(bytes)); },
+            1, kNode, NodeTimeouts::of_the_library(),
+            [this](uint32_t, Bytes bytes) { of_crowd_.push_back(std::move(bytes)); },
             [](const std::string&, uint64_t, std::span<const uint8_t>) { return true; }),
-        model_({kNode, 1, 0, 7}, disk_, [this](ModelNode::To to, Bytes bytes) {
+        model_({kNode, 1, 0, 7, {}}, disk_, [this](ModelNode::To to, Bytes bytes) {
           if (to == ModelNode::To::kData) of_model_.push_back(std::move(bytes));
         }) {
     using H = pkgdist_ctrl_msg_hdr;

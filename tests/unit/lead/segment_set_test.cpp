@@ -1,4 +1,4 @@
-#include "segment_set.h"
+#include "stream/segment_set.h"
 
 #include <gtest/gtest.h>
 

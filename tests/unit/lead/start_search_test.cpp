@@ -1,4 +1,4 @@
-#include "start_search.h"
+#include "stream/start_search.h"
 
 #include <gtest/gtest.h>
 

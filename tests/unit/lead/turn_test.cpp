@@ -1,4 +1,4 @@
-#include "turn.h"
+#include "stream/turn.h"
 
 #include <gtest/gtest.h>
 

@@ -99,32 +99,5 @@ TEST_F(UdpTransportTest, only_the_last_of_a_batch_is_shorter) {
   EXPECT_EQ(receiver_.batches(), (std::vector<size_t>{3500, 2000}));
 }
 
-TEST_F(UdpTransportTest, what_is_sent_apart_leaves_apart) {
-  send(4, 1000);
-  transport_.end_batch();
-  send(6, 1000);
-  transport_.end_batch();
-  transport_.end_batch();
-  send(1, 1000);
-  transport_.flush();
-  EXPECT_EQ(receiver_.batches(), (std::vector<size_t>{4000, 6000, 1000}));
-}
-
-// Neither by the number of datagrams that are gathered nor by the bytes of a call.
-TEST_F(UdpTransportTest, a_batch_of_forty_large_datagrams_is_not_torn_apart) {
-  std::vector<size_t> received;
-  const auto receive = [&] {  // a socket buffer holds a few of them
-    for (const size_t bytes : receiver_.batches()) received.push_back(bytes);
-  };
-  for (int i = 0; i < 10; ++i) {
-    send(40, 1428);
-    transport_.end_batch();
-    receive();
-  }
-  transport_.flush();
-  receive();
-  EXPECT_EQ(received, std::vector<size_t>(10, size_t{40} * 1428));
-}
-
 }  // namespace
 }  // namespace pkgdist::lead

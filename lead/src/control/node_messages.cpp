@@ -1,0 +1,145 @@
+#include "control/node_messages.h"
+
+namespace pkgdist::lead {
+
+namespace {
+
+// After this long without a segment the missing ones are asked for, each time twice as long.
+constexpr Time kFirstNack = 30 * kMillisecond;
+constexpr Time kScanPeriod = 10 * kMillisecond;
+// A node sends a segment again for five NACKs; its own time-outs use the same account.
+constexpr uint32_t kMaxNacks = 3;
+// One round asks for this many segments at most: what is lacking beyond comes by the node's
+// time-out.
+constexpr size_t kMaxAsked = 64;
+// A message without a new segment for this long was given up by its node.
+constexpr Time kAbandoned = 30 * kSecond;
+// Messages of one node: in the making, and remembered as finished.
+constexpr size_t kMaxOpen = 1024;
+constexpr size_t kMaxDone = 8192;
+// Once per transmission of a finished message, not once per segment of it: a node's repetitions are
+// half a second apart at least.
+constexpr Time kAckHoldoff = 100 * kMillisecond;
+constexpr uint32_t kMaxAckCopies = 3;
+
+}  // namespace
+
+NodeMessages::NodeMessages(const Settings& self, const NodeTable& nodes, DatagramSink& sink,
+                           Counters& counters, Deliver deliver)
+    : self_(self), nodes_(nodes), sink_(sink), counters_(counters), deliver_(std::move(deliver)) {}
+
+Time NodeMessages::Message::due() const {
+  return last_activity + (nacks < kMaxNacks ? backoff(kFirstNack, nacks, kSecond) : kAbandoned);
+}
+
+bool NodeMessages::plausible(const pkgdist_ctrl_msg_hdr& header, const pkgdist_ctrl_msg& body) {
+  if (body.total_size == 0 || body.segment_size == 0) return false;
+  const uint64_t offset = uint64_t{header.segment} * body.segment_size;
+  if (offset >= body.total_size) return false;
+  return body.data_size == std::min<uint64_t>(body.segment_size, body.total_size - offset);
+}
+
+void NodeMessages::on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header,
+                              const pkgdist_ctrl_msg& body, Time now) {
+  if (!plausible(header, body)) {
+    ++counters_.bad_datagrams;
+    return;
+  }
+  Peer& peer = peers_[node];
+  if (const auto done = peer.done.find(header.sequence); done != peer.done.end())
+    return acknowledge_again(node, header.sequence, done->second, now);
+  auto found = peer.open.find(header.sequence);
+  if (found == peer.open.end()) {
+    if (peer.open.size() >= kMaxOpen) return;  // the node sends it again
+    found = peer.open.emplace(header.sequence, Message{}).first;
+    found->second.msg_class = body.msg_class;
+    found->second.total = body.total_size;
+    found->second.segment_size = body.segment_size;
+    if (open_++ == 0) next_scan_ = now + kScanPeriod;
+  }
+  Message& message = found->second;
+  if (message.total != body.total_size || message.segment_size != body.segment_size) {
+    ++counters_.bad_datagrams;
+    return;
+  }
+  message.last_activity = now;
+  message.segments.try_emplace(header.segment, body.data, body.data + body.data_size);
+  if (message.segments.size() == message.expected()) finish(node, peer, header.sequence, now);
+}
+
+void NodeMessages::acknowledge_again(NodeIndex node, uint32_t sequence, Done& done, Time now) {
+  if (elapsed(now, done.acknowledged) < kAckHoldoff) return;
+  done.acknowledged = now;
+  done.repeats = std::min(done.repeats + 1, kMaxAckCopies - 1);
+  for (uint32_t copies = 0; copies <= done.repeats; ++copies)
+    answer(node, PKGDIST_CTRL_MSG_ACK, sequence, nullptr);
+}
+
+void NodeMessages::finish(NodeIndex node, Peer& peer, uint32_t sequence, Time now) {
+  const auto found = peer.open.find(sequence);
+  const Message message = std::move(found->second);
+  peer.open.erase(found);
+  --open_;
+  peer.done.emplace(sequence, Done{now, 0});
+  if (peer.done.size() > kMaxDone) peer.done.erase(peer.done.begin());
+  answer(node, PKGDIST_CTRL_MSG_ACK, sequence, nullptr);
+  std::vector<uint8_t> bytes;
+  bytes.reserve(message.total);
+  for (const auto& [index, segment] : message.segments)
+    bytes.insert(bytes.end(), segment.begin(), segment.end());
+  deliver_(node, message.msg_class, bytes);
+}
+
+void NodeMessages::answer(NodeIndex node, uint32_t msg_id, uint32_t sequence,
+                          const uint32_t* segment) {
+  const size_t length = build_answer(sink_.buffer(), self_, msg_id, sequence, segment);
+  if (length == 0) return;
+  sink_.send(Channel::kControl, nodes_[node].info.address, length);
+  ++counters_.control_sent;
+}
+
+void NodeMessages::ask_missing(NodeIndex node, uint32_t sequence, const Message& message) {
+  size_t asked = 0;
+  const uint64_t expected = message.expected();
+  for (uint32_t i = 0; i < expected && asked < kMaxAsked; ++i) {
+    if (message.segments.contains(i)) continue;
+    answer(node, PKGDIST_CTRL_MSG_NACK, sequence, &i);
+    ++asked;
+  }
+}
+
+void NodeMessages::forget(NodeIndex node) {
+  const auto found = peers_.find(node);
+  if (found == peers_.end()) return;
+  open_ -= found->second.open.size();
+  peers_.erase(found);
+}
+
+void NodeMessages::run(Time now) {
+  if (open_ == 0 || now < next_scan_) return;
+  next_scan_ = now + kScanPeriod;
+  for (auto& [node, peer] : peers_) {
+    for (auto at = peer.open.begin(); at != peer.open.end();) {
+      Message& message = at->second;
+      if (message.due() > now) {
+        ++at;
+        continue;
+      }
+      if (message.nacks >= kMaxNacks) {
+        at = peer.open.erase(at);
+        --open_;
+        continue;
+      }
+      ask_missing(node, at->first, message);
+      ++message.nacks;
+      message.last_activity = now;
+      ++at;
+    }
+  }
+}
+
+Time NodeMessages::next_deadline() const {
+  return open_ == 0 ? kNever : next_scan_;
+}
+
+}  // namespace pkgdist::lead

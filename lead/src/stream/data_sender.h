@@ -1,0 +1,99 @@
+// The data stream: every file on its way, and what is sent next.
+//
+// A transfer's life: its information is sent (Queued -> Announced), after a short wait for nodes
+// that have the file already its segments follow (Streaming), and when the stream has gone round it
+// the nodes that have not reported are polled and helped (Settling), until every node concerned has
+// ended. This class is the loop over its parts:
+//
+//   transfer_table.h  the transfers under way
+//   schedule.h        what is announced and streamed next
+//   repair_line.h     what is repaired next, and repair_queue.h for each file
+//   settling.h        how a file ends
+//   window.h          how much may be in flight; pacer.h: how fast, when the operator says so
+//   open_contents.h   where the bytes come from
+//   data_output.h     what leaves
+//
+// Repairs are due at once, and take turns with the stream. A request for a segment that the stream
+// still comes to is ignored.
+#pragma once
+
+#include "stream/settling.h"
+
+namespace pkgdist::lead {
+
+class DataSender {
+ public:
+  DataSender(const Settings& self, const NodeTable& nodes, DatagramSink& sink, ContentStore& store,
+             Counters& counters, TransferObserver& observer);
+
+  // Begins the transfer of a file that has none yet.
+  TransferId start(FileKey key, uint32_t priority, uint64_t tag,
+                   const std::vector<NodeIndex>& nodes, Time now);
+  // Another owner: the one who uses this tag.
+  void hand_over(TransferId id, uint64_t tag) { table_.at(id)->tag = tag; }
+  // The node wants the file, too. `asked`: it just asked for the information, so it has none.
+  void join(TransferId id, NodeIndex node, bool asked, Time now);
+  // The node is gone: nothing is waited for.
+  void drop_node(NodeIndex node);
+  // Ends all transfers with a tag below this without a word.
+  void abandon(uint64_t tag_limit);
+  void abandon_all() { abandon(UINT64_MAX); }
+
+  TransferId find(const FileKey& key) const { return table_.find(key); }
+  const Transfer* get(TransferId id) const { return table_.at(id); }
+
+  // Transfers that are announced but not streamed yet, and the bytes in them.
+  size_t waiting_files() const { return schedule_.waiting_files(); }
+  uint64_t waiting_bytes() const { return schedule_.waiting_bytes(); }
+  size_t active_files() const { return table_.size(); }
+  // How long the stream takes to come to the end of what was started, at the present rate.
+  double backlog_seconds();
+
+  // Messages from nodes.
+  // Returns how many segments of the file were asked for, 0 when the request makes no sense.
+  uint32_t on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num,
+                              Time now);
+  void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);
+
+  // Tells one node that a file cannot be sent.
+  void refuse(const FileKey& key, uint64_t status, NodeIndex node) {
+    output_.refuse(table_.next_id(), key, status, node);
+  }
+
+  // Of the control channel.
+  void set_round_trip(Time round_trip) { schedule_.set_round_trip(round_trip); }
+  void run(Time now);
+  Time next_deadline(Time now) const;
+  // A node that the others wait for; kNoNode: there is none.
+  NodeIndex take_straggler(Time now) { return window_.take_straggler(now); }
+  // Bits per second: the fixed rate, or what the nodes handle at present.
+  uint64_t rate_bits() const {
+    return self_.rate_bits != 0 ? self_.rate_bits : static_cast<uint64_t>(window_.rate() * 8);
+  }
+
+ private:
+  bool send_next(Time now);
+  bool send_announcement(Time now);
+  bool send_repair(Time now);
+  bool send_stream(Time now);
+  bool send_segment(Transfer& transfer, uint32_t segment, DataOutput::As as, Time now);
+  void send_infos(Transfer& transfer, int copies, Time now);
+  bool poll_if_due(bool stops, Time now);
+  bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
+                        uint32_t num) const;
+
+  const Settings& self_;
+  Counters& counters_;
+  TransferTable table_;
+  OpenContents contents_;
+  Window window_;
+  Pacer pacer_;
+  DataOutput output_;
+  Schedule schedule_;
+  RepairLine repairs_;
+  LossMeter loss_;
+  Settling settling_;
+  bool repair_next_ = false;  // the stream had the last turn
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,60 @@
+// The segments of one file that nodes asked for again.
+//
+// Requests of all nodes are merged: one repair serves all. A segment that was just repaired is held
+// back for a short while, since nodes lose it together and ask one after the other. What was asked
+// for is remembered, because a repair can be lost, too; a request after a silence comes from a
+// node's time-out and names all that it lacks, so it replaces what was asked for before.
+#pragma once
+
+#include <algorithm>
+
+#include "pkgdist_lead/time.h"
+#include "stream/segment_set.h"
+
+namespace pkgdist::lead {
+
+class RepairQueue {
+ public:
+  explicit RepairQueue(uint32_t segments)
+      : due_(segments), recent_(segments), older_(segments), asked_(segments) {}
+
+  // How long a segment that was repaired is held back at least: a round trip, in which requests
+  // arrive that were sent before the repair came.
+  void set_holdoff(Time round_trip) { holdoff_ = std::clamp(round_trip, kMinHoldoff, kMaxHoldoff); }
+
+  // Enters a run inside the file; returns how many segments are to be repaired because of it.
+  uint32_t request(uint32_t first, uint32_t num, Time now);
+
+  bool empty() const { return due_.empty(); }
+  // Takes the next segment in rising order, going round. Not for an empty queue.
+  uint32_t take(Time now);
+
+  // What was asked for and, for all that is known, may still be lacking.
+  uint32_t asked() const { return asked_.count(); }
+  bool was_asked(uint32_t segment) const { return asked_.contains(segment); }
+  // Makes all of that due.
+  void repeat_asked() { due_.insert_all(asked_); }
+  void forget_asked() { asked_.clear(); }
+  void clear() { due_.clear(); }
+
+ private:
+  // Nodes have queues of their own, which a short round trip does not show; one that asks again
+  // after its time-out must not be held back.
+  static constexpr Time kMinHoldoff = 12 * kMillisecond;
+  static constexpr Time kMaxHoldoff = 500 * kMillisecond;
+  // A node sends all requests of one time-out pass without a pause.
+  static constexpr Time kRequestPause = 50 * kMillisecond;
+
+  void rotate(Time now);
+
+  SegmentSet due_;
+  SegmentSet recent_;  // repaired since rotated_
+  SegmentSet older_;   // repaired in the period before
+  SegmentSet asked_;
+  Time rotated_ = 0;
+  Time requested_ = 0;
+  Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these
+  uint32_t cursor_ = 0;
+};
+
+}  // namespace pkgdist::lead

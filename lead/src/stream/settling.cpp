@@ -1,0 +1,384 @@
+#include "stream/settling.h"
+
+#include <cerrno>
+
+#include "pkgdist/status.h"
+
+namespace pkgdist::lead {
+
+namespace {
+
+// Files of more segments are searched for the place where a node began; smaller ones are soon sent
+// again as a whole.
+constexpr uint32_t kLargeFile = 1024;
+// How much longer than a copy of a large file's segments takes on the wire nodes have waited for it
+// before it is sent: most of what it brings they have, and they may yet ask for less by themselves.
+constexpr Time kWaitPerCost = 8;
+// Copies of what was asked for, before the whole file is thought of.
+constexpr uint32_t kCopiesOfAsked = 2;
+// Rounds in which probe segments are sent, the second in case that the first one was lost; and how
+// many of them, of a file's segments and at least.
+constexpr uint32_t kProbeRounds = 2;
+constexpr uint32_t kProbePart = 64;
+constexpr uint32_t kLeastProbes = 400;
+// Between rounds that brought nothing, doubling. The ceiling stays below a node's time-outs.
+constexpr Time kLeastPause = 2 * kMillisecond;
+constexpr Time kMostPause = kSecond;
+// Answers about an earlier transfer of the same file: the node remembers how that one ended and
+// does not say how it stands with this one. If it knows of this one and lacks something, it asks
+// for that within a second and a half by itself; when it does not, it is told of the file again.
+constexpr uint32_t kMaxStale = 3;
+constexpr Time kStalePatience = 2 * kSecond;
+// Nodes remember for 30 s how a file ended, and give one up after 21 s without any information: one
+// that says nothing for longer, however often it is asked, has nothing to say.
+constexpr Time kSilentPatience = 35 * kSecond;
+constexpr uint32_t kSilentPolls = 10;
+// Longer than all time-outs of a node that has the library's own; rounds with something sent.
+constexpr Time kHopelessTime = 45 * kSecond;
+constexpr uint32_t kHopelessRounds = 12;
+// Where nothing but small datagrams arrives, waiting longer is of no use.
+constexpr Time kNoSegmentTime = 15 * kSecond;
+// All requests of a node's time-out pass come without a longer pause.
+constexpr Time kRequestPause = 50 * kMillisecond;
+
+using State = TransferNode::State;
+
+}  // namespace
+
+// --- When ---
+
+void Settling::arm(Transfer& transfer, Time when) {
+  if (transfer.timer != kNever) timers_.erase({transfer.timer, transfer.id});
+  transfer.timer = when;
+  if (when != kNever) timers_.emplace(when, transfer.id);
+}
+
+void Settling::watch(Transfer& transfer) {
+  transfer.watched = stream_.window.position();
+  watched_.push_back({transfer.watched, transfer.id});
+}
+
+void Settling::begin(Transfer& transfer, Time) {
+  transfer.stage = Transfer::Stage::kSettling;
+  transfer.asked_at = 0;
+  // The second time all segments have been seen twice.
+  transfer.tail_shown = transfer.copies != 0;
+  arm(transfer, kNever);
+  watch(transfer);
+}
+
+void Settling::repaired(Transfer& transfer) {
+  if (transfer.stage != Transfer::Stage::kSettling) return;
+  arm(transfer, kNever);
+  watch(transfer);
+}
+
+void Settling::hurry(Transfer& transfer, Time now) {
+  transfer.help_now = true;
+  if (transfer.stage == Transfer::Stage::kSettling) arm(transfer, now);
+}
+
+void Settling::stream_again(Transfer& transfer) {
+  arm(transfer, kNever);
+  transfer.watched = 0;
+  transfer.turn.extend();
+  transfer.stage = Transfer::Stage::kStreaming;
+  stream_.schedule.stream_again(transfer);
+}
+
+Transfer* Settling::next_due(Time now) {
+  const uint64_t handled = stream_.window.handled();
+  while (!watched_.empty() && watched_.front().position <= handled) {
+    const Watched due = watched_.front();
+    watched_.pop_front();
+    Transfer* const transfer = stream_.table.at(due.id);
+    if (transfer == nullptr || transfer->watched != due.position) continue;
+    transfer->watched = 0;
+    // Not all nodes are polled: the others get as long as answers take.
+    if (stream_.table.busy().count() <= Window::kMaxPolled) return transfer;
+    arm(*transfer, now + stream_.window.answer_time());
+  }
+  if (timers_.empty() || timers_.begin()->first > now) return nullptr;
+  return stream_.table.at(timers_.begin()->second);
+}
+
+bool Settling::run(Time now) {
+  Transfer* const transfer = next_due(now);
+  if (transfer == nullptr) return false;
+  arm(*transfer, kNever);
+  settle(*transfer, now);
+  return true;
+}
+
+Time Settling::next_deadline() const {
+  if (!watched_.empty() && watched_.front().position <= stream_.window.handled()) return 0;
+  return timers_.empty() ? kNever : timers_.begin()->first;
+}
+
+// --- A round ---
+
+void Settling::settle(Transfer& transfer, Time now) {
+  if (transfer.stage != Transfer::Stage::kSettling) return;
+  if (transfer.open + transfer.unlisted == 0) return close(transfer);
+  if (transfer.open == 0 || !transfer.repairs.empty()) return;  // woken by join() or by repairs
+  if (end_hopeless_nodes(transfer, now)) return;
+  const bool polled = transfer.asked_at != 0;
+  if (polled) judge_round(transfer, now);
+  const bool trouble = polled && (transfer.stuck != 0 || transfer.mute > 1);
+  const bool hurries = std::exchange(transfer.help_now, false);
+  if (trouble || hurries ? help(transfer, now) : show_tail(transfer, now)) return;
+  poll(transfer, now);
+}
+
+// What the answers to the last poll say.
+void Settling::judge_round(Transfer& transfer, Time now) {
+  bool idle = false;
+  for (NodeIndex i = 0; i < transfer.nodes.size(); ++i) {
+    const TransferNode& node = transfer.nodes[i];
+    if (node.state != State::kOpen || !node.answered || node.asked) continue;
+    idle = true;
+    Progress& progress = progress_[{transfer.id, i}];
+    if (progress.since == 0) progress.since = now;
+    ++progress.rounds;
+  }
+  if (idle) {
+    ++transfer.stuck;
+    transfer.mute = 0;
+    stream_.loss.lost(1.0 / std::max<double>(1, transfer.open));
+  } else if (transfer.answers == 0) {
+    ++transfer.mute;
+  } else {
+    transfer.progress();
+  }
+}
+
+// What only shows nodes where they stand does not count as served: they wait for the rest.
+bool Settling::send_segment(Transfer& transfer, uint32_t segment, Time now) {
+  const Time served = transfer.served;
+  const int error = stream_.output.segment(transfer, segment, DataOutput::As::kFirst, now);
+  transfer.served = served;
+  if (error != 0) fail(transfer, error, now);
+  return error == 0;
+}
+
+// Each returns true when settling goes on by itself.
+bool Settling::show_tail(Transfer& transfer, Time now) {
+  if (transfer.status != 0 || std::exchange(transfer.tail_shown, true)) return false;
+  const uint32_t last = transfer.turn.last();
+  const uint32_t first = last + 1 < transfer.segments ? last + 1 : 0;
+  if (!send_segment(transfer, last, now)) return true;
+  return first != last && !send_segment(transfer, first, now);
+}
+
+bool Settling::help(Transfer& transfer, Time now) {
+  stream_.output.info(transfer, now);
+  if (transfer.status != 0) return false;
+  const bool may_lack_the_start = transfer.segments > kLargeFile && transfer.stuck == 1;
+  if (!may_lack_the_start && send_copy(transfer, now)) return true;
+  transfer.tail_shown = false;
+  return show_tail(transfer, now) || send_probes(transfer, now);
+}
+
+// Whether nodes have waited long enough for what can be sent again, beside what that costs.
+bool Settling::copy_due(const Transfer& transfer, uint32_t segments, Time now) const {
+  constexpr double kInfoBytes = 150;
+  const double bytes =
+      kInfoBytes + static_cast<double>(transfer.attributes.size) * segments / transfer.segments;
+  const auto cost = static_cast<Time>(bytes / stream_.window.rate() * kSecond);
+  const Time waited = elapsed(now, std::max(transfer.served, transfer.last_request));
+  const Time wait = transfer.segments > kLargeFile ? kWaitPerCost * cost : cost;
+  return waited >= backoff(wait, transfer.copies, kNever);
+}
+
+bool Settling::send_copy(Transfer& transfer, Time now) {
+  if (transfer.stuck == 0) return false;
+  const uint32_t asked = transfer.repairs.asked();
+  const bool of_asked = asked != 0 && transfer.copies < kCopiesOfAsked;
+  if (!copy_due(transfer, of_asked ? asked : transfer.segments, now)) return false;
+  ++transfer.copies;
+  transfer.asked_at = 0;
+  if (of_asked) {
+    transfer.repairs.repeat_asked();
+    stream_.repairs.enter(transfer);
+  } else {
+    stream_again(transfer);
+  }
+  return true;
+}
+
+// A node that began in the middle asks for what it missed before when it sees these.
+bool Settling::send_probes(Transfer& transfer, Time now) {
+  if (transfer.segments <= kLargeFile || transfer.stuck > kProbeRounds) return false;
+  if (transfer.probes_sent > std::max(kLeastProbes, transfer.segments / kProbePart)) return false;
+  for (const uint32_t probe : transfer.start_search.marks()) {
+    if (!send_segment(transfer, probe, now)) return true;
+    ++transfer.probes_sent;
+  }
+  return false;
+}
+
+void Settling::poll(Transfer& transfer, Time now) {
+  for (TransferNode& node : transfer.nodes) {
+    node.answered = node.asked = false;
+    if (node.state == State::kOpen && node.unanswered < kSilentPolls) ++node.unanswered;
+  }
+  transfer.answers = 0;
+  stream_.output.file_poll(transfer);
+  transfer.asked_at = now;
+  const Time pause = backoff(kLeastPause, transfer.stuck, kMostPause);
+  const Time patience = backoff(stream_.window.answer_time(), transfer.mute, kMostPause);
+  arm(transfer, now + std::max(pause, patience));
+}
+
+// --- The end ---
+
+// Why nothing can be expected of an open node any more, as a status; 0: it can.
+uint64_t Settling::hopeless(const Transfer& transfer, NodeIndex node, Time now) const {
+  const TransferNode& state = transfer.nodes[node];
+  // It has ended the file and forgotten that: it no longer listens to the data stream, its report
+  // was lost, and it will not hear the poll.
+  if (state.unanswered >= kSilentPolls && elapsed(now, state.heard) >= kSilentPatience)
+    return PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT);
+  const auto found = progress_.find({transfer.id, node});
+  if (found == progress_.end() || found->second.rounds < kHopelessRounds) return 0;
+  const Time waited = elapsed(now, found->second.since);
+  // It has the information, which is small, and never saw a segment of a full datagram's size: it
+  // asks for nothing, or for all but the last one, which may be small.
+  const uint32_t lacking = found->second.lacking;
+  const bool nothing_came =
+      !state.has_info || (lacking != kUnknown && lacking + 1 >= transfer.segments);
+  if (nothing_came && transfer.segments > 1 && waited >= kNoSegmentTime)
+    return PKGDIST_STATUS_FROM_ERRNO(EMSGSIZE);
+  return waited >= kHopelessTime ? PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT) : 0;
+}
+
+// For these the file ends as given up, so that it can be told of it again. True when nobody is left
+// to be waited for.
+bool Settling::end_hopeless_nodes(Transfer& transfer, Time now) {
+  for (NodeIndex node = 0; node < transfer.nodes.size(); ++node) {
+    if (transfer.nodes[node].state != State::kOpen) continue;
+    if (const uint64_t status = hopeless(transfer, node, now); status != 0)
+      end_node(transfer, node, status);
+  }
+  if (transfer.open + transfer.unlisted != 0) return transfer.open == 0;
+  close(transfer);
+  return true;
+}
+
+void Settling::end_node(Transfer& transfer, NodeIndex node, uint64_t status) {
+  transfer.set_state(node, State::kEnded);
+  transfer.progress();
+  progress_.erase({transfer.id, node});
+  observer_.transfer_ended(transfer, node, status, status == 0 && transfer.segments_sent == 0);
+}
+
+void Settling::fail(Transfer& transfer, int error, Time now) {
+  transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
+  transfer.repairs.clear();
+  stream_.contents.close(transfer.id);
+  transfer.progress();
+  stream_.output.info(transfer, now);
+  begin(transfer, now);
+}
+
+void Settling::close_if_ended(Transfer& transfer) {
+  if (transfer.open + transfer.unlisted == 0) close(transfer);
+}
+
+void Settling::close(Transfer& transfer) {
+  using Stage = Transfer::Stage;
+  if (transfer.stage == Stage::kQueued || transfer.stage == Stage::kAnnounced)
+    stream_.schedule.leave_waiting(transfer);
+  arm(transfer, kNever);
+  stream_.contents.close(transfer.id);
+  progress_.erase(progress_.lower_bound({transfer.id, 0}),
+                  progress_.upper_bound({transfer.id, kNoNode}));
+  const std::unique_ptr<Transfer> last = stream_.table.remove(transfer.id);
+  observer_.transfer_closed(*last);
+}
+
+// --- What nodes say ---
+
+void Settling::on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now) {
+  if (transfer.stage != Transfer::Stage::kSettling) return;
+  Progress& progress = progress_[{transfer.id, node}];
+  if (progress.since == 0) progress.since = now;
+  if (elapsed(now, std::exchange(progress.asked_at, now)) < kRequestPause) {
+    progress.asks += segments;
+    return;
+  }
+  // The requests before are complete.
+  const uint32_t asked = std::exchange(progress.asks, segments);
+  ++progress.rounds;
+  if (asked == 0 || asked >= progress.lacking) return;
+  progress.lacking = asked;
+  progress.since = now;
+  progress.rounds = 0;
+}
+
+void Settling::note_answer(Transfer& transfer, NodeIndex node, Time now) {
+  TransferNode& state = transfer.node(node);
+  if (state.state == State::kOpen && !state.answered) ++transfer.answers;
+  state.answered = true;
+  state.unanswered = 0;
+  state.heard = now;
+}
+
+void Settling::on_in_progress(Transfer& transfer, NodeIndex node, Time now) {
+  note_answer(transfer, node, now);
+  if (transfer.stage != Transfer::Stage::kSettling || !transfer.repairs.empty()) return;
+  if (transfer.asked_at == 0 || transfer.answers < transfer.open || transfer.watched != 0) return;
+  // All have answered: the next round need not wait for the timer, but rounds keep their distance.
+  const Time paced = transfer.asked_at + backoff(kLeastPause, transfer.stuck, kMostPause);
+  arm(transfer, std::max(now, std::min(transfer.timer, paced)));
+}
+
+void Settling::unlist(Transfer& transfer, NodeIndex node, Time now) {
+  note_answer(transfer, node, now);
+  if (observer_.transfer_unlisted(transfer, node)) {
+    transfer.set_state(node, State::kUnlisted);
+    return;
+  }
+  end_node(transfer, node, PKGDIST_STATUS_UNKNOWN_FILE);
+  close_if_ended(transfer);
+}
+
+void Settling::on_stale_report(Transfer& transfer, NodeIndex node, Time now) {
+  TransferNode& state = transfer.node(node);
+  if (state.stale++ == 0) state.stale_since = now;
+  if (state.stale >= kMaxStale && elapsed(now, state.stale_since) >= kStalePatience) {
+    state.stale = 0;
+    return unlist(transfer, node, now);
+  }
+  on_in_progress(transfer, node, now);
+}
+
+void Settling::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
+  Transfer* transfer = stream_.table.at(report.file_id);
+  const bool exact = transfer != nullptr && transfer->key.name == report.name &&
+                     transfer->key.location == report.location;
+  if (!exact) transfer = stream_.table.at(stream_.table.find({report.location, report.name}));
+  if (transfer == nullptr) {
+    ++counters_.foreign_datagrams;
+    return;
+  }
+  // The answer to a poll of another time; of an earlier transfer nodes report the end.
+  if (!exact && report.status == PKGDIST_STATUS_IN_PROGRESS) return;
+  const State state = transfer->node(node).state;
+  if (state != State::kOpen && state != State::kUnlisted) return;
+  if (exact && report.status == PKGDIST_STATUS_IN_PROGRESS)
+    return on_in_progress(*transfer, node, now);
+  if (exact && report.status == PKGDIST_STATUS_UNKNOWN_FILE) {
+    if (state == State::kOpen) unlist(*transfer, node, now);
+    return;
+  }
+  // A node that gave up before it had any information reports no file id.
+  const bool gave_up = report.file_id == kNoTransfer && report.status != 0 &&
+                       observer_.transfer_ends_unknown(*transfer, report.status);
+  if (!exact && !gave_up) return on_stale_report(*transfer, node, now);
+  if (transfer->stage == Transfer::Stage::kAnnounced) stream_.schedule.note_skip(now);
+  end_node(*transfer, node, report.status);
+  close_if_ended(*transfer);
+}
+
+}  // namespace pkgdist::lead

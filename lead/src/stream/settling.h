@@ -1,0 +1,128 @@
+// How a file ends, after the stream has gone round it.
+//
+// A node that has a file reports it by itself; a report, a request, a repair or everything may be
+// lost, and only the nodes' answers tell. The window says when all that was sent about the file has
+// been handled (window.h), so nothing that is on its way is asked for. Then:
+//
+//   1. Who has not reported gets the segments at which the turn ended and began, as first
+//      transmissions, so that it asks for the gap before them; and all are polled about the file.
+//   2. A node that answers 'in progress' and asks for nothing is stuck. It gets the information
+//      once more, and another copy of what was asked for last, or of the whole file, as soon as it
+//      has waited for as long as that copy takes on the wire (eight times that for a large file),
+//      twice as long for the next, and so on: so copies cost little beside the wait that they may
+//      save. A node that began a
+//      large file in the middle is shown probe segments first (start_search.h).
+//   3. Nodes ask by themselves after their time-outs; then this begins anew.
+//
+// Rounds come at growing intervals. A node ends a file without a report when it has not answered
+// for longer than it can remember the file, or when it answers but nothing it is sent gets there.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <set>
+
+#include "stream/data_output.h"
+#include "stream/loss_meter.h"
+#include "stream/repair_line.h"
+#include "stream/schedule.h"
+
+namespace pkgdist::lead {
+
+// What the owner of the transfers learns. Calls may start further transfers.
+class TransferObserver {
+ public:
+  virtual ~TransferObserver() = default;
+  // The node has reported its end. `skipped`: before any segment was sent.
+  virtual void transfer_ended(const Transfer&, NodeIndex, uint64_t status, bool skipped) = 0;
+  // The node knows nothing of the file. True when it will be announced to it again (join() then
+  // follows), false when the node shall be left alone.
+  virtual bool transfer_unlisted(const Transfer&, NodeIndex) = 0;
+  // The node says that the file ended on it with this error, before it had any information. Nodes
+  // remember for a while how files ended: false when this is about an earlier transfer.
+  virtual bool transfer_ends_unknown(const Transfer&, uint64_t status) = 0;
+  // Nothing is left to do; the transfer is destroyed after the call.
+  virtual void transfer_closed(const Transfer&) = 0;
+};
+
+class Settling {
+ public:
+  // The other parts of the stream; all outlive this.
+  struct Stream {
+    TransferTable& table;
+    OpenContents& contents;
+    Window& window;
+    DataOutput& output;
+    Schedule& schedule;
+    RepairLine& repairs;
+    LossMeter& loss;
+  };
+  Settling(const Stream& stream, Counters& counters, TransferObserver& observer)
+      : stream_(stream), counters_(counters), observer_(observer) {}
+
+  // The stream has gone round the file.
+  void begin(Transfer& transfer, Time now);
+  // All repairs of the file that were due are sent.
+  void repaired(Transfer& transfer);
+  // The content cannot be sent any further: the nodes are told instead.
+  void fail(Transfer& transfer, int error, Time now);
+  // A node that has most of the file asks for help: at once.
+  void hurry(Transfer& transfer, Time now);
+  // The file goes once more round all nodes.
+  void stream_again(Transfer& transfer);
+  void close(Transfer& transfer);
+  void close_if_ended(Transfer& transfer);
+
+  // Settles one file that is due; false when none is.
+  bool run(Time now);
+  Time next_deadline() const;
+
+  // A node asked for so many segments of a file whose turn is over.
+  void on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now);
+  void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);
+
+ private:
+  static constexpr uint32_t kUnknown = UINT32_MAX;
+  // How a node that answers gets on with a file in settling.
+  struct Progress {
+    Time since = 0;               // the last sign of it
+    uint32_t rounds = 0;          // without one
+    uint32_t lacking = kUnknown;  // segments, the least it asked for at once
+    uint32_t asks = 0;            // for so many at present
+    Time asked_at = 0;
+  };
+
+  void watch(Transfer& transfer);
+  void arm(Transfer& transfer, Time when);
+  Transfer* next_due(Time now);
+  void settle(Transfer& transfer, Time now);
+  bool end_hopeless_nodes(Transfer& transfer, Time now);
+  uint64_t hopeless(const Transfer& transfer, NodeIndex node, Time now) const;
+  void judge_round(Transfer& transfer, Time now);
+  bool show_tail(Transfer& transfer, Time now);
+  bool help(Transfer& transfer, Time now);
+  bool send_copy(Transfer& transfer, Time now);
+  bool copy_due(const Transfer& transfer, uint32_t segments, Time now) const;
+  bool send_probes(Transfer& transfer, Time now);
+  bool send_segment(Transfer& transfer, uint32_t segment, Time now);
+  void poll(Transfer& transfer, Time now);
+  void end_node(Transfer& transfer, NodeIndex node, uint64_t status);
+  void on_in_progress(Transfer& transfer, NodeIndex node, Time now);
+  void on_stale_report(Transfer& transfer, NodeIndex node, Time now);
+  void unlist(Transfer& transfer, NodeIndex node, Time now);
+  void note_answer(Transfer& transfer, NodeIndex node, Time now);
+
+  Stream stream_;
+  Counters& counters_;
+  TransferObserver& observer_;
+  std::set<std::pair<Time, TransferId>> timers_;
+  // Files to be settled when the window has handled a position, rising.
+  struct Watched {
+    uint64_t position = 0;
+    TransferId id = kNoTransfer;
+  };
+  std::deque<Watched> watched_;
+  std::map<std::pair<TransferId, NodeIndex>, Progress> progress_;
+};
+
+}  // namespace pkgdist::lead

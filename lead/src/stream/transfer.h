@@ -1,0 +1,173 @@
+// One file on its way: what is sent, how far, and how each node stands with it.
+#pragma once
+
+#include <bit>
+#include <string>
+#include <vector>
+
+#include "node_table.h"
+#include "pkgdist_lead/content.h"
+#include "stream/repair_queue.h"
+#include "stream/start_search.h"
+#include "stream/turn.h"
+
+namespace pkgdist::lead {
+
+using TransferId = uint32_t;  // the file id on the wire, never 0
+inline constexpr TransferId kNoTransfer = 0;
+
+struct FileKey {
+  uint32_t location = 0;
+  std::string name;
+
+  // Index key: no location has a name of another.
+  std::string text() const { return std::to_string(location) + ':' + name; }
+};
+
+// Ahead of these segments the stream's first turn tells of the file again, for nodes that lost the
+// information or had not heard the file list yet: they join there.
+inline constexpr uint32_t kFirstInformedAgain = 256;
+constexpr bool informs_again_at(uint64_t segment) {
+  return segment >= kFirstInformedAgain && std::has_single_bit(segment);
+}
+
+// The nodes that receive something at present: those are polled.
+class BusyNodes {
+ public:
+  void add(NodeIndex node) {
+    if (node >= files_.size()) files_.resize(node + size_t{1});
+    if (files_[node]++ == 0) ++count_, ++version_;
+  }
+  void remove(NodeIndex node) {
+    if (--files_[node] == 0) --count_, ++version_;
+  }
+  bool contains(NodeIndex node) const { return node < files_.size() && files_[node] != 0; }
+  size_t count() const { return count_; }
+  // Nodes 0 .. end()-1 can be busy.
+  NodeIndex end() const { return static_cast<NodeIndex>(files_.size()); }
+  // Changes with the set.
+  uint64_t version() const { return version_; }
+
+ private:
+  std::vector<uint32_t> files_;  // that a node has not ended, by node
+  size_t count_ = 0;
+  uint64_t version_ = 0;
+};
+
+// How a node stands with a transfer.
+struct TransferNode {
+  enum class State : uint8_t {
+    kAbsent,    // not concerned
+    kOpen,      // has not reported an end
+    kUnlisted,  // has not heard the file list; waits until it was announced to it again
+    kEnded,
+  };
+  State state = State::kAbsent;
+  bool answered = false;    // the last poll of the file
+  bool asked = false;       // for segments, since the last poll
+  bool has_info = false;    // asked for segments of this transfer at some time
+  uint16_t stale = 0;       // answers about an earlier transfer of the same file, in a row
+  uint16_t unanswered = 0;  // polls in a row
+  Time stale_since = 0;     // the first stale answer
+  Time heard = 0;           // when it spoke of the file last, or began to be waited for
+
+  // It spoke of this transfer.
+  void hear(Time now) {
+    stale = unanswered = 0;
+    heard = now;
+  }
+};
+// With a thousand nodes and two thousand files in transfer this is most of the lead's memory.
+static_assert(sizeof(TransferNode) == 24);
+
+struct Transfer {
+  enum class Stage : uint8_t {
+    kQueued,     // information not sent yet
+    kAnnounced,  // information sent, no segment
+    kStreaming,
+    kSettling,  // stream ended: nodes are polled, and repaired
+  };
+
+  // `busy_` may be null, and outlives the transfer.
+  Transfer(TransferId id_, FileKey key_, const FileAttributes& attributes_, uint32_t segments_,
+           BusyNodes* busy_ = nullptr)
+      : id(id_),
+        key(std::move(key_)),
+        attributes(attributes_),
+        segments(segments_),
+        turn(segments_),
+        repairs(segments_),
+        start_search(segments_),
+        busy(busy_) {}
+
+  const TransferId id;
+  const FileKey key;
+  const FileAttributes attributes;
+  const uint32_t segments;
+
+  uint64_t tag = 0;  // the owner's
+  Time started = 0;  // when the content was looked at
+  uint32_t priority = 0;
+  uint64_t status = 0;  // non-zero: cannot be sent, nodes are told so
+  Stage stage = Stage::kQueued;
+  Turn turn;
+  RepairQueue repairs;
+  StartSearch start_search;
+
+  std::vector<TransferNode> nodes;  // by node index
+  uint32_t open = 0;                // nodes in State::kOpen
+  uint32_t unlisted = 0;            // nodes in State::kUnlisted
+
+  uint64_t segments_sent = 0;
+  bool first_turn = true;
+  Time info_sent = 0;
+  uint64_t position = 0;  // of the window, behind the last datagram about the file
+  Time served = 0;        // when a segment of the stream or a repair was sent last
+  Time last_request = 0;
+  bool in_repair_line = false;
+  uint64_t watched = 0;  // settling goes on when the window has handled this position
+
+  // Settling; see settling.h.
+  Time timer = kNever;
+  bool tail_shown = false;   // the segments at which the last turn began and ended
+  Time asked_at = 0;         // last poll of the file, 0: none since the last turn
+  uint32_t answers = 0;      // open nodes that answered it
+  bool help_now = false;     // a node asked for help: do not wait for answers
+  uint32_t stuck = 0;        // rounds in a row that nodes answered 'in progress' to, asking nothing
+  uint32_t mute = 0;         // rounds in a row that no node answered
+  uint32_t copies = 0;       // sets sent again without a request, since nodes asked last
+  uint32_t probes_sent = 0;  // segments of the start search
+
+  TransferNode& node(NodeIndex index) {
+    if (index >= nodes.size()) nodes.resize(index + size_t{1});
+    return nodes[index];
+  }
+  void set_state(NodeIndex index, TransferNode::State state);
+  // As far as the first turn has come.
+  uint64_t streamed_segments() const {
+    if (stage == Stage::kQueued || stage == Stage::kAnnounced) return 0;
+    return first_turn ? std::min<uint64_t>(turn.done(), segments) : segments;
+  }
+  // The same in bytes of content.
+  uint64_t streamed_bytes() const { return attributes.size * streamed_segments() / segments; }
+  void progress() { stuck = mute = copies = 0; }
+
+ private:
+  BusyNodes* const busy;
+};
+
+inline void Transfer::set_state(NodeIndex index, TransferNode::State state) {
+  using State = TransferNode::State;
+  TransferNode& at = node(index);
+  const bool was_open = at.state == State::kOpen;
+  const bool is_open = state == State::kOpen;
+  if (was_open && at.answered) --answers;
+  if (busy != nullptr && is_open && !was_open) busy->add(index);
+  if (busy != nullptr && was_open && !is_open) busy->remove(index);
+  open = open + is_open - was_open;
+  unlisted = unlisted + (state == State::kUnlisted) - (at.state == State::kUnlisted);
+  at.answered = at.asked = false;
+  at.state = state;
+}
+
+}  // namespace pkgdist::lead

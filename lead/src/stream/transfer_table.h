@@ -1,0 +1,43 @@
+// The transfers under way, by number and by file, and the nodes that they keep busy.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "stream/transfer.h"
+
+namespace pkgdist::lead {
+
+class TransferTable {
+ public:
+  // `seed`: numbers of an earlier process, which nodes remember for a while, are not met again.
+  explicit TransferTable(uint64_t seed);
+
+  Transfer& add(FileKey key, const FileAttributes& attributes, uint32_t segments);
+  // Null when there is none.
+  Transfer* at(TransferId id) const;
+  TransferId find(const FileKey& key) const;
+  // A number that no transfer has.
+  TransferId next_id();
+  // Takes the transfer out; no node is busy with it any longer.
+  std::unique_ptr<Transfer> remove(TransferId id);
+
+  size_t size() const { return transfers_.size(); }
+  std::vector<TransferId> ids() const;
+  const BusyNodes& busy() const { return busy_; }
+
+  template <class Each>
+  void each(Each&& each) const {
+    for (const auto& [id, transfer] : transfers_) each(*transfer);
+  }
+
+ private:
+  BusyNodes busy_;
+  std::unordered_map<TransferId, std::unique_ptr<Transfer>> transfers_;
+  std::unordered_map<std::string, TransferId> by_key_;
+  TransferId last_id_;
+};
+
+}  // namespace pkgdist::lead

@@ -1,0 +1,215 @@
+#include "stream/window.h"
+
+namespace pkgdist::lead {
+
+// --- What is handled ---
+
+bool Window::all_excused() const {
+  return std::all_of(polled_.begin(), polled_.end(), [](const Polled& p) { return p.excused(); });
+}
+
+uint64_t Window::handled() const {
+  const bool everyone = all_excused();
+  uint64_t least = position_;
+  for (const Polled& polled : polled_)
+    if ((everyone || !polled.excused()) && busy_.contains(polled.node))
+      least = std::min(least, polled.handled);
+  return least;
+}
+
+// The only node that has not handled all that was polled; kNoNode when there are several, or none.
+NodeIndex Window::holder() const {
+  NodeIndex holder = kNoNode;
+  for (const Polled& polled : polled_) {
+    if (polled.excused() || !busy_.contains(polled.node) || polled.handled >= asked_) continue;
+    if (holder != kNoNode) return kNoNode;
+    holder = polled.node;
+  }
+  return polled_.size() > 1 ? holder : kNoNode;
+}
+
+// A trickle says nothing about what the nodes could handle.
+void Window::measure_rate(Time now) {
+  const Time passed = elapsed(now, rated_at_);
+  if (passed < kRatePeriod) return;
+  const uint64_t up_to = handled();
+  const uint64_t bytes = up_to > rated_ ? up_to - rated_ : 0;
+  if (bytes < kRateSample && passed < kMostRatePeriod) return;
+  if (bytes >= kRateSample && passed < kMostRatePeriod) {
+    const double sample = static_cast<double>(bytes) * kSecond / static_cast<double>(passed);
+    rate_ = rate_ == 0 ? sample : (3 * rate_ + sample) / 4;
+    latest_rate_ = sample;
+  }
+  rated_ = up_to;
+  rated_at_ = now;
+}
+
+// --- Who is polled ---
+
+bool Window::stale_choice(Time now) const {
+  const bool all_done = std::none_of(polled_.begin(), polled_.end(),
+                                     [&](const Polled& p) { return busy_.contains(p.node); });
+  if (all_done) return true;
+  const bool rotates = busy_.count() > polled_.size() && elapsed(now, chosen_at_) >= kRotation;
+  return rotates || (chosen_version_ != busy_.version() &&
+                     (busy_.count() <= kMaxPolled || elapsed(now, chosen_at_) >= kRotation));
+}
+
+// The next eight of the busy nodes; what is known of those that were polled before stays. A node
+// that is new has what lies before this moment still to handle, but is not asked about that.
+void Window::choose(Time now) {
+  chosen_at_ = now;
+  chosen_version_ = busy_.version();
+  std::vector<Polled> before;
+  before.swap(polled_);
+  for (NodeIndex seen = 0; seen < busy_.end() && polled_.size() < kMaxPolled; ++seen) {
+    const NodeIndex node = (next_choice_ + seen) % busy_.end();
+    if (!busy_.contains(node)) continue;
+    const auto known =
+        std::find_if(before.begin(), before.end(), [&](const Polled& p) { return p.node == node; });
+    polled_.push_back(known != before.end() ? *known : Polled{node, asked_});
+  }
+  if (!polled_.empty()) next_choice_ = polled_.back().node + 1;
+}
+
+// --- Polls ---
+
+double Window::poll_gap() const {
+  return std::clamp(size_ / 4, kLeastPollGap, kMostPollGap);
+}
+
+Time Window::patience() const {
+  if (!round_trip_.known()) return 4 * kLeastPatience;
+  return std::clamp(round_trip_.nearly_always() + round_trip_.mean(), kLeastPatience,
+                    kMostPatience);
+}
+
+Time Window::answer_time() const {
+  return patience();
+}
+
+bool Window::poll_due(bool stops, Time now) const {
+  if (busy_.count() == 0) return false;
+  if (position_ > asked_ && (stops || static_cast<double>(position_ - asked_) >= poll_gap()))
+    return true;
+  return stops && next_poll(now) <= now;
+}
+
+Time Window::next_poll(Time) const {
+  if (busy_.count() == 0 || handled() >= asked_) return kNever;
+  const uint32_t more = repeats_ > kExcusePolls ? repeats_ - kExcusePolls : 0;
+  return asked_at_ + backoff(patience(), more, std::max(patience(), kMostRepeatGap));
+}
+
+const std::vector<NodeIndex>& Window::begin_poll(TransferId number, Time now) {
+  if (stale_choice(now)) choose(now);
+  const bool again = position_ <= asked_;
+  repeats_ = again ? repeats_ + 1 : 0;
+  if (again && all_excused()) creep();
+  const uint64_t asked = position_ + kLeastCharge;  // behind the poll itself
+  named_.clear();
+  for (Polled& polled : polled_) {
+    if (!busy_.contains(polled.node)) continue;
+    if (again && polled.handled >= asked_) {
+      polled.handled = asked;  // nothing but the poll lies between
+      continue;
+    }
+    named_.push_back(polled.node);
+    ++polled.unanswered;
+    if (polled.owes_since == 0) polled.owes_since = now;
+    if (polled.unanswered > kExcusePolls && elapsed(now, polled.owes_since) >= kExcuseAfter)
+      polled.excused_ = true;
+  }
+  asked_ = named_.empty() ? position_ : asked;
+  if (named_.empty()) return named_;
+  asked_at_ = now;
+  polls_[next_] = {number, asked_, now};
+  next_ = (next_ + 1) % polls_.size();
+  return named_;
+}
+
+void Window::creep() {
+  const auto step = static_cast<uint64_t>(size_ / 4);
+  for (Polled& polled : polled_) polled.handled = std::min(position_, polled.handled + step);
+}
+
+bool Window::answered(TransferId number, NodeIndex node, Time now) {
+  const auto poll = std::find_if(polls_.begin(), polls_.end(), [&](const Poll& one) {
+    return number != kNoTransfer && one.number == number;
+  });
+  if (poll == polls_.end()) return false;
+  const auto polled =
+      std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
+  if (polled == polled_.end()) return true;
+  const Time took = elapsed(now, poll->sent) + 1;
+  round_trip_.sample(took);
+  least_round_trip_ = std::min(least_round_trip_, took);
+  const uint64_t before = handled();
+  polled->handled = std::max(polled->handled, poll->position);
+  repeats_ = 0;
+  polled->excused_ = false;
+  polled->unanswered = 0;
+  polled->owes_since = polled->handled < asked_ ? asked_at_ : 0;
+  const uint64_t after = handled();
+  measure_rate(now);
+  stragglers_.held_up_by(open() ? kNoNode : holder(), now);
+  follow_judge();
+  if (after > before) grow(after - before, took);
+  return true;
+}
+
+// --- Its size ---
+
+// What is on its way when no queue stands: a rate that grows is followed at once.
+double Window::pipe() const {
+  if (least_round_trip_ == kNever) return 0;
+  return std::max(rate_, latest_rate_) * static_cast<double>(least_round_trip_) / kSecond;
+}
+
+// What may stand in queues, and what is on its way. An answer that took so long tells of queues.
+double Window::limit(Time took) const {
+  const bool queued = took > least_round_trip_ + least_round_trip_ / 4;
+  return std::min(kMaxQueued, ceiling_) + pipe() * (queued ? 1 : kTriedPipe);
+}
+
+// A smaller window than this is no trial: the way would run empty.
+double Window::least_trial() const {
+  return std::max(kFirstSize / 2, pipe() / 2);
+}
+
+void Window::grow(uint64_t handled, Time took) {
+  if (ceiling_ != kNoCeiling && position_ - cured_at_ >= kCuredFor) {
+    cured_at_ = position_;
+    ceiling_ += ceiling_ / 8;
+  }
+  if (!std::exchange(limited_, false) || size_before_ != 0) return;
+  size_ = std::max(size_, std::min(size_ + static_cast<double>(handled), limit(took)));
+}
+
+void Window::lost(NodeIndex node, uint32_t segments) {
+  judge_.lost(node, segments);
+  follow_judge();
+}
+
+void Window::follow_judge() {
+  using Verdict = OverrunJudge::Verdict;
+  const bool last_trial = size_ <= least_trial();
+  switch (judge_.judge(last_trial)) {
+    case Verdict::kNone:
+      return;
+    case Verdict::kSuspected:
+      if (size_before_ == 0) size_before_ = size_;
+      size_ = std::max(kLeastSize, last_trial ? size_ / 2 : std::max(least_trial(), size_ / 2));
+      return;
+    case Verdict::kCured:
+      ceiling_ = std::max(kLeastSize, size_ - pipe());
+      cured_at_ = position_;
+      size_before_ = 0;
+      return;
+    case Verdict::kGranted:
+      size_ = std::exchange(size_before_, 0);
+      return;
+  }
+}
+
+}  // namespace pkgdist::lead

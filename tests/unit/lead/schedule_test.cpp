@@ -1,0 +1,164 @@
+#include "stream/schedule.h"
+
+#include <gtest/gtest.h>
+
+namespace pkgdist::lead {
+namespace {
+
+using Stage = Transfer::Stage;
+
+constexpr Time kLeastWait = 3 * kMillisecond;
+constexpr Time kMostWait = 100 * kMillisecond;
+
+class ScheduleTest : public testing::Test {
+ protected:
+  Transfer& add(const std::string& name, uint32_t priority = 0, uint32_t segments = 10) {
+    Transfer& transfer =
+        table_.add({1, name}, {.size = uint64_t{segments} * 1000, .mode = 0644}, segments);
+    transfer.priority = priority;
+    schedule_.enter(transfer);
+    return transfer;
+  }
+  // As the data sender does with what next_announcement() returns.
+  void announce(Transfer& transfer) {
+    transfer.stage = Stage::kAnnounced;
+    transfer.info_sent = now_;
+    schedule_.announced(transfer, now_);
+  }
+  void announce_all() {
+    while (Transfer* const transfer = schedule_.next_announcement()) announce(*transfer);
+  }
+  void begin_stream(Transfer& transfer) {
+    schedule_.leave_waiting(transfer);
+    transfer.stage = Stage::kStreaming;
+  }
+  // The order in which files are streamed from now on, as names.
+  std::string order() {
+    std::string names;
+    while (Transfer* const transfer = schedule_.streamable(now_)) {
+      names += transfer->key.name;
+      schedule_.end_turn(*transfer);
+    }
+    return names;
+  }
+
+  TransferTable table_{1};
+  Schedule schedule_{table_};
+  Time now_ = kSecond;
+};
+
+TEST_F(ScheduleTest, announces_files_in_the_order_in_which_they_came) {
+  Transfer& a = add("a", 7);
+  Transfer& b = add("b", 1);
+  EXPECT_EQ(schedule_.next_announcement(), &a);
+  EXPECT_EQ(schedule_.next_announcement(), &b);
+  EXPECT_EQ(schedule_.next_announcement(), nullptr);
+}
+
+TEST_F(ScheduleTest, does_not_announce_a_file_that_is_gone) {
+  Transfer& a = add("a");
+  Transfer& b = add("b");
+  table_.remove(a.id);
+  EXPECT_EQ(schedule_.next_announcement(), &b);
+}
+
+TEST_F(ScheduleTest, streams_by_priority_and_files_of_one_priority_in_their_order) {
+  for (const char* const name : {"c", "d"}) add(name, 2);
+  for (const char* const name : {"a", "b"}) add(name, 1);
+  add("e", 3);
+  announce_all();
+  now_ += kMostWait;
+  EXPECT_EQ(order(), "abcde");
+}
+
+TEST_F(ScheduleTest, an_announced_file_waits_for_nodes_that_have_it) {
+  Transfer& a = add("a");
+  announce_all();
+  EXPECT_EQ(schedule_.streamable(now_ + kLeastWait - 1), nullptr);
+  EXPECT_EQ(schedule_.next_deadline(), now_ + kLeastWait);
+  EXPECT_EQ(schedule_.streamable(now_ + kLeastWait), &a);
+  EXPECT_EQ(schedule_.next_deadline(), 0u);
+}
+
+TEST_F(ScheduleTest, waits_two_round_trips_but_no_tenth_of_a_second) {
+  schedule_.set_round_trip(20 * kMillisecond);
+  Transfer& a = add("a");
+  announce_all();
+  EXPECT_EQ(schedule_.streamable(now_ + 40 * kMillisecond), nullptr);
+  EXPECT_EQ(schedule_.streamable(now_ + 41 * kMillisecond), &a);
+  schedule_.set_round_trip(kSecond);
+  EXPECT_EQ(schedule_.streamable(now_ + kMostWait - 1), nullptr);
+  EXPECT_EQ(schedule_.streamable(now_ + kMostWait), &a);
+}
+
+TEST_F(ScheduleTest, waits_longer_while_nodes_say_that_they_have_files_but_not_for_ever) {
+  Transfer& a = add("a");
+  announce_all();
+  schedule_.note_skip(now_ + 2 * kMillisecond);
+  EXPECT_EQ(schedule_.streamable(now_ + kLeastWait), nullptr);
+  EXPECT_EQ(schedule_.streamable(now_ + kLeastWait + 2 * kMillisecond), &a);
+  schedule_.note_skip(now_ + kMostWait - 1);
+  EXPECT_EQ(schedule_.streamable(now_ + kMostWait - 1), nullptr);
+  EXPECT_EQ(schedule_.streamable(now_ + kMostWait), &a);
+}
+
+TEST_F(ScheduleTest, a_file_that_waits_does_not_hold_up_one_of_lower_priority) {
+  Transfer& late = add("b", 2);
+  announce_all();
+  now_ += kLeastWait;
+  Transfer& early = add("a", 1);
+  announce_all();
+  EXPECT_EQ(schedule_.streamable(now_), &late);
+  EXPECT_EQ(schedule_.streamable(now_ + kLeastWait), &early);
+}
+
+TEST_F(ScheduleTest, what_is_streamed_again_comes_ahead_of_files_that_were_not_begun) {
+  Transfer& again = add("b", 1);
+  announce_all();
+  now_ += kMostWait;
+  ASSERT_EQ(order(), "b");
+  add("a", 0);
+  add("c", 1);
+  announce_all();
+  again.stage = Stage::kStreaming;
+  schedule_.stream_again(again);
+  EXPECT_EQ(schedule_.next_deadline(), 0u);
+  EXPECT_EQ(schedule_.streamable(now_), &again);
+  now_ += kMostWait;
+  EXPECT_EQ(order(), "abc");
+}
+
+TEST_F(ScheduleTest, counts_what_was_not_begun_and_what_is_left_of_the_rest) {
+  Transfer& a = add("a", 1, 10);
+  Transfer& b = add("b", 2, 20);
+  EXPECT_EQ(schedule_.waiting_files(), 2u);
+  EXPECT_EQ(schedule_.waiting_bytes(), 30'000u);
+  announce_all();
+  EXPECT_EQ(schedule_.waiting_files(), 2u);
+  EXPECT_EQ(schedule_.segments_ahead(), 0u);
+  begin_stream(a);
+  for (int i = 0; i < 4; ++i) a.turn.advance();
+  EXPECT_EQ(schedule_.waiting_files(), 1u);
+  EXPECT_EQ(schedule_.waiting_bytes(), 20'000u);
+  EXPECT_EQ(schedule_.segments_ahead(), 6u);
+  begin_stream(b);
+  EXPECT_EQ(schedule_.waiting_bytes(), 0u);
+  EXPECT_EQ(schedule_.segments_ahead(), 26u);
+}
+
+TEST_F(ScheduleTest, has_nothing_due_when_nothing_was_entered) {
+  EXPECT_TRUE(schedule_.empty());
+  EXPECT_EQ(schedule_.next_deadline(), kNever);
+  Transfer& a = add("a");
+  EXPECT_FALSE(schedule_.empty());
+  EXPECT_EQ(schedule_.next_deadline(), 0u);
+  announce_all();
+  EXPECT_FALSE(schedule_.empty());
+  table_.remove(a.id);
+  EXPECT_EQ(schedule_.streamable(now_ + kMostWait), nullptr);
+  EXPECT_TRUE(schedule_.empty());
+  EXPECT_EQ(schedule_.next_deadline(), kNever);
+}
+
+}  // namespace
+}  // namespace pkgdist::lead
