@@ -7,7 +7,8 @@
 namespace pkgdist::cli {
 
 std::string status_text(uint64_t status) {
-  // What a lead concludes from a node's answers; errors of system calls on nodes have other numbers.
+  // What a lead concludes from a node's answers; errors of system calls on nodes have other
+  // numbers.
   if (status == PKGDIST_STATUS_FROM_ERRNO(EMSGSIZE))
     return "segments do not arrive, small datagrams do: check the MTU";
   if (status == PKGDIST_STATUS_FROM_ERRNO(ECONNRESET))
