@@ -33,7 +33,9 @@ class Wire(SystemTest):
     def check_control(self, messages):
         lead = wire.address(self.net.lead.address)
         self.assertEqual({h["node_ip"] for h, _ in messages}, {lead})
-        self.assertEqual({h["msg_id"] for h, _ in messages}, {wire.PING, wire.CTRL})
+        self.assertEqual({h["msg_id"] for h, _ in messages}, {wire.PING, wire.CTRL, wire.ACK})
+        # What it asks before it leads: whether another one does.
+        self.assertEqual([h["sequence"] for h, _ in messages if h["msg_id"] == wire.ACK], [0] * 3)
         pings = [h["sequence"] for h, _ in messages if h["msg_id"] == wire.PING]
         self.assertEqual(pings, sorted(pings))
         parts = {}
