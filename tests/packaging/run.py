@@ -316,13 +316,13 @@ class Programs(unittest.TestCase):
                         env=self.environment | {"LC_ALL": "C"}, capture_output=True, text=True,
                         timeout=60)
 
-    def test_a_platform_of_another_make_receives_a_push(self):
+    def test_a_third_party_platform_receives_a_push(self):
         self.assert_receives_a_push("build", "c_own")
         needed = self.libraries_of_own()
         self.assertIn("libminimal_platform.so", needed)
         self.assertNotIn("libpkgdist_platform", needed)
 
-    def test_a_platform_of_another_make_may_bring_the_codec(self):
+    def test_a_third_party_platform_may_bring_the_codec(self):
         self.addCleanup(self.build_own, "OFF", "platform")
         result = self.build_own("ON", "platform", "codec")
         self.assertEqual(result.returncode, 0, result.stdout[-2000:] + result.stderr[-2000:])

@@ -16,7 +16,7 @@ struct Finding {
   std::string check;  // what was looked at, in a word
   std::string what;   // what was found
   std::string why;    // why it matters; empty when all is well
-  std::string mend;   // the command that mends it, or where to look
+  std::string mend;   // the command that fixes it, or where to look
 };
 
 // Tells findings as they come, and counts them.

@@ -1,4 +1,4 @@
-// pkgdist-doctor: says whether pkgdist will work on this host and its network, and what mends it.
+// pkgdist-doctor: diagnoses this host and its network for pkgdist and suggests fixes.
 #include <set>
 
 #include "network_checks.h"

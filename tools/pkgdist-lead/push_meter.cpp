@@ -12,7 +12,7 @@ constexpr double kRateSeconds = 5;
 constexpr double kEndSeconds = 2;
 // Less says nothing about a rate.
 constexpr lead::Time kMinTime = 2 * lead::kSecond;
-// Longer is no estimate: the node hardly gets on.
+// Longer is no estimate: the node makes hardly any progress.
 constexpr double kMaxLeftSeconds = 100 * 3600.0;
 
 double to_seconds(lead::Time time) {
@@ -82,7 +82,7 @@ std::optional<double> PushMeter::estimate(const lead::PushReport& report) const 
   for (const lead::PushNodeReport& node : report.nodes) {
     if (!waited_for(node)) continue;
     const Sample& sample = samples_.at(node.address);
-    // A node that has just come gets on as the others do.
+    // A node that has just come is expected to keep the pace of the others.
     const double rate = measured(sample) ? sample.passed_sum / sample.seconds : best;
     const auto bytes = static_cast<double>(unsent(node));
     const double seconds = bytes > 0 ? bytes / rate : 0;

@@ -1,4 +1,4 @@
-// How fast a push gets on, and when it will be over: worked out of reports of its progress.
+// The rate of a push and the time that is left: computed from reports of its progress.
 //
 // A rate is an average over the last seconds in which older bytes and older time weigh less. The
 // push is over when its slowest node is; the moment that follows from the rates is smoothed once
