@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -23,19 +24,7 @@ namespace {
 constexpr int kMostLinks = 40;    // as the kernel
 constexpr int kMostAttempts = 8;  // when directories are renamed under the check
 
-// The directory of a name, relative to the directory that its location stands in.
-struct Directory {
-  char base[kFilePathBytes];
-  char relative[kFilePathBytes];  // empty: the name stands in that directory itself
-
-  explicit Directory(const FilePath& path) : base{'.'}, relative{} {
-    const char* name = path.c_str() + path.base_length();
-    if (path.base_length() != 0) std::memcpy(base, path.c_str(), path.base_length());
-    while (*name == '/') ++name;
-    if (const char* end = std::strrchr(name, '/'); end != nullptr)
-      std::memcpy(relative, name, static_cast<size_t>(end - name));
-  }
-};
+thread_local ConfinementMemory* remembered = nullptr;
 
 // A descriptor that names a directory and can do nothing else. -1 with errno.
 int open_directory(int from, const char* path, uint64_t resolve) {
@@ -46,7 +35,7 @@ int open_directory(int from, const char* path, uint64_t resolve) {
 }
 
 // 0, or the error number with which `relative` does not resolve to a directory beneath `base`.
-int resolve_beneath(const Directory& directory) {
+int resolve_beneath(const ConfinedDirectory& directory) {
   const int base = open_directory(AT_FDCWD, directory.base, 0);
   if (base < 0) return errno;
   int found = -1;
@@ -66,7 +55,7 @@ struct Walk {
   size_t floor;
   char pending[PATH_MAX];
 
-  explicit Walk(const Directory& directory) {
+  explicit Walk(const ConfinedDirectory& directory) {
     floor = static_cast<size_t>(
         std::snprintf(resolved, sizeof resolved, "%s", static_cast<const char*>(directory.base)));
     (void)std::snprintf(pending, sizeof pending, "%s",
@@ -114,7 +103,7 @@ struct Walk {
   }
 };
 
-int resolve_by_walk(const Directory& directory) {
+int resolve_by_walk(const ConfinedDirectory& directory) {
   Walk walk(directory);
   char component[NAME_MAX + 1];
   int error = 0;
@@ -139,17 +128,53 @@ int leave_to_call(int error) {
 
 }  // namespace
 
+ConfinedDirectory::ConfinedDirectory(const FilePath& path) : base{'.'}, relative{} {
+  const char* name = path.c_str() + path.base_length();
+  if (path.base_length() != 0) std::memcpy(base, path.c_str(), path.base_length());
+  while (*name == '/') ++name;
+  if (const char* end = std::strrchr(name, '/'); end != nullptr)
+    std::memcpy(relative, name, static_cast<size_t>(end - name));
+}
+
+bool ConfinedDirectory::operator==(const ConfinedDirectory& other) const {
+  return std::strcmp(base, other.base) == 0 && std::strcmp(relative, other.relative) == 0;
+}
+
+ConfinementMemory::ConfinementMemory() {
+  remembered = this;
+}
+
+ConfinementMemory::~ConfinementMemory() {
+  remembered = nullptr;
+}
+
+void ConfinementMemory::forget() {
+  if (remembered != nullptr) remembered->count_ = 0;
+}
+
+bool ConfinementMemory::knows(const ConfinedDirectory& directory) const {
+  const auto end = passed_.begin() + static_cast<ptrdiff_t>(std::min(count_, kMost));
+  return std::find(passed_.begin(), end, directory) != end;
+}
+
+void ConfinementMemory::remember(const ConfinedDirectory& directory) {
+  passed_[count_++ % kMost] = directory;
+}
+
 int confinement_error(const FilePath& path) {
-  const Directory directory(path);
+  const ConfinedDirectory directory(path);
   if (directory.relative[0] == '\0') return 0;
-  const int error = resolve_beneath(directory);
+  if (remembered != nullptr && remembered->knows(directory)) return 0;
+  int error = resolve_beneath(directory);
   // A kernel before 5.6, or a filter of system calls that does not know this one.
-  if (error == ENOSYS || error == EPERM) return confinement_error_by_walk(path);
-  return leave_to_call(error);
+  if (error == ENOSYS || error == EPERM) error = resolve_by_walk(directory);
+  error = leave_to_call(error);
+  if (error == 0 && remembered != nullptr) remembered->remember(directory);
+  return error;
 }
 
 int confinement_error_by_walk(const FilePath& path) {
-  return leave_to_call(resolve_by_walk(Directory(path)));
+  return leave_to_call(resolve_by_walk(ConfinedDirectory(path)));
 }
 
 }  // namespace pkgdist

@@ -12,7 +12,9 @@
 // or a caller's thread. Local users who may write into a location are trusted with it.
 #pragma once
 
+#include <array>
 #include <cerrno>
+#include <cstddef>
 
 #include "pkgdist_data_recv.h"
 
@@ -24,6 +26,42 @@ int confinement_error(const FilePath& path);
 
 // The same by looking at every component, for kernels that cannot resolve beneath a directory.
 int confinement_error_by_walk(const FilePath& path);
+
+// The directory of a name, relative to the directory that its location stands in.
+struct ConfinedDirectory {
+  char base[kFilePathBytes] = {};
+  char relative[kFilePathBytes] = {};  // empty: the name stands in that directory itself
+
+  ConfinedDirectory() = default;
+  explicit ConfinedDirectory(const FilePath& path);
+  bool operator==(const ConfinedDirectory& other) const;
+};
+
+// While one exists, its thread checks a directory once and not again for each step: what comes in
+// one batch of datagrams is one step for it. A small file takes three checks, mostly of directories
+// that the files before stand in or are announced for. Only what passed is remembered.
+//
+// DATA_FILE has one for each batch. It is the only thread that makes pushed links, and whatever it
+// remembers is forgotten then.
+class ConfinementMemory {
+ public:
+  ConfinementMemory();
+  ~ConfinementMemory();
+  ConfinementMemory(const ConfinementMemory&) = delete;
+  ConfinementMemory& operator=(const ConfinementMemory&) = delete;
+
+  // A link was made: what passed before may lead elsewhere now.
+  static void forget();
+
+  bool knows(const ConfinedDirectory& directory) const;
+  void remember(const ConfinedDirectory& directory);
+
+ private:
+  // Files are announced while others, in other directories, are received.
+  static constexpr size_t kMost = 4;
+  std::array<ConfinedDirectory, kMost> passed_;  // the youngest, in a ring
+  size_t count_ = 0;                             // ever remembered
+};
 
 // A path that was checked: calls on it fail unless it stays below its location.
 class Beneath {

@@ -93,6 +93,7 @@ PkgdistStatus pkgdist_data_file_symlink(const Entry& entry, size_t length, const
     status = pkgdist_status_from_errno(error);
     count(DrsCounter::kFileError);
   }
+  ConfinementMemory::forget();
   set_times(__func__, checked, entry.mtime);
   time.finish();
   return status;

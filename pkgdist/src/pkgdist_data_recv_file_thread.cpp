@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "pkgdist_atomic.h"
+#include "pkgdist_confine.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_process.h"
 #include "pkgdist_data_recv_repair.h"
@@ -123,6 +124,7 @@ uint64_t note_message() {
 // run, which takes no time. Whenever more than that was done the clock is read: a time-out pass
 // that is due is not put off by the rest.
 void process(TakenEntries& taken, TimeoutClock& timeouts) {
+  ConfinementMemory memory;
   SegmentRun run;
   uint64_t now = fts_get_stamp_fast();
   const std::span<const OwnedQueueEntry> entries = taken.entries();

@@ -171,6 +171,72 @@ TEST_F(Confinement, no_descriptor_stays_open) {
   EXPECT_EQ(after, next);
 }
 
+// --- What a batch remembers ---
+
+TEST_F(Confinement, a_directory_is_checked_once_in_a_batch) {
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/f")), 0);
+  const uint64_t calls = faults::calls(Call::kOpenat2);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/g")), 0);
+  EXPECT_EQ(faults::calls(Call::kOpenat2), calls);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/deep/g")), 0);
+  EXPECT_EQ(faults::calls(Call::kOpenat2), 2 * calls);
+}
+
+TEST_F(Confinement, the_same_directory_of_another_location_is_checked) {
+  ASSERT_EQ(instcomm_pkgdist_set_recv_repository((directory() + "outside/").c_str(), 2, false), 0u);
+  std::filesystem::create_symlink(place_, outside_ + "/inside");
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/f")), 0);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(2, "inside/f")), EXDEV);
+}
+
+TEST_F(Confinement, the_next_batch_remembers_nothing) {
+  {
+    pkgdist::ConfinementMemory batch;
+    (void)error_of("inside/f");
+  }
+  std::filesystem::remove_all(place_ + "inside");
+  link("inside", outside_);
+  EXPECT_EQ(error_of("inside/f"), EXDEV);
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(error_of("inside/f"), EXDEV);
+}
+
+TEST_F(Confinement, a_pushed_link_makes_the_batch_forget) {
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/f")), 0);
+  std::filesystem::remove_all(place_ + "inside");
+  push_link("inside", outside_);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "inside/f")), EXDEV);
+}
+
+TEST_F(Confinement, what_was_refused_is_looked_at_again) {
+  link("out", outside_);
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "out/f")), EXDEV);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "out/f")), EXDEV);
+}
+
+TEST_F(Confinement, a_pushed_link_for_a_directory_that_was_missing_is_seen) {
+  pkgdist::ConfinementMemory batch;
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "later/f")), 0);
+  push_link("later", outside_);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "later/f")), EXDEV);
+}
+
+TEST_F(Confinement, a_batch_of_many_directories_remembers_the_youngest) {
+  pkgdist::ConfinementMemory batch;
+  for (const char* name : {"a/f", "b/f", "c/f", "d/f", "inside/f"})
+    EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, name)), 0);
+  std::filesystem::create_directories(place_ + "a");
+  link("b", outside_);  // by somebody on this host, who is trusted with it
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "b/f")), 0);
+  const uint64_t calls = faults::calls(Call::kOpenat2);
+  EXPECT_EQ(pkgdist::confinement_error(pkgdist::FilePath(1, "a/f")), 0);
+  EXPECT_GT(faults::calls(Call::kOpenat2), calls);
+}
+
 // --- The steps ---
 
 TEST_F(Confinement, a_file_behind_a_pushed_link_that_leads_out_fails_and_leaves_nothing_there) {
