@@ -129,6 +129,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->repairs.set_holdoff(2 * window_.round_trip());
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
     transfer->repairs.request(from, count, now);
+    state.parts |= transfer->repairs.parts_of(from, count);
     gone += count;
   });
   if (state.state == TransferNode::State::kOpen) {

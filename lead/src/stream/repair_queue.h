@@ -29,11 +29,15 @@ class RepairQueue {
   // Takes the next segment in rising order, going round. Not for an empty queue.
   uint32_t take(Time now);
 
-  // What was asked for and, for all that is known, may still be lacking.
-  uint32_t asked() const { return asked_.count(); }
+  // How much was asked for of these parts of the file and, for all that is known, may still be
+  // lacking.
+  uint32_t asked(uint64_t parts) const;
   bool was_asked(uint32_t segment) const { return asked_.contains(segment); }
-  // Makes all of that due.
-  void repeat_asked() { due_.insert_all(asked_); }
+  // Makes that due.
+  void repeat_asked(uint64_t parts);
+  // A file's segments in 64 parts, of one segment each if there are no more: a bit for each.
+  uint64_t part_of(uint32_t segment) const { return uint64_t{1} << (segment / part_segments()); }
+  uint64_t parts_of(uint32_t first, uint32_t num) const;
   void forget_asked() { asked_.clear(); }
   void clear() { due_.clear(); }
 
@@ -45,6 +49,10 @@ class RepairQueue {
   // A node sends all requests of one time-out pass without a pause.
   static constexpr Time kRequestPause = 50 * kMillisecond;
 
+  static constexpr uint32_t kParts = 64;
+  uint32_t part_segments() const { return (due_.size() + kParts - 1) / kParts; }
+  template <class Act>
+  void each_asked(uint64_t parts, Act&& act) const;
   void rotate(Time now);
 
   SegmentSet due_;

@@ -66,16 +66,6 @@ uint32_t SegmentSet::insert_run(uint32_t first, uint32_t num,
   return added;
 }
 
-void SegmentSet::insert_all(const SegmentSet& other) {
-  if (other.empty()) return;
-  allocate();
-  count_ = 0;
-  for (size_t i = 0; i < words_.size(); ++i) {
-    words_[i] |= other.word(i);
-    count_ += static_cast<uint32_t>(std::popcount(words_[i]));
-  }
-}
-
 uint32_t SegmentSet::find_between(uint32_t from, uint32_t end) const {
   for (size_t i = from / kBits; uint64_t{i} * kBits < end; ++i) {
     const uint64_t found = words_[i] & mask_of(i, from, end);

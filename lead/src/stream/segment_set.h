@@ -25,7 +25,6 @@ class SegmentSet {
   // returns how many were new. Word by word: cheap for runs of any length.
   uint32_t insert_run(uint32_t first, uint32_t num,
                       std::initializer_list<const SegmentSet*> except = {});
-  void insert_all(const SegmentSet& other);
 
   // The first member at or after `from`, going round; size() when the set is empty.
   uint32_t next(uint32_t from) const;

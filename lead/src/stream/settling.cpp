@@ -29,17 +29,6 @@ constexpr Time kMostPause = kSecond;
 // for that within a second and a half by itself; when it does not, it is told of the file again.
 constexpr uint32_t kMaxStale = 3;
 constexpr Time kStalePatience = 2 * kSecond;
-// Nodes remember for 30 s how a file ended, and give one up after 21 s without any information: one
-// that says nothing for longer, however often it is asked, has nothing to say.
-constexpr Time kSilentPatience = 35 * kSecond;
-constexpr uint32_t kSilentPolls = 10;
-// Longer than all time-outs of a node that has the library's own; rounds with something sent.
-constexpr Time kHopelessTime = 45 * kSecond;
-constexpr uint32_t kHopelessRounds = 12;
-// Where nothing but small datagrams arrives, waiting longer is of no use.
-constexpr Time kNoSegmentTime = 15 * kSecond;
-// All requests of a node's time-out pass come without a longer pause.
-constexpr Time kRequestPause = 50 * kMillisecond;
 
 using State = TransferNode::State;
 
@@ -47,72 +36,38 @@ using State = TransferNode::State;
 
 // --- When ---
 
-void Settling::arm(Transfer& transfer, Time when) {
-  if (transfer.timer != kNever) timers_.erase({transfer.timer, transfer.id});
-  transfer.timer = when;
-  if (when != kNever) timers_.emplace(when, transfer.id);
-}
-
-void Settling::watch(Transfer& transfer) {
-  transfer.watched = stream_.window.position();
-  watched_.push_back({transfer.watched, transfer.id});
-}
-
 void Settling::begin(Transfer& transfer, Time) {
   transfer.stage = Transfer::Stage::kSettling;
   transfer.asked_at = 0;
   // The second time all segments have been seen twice.
   transfer.tail_shown = transfer.copies != 0;
-  arm(transfer, kNever);
-  watch(transfer);
+  agenda_.watch(transfer);
 }
 
 void Settling::repaired(Transfer& transfer) {
   if (transfer.stage != Transfer::Stage::kSettling) return;
-  arm(transfer, kNever);
-  watch(transfer);
+  agenda_.watch(transfer);
 }
 
 void Settling::hurry(Transfer& transfer, Time now) {
   transfer.help_now = true;
-  if (transfer.stage == Transfer::Stage::kSettling) arm(transfer, now);
+  if (transfer.stage == Transfer::Stage::kSettling) agenda_.arm(transfer, now);
 }
 
 void Settling::stream_again(Transfer& transfer) {
-  arm(transfer, kNever);
+  agenda_.arm(transfer, kNever);
   transfer.watched = 0;
   transfer.turn.extend();
   transfer.stage = Transfer::Stage::kStreaming;
   stream_.schedule.stream_again(transfer);
 }
 
-Transfer* Settling::next_due(Time now) {
-  const uint64_t handled = stream_.window.handled();
-  while (!watched_.empty() && watched_.front().position <= handled) {
-    const Watched due = watched_.front();
-    watched_.pop_front();
-    Transfer* const transfer = stream_.table.at(due.id);
-    if (transfer == nullptr || transfer->watched != due.position) continue;
-    transfer->watched = 0;
-    // Not all nodes are polled: the others get as long as answers take.
-    if (stream_.table.busy().count() <= Window::kMaxPolled) return transfer;
-    arm(*transfer, now + stream_.window.answer_time());
-  }
-  if (timers_.empty() || timers_.begin()->first > now) return nullptr;
-  return stream_.table.at(timers_.begin()->second);
-}
-
 bool Settling::run(Time now) {
-  Transfer* const transfer = next_due(now);
+  Transfer* const transfer = agenda_.next_due(now);
   if (transfer == nullptr) return false;
-  arm(*transfer, kNever);
+  agenda_.arm(*transfer, kNever);
   settle(*transfer, now);
   return true;
-}
-
-Time Settling::next_deadline() const {
-  if (!watched_.empty() && watched_.front().position <= stream_.window.handled()) return 0;
-  return timers_.empty() ? kNever : timers_.begin()->first;
 }
 
 // --- A round ---
@@ -137,9 +92,7 @@ void Settling::judge_round(Transfer& transfer, Time now) {
     const TransferNode& node = transfer.nodes[i];
     if (node.state != State::kOpen || !node.answered || node.asked) continue;
     idle = true;
-    Progress& progress = progress_[{transfer.id, i}];
-    if (progress.since == 0) progress.since = now;
-    ++progress.rounds;
+    giving_up_.was_idle(transfer.id, i, now);
   }
   if (idle) {
     ++transfer.stuck;
@@ -190,15 +143,26 @@ bool Settling::copy_due(const Transfer& transfer, uint32_t segments, Time now) c
   return waited >= backoff(wait, transfer.copies, kNever);
 }
 
+// What the nodes that wait had asked for: a repair of it may have been lost.
+uint64_t Settling::parts_of_idle(const Transfer& transfer) const {
+  uint64_t parts = 0;
+  for (const TransferNode& node : transfer.nodes)
+    if (node.state == State::kOpen && node.answered && !node.asked) parts |= node.parts;
+  return parts;
+}
+
 bool Settling::send_copy(Transfer& transfer, Time now) {
   if (transfer.stuck == 0) return false;
-  const uint32_t asked = transfer.repairs.asked();
+  const uint64_t parts = parts_of_idle(transfer);
+  const uint32_t asked = transfer.repairs.asked(parts);
   const bool of_asked = asked != 0 && transfer.copies < kCopiesOfAsked;
+  // Who was shown the end asks for the rest by itself, unless it lost that, too.
+  if (!of_asked && transfer.stuck == 1) return false;
   if (!copy_due(transfer, of_asked ? asked : transfer.segments, now)) return false;
   ++transfer.copies;
   transfer.asked_at = 0;
   if (of_asked) {
-    transfer.repairs.repeat_asked();
+    transfer.repairs.repeat_asked(parts);
     stream_.repairs.enter(transfer);
   } else {
     stream_again(transfer);
@@ -220,44 +184,24 @@ bool Settling::send_probes(Transfer& transfer, Time now) {
 void Settling::poll(Transfer& transfer, Time now) {
   for (TransferNode& node : transfer.nodes) {
     node.answered = node.asked = false;
-    if (node.state == State::kOpen && node.unanswered < kSilentPolls) ++node.unanswered;
+    if (node.state == State::kOpen && node.unanswered < GivingUp::kSilentPolls) ++node.unanswered;
   }
   transfer.answers = 0;
   stream_.output.file_poll(transfer);
   transfer.asked_at = now;
   const Time pause = backoff(kLeastPause, transfer.stuck, kMostPause);
   const Time patience = backoff(stream_.window.answer_time(), transfer.mute, kMostPause);
-  arm(transfer, now + std::max(pause, patience));
+  agenda_.arm(transfer, now + std::max(pause, patience));
 }
 
 // --- The end ---
-
-// Why nothing can be expected of an open node any more, as a status; 0: it can.
-uint64_t Settling::hopeless(const Transfer& transfer, NodeIndex node, Time now) const {
-  const TransferNode& state = transfer.nodes[node];
-  // It has ended the file and forgotten that: it no longer listens to the data stream, its report
-  // was lost, and it will not hear the poll.
-  if (state.unanswered >= kSilentPolls && elapsed(now, state.heard) >= kSilentPatience)
-    return PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT);
-  const auto found = progress_.find({transfer.id, node});
-  if (found == progress_.end() || found->second.rounds < kHopelessRounds) return 0;
-  const Time waited = elapsed(now, found->second.since);
-  // It has the information, which is small, and never saw a segment of a full datagram's size: it
-  // asks for nothing, or for all but the last one, which may be small.
-  const uint32_t lacking = found->second.lacking;
-  const bool nothing_came =
-      !state.has_info || (lacking != kUnknown && lacking + 1 >= transfer.segments);
-  if (nothing_came && transfer.segments > 1 && waited >= kNoSegmentTime)
-    return PKGDIST_STATUS_FROM_ERRNO(EMSGSIZE);
-  return waited >= kHopelessTime ? PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT) : 0;
-}
 
 // For these the file ends as given up, so that it can be told of it again. True when nobody is left
 // to be waited for.
 bool Settling::end_hopeless_nodes(Transfer& transfer, Time now) {
   for (NodeIndex node = 0; node < transfer.nodes.size(); ++node) {
     if (transfer.nodes[node].state != State::kOpen) continue;
-    if (const uint64_t status = hopeless(transfer, node, now); status != 0)
+    if (const uint64_t status = giving_up_.verdict(transfer, node, now); status != 0)
       end_node(transfer, node, status);
   }
   if (transfer.open + transfer.unlisted != 0) return transfer.open == 0;
@@ -268,7 +212,7 @@ bool Settling::end_hopeless_nodes(Transfer& transfer, Time now) {
 void Settling::end_node(Transfer& transfer, NodeIndex node, uint64_t status) {
   transfer.set_state(node, State::kEnded);
   transfer.progress();
-  progress_.erase({transfer.id, node});
+  giving_up_.forget(transfer.id, node);
   observer_.transfer_ended(transfer, node, status, status == 0 && transfer.segments_sent == 0);
 }
 
@@ -289,32 +233,14 @@ void Settling::close(Transfer& transfer) {
   using Stage = Transfer::Stage;
   if (transfer.stage == Stage::kQueued || transfer.stage == Stage::kAnnounced)
     stream_.schedule.leave_waiting(transfer);
-  arm(transfer, kNever);
+  agenda_.arm(transfer, kNever);
   stream_.contents.close(transfer.id);
-  progress_.erase(progress_.lower_bound({transfer.id, 0}),
-                  progress_.upper_bound({transfer.id, kNoNode}));
+  giving_up_.forget(transfer.id);
   const std::unique_ptr<Transfer> last = stream_.table.remove(transfer.id);
   observer_.transfer_closed(*last);
 }
 
 // --- What nodes say ---
-
-void Settling::on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now) {
-  if (transfer.stage != Transfer::Stage::kSettling) return;
-  Progress& progress = progress_[{transfer.id, node}];
-  if (progress.since == 0) progress.since = now;
-  if (elapsed(now, std::exchange(progress.asked_at, now)) < kRequestPause) {
-    progress.asks += segments;
-    return;
-  }
-  // The requests before are complete.
-  const uint32_t asked = std::exchange(progress.asks, segments);
-  ++progress.rounds;
-  if (asked == 0 || asked >= progress.lacking) return;
-  progress.lacking = asked;
-  progress.since = now;
-  progress.rounds = 0;
-}
 
 void Settling::note_answer(Transfer& transfer, NodeIndex node, Time now) {
   TransferNode& state = transfer.node(node);
@@ -330,7 +256,7 @@ void Settling::on_in_progress(Transfer& transfer, NodeIndex node, Time now) {
   if (transfer.asked_at == 0 || transfer.answers < transfer.open || transfer.watched != 0) return;
   // All have answered: the next round need not wait for the timer, but rounds keep their distance.
   const Time paced = transfer.asked_at + backoff(kLeastPause, transfer.stuck, kMostPause);
-  arm(transfer, std::max(now, std::min(transfer.timer, paced)));
+  agenda_.arm(transfer, std::max(now, std::min(transfer.timer, paced)));
 }
 
 void Settling::unlist(Transfer& transfer, NodeIndex node, Time now) {

@@ -7,22 +7,19 @@
 //   1. Who has not reported gets the segments at which the turn ended and began, as first
 //      transmissions, so that it asks for the gap before them; and all are polled about the file.
 //   2. A node that answers 'in progress' and asks for nothing is stuck. It gets the information
-//      once more, and another copy of what was asked for last, or of the whole file, as soon as it
-//      has waited for as long as that copy takes on the wire (eight times that for a large file),
-//      twice as long for the next, and so on: so copies cost little beside the wait that they may
-//      save. A node that began a
-//      large file in the middle is shown probe segments first (start_search.h).
+//      once more, and another copy of what it had asked for. If it had asked for nothing it is
+//      shown the end again, then it gets the whole file. A copy goes out as soon as the node has
+//      waited for as long as it takes on the wire (eight times that for a large file), twice as
+//      long for the next, and so on: so copies cost little beside the wait that they may save. A
+//      node that began a large file in the middle is shown probe segments first (start_search.h).
 //   3. Nodes ask by themselves after their time-outs; then this begins anew.
 //
-// Rounds come at growing intervals. A node ends a file without a report when it has not answered
-// for longer than it can remember the file, or when it answers but nothing it is sent gets there.
+// Rounds come at growing intervals, until a node has reported or is given up (giving_up.h).
 #pragma once
 
-#include <deque>
-#include <map>
-#include <set>
-
+#include "stream/agenda.h"
 #include "stream/data_output.h"
+#include "stream/giving_up.h"
 #include "stream/loss_meter.h"
 #include "stream/repair_line.h"
 #include "stream/schedule.h"
@@ -58,7 +55,10 @@ class Settling {
     LossMeter& loss;
   };
   Settling(const Stream& stream, Counters& counters, TransferObserver& observer)
-      : stream_(stream), counters_(counters), observer_(observer) {}
+      : stream_(stream),
+        counters_(counters),
+        observer_(observer),
+        agenda_(stream.table, stream.window) {}
 
   // The stream has gone round the file.
   void begin(Transfer& transfer, Time now);
@@ -75,32 +75,22 @@ class Settling {
 
   // Settles one file that is due; false when none is.
   bool run(Time now);
-  Time next_deadline() const;
+  Time next_deadline() const { return agenda_.next_deadline(); }
 
   // A node asked for so many segments of a file whose turn is over.
-  void on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now);
+  void on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now) {
+    if (transfer.stage != Transfer::Stage::kSettling) return;
+    giving_up_.has_asked(transfer.id, node, segments, now);
+  }
   void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);
 
  private:
-  static constexpr uint32_t kUnknown = UINT32_MAX;
-  // How a node that answers gets on with a file in settling.
-  struct Progress {
-    Time since = 0;               // the last sign of it
-    uint32_t rounds = 0;          // without one
-    uint32_t lacking = kUnknown;  // segments, the least it asked for at once
-    uint32_t asks = 0;            // for so many at present
-    Time asked_at = 0;
-  };
-
-  void watch(Transfer& transfer);
-  void arm(Transfer& transfer, Time when);
-  Transfer* next_due(Time now);
   void settle(Transfer& transfer, Time now);
   bool end_hopeless_nodes(Transfer& transfer, Time now);
-  uint64_t hopeless(const Transfer& transfer, NodeIndex node, Time now) const;
   void judge_round(Transfer& transfer, Time now);
   bool show_tail(Transfer& transfer, Time now);
   bool help(Transfer& transfer, Time now);
+  uint64_t parts_of_idle(const Transfer& transfer) const;
   bool send_copy(Transfer& transfer, Time now);
   bool copy_due(const Transfer& transfer, uint32_t segments, Time now) const;
   bool send_probes(Transfer& transfer, Time now);
@@ -115,14 +105,8 @@ class Settling {
   Stream stream_;
   Counters& counters_;
   TransferObserver& observer_;
-  std::set<std::pair<Time, TransferId>> timers_;
-  // Files to be settled when the window has handled a position, rising.
-  struct Watched {
-    uint64_t position = 0;
-    TransferId id = kNoTransfer;
-  };
-  std::deque<Watched> watched_;
-  std::map<std::pair<TransferId, NodeIndex>, Progress> progress_;
+  Agenda agenda_;
+  GivingUp giving_up_;
 };
 
 }  // namespace pkgdist::lead

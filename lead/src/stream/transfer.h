@@ -70,6 +70,7 @@ struct TransferNode {
   uint16_t unanswered = 0;  // polls in a row
   Time stale_since = 0;     // the first stale answer
   Time heard = 0;           // when it spoke of the file last, or began to be waited for
+  uint64_t parts = 0;       // of the file that it has asked for, see RepairQueue::part_of()
 
   // It spoke of this transfer.
   void hear(Time now) {
@@ -78,7 +79,7 @@ struct TransferNode {
   }
 };
 // With a thousand nodes and two thousand files in transfer this is most of the lead's memory.
-static_assert(sizeof(TransferNode) == 24);
+static_assert(sizeof(TransferNode) == 32);
 
 struct Transfer {
   enum class Stage : uint8_t {

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+
 namespace pkgdist::lead {
 namespace {
+
+constexpr uint64_t kAll = UINT64_MAX;  // parts
 
 TEST(RepairQueue, merges_the_requests_of_several_nodes) {
   RepairQueue queue(100);
@@ -59,9 +63,9 @@ TEST(RepairQueue, a_request_after_a_silence_replaces_what_was_asked_for) {
   RepairQueue queue(100);
   queue.request(1, 2, kSecond);
   queue.request(7, 1, kSecond + 40 * kMillisecond);
-  EXPECT_EQ(queue.asked(), 3u);
+  EXPECT_EQ(queue.asked(kAll), 3u);
   queue.request(2, 1, kSecond + 100 * kMillisecond);
-  EXPECT_EQ(queue.asked(), 1u);
+  EXPECT_EQ(queue.asked(kAll), 1u);
   EXPECT_TRUE(queue.was_asked(2));
 }
 
@@ -70,12 +74,43 @@ TEST(RepairQueue, repeats_what_was_asked_for_until_it_is_forgotten) {
   queue.request(1, 2, kSecond);
   queue.take(kSecond);
   queue.take(kSecond);
-  queue.repeat_asked();
+  queue.repeat_asked(kAll);
   EXPECT_EQ(queue.take(2 * kSecond), 1u);
   EXPECT_EQ(queue.take(2 * kSecond), 2u);
   queue.forget_asked();
-  queue.repeat_asked();
+  queue.repeat_asked(kAll);
   EXPECT_TRUE(queue.empty());
+}
+
+TEST(RepairQueue, repeats_what_one_node_asked_for) {
+  RepairQueue queue(12);
+  queue.request(1, 2, kSecond);
+  queue.request(11, 1, kSecond);
+  while (!queue.empty()) queue.take(kSecond);
+  const uint64_t parts = queue.parts_of(11, 1);
+  EXPECT_EQ(queue.asked(parts), 1u);
+  queue.repeat_asked(parts);
+  EXPECT_EQ(queue.take(2 * kSecond), 11u);
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(RepairQueue, parts_of_a_small_file_are_its_segments) {
+  const RepairQueue queue(64);
+  for (uint32_t segment = 0; segment < 64; ++segment)
+    EXPECT_EQ(queue.parts_of(segment, 1), uint64_t{1} << segment);
+  EXPECT_EQ(queue.parts_of(0, 64), kAll);
+}
+
+TEST(RepairQueue, parts_of_a_large_file_hold_every_segment_of_a_run) {
+  const RepairQueue queue(1000);
+  for (uint32_t first = 0; first < 1000; first += 37) {
+    for (uint32_t num = 1; first + num <= 1000; num += 61) {
+      const uint64_t parts = queue.parts_of(first, num);
+      for (uint32_t at = first; at < first + num; ++at)
+        ASSERT_NE(parts & queue.part_of(at), 0u) << first << ' ' << num;
+      EXPECT_LE(std::popcount(parts), static_cast<int>(num / 16 + 2));
+    }
+  }
 }
 
 }  // namespace

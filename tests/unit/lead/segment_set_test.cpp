@@ -59,14 +59,5 @@ TEST(SegmentSet, finds_the_next_member_going_round) {
   EXPECT_EQ(set.next(6), 5u);
 }
 
-TEST(SegmentSet, unites_with_another_set) {
-  SegmentSet set(100), other(100);
-  set.insert(1);
-  other.insert(1);
-  other.insert(99);
-  set.insert_all(other);
-  EXPECT_EQ(set.count(), 2u);
-}
-
 }  // namespace
 }  // namespace pkgdist::lead
