@@ -101,11 +101,8 @@ class Host(Loopback):
 
     def plug_in(self):
         _sh("ip", "netns", "add", self.name)
-        _sh("ip", "link", "add", self.port, "type", "veth", "peer", "name", "eth0", "netns", self.name)
-        _sh("ip", "link", "set", self.port, "master", BRIDGE, "up")
         self._exec("ip", "link", "set", "lo", "up")
-        self._exec("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
-        self._exec("ip", "link", "set", "eth0", "up")
+        self.add_interface()
 
     def unplug(self):
         # The link goes first, and by name: with its namespace it would go some time later, when the
@@ -115,6 +112,26 @@ class Host(Loopback):
 
     def _exec(self, *command):
         _sh(*self.prefix, *command)
+
+    # --- The interface eth0 ---
+
+    def add_interface(self):
+        """With a number that no interface of this host had before."""
+        _sh("ip", "link", "add", self.port, "type", "veth", "peer", "name", "eth0", "netns", self.name)
+        _sh("ip", "link", "set", self.port, "master", BRIDGE, "up")
+        self.change_address("add", self.address)
+        self.set_interface("up")
+
+    def remove_interface(self):
+        _sh("ip", "link", "delete", self.port)
+
+    def set_interface(self, state):
+        """"up" or "down"."""
+        self._exec("ip", "link", "set", "eth0", state)
+
+    def change_address(self, what, address):
+        """`what`: "add" or "delete"."""
+        self._exec("ip", "address", what, f"{address}/24", "dev", "eth0")
 
     def socket(self, port=0, address=None):
         """A UDP socket of this host, in this process; bound, sending multicast from its interface."""
@@ -137,11 +154,15 @@ class Host(Loopback):
 
     def lose(self, percent):
         """Drops this share of the UDP datagrams that arrive here."""
-        self._exec("nft", "add table ip lab; flush table ip lab")
-        self._exec("nft", "add chain ip lab input { type filter hook input priority 0; }")
-        if percent > 0:
-            limit = round(percent * 100)
-            self._exec("nft", f"add rule ip lab input ip protocol udp numgen random mod 10000 < {limit} drop")
+        limit = round(percent * 100)
+        self.filter(*[f"ip protocol udp numgen random mod 10000 < {limit} drop"] if limit else [])
+
+    def filter(self, *rules):
+        """What arrives here passes these rules of nftables, in place of all that stood before."""
+        self._exec("nft", "add table ip lab; flush table ip lab; "
+                          "add chain ip lab input { type filter hook input priority 0; }")
+        for rule in rules:
+            self._exec("nft", f"add rule ip lab input {rule}")
 
 
 def _in_namespace(path, action):

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fmt/core.h>
-#include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -35,25 +34,10 @@ int mtu_of(const std::string& name) {
   return ::ioctl(socket.get(), SIOCGIFMTU, &request) == 0 ? request.ifr_mtu : 0;
 }
 
-Interface find_interface(uint32_t address) {
-  Interface found;
-  ifaddrs* list = nullptr;
-  if (::getifaddrs(&list) != 0) return found;
-  for (const ifaddrs* i = list; i != nullptr && found.index == 0; i = i->ifa_next) {
-    if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
-    const auto* own = reinterpret_cast<const sockaddr_in*>(i->ifa_addr);
-    const auto* mask = reinterpret_cast<const sockaddr_in*>(i->ifa_netmask);
-    const bool loopback = (i->ifa_flags & IFF_LOOPBACK) != 0;
-    const uint32_t bits = loopback && mask != nullptr ? mask->sin_addr.s_addr : UINT32_MAX;
-    // The loopback interface has every address of its network.
-    if ((own->sin_addr.s_addr & bits) != (htonl(address) & bits)) continue;
-    found.name = i->ifa_name;
-    found.index = ::if_nametoindex(i->ifa_name);
-    found.flags = i->ifa_flags;
-    found.mtu = mtu_of(found.name);
-  }
-  ::freeifaddrs(list);
-  return found;
+Interface interface_of(uint32_t address) {
+  const cli::NetworkInterface found =
+      cli::find_interface(address).value_or(cli::NetworkInterface{});
+  return {found, found.exists() ? mtu_of(found.name) : 0};
 }
 
 int number_in(const std::string& path) {
@@ -101,20 +85,16 @@ uint32_t granted_buffer(Role role, uint32_t wanted) {
 
 }  // namespace
 
-bool Interface::loopback() const {
-  return (flags & IFF_LOOPBACK) != 0;
-}
-
 Interface check_interface(const DoctorOptions& options, Findings& findings) {
-  const Interface found = find_interface(options.common.interface);
+  const Interface found = interface_of(options.common.interface);
   const std::string address = format_address(options.common.interface);
-  if (found.index == 0) {
+  if (!found.exists()) {
     findings.add({Level::kProblem, "interface", fmt::format("no interface has {}", address),
                   "pkgdist joins its groups and sends by the interface of this address",
                   "ip -4 address show; then give one of these addresses as --interface"});
     return found;
   }
-  if ((found.flags & IFF_UP) == 0 || (found.flags & IFF_RUNNING) == 0) {
+  if (!found.works()) {
     findings.add({Level::kProblem, "interface", fmt::format("{} is down", found.name),
                   "nothing is sent or received by it",
                   fmt::format("ip link set dev {} up; see also that its cable is in", found.name)});

@@ -5,16 +5,13 @@
 
 #include "doctor_options.h"
 #include "finding.h"
+#include "network_interface.h"
 
 namespace pkgdist::doctor {
 
 // The network interface that has the address of --interface.
-struct Interface {
-  std::string name;
-  unsigned index = 0;
-  unsigned flags = 0;  // IFF_...
+struct Interface : cli::NetworkInterface {
   int mtu = 0;
-  bool loopback() const;
 };
 
 // Looks for the interface; a problem, and an index of 0, when no interface has the address.

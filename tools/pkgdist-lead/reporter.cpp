@@ -207,6 +207,16 @@ void Reporter::other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagra
                   pid, datagrams));
 }
 
+// --- This host ---
+
+void Reporter::interface_changed(const cli::InterfaceChange& change) {
+  json_.print("interface", Json{{"address", format_address(change.address)},
+                                {"interface", change.now.name},
+                                {"state", change.state()}});
+  if (before_line) before_line();
+  fmt::print(stderr, "pkgdist-lead: {}\n", change.text());
+}
+
 void Reporter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
   fmt::print(stderr, "pkgdist-lead: {}\n", text);

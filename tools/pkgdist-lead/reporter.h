@@ -6,6 +6,7 @@
 
 #include "control_protocol.h"
 #include "json_events.h"
+#include "network_interface.h"
 #include "pkgdist_lead/events.h"
 
 namespace pkgdist::lead_program {
@@ -44,6 +45,7 @@ class Reporter : public lead::Events {
 
   // A request came over the control socket and became the message `id` to so many nodes.
   void request_taken(lead::MessageId id, const Request& request, size_t nodes);
+  void interface_changed(const cli::InterfaceChange& change);
   void error(const std::string& text);
 
   const cli::JsonEvents& json() const { return json_; }

@@ -1,11 +1,13 @@
 #include "session.h"
 
+#include <fmt/core.h>
 #include <signal.h>
 #include <sys/random.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <system_error>
 
@@ -64,12 +66,23 @@ StopSignals::~StopSignals() {
   ::close(fd_);
 }
 
-Session::Session(const LeadOptions& options, lead::Events& events)
-    : transport_(udp_settings(options)),
-      lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, events)) {
+Session::Session(const LeadOptions& options, Reporter& reporter)
+    : interface_(options.common.interface),
+      transport_(udp_settings(options)),
+      lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, reporter)) {
   for (const auto& [number, location] : options.common.locations)
     store_.set_root(number, location.path);
   poller_.add(signals_.fd(), EPOLLIN, [this] { stopped_ |= signals_.taken(); });
+  if (interface_.fd() >= 0)
+    poller_.add(interface_.fd(), EPOLLIN, [this, &reporter] { follow_interface(reporter); });
+}
+
+void Session::follow_interface(Reporter& reporter) {
+  const std::optional<cli::InterfaceChange> change = interface_.take();
+  if (!change) return;
+  reporter.interface_changed(*change);
+  if (change->now.works() && !transport_.renew())
+    reporter.error(fmt::format("the interface cannot be used: {}", std::strerror(errno)));
 }
 
 bool Session::hears_leads(Reporter& reporter) const {

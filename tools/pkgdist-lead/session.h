@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "lead_options.h"
+#include "network_interface.h"
 #include "pkgdist_lead/directory_store.h"
 #include "pkgdist_lead/lead.h"
 #include "pkgdist_lead/udp_transport.h"
@@ -31,7 +32,7 @@ class StopSignals {
 class Session {
  public:
   // Throws std::system_error when a socket cannot be had.
-  Session(const LeadOptions& options, lead::Events& events);
+  Session(const LeadOptions& options, Reporter& reporter);
 
   lead::Lead& lead() { return *lead_; }
   lead::DirectoryStore& store() { return store_; }
@@ -45,9 +46,12 @@ class Session {
   bool run(const std::function<bool(lead::Time now)>& done, lead::Time tick);
 
  private:
+  void follow_interface(Reporter& reporter);
+
   StopSignals signals_;
   Poller poller_;
   bool stopped_ = false;
+  cli::InterfaceWatch interface_;  // before the sockets: nothing is missed
   lead::DirectoryStore store_;
   lead::UdpTransport transport_;
   std::unique_ptr<lead::Lead> lead_;

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "node.h"
 #include "pkgdist/statistics.h"
 #include "status_text.h"
 
@@ -55,7 +54,10 @@ uint32_t repaired_segments() {
   return counter(DrtCounter::kMcSingleSegment);
 }
 
-void EventPrinter::attach(levm_handle_t loop) {
+void EventPrinter::attach(Node& node) {
+  const levm_handle_t loop = node.loop();
+  node.on_interface = [this](const cli::InterfaceChange& change) { interface_changed(change); };
+  node.on_trouble = [this](const std::string& text) { error(text); };
   require(instcomm_pkgdist_ctrl_register_lead_change(loop, on_lead_change, this),
           "registering for lead changes");
   require(instcomm_pkgdist_data_file_xact_start_hdlr_attach(loop, on_start, this),
@@ -120,6 +122,13 @@ void EventPrinter::message_outcome(uint64_t status) {
   const std::string outcome = status == 0 ? "acknowledged" : cli::status_text(status);
   json_.print("message-outcome", Json{{"status", status}, {"outcome", outcome}});
   say(fmt::format("message: {}", outcome));
+}
+
+void EventPrinter::interface_changed(const cli::InterfaceChange& change) {
+  json_.print("interface", Json{{"address", cli::format_address(change.address)},
+                                {"interface", change.now.name},
+                                {"state", change.state()}});
+  fmt::print(stderr, "pkgdist-node: {}\n", change.text());
 }
 
 void EventPrinter::error(const std::string& text) {

@@ -6,8 +6,7 @@
 #include <string>
 
 #include "json_events.h"
-#include "node_options.h"
-#include "pkgdist/pkgdist_recv.h"
+#include "node.h"
 
 namespace pkgdist::node_program {
 
@@ -16,8 +15,9 @@ class EventPrinter {
   explicit EventPrinter(const NodeOptions& options)
       : json_(options.common.json), verbosity_(options.common.verbosity) {}
 
-  // Attaches to everything that the lead does unasked. The object must outlive the loop.
-  void attach(levm_handle_t loop);
+  // Attaches to everything that the lead does unasked, and to what becomes of the interface. The
+  // object must outlive the node.
+  void attach(Node& node);
 
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
   void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
@@ -25,6 +25,7 @@ class EventPrinter {
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
   void message_outcome(uint64_t status);
+  void interface_changed(const cli::InterfaceChange& change);
   void error(const std::string& text);
 
   bool lead_is_known() const { return lead_is_known_; }

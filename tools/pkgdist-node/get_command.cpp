@@ -61,7 +61,7 @@ int get_command(const NodeOptions& options) {
   Wanted wanted{.options = options, .printer = printer};
   Node node(options);
   wanted.loop = node.loop();
-  printer.attach(node.loop());
+  printer.attach(node);
   if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
     printer.error(fmt::format("no lead was heard on {}",
                               cli::format_address(options.common.ctrl_group.address)));

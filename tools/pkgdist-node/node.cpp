@@ -1,12 +1,16 @@
 #include "node.h"
 
 #include <fmt/core.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -90,7 +94,11 @@ void set_repair_interval(uint32_t milliseconds) {
   G_data_rto.max_retries = kRetries;
 }
 
-Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_identity(options)) {
+Node::Node(const NodeOptions& options)
+    : loop_(levm_create()),
+      nodeid_(make_identity(options)),
+      interface_(options.common.interface),
+      membership_({options.common.ctrl_group.address, options.common.data_group.address}) {
   if (loop_ == nullptr) throw std::runtime_error("no event loop could be created");
   if (options.common.verbosity > 1)
     g_inst_common_debug_verbosity_level = options.common.verbosity - 1;
@@ -99,6 +107,7 @@ Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_iden
   if (!options.allow_setuid) G_data_recv_mode_mask = kPermissions;
   install_signal_handlers(loop_.get());
   start_control(options);
+  joined_ = cli::find_interface(options.common.interface).value_or(cli::NetworkInterface{}).index;
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");
   start_data(options);
   for (const auto& [number, location] : options.common.locations) set_location(location);
@@ -111,10 +120,27 @@ bool Node::run_until(const std::function<bool()>& done, double seconds) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     if (left.count() <= 0) return false;
     constexpr int64_t kLongestWaitMs = 3'600'000;
-    (void)levm_run_once(loop_.get(),
-                        static_cast<int>(std::min<int64_t>(left.count(), kLongestWaitMs)));
+    run_once(static_cast<int>(std::min<int64_t>(left.count(), kLongestWaitMs)));
   }
   return done();
+}
+
+void Node::run_once(int timeout_ms) {
+  pollfd ready[] = {{levm_fd(loop_.get()), POLLIN, 0}, {interface_.fd(), POLLIN, 0}};
+  (void)::poll(ready, std::size(ready), timeout_ms);  // a signal has made the loop readable
+  if (ready[1].revents != 0) follow_interface();
+  (void)levm_run_once(loop_.get(), 0);
+}
+
+// What came back with the number that it had is still joined.
+void Node::follow_interface() {
+  const std::optional<cli::InterfaceChange> change = interface_.take();
+  if (!change) return;
+  if (on_interface) on_interface(*change);
+  if (!change->now.works() || change->now.index == joined_) return;
+  joined_ = change->now.index;
+  if (!membership_.join(joined_) && on_trouble)
+    on_trouble(fmt::format("the groups cannot be joined: {}", std::strerror(errno)));
 }
 
 // Reports of small files come by the thousand. Waking up for each of them would take as much of the
@@ -122,7 +148,7 @@ bool Node::run_until(const std::function<bool()>& done, double seconds) {
 void Node::run() {
   constexpr auto kMoment = std::chrono::milliseconds(2);
   while (!interrupted()) {
-    (void)levm_run_once(loop_.get(), -1);
+    run_once(-1);
     std::this_thread::sleep_for(kMoment);
   }
 }

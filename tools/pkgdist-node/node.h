@@ -1,11 +1,14 @@
-// One node on the receive library: start-up from the options, the event loop, and how to be
-// stopped.
+// One node on the receive library: start-up from the options, the event loop, how to be stopped,
+// and a network interface that goes away and comes back.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
+#include "group_membership.h"
+#include "network_interface.h"
 #include "node_options.h"
 #include "pkgdist/pkgdist_recv.h"
 
@@ -35,7 +38,17 @@ class Node {
 
   static bool interrupted();
 
+  // Called from the event loop when the interface of the node's address goes down, away or comes
+  // back.
+  std::function<void(const cli::InterfaceChange&)> on_interface;
+  // The same when the groups cannot be joined on an interface that was made anew.
+  std::function<void(const std::string&)> on_trouble;
+
  private:
+  // Runs callbacks that are due within so many milliseconds; -1: without limit.
+  void run_once(int timeout_ms);
+  void follow_interface();
+
   struct LoopDeleter {
     void operator()(levm_handle_t loop) const { levm_destroy(loop); }
   };
@@ -44,6 +57,9 @@ class Node {
   };
   std::unique_ptr<struct levm, LoopDeleter> loop_;
   std::unique_ptr<struct nodeid, NodeidDeleter> nodeid_;
+  cli::InterfaceWatch interface_;  // since before the library joined the groups
+  GroupMembership membership_;
+  unsigned joined_ = 0;  // number of the interface on which the groups were joined last
 };
 
 }  // namespace pkgdist::node_program

@@ -43,7 +43,7 @@ int run_command(const NodeOptions& options) {
   set_repair_interval(options.repair_interval_ms);
   Node node(options);
   EventPrinter printer(options);
-  printer.attach(node.loop());
+  printer.attach(node);
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {
     target = {number, &printer, &options.on_message};

@@ -45,6 +45,10 @@ class UdpTransport : public DatagramSink {
   // Whether other leads can be heard.
   bool hears_group() const;
 
+  // The interface is back, perhaps as another one: multicast leaves by it again, and other leads
+  // are heard again. False when the system refuses.
+  bool renew();
+
   // Datagrams that the system refused to send.
   uint64_t send_errors() const;
 

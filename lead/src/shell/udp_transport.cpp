@@ -1,6 +1,10 @@
 // Sending: datagrams are built one behind the other in one arena. At a flush, neighbours with the
 // same destination and length leave in one call as a segmentation-offload batch, and all batches in
 // one sendmmsg(). A kernel or device that refuses the offload gets single datagrams from then on.
+//
+// A datagram that cannot leave, because the interface is down or gone, is counted and forgotten: to
+// the lead it is lost like any other. The kernel keeps the interface of multicast by its number, so
+// one that was made anew has to be set again: renew().
 #include "pkgdist_lead/udp_transport.h"
 
 #include <arpa/inet.h>
@@ -14,6 +18,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <system_error>
 #include <vector>
 
@@ -47,6 +52,13 @@ sockaddr_in endpoint(uint32_t address, uint16_t port) {
   name.sin_port = htons(port);
   name.sin_addr.s_addr = htonl(address);
   return name;
+}
+
+// Errors of a kernel or device that does not take batches, beside those of an interface that is
+// away.
+bool refuses_batches(int error) {
+  return error == EIO || error == EINVAL || error == EMSGSIZE || error == EOPNOTSUPP ||
+         error == ENOPROTOOPT;
 }
 
 class Socket {
@@ -89,10 +101,13 @@ class Socket {
            ::bind(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 &&
            ::setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
   }
-  void multicast_from(uint32_t address, uint8_t ttl) const {
+  bool leave_by(uint32_t address) const {
     const in_addr interface { htonl(address) };
+    return ::setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) == 0;
+  }
+  void multicast_from(uint32_t address, uint8_t ttl) const {
     const unsigned char on = 1;
-    option(IPPROTO_IP, IP_MULTICAST_IF, interface, "the interface address");
+    if (!leave_by(address)) fail(std::string(what_) + ": the interface address");
     option(IPPROTO_IP, IP_MULTICAST_LOOP, on, "multicast loop");
     option(IPPROTO_IP, IP_MULTICAST_TTL, ttl, "multicast ttl");
   }
@@ -132,7 +147,6 @@ class UdpTransport::Impl {
         control_("control channel"),
         data_("data channel"),
         requests_("request port"),
-        group_("control group"),
         arena_(kMaxGathered * kMaxDatagram),
         inbox_(kReceiveBatch * kMaxDatagram) {
     control_.multicast_from(settings.address, settings.ttl);
@@ -143,7 +157,20 @@ class UdpTransport::Impl {
     control_.bind(settings.address, settings.lead_port);
     requests_.bind(settings.address, settings.req_port);
     data_.bind(settings.address, 0);
-    hears_group_ = group_.join(settings.ctrl_group, settings.ctrl_port, settings.address);
+    join_group();
+  }
+
+  // A membership of an interface that is gone stays with its socket: it begins anew.
+  void join_group() {
+    group_.emplace("control group");
+    hears_group_ = group_->join(settings_.ctrl_group, settings_.ctrl_port, settings_.address);
+  }
+
+  bool renew() {
+    offload_ = true;  // of another device, or refused because there was none
+    join_group();
+    announce();
+    return control_.leave_by(settings_.address) && data_.leave_by(settings_.address);
   }
 
   std::span<uint8_t> buffer() { return {arena_.data() + used_, kMaxDatagram}; }
@@ -173,7 +200,7 @@ class UdpTransport::Impl {
   void receive(Lead& lead, Time now) {
     if (arrived_[0]) receive_from(control_, Channel::kControl, lead, now);
     if (arrived_[1]) receive_from(requests_, Channel::kData, lead, now);
-    if (arrived_[2]) receive_from(group_, Channel::kOverheard, lead, now);
+    if (arrived_[2]) receive_from(*group_, Channel::kOverheard, lead, now);
     arrived_.fill(true);
   }
 
@@ -182,7 +209,7 @@ class UdpTransport::Impl {
     const timespec timeout{static_cast<time_t>(left / kSecond), static_cast<long>(left % kSecond)};
     std::array<pollfd, 4> fds{{{control_.fd(), POLLIN, 0},
                                {requests_.fd(), POLLIN, 0},
-                               {group_.fd(), POLLIN, 0},
+                               {group_->fd(), POLLIN, 0},
                                {extra_fd, POLLIN, 0}}};
     const int ready = ::ppoll(fds.data(), fds.size(), &timeout, nullptr);
     for (size_t i = 0; i < arrived_.size(); ++i) arrived_[i] = ready > 0 && fds[i].revents != 0;
@@ -193,6 +220,18 @@ class UdpTransport::Impl {
   bool hears_group_ = false;
 
  private:
+  // Nodes know the hardware address of an interface that is gone, and would send to it for up to a
+  // minute. The question for a node's own address, which everybody hears, corrects them; a datagram
+  // to a node makes the system ask it.
+  void announce() const {
+    constexpr uint16_t kDiscardPort = 9;
+    if (last_peer_ == 0) return;
+    const sockaddr_in to = endpoint(last_peer_, kDiscardPort);
+    const char byte = 0;
+    (void)::sendto(control_.fd(), &byte, sizeof byte, 0, reinterpret_cast<const sockaddr*>(&to),
+                   sizeof to);
+  }
+
   // The datagrams from `first` on that can leave in one message.
   Batch next_batch(size_t first) const {
     Batch batch;
@@ -252,7 +291,7 @@ class UdpTransport::Impl {
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       pollfd writable{fd, POLLOUT, 0};
       if (::poll(&writable, 1, kSendWaitMs) > 0) return 0;
-    } else if (batch.count > 1) {
+    } else if (batch.count > 1 && refuses_batches(errno)) {
       offload_ = false;  // not on this way: once more, one by one
       return 0;
     }
@@ -275,6 +314,7 @@ class UdpTransport::Impl {
       }
       const int got = ::recvmmsg(socket.fd(), messages.data(), kReceiveBatch, 0, nullptr);
       if (got <= 0) return;
+      if (channel != Channel::kOverheard) last_peer_ = ntohl(senders[0].sin_addr.s_addr);
       for (size_t i = 0; i < static_cast<size_t>(got); ++i)
         lead.on_datagram(channel, {inbox_.data() + i * kMaxDatagram, messages[i].msg_len},
                          ntohl(senders[i].sin_addr.s_addr), now);
@@ -287,7 +327,7 @@ class UdpTransport::Impl {
   Socket control_;
   Socket data_;
   Socket requests_;
-  Socket group_;
+  std::optional<Socket> group_;
   std::vector<uint8_t> arena_;
   std::vector<uint8_t> inbox_;
   size_t used_ = 0;
@@ -295,6 +335,7 @@ class UdpTransport::Impl {
   std::array<Batch, kMaxGathered> batches_;
   std::array<mmsghdr, kMaxGathered> messages_;
   bool offload_ = true;
+  uint32_t last_peer_ = 0;  // a node that was heard
   // Found by the last wait(), in the order of receive(); without one anything may have come.
   std::array<bool, 3> arrived_ = {true, true, true};
 };
@@ -320,6 +361,10 @@ void UdpTransport::receive(Lead& lead, Time now) {
 
 bool UdpTransport::wait(Time deadline, int extra_fd) {
   return impl_->wait(deadline, extra_fd);
+}
+
+bool UdpTransport::renew() {
+  return impl_->renew();
 }
 
 bool UdpTransport::hears_group() const {

@@ -99,5 +99,25 @@ TEST_F(UdpTransportTest, only_the_last_of_a_batch_is_shorter) {
   EXPECT_EQ(receiver_.batches(), (std::vector<size_t>{3500, 2000}));
 }
 
+TEST_F(UdpTransportTest, sends_and_hears_leads_as_before_when_it_was_renewed) {
+  for (int i = 0; i < 30; ++i)
+    ASSERT_TRUE(transport_.renew());  // more than memberships of a socket
+  EXPECT_TRUE(transport_.hears_group());
+  send(10, 1000);
+  transport_.flush();
+  EXPECT_EQ(receiver_.batches(), (std::vector<size_t>{10'000}));
+}
+
+// To another network from a loopback address.
+TEST_F(UdpTransportTest, what_cannot_leave_is_counted_and_what_follows_leaves) {
+  constexpr uint32_t kElsewhere = 0xC0000201;  // 192.0.2.1
+  transport_.send(Channel::kControl, kElsewhere, 100);
+  transport_.flush();
+  EXPECT_EQ(transport_.send_errors(), 1u);
+  send(1, 1000);
+  transport_.flush();
+  EXPECT_EQ(receiver_.batches(), (std::vector<size_t>{1000}));
+}
+
 }  // namespace
 }  // namespace pkgdist::lead
