@@ -25,9 +25,6 @@ constexpr Time kResendHoldoff = 20 * kMillisecond;
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = kSecond;
 
-// Points from here on are made up: no lead sends so many messages, and sequences must not wrap.
-constexpr uint32_t kAdoptLimit = 1u << 31;
-
 // How long finished messages are kept, and how many bytes of them.
 constexpr Time kKeepFinished = 5 * kSecond;
 constexpr size_t kKeepBytes = 4 * 1024 * 1024;
@@ -59,12 +56,6 @@ uint32_t ControlStream::post(uint32_t msg_class, std::vector<uint8_t> payload, A
   for (uint32_t i = 0; i < entry.segment_sent.size(); ++i) transmit(entry, i, false, now);
   next_ping_ = std::min(next_ping_, now + kPingAfterMessage);
   return last_sequence_;
-}
-
-void ControlStream::adopt(uint32_t point) {
-  if (point < kAdoptLimit && entries_.empty() && point > last_sequence_ &&
-      last_sequence_ == self_.initial_sequence)
-    last_sequence_ = point;
 }
 
 ControlStream::Entry* ControlStream::find(uint32_t sequence) {
@@ -189,7 +180,7 @@ void ControlStream::send_ping(Time now) {
 }
 
 // Every ping draws an answer of every node.
-void ControlStream::on_lead_query(Time now) {
+void ControlStream::ping_soon(Time now) {
   constexpr Time kLeastGap = 30 * kMillisecond;
   next_ping_ = std::min(next_ping_, std::max(now, last_ping_ + kLeastGap));
 }

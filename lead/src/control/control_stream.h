@@ -41,9 +41,8 @@ class ControlStream {
 
   // The highest sequence sent so far.
   uint32_t last_sequence() const { return last_sequence_; }
-  // Goes on above `point`, which a node has from an earlier life of this lead; only before anything
-  // was sent, since sequences in use cannot change.
-  void adopt(uint32_t point);
+  // Nothing was sent since the beginning.
+  bool unused() const { return last_sequence_ == self_.initial_sequence; }
 
   void on_ack(NodeIndex node, uint32_t sequence);
   void on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now);
@@ -69,9 +68,9 @@ class ControlStream {
   void set_watch(Watch watch, Time now);
   // Since when this lead leads, in wall-clock seconds: told in every ping.
   void set_leading_since(uint32_t seconds) { leading_since_ = seconds; }
-  // Another lead asks whether somebody leads: a ping soon, and no more of them than one lead's
-  // question needs.
-  void on_lead_query(Time now);
+  // Somebody waits for a ping: one soon, and no more of them than a lead that asks whether somebody
+  // leads needs.
+  void ping_soon(Time now);
   void run(Time now);
   Time next_deadline() const;
 

@@ -23,7 +23,7 @@ NodeStreams::NodeStreams(const Settings& self, const NodeTable& nodes, DatagramS
 
 void NodeStreams::post(MessageId id, NodeIndex node, uint32_t msg_class,
                        std::vector<uint8_t> payload, Time now) {
-  Stream& stream = streams_[node];
+  Stream& stream = streams_.try_emplace(node, Stream{first_sequence_, {}}).first->second;
   Waiting& waiting = stream.queue.emplace_back();
   waiting.id = id;
   waiting.message.msg_class = msg_class;
@@ -104,6 +104,14 @@ void NodeStreams::forget(NodeIndex node) {
   if (found == streams_.end()) return;
   queued_ -= found->second.queue.size();
   found->second.queue.clear();
+}
+
+void NodeStreams::remove(NodeIndex node) {
+  forget(node);
+  const auto found = streams_.find(node);
+  if (found == streams_.end()) return;
+  first_sequence_ = std::max(first_sequence_, found->second.last_sequence);
+  streams_.erase(found);
 }
 
 Time NodeStreams::retry_at(const Waiting& waiting) {

@@ -43,6 +43,10 @@ class PushJob {
   bool leaves_behind(NodeIndex node) const {
     return phase_ == Phase::kRunning && node < members_.size() && members_[node].behind;
   }
+  // Whether the push reports about the node.
+  bool counts(NodeIndex node) const {
+    return phase_ != Phase::kFinished && node < members_.size() && members_[node].known;
+  }
   void on_acknowledged(uint32_t sequence, NodeIndex node);
   void on_requested_segments(NodeIndex node, uint32_t segments);
 

@@ -1,6 +1,6 @@
 // Sending: datagrams are built one behind the other in one arena. At a flush, neighbours with the
 // same destination and length leave in one call as a segmentation-offload batch, and all batches in
-// one sendmmsg(). A kernel or device that refuses the offload gets single datagrams from then on.
+// one sendmmsg(). A kernel or device that refuses the offload gets single datagrams for a while.
 #include "pkgdist_lead/udp_transport.h"
 
 #include <arpa/inet.h>
@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pkgdist/wire_ctrl.h"
+#include "shell/offload_switch.h"
 
 namespace pkgdist::lead {
 
@@ -164,6 +165,8 @@ class UdpTransport::Impl {
   }
 
   void flush() {
+    if (gathered_.empty()) return;
+    offload_ = offload_switch_.on(monotonic_now());
     size_t sent = 0;
     while (sent < gathered_.size()) sent += send_from(sent);
     gathered_.clear();
@@ -252,7 +255,7 @@ class UdpTransport::Impl {
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       pollfd writable{fd, POLLOUT, 0};
       if (::poll(&writable, 1, kSendWaitMs) > 0) return 0;
-    } else if (batch.count > 1) {
+    } else if (batch.count > 1 && offload_switch_.refused(errno, monotonic_now())) {
       offload_ = false;  // not on this way: once more, one by one
       return 0;
     }
@@ -294,7 +297,8 @@ class UdpTransport::Impl {
   std::vector<Gathered> gathered_;
   std::array<Batch, kMaxGathered> batches_;
   std::array<mmsghdr, kMaxGathered> messages_;
-  bool offload_ = true;
+  OffloadSwitch offload_switch_;
+  bool offload_ = true;  // during a flush
   // Found by the last wait(), in the order of receive(); without one anything may have come.
   std::array<bool, 3> arrived_ = {true, true, true};
 };

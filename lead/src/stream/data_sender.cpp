@@ -83,6 +83,15 @@ void DataSender::drop_node(NodeIndex node) {
   }
 }
 
+void DataSender::forget_node(NodeIndex node) {
+  table_.each([&](Transfer& transfer) {
+    if (node >= transfer.nodes.size()) return;
+    transfer.set_state(node, TransferNode::State::kAbsent);
+    transfer.nodes[node] = {};
+    settling_.forget(transfer.id, node);
+  });
+}
+
 void DataSender::abandon(uint64_t tag_limit) {
   for (const TransferId id : table_.ids())
     if (Transfer* const transfer = table_.at(id);

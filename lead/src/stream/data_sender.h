@@ -35,6 +35,8 @@ class DataSender {
   void join(TransferId id, NodeIndex node, bool asked, Time now);
   // The node is gone: nothing is waited for.
   void drop_node(NodeIndex node);
+  // It was dropped, and another node may get its index.
+  void forget_node(NodeIndex node);
   // Ends all transfers with a tag below this without a word.
   void abandon(uint64_t tag_limit);
   void abandon_all() { abandon(UINT64_MAX); }

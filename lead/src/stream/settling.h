@@ -77,6 +77,8 @@ class Settling {
   bool run(Time now);
   Time next_deadline() const;
 
+  // The node is gone for good.
+  void forget(TransferId id, NodeIndex node) { progress_.erase({id, node}); }
   // A node asked for so many segments of a file whose turn is over.
   void on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now);
   void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);

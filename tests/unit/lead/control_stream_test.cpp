@@ -193,11 +193,11 @@ TEST_F(ControlStreamTest, pings_come_every_second_and_faster_while_something_is_
   EXPECT_LE(pings(30 * kSecond, 10 * kSecond), 11u);
 }
 
-TEST_F(ControlStreamTest, an_earlier_life_is_adopted_only_before_the_first_message) {
-  stream_.adopt(500);
-  EXPECT_EQ(post(10, {}, kSecond), 501u);
-  stream_.adopt(900);
-  EXPECT_EQ(post(10, {}, kSecond), 502u);
+TEST_F(ControlStreamTest, is_unused_until_its_first_message) {
+  stream_.run(kSecond);
+  EXPECT_TRUE(stream_.unused());
+  post(10, {}, kSecond);
+  EXPECT_FALSE(stream_.unused());
 }
 
 }  // namespace
