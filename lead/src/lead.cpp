@@ -18,10 +18,11 @@ namespace pkgdist::lead {
 
 namespace {
 
-// Tag of transfers that a node asked for outside of a push.
-constexpr uint64_t kRequested = UINT64_MAX;
-// Transfers at a time beyond which requests are not heeded; a node asks again.
-constexpr size_t kMaxTransfers = 8192;
+// File requests that a node may make at once, as with a new lead for all that it lacks, and in a
+// second. What exceeds that is not heeded: the node asks again.
+constexpr double kRequestStock = 2048;
+constexpr double kRequestsPerSecond = 1024;
+constexpr uint64_t kRequested = DataSender::kRequested;
 // How often the node table is looked through for silent nodes.
 constexpr Time kExpiryPeriod = 250 * kMillisecond;
 // Nodes that are taken out of the table at one time, which takes a look at every transfer for each.
@@ -118,6 +119,7 @@ class Lead::Impl : private TransferObserver {
   void ask_for_leads(Time now);
   void step_aside(Time now);
   bool leads() const { return leadership_.leads(); }
+  bool is_guest(TransferId id, NodeIndex node) const;
   void on_file_request(NodeIndex node, const pkgdist_data_send_req& request, Time now);
   void on_sighting(NodeTable::Result seen);
   void measure_round_trip(uint64_t echo, Time now);
@@ -141,6 +143,7 @@ class Lead::Impl : private TransferObserver {
   Outbox outbox_;
   NodeMessages messages_;
   DataSender data_;
+  Allowance file_requests_{kRequestStock, kRequestsPerSecond};
   uint32_t next_xact_;
   Role told_role_ = Role::kListening;
   bool has_led_ = false;  // since it stepped aside last
@@ -287,7 +290,7 @@ void Lead::Impl::on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, T
   if (positive)
     control_.on_ack(node, header.sequence);
   else
-    control_.on_nack(header.sequence, has_segment, header.segment, now);
+    control_.on_nack(node, header.sequence, has_segment, header.segment, now);
   if (qidl::has<&H::ack_sequence>(header)) control_.on_point(node, header.ack_sequence);
 }
 
@@ -332,6 +335,8 @@ void Lead::Impl::measure_round_trip(uint64_t echo, Time now) {
   if (sample == 0 || sample > kMaxRoundTrip) return;
   round_trip_ = round_trip_ == 0 ? sample : (7 * round_trip_ + sample) / 8;
   data_.set_round_trip(round_trip_);
+  control_.set_round_trip(round_trip_);
+  streams_.set_round_trip(round_trip_);
 }
 
 void Lead::Impl::on_sighting(NodeTable::Result seen) {
@@ -405,28 +410,35 @@ void Lead::Impl::on_file_request(NodeIndex node, const pkgdist_data_send_req& re
   }
   ++counters_.files_requested;
   if (push_ && push_->leaves_behind(node)) return;
+  if (!file_requests_.take(node, 1, now)) return;
   if (name_problem(key.name) != nullptr) {
     const uint64_t status = PKGDIST_STATUS_FROM_ERRNO(EINVAL);
     if (key.name.size() <= kMaxNameLength) data_.refuse(key, status, node);
     return events_.file_requested(nodes_[node].info, key.location, key.name, status);
   }
   if (const TransferId id = data_.find(key); id != kNoTransfer)
-    return data_.join(id, node, true, now);
+    return data_.join_asking(id, node, is_guest(id, node), now);
   if (push_ && push_->start_requested(key, node, now)) return;
-  if (data_.active_files() >= kMaxTransfers) return;
   const uint32_t priority =
       std::clamp(request.priority, PKGDIST_PRIORITY_FIRST, PKGDIST_PRIORITY_LAST);
-  const TransferId id = data_.start(key, priority, kRequested, {node}, now);
+  const TransferId id = data_.start_requested(key, priority, node, now);
+  if (id == kNoTransfer) return;
   events_.file_requested(nodes_[node].info, key.location, key.name, data_.get(id)->status);
+}
+
+// Whether nobody waits for the node: the transfer is not one of the push, or the node is not.
+bool Lead::Impl::is_guest(TransferId id, NodeIndex node) const {
+  return data_.get(id)->lane() == Lane::kRequests || !push_ || !push_->counts(node);
 }
 
 // --- What transfers tell ---
 
 void Lead::Impl::transfer_ended(const Transfer& transfer, NodeIndex node, uint64_t status,
                                 bool skipped) {
-  if (transfer.tag == kRequested)
+  if (transfer.tag == kRequested) {
     events_.request_ended(nodes_[node].info, transfer.key.location, transfer.key.name, status);
-  else if (push_)
+    if (push_) push_->on_other_closed();
+  } else if (push_)
     push_->on_ended(transfer, node, status, skipped);
 }
 

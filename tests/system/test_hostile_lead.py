@@ -22,8 +22,6 @@ class StrangerAtTheLead(SystemTest):
         self.ip = wire.address(self.stranger.address)
         self.socket = self.stranger.socket()
         self.addCleanup(self.socket.close)
-        self.forger = Forger(self.stranger, self.net.lead)
-        self.addCleanup(self.forger.close)
         tree.small(self.content, medium=20_000_000)
 
     def to_control(self, datagram):
@@ -91,12 +89,14 @@ class StrangerAtTheLead(SystemTest):
 
     def test_a_crowd_of_made_up_nodes_disturbs_no_push_to_named_ones(self):
         """Answers to the lead's pings, from as many addresses."""
+        forger = Forger(self.stranger, self.net.lead)
+        self.addCleanup(forger.close)
         push = self.running_push()
         for first in range(0, 20_000, 1000):
-            ping = self.forger.ping()
+            ping = forger.ping()
             for i in range(first, first + 1000):
-                self.forger.answer(f"11.0.{i >> 8}.{i & 255}", ping, 1 + i, sequence=i, card_class=i,
-                                   node_id=i)
+                forger.answer(f"11.0.{i >> 8}.{i & 255}", ping, 1 + i, sequence=i, card_class=i,
+                              node_id=i)
         self.assertGreater(len(push.events("node-appeared")), 1000)
         self.finish(push)
 

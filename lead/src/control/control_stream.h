@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 
+#include "admission.h"
 #include "control/control_message.h"
 #include "node_table.h"
 
@@ -45,7 +46,7 @@ class ControlStream {
   bool unused() const { return last_sequence_ == self_.initial_sequence; }
 
   void on_ack(NodeIndex node, uint32_t sequence);
-  void on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now);
+  void on_nack(NodeIndex node, uint32_t sequence, bool has_segment, uint32_t segment, Time now);
   // Everything up to `point` is finished on the node.
   void on_point(NodeIndex node, uint32_t point);
   // A ping reply: also a sign that the node lacks what stands above its point.
@@ -66,6 +67,7 @@ class ControlStream {
     kGathering,  // nothing goes on until the nodes are there
   };
   void set_watch(Watch watch, Time now);
+  void set_round_trip(Time round_trip);
   // Since when this lead leads, in wall-clock seconds: told in every ping.
   void set_leading_since(uint32_t seconds) { leading_since_ = seconds; }
   // Somebody waits for a ping: one soon, and no more of them than a lead that asks whether somebody
@@ -99,6 +101,8 @@ class ControlStream {
   Counters& counters_;
   Acknowledged acknowledged_;
   std::deque<Entry> entries_;  // ascending sequences without gaps
+  Allowance whole_messages_;   // segments that a node's NACKs of whole messages may draw
+  Time resend_holdoff_;
   uint32_t last_sequence_;
   size_t outstanding_ = 0;  // entries that nodes have not acknowledged
   size_t kept_bytes_ = 0;

@@ -10,6 +10,8 @@ namespace {
 // asks for single segments after a quarter of a second without one.
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = 400 * kMillisecond;
+// A message is not sent again as a whole within this time, nor within a round trip.
+constexpr Time kResendHoldoff = 20 * kMillisecond;
 
 }  // namespace
 
@@ -19,7 +21,12 @@ NodeStreams::NodeStreams(const Settings& self, const NodeTable& nodes, DatagramS
       nodes_(nodes),
       sink_(sink),
       counters_(counters),
-      acknowledged_(std::move(acknowledged)) {}
+      acknowledged_(std::move(acknowledged)),
+      resend_holdoff_(kResendHoldoff) {}
+
+void NodeStreams::set_round_trip(Time round_trip) {
+  resend_holdoff_ = std::max(kResendHoldoff, round_trip);
+}
 
 void NodeStreams::post(MessageId id, NodeIndex node, uint32_t msg_class,
                        std::vector<uint8_t> payload, Time now) {
@@ -78,7 +85,10 @@ void NodeStreams::on_nack(NodeIndex node, uint32_t sequence, bool has_segment, u
   Stream* stream = stream_of(node, sequence);
   if (stream == nullptr) return;
   Waiting& front = stream->queue.front();
-  if (!has_segment) return transmit_all(node, front, true, now);
+  if (!has_segment) {
+    if (elapsed(now, front.last_sent) >= resend_holdoff_) transmit_all(node, front, true, now);
+    return;
+  }
   if (segment < front.message.segments()) return transmit(node, front, segment, true, now);
   ++counters_.bad_datagrams;
 }
