@@ -1,11 +1,13 @@
 #include "pkgdist_lead/lead.h"
 
 #include <cerrno>
+#include <optional>
 
 #include "control/control_stream.h"
 #include "control/leadership.h"
 #include "control/node_messages.h"
 #include "control/outbox.h"
+#include "control/process_number.h"
 #include "node_table.h"
 #include "pkgdist/status.h"
 #include "pkgdist_lead/names.h"
@@ -16,19 +18,24 @@ namespace pkgdist::lead {
 
 namespace {
 
-// Tag of transfers that a node asked for outside of a push.
-constexpr uint64_t kRequested = UINT64_MAX;
-// Transfers at a time beyond which requests are not heeded; a node asks again.
-constexpr size_t kMaxTransfers = 8192;
+// File requests that a node may make at once, as with a new lead for all that it lacks, and in a
+// second. What exceeds that is not heeded: the node asks again.
+constexpr double kRequestStock = 2048;
+constexpr double kRequestsPerSecond = 1024;
+constexpr uint64_t kRequested = DataSender::kRequested;
 // How often the node table is looked through for silent nodes.
 constexpr Time kExpiryPeriod = 250 * kMillisecond;
+// Nodes that are taken out of the table at one time, which takes a look at every transfer for each.
+constexpr size_t kMaxReleased = 256;
 // An acknowledgement point above a message says that the node has it as long as the node cannot
 // have given it up; see outbox.h.
 constexpr Time kPointTrust = 5 * kSecond;
 // Nodes that have not answered for this long do not follow this lead.
 constexpr Time kFollowTimeout = 3 * kSecond;
-// Of the datagrams of another lead, every so many are told.
-constexpr uint64_t kTellOtherLead = 1000;
+// Of the datagrams of another lead, and of those with a wrong address, every so many are told.
+constexpr uint64_t kTellEvery = 1000;
+// Answers to older pings are made up, or say nothing about the present.
+constexpr Time kOldestPing = 10 * kSecond;
 // Longer round trips are no measurement: the reply carries what somebody made up.
 constexpr Time kMaxRoundTrip = 2 * kSecond;
 
@@ -62,6 +69,7 @@ class Lead::Impl : private TransferObserver {
       : settings_(checked(settings)),
         sink_(sink),
         events_(events),
+        number_(settings_),
         leadership_(settings_),
         control_(settings_, sink, counters_,
                  [this](const ControlStream::Finished& finished) { on_acknowledged(finished); }),
@@ -96,24 +104,27 @@ class Lead::Impl : private TransferObserver {
   DataSender& data() { return data_; }
 
  private:
+  std::optional<uint32_t> sender(uint32_t named, uint32_t from);
   void on_control(const Frame& frame, uint32_t from, Time now);
   void on_data(const Frame& frame, uint32_t from, Time now);
   void on_message(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, std::span<const uint8_t> body,
                   Time now);
   void on_acknowledged(const ControlStream::Finished& finished);
   void on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
-  bool follows(const pkgdist_ctrl_msg_hdr& header) const;
-  bool echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const;
+  bool follows(uint32_t address, uint32_t pid) const;
+  Time asked_at(const pkgdist_ctrl_msg_hdr& header, Time now) const;
   void on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now);
-  void on_other_lead(std::span<const uint8_t> header, Time now);
+  void on_other_lead(std::span<const uint8_t> header, uint32_t from, Time now);
   void update_role(Time now);
   void ask_for_leads(Time now);
   void step_aside(Time now);
   bool leads() const { return leadership_.leads(); }
+  bool is_guest(TransferId id, NodeIndex node) const;
   void on_file_request(NodeIndex node, const pkgdist_data_send_req& request, Time now);
   void on_sighting(NodeTable::Result seen);
   void measure_round_trip(uint64_t echo, Time now);
   void expire_nodes(Time now);
+  void release_silent_nodes();
 
   void transfer_ended(const Transfer& transfer, NodeIndex node, uint64_t status,
                       bool skipped) override;
@@ -121,16 +132,18 @@ class Lead::Impl : private TransferObserver {
   bool transfer_ends_unknown(const Transfer& transfer, uint64_t status) override;
   void transfer_closed(const Transfer& transfer) override;
 
-  const Settings settings_;
+  Settings settings_;  // the process number may change
   DatagramSink& sink_;
   Events& events_;
   NodeTable nodes_;
+  ProcessNumber number_;
   Leadership leadership_;
   ControlStream control_;
   NodeStreams streams_;
   Outbox outbox_;
   NodeMessages messages_;
   DataSender data_;
+  Allowance file_requests_{kRequestStock, kRequestsPerSecond};
   uint32_t next_xact_;
   Role told_role_ = Role::kListening;
   bool has_led_ = false;  // since it stepped aside last
@@ -151,7 +164,7 @@ void Lead::Impl::on_datagram(Channel channel, std::span<const uint8_t> bytes, ui
     return;
   }
   update_role(now);
-  if (channel == Channel::kOverheard) return on_other_lead(frame.header, now);
+  if (channel == Channel::kOverheard) return on_other_lead(frame.header, from, now);
   if (!leads()) {
     ++counters_.not_leading;
     return;
@@ -162,8 +175,19 @@ void Lead::Impl::on_datagram(Channel channel, std::span<const uint8_t> bytes, ui
     on_data(frame, from, now);
 }
 
+// The address of whoever sent a datagram; none when it names another one than it came from: answers
+// would go to somebody who did not ask. What comes from the own address was sent on this host, from
+// any of its addresses; the system takes no such datagram from the network.
+std::optional<uint32_t> Lead::Impl::sender(uint32_t named, uint32_t from) {
+  if (named == 0 || named == from) return from;
+  if (settings_.multi_homed || from == settings_.address) return named;
+  const uint64_t dropped = ++counters_.misaddressed;
+  if (dropped % kTellEvery == 1) events_.sender_mismatch(named, from, dropped);
+  return std::nullopt;
+}
+
 // Own datagrams come back, too. A namesake on the same address is this host's previous process.
-void Lead::Impl::on_other_lead(std::span<const uint8_t> bytes, Time now) {
+void Lead::Impl::on_other_lead(std::span<const uint8_t> bytes, uint32_t from, Time now) {
   using H = pkgdist_ctrl_msg_hdr;
   const Decoded<H> header(bytes);
   if (!header) {
@@ -171,15 +195,16 @@ void Lead::Impl::on_other_lead(std::span<const uint8_t> bytes, Time now) {
     return;
   }
   if (header->node_ip == 0 || header->node_ip == settings_.address) return;
+  if (!sender(header->node_ip, from)) return;
   if (header->msg_id == PKGDIST_CTRL_MSG_ACK && header->sequence == kLeadQuerySequence) {
     leadership_.on_query(header->node_ip, now);
-    if (leads()) control_.on_lead_query(now);
+    if (leads()) control_.ping_soon(now);
     return;
   }
   const bool ping = header->msg_id == PKGDIST_CTRL_MSG_PING;
   if (!ping && header->msg_id != PKGDIST_CTRL_MSG_CTRL) return;
   const uint64_t heard = ++counters_.other_lead_heard;
-  if (leads() && heard % kTellOtherLead == 1)
+  if (leads() && heard % kTellEvery == 1)
     events_.other_lead_heard(header->node_ip, header->pid, heard);
   if (leads() && !ping) return;  // what it says in pings decides
   const bool followed = last_reply_ != 0 && elapsed(now, last_reply_) < kFollowTimeout;
@@ -199,24 +224,29 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   const bool reply = kind == PKGDIST_CTRL_MSG_PING_REPLY;
   const bool answer = kind == PKGDIST_CTRL_MSG_ACK || kind == PKGDIST_CTRL_MSG_NACK;
   const bool message = kind == PKGDIST_CTRL_MSG_CTRL;
-  if ((!reply && !answer && !message) || header->node_ip == settings_.address) {
+  if (!reply && !answer && !message) {
     ++counters_.foreign_datagrams;
     return;
   }
+  const std::optional<uint32_t> address = sender(header->node_ip, from);
+  if (!address) return;
   // A node that has not heard this lead yet still answers the one before it: its points say nothing
   // about what this lead has sent.
-  if (reply ? !echoes_own_ping(*header) : answer && !follows(*header)) {
+  const Time asked = reply ? asked_at(*header, now) : 0;
+  const bool expected = reply ? asked != 0 : !answer || follows(*address, header->pid);
+  if (!expected || *address == settings_.address) {
     ++counters_.foreign_datagrams;
     return;
   }
-  const bool has_point = reply || qidl::has<&H::ack_sequence>(*header);
-  const uint32_t point = reply ? header->sequence : header->ack_sequence;
-  const NodeTable::Result seen = nodes_.observe_control(*header, from, has_point, point, now);
+  const NodeTable::Result seen = nodes_.observe_control(*header, *address, asked, now);
+  if (seen.sighting == Sighting::kRival) control_.ping_soon(now);
   if (seen.index == kNoNode) {
     ++counters_.foreign_datagrams;
     return;
   }
-  if (reply) control_.adopt(point);
+  const bool renewed = reply && number_.on_point(header->sequence, control_.last_sequence(),
+                                                 control_.unused(), asked, now);
+  if (renewed) control_.ping_soon(now);
   on_sighting(seen);
   if (reply) return on_ping_reply(seen.index, *header, now);
   if (message) return on_message(seen.index, *header, frame.body, now);
@@ -224,14 +254,21 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
 }
 
 // Whether this process of the node is known here: answers that come before are for an earlier lead.
-bool Lead::Impl::follows(const pkgdist_ctrl_msg_hdr& header) const {
-  const NodeIndex node = nodes_.find(header.node_ip);
-  return node != kNoNode && header.pid == nodes_[node].info.pid;
+bool Lead::Impl::follows(uint32_t address, uint32_t pid) const {
+  const NodeIndex node = nodes_.find(address);
+  return node != kNoNode && pid == nodes_[node].info.pid;
 }
 
-bool Lead::Impl::echoes_own_ping(const pkgdist_ctrl_msg_hdr& header) const {
-  return qidl::has<&pkgdist_ctrl_msg_hdr::status>(header) &&
-         leading_since_of(header.status) == leadership_.leading_since();
+// When the ping was sent that a reply answers; 0 when that was not lately, or not by this lead.
+Time Lead::Impl::asked_at(const pkgdist_ctrl_msg_hdr& header, Time now) const {
+  if (!qidl::has<&pkgdist_ctrl_msg_hdr::status>(header) ||
+      leading_since_of(header.status) != leadership_.leading_since())
+    return 0;
+  const Time age = age_of(header.status, now);
+  if (age > kOldestPing || age > now) return 0;
+  // The ping tells microseconds: what answers the same one is to have the same time.
+  const Time asked = (now - age) / kMicrosecond * kMicrosecond;
+  return asked < number_.changed_at() ? 0 : asked;
 }
 
 void Lead::Impl::on_ping_reply(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, Time now) {
@@ -253,7 +290,7 @@ void Lead::Impl::on_answer(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, T
   if (positive)
     control_.on_ack(node, header.sequence);
   else
-    control_.on_nack(header.sequence, has_segment, header.segment, now);
+    control_.on_nack(node, header.sequence, has_segment, header.segment, now);
   if (qidl::has<&H::ack_sequence>(header)) control_.on_point(node, header.ack_sequence);
 }
 
@@ -298,13 +335,15 @@ void Lead::Impl::measure_round_trip(uint64_t echo, Time now) {
   if (sample == 0 || sample > kMaxRoundTrip) return;
   round_trip_ = round_trip_ == 0 ? sample : (7 * round_trip_ + sample) / 8;
   data_.set_round_trip(round_trip_);
+  control_.set_round_trip(round_trip_);
+  streams_.set_round_trip(round_trip_);
 }
 
 void Lead::Impl::on_sighting(NodeTable::Result seen) {
-  if (seen.sighting == Sighting::kKnown || seen.sighting == Sighting::kIgnored) return;
+  if (seen.index == kNoNode || seen.sighting == Sighting::kKnown) return;
   const NodeInfo& info = nodes_[seen.index].info;
   if (seen.sighting == Sighting::kAppeared) events_.node_appeared(info);
-  if (seen.sighting == Sighting::kReturned) events_.node_returned(info);
+  if (seen.sighting == Sighting::kReturned && info.pid != 0) events_.node_returned(info);
   if (seen.sighting == Sighting::kRestarted) {
     events_.node_restarted(info);
     control_.forget(seen.index);
@@ -323,15 +362,19 @@ void Lead::Impl::on_data(const Frame& frame, uint32_t from, Time now) {
     return;
   }
   const uint32_t kind = header->msg_id;
-  const uint32_t address = header->node_ip != 0 ? header->node_ip : from;
-  if (kind < PKGDIST_DATA_MSG_FILE_REQ || kind > PKGDIST_DATA_MSG_REQ_DONE ||
-      address == settings_.address) {
+  if (kind < PKGDIST_DATA_MSG_FILE_REQ || kind > PKGDIST_DATA_MSG_REQ_DONE) {
+    ++counters_.foreign_datagrams;
+    return;
+  }
+  const std::optional<uint32_t> address = sender(header->node_ip, from);
+  if (!address) return;
+  if (*address == settings_.address) {
     ++counters_.foreign_datagrams;
     return;
   }
   // The body first: an address is only entered for a message that makes sense.
   const auto known = [&] {
-    const NodeTable::Result seen = nodes_.observe_data(address, now);
+    const NodeTable::Result seen = nodes_.observe_data(*address, now);
     if (seen.index == kNoNode) ++counters_.foreign_datagrams;
     on_sighting(seen);
     return seen.index;
@@ -367,28 +410,35 @@ void Lead::Impl::on_file_request(NodeIndex node, const pkgdist_data_send_req& re
   }
   ++counters_.files_requested;
   if (push_ && push_->leaves_behind(node)) return;
+  if (!file_requests_.take(node, 1, now)) return;
   if (name_problem(key.name) != nullptr) {
     const uint64_t status = PKGDIST_STATUS_FROM_ERRNO(EINVAL);
     if (key.name.size() <= kMaxNameLength) data_.refuse(key, status, node);
     return events_.file_requested(nodes_[node].info, key.location, key.name, status);
   }
   if (const TransferId id = data_.find(key); id != kNoTransfer)
-    return data_.join(id, node, true, now);
+    return data_.join_asking(id, node, is_guest(id, node), now);
   if (push_ && push_->start_requested(key, node, now)) return;
-  if (data_.active_files() >= kMaxTransfers) return;
   const uint32_t priority =
       std::clamp(request.priority, PKGDIST_PRIORITY_FIRST, PKGDIST_PRIORITY_LAST);
-  const TransferId id = data_.start(key, priority, kRequested, {node}, now);
+  const TransferId id = data_.start_requested(key, priority, node, now);
+  if (id == kNoTransfer) return;
   events_.file_requested(nodes_[node].info, key.location, key.name, data_.get(id)->status);
+}
+
+// Whether nobody waits for the node: the transfer is not one of the push, or the node is not.
+bool Lead::Impl::is_guest(TransferId id, NodeIndex node) const {
+  return data_.get(id)->lane() == Lane::kRequests || !push_ || !push_->counts(node);
 }
 
 // --- What transfers tell ---
 
 void Lead::Impl::transfer_ended(const Transfer& transfer, NodeIndex node, uint64_t status,
                                 bool skipped) {
-  if (transfer.tag == kRequested)
+  if (transfer.tag == kRequested) {
     events_.request_ended(nodes_[node].info, transfer.key.location, transfer.key.name, status);
-  else if (push_)
+    if (push_) push_->on_other_closed();
+  } else if (push_)
     push_->on_ended(transfer, node, status, skipped);
 }
 
@@ -415,13 +465,30 @@ void Lead::Impl::expire_nodes(Time now) {
   next_expiry_ = now + kExpiryPeriod;
   const bool pushing = push_ && !push_->finished();
   nodes_.expire(now, pushing ? push_->node_timeout() : settings_.node_timeout, [&](NodeIndex node) {
-    events_.node_silent(nodes_[node].info);
+    if (nodes_[node].info.pid != 0) events_.node_silent(nodes_[node].info);
     control_.forget(node);
     streams_.forget(node);
     outbox_.on_gone(node, Delivery::kSilent);
     if (push_) push_->on_node_silent(node);
     data_.drop_node(node);
   });
+  if (nodes_.crowded()) release_silent_nodes();
+}
+
+// But for those that the push counts: what becomes of them is told in the end.
+void Lead::Impl::release_silent_nodes() {
+  size_t released = 0;
+  for (NodeIndex node = 0; node < nodes_.size() && released < kMaxReleased; ++node) {
+    const Node& one = nodes_[node];
+    if (!one.silent || one.info.address == 0 || nodes_.named(one.info.address)) continue;
+    if (push_ && push_->counts(node)) continue;
+    control_.forget(node);
+    streams_.remove(node);
+    messages_.forget(node);
+    data_.forget_node(node);
+    nodes_.release(node);
+    ++released;
+  }
 }
 
 void Lead::Impl::update_role(Time now) {
@@ -496,6 +563,7 @@ const char* Lead::Impl::start_push(PushRequest request, Time now) {
   if (push_ && !push_->finished()) return "a push is running";
   if (const char* problem = request_problem(request)) return problem;
   next_xact_ = (next_xact_ + 1) | kLeadTransactions;
+  nodes_.name(request.nodes);
   push_ =
       std::make_unique<PushJob>(std::move(request), next_xact_, nodes_, control_, data_, events_);
   push_->begin(now);

@@ -17,11 +17,25 @@ NodeIndex NodeTable::find(uint32_t address) const {
 }
 
 NodeIndex NodeTable::enter(uint32_t address) {
-  if (address == 0 || nodes_.size() >= kMaxNodes) return kNoNode;
-  const NodeIndex index = size();
-  nodes_.emplace_back().info.address = address;
+  if (address == 0 || !admits(address)) return kNoNode;
+  NodeIndex index = size();
+  if (free_.empty()) {
+    nodes_.emplace_back();
+  } else {
+    index = free_.front();
+    free_.pop_front();
+    nodes_[index] = {};
+  }
+  nodes_[index].info.address = address;
   by_address_.emplace(address, index);
   return index;
+}
+
+void NodeTable::release(NodeIndex index) {
+  by_address_.erase(nodes_[index].info.address);
+  nodes_[index] = {};
+  nodes_[index].silent = true;
+  free_.push_back(index);
 }
 
 Sighting NodeTable::heard(Node& node, Time now) {
@@ -31,27 +45,37 @@ Sighting NodeTable::heard(Node& node, Time now) {
   return Sighting::kReturned;
 }
 
-NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header, uint32_t from,
-                                             bool has_point, uint32_t point, Time now) {
-  const uint32_t address = header.node_ip != 0 ? header.node_ip : from;
+// Late answers of a replaced process are to pings that were sent before its successor's first.
+NodeTable::Speaker NodeTable::speaker(Node& node, uint32_t pid, Time asked) {
+  if (node.info.pid == 0) return pid != 0 ? Speaker::kNew : Speaker::kDoubtful;
+  if (pid == 0 || pid == node.info.pid) return Speaker::kPresent;
+  if (asked == 0) return Speaker::kDoubtful;
+  if (pid == node.previous_pid)
+    return asked >= node.rival_asked ? Speaker::kNew : Speaker::kDoubtful;
+  const bool second = pid == node.rival && asked > node.rival_asked;
+  if (node.silent || (second && node.answered < node.rival_asked)) return Speaker::kNew;
+  const bool first = pid != node.rival;
+  if (first || second) node.rival_asked = asked;
+  node.rival = pid;
+  return first ? Speaker::kRival : Speaker::kDoubtful;
+}
+
+NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header, uint32_t address,
+                                             Time asked, Time now) {
   NodeIndex index = find(address);
   const bool first = index == kNoNode;
-  if (first) index = enter(address);
+  if (first && header.pid != 0) index = enter(address);
   if (index == kNoNode) return {};
 
   Node& node = nodes_[index];
-  if (header.pid != 0 && header.pid == node.previous_pid) return {};
-  const bool started = node.info.pid == 0 || (header.pid != 0 && header.pid != node.info.pid);
+  const Speaker speaker = this->speaker(node, header.pid, asked);
+  if (speaker == Speaker::kRival) return {Sighting::kRival, kNoNode};
+  if (speaker == Speaker::kDoubtful) return {};
+  const bool started = speaker == Speaker::kNew;
   const bool restarted = started && node.info.pid != 0;
   Sighting sighting = heard(node, now);
-  if (started) {
-    node.previous_pid = node.info.pid;
-    node.info.pid = header.pid != 0 ? header.pid : node.info.pid;
-    node.point = has_point ? point : 0;
-    node.adopted_at = 0;
-  } else if (has_point && point > node.point) {
-    node.point = point;
-  }
+  if (started) replace(node, header.pid, asked);
+  node.answered = std::max(node.answered, asked);
   if (qidl::has<&pkgdist_ctrl_msg_hdr::node_id>(header)) node.info.node_id = header.node_id;
   if (qidl::has<&pkgdist_ctrl_msg_hdr::card_class>(header))
     node.info.card_class = header.card_class;
@@ -59,6 +83,14 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   if (restarted) sighting = Sighting::kRestarted;
   if (first || (started && !restarted)) sighting = Sighting::kAppeared;
   return {sighting, index};
+}
+
+void NodeTable::replace(Node& node, uint32_t pid, Time asked) {
+  if (pid != node.rival) node.rival_asked = asked;
+  node.rival = 0;
+  node.previous_pid = std::exchange(node.info.pid, pid);
+  node.answered = 0;
+  node.adopted_at = 0;
 }
 
 void NodeTable::note_reply(NodeIndex index, Time now) {

@@ -10,6 +10,9 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TABLE = ROOT / "docs" / "promises.md"
+# Names tests in its text: `Suite.name`.
+THREATS = ROOT / "docs" / "threat-model.md"
+IN_TEXT = re.compile(r"`([A-Z]\w+\.\w+_\w+)`")
 
 GTEST = re.compile(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)", re.MULTILINE)
 CTEST = re.compile(r"\badd_test\(\s*NAME\s+(\S+)")
@@ -76,6 +79,11 @@ class Promises(unittest.TestCase):
     def test_every_promise_names_tests_that_exist(self):
         found = list(complaints(TABLE.read_text(encoding="utf-8"), existing_tests(ROOT)))
         self.assertEqual(found, [], "\n" + "\n".join(found))
+
+    def test_the_threat_model_names_tests_that_exist(self):
+        named = IN_TEXT.findall(THREATS.read_text(encoding="utf-8"))
+        self.assertGreater(len(named), 20)
+        self.assertEqual(sorted(set(named) - existing_tests(ROOT)), [])
 
     def test_the_table_is_read(self):
         self.assertGreater(len(list(rows(TABLE.read_text(encoding="utf-8")))), 50)

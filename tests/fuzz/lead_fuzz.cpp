@@ -56,6 +56,7 @@ class Session {
   bool ends_within(uint64_t limit);
   void check_memory() const;
 
+  const bool multi_homed_;
   LeadCluster cluster_;
   bool nodes_are_spoofed_ = false;        // or another lead speaks, or the owner interferes
   std::set<uint32_t> speakers_;           // addresses that a datagram came from or named
@@ -74,7 +75,8 @@ size_t memory_in_use() {
 #endif
 }
 
-Session::Session(uint8_t options) : cluster_(lead_settings(options)) {
+Session::Session(uint8_t options)
+    : multi_homed_(lead_settings(options).multi_homed), cluster_(lead_settings(options)) {
   fill_store(cluster_.store);
   cluster_.add_hosts(2);
   cluster_.on_sent = [this](Channel channel, uint32_t to, View bytes) {
@@ -251,6 +253,7 @@ void Session::note_speaker(Channel channel, uint32_t from, View bytes) {
     const test::Message<pkgdist_ctrl_msg_hdr> header(parts.header);
     if (header.ok()) named = header->node_ip;
   }
+  if (!multi_homed_ && from != test::kLeadAddress) named = 0;
   if (named != 0) speakers_.insert(named);
   const uint32_t speaker = named != 0 ? named : from;
   for (size_t i = 0; i < cluster_.hosts(); ++i)

@@ -29,6 +29,7 @@ enum LeadOptions : uint8_t {
   kEverybodyWhoIsHeard = 1,  // the push is for all nodes, whoever that is
   kListensFirst = 2,
   kStandsBy = 4,
+  kNoForgedSenders = 8,  // a datagram comes from the address that it names, or is dropped
 };
 
 inline pkgdist::lead::Settings lead_settings(uint8_t options) {
@@ -38,6 +39,7 @@ inline pkgdist::lead::Settings lead_settings(uint8_t options) {
   settings.node_timeout = 2 * lead::kSecond;
   settings.listen = (options & kListensFirst) != 0 ? lead::kDefaultListen : 0;
   settings.standby = (options & kStandsBy) != 0;
+  settings.multi_homed = (options & kNoForgedSenders) == 0;
   return settings;
 }
 

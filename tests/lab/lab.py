@@ -145,6 +145,11 @@ class Host(Loopback):
         result.bind((address or self.address, port))
         return result
 
+    def raw_socket(self):
+        """A socket that takes whole IP packets, whatever source address they have."""
+        return _in_namespace(f"/run/netns/{self.name}", lambda: socket.socket(
+            socket.AF_INET, socket.SOCK_RAW | socket.SOCK_CLOEXEC, socket.IPPROTO_RAW))
+
     def group_socket(self, group, port):
         """A socket that has joined a multicast group."""
         result = self.socket(port, group)

@@ -134,12 +134,14 @@ class Cluster {
     leader.address = settings.address;
     leader.process = std::make_unique<lead::Lead>(settings, leader, store, *leader.events);
   }
-  // A datagram that somebody sends to the control group.
+  // A datagram that somebody sends to the control group, from the address that it names.
   void say_to_group(const Bytes& bytes) {
     const auto shared = std::make_shared<const Bytes>(bytes);
+    const Message<pkgdist_ctrl_msg_hdr> header(parts_of(bytes).header);
+    const uint32_t from = header.ok() ? header->node_ip : 0;
     for (size_t i = 0; i < hosts_.size(); ++i)
       carry(i, kToNode, lead::Channel::kControl, hosts_[i]->down, shared);
-    for (size_t i = 0; i < leaders_.size(); ++i) overhear(i, shared);
+    for (size_t i = 0; i < leaders_.size(); ++i) overhear(i, from, shared);
   }
 
   // Everything in the store, pushed to all hosts.
@@ -260,7 +262,7 @@ class Cluster {
     size_t receiver = 0;  // a host, or the lead that overhears
     To to = kToNode;
     lead::Channel channel = lead::Channel::kControl;
-    uint32_t lead = 0;  // address of the lead that it goes to
+    uint32_t lead = 0;  // address of the lead that it goes to, or was overheard from
     bool unicast = false;
     std::shared_ptr<const Bytes> bytes;
     bool operator>(const Packet& other) const {
@@ -280,10 +282,10 @@ class Cluster {
     if (channel != lead::Channel::kControl || destination != lead::kGroup) return;
     for (size_t i = 0; i < leaders_.size(); ++i)
       if ((leaders_.size() > 1 || i != index) && !cut_leads_.contains({index, i}))
-        overhear(i, bytes);
+        overhear(i, leaders_[index]->address, bytes);
   }
-  void overhear(size_t index, const std::shared_ptr<const Bytes>& bytes) {
-    carry(index, kOverheard, lead::Channel::kOverheard, leaders_[index]->overheard, bytes);
+  void overhear(size_t index, uint32_t from, const std::shared_ptr<const Bytes>& bytes) {
+    carry(index, kOverheard, lead::Channel::kOverheard, leaders_[index]->overheard, bytes, from);
   }
   void from_node(size_t index, lead::Channel channel, uint32_t lead, Bytes bytes) {
     if (on_node_sent) on_node_sent(index, channel, bytes);
@@ -305,7 +307,8 @@ class Cluster {
     if (packet.to == kOverheard) {
       Leader& leader = *leaders_[packet.receiver];
       if (leader.process && !leader.suspended)
-        leader.process->on_datagram(packet.channel, *packet.bytes, 0, now_ + leader.clock_ahead);
+        leader.process->on_datagram(packet.channel, *packet.bytes, packet.lead,
+                                    now_ + leader.clock_ahead);
       return;
     }
     Host& host = *hosts_[packet.receiver];

@@ -76,6 +76,7 @@ class ModelNode {
   // The lead that it follows, 0 when none; how often another one took over from a silent one, and
   // datagrams of leads that it does not follow.
   uint32_t lead() const { return lead_; }
+  uint32_t lead_pid() const { return lead_pid_; }
   uint64_t failovers() const { return failovers_; }
   uint64_t foreign_lead() const { return foreign_lead_; }
 

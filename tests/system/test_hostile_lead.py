@@ -3,7 +3,8 @@
 import hostile
 import tree
 import wire
-from scripted_lead import CTRL_GROUP, DATA_GROUP, LEAD_PORT, REQUEST_PORT
+from forger import Forger
+from scripted_lead import CTRL_GROUP, DATA_GROUP, LEAD_PORT, NODE_PORT, REQUEST_PORT
 from support import (BackgroundLead, SystemTest, lab, names_below, remove_tree,
                      resident_bytes)
 
@@ -13,7 +14,7 @@ MEMORY_LIMIT = 200_000_000
 
 class StrangerAtTheLead(SystemTest):
     NODES = 2
-    OTHERS = ("stranger",)
+    OTHERS = ("stranger", "victim")
 
     def setUp(self):
         super().setUp()
@@ -87,12 +88,39 @@ class StrangerAtTheLead(SystemTest):
         self.finish(push)
 
     def test_a_crowd_of_made_up_nodes_disturbs_no_push_to_named_ones(self):
+        """Answers to the lead's pings, from as many addresses."""
+        forger = Forger(self.stranger, self.net.lead)
+        self.addCleanup(forger.close)
         push = self.running_push()
-        for i in range(20_000):
-            header = {"msg_id": wire.PING_REPLY, "node_ip": 0x0B000000 + i, "pid": 1 + i,
-                      "sequence": i, "card_class": i, "status": (1 << 64) - i, "node_id": i}
-            self.to_control(wire.encode_datagram("ctrl_hdr", header))
+        for first in range(0, 20_000, 1000):
+            ping = forger.ping()
+            for i in range(first, first + 1000):
+                forger.answer(f"11.0.{i >> 8}.{i & 255}", ping, 1 + i, sequence=i, card_class=i,
+                              node_id=i)
+        self.assertGreater(len(push.events("node-appeared")), 1000)
         self.finish(push)
+
+    def test_nothing_is_sent_to_an_address_that_only_a_datagram_names(self):
+        """A message and requests of a stranger in the name of somebody who has not asked."""
+        victim = self.net.others["victim"]
+        inbox = victim.socket(NODE_PORT)
+        self.addCleanup(inbox.close)
+        inbox.setblocking(False)
+        named = wire.address(victim.address)
+        push = self.running_push()
+        for i in range(100):
+            self.to_control(wire.encode_datagram(
+                "ctrl_hdr", {"msg_id": wire.CTRL, "node_ip": named, "pid": 5, "sequence": i,
+                             "segment": 0},
+                "ctrl_msg", {"msg_class": 2, "total_size": 1, "segment_size": 1390, "data": b"x"}))
+            self.to_requests(wire.encode_data(wire.FILE_REQ, named, {
+                "type": 1, "location": 1, "priority": 1, "name": "one byte"}))
+        self.finish(push)
+        with self.assertRaises(BlockingIOError):
+            inbox.recv(2000)
+        mismatches = push.events("sender-mismatch")
+        self.assertEqual([(e["named"], e["from"]) for e in mismatches],
+                         [(victim.address, self.stranger.address)])
 
     def test_absurd_acknowledgements_and_refusals(self):
         push = self.running_push()

@@ -56,6 +56,9 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
   command.add_option("--ttl", options.ttl, "routers that the multicast may pass, plus one")
       ->type_name("N [1]")
       ->check(CLI::Range(1, 255));
+  command.add_flag("--multi-homed", options.multi_homed,
+                   "nodes send from other addresses than their --interface: take the address that "
+                   "their datagrams name");
 }
 
 CLI::Option* add_location(CLI::App& command, LeadOptions& options) {

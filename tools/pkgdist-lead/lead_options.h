@@ -23,6 +23,7 @@ struct LeadOptions {
   double max_seconds = 0;  // of a push, 0: no limit
   lead::SlowNodes slow_nodes = lead::SlowNodes::kWait;
   uint32_t ttl = 1;
+  bool multi_homed = false;
 
   // push
   uint32_t node_count = 0;      // with a number

@@ -51,6 +51,8 @@ constexpr CounterText kCounters[] = {
     {&lead::Counters::other_lead_heard, "other_lead_datagrams", "Datagrams of other leads."},
     {&lead::Counters::not_leading, "unheeded_datagrams",
      "Datagrams of nodes while this lead was not leading."},
+    {&lead::Counters::misaddressed, "misaddressed_datagrams",
+     "Datagrams that named another address than they came from, dropped."},
 };
 
 using Labels = prometheus::Labels;

@@ -207,6 +207,16 @@ void Reporter::other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagra
                   pid, datagrams));
 }
 
+void Reporter::sender_mismatch(uint32_t named, uint32_t from, uint64_t datagrams) {
+  json_.print("sender-mismatch", Json{{"named", format_address(named)},
+                                      {"from", format_address(from)},
+                                      {"datagrams", datagrams}});
+  say(
+      fmt::format("dropped: a datagram from {} that names {} as its sender, {} so far; nodes that "
+                  "send from several addresses need --multi-homed",
+                  format_address(from), format_address(named), datagrams));
+}
+
 // --- This host ---
 
 void Reporter::interface_changed(const cli::InterfaceChange& change) {

@@ -39,6 +39,7 @@ class Reporter : public lead::Events {
   void message_finished(const lead::MessageReport& report) override;
   void role_changed(lead::Role role, uint32_t other) override;
   void other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) override;
+  void sender_mismatch(uint32_t named, uint32_t from, uint64_t datagrams) override;
 
   // Hears every message of a node, behind the report of it.
   std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;

@@ -35,6 +35,7 @@ lead::Settings lead_settings(const LeadOptions& options) {
   settings.rate_bits = options.rate_bits;
   settings.max_rate_bits = options.max_rate_bits;
   settings.listen = lead::kDefaultListen;
+  settings.multi_homed = options.multi_homed;
   settings.standby = options.standby;
   settings.takeover = static_cast<lead::Time>(options.takeover_seconds * 1e9);
   settings.wall_seconds =

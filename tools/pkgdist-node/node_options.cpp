@@ -80,6 +80,20 @@ void add_send(CLI::App& app, NodeOptions& options) {
   send->callback([&options] { options.command = Command::kSend; });
 }
 
+void add_firewall(CLI::App& app, NodeOptions& options) {
+  CLI::App* firewall = app.add_subcommand(
+      "firewall", "print rules for nft by which only these leads reach this host's node");
+  firewall->fallthrough();
+  firewall
+      ->add_option_function<std::string>(
+          "--lead",
+          [&options](const std::string& text) { options.leads = cli::parse_addresses(text); },
+          "addresses of the leads, standbys among them")
+      ->required()
+      ->type_name("ADDR[,ADDR...]");
+  firewall->callback([&options] { options.command = Command::kFirewall; });
+}
+
 }  // namespace
 
 void add_node_options(CLI::App& app, NodeOptions& options) {
@@ -101,6 +115,7 @@ void add_node_options(CLI::App& app, NodeOptions& options) {
   add_run(app, options);
   add_get(app, options);
   add_send(app, options);
+  add_firewall(app, options);
 }
 
 }  // namespace pkgdist::node_program

@@ -9,7 +9,7 @@
 
 namespace pkgdist::node_program {
 
-enum class Command { kRun, kGet, kSend };
+enum class Command { kRun, kGet, kSend, kFirewall };
 
 struct NodeOptions {
   cli::CommonOptions common;
@@ -35,6 +35,9 @@ struct NodeOptions {
   // send
   uint32_t message_class = 2;
   std::string message;
+
+  // firewall
+  std::vector<uint32_t> leads;
 };
 
 void add_node_options(CLI::App& app, NodeOptions& options);

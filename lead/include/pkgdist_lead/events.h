@@ -62,6 +62,9 @@ class Events {
   // While this one leads: another lead is heard. Called for the first of its datagrams, and then
   // for every thousandth, with the number of them.
   virtual void other_lead_heard(uint32_t /*address*/, uint32_t /*pid*/, uint64_t /*datagrams*/) {}
+  // A datagram was dropped because it names another address than it came from. Called for the
+  // first of them, and then for every thousandth, with the number of them.
+  virtual void sender_mismatch(uint32_t /*named*/, uint32_t /*from*/, uint64_t /*datagrams*/) {}
 };
 
 }  // namespace pkgdist::lead

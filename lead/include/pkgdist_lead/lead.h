@@ -48,6 +48,9 @@ struct Settings {
   uint64_t rate_bits = 0;
   uint64_t max_rate_bits = 0;        // the same, when there is no rate_bits
   Time node_timeout = 30 * kSecond;  // silence after which a node counts as gone
+  // Nodes send from other addresses than their own: they are known by the address that their
+  // messages carry, and whoever writes another one there makes this lead send to it.
+  bool multi_homed = false;
 
   // Beside other leads. Wall-clock seconds (since the epoch) at time 0 of the clock that is handed
   // in: tells which of two leads began earlier.
@@ -73,6 +76,7 @@ struct Counters {
   uint64_t files_requested = 0;
   uint64_t other_lead_heard = 0;  // datagrams of other leads
   uint64_t not_leading = 0;       // datagrams of nodes that came while this lead was silent
+  uint64_t misaddressed = 0;      // datagrams that name another address than they came from
 };
 
 class Lead {
@@ -83,8 +87,8 @@ class Lead {
   Lead& operator=(const Lead&) = delete;
 
   // A datagram that arrived at the lead's control port, at its request port or at the control
-  // group, where other leads are heard. `from` is the sender's IPv4 address; a node is known by the
-  // address that its message carries, since a host may send from any of its addresses.
+  // group, where other leads are heard. `from` is the IPv4 address that it came from. A datagram
+  // that names another one is dropped, unless Settings::multi_homed is set.
   void on_datagram(Channel channel, std::span<const uint8_t> bytes, uint32_t from, Time now);
 
   // Does everything that is due at `now`: pings, retransmissions, paced data.

@@ -18,15 +18,16 @@ constexpr Time kPingIntervalPerNode = 100 * kMicrosecond;
 // The first ping after a message: late enough for the ACKs to arrive first on a local network.
 constexpr Time kPingAfterMessage = 5 * kMillisecond;
 
-// A datagram is not sent again within this time: several nodes ask for it at once, and what is on
-// the way needs time to arrive.
+// A datagram is not sent again within this time, nor within a round trip: several nodes ask for it
+// at once, and what is on the way needs time to arrive.
 constexpr Time kResendHoldoff = 20 * kMillisecond;
+// Segments that one node's NACKs of whole messages may draw at once, and in a second. One of 60
+// bytes draws a mebibyte; the largest message has 874 segments.
+constexpr double kWholeStock = 2048;
+constexpr double kWholePerSecond = 1024;
 // Without any answer, a message is sent again after this time, doubling up to the ceiling.
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = kSecond;
-
-// Points from here on are made up: no lead sends so many messages, and sequences must not wrap.
-constexpr uint32_t kAdoptLimit = 1u << 31;
 
 // How long finished messages are kept, and how many bytes of them.
 constexpr Time kKeepFinished = 5 * kSecond;
@@ -40,6 +41,8 @@ ControlStream::ControlStream(const Settings& self, DatagramSink& sink, Counters&
       sink_(sink),
       counters_(counters),
       acknowledged_(std::move(acknowledged)),
+      whole_messages_(kWholeStock, kWholePerSecond),
+      resend_holdoff_(kResendHoldoff),
       last_sequence_(self.initial_sequence) {}
 
 uint32_t ControlStream::post(uint32_t msg_class, std::vector<uint8_t> payload, Audience audience,
@@ -61,12 +64,6 @@ uint32_t ControlStream::post(uint32_t msg_class, std::vector<uint8_t> payload, A
   return last_sequence_;
 }
 
-void ControlStream::adopt(uint32_t point) {
-  if (point < kAdoptLimit && entries_.empty() && point > last_sequence_ &&
-      last_sequence_ == self_.initial_sequence)
-    last_sequence_ = point;
-}
-
 ControlStream::Entry* ControlStream::find(uint32_t sequence) {
   if (entries_.empty()) return nullptr;
   const uint32_t first = entries_.front().message.sequence;
@@ -86,7 +83,7 @@ void ControlStream::transmit(Entry& entry, uint32_t segment, bool again, Time no
 
 void ControlStream::retransmit(Entry& entry, Time now) {
   for (uint32_t i = 0; i < entry.segment_sent.size(); ++i)
-    if (elapsed(now, entry.segment_sent[i]) >= kResendHoldoff) transmit(entry, i, true, now);
+    if (elapsed(now, entry.segment_sent[i]) >= resend_holdoff_) transmit(entry, i, true, now);
 }
 
 void ControlStream::acknowledge(Entry& entry, NodeIndex node, bool direct) {
@@ -133,16 +130,27 @@ void ControlStream::on_point(NodeIndex node, uint32_t point) {
     if (Entry* entry = find(first + i)) acknowledge(*entry, node, false);
 }
 
-void ControlStream::on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now) {
+void ControlStream::set_round_trip(Time round_trip) {
+  resend_holdoff_ = std::max(kResendHoldoff, round_trip);
+}
+
+void ControlStream::on_nack(NodeIndex node, uint32_t sequence, bool has_segment, uint32_t segment,
+                            Time now) {
   ++counters_.nacks_received;
   Entry* entry = find(sequence);
   if (entry == nullptr) return;
-  if (!has_segment) return retransmit(*entry, now);
+  if (!has_segment) {
+    const auto due =
+        std::count_if(entry->segment_sent.begin(), entry->segment_sent.end(),
+                      [&](Time sent) { return elapsed(now, sent) >= resend_holdoff_; });
+    if (whole_messages_.take(node, static_cast<double>(due), now)) retransmit(*entry, now);
+    return;
+  }
   if (segment >= entry->segment_sent.size()) {
     ++counters_.bad_datagrams;
     return;
   }
-  if (elapsed(now, entry->segment_sent[segment]) >= kResendHoldoff)
+  if (elapsed(now, entry->segment_sent[segment]) >= resend_holdoff_)
     transmit(*entry, segment, true, now);
 }
 
@@ -151,7 +159,8 @@ void ControlStream::on_ping_reply(NodeIndex node, uint32_t point, Time now) {
   on_point(node, point);
   if (outstanding_ == 0) return;
   for (Entry& entry : entries_) {
-    if (entry.message.sequence <= point || elapsed(now, entry.last_sent) < kResendHoldoff) continue;
+    if (entry.message.sequence <= point || elapsed(now, entry.last_sent) < resend_holdoff_)
+      continue;
     if (std::binary_search(entry.waiting.begin(), entry.waiting.end(), node))
       retransmit(entry, now);
   }
@@ -189,7 +198,7 @@ void ControlStream::send_ping(Time now) {
 }
 
 // Every ping draws an answer of every node.
-void ControlStream::on_lead_query(Time now) {
+void ControlStream::ping_soon(Time now) {
   constexpr Time kLeastGap = 30 * kMillisecond;
   next_ping_ = std::min(next_ping_, std::max(now, last_ping_ + kLeastGap));
 }

@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 
+#include "admission.h"
 #include "control/control_message.h"
 #include "node_table.h"
 
@@ -41,12 +42,11 @@ class ControlStream {
 
   // The highest sequence sent so far.
   uint32_t last_sequence() const { return last_sequence_; }
-  // Goes on above `point`, which a node has from an earlier life of this lead; only before anything
-  // was sent, since sequences in use cannot change.
-  void adopt(uint32_t point);
+  // Nothing was sent since the beginning.
+  bool unused() const { return last_sequence_ == self_.initial_sequence; }
 
   void on_ack(NodeIndex node, uint32_t sequence);
-  void on_nack(uint32_t sequence, bool has_segment, uint32_t segment, Time now);
+  void on_nack(NodeIndex node, uint32_t sequence, bool has_segment, uint32_t segment, Time now);
   // Everything up to `point` is finished on the node.
   void on_point(NodeIndex node, uint32_t point);
   // A ping reply: also a sign that the node lacks what stands above its point.
@@ -67,11 +67,12 @@ class ControlStream {
     kGathering,  // nothing goes on until the nodes are there
   };
   void set_watch(Watch watch, Time now);
+  void set_round_trip(Time round_trip);
   // Since when this lead leads, in wall-clock seconds: told in every ping.
   void set_leading_since(uint32_t seconds) { leading_since_ = seconds; }
-  // Another lead asks whether somebody leads: a ping soon, and no more of them than one lead's
-  // question needs.
-  void on_lead_query(Time now);
+  // Somebody waits for a ping: one soon, and no more of them than a lead that asks whether somebody
+  // leads needs.
+  void ping_soon(Time now);
   void run(Time now);
   Time next_deadline() const;
 
@@ -100,6 +101,8 @@ class ControlStream {
   Counters& counters_;
   Acknowledged acknowledged_;
   std::deque<Entry> entries_;  // ascending sequences without gaps
+  Allowance whole_messages_;   // segments that a node's NACKs of whole messages may draw
+  Time resend_holdoff_;
   uint32_t last_sequence_;
   size_t outstanding_ = 0;  // entries that nodes have not acknowledged
   size_t kept_bytes_ = 0;

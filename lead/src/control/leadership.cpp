@@ -10,19 +10,36 @@ constexpr Time kStall = 7 * kSecond;
 constexpr Time kLongestRest = kSecond;
 // Questions while it listens.
 constexpr uint32_t kQuestions = 3;
+// Above the 7.5 s of the nodes' patience.
+constexpr Time kSwitchTime = 8 * kSecond;
+// Who is heard again after a longer pause was not there all the time: three pings may get lost.
+constexpr Time kLongestPause = 3500 * kMillisecond;
 // However many others ask.
 constexpr Time kLongestListening = 2 * kSecond;
 
 }  // namespace
 
-bool Leadership::yields_to(uint32_t address, uint32_t since, bool followed) const {
-  if (since == 0 && followed) return false;
+bool Leadership::comes_before(uint32_t address, uint32_t since) const {
   if (since != 0 && since != since_) return since < since_;
-  return self_.address > address;
+  return address < self_.address;
+}
+
+bool Leadership::yields_to(uint32_t address, uint32_t since, bool followed, Time now) {
+  if (!comes_before(address, since)) return false;
+  if (!followed) return true;
+  return since != 0 && heard_for(address, now) >= kSwitchTime;
+}
+
+// How long a rival has been heard without a long pause.
+Time Leadership::heard_for(uint32_t address, Time now) {
+  if (address != rival_ || elapsed(now, rival_heard_) > kLongestPause) rival_since_ = now;
+  rival_ = address;
+  rival_heard_ = now;
+  return elapsed(now, rival_since_);
 }
 
 void Leadership::on_other_lead(uint32_t address, uint32_t since, bool followed, Time now) {
-  if (role_ == Role::kLeading && !yields_to(address, since, followed)) return;
+  if (role_ == Role::kLeading && !yields_to(address, since, followed, now)) return;
   other_ = address;
   quiet_since_ = now;
   role_ = Role::kStandingBy;

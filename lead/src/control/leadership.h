@@ -12,9 +12,12 @@
 // Two that lead at the same time, after a divided network has become one, must come to the same
 // conclusion without talking to each other: both tell in every ping since when they lead
 // (wall-clock seconds), and the later one steps aside; of equals, the one with the higher address.
-// Clocks that disagree make a wrong choice, but the same one on both sides. A ping that does not
-// tell is of a stranger: as long as nodes follow this lead it stays, else the higher address steps
-// aside.
+// Clocks that disagree make a wrong choice, but the same one on both sides.
+//
+// A ping can be forged. A lead that no node follows steps aside at once, for it has nothing to
+// lose. One that nodes follow does when it has heard the other one for as long as these nodes would
+// need to take it; until then they ignore the other one. For a ping that does not tell since when,
+// it stays.
 //
 // A lead that was stopped for as long as nodes wait (a suspended process) may have been replaced:
 // it listens again before it goes on.
@@ -47,7 +50,9 @@ class Leadership {
   Time next_deadline() const;
 
  private:
-  bool yields_to(uint32_t address, uint32_t since, bool followed) const;
+  bool comes_before(uint32_t address, uint32_t since) const;
+  bool yields_to(uint32_t address, uint32_t since, bool followed, Time now);
+  Time heard_for(uint32_t address, Time now);
   void lead(Time now);
   Time takes_over_at() const;  // while this lead does not lead
   void listen(Time now);
@@ -62,6 +67,10 @@ class Leadership {
   Time last_run_ = 0;
   uint32_t since_ = 0;
   uint32_t other_ = 0;
+  // The lead that comes before this one and is heard while nodes follow this one.
+  uint32_t rival_ = 0;
+  Time rival_since_ = 0;
+  Time rival_heard_ = 0;
 };
 
 }  // namespace pkgdist::lead

@@ -1,5 +1,7 @@
 #include "control/node_messages.h"
 
+#include <algorithm>
+
 namespace pkgdist::lead {
 
 namespace {
@@ -17,6 +19,12 @@ constexpr Time kAbandoned = 30 * kSecond;
 // Messages of one node: in the making, and remembered as finished.
 constexpr size_t kMaxOpen = 1024;
 constexpr size_t kMaxDone = 8192;
+// Of all nodes together, unfinished.
+constexpr size_t kMaxKept = 64 * 1024 * 1024;
+// What one of them, or one of their segments, takes beside its bytes.
+constexpr size_t kEntryBytes = 128;
+// Nodes send segments of 1,390 bytes. Smaller ones would make a message of a million of them.
+constexpr uint32_t kLeastSegment = 256;
 // Once per transmission of a finished message, not once per segment of it: a node's repetitions are
 // half a second apart at least.
 constexpr Time kAckHoldoff = 100 * kMillisecond;
@@ -32,8 +40,16 @@ Time NodeMessages::Message::due() const {
   return last_activity + (nacks < kMaxNacks ? backoff(kFirstNack, nacks, kSecond) : kAbandoned);
 }
 
+size_t NodeMessages::Message::kept_bytes() const {
+  size_t bytes = kEntryBytes;
+  for (const auto& [index, segment] : segments) bytes += segment.size() + kEntryBytes;
+  return bytes;
+}
+
 bool NodeMessages::plausible(const pkgdist_ctrl_msg_hdr& header, const pkgdist_ctrl_msg& body) {
-  if (body.total_size == 0 || body.segment_size == 0) return false;
+  if (body.total_size == 0 || body.total_size > kMaxMessageSize) return false;
+  if (body.segment_size == 0) return false;
+  if (body.segment_size < kLeastSegment && body.segment_size < body.total_size) return false;
   const uint64_t offset = uint64_t{header.segment} * body.segment_size;
   if (offset >= body.total_size) return false;
   return body.data_size == std::min<uint64_t>(body.segment_size, body.total_size - offset);
@@ -48,23 +64,62 @@ void NodeMessages::on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header
   Peer& peer = peers_[node];
   if (const auto done = peer.done.find(header.sequence); done != peer.done.end())
     return acknowledge_again(node, header.sequence, done->second, now);
-  auto found = peer.open.find(header.sequence);
-  if (found == peer.open.end()) {
-    if (peer.open.size() >= kMaxOpen) return;  // the node sends it again
-    found = peer.open.emplace(header.sequence, Message{}).first;
-    found->second.msg_class = body.msg_class;
-    found->second.total = body.total_size;
-    found->second.segment_size = body.segment_size;
-    if (open_++ == 0) next_scan_ = now + kScanPeriod;
-  }
-  Message& message = found->second;
-  if (message.total != body.total_size || message.segment_size != body.segment_size) {
+  Message* const message = entry(peer, header.sequence, body, now);
+  if (message == nullptr) return;
+  message->last_activity = now;
+  keep(peer, *message, header.segment, body);
+  if (message->segments.size() == message->expected())
+    finish(node, peer, header.sequence, now);
+  else if (kept_bytes_ > kMaxKept)
+    make_room();
+}
+
+// The unfinished message of this sequence; null when the segment is of another one, or the node has
+// too many: it sends this one again.
+NodeMessages::Message* NodeMessages::entry(Peer& peer, uint32_t sequence,
+                                           const pkgdist_ctrl_msg& body, Time now) {
+  if (const auto found = peer.open.find(sequence); found != peer.open.end()) {
+    Message& message = found->second;
+    if (message.total == body.total_size && message.segment_size == body.segment_size)
+      return &message;
     ++counters_.bad_datagrams;
-    return;
+    return nullptr;
   }
-  message.last_activity = now;
-  message.segments.try_emplace(header.segment, body.data, body.data + body.data_size);
-  if (message.segments.size() == message.expected()) finish(node, peer, header.sequence, now);
+  if (peer.open.size() >= kMaxOpen) return nullptr;
+  Message& message = peer.open[sequence];
+  message.msg_class = body.msg_class;
+  message.total = body.total_size;
+  message.segment_size = body.segment_size;
+  peer.kept_bytes += kEntryBytes;
+  kept_bytes_ += kEntryBytes;
+  if (open_++ == 0) next_scan_ = now + kScanPeriod;
+  return &message;
+}
+
+void NodeMessages::keep(Peer& peer, Message& message, uint32_t segment,
+                        const pkgdist_ctrl_msg& body) {
+  if (!message.segments.try_emplace(segment, body.data, body.data + body.data_size).second) return;
+  peer.kept_bytes += body.data_size + kEntryBytes;
+  kept_bytes_ += body.data_size + kEntryBytes;
+}
+
+NodeMessages::Open NodeMessages::drop(Peer& peer, Open message) {
+  const size_t bytes = message->second.kept_bytes();
+  peer.kept_bytes -= bytes;
+  kept_bytes_ -= bytes;
+  --open_;
+  return peer.open.erase(message);
+}
+
+void NodeMessages::drop_all(Peer& peer) {
+  for (auto at = peer.open.begin(); at != peer.open.end();) at = drop(peer, at);
+}
+
+void NodeMessages::make_room() {
+  const auto most = std::max_element(
+      peers_.begin(), peers_.end(),
+      [](const auto& a, const auto& b) { return a.second.kept_bytes < b.second.kept_bytes; });
+  drop_all(most->second);
 }
 
 void NodeMessages::acknowledge_again(NodeIndex node, uint32_t sequence, Done& done, Time now) {
@@ -77,8 +132,11 @@ void NodeMessages::acknowledge_again(NodeIndex node, uint32_t sequence, Done& do
 
 void NodeMessages::finish(NodeIndex node, Peer& peer, uint32_t sequence, Time now) {
   const auto found = peer.open.find(sequence);
+  const size_t kept = found->second.kept_bytes();
   const Message message = std::move(found->second);
   peer.open.erase(found);
+  peer.kept_bytes -= kept;
+  kept_bytes_ -= kept;
   --open_;
   peer.done.emplace(sequence, Done{now, 0});
   if (peer.done.size() > kMaxDone) peer.done.erase(peer.done.begin());
@@ -111,7 +169,7 @@ void NodeMessages::ask_missing(NodeIndex node, uint32_t sequence, const Message&
 void NodeMessages::forget(NodeIndex node) {
   const auto found = peers_.find(node);
   if (found == peers_.end()) return;
-  open_ -= found->second.open.size();
+  drop_all(found->second);
   peers_.erase(found);
 }
 
@@ -126,8 +184,7 @@ void NodeMessages::run(Time now) {
         continue;
       }
       if (message.nacks >= kMaxNacks) {
-        at = peer.open.erase(at);
-        --open_;
+        at = drop(peer, at);
         continue;
       }
       ask_missing(node, at->first, message);

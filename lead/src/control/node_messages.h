@@ -7,7 +7,9 @@
 // acknowledgement was lost: it is acknowledged again, each time with more copies since the network
 // loses them, and not handed on. Messages of different sequences are independent.
 //
-// Memory follows what was received, never what a header promises.
+// Memory follows what was received, never what a header promises, and is bounded: by message (1
+// MiB, and segments no smaller than they need to be), and over all unfinished ones. When these are
+// too many, those of the node with the most go; it sends them again if it means it.
 #pragma once
 
 #include <functional>
@@ -43,6 +45,7 @@ class NodeMessages {
     Time last_activity = 0;
     uint32_t nacks = 0;  // rounds
 
+    size_t kept_bytes() const;
     uint64_t expected() const { return (uint64_t{total} + segment_size - 1) / segment_size; }
     uint64_t size_of(uint32_t segment) const {
       return std::min<uint64_t>(segment_size, total - uint64_t{segment} * segment_size);
@@ -56,9 +59,16 @@ class NodeMessages {
   struct Peer {
     std::map<uint32_t, Message> open;  // by sequence
     std::map<uint32_t, Done> done;     // the latest sequences that were handed on
+    size_t kept_bytes = 0;             // of open
   };
 
   static bool plausible(const pkgdist_ctrl_msg_hdr& header, const pkgdist_ctrl_msg& body);
+  using Open = std::map<uint32_t, Message>::iterator;
+  Message* entry(Peer& peer, uint32_t sequence, const pkgdist_ctrl_msg& body, Time now);
+  void keep(Peer& peer, Message& message, uint32_t segment, const pkgdist_ctrl_msg& body);
+  Open drop(Peer& peer, Open message);
+  void drop_all(Peer& peer);
+  void make_room();
   void finish(NodeIndex node, Peer& peer, uint32_t sequence, Time now);
   void acknowledge_again(NodeIndex node, uint32_t sequence, Done& done, Time now);
   void answer(NodeIndex node, uint32_t msg_id, uint32_t sequence, const uint32_t* segment);
@@ -71,6 +81,7 @@ class NodeMessages {
   Deliver deliver_;
   std::map<NodeIndex, Peer> peers_;
   size_t open_ = 0;
+  size_t kept_bytes_ = 0;  // of unfinished messages, with what keeping them costs
   Time next_scan_ = 0;
 };
 

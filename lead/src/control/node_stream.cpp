@@ -10,6 +10,8 @@ namespace {
 // asks for single segments after a quarter of a second without one.
 constexpr Time kFirstRetry = 100 * kMillisecond;
 constexpr Time kMaxRetry = 400 * kMillisecond;
+// A message is not sent again as a whole within this time, nor within a round trip.
+constexpr Time kResendHoldoff = 20 * kMillisecond;
 
 }  // namespace
 
@@ -19,11 +21,16 @@ NodeStreams::NodeStreams(const Settings& self, const NodeTable& nodes, DatagramS
       nodes_(nodes),
       sink_(sink),
       counters_(counters),
-      acknowledged_(std::move(acknowledged)) {}
+      acknowledged_(std::move(acknowledged)),
+      resend_holdoff_(kResendHoldoff) {}
+
+void NodeStreams::set_round_trip(Time round_trip) {
+  resend_holdoff_ = std::max(kResendHoldoff, round_trip);
+}
 
 void NodeStreams::post(MessageId id, NodeIndex node, uint32_t msg_class,
                        std::vector<uint8_t> payload, Time now) {
-  Stream& stream = streams_[node];
+  Stream& stream = streams_.try_emplace(node, Stream{first_sequence_, {}}).first->second;
   Waiting& waiting = stream.queue.emplace_back();
   waiting.id = id;
   waiting.message.msg_class = msg_class;
@@ -78,7 +85,10 @@ void NodeStreams::on_nack(NodeIndex node, uint32_t sequence, bool has_segment, u
   Stream* stream = stream_of(node, sequence);
   if (stream == nullptr) return;
   Waiting& front = stream->queue.front();
-  if (!has_segment) return transmit_all(node, front, true, now);
+  if (!has_segment) {
+    if (elapsed(now, front.last_sent) >= resend_holdoff_) transmit_all(node, front, true, now);
+    return;
+  }
   if (segment < front.message.segments()) return transmit(node, front, segment, true, now);
   ++counters_.bad_datagrams;
 }
@@ -104,6 +114,14 @@ void NodeStreams::forget(NodeIndex node) {
   if (found == streams_.end()) return;
   queued_ -= found->second.queue.size();
   found->second.queue.clear();
+}
+
+void NodeStreams::remove(NodeIndex node) {
+  forget(node);
+  const auto found = streams_.find(node);
+  if (found == streams_.end()) return;
+  first_sequence_ = std::max(first_sequence_, found->second.last_sequence);
+  streams_.erase(found);
 }
 
 Time NodeStreams::retry_at(const Waiting& waiting) {

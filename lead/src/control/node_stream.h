@@ -31,7 +31,10 @@ class NodeStreams {
   void give_up(MessageId id, NodeIndex node, Time now);
   // The node's process is gone, and with it what it was to receive.
   void forget(NodeIndex node);
+  // The same, and another node may get its index.
+  void remove(NodeIndex node);
 
+  void set_round_trip(Time round_trip);
   void on_ack(NodeIndex node, uint32_t sequence, Time now);
   void on_nack(NodeIndex node, uint32_t sequence, bool has_segment, uint32_t segment, Time now);
   void run(Time now);
@@ -62,7 +65,9 @@ class NodeStreams {
   Counters& counters_;
   Acknowledged acknowledged_;
   std::map<NodeIndex, Stream> streams_;
+  uint32_t first_sequence_ = 0;  // above those of removed nodes, which may come back
   size_t queued_ = 0;
+  Time resend_holdoff_;
 };
 
 }  // namespace pkgdist::lead

@@ -15,8 +15,6 @@ constexpr size_t kMaxWaitingFiles = 1024;
 constexpr uint64_t kMaxWaitingBytes = 128 * 1024 * 1024;
 // The next piece is announced when the stream has this much left to do, for the same reason.
 constexpr double kAnnounceAheadSeconds = 0.3;
-// Files in transfer, most of them settling: memory, and patience with what is behind.
-constexpr size_t kMaxActiveFiles = 2048;
 // How long the files of a piece wait for nodes that do not acknowledge its list.
 constexpr Time kListWait = 2 * kSecond;
 // How long nodes that ask for files of a push that gathers its nodes are left to wait for it. They
@@ -88,6 +86,7 @@ void PushJob::give_up(NodeIndex node, uint64_t status) {
     end_file(one, file, status);
     events_.file_ended(nodes_[node].info, request_.files[file].name, status, false);
   }
+  release_due_ = true;
   ready_piece_ = kNoPiece;
 }
 
@@ -103,6 +102,7 @@ void PushJob::treat_straggler(NodeIndex node) {
                         now_);
   } else {
     set_present(*slow, false);
+    release_due_ = true;
     slow->report.deferred = true;
     events_.node_deferred(nodes_[node].info);
   }
@@ -172,6 +172,7 @@ void PushJob::on_node_silent(NodeIndex node) {
   if (gone == nullptr) return;
   if (gone->present) count_unfinished(*gone);
   set_present(*gone, false);
+  release_due_ = true;
   gone->report.silent = true;
   ready_piece_ = kNoPiece;
 }
@@ -294,7 +295,10 @@ void PushJob::join(uint32_t file, NodeIndex node) {
   if (transfer == nullptr) return;
   const bool open =
       node < transfer->nodes.size() && transfer->nodes[node].state == TransferNode::State::kOpen;
-  if (!open) data_.join(at->second, node, false, now_);
+  if (open)
+    data_.wait_for(at->second, node);
+  else
+    data_.join(at->second, node, false, now_);
 }
 
 // What appeared at the same moment shares messages.
@@ -352,7 +356,7 @@ void PushJob::make_active(uint32_t file, TransferId id) {
 
 void PushJob::feed() {
   while (data_.waiting_files() < kMaxWaitingFiles && data_.waiting_bytes() < kMaxWaitingBytes &&
-         data_.active_files() < kMaxActiveFiles && pick_file()) {
+         active_.size() < Slots::kPush && pick_file()) {
     const uint32_t piece = piece_of(cursor_);
     const bool announced = piece_deadline_[piece] != 0;
     if (!announced && !fits_ahead(piece) && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
@@ -361,7 +365,13 @@ void PushJob::feed() {
     // Left out, a file comes again: when a node acknowledges, or when the other transfer ends.
     const TransferId other = data_.find({request_.location, request_.files[cursor_].name});
     if (!nodes.empty() && other == kNoTransfer) start_file(cursor_, nodes);
-    if (!nodes.empty() && other != kNoTransfer) take_over(cursor_, other, nodes);
+    if (!nodes.empty() && other != kNoTransfer && !take_over(cursor_, other, nodes)) {
+      // Of others than the push's nodes it goes on behind the push: they ask again.
+      if (!is_for_members(*data_.get(other))) {
+        data_.displace(other);
+        start_file(cursor_, nodes);
+      }
+    }
     ++cursor_;
   }
 }
@@ -370,13 +380,34 @@ void PushJob::feed() {
 // that has heard of this push the file ends for both at once, so one transfer does, if it brings
 // the file as it is now. It is too late when a node may have ended the file before it heard: its
 // report would not be about this push.
-void PushJob::take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes) {
+bool PushJob::take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes) {
   const Transfer& transfer = *data_.get(id);
   const bool may_have_ended = !transfer.first_turn || transfer.turn.done() >= transfer.segments;
-  if (transfer.status != 0 || transfer.started < begun_ || may_have_ended) return;
+  if (transfer.status != 0 || transfer.started < begun_ || may_have_ended) return false;
   data_.hand_over(id, file);
   make_active(file, id);
   for (const NodeIndex node : nodes) join(file, node);
+  return true;
+}
+
+// Whether a node of the push is receiving it.
+bool PushJob::is_for_members(const Transfer& transfer) const {
+  for (NodeIndex node = 0; node < std::min(transfer.nodes.size(), members_.size()); ++node)
+    if (transfer.nodes[node].state == TransferNode::State::kOpen && members_[node].present)
+      return true;
+  return false;
+}
+
+// What only others than the push's nodes still receive takes no place of the push.
+void PushJob::release_unneeded() {
+  if (!std::exchange(release_due_, false)) return;
+  std::vector<std::pair<uint32_t, TransferId>> unneeded;
+  for (const auto& [file, id] : active_)
+    if (needed_[file] == 0) unneeded.emplace_back(file, id);
+  for (const auto& [file, id] : unneeded) {
+    active_in_[piece_of(file)] -= static_cast<uint32_t>(active_.erase(file));
+    data_.leave_to_guests(id);
+  }
 }
 
 // Few and small enough to be announced long before their turn: nodes that know of a file get it
@@ -451,6 +482,7 @@ void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status
   count_end(one->report, transfer, status, skipped);
   if (retry(transfer, node, status)) return;
   end_file(*one, file, status);
+  release_due_ |= needed_[file] == 0 && transfer.open != 0;
   events_.file_ended(nodes_[node].info, transfer.key.name, status, skipped);
 }
 
@@ -501,6 +533,7 @@ void PushJob::run(Time now) {
   }
   if (phase_ == Phase::kGathering) gather(now);
   if (phase_ != Phase::kRunning) return;
+  release_unneeded();
   if (!relists_.empty()) flush_relists();
   if (!fresh_.empty()) announce_to_fresh();
   if (request_.slow_nodes != SlowNodes::kWait)

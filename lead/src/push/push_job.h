@@ -43,6 +43,10 @@ class PushJob {
   bool leaves_behind(NodeIndex node) const {
     return phase_ == Phase::kRunning && node < members_.size() && members_[node].behind;
   }
+  // Whether the push reports about the node.
+  bool counts(NodeIndex node) const {
+    return phase_ != Phase::kFinished && node < members_.size() && members_[node].known;
+  }
   void on_acknowledged(uint32_t sequence, NodeIndex node);
   void on_requested_segments(NodeIndex node, uint32_t segments);
 
@@ -110,7 +114,9 @@ class PushJob {
   void start_file(uint32_t file, const std::vector<NodeIndex>& nodes);
   void make_active(uint32_t file, TransferId id);
   void join(uint32_t file, NodeIndex node);
-  void take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes);
+  bool take_over(uint32_t file, TransferId id, const std::vector<NodeIndex>& nodes);
+  bool is_for_members(const Transfer& transfer) const;
+  void release_unneeded();
   void flush_relists();
   void announce_to_fresh();
   void give_up(NodeIndex node, uint64_t status);
@@ -149,6 +155,7 @@ class PushJob {
 
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again
+  bool release_due_ = false;                         // files in transfer may be needed no longer
   uint32_t ready_piece_ = kNoPiece;                  // found ready, until somebody's state changes
   std::unordered_map<uint32_t, TransferId> active_;  // by file
   std::vector<uint32_t> active_in_;                  // files of active_, by piece

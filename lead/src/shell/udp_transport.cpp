@@ -1,6 +1,6 @@
 // Sending: datagrams are built one behind the other in one arena. At a flush, neighbours with the
 // same destination and length leave in one call as a segmentation-offload batch, and all batches in
-// one sendmmsg(). A kernel or device that refuses the offload gets single datagrams from then on.
+// one sendmmsg(). A kernel or device that refuses the offload gets single datagrams for a while.
 //
 // A datagram that cannot leave, because the interface is down or gone, is counted and forgotten: to
 // the lead it is lost like any other. The kernel keeps the interface of multicast by its number, so
@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "pkgdist/wire_ctrl.h"
+#include "shell/offload_switch.h"
 
 namespace pkgdist::lead {
 
@@ -52,13 +53,6 @@ sockaddr_in endpoint(uint32_t address, uint16_t port) {
   name.sin_port = htons(port);
   name.sin_addr.s_addr = htonl(address);
   return name;
-}
-
-// Errors of a kernel or device that does not take batches, beside those of an interface that is
-// away.
-bool refuses_batches(int error) {
-  return error == EIO || error == EINVAL || error == EMSGSIZE || error == EOPNOTSUPP ||
-         error == ENOPROTOOPT;
 }
 
 class Socket {
@@ -191,6 +185,8 @@ class UdpTransport::Impl {
   }
 
   void flush() {
+    if (gathered_.empty()) return;
+    offload_ = offload_switch_.on(monotonic_now());
     size_t sent = 0;
     while (sent < gathered_.size()) sent += send_from(sent);
     gathered_.clear();
@@ -291,7 +287,7 @@ class UdpTransport::Impl {
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       pollfd writable{fd, POLLOUT, 0};
       if (::poll(&writable, 1, kSendWaitMs) > 0) return 0;
-    } else if (batch.count > 1 && refuses_batches(errno)) {
+    } else if (batch.count > 1 && offload_switch_.refused(errno, monotonic_now())) {
       offload_ = false;  // not on this way: once more, one by one
       return 0;
     }
@@ -334,7 +330,8 @@ class UdpTransport::Impl {
   std::vector<Gathered> gathered_;
   std::array<Batch, kMaxGathered> batches_;
   std::array<mmsghdr, kMaxGathered> messages_;
-  bool offload_ = true;
+  OffloadSwitch offload_switch_;
+  bool offload_ = true;     // during a flush
   uint32_t last_peer_ = 0;  // a node that was heard
   // Found by the last wait(), in the order of receive(); without one anything may have come.
   std::array<bool, 3> arrived_ = {true, true, true};

@@ -33,8 +33,7 @@ DataSender::DataSender(const Settings& self, const NodeTable& nodes, DatagramSin
 
 // --- Transfers ---
 
-TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
-                             const std::vector<NodeIndex>& nodes, Time now) {
+Transfer& DataSender::add(FileKey key, uint32_t priority, uint64_t tag, Time now) {
   FileAttributes attributes;
   std::unique_ptr<Content> content;
   const int error = contents_.inspect(key, attributes, content);
@@ -46,32 +45,93 @@ TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
   transfer.priority = priority;
   if (error != 0) transfer.status = PKGDIST_STATUS_FROM_ERRNO(error);
   if (error == 0) contents_.adopt(transfer.id, std::move(content));
-  for (const NodeIndex node : nodes) {
-    transfer.set_state(node, TransferNode::State::kOpen);
-    transfer.node(node).heard = now;
-  }
+  return transfer;
+}
+
+TransferId DataSender::start(FileKey key, uint32_t priority, uint64_t tag,
+                             const std::vector<NodeIndex>& nodes, Time now) {
+  Transfer& transfer = add(std::move(key), priority, tag, now);
+  for (const NodeIndex node : nodes) admit(transfer, node, false, now);
   schedule_.enter(transfer);
   return transfer.id;
 }
 
-void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
+TransferId DataSender::start_requested(FileKey key, uint32_t priority, NodeIndex asker, Time now) {
+  if (!table_.free_for(asker)) return kNoTransfer;
+  Transfer& transfer = add(std::move(key), priority, kRequested, now);
+  table_.set_asker(transfer, asker);
+  admit(transfer, asker, true, now);
+  schedule_.enter(transfer);
+  return transfer.id;
+}
+
+// The asker decides about the lane.
+void DataSender::set_asker(Transfer& transfer, NodeIndex asker) {
+  const Schedule::Place place = schedule_.leave(transfer);
+  table_.set_asker(transfer, asker);
+  schedule_.come_back(transfer, place);
+}
+
+void DataSender::hand_over(TransferId id, uint64_t tag) {
+  Transfer& transfer = *table_.at(id);
+  transfer.tag = tag;
+  set_asker(transfer, kNoNode);
+}
+
+void DataSender::leave_to_guests(TransferId id) {
+  Transfer& transfer = *table_.at(id);
+  const auto guest = std::find_if(
+      transfer.nodes.begin(), transfer.nodes.end(),
+      [](const TransferNode& node) { return node.state == TransferNode::State::kOpen; });
+  const auto node = static_cast<NodeIndex>(guest - transfer.nodes.begin());
+  transfer.tag = kRequested;
+  if (guest == transfer.nodes.end() || !table_.free_for(node)) return settling_.close(transfer);
+  set_asker(transfer, node);
+}
+
+void DataSender::admit(Transfer& transfer, NodeIndex node, bool guest, Time now) {
+  transfer.set_guest(node, guest);
+  transfer.set_state(node, TransferNode::State::kOpen);
+  transfer.node(node).hear(now);
+}
+
+void DataSender::join(TransferId id, NodeIndex node, bool guest, Time now) {
   Transfer* const transfer = table_.at(id);
   if (transfer == nullptr) return;
   using Stage = Transfer::Stage;
-  const bool had_info = transfer->node(node).has_info;
-  transfer->set_state(node, TransferNode::State::kOpen);
-  transfer->node(node).hear(now);
-  if (transfer->stage == Stage::kQueued) return;
-  // Several nodes ask at the same moment: one information serves them all.
-  constexpr Time kInfoHoldoff = 2 * kMillisecond;
-  if (elapsed(now, transfer->info_sent) >= kInfoHoldoff) output_.info(*transfer, now);
-  if (transfer->stage == Stage::kAnnounced) return;
-  if (transfer->status != 0) return settling_.begin(*transfer, now);
-  if (had_info && asked) return settling_.hurry(*transfer, now);  // it has most of the file
+  admit(*transfer, node, guest, now);
+  if (!inform_again(*transfer, now)) return;
+  if (guest && transfer->lane() == Lane::kPush) return settling_.hurry(*transfer, now);
   if (transfer->stage == Stage::kStreaming)
     transfer->turn.extend();
   else
     settling_.stream_again(*transfer);
+}
+
+// False when that is all there is to do for a node that joins.
+bool DataSender::inform_again(Transfer& transfer, Time now) {
+  using Stage = Transfer::Stage;
+  if (transfer.stage == Stage::kQueued) return false;
+  // Several nodes ask at the same moment: one information serves them all.
+  constexpr Time kInfoHoldoff = 2 * kMillisecond;
+  if (elapsed(now, transfer.info_sent) >= std::max(kInfoHoldoff, window_.round_trip()))
+    output_.info(transfer, now);
+  if (transfer.stage == Stage::kAnnounced) return false;
+  if (transfer.status != 0) settling_.begin(transfer, now);
+  return transfer.status == 0;
+}
+
+// Once per round trip: what was sent for the first question is on its way. A node that has asked
+// for segments has most of the file.
+void DataSender::join_asking(TransferId id, NodeIndex node, bool guest, Time now) {
+  Transfer* const transfer = table_.at(id);
+  if (transfer == nullptr) return;
+  const TransferNode before = transfer->node(node);
+  const bool is_open = before.state == TransferNode::State::kOpen;
+  if (is_open && elapsed(now, before.heard) < window_.round_trip()) return;
+  if (!before.has_info) return join(id, node, is_open ? before.guest : guest, now);
+  admit(*transfer, node, is_open ? before.guest : guest, now);
+  if (inform_again(*transfer, now)) settling_.hurry(*transfer, now);
 }
 
 void DataSender::drop_node(NodeIndex node) {
@@ -81,6 +141,15 @@ void DataSender::drop_node(NodeIndex node) {
     transfer->set_state(node, TransferNode::State::kAbsent);
     settling_.close_if_ended(*transfer);
   }
+}
+
+void DataSender::forget_node(NodeIndex node) {
+  table_.each([&](Transfer& transfer) {
+    if (node >= transfer.nodes.size()) return;
+    transfer.set_state(node, TransferNode::State::kAbsent);
+    transfer.nodes[node] = {};
+    settling_.forget(transfer.id, node);
+  });
 }
 
 void DataSender::abandon(uint64_t tag_limit) {
@@ -133,7 +202,8 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     gone += count;
   });
   if (state.state == TransferNode::State::kOpen) {
-    if (is_first_request(*transfer, node, first, num)) window_.lost(node, gone);
+    const bool paced = table_.busy().contains(node);
+    if (paced && is_first_request(*transfer, node, first, num)) window_.lost(node, gone);
     settling_.on_request(*transfer, node, gone, now);
   }
   state.asked = state.has_info = true;
@@ -163,8 +233,8 @@ void DataSender::send_infos(Transfer& transfer, int copies, Time now) {
 }
 
 // The copies of an information are divided: some now, some right ahead of the first segment.
-bool DataSender::send_announcement(Time now) {
-  Transfer* const transfer = schedule_.next_announcement();
+bool DataSender::send_announcement(Lane lane, Time now) {
+  Transfer* const transfer = schedule_.next_announcement(lane);
   if (transfer == nullptr) return false;
   const int copies = loss_.info_copies(transfer->open, transfer->attributes.size);
   send_infos(*transfer, copies - copies / 2, now);
@@ -187,8 +257,20 @@ bool DataSender::send_repair(Time now) {
   return true;
 }
 
+// The lanes take turns, by datagrams.
 bool DataSender::send_stream(Time now) {
-  Transfer* const next = schedule_.streamable(now);
+  const Lane first = schedule_.next_lane();
+  for (const Lane lane : {first, other(first)}) {
+    const bool announced = lane == Lane::kRequests && send_announcement(lane, now);
+    if (!announced && !send_stream_of(lane, now)) continue;
+    schedule_.end_turn_of(lane);
+    return true;
+  }
+  return false;
+}
+
+bool DataSender::send_stream_of(Lane lane, Time now) {
+  Transfer* const next = schedule_.streamable(now, lane);
   if (next == nullptr) return false;
   Transfer& transfer = *next;
   if (transfer.stage == Transfer::Stage::kAnnounced) {
@@ -213,7 +295,7 @@ bool DataSender::send_stream(Time now) {
 
 // Repairs and the stream take turns.
 bool DataSender::send_next(Time now) {
-  if (send_announcement(now)) return true;
+  if (send_announcement(Lane::kPush, now)) return true;
   const bool repair_first = std::exchange(repair_next_, !repair_next_);
   if (repair_first && send_repair(now)) return true;
   return send_stream(now) || (!repair_first && send_repair(now));

@@ -26,15 +26,30 @@ class DataSender {
   DataSender(const Settings& self, const NodeTable& nodes, DatagramSink& sink, ContentStore& store,
              Counters& counters, TransferObserver& observer);
 
-  // Begins the transfer of a file that has none yet.
+  // Tag of transfers that a node asked for outside of a push.
+  static constexpr uint64_t kRequested = UINT64_MAX;
+
+  // Begins the transfer of a file of the push that has none yet.
   TransferId start(FileKey key, uint32_t priority, uint64_t tag,
                    const std::vector<NodeIndex>& nodes, Time now);
-  // Another owner: the one who uses this tag.
-  void hand_over(TransferId id, uint64_t tag) { table_.at(id)->tag = tag; }
-  // The node wants the file, too. `asked`: it just asked for the information, so it has none.
-  void join(TransferId id, NodeIndex node, bool asked, Time now);
+  // The same for a node that asked for it; kNoTransfer when it has no place left.
+  TransferId start_requested(FileKey key, uint32_t priority, NodeIndex asker, Time now);
+  // A transfer that was requested becomes one of the push, with this tag.
+  void hand_over(TransferId id, uint64_t tag);
+  // The push does not wait for the transfer any longer: it goes on for whoever asked for it.
+  void leave_to_guests(TransferId id);
+  // The node wants the file, too. `guest`: nobody waits for it.
+  void join(TransferId id, NodeIndex node, bool guest, Time now);
+  // The same for a node that just asked for the information, so it has none.
+  void join_asking(TransferId id, NodeIndex node, bool guest, Time now);
+  // The node, which receives it already, is no guest any longer.
+  void wait_for(TransferId id, NodeIndex node) { table_.at(id)->set_guest(node, false); }
+  // Ends a transfer without a word.
+  void displace(TransferId id) { settling_.close(*table_.at(id)); }
   // The node is gone: nothing is waited for.
   void drop_node(NodeIndex node);
+  // It was dropped, and another node may get its index.
+  void forget_node(NodeIndex node);
   // Ends all transfers with a tag below this without a word.
   void abandon(uint64_t tag_limit);
   void abandon_all() { abandon(UINT64_MAX); }
@@ -45,7 +60,6 @@ class DataSender {
   // Transfers that are announced but not streamed yet, and the bytes in them.
   size_t waiting_files() const { return schedule_.waiting_files(); }
   uint64_t waiting_bytes() const { return schedule_.waiting_bytes(); }
-  size_t active_files() const { return table_.size(); }
   // How long the stream takes to come to the end of what was started, at the present rate.
   double backlog_seconds();
 
@@ -73,9 +87,14 @@ class DataSender {
 
  private:
   bool send_next(Time now);
-  bool send_announcement(Time now);
+  Transfer& add(FileKey key, uint32_t priority, uint64_t tag, Time now);
+  void set_asker(Transfer& transfer, NodeIndex asker);
+  void admit(Transfer& transfer, NodeIndex node, bool guest, Time now);
+  bool inform_again(Transfer& transfer, Time now);
+  bool send_announcement(Lane lane, Time now);
   bool send_repair(Time now);
   bool send_stream(Time now);
+  bool send_stream_of(Lane lane, Time now);
   bool send_segment(Transfer& transfer, uint32_t segment, DataOutput::As as, Time now);
   void send_infos(Transfer& transfer, int copies, Time now);
   bool poll_if_due(bool stops, Time now);

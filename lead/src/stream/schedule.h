@@ -1,10 +1,12 @@
-// What is announced and streamed next: files in the order of their priority and, of equals, of
-// their announcement.
+// What is announced and streamed next. There are two lanes, the push's and that of the files which
+// nodes asked for; they take turns as long as both have something, whatever priority a request has.
+// In a lane files go in the order of their priority and, of equals, of their announcement.
 //
 // Files flow back to back: many are announced ahead of the stream. One that was announced waits a
 // moment for the nodes that have it already: when all of them say so, no segment is sent.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <map>
 
@@ -17,16 +19,30 @@ class Schedule {
   explicit Schedule(const TransferTable& table) : table_(table) {}
 
   void enter(const Transfer& transfer);
-  // Takes the next file to be announced; null when there is none.
-  Transfer* next_announcement();
+  // To be called around a change of the transfer's asker: leave() before it, come_back() after it.
+  struct Place {
+    bool waiting = false;
+    bool announcing = false;
+    bool streaming = false;
+  };
+  Place leave(const Transfer& transfer);
+  void come_back(const Transfer& transfer, Place place);
+
+  // The lane that is to have the next turn; the other one has it when this one has nothing.
+  Lane next_lane() const { return next_; }
+  // The lane has had its turn.
+  void end_turn_of(Lane lane) { next_ = other(lane); }
+
+  // Takes the lane's next file to be announced; null when there is none.
+  Transfer* next_announcement(Lane lane = Lane::kPush);
   // It was announced: the stream comes to it.
   void announced(const Transfer& transfer, Time now);
   // Its stream begins, or it will not be streamed at all.
   void leave_waiting(const Transfer& transfer);
-  // The file that is streamed now; null when none is due.
-  Transfer* streamable(Time now);
+  // The lane's file that is streamed now; null when none is due.
+  Transfer* streamable(Time now, Lane lane = Lane::kPush);
   // What streamable() returned has had its turn.
-  void end_turn(const Transfer& transfer) { streaming_[transfer.priority].pop_front(); }
+  void end_turn(const Transfer& transfer) { of(transfer).streaming[transfer.priority].pop_front(); }
   // It is to be streamed again, ahead of files that were not begun: their nodes are further back.
   void stream_again(const Transfer& transfer);
 
@@ -35,30 +51,37 @@ class Schedule {
   void set_round_trip(Time round_trip) { round_trip_ = round_trip; }
 
   // Something is to be announced, or streamed at some time.
-  bool empty() const { return announcing_.empty() && streaming_.empty(); }
+  bool empty() const;
   // When something is due, long ago for at once; kNever when nothing will be by itself.
-  Time next_deadline() const { return announcing_.empty() ? due_ : 0; }
+  Time next_deadline() const;
 
-  // Files that are announced, or to be announced, but not streamed yet, and the bytes in them.
-  size_t waiting_files() const { return waiting_files_; }
-  uint64_t waiting_bytes() const { return waiting_bytes_; }
-  // Segments that are left of the files whose streams have begun.
+  // Files of the push that are announced, or to be announced, but not streamed yet, and the bytes
+  // in them.
+  size_t waiting_files() const { return lanes_[0].waiting_files; }
+  uint64_t waiting_bytes() const { return lanes_[0].waiting_bytes; }
+  // Segments that are left of the push's files whose streams have begun.
   uint64_t segments_ahead();
 
  private:
   using Line = std::deque<TransferId>;
+  struct Files {
+    Line announcing;
+    std::map<uint32_t, Line> streaming;  // by priority; the front is the file being streamed
+    Time due = kNever;                   // when streamable() will find something
+    size_t waiting_files = 0;
+    uint64_t waiting_bytes = 0;
+  };
   static constexpr Time kLeastSkipWait = 3 * kMillisecond;
   static constexpr Time kMostSkipWait = 100 * kMillisecond;
 
+  Files& of(Lane lane) { return lanes_[static_cast<size_t>(lane)]; }
+  Files& of(const Transfer& transfer) { return of(transfer.lane()); }
   Transfer* head(Line& line);
   Time stream_time(const Transfer& transfer) const;
 
   const TransferTable& table_;
-  Line announcing_;
-  std::map<uint32_t, Line> streaming_;  // by priority; the front is the file being streamed
-  Time due_ = kNever;                   // when streamable() will find something
-  size_t waiting_files_ = 0;
-  uint64_t waiting_bytes_ = 0;
+  std::array<Files, 2> lanes_;  // as Lane
+  Lane next_ = Lane::kPush;
   Time last_skip_ = 0;
   Time round_trip_ = kMillisecond;
 };

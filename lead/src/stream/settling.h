@@ -77,6 +77,8 @@ class Settling {
   bool run(Time now);
   Time next_deadline() const { return agenda_.next_deadline(); }
 
+  // The node is gone for good.
+  void forget(TransferId id, NodeIndex node) { giving_up_.forget(id, node); }
   // A node asked for so many segments of a file whose turn is over.
   void on_request(const Transfer& transfer, NodeIndex node, uint32_t segments, Time now) {
     if (transfer.stage != Transfer::Stage::kSettling) return;

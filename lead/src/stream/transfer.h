@@ -31,28 +31,51 @@ constexpr bool informs_again_at(uint64_t segment) {
   return segment >= kFirstInformedAgain && std::has_single_bit(segment);
 }
 
-// The nodes that receive something at present: those are polled.
+// The nodes that receive something at present: those are polled. Guests receive what nobody waits
+// for: they set the pace only as long as there is no other node.
 class BusyNodes {
  public:
-  void add(NodeIndex node) {
-    if (node >= files_.size()) files_.resize(node + size_t{1});
-    if (files_[node]++ == 0) ++count_, ++version_;
+  void add(NodeIndex node, bool guest = false) {
+    if (node >= end_) end_ = node + 1;
+    add_to(guest ? guests_ : members_, node);
   }
-  void remove(NodeIndex node) {
-    if (--files_[node] == 0) --count_, ++version_;
+  void remove(NodeIndex node, bool guest = false) { remove_from(guest ? guests_ : members_, node); }
+  bool contains(NodeIndex node) const {
+    const std::vector<uint32_t>& files = present().files;
+    return node < files.size() && files[node] != 0;
   }
-  bool contains(NodeIndex node) const { return node < files_.size() && files_[node] != 0; }
-  size_t count() const { return count_; }
+  size_t count() const { return present().count; }
   // Nodes 0 .. end()-1 can be busy.
-  NodeIndex end() const { return static_cast<NodeIndex>(files_.size()); }
+  NodeIndex end() const { return end_; }
   // Changes with the set.
   uint64_t version() const { return version_; }
 
  private:
-  std::vector<uint32_t> files_;  // that a node has not ended, by node
-  size_t count_ = 0;
+  struct Set {
+    std::vector<uint32_t> files;  // that a node has not ended, by node
+    size_t count = 0;
+  };
+
+  const Set& present() const { return members_.count != 0 ? members_ : guests_; }
+  void add_to(Set& set, NodeIndex node) {
+    if (node >= set.files.size()) set.files.resize(node + size_t{1});
+    if (set.files[node]++ == 0) ++set.count, ++version_;
+  }
+  void remove_from(Set& set, NodeIndex node) {
+    if (--set.files[node] == 0) --set.count, ++version_;
+  }
+
+  Set members_;
+  Set guests_;
+  NodeIndex end_ = 0;
   uint64_t version_ = 0;
 };
+
+// Whose turn it is to be streamed.
+enum class Lane : uint8_t { kPush, kRequests };
+constexpr Lane other(Lane lane) {
+  return lane == Lane::kPush ? Lane::kRequests : Lane::kPush;
+}
 
 // How a node stands with a transfer.
 struct TransferNode {
@@ -63,14 +86,15 @@ struct TransferNode {
     kEnded,
   };
   State state = State::kAbsent;
-  bool answered = false;    // the last poll of the file
-  bool asked = false;       // for segments, since the last poll
-  bool has_info = false;    // asked for segments of this transfer at some time
-  uint16_t stale = 0;       // answers about an earlier transfer of the same file, in a row
-  uint16_t unanswered = 0;  // polls in a row
-  Time stale_since = 0;     // the first stale answer
-  Time heard = 0;           // when it spoke of the file last, or began to be waited for
-  uint64_t parts = 0;       // of the file that it has asked for, see RepairQueue::part_of()
+  bool answered = false;      // the last poll of the file
+  bool asked = false;         // for segments, since the last poll
+  bool has_info : 1 = false;  // asked for segments of this transfer at some time
+  bool guest : 1 = false;     // the push does not wait for it
+  uint16_t stale = 0;         // answers about an earlier transfer of the same file, in a row
+  uint16_t unanswered = 0;    // polls in a row
+  Time stale_since = 0;       // the first stale answer
+  Time heard = 0;             // when it spoke of the file last, or began to be waited for
+  uint64_t parts = 0;         // of the file that it has asked for, see RepairQueue::part_of()
 
   // It spoke of this transfer.
   void hear(Time now) {
@@ -106,8 +130,9 @@ struct Transfer {
   const FileAttributes attributes;
   const uint32_t segments;
 
-  uint64_t tag = 0;  // the owner's
-  Time started = 0;  // when the content was looked at
+  uint64_t tag = 0;           // the owner's
+  NodeIndex asker = kNoNode;  // for whom it was begun, kNoNode: for the push
+  Time started = 0;           // when the content was looked at
   uint32_t priority = 0;
   uint64_t status = 0;  // non-zero: cannot be sent, nodes are told so
   Stage stage = Stage::kQueued;
@@ -143,7 +168,9 @@ struct Transfer {
     if (index >= nodes.size()) nodes.resize(index + size_t{1});
     return nodes[index];
   }
+  Lane lane() const { return asker == kNoNode ? Lane::kPush : Lane::kRequests; }
   void set_state(NodeIndex index, TransferNode::State state);
+  void set_guest(NodeIndex index, bool guest);
   // As far as the first turn has come.
   uint64_t streamed_segments() const {
     if (stage == Stage::kQueued || stage == Stage::kAnnounced) return 0;
@@ -163,12 +190,21 @@ inline void Transfer::set_state(NodeIndex index, TransferNode::State state) {
   const bool was_open = at.state == State::kOpen;
   const bool is_open = state == State::kOpen;
   if (was_open && at.answered) --answers;
-  if (busy != nullptr && is_open && !was_open) busy->add(index);
-  if (busy != nullptr && was_open && !is_open) busy->remove(index);
+  if (busy != nullptr && is_open && !was_open) busy->add(index, at.guest);
+  if (busy != nullptr && was_open && !is_open) busy->remove(index, at.guest);
   open = open + is_open - was_open;
   unlisted = unlisted + (state == State::kUnlisted) - (at.state == State::kUnlisted);
   at.answered = at.asked = false;
   at.state = state;
+}
+
+inline void Transfer::set_guest(NodeIndex index, bool guest) {
+  TransferNode& at = node(index);
+  if (at.guest == guest) return;
+  const bool is_busy = busy != nullptr && at.state == TransferNode::State::kOpen;
+  if (is_busy) busy->add(index, guest);
+  if (is_busy) busy->remove(index, at.guest);
+  at.guest = guest;
 }
 
 }  // namespace pkgdist::lead

@@ -39,11 +39,18 @@ TransferId TransferTable::find(const FileKey& key) const {
   return found != by_key_.end() ? found->second : kNoTransfer;
 }
 
+void TransferTable::set_asker(Transfer& transfer, NodeIndex asker) {
+  if (transfer.asker != kNoNode) slots_.give_back(transfer.asker);
+  if (asker != kNoNode) slots_.take(asker);
+  transfer.asker = asker;
+}
+
 std::unique_ptr<Transfer> TransferTable::remove(TransferId id) {
   const auto found = transfers_.find(id);
   std::unique_ptr<Transfer> removed = std::move(found->second);
   transfers_.erase(found);
   by_key_.erase(removed->key.text());
+  set_asker(*removed, kNoNode);
   const auto nodes = static_cast<NodeIndex>(removed->nodes.size());
   for (NodeIndex node = 0; node < nodes; ++node)
     if (removed->nodes[node].state == TransferNode::State::kOpen)

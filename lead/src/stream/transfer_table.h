@@ -1,4 +1,5 @@
-// The transfers under way, by number and by file, and the nodes that they keep busy.
+// The transfers under way, by number and by file, the nodes that they keep busy, and the places
+// that those take which nodes asked for.
 #pragma once
 
 #include <memory>
@@ -6,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "admission.h"
 #include "stream/transfer.h"
 
 namespace pkgdist::lead {
@@ -21,6 +23,10 @@ class TransferTable {
   TransferId find(const FileKey& key) const;
   // A number that no transfer has.
   TransferId next_id();
+  // Whether a file can be begun for the node.
+  bool free_for(NodeIndex asker) const { return slots_.free_for(asker); }
+  // For whom the transfer is: a node that there is a place for, or kNoNode for the push.
+  void set_asker(Transfer& transfer, NodeIndex asker);
   // Takes the transfer out; no node is busy with it any longer.
   std::unique_ptr<Transfer> remove(TransferId id);
 
@@ -35,6 +41,7 @@ class TransferTable {
 
  private:
   BusyNodes busy_;
+  RequestSlots slots_;
   std::unordered_map<TransferId, std::unique_ptr<Transfer>> transfers_;
   std::unordered_map<std::string, TransferId> by_key_;
   TransferId last_id_;

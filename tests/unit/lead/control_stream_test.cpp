@@ -111,7 +111,7 @@ TEST_F(ControlStreamTest, a_point_finishes_everything_up_to_it) {
 TEST_F(ControlStreamTest, a_nack_brings_the_message_again_marked) {
   const uint32_t sequence = post(3000, {0}, kSecond);
   take();
-  stream_.on_nack(sequence, false, 0, kSecond + 50 * kMillisecond);
+  stream_.on_nack(0, sequence, false, 0, kSecond + 50 * kMillisecond);
   const auto sent = take();
   ASSERT_EQ(sent.size(), 3u);
   for (const Sent& one : sent) EXPECT_TRUE(one.rxmt);
@@ -120,7 +120,7 @@ TEST_F(ControlStreamTest, a_nack_brings_the_message_again_marked) {
 TEST_F(ControlStreamTest, a_nack_for_a_segment_brings_that_segment) {
   const uint32_t sequence = post(3000, {0}, kSecond);
   take();
-  stream_.on_nack(sequence, true, 2, kSecond + 50 * kMillisecond);
+  stream_.on_nack(0, sequence, true, 2, kSecond + 50 * kMillisecond);
   const auto sent = take();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].segment, 2u);
@@ -130,16 +130,16 @@ TEST_F(ControlStreamTest, nacks_of_many_nodes_bring_one_retransmission) {
   const uint32_t sequence = post(10, {0, 1, 2}, kSecond);
   take();
   for (int i = 0; i < 3; ++i)
-    stream_.on_nack(sequence, false, 0, kSecond + (30 + static_cast<Time>(i)) * kMillisecond);
+    stream_.on_nack(0, sequence, false, 0, kSecond + (30 + static_cast<Time>(i)) * kMillisecond);
   EXPECT_EQ(take().size(), 1u);
 }
 
 TEST_F(ControlStreamTest, nonsense_nacks_are_counted_and_ignored) {
   const uint32_t sequence = post(10, {0}, kSecond);
   take();
-  stream_.on_nack(sequence, true, UINT32_MAX, 2 * kSecond);
-  stream_.on_nack(sequence + 1, false, 0, 2 * kSecond);
-  stream_.on_nack(0, false, 0, 2 * kSecond);
+  stream_.on_nack(0, sequence, true, UINT32_MAX, 2 * kSecond);
+  stream_.on_nack(0, sequence + 1, false, 0, 2 * kSecond);
+  stream_.on_nack(0, 0, false, 0, 2 * kSecond);
   EXPECT_TRUE(take().empty());
   EXPECT_EQ(counters_.bad_datagrams, 1u);
 }
@@ -177,11 +177,11 @@ TEST_F(ControlStreamTest, a_finished_message_still_answers_nacks_for_a_while) {
   const uint32_t sequence = post(10, {0}, kSecond);
   stream_.on_ack(0, sequence);
   take();
-  stream_.on_nack(sequence, false, 0, 2 * kSecond);
+  stream_.on_nack(0, sequence, false, 0, 2 * kSecond);
   EXPECT_EQ(take().size(), 1u);
   stream_.run(60 * kSecond);
   take();
-  stream_.on_nack(sequence, false, 0, 60 * kSecond);
+  stream_.on_nack(0, sequence, false, 0, 60 * kSecond);
   EXPECT_TRUE(take().empty());
 }
 
@@ -193,11 +193,38 @@ TEST_F(ControlStreamTest, pings_come_every_second_and_faster_while_something_is_
   EXPECT_LE(pings(30 * kSecond, 10 * kSecond), 11u);
 }
 
-TEST_F(ControlStreamTest, an_earlier_life_is_adopted_only_before_the_first_message) {
-  stream_.adopt(500);
-  EXPECT_EQ(post(10, {}, kSecond), 501u);
-  stream_.adopt(900);
-  EXPECT_EQ(post(10, {}, kSecond), 502u);
+TEST_F(ControlStreamTest, is_unused_until_its_first_message) {
+  stream_.run(kSecond);
+  EXPECT_TRUE(stream_.unused());
+  post(10, {}, kSecond);
+  EXPECT_FALSE(stream_.unused());
+}
+
+TEST_F(ControlStreamTest, nothing_is_sent_again_within_a_round_trip) {
+  stream_.set_round_trip(80 * kMillisecond);
+  const uint32_t sequence = post(3000, {0}, kSecond);
+  take();
+  for (Time passed = kMillisecond; passed < 80 * kMillisecond; passed += kMillisecond) {
+    stream_.on_nack(0, sequence, false, 0, kSecond + passed);
+    stream_.on_nack(0, sequence, true, 1, kSecond + passed);
+  }
+  EXPECT_TRUE(take().empty());
+  stream_.on_nack(0, sequence, false, 0, kSecond + 80 * kMillisecond);
+  EXPECT_EQ(take().size(), 3u);
+}
+
+TEST_F(ControlStreamTest, nacks_of_whole_messages_of_one_node_draw_a_limited_number_of_segments) {
+  std::vector<uint32_t> messages;
+  for (int i = 0; i < 5; ++i) messages.push_back(post(1'000'000, {0, 1}, kSecond));  // 720 segments
+  take();
+  for (Time now = 2 * kSecond; now < 3 * kSecond; now += 10 * kMillisecond)
+    for (const uint32_t sequence : messages) stream_.on_nack(0, sequence, false, 0, now);
+  const size_t drawn = take().size();
+  EXPECT_GT(drawn, 1000u);
+  EXPECT_LE(drawn, 2048u + 1024u);
+  // Another one has its own share.
+  stream_.on_nack(1, messages[0], false, 0, 4 * kSecond);
+  EXPECT_EQ(take().size(), 720u);
 }
 
 }  // namespace

@@ -59,8 +59,8 @@ class Hostile : public testing::Test {
     const Message<pkgdist_data_send_file_info> info(parts.body);
     if (info.ok()) file_id_ = info->file_id;
   }
-  void attack(Channel channel, const Bytes& bytes) {
-    cluster_.lead().on_datagram(channel, bytes, kStranger, cluster_.now());
+  void attack(Channel channel, const Bytes& bytes, uint32_t from = kStranger) {
+    cluster_.lead().on_datagram(channel, bytes, from, cluster_.now());
   }
   void expect_push_completes() {
     EXPECT_TRUE(cluster_.run_until([&] { return !cluster_.lead().push_running(); }, 30 * kSecond));
@@ -137,9 +137,9 @@ TEST_F(Hostile, requests_for_unknown_transfers_are_foreign) {
 
 TEST_F(Hostile, a_report_of_another_file_or_transfer_ends_nothing) {
   const uint32_t address = cluster_.host(0).address;
-  attack(Channel::kData, report(file_id_, 0, "other", address));
-  attack(Channel::kData, report(file_id_ + 7, 0, "file", address));
-  attack(Channel::kData, report(0, 0, "file", address));
+  attack(Channel::kData, report(file_id_, 0, "other", address), address);
+  attack(Channel::kData, report(file_id_ + 7, 0, "file", address), address);
+  attack(Channel::kData, report(0, 0, "file", address), address);
   EXPECT_EQ(cluster_.lead().push_report().nodes[0].files_done, 0u);
   expect_push_completes();
 }
@@ -162,7 +162,7 @@ TEST_F(Hostile, thousands_of_forged_nodes_do_not_stop_the_push) {
   using H = pkgdist_ctrl_msg_hdr;
   for (uint32_t i = 0; i < 10'000; ++i) {
     Bytes request = segment_request(file_id_ + 1, 0, 1, 0x0B000000 + i);
-    attack(Channel::kData, request);
+    attack(Channel::kData, request, 0x0B000000 + i);
   }
   for (uint32_t i = 0; i < 100; ++i) {
     H header{};
@@ -170,7 +170,7 @@ TEST_F(Hostile, thousands_of_forged_nodes_do_not_stop_the_push) {
     qidl::set<&H::node_ip>(header, 0x0C000000 + i);
     qidl::set<&H::sequence>(header, UINT32_MAX);
     qidl::set<&H::segment>(header, UINT32_MAX);
-    attack(Channel::kControl, framed(header));
+    attack(Channel::kControl, framed(header), header.node_ip);
   }
   expect_push_completes();
 }
@@ -184,7 +184,7 @@ TEST_F(Hostile, acknowledgements_of_what_was_never_sent_change_nothing) {
     qidl::set<&H::pid>(header, cluster_.host(0).pid);
     qidl::set<&H::sequence>(header, sequence);
     qidl::set<&H::ack_sequence>(header, sequence);
-    attack(Channel::kControl, framed(header));
+    attack(Channel::kControl, framed(header), header.node_ip);
   }
   expect_push_completes();
 }

@@ -292,12 +292,77 @@ TEST_F(SeveralLeads, one_that_steps_aside_gives_up_its_push_and_its_messages) {
   qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(older, PKGDIST_CTRL_MSG_PING);
   qidl::set<&pkgdist_ctrl_msg_hdr::node_ip>(older, kSecondLead);
   qidl::set<&pkgdist_ctrl_msg_hdr::status>(older, uint64_t{1'600'000'000} << 32);
-  cluster_.say_to_group(framed(older));
-  cluster_.run_for(100 * kMillisecond);
+  for (int i = 0; i < 4; ++i) {
+    cluster_.say_to_group(framed(older));
+    cluster_.run_for(kSecond);
+  }
   EXPECT_EQ(cluster_.lead().role(), Role::kStandingBy);
   EXPECT_FALSE(cluster_.lead().push_running());
   ASSERT_EQ(cluster_.seen().finished.size(), 1u);
   EXPECT_EQ(cluster_.seen().finished[0].nodes[0].delivery, lead::Delivery::kSuperseded);
+}
+
+// A ping of a lead that says that it began long ago.
+Bytes ping_of_earlier(uint32_t address) {
+  pkgdist_ctrl_msg_hdr ping{};
+  qidl::set<&pkgdist_ctrl_msg_hdr::msg_id>(ping, PKGDIST_CTRL_MSG_PING);
+  qidl::set<&pkgdist_ctrl_msg_hdr::node_ip>(ping, address);
+  qidl::set<&pkgdist_ctrl_msg_hdr::status>(ping, uint64_t{1'600'000'000} << 32);
+  return framed(ping);
+}
+
+TEST_F(SeveralLeads, a_forged_ping_of_an_earlier_lead_ends_no_push) {
+  push_to_the_middle();
+  for (int i = 0; i < 3; ++i) cluster_.say_to_group(ping_of_earlier(kSecondLead));
+  ASSERT_TRUE(cluster_.run_until([&] { return !cluster_.lead().push_running(); }, 20 * kSecond));
+  EXPECT_TRUE(cluster_.lead().push_report().complete());
+  EXPECT_TRUE(leads(0));
+}
+
+TEST_F(SeveralLeads,
+       a_lead_with_nodes_steps_aside_for_one_that_is_heard_as_long_as_they_would_need) {
+  cluster_.add_hosts(1);
+  cluster_.run_for(3 * kSecond);
+  for (int second = 0; second < 8; ++second) {
+    cluster_.say_to_group(ping_of_earlier(kSecondLead));
+    cluster_.run_for(kSecond);
+    EXPECT_TRUE(leads(0)) << second;
+  }
+  cluster_.say_to_group(ping_of_earlier(kSecondLead));
+  cluster_.run_for(kMillisecond);
+  EXPECT_FALSE(leads(0));
+}
+
+TEST_F(SeveralLeads, one_that_is_heard_now_and_then_is_not_heard_for_as_long_as_nodes_need) {
+  cluster_.add_hosts(1);
+  cluster_.run_for(3 * kSecond);
+  for (int i = 0; i < 20; ++i) {
+    cluster_.say_to_group(ping_of_earlier(kSecondLead));
+    cluster_.run_for(4 * kSecond);
+  }
+  EXPECT_TRUE(leads(0));
+}
+
+TEST_F(SeveralLeads, of_two_with_nodes_of_their_own_one_stays_when_the_network_is_one_again) {
+  cluster_.cut(1, 0, true);
+  cluster_.add_hosts(2);
+  const size_t other = cluster_.add_lead(settings_of(kSecondLead));
+  cluster_.cut_leads(0, other, true);
+  cluster_.cut(0, other, true);
+  cluster_.run_for(5 * kSecond);
+  ASSERT_TRUE(leads(0) && leads(other));
+  ASSERT_EQ(cluster_.node(0).lead(), kFirst);
+  ASSERT_EQ(cluster_.node(1).lead(), kSecondLead);
+  cluster_.cut_leads(0, other, false);
+  cluster_.cut(0, other, false);
+  cluster_.cut(1, 0, false);
+  cluster_.run_for(20 * kSecond);
+  EXPECT_NE(leads(0), leads(other));
+  EXPECT_EQ(cluster_.node(0).lead(), cluster_.node(1).lead());
+  cluster_.store.add("file", pattern(1000, 1));
+  ASSERT_TRUE(leads(0));
+  EXPECT_TRUE(cluster_.run_push(cluster_.push_all(), 20 * kSecond));
+  EXPECT_TRUE(cluster_.identical());
 }
 
 // After a divided network has become one, both judge alone: exactly one may stay.
@@ -310,8 +375,11 @@ TEST(LeadershipTest, of_two_leads_exactly_one_yields_whatever_they_are) {
     a.run(kSecond);
     b.run(kSecond);
     const uint32_t since_a = a.leading_since(), since_b = b.leading_since();
-    a.on_other_lead(high.address, since_b, true, 2 * kSecond);
-    b.on_other_lead(low.address, since_a, true, 2 * kSecond);
+    for (uint64_t now = 2 * kSecond; now <= 10 * kSecond; now += kSecond) {
+      EXPECT_TRUE(a.leads() && b.leads());
+      a.on_other_lead(high.address, since_b, true, now);
+      b.on_other_lead(low.address, since_a, true, now);
+    }
     EXPECT_NE(a.leads(), b.leads());
     EXPECT_EQ(a.leads(), since_a <= since_b);
   }

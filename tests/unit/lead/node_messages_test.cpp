@@ -22,6 +22,21 @@ class NodeMessagesTest : public testing::Test, public DatagramSink {
   };
 
   void SetUp() override { nodes_.observe_data(kNode, kSecond); }
+  // A segment of a message whose segments are not of the usual size.
+  void receive_odd(NodeIndex node, uint32_t sequence, uint32_t segment, uint32_t total,
+                   uint32_t segment_size) {
+    pkgdist_ctrl_msg_hdr header{};
+    header.sequence = sequence;
+    header.segment = segment;
+    const std::vector<uint8_t> data(std::min(segment_size, total - segment * segment_size));
+    pkgdist_ctrl_msg body{};
+    body.msg_class = 3;
+    body.total_size = total;
+    body.segment_size = segment_size;
+    body.data = data.data();
+    body.data_size = data.size();
+    messages_.on_segment(node, header, body, kSecond);
+  }
   std::span<uint8_t> buffer() override { return buffer_; }
   void send(Channel, uint32_t destination, size_t length) override {
     EXPECT_EQ(destination, kNode);
@@ -157,6 +172,37 @@ TEST_F(NodeMessagesTest, segments_that_make_no_sense_are_bad) {
   receive(1, 1, 3 * kSize);
   EXPECT_EQ(counters_.bad_datagrams, 6u);
   EXPECT_TRUE(delivered_.empty());
+}
+
+TEST_F(NodeMessagesTest, a_message_of_more_than_a_mebibyte_is_bad) {
+  receive(1, 0, kMaxMessageSize);
+  EXPECT_EQ(counters_.bad_datagrams, 0u);
+  receive(2, 0, kMaxMessageSize + 1);
+  EXPECT_EQ(counters_.bad_datagrams, 1u);
+}
+
+TEST_F(NodeMessagesTest, a_message_in_a_million_segments_is_bad) {
+  receive_odd(0, 1, 0, 1'000'000, 1);
+  EXPECT_EQ(counters_.bad_datagrams, 1u);
+  receive_odd(0, 2, 0, 1'000'000, 255);
+  EXPECT_EQ(counters_.bad_datagrams, 2u);
+  receive_odd(0, 3, 0, 10, 10);  // a short one is a single segment
+  EXPECT_EQ(counters_.bad_datagrams, 2u);
+}
+
+TEST_F(NodeMessagesTest, of_too_many_unfinished_ones_those_of_the_node_with_the_most_go) {
+  nodes_.observe_data(kNode + 1, kSecond);
+  receive(1, 0, 2 * kSize);  // of the first node
+  const uint32_t segments = kMaxMessageSize / kSize;
+  // 70 MiB of the second.
+  for (uint32_t sequence = 1; sequence <= 70; ++sequence)
+    for (uint32_t segment = 0; segment < segments; ++segment)
+      receive_odd(1, sequence, segment, kMaxMessageSize, kSize);
+  receive(1, 1, 2 * kSize);
+  ASSERT_EQ(delivered_.size(), 1u);
+  EXPECT_EQ(delivered_[0].size(), 2 * kSize);
+  receive_odd(1, 1, segments, kMaxMessageSize, kSize);  // the last one that is lacking
+  EXPECT_EQ(delivered_.size(), 1u);                     // gone
 }
 
 }  // namespace

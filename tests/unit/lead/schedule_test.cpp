@@ -160,5 +160,64 @@ TEST_F(ScheduleTest, has_nothing_due_when_nothing_was_entered) {
   EXPECT_EQ(schedule_.next_deadline(), kNever);
 }
 
+// --- Lanes ---
+
+class Lanes : public ScheduleTest {
+ protected:
+  Transfer& add_requested(const std::string& name, uint32_t priority = 0) {
+    Transfer& transfer =
+        table_.add({1, name}, {.size = uint64_t{10} * 1000, .mode = 0644}, uint32_t{10});
+    transfer.priority = priority;
+    table_.set_asker(transfer, 0);
+    schedule_.enter(transfer);
+    return transfer;
+  }
+};
+
+TEST_F(Lanes, a_request_waits_in_a_lane_of_its_own_whatever_its_priority) {
+  Transfer& pushed = add("pushed", 4);
+  Transfer& asked = add_requested("asked", 1);
+  EXPECT_EQ(schedule_.waiting_files(), 1u);
+  EXPECT_EQ(schedule_.waiting_bytes(), 10'000u);
+  announce(*schedule_.next_announcement(Lane::kPush));
+  EXPECT_EQ(schedule_.next_announcement(Lane::kPush), nullptr);
+  announce(*schedule_.next_announcement(Lane::kRequests));
+  now_ += kMostWait;
+  EXPECT_EQ(schedule_.streamable(now_, Lane::kPush), &pushed);
+  EXPECT_EQ(schedule_.streamable(now_, Lane::kRequests), &asked);
+}
+
+TEST_F(Lanes, take_turns) {
+  EXPECT_EQ(schedule_.next_lane(), Lane::kPush);
+  schedule_.end_turn_of(Lane::kPush);
+  EXPECT_EQ(schedule_.next_lane(), Lane::kRequests);
+  schedule_.end_turn_of(Lane::kPush);  // the other one had nothing
+  EXPECT_EQ(schedule_.next_lane(), Lane::kRequests);
+  schedule_.end_turn_of(Lane::kRequests);
+  EXPECT_EQ(schedule_.next_lane(), Lane::kPush);
+}
+
+TEST_F(Lanes, a_file_changes_its_lane_wherever_it_stands) {
+  Transfer& queued = add_requested("queued");
+  Transfer& announced = add_requested("announced");
+  Transfer& settling = add_requested("settling");
+  for (int i = 0; i < 3; ++i) {
+    Transfer* const next = schedule_.next_announcement(Lane::kRequests);
+    if (next == &announced) announce(*next);
+    if (next == &settling) begin_stream(*next);
+  }
+  settling.stage = Stage::kSettling;
+  for (Transfer* transfer : {&announced, &settling}) {
+    const Schedule::Place place = schedule_.leave(*transfer);
+    table_.set_asker(*transfer, kNoNode);
+    schedule_.come_back(*transfer, place);
+  }
+  now_ += kMostWait;
+  EXPECT_EQ(schedule_.streamable(now_, Lane::kRequests), nullptr);
+  EXPECT_EQ(schedule_.streamable(now_, Lane::kPush), &announced);
+  EXPECT_EQ(order(), "announced");
+  EXPECT_EQ(queued.lane(), Lane::kRequests);
+}
+
 }  // namespace
 }  // namespace pkgdist::lead

@@ -38,6 +38,56 @@ TEST(BusyNodes, the_version_tells_of_every_change_of_the_set_and_of_nothing_else
   EXPECT_NE(busy.version(), two);
 }
 
+TEST(BusyNodes, guests_count_as_long_as_there_is_nobody_else) {
+  BusyNodes busy;
+  busy.add(7, true);
+  EXPECT_TRUE(busy.contains(7));
+  EXPECT_EQ(busy.count(), 1u);
+  const uint64_t before = busy.version();
+  busy.add(2);
+  EXPECT_NE(busy.version(), before);
+  EXPECT_FALSE(busy.contains(7));
+  EXPECT_TRUE(busy.contains(2));
+  EXPECT_EQ(busy.count(), 1u);
+  EXPECT_EQ(busy.end(), 8u);
+  busy.remove(2);
+  EXPECT_TRUE(busy.contains(7));
+}
+
+TEST(TransferTable, a_guest_that_is_waited_for_is_one_no_longer) {
+  TransferTable table(1);
+  Transfer& a = table.add({1, "a"}, {}, 1);
+  a.set_state(0, State::kOpen);
+  a.set_guest(1, true);
+  a.set_state(1, State::kOpen);
+  EXPECT_EQ(table.busy().count(), 1u);
+  a.set_guest(1, false);
+  EXPECT_EQ(table.busy().count(), 2u);
+  a.set_guest(0, true);
+  a.set_state(0, State::kEnded);
+  a.set_state(1, State::kEnded);
+  EXPECT_EQ(table.busy().count(), 0u);
+}
+
+TEST(TransferTable, a_request_takes_a_place_until_it_is_removed_or_becomes_the_pushs) {
+  TransferTable table(1);
+  std::vector<TransferId> ids;
+  for (size_t i = 0; i < Slots::kRequestedByNode; ++i) {
+    ASSERT_TRUE(table.free_for(5));
+    Transfer& one = table.add({1, std::to_string(i)}, {}, 1);
+    table.set_asker(one, 5);
+    EXPECT_EQ(one.lane(), Lane::kRequests);
+    ids.push_back(one.id);
+  }
+  EXPECT_FALSE(table.free_for(5));
+  table.remove(ids[0]);
+  EXPECT_TRUE(table.free_for(5));
+  table.set_asker(*table.at(ids[1]), kNoNode);
+  EXPECT_EQ(table.at(ids[1])->lane(), Lane::kPush);
+  for (int i = 0; i < 2; ++i) table.set_asker(table.add({2, std::to_string(i)}, {}, 1), 5);
+  EXPECT_FALSE(table.free_for(5));
+}
+
 TEST(TransferTable, finds_files_by_number_and_by_location_and_name) {
   TransferTable table(1);
   Transfer& a = table.add({1, "name"}, {}, 1);
