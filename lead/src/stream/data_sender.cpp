@@ -1,5 +1,7 @@
 #include "stream/data_sender.h"
 
+#include <cerrno>
+
 #include "pkgdist/status.h"
 
 namespace pkgdist::lead {
@@ -58,6 +60,7 @@ void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
   Transfer* const transfer = table_.at(id);
   if (transfer == nullptr) return;
   using Stage = Transfer::Stage;
+  if (asked) contact_.asked(node);
   const bool had_info = transfer->node(node).has_info;
   transfer->set_state(node, TransferNode::State::kOpen);
   transfer->node(node).hear(now);
@@ -75,6 +78,7 @@ void DataSender::join(TransferId id, NodeIndex node, bool asked, Time now) {
 }
 
 void DataSender::drop_node(NodeIndex node) {
+  contact_.forget(node);
   for (const TransferId id : table_.ids()) {
     Transfer* const transfer = table_.at(id);
     if (transfer == nullptr || node >= transfer->nodes.size()) continue;
@@ -125,6 +129,10 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->start_search.asked(node, first, num);
   // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
+  if (state.has_info)
+    contact_.asked(node);
+  else
+    contact_.answered(node);  // the information has reached it
   uint32_t gone = 0;
   transfer->repairs.set_holdoff(2 * window_.round_trip());
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
@@ -146,6 +154,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
 }
 
 void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
+  if (report.status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) contact_.answered(node);
   if (!window_.answered(report.file_id, node, now)) settling_.on_report(node, report, now);
 }
 
@@ -223,6 +232,7 @@ bool DataSender::poll_if_due(bool stops, Time now) {
   const TransferId number = table_.next_id();
   const std::vector<NodeIndex>& nodes = window_.begin_poll(number, now);
   if (nodes.empty()) return false;
+  for (const NodeIndex node : nodes) contact_.polled(node, now);
   output_.window_poll(number, nodes);
   return true;
 }
