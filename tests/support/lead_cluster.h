@@ -50,6 +50,10 @@ class Cluster {
     return settings;
   }
 
+  // The ports of the protocol, by who listens: nodes on the groups and on their own, the lead on
+  // its own for control messages and for data requests.
+  enum class Port : uint8_t { kControlGroup, kDataGroup, kNode, kLead, kRequests };
+
   // A host: its disk stays while its node process comes and goes.
   struct Host {
     uint32_t address = 0;
@@ -57,6 +61,7 @@ class Cluster {
     typename Node::Storage disk;
     std::unique_ptr<Node> node;  // null while no process runs
     Path down, up;
+    std::set<Port> filtered;  // what a packet filter drops on the way from or to the host
   };
 
   size_t add_host(bool running = true) {
@@ -275,9 +280,12 @@ class Cluster {
     ++sent_;
     if (on_sent) on_sent(channel, destination, content);
     const auto bytes = std::make_shared<const Bytes>(content.begin(), content.end());
+    const Port port = destination != lead::kGroup       ? Port::kNode
+                      : channel == lead::Channel::kData ? Port::kDataGroup
+                                                        : Port::kControlGroup;
     for (size_t i = 0; i < hosts_.size(); ++i)
       if ((destination == lead::kGroup || destination == hosts_[i]->address) &&
-          !cut_hosts_.contains({i, index}))
+          !cut_hosts_.contains({i, index}) && !hosts_[i]->filtered.contains(port))
         carry(i, kToNode, channel, hosts_[i]->down, bytes, 0, destination != lead::kGroup);
     if (channel != lead::Channel::kControl || destination != lead::kGroup) return;
     for (size_t i = 0; i < leaders_.size(); ++i)
@@ -289,6 +297,8 @@ class Cluster {
   }
   void from_node(size_t index, lead::Channel channel, uint32_t lead, Bytes bytes) {
     if (on_node_sent) on_node_sent(index, channel, bytes);
+    const Port port = channel == lead::Channel::kData ? Port::kRequests : Port::kLead;
+    if (hosts_[index]->filtered.contains(port)) return;
     for (size_t i = 0; i < leaders_.size(); ++i)
       if (leaders_[i]->address == lead && cut_hosts_.contains({index, i})) return;
     carry(index, kToLead, channel, hosts_[index]->up,

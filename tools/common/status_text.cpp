@@ -15,6 +15,16 @@ std::string status_text(uint64_t status) {
     return "the node's process restarted again and again";
   if (status == PKGDIST_STATUS_FROM_ERRNO(ETIME))
     return "dropped: less than half as fast as the other nodes";
+  if (status == PKGDIST_STATUS_FROM_ERRNO(ECOMM))
+    return "answers pings, but nothing on the data channel: check that it has the location, that "
+           "packet filters let it reach the lead's --req-port, and its disk";
+  if (status == PKGDIST_STATUS_FROM_ERRNO(ENODATA))
+    return "asks for files and receives nothing: check that packet filters and switches let the "
+           "--data-group through to the node";
+  if (status == PKGDIST_STATUS_FROM_ERRNO(ENOMSG))
+    return "is heard, but acknowledges no list of files: check the MTU, and that packet filters "
+           "let "
+           "the --ctrl-group and the lead's --lead-port through";
   return status == 0 ? "received" : pkgdist_status_str(status);
 }
 

@@ -105,6 +105,10 @@ void ControlStream::give_up(uint32_t sequence) {
   if (entry != nullptr && !entry->waiting.empty()) stop_waiting(*entry);
 }
 
+void ControlStream::give_up(uint32_t sequence, NodeIndex node) {
+  if (Entry* entry = find(sequence)) stop_waiting(*entry, node);
+}
+
 void ControlStream::abandon() {
   entries_.clear();
   outstanding_ = kept_bytes_ = 0;
@@ -167,12 +171,14 @@ void ControlStream::on_ping_reply(NodeIndex node, uint32_t point, Time now) {
 }
 
 void ControlStream::forget(NodeIndex node) {
-  for (Entry& entry : entries_) {
-    const auto at = std::lower_bound(entry.waiting.begin(), entry.waiting.end(), node);
-    if (at == entry.waiting.end() || *at != node) continue;
-    entry.waiting.erase(at);
-    if (entry.waiting.empty()) stop_waiting(entry);
-  }
+  for (Entry& entry : entries_) stop_waiting(entry, node);
+}
+
+void ControlStream::stop_waiting(Entry& entry, NodeIndex node) {
+  const auto at = std::lower_bound(entry.waiting.begin(), entry.waiting.end(), node);
+  if (at == entry.waiting.end() || *at != node) return;
+  entry.waiting.erase(at);
+  if (entry.waiting.empty()) stop_waiting(entry);
 }
 
 Time ControlStream::ping_interval() const {

@@ -55,6 +55,8 @@ class ControlStream {
   void forget(NodeIndex node);
   // Nobody is waited for any longer; who asks for the message still gets it for a while.
   void give_up(uint32_t sequence);
+  // The same for one node.
+  void give_up(uint32_t sequence, NodeIndex node);
   // Nothing of what was sent is repeated; sequences go on.
   void abandon();
   // Lists for the nodes' data side that not everybody has acknowledged.
@@ -90,6 +92,7 @@ class ControlStream {
   Entry* find(uint32_t sequence);
   void acknowledge(Entry& entry, NodeIndex node, bool direct);
   void stop_waiting(Entry& entry);
+  void stop_waiting(Entry& entry, NodeIndex node);
   void transmit(Entry& entry, uint32_t segment, bool again, Time now);
   void retransmit(Entry& entry, Time now);
   void send_ping(Time now);

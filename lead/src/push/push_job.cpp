@@ -25,6 +25,18 @@ constexpr uint32_t kMaxRetries = 2;
 // A process that ends more often in one push ends because of it.
 constexpr uint32_t kMaxRestarts = 3;
 
+// How often present nodes are looked through for those that cannot be reached, and how long one may
+// leave all of its lists unacknowledged: they are sent again every second.
+constexpr Time kLookPeriod = kSecond;
+constexpr Time kListPatience = 45 * kSecond;
+// A node that does not know a file is told of it again, unless both have passed.
+constexpr uint32_t kMaxUnknown = 8;
+constexpr Time kUnknownPatience = 10 * kSecond;
+
+uint64_t pair_key(NodeIndex node, uint32_t file) {
+  return uint64_t{node} << 32 | file;
+}
+
 bool audience_takes(const Audience& audience, const NodeInfo& node) {
   if (audience.unicast) return audience.nodes.front() == node.address;
   return audience.includes(node.address, node.card_class);
@@ -96,18 +108,42 @@ void PushJob::treat_straggler(NodeIndex node) {
   if (slow == nullptr || !slow->present || slow->left == 0 || unfinished_ < 2) return;
   slow->behind = true;
   relists_.erase(node);
-  if (request_.slow_nodes == SlowNodes::kDrop) {
-    give_up(node, PKGDIST_STATUS_FROM_ERRNO(ETIME));
-    (void)control_.post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_cancel(xact_), listed({node}), {node},
-                        now_);
-  } else {
-    set_present(*slow, false);
-    release_due_ = true;
-    slow->report.deferred = true;
-    events_.node_deferred(nodes_[node].info);
-  }
+  if (request_.slow_nodes == SlowNodes::kDrop)
+    return leave_out(node, PKGDIST_STATUS_FROM_ERRNO(ETIME));
+  set_present(*slow, false);
+  release_due_ = true;
+  slow->report.deferred = true;
+  events_.node_deferred(nodes_[node].info);
   ready_piece_ = kNoPiece;
   data_.drop_node(node);
+}
+
+// What the node lacks ends so, also on the node itself.
+void PushJob::leave_out(NodeIndex node, uint64_t status) {
+  Member& one = members_[node];
+  one.behind = true;
+  relists_.erase(node);
+  give_up(node, status);
+  std::vector<NodeIndex> waiting;  // for its acknowledgement, if there is one to be expected
+  if (one.unacknowledged.empty()) waiting = {node};
+  for (const uint32_t list : std::exchange(one.unacknowledged, {})) control_.give_up(list, node);
+  (void)control_.post(PKGDIST_CTRL_CLASS_FILE_SEND, encode_cancel(xact_), listed({node}),
+                      std::move(waiting), now_);
+  data_.drop_node(node);
+}
+
+// Nodes that answer pings, and nothing else of the push.
+void PushJob::leave_out_unreachable() {
+  if (now_ < next_look_) return;
+  next_look_ = now_ + kLookPeriod;
+  for (NodeIndex node = 0; node < members_.size(); ++node) {
+    const Member& one = members_[node];
+    if (!one.present || one.left == 0) continue;
+    if (const uint64_t status = data_.out_of_contact(node, now_); status != 0)
+      leave_out(node, status);
+    else if (!one.unacknowledged.empty() && elapsed(now_, one.list_told) >= kListPatience)
+      leave_out(node, PKGDIST_STATUS_FROM_ERRNO(ENOMSG));
+  }
 }
 
 void PushJob::return_to_deferred() {
@@ -149,6 +185,7 @@ void PushJob::on_node_fresh(NodeIndex node, bool restarted) {
   if (fresh.report.deferred) return;
   set_present(fresh, true);
   fresh.heard.assign(pieces_.size(), Heard::kNothing);
+  fresh.unacknowledged.clear();  // of a process, or a time, that is over
   relists_.erase(node);
   ready_piece_ = kNoPiece;
   go_round_ = true;
@@ -264,6 +301,10 @@ void PushJob::post_list(const std::vector<uint32_t>& files, std::vector<NodeInde
     for (std::vector<uint8_t>& list : encode_file_lists(request_, xact_, files)) {
       const uint32_t sequence =
           control_.post(PKGDIST_CTRL_CLASS_FILE_SEND, std::move(list), audience, some, now_);
+      for (const NodeIndex node : some) {
+        if (members_[node].unacknowledged.empty()) members_[node].list_told = now_;
+        members_[node].unacknowledged.insert(sequence);
+      }
       told_[sequence] = piece != kNoPiece ? Told{piece, {}} : Told{kNoPiece, files};
     }
   }
@@ -273,6 +314,8 @@ void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
   const auto found = told_.find(sequence);
   Member* one = member(node);
   if (found == told_.end() || one == nullptr) return;
+  one->unacknowledged.erase(sequence);
+  one->list_told = now_;
   const Told& told = found->second;
   if (told.piece != kNoPiece) {
     one->heard[told.piece] = Heard::kAcknowledged;
@@ -442,7 +485,7 @@ bool PushJob::retry(const Transfer& transfer, NodeIndex node, uint64_t status) {
       transfer.attributes.symlink && status == PKGDIST_STATUS_FROM_ERRNO(ENOENT);
   if (status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT) && !early_link) return false;
   const auto file = static_cast<uint32_t>(transfer.tag);
-  if (++retries_[uint64_t{node} << 32 | file] > kMaxRetries) return false;
+  if (++retries_[pair_key(node, file)] > kMaxRetries) return false;
   relists_[node].insert(file);
   go_round_ = true;
   return true;
@@ -489,7 +532,11 @@ void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status
 bool PushJob::on_unlisted(const Transfer& transfer, NodeIndex node) {
   Member* one = member(node);
   if (phase_ != Phase::kRunning || one == nullptr || !one->present) return false;
-  relists_[node].insert(static_cast<uint32_t>(transfer.tag));
+  const auto file = static_cast<uint32_t>(transfer.tag);
+  Unknown& unknown = unknown_[pair_key(node, file)];
+  if (unknown.times++ == 0) unknown.since = now_;
+  if (unknown.times > kMaxUnknown && elapsed(now_, unknown.since) >= kUnknownPatience) return false;
+  relists_[node].insert(file);
   return true;
 }
 
@@ -538,6 +585,7 @@ void PushJob::run(Time now) {
   if (!fresh_.empty()) announce_to_fresh();
   if (request_.slow_nodes != SlowNodes::kWait)
     if (const NodeIndex slow = data_.take_straggler(now); slow != kNoNode) treat_straggler(slow);
+  leave_out_unreachable();
   feed();
   if (unfinished_ == 0) return_to_deferred();
   if (unfinished_ == 0) finish();

@@ -6,6 +6,9 @@
 // or comes back has heard of nothing: the pieces in transfer are announced to it at once, and the
 // walk over the files goes round again for what had gone by. A node that says that it never heard
 // of a file is told of it again.
+//
+// Every push ends by itself: a node that answers pings and does not take part in the push, because
+// its lists or the data channel do not get through, is left out after a while.
 #pragma once
 
 #include <set>
@@ -81,6 +84,13 @@ class PushJob {
     std::map<uint32_t, uint64_t> failed;  // by file
     uint32_t left = 0;                    // files that have not ended
     std::vector<uint32_t> left_in;        // the same by piece
+    std::set<uint32_t> unacknowledged;    // sequences of lists
+    Time list_told = 0;                   // since when it acknowledges none of these
+  };
+  // A node says that it does not know a file.
+  struct Unknown {
+    uint32_t times = 0;
+    Time since = 0;
   };
 
   bool wanted(uint32_t address) const;
@@ -121,6 +131,8 @@ class PushJob {
   void announce_to_fresh();
   void give_up(NodeIndex node, uint64_t status);
   void treat_straggler(NodeIndex node);
+  void leave_out_unreachable();
+  void leave_out(NodeIndex node, uint64_t status);
   void return_to_deferred();
   bool out_of_time() const {
     return request_.max_time != 0 && elapsed(now_, begun_) >= request_.max_time;
@@ -169,6 +181,8 @@ class PushJob {
   std::vector<NodeIndex> fresh_;  // to be told of the pieces in transfer, together
   std::set<uint32_t> deleted_;    // files that this lead has had deleted since
   std::unordered_map<uint64_t, uint32_t> retries_;  // (node, file) -> tried again so often
+  std::unordered_map<uint64_t, Unknown> unknown_;   // (node, file)
+  Time next_look_ = 0;                              // for nodes that cannot be reached
 };
 
 }  // namespace pkgdist::lead

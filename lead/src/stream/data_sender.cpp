@@ -1,5 +1,7 @@
 #include "stream/data_sender.h"
 
+#include <cerrno>
+
 #include "pkgdist/status.h"
 
 namespace pkgdist::lead {
@@ -126,6 +128,7 @@ bool DataSender::inform_again(Transfer& transfer, Time now) {
 void DataSender::join_asking(TransferId id, NodeIndex node, bool guest, Time now) {
   Transfer* const transfer = table_.at(id);
   if (transfer == nullptr) return;
+  contact_.asked(node);
   const TransferNode before = transfer->node(node);
   const bool is_open = before.state == TransferNode::State::kOpen;
   if (is_open && elapsed(now, before.heard) < window_.round_trip()) return;
@@ -135,6 +138,7 @@ void DataSender::join_asking(TransferId id, NodeIndex node, bool guest, Time now
 }
 
 void DataSender::drop_node(NodeIndex node) {
+  contact_.forget(node);
   for (const TransferId id : table_.ids()) {
     Transfer* const transfer = table_.at(id);
     if (transfer == nullptr || node >= transfer->nodes.size()) continue;
@@ -144,6 +148,7 @@ void DataSender::drop_node(NodeIndex node) {
 }
 
 void DataSender::forget_node(NodeIndex node) {
+  contact_.forget(node);
   table_.each([&](Transfer& transfer) {
     if (node >= transfer.nodes.size()) return;
     transfer.set_state(node, TransferNode::State::kAbsent);
@@ -194,6 +199,10 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->start_search.asked(node, first, num);
   // A node that is not known to want the file is served, but not waited for: it may be forged.
   TransferNode& state = transfer->node(node);
+  if (state.has_info)
+    contact_.asked(node);
+  else
+    contact_.answered(node);  // the information has reached it
   uint32_t gone = 0;
   transfer->repairs.set_holdoff(2 * window_.round_trip());
   transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
@@ -217,6 +226,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
 }
 
 void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
+  if (report.status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) contact_.answered(node);
   if (!window_.answered(report.file_id, node, now)) settling_.on_report(node, report, now);
 }
 
@@ -306,6 +316,7 @@ bool DataSender::poll_if_due(bool stops, Time now) {
   const TransferId number = table_.next_id();
   const std::vector<NodeIndex>& nodes = window_.begin_poll(number, now);
   if (nodes.empty()) return false;
+  for (const NodeIndex node : nodes) contact_.polled(node, now);
   output_.window_poll(number, nodes);
   return true;
 }

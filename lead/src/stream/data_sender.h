@@ -10,6 +10,7 @@
 //   repair_line.h     what is repaired next, and repair_queue.h for each file
 //   settling.h        how a file ends
 //   window.h          how much may be in flight; pacer.h: how fast, when the operator says so
+//   data_contact.h    which nodes the data channel does not reach
 //   open_contents.h   where the bytes come from
 //   data_output.h     what leaves
 //
@@ -17,6 +18,7 @@
 // still comes to is ignored.
 #pragma once
 
+#include "stream/data_contact.h"
 #include "stream/settling.h"
 
 namespace pkgdist::lead {
@@ -80,6 +82,9 @@ class DataSender {
   Time next_deadline(Time now) const;
   // A node that the others wait for; kNoNode: there is none.
   NodeIndex take_straggler(Time now) { return window_.take_straggler(now); }
+  // Why nothing can be expected of the node any more: it answers nothing on the data channel. 0: it
+  // does.
+  uint64_t out_of_contact(NodeIndex node, Time now) const { return contact_.lost(node, now); }
   // Bits per second: the fixed rate, or what the nodes handle at present.
   uint64_t rate_bits() const {
     return self_.rate_bits != 0 ? self_.rate_bits : static_cast<uint64_t>(window_.rate() * 8);
@@ -111,6 +116,7 @@ class DataSender {
   Schedule schedule_;
   RepairLine repairs_;
   LossMeter loss_;
+  DataContact contact_;
   Settling settling_;
   bool repair_next_ = false;  // the stream had the last turn
 };
