@@ -1,4 +1,4 @@
-// A running lead: sockets, content roots, signals and the loop around the protocol core.
+// A running lead: sockets, content roots and the loop around the protocol core.
 #pragma once
 
 #include <functional>
@@ -12,21 +12,6 @@
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
-
-// SIGINT and SIGTERM as a readable descriptor instead of a handler.
-class StopSignals {
- public:
-  StopSignals();
-  ~StopSignals();
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-  int fd() const { return fd_; }
-  // Takes a signal that has come.
-  bool taken() const;
-
- private:
-  int fd_ = -1;
-};
 
 class Session {
  public:
@@ -45,7 +30,6 @@ class Session {
   bool run(const std::function<bool(lead::Time now)>& done, lead::Time tick);
 
  private:
-  StopSignals signals_;
   Poller poller_;
   bool stopped_ = false;
   lead::DirectoryStore store_;

@@ -1,18 +1,21 @@
 #include "node.h"
 
 #include <fmt/core.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
+#include "last_error.h"
 #include "link_directories.h"
 #include "platform/inst_common.h"
 #include "status_text.h"
+#include "stop_signals.h"
 
 namespace pkgdist::node_program {
 
@@ -20,22 +23,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-volatile std::sig_atomic_t stop_requested = 0;
-levm_handle_t loop_to_stop = nullptr;
-
-// levm_stop() may be called from a signal handler.
-extern "C" void request_stop(int) {
-  stop_requested = 1;
-  levm_stop(loop_to_stop);
-}
-
-void install_signal_handlers(levm_handle_t loop) {
-  loop_to_stop = loop;
-  struct sigaction action {};
-  action.sa_handler = request_stop;
-  (void)sigaction(SIGINT, &action, nullptr);
-  (void)sigaction(SIGTERM, &action, nullptr);
-  (void)std::signal(SIGPIPE, SIG_IGN);
+// Runs the callbacks that wait, or become ready within this time; negative: without limit. A stop
+// signal ends the wait.
+void run_callbacks(levm_handle_t loop, double seconds) {
+  if (cli::wait_unless_stopped(levm_fd(loop), POLLIN, seconds)) (void)levm_run_once(loop, 0);
 }
 
 void start_control(const NodeOptions& options) {
@@ -66,9 +57,7 @@ void set_location(const cli::Location& location) {
 }
 
 nodeid_handle_t make_identity(const NodeOptions& options) {
-  const uint32_t address = options.common.interface;
-  const uint32_t derived[3] = {address >> 16 & 255, address >> 8 & 255, address & 255};
-  const uint32_t* id = options.node_id_given ? options.node_id : derived;
+  const std::array<uint32_t, 3> id = node_id_of(options);
   nodeid_handle_t nodeid = nullptr;
   if (nodeid_create(id[0], id[1], id[2], &nodeid) != 0)
     throw std::runtime_error("out of memory for the node's identity");
@@ -78,7 +67,11 @@ nodeid_handle_t make_identity(const NodeOptions& options) {
 }  // namespace
 
 void require(PkgdistStatus status, const char* what) {
-  if (status != 0) throw std::runtime_error(fmt::format("{}: {}", what, cli::status_text(status)));
+  if (status == 0) return;
+  // The status of failed system calls does not say which; the library's trace does.
+  const std::string reason = status == PKGDIST_ERR_SYSTEM ? last_error() : "";
+  throw std::runtime_error(
+      fmt::format("{}: {}", what, reason.empty() ? cli::status_text(status) : reason));
 }
 
 void set_repair_interval(uint32_t milliseconds) {
@@ -97,22 +90,24 @@ Node::Node(const NodeOptions& options) : loop_(levm_create()), nodeid_(make_iden
   (void)umask(options.umask);
   constexpr uint32_t kPermissions = 0777;
   if (!options.allow_setuid) G_data_recv_mode_mask = kPermissions;
-  install_signal_handlers(loop_.get());
   start_control(options);
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");
   start_data(options);
   for (const auto& [number, location] : options.common.locations) set_location(location);
 }
 
-bool Node::run_until(const std::function<bool()>& done, double seconds) {
-  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                      std::chrono::duration<double>(seconds));
-  while (!done() && !interrupted()) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-    if (left.count() <= 0) return false;
-    constexpr int64_t kLongestWaitMs = 3'600'000;
-    (void)levm_run_once(loop_.get(),
-                        static_cast<int>(std::min<int64_t>(left.count(), kLongestWaitMs)));
+bool Node::run_until(const std::function<bool()>& done, double silence_seconds,
+                     const std::function<uint64_t()>& heard) {
+  constexpr double kLookSeconds = 0.25;  // at what was heard
+  const auto silence =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(silence_seconds));
+  auto end = Clock::now() + silence;
+  for (uint64_t count = heard ? heard() : 0; !done() && !interrupted();) {
+    const double left = std::chrono::duration<double>(end - Clock::now()).count();
+    if (left <= 0) return false;
+    run_callbacks(loop_.get(), heard ? std::min(left, kLookSeconds) : left);
+    const uint64_t now = heard ? heard() : count;
+    if (std::exchange(count, now) != now) end = Clock::now() + silence;
   }
   return done();
 }
@@ -122,13 +117,13 @@ bool Node::run_until(const std::function<bool()>& done, double seconds) {
 void Node::run() {
   constexpr auto kMoment = std::chrono::milliseconds(2);
   while (!interrupted()) {
-    (void)levm_run_once(loop_.get(), -1);
+    run_callbacks(loop_.get(), -1);
     std::this_thread::sleep_for(kMoment);
   }
 }
 
 bool Node::interrupted() {
-  return stop_requested != 0;
+  return cli::stop_signal() != 0;
 }
 
 }  // namespace pkgdist::node_program

@@ -26,9 +26,11 @@ class Node {
 
   levm_handle_t loop() const { return loop_.get(); }
 
-  // Runs callbacks until `done` says so, a signal asks to stop, or the time is over. True when
-  // done.
-  bool run_until(const std::function<bool()>& done, double seconds);
+  // Runs callbacks until `done` says so, a signal asks to stop, or nothing was heard for so many
+  // seconds. True when done. `heard`: a count that grows with everything that is waited for; null:
+  // the time runs from the start.
+  bool run_until(const std::function<bool()>& done, double silence_seconds,
+                 const std::function<uint64_t()>& heard = nullptr);
 
   // Runs callbacks until a signal asks to stop.
   void run();
