@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
 
 #include "pkgdist_export.h"
 #include "platform/quendrel.h"
@@ -67,6 +69,17 @@ void print_prefix(const TracePoint& point) {
   }
 }
 
+// Names come from the network and may hold anything: what a terminal would obey becomes '?'. Line
+// ends at the end are the statement's own.
+void make_printable(char* text, size_t size) {
+  while (size > 0 && text[size - 1] == '\n') --size;
+  for (size_t i = 0; i < size; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool second_byte = i > 0 && static_cast<unsigned char>(text[i - 1]) == 0xC2;
+    if (c < ' ' || c == 0x7F || (second_byte && c >= 0x80 && c < 0xA0)) text[i] = '?';
+  }
+}
+
 // FNV-1a, 64 bits, from a given start.
 uint64_t fold(uint64_t hash, const char* text) {
   constexpr uint64_t kPrime = 0x100000001b3;
@@ -116,14 +129,31 @@ void describe([[maybe_unused]] qtrace_handle_t trace) {
 #endif
 }
 
+// A text that is longer than the buffer, and for which there is no memory, is cut.
 void copy_to_stderr(const TracePoint& point, const char* format, ...) {
-  flockfile(stderr);
-  print_prefix(point);
+  constexpr size_t kUsualSize = 1024;
+  char usual[kUsualSize];
+  std::unique_ptr<char[]> longer;
+  char* text = usual;
   va_list arguments;
   va_start(arguments, format);
-  (void)std::vfprintf(stderr, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
+  va_list again;
+  va_copy(again, arguments);
+  const int size = std::vsnprintf(usual, sizeof usual, format, arguments);
+  if (size >= static_cast<int>(sizeof usual)) {
+    longer.reset(new (std::nothrow) char[static_cast<size_t>(size) + 1]);
+    if (longer != nullptr) {
+      text = longer.get();
+      (void)std::vsnprintf(text, static_cast<size_t>(size) + 1, format, again);
+    }
+  }
+  va_end(again);
   va_end(arguments);
-  (void)std::fputc('\n', stderr);
+  if (size < 0) usual[0] = '\0';
+  make_printable(text, std::strlen(text));
+  flockfile(stderr);
+  print_prefix(point);
+  (void)std::fprintf(stderr, "%s\n", text);
   funlockfile(stderr);
 }
 

@@ -113,7 +113,8 @@ IDENTITIES = [
      "so with the file thread"),
     (tasks("CTRL_RX"), "==", lambda _: 1, "the control thread is one"),
     (lambda node: len(node.tasks), "==",
-     plus(tasks("DATA_RX"), tasks("DATA_FILE"), tasks("CTRL_RX"), lambda _: 1),
+     plus(tasks("DATA_RX"), tasks("DATA_FILE"), tasks("CTRL_RX"), tasks("SIGNALS"), tasks("STDOUT"),
+          tasks("STDERR"), tasks("MESSAGES"), lambda _: 1),
      "there are no threads but these and the program's"),
     (_TAKEN, "<=", count(_DRT, "MC RX RECV"), "nothing was counted that did not come"),
     (less(count(_DRT, "MC RX RECV"), _TAKEN), "<=",
@@ -409,7 +410,7 @@ class Soak:
         for node in self.nodes:
             def rests(node=node):
                 node.refresh()
-                return len(node.tasks) == 2
+                return not {"DATA_RX", "DATA_FILE"} & set(node.tasks)
             lab.wait_until(rests, 60, "the data threads to end")
             self._demand(count(_DRS, "STAT ADD")(node) == count(_DRS, "STAT REMOVE")(node),
                          "a node at rest remembers files")

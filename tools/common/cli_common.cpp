@@ -1,13 +1,18 @@
 #include "cli_common.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <sstream>
+
+#include "output.h"
+#include "stop_signals.h"
 
 namespace pkgdist::cli {
 
@@ -38,11 +43,40 @@ CLI::Option* add_parsed(CLI::App& app, const std::string& names, const std::stri
   return option;
 }
 
+// A program that is started without standard streams must not write into the first sockets that it
+// opens.
+void keep_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+    if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_RDWR);
+}
+
+int parse_and_run(CLI::App& app, int argc, char** argv, const std::function<int()>& main) {
+  try {
+    app.parse(argc, argv);
+    return main();
+  } catch (const CLI::Success& success) {
+    std::ostringstream out, err;
+    const int status = app.exit(success, out, err);
+    standard_output().write(out.str(), Output::Kind::kResult);
+    return status;
+  } catch (const CLI::Error& error) {
+    complain(error.what());
+    return kExitUsage;
+  } catch (const std::exception& error) {
+    complain(error.what());
+    return kExitFailure;
+  }
+}
+
 }  // namespace
 
 std::string format_address(uint32_t address) {
   return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 255, address >> 8 & 255,
                      address & 255);
+}
+
+std::string format_endpoint(const Endpoint& endpoint) {
+  return fmt::format("{}:{}", format_address(endpoint.address), endpoint.port);
 }
 
 uint32_t parse_address(const std::string& text) {
@@ -141,19 +175,12 @@ void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
   app.set_version_flag("--version", version());
 }
 
-int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main) {
-  try {
-    app.parse(argc, argv);
-    return main();
-  } catch (const CLI::Success& success) {
-    return app.exit(success);
-  } catch (const CLI::Error& error) {
-    fmt::print(stderr, "{}: {}\n", app.get_name(), error.what());
-    return kExitUsage;
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "{}: {}\n", app.get_name(), error.what());
-    return kExitFailure;
-  }
+int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main, int failure) {
+  keep_standard_descriptors();
+  set_program_name(app.get_name());
+  watch_stop_signals(app.get_name(), failure);
+  const int status = parse_and_run(app, argc, argv, main);
+  return finish_output(status, failure);
 }
 
 }  // namespace pkgdist::cli

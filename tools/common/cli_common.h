@@ -30,6 +30,7 @@ struct Endpoint {
 };
 // "239.255.71.1:7100"; the address must be a multicast group.
 Endpoint parse_group(const std::string& text);
+std::string format_endpoint(const Endpoint& endpoint);
 // "192.0.2.1:9471" or "9471": where to listen, on 127.0.0.1 when there is only a port.
 Endpoint parse_endpoint(const std::string& text);
 
@@ -64,7 +65,10 @@ std::string message_bytes(const std::string& argument);
 void add_common_options(CLI::App& app, CommonOptions& options, bool memory);
 
 // Parses, then calls `main`, whose result is the exit status. --help and --version end with 0,
-// usage errors with kExitUsage and one line, exceptions with kExitFailure and one line.
-int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main);
+// usage errors with kExitUsage and one line, exceptions with kExitFailure and one line. Ends when
+// all output is written; with `failure` instead of 0 when it could not be (output.h), and when a
+// stop signal did not end the program in time (stop_signals.h).
+int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main,
+            int failure = kExitFailure);
 
 }  // namespace pkgdist::cli

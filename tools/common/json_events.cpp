@@ -1,22 +1,37 @@
 #include "json_events.h"
 
+#include <atomic>
 #include <chrono>
-#include <cstdio>
+
+#include "printable.h"
 
 namespace pkgdist::cli {
 
-void JsonEvents::print(const std::string& event, const nlohmann::ordered_json& fields) const {
+namespace {
+
+std::atomic<bool> any_enabled{false};
+
+}  // namespace
+
+JsonEvents::JsonEvents(bool enabled) : enabled_(enabled) {
+  if (enabled) any_enabled = true;
+}
+
+void JsonEvents::print(const std::string& event, const nlohmann::ordered_json& fields,
+                       Output::Kind kind) const {
   if (!enabled_) return;
   const std::chrono::duration<double> time = std::chrono::system_clock::now().time_since_epoch();
   nlohmann::ordered_json line;
   line["event"] = event;
   line["time"] = time.count();
   if (!fields.is_null()) line.update(fields);
-  // Names of files may be any bytes: what is not UTF-8 is replaced, never an exception.
-  const std::string text =
-      line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  standard_output().write(json_line(line) + '\n', kind);
+}
+
+void print_left_out(uint64_t progress, uint64_t events) {
+  JsonEvents(any_enabled)
+      .print("output-left-out", {{"progress", progress}, {"events", events}},
+             Output::Kind::kResult);
 }
 
 }  // namespace pkgdist::cli

@@ -1,22 +1,30 @@
 // Events as JSON, one object per line on standard output, each with the name of the event and the
-// time. Lines are complete when print() returns, so that a reader of a pipe can follow.
+// time.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+
+#include "output.h"
 
 namespace pkgdist::cli {
 
 class JsonEvents {
  public:
-  explicit JsonEvents(bool enabled) : enabled_(enabled) {}
+  explicit JsonEvents(bool enabled);
   bool enabled() const { return enabled_; }
 
   // Nothing when not enabled. "event" and "time" (seconds since the epoch) are added to the fields.
-  void print(const std::string& event, const nlohmann::ordered_json& fields) const;
+  // From any thread.
+  void print(const std::string& event, const nlohmann::ordered_json& fields,
+             Output::Kind kind = Output::Kind::kEvent) const;
 
  private:
   bool enabled_;
 };
+
+// The event that tells what was left out; nothing when this process prints no events.
+void print_left_out(uint64_t progress, uint64_t events);
 
 }  // namespace pkgdist::cli

@@ -238,10 +238,4 @@ std::string local_time(uint64_t realtime_ns, int decimals) {
   return std::string(text) + std::string(fraction, static_cast<size_t>(1 + decimals));
 }
 
-std::string printable(std::string text) {
-  for (char& c : text)
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = '?';
-  return text;
-}
-
 }  // namespace pkgdist::tools

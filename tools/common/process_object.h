@@ -85,7 +85,4 @@ inline constexpr const char* kShmDirectory = "/dev/shm";
 // "2026-11-20 17:12:21" in local time, with so many decimals (0, 3 or 6).
 std::string local_time(uint64_t realtime_ns, int decimals = 0);
 
-// Text of a foreign file as it may be shown on a terminal: what is not printable becomes '?'.
-std::string printable(std::string text);
-
 }  // namespace pkgdist::tools

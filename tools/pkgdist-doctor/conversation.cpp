@@ -12,8 +12,10 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <stdexcept>
 
 #include "pkgdist/wire_fields.hpp"
+#include "stop_signals.h"
 
 namespace pkgdist::doctor {
 
@@ -159,6 +161,7 @@ void Conversation::run(LinkWatch& watch) {
     }
     watch.run(seconds_);
     (void)::poll(fds.data(), fds.size(), kTickMs);
+    if (cli::stop_signal() != 0) throw std::runtime_error(cli::stop_text());
     for (const Ear& ear : ears_) receive(ear);
   }
 }

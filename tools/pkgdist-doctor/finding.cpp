@@ -2,8 +2,6 @@
 
 #include <fmt/core.h>
 
-#include <cstdio>
-
 namespace pkgdist::doctor {
 
 namespace {
@@ -17,21 +15,28 @@ constexpr int kWell = 0;
 constexpr int kWarnings = 1;
 constexpr int kProblems = 2;
 
+using Kind = cli::Output::Kind;
+
+void print(const std::string& line) {
+  cli::standard_output().line(line, Kind::kResult);
+}
+
 }  // namespace
 
 void Findings::add(const Finding& finding) {
   const auto level = static_cast<size_t>(finding.level);
   ++count_[level];
-  json_.print("finding", {{"check", finding.check},
-                          {"level", kNames[level]},
-                          {"what", finding.what},
-                          {"why", finding.why},
-                          {"mend", finding.mend}});
+  json_.print("finding",
+              {{"check", finding.check},
+               {"level", kNames[level]},
+               {"what", finding.what},
+               {"why", finding.why},
+               {"mend", finding.mend}},
+              Kind::kResult);
   if (json_.enabled()) return;
-  fmt::print("{:<8} {:<10} {}\n", kMarks[level], finding.check, finding.what);
-  if (!finding.why.empty()) fmt::print("{:<19} why:  {}\n", "", finding.why);
-  if (!finding.mend.empty()) fmt::print("{:<19} mend: {}\n", "", finding.mend);
-  std::fflush(stdout);
+  print(fmt::format("{:<8} {:<10} {}", kMarks[level], finding.check, finding.what));
+  if (!finding.why.empty()) print(fmt::format("{:<19} why:  {}", "", finding.why));
+  if (!finding.mend.empty()) print(fmt::format("{:<19} mend: {}", "", finding.mend));
 }
 
 int Findings::finish() const {
@@ -41,9 +46,10 @@ int Findings::finish() const {
   const int status = problems != 0 ? kProblems : warnings != 0 ? kWarnings : kWell;
   json_.print(
       "verdict",
-      {{"status", status}, {"problems", problems}, {"warnings", warnings}, {"notes", notes}});
+      {{"status", status}, {"problems", problems}, {"warnings", warnings}, {"notes", notes}},
+      Kind::kResult);
   if (!json_.enabled())
-    fmt::print("{} problems, {} warnings, {} notes\n", problems, warnings, notes);
+    print(fmt::format("{} problems, {} warnings, {} notes", problems, warnings, notes));
   return status;
 }
 

@@ -58,10 +58,11 @@ int main(int argc, char** argv) {
   doctor::DoctorOptions options;
   doctor::add_doctor_options(app, options);
   int verdict = doctor::kNoExamination;
-  const int failure = cli::run_cli(app, argc, argv, [&] {
+  const auto examine = [&] {
     verdict = doctor::examine(options);
     return cli::kExitOk;
-  });
+  };
+  const int failure = cli::run_cli(app, argc, argv, examine, doctor::kNoExamination);
   if (failure != cli::kExitOk) return doctor::kNoExamination;
   return verdict == doctor::kNoExamination ? cli::kExitOk : verdict;  // --help and the like
 }

@@ -11,6 +11,7 @@
 #include "cli_common.h"
 #include "control_path.h"
 #include "pkgdist_lead/udp_transport.h"
+#include "printable.h"
 
 namespace pkgdist::lead_program {
 
@@ -21,6 +22,8 @@ using Json = nlohmann::ordered_json;
 constexpr size_t kMaxConnections = 16;
 // A client has its request ready when it connects.
 constexpr lead::Time kRequestTimeout = 10 * lead::kSecond;
+// And reads what it is told.
+constexpr lead::Time kReaderTimeout = 10 * lead::kSecond;
 constexpr mode_t kOwnerOnly = 0177;  // as umask
 
 sockaddr_un endpoint(const std::string& path) {
@@ -90,7 +93,7 @@ void ControlServer::accept() {
   if (!fd || connections_.size() >= kMaxConnections) return;  // closed at once
   Connection& connection = connections_.emplace_back();
   connection.fd = std::move(fd);
-  connection.since = lead::monotonic_now();
+  connection.since = connection.taken = lead::monotonic_now();
   poller_.add(connection.fd.get(), EPOLLIN, [this, &connection] { on_ready(connection); });
 }
 
@@ -120,6 +123,7 @@ void ControlServer::flush(Connection& connection) {
                                 MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       connection.out.erase(0, static_cast<size_t>(sent));
+      connection.taken = lead::monotonic_now();
       continue;
     }
     if (errno != EAGAIN && errno != EINTR) connection.broken = true;
@@ -129,7 +133,7 @@ void ControlServer::flush(Connection& connection) {
 }
 
 void ControlServer::say(Connection& connection, const Json& line) {
-  connection.out += line.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  connection.out += cli::json_line(line) + '\n';
 }
 
 void ControlServer::refuse(Connection& connection, const std::string& text) {
@@ -194,7 +198,11 @@ void ControlServer::run(lead::Time now) {
     const bool dawdles = connection.id == 0 && connection.line.empty() && !connection.complete &&
                          lead::elapsed(now, connection.since) >= kRequestTimeout;
     if (!connection.out.empty()) flush(connection);
-    if (!connection.broken && !dawdles && !(connection.complete && connection.out.empty()))
+    if (connection.out.empty()) connection.taken = now;
+    const bool stuck = lead::elapsed(now, connection.taken) >= kReaderTimeout;
+    if (stuck) reporter_.error("a program does not read the answer to its request: it is left");
+    if (!connection.broken && !dawdles && !stuck &&
+        !(connection.complete && connection.out.empty()))
       continue;
     poller_.remove(connection.fd.get());
     connections_.remove_if([&](const Connection& one) { return &one == &connection; });

@@ -2,7 +2,7 @@
 // host and tells them what became of them.
 //
 // The socket's mode keeps other users out. Beyond that: few connections, one request on each, lines
-// of bounded length, and no connection that dawdles over its request.
+// of bounded length, and no connection that dawdles over its request or its answer.
 #pragma once
 
 #include <list>
@@ -37,6 +37,7 @@ class ControlServer {
     std::string in;
     std::string out;
     lead::Time since = 0;
+    lead::Time taken = 0;    // when the client last took something, or had nothing to take
     std::string line;        // the request, until it was started
     lead::MessageId id = 0;  // of the message that it became
     bool complete = false;   // the answer; nothing more follows

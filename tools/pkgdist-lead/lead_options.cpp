@@ -114,12 +114,10 @@ void add_serve(CLI::App& app, LeadOptions& options) {
                    "silence of another lead after which this one leads; nodes need 7.5")
       ->type_name("SECONDS [8]")
       ->check(CLI::Range(7.5, 1e6));
-  serve
-      ->add_option("--on-message", options.on_message,
-                   "shell command to run for each message of a node; the message is its standard "
-                   "input, PKGDIST_MESSAGE_CLASS its class, PKGDIST_MESSAGE_NODE the node's "
-                   "address")
-      ->type_name("COMMAND");
+  cli::add_runner_options(
+      *serve, options.on_message,
+      "shell command to run for each message of a node; the message is its standard input, "
+      "PKGDIST_MESSAGE_CLASS its class, PKGDIST_MESSAGE_NODE the node's address");
   add_stream_options(*serve, options);
   serve->callback([o] { o->command = Command::kServe; });
 }

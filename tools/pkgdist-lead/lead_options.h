@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli_common.h"
+#include "message_runner.h"
 #include "pkgdist_lead/push.h"
 
 namespace pkgdist::lead_program {
@@ -36,7 +37,7 @@ struct LeadOptions {
   // serve
   bool standby = false;
   double takeover_seconds = 8;
-  std::string on_message;
+  cli::RunnerOptions on_message;
 
   // message, cancel: to `nodes` when there are any
   uint32_t message_class = 2;

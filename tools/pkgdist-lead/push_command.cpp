@@ -1,9 +1,12 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "commands.h"
 #include "control_server.h"
 #include "metrics.h"
+#include "output.h"
 #include "progress.h"
 #include "push_view.h"
 #include "session.h"
@@ -22,7 +25,7 @@ constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
 constexpr lead::Time kJsonPeriod = lead::kSecond;
 
 int usage_error(const std::string& text) {
-  fmt::print(stderr, "pkgdist-lead: {}\n", text);
+  cli::complain(text);
   return cli::kExitUsage;
 }
 
@@ -43,11 +46,12 @@ lead::PushRequest push_request(const LeadOptions& options, std::vector<lead::Pus
 // Shows a push while it runs: bars on a terminal, lines or events otherwise.
 class Display {
  public:
-  Display(Reporter& reporter, PushView& view, bool json) : reporter_(reporter), view_(view) {
+  Display(Reporter& reporter, PushView& view, bool json, lead::Time node_timeout)
+      : reporter_(reporter), view_(view), node_timeout_(node_timeout) {
     bars_wanted_ = !json && ::isatty(STDOUT_FILENO) == 1;
     look_period_ = bars_wanted_ ? kDrawPeriod : kLookPeriod;
     show_period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
-    if (bars_wanted_) reporter_.before_line = [this] { bars_.erase(); };
+    if (bars_wanted_) reporter_.before_line = [this] { return bars_.erasure(); };
   }
   ~Display() {
     bars_.erase();
@@ -61,8 +65,9 @@ class Display {
   void run(lead::Lead& lead, lead::Time now) {
     if (lead::elapsed(now, looked_) < look_period_) return;
     const lead::PushReport report = lead.push_progress();
-    if (!report.started) return;
     looked_ = now;
+    if (!report.started) return wait(report, now);
+    waiting_shown_ = 0;
     meter_.update(report, now);
     if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
     if (shown_ == 0) shown_ = report.started_at;
@@ -75,8 +80,27 @@ class Display {
   }
 
  private:
+  // Most nodes are heard within a second: that is not told.
+  static constexpr lead::Time kSoon = 1500 * lead::kMillisecond;
+
+  void wait(const lead::PushReport& report, lead::Time now) {
+    const lead::Time waited = lead::elapsed(now, report.started_at);
+    if (report.finished || waited < kSoon || absent_nodes(report) == 0) return;
+    if (lead::elapsed(now, waiting_shown_) < (bars_wanted_ ? kDrawPeriod : kLinePeriod)) return;
+    waiting_shown_ = now;
+    const double left = static_cast<double>(node_timeout_ - std::min(waited, node_timeout_)) /
+                        static_cast<double>(lead::kSecond);
+    const std::string line = waiting_line(report, left);
+    if (bars_wanted_)
+      bars_.draw_line(line);
+    else
+      view_.waiting(report, line, left);
+  }
+
   Reporter& reporter_;
   PushView& view_;
+  lead::Time node_timeout_;
+  lead::Time waiting_shown_ = 0;
   PushMeter meter_;
   ProgressBars bars_;
   bool bars_wanted_ = false;
@@ -109,18 +133,53 @@ class Course {
 
 void tell_counters(Reporter& reporter, Session& session) {
   const lead::Counters& c = session.lead().counters();
-  reporter.json().print("counters", {{"segments_sent", c.segments_sent},
-                                     {"repairs_sent", c.repairs_sent},
-                                     {"segments_requested", c.segments_requested},
-                                     {"infos_sent", c.infos_sent},
-                                     {"miss_done_sent", c.miss_done_sent},
-                                     {"polls_sent", c.polls_sent},
-                                     {"control_sent", c.control_sent},
-                                     {"control_resent", c.control_resent},
-                                     {"data_bytes_sent", c.data_bytes_sent},
-                                     {"bad_datagrams", c.bad_datagrams},
-                                     {"other_lead_heard", c.other_lead_heard},
-                                     {"send_errors", session.transport().send_errors()}});
+  reporter.json().print("counters",
+                        {{"segments_sent", c.segments_sent},
+                         {"repairs_sent", c.repairs_sent},
+                         {"segments_requested", c.segments_requested},
+                         {"infos_sent", c.infos_sent},
+                         {"miss_done_sent", c.miss_done_sent},
+                         {"polls_sent", c.polls_sent},
+                         {"control_sent", c.control_sent},
+                         {"control_resent", c.control_resent},
+                         {"data_bytes_sent", c.data_bytes_sent},
+                         {"bad_datagrams", c.bad_datagrams},
+                         {"other_lead_heard", c.other_lead_heard},
+                         {"send_errors", session.transport().send_errors()}},
+                        cli::Output::Kind::kResult);
+}
+
+// The doctor's command line for this lead: the options that differ from the usual ones, too.
+std::string doctor_command(const cli::CommonOptions& common) {
+  const cli::CommonOptions usual;
+  std::string command = "pkgdist-doctor --interface " + cli::format_address(common.interface);
+  const auto group = [&](const char* option, const cli::Endpoint& value,
+                         const cli::Endpoint& other) {
+    if (value.address != other.address || value.port != other.port)
+      command += fmt::format(" {} {}", option, cli::format_endpoint(value));
+  };
+  const auto port = [&](const char* option, uint16_t value, uint16_t other) {
+    if (value != other) command += fmt::format(" {} {}", option, value);
+  };
+  group("--ctrl-group", common.ctrl_group, usual.ctrl_group);
+  group("--data-group", common.data_group, usual.data_group);
+  port("--lead-port", common.lead_port, usual.lead_port);
+  port("--node-port", common.node_port, usual.node_port);
+  port("--req-port", common.req_port, usual.req_port);
+  return command + " --wait 60 lead";
+}
+
+// When nobody came, the network is what to look at.
+void tell_doctor(Reporter& reporter, Session& session, const cli::CommonOptions& common) {
+  const lead::PushReport report = session.lead().push_progress();
+  if (std::any_of(report.nodes.begin(), report.nodes.end(),
+                  [](const lead::PushNodeReport& node) { return node.heard; }))
+    return;
+  const std::string command = doctor_command(common);
+  reporter.json().print("nobody-heard", {{"command", command}}, cli::Output::Kind::kResult);
+  reporter.say("no node was heard; run this here, and the doctor on a node at the same time:",
+               cli::Output::Kind::kResult);
+  reporter.say("  " + command, cli::Output::Kind::kResult);
 }
 
 }  // namespace
@@ -131,8 +190,7 @@ int push_command(const LeadOptions& options) {
   if (location == options.common.locations.end())
     return usage_error(fmt::format("--location {}=DIR is missing", options.location));
   lead::FileTree tree = lead::collect_files(location->second.path, options.paths);
-  for (const std::string& warning : tree.warnings)
-    fmt::print(stderr, "pkgdist-lead: warning: {}\n", warning);
+  for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (!tree.problems.empty())
     return usage_error(tree.problems.size() == 1
                            ? tree.problems[0]
@@ -151,7 +209,7 @@ int push_command(const LeadOptions& options) {
   PushView view(reporter);
   bool ran = false;
   {
-    Display display(reporter, view, options.common.json);
+    Display display(reporter, view, options.common.json, request.node_timeout);
     ran = session.run(
         [&](lead::Time now) {
           display.run(session.lead(), now);
@@ -163,6 +221,7 @@ int push_command(const LeadOptions& options) {
         display.period());
   }
   course.tell(reporter);
+  if (ran && !course.blocked(lead::monotonic_now())) tell_doctor(reporter, session, options.common);
   if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
   const lead::PushReport report = session.lead().push_report();
   if (!ran) view.interrupted(report);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cli_common.h"
+#include "printable.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -34,7 +35,7 @@ constexpr double kManyRepairs = 0.01;
 
 std::string escaped(const std::string& text) {
   std::string out;
-  for (const char c : text) switch (c) {
+  for (const char c : cli::printable(text)) switch (c) {
       case '&':
         out += "&amp;";
         break;

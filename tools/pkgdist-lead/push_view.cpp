@@ -7,6 +7,7 @@
 
 #include "cli_common.h"
 #include "status_text.h"
+#include "stop_signals.h"
 
 namespace pkgdist::lead_program {
 
@@ -14,6 +15,7 @@ namespace {
 
 using cli::format_address;
 using cli::status_text;
+using Kind = cli::Output::Kind;
 using Json = nlohmann::ordered_json;
 
 // Lines for people about nodes or files; the events have them all.
@@ -59,6 +61,30 @@ uint64_t bytes_so_far(const lead::PushNodeReport& node) {
 
 }  // namespace
 
+// --- Before it begins ---
+
+size_t absent_nodes(const lead::PushReport& report) {
+  const auto present = static_cast<size_t>(
+      std::count_if(report.nodes.begin(), report.nodes.end(),
+                    [](const lead::PushNodeReport& node) { return node.heard && !node.silent; }));
+  return report.expected_nodes - std::min(report.expected_nodes, present);
+}
+
+std::string waiting_line(const lead::PushReport& report, double seconds_left) {
+  return fmt::format("waiting for {} of {} nodes, {:.0f} s left", absent_nodes(report),
+                     report.expected_nodes, std::ceil(seconds_left));
+}
+
+void PushView::waiting(const lead::PushReport& report, const std::string& line,
+                       double seconds_left) {
+  reporter_.json().print("waiting",
+                         Json{{"nodes_absent", absent_nodes(report)},
+                              {"nodes", report.expected_nodes},
+                              {"seconds_left", rounded(seconds_left, 0.1)}},
+                         Kind::kProgress);
+  reporter_.say(line, Kind::kProgress);
+}
+
 // --- While it runs ---
 
 void PushView::node_events(const lead::PushReport& report, const PushMeter& meter,
@@ -79,7 +105,8 @@ void PushView::node_events(const lead::PushReport& report, const PushMeter& mete
                                 {"goodput_bits", std::llround(meter.rate(node.address) * 8)},
                                 {"repairs", node.repairs},
                                 {"repair_ratio", rounded(repair_ratio(node), 1e-6)},
-                                {"rate_bits", rate_bits}});
+                                {"rate_bits", rate_bits}},
+                           Kind::kProgress);
   }
 }
 
@@ -97,15 +124,18 @@ void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lea
   size_t count = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
     if (node.finished_at != 0 || ++count > kMaxProgressLines) continue;
-    reporter_.say(fmt::format(
-        "{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({})",
-        seconds(report.started_at, now), format_address(node.address), node.files_done,
-        report.files, format_bytes(static_cast<double>(bytes_so_far(node))),
-        format_bytes(static_cast<double>(report.bytes)), format_bytes(meter.rate(node.address)),
-        node.repairs, percent(repair_ratio(node))));
+    reporter_.say(
+        fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({})",
+                    seconds(report.started_at, now), format_address(node.address), node.files_done,
+                    report.files, format_bytes(static_cast<double>(bytes_so_far(node))),
+                    format_bytes(static_cast<double>(report.bytes)),
+                    format_bytes(meter.rate(node.address)), node.repairs,
+                    percent(repair_ratio(node))),
+        Kind::kProgress);
   }
   if (count > kMaxProgressLines)
-    reporter_.say(fmt::format("{:8}  and {} more nodes", "", count - kMaxProgressLines));
+    reporter_.say(fmt::format("{:8}  and {} more nodes", "", count - kMaxProgressLines),
+                  Kind::kProgress);
 }
 
 void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
@@ -113,7 +143,8 @@ void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
   if (!reporter_.json().enabled()) {
     lines(report, meter, now);
     return reporter_.say(fmt::format("{:6.1f} s  {}", seconds(report.started_at, now),
-                                     overall_line(report, meter, lead, now)));
+                                     overall_line(report, meter, lead, now)),
+                         Kind::kProgress);
   }
   node_events(report, meter, lead.rate_bits());
   const std::optional<double> left = meter.seconds_left(now);
@@ -126,10 +157,15 @@ void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
                               {"nodes_silent", silent},
                               {"rate_bits", lead.rate_bits()},
                               {"repair_share", rounded(repair_share(lead.counters()), 1e-6)},
-                              {"eta_seconds", left ? Json(rounded(*left, 0.1)) : Json()}});
+                              {"eta_seconds", left ? Json(rounded(*left, 0.1)) : Json()}},
+                         Kind::kProgress);
 }
 
 // --- When it has ended ---
+
+void PushView::result(const std::string& line) {
+  reporter_.say(line, Kind::kResult);
+}
 
 void PushView::interrupted(const lead::PushReport& report) {
   Json nodes = Json::array();
@@ -138,23 +174,25 @@ void PushView::interrupted(const lead::PushReport& report) {
       nodes.push_back({{"node", format_address(node.address)},
                        {"files_left", node.files_left},
                        {"bytes_left", node.bytes_left}});
-  reporter_.json().print("interrupted", Json{{"nodes", nodes}});
-  reporter_.say("interrupted");
+  reporter_.json().print("interrupted",
+                         Json{{"signal", cli::signal_name(cli::stop_signal())}, {"nodes", nodes}},
+                         Kind::kResult);
+  result(cli::stop_text());
   size_t lines = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
     if (node.files_left == 0 || ++lines > kMaxLines) continue;
-    reporter_.say(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
-                              node.files_left, report.files,
-                              format_bytes(static_cast<double>(node.bytes_left))));
+    result(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
+                       node.files_left, report.files,
+                       format_bytes(static_cast<double>(node.bytes_left))));
   }
-  if (lines > kMaxLines) reporter_.say(fmt::format("and {} more nodes", lines - kMaxLines));
+  if (lines > kMaxLines) result(fmt::format("and {} more nodes", lines - kMaxLines));
   if (lines != 0)
-    reporter_.say("push the same tree again to bring the rest: what a node has is not sent again");
+    result("push the same tree again to bring the rest: what a node has is not sent again");
 }
 
 void PushView::table(const lead::PushReport& report) {
-  reporter_.say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9}{:>10}{:>10}  {}", "node", "id",
-                            "files", "present", "bytes", "seconds", "MB/s", "repairs", "state"));
+  result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9}{:>10}{:>10}  {}", "node", "id", "files",
+                     "present", "bytes", "seconds", "MB/s", "repairs", "state"));
   std::vector<const lead::PushNodeReport*> rows;
   for (const lead::PushNodeReport& node : report.nodes) rows.push_back(&node);
   // When there are many, those with trouble first, then the slowest.
@@ -168,22 +206,19 @@ void PushView::table(const lead::PushReport& report) {
     const lead::PushNodeReport& node = *rows[i];
     const double duration = seconds_of(report, node);
     const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
-    reporter_.say(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
-                              format_address(node.address), node_id_text(node.node_id),
-                              node.files_done, node.files_skipped,
-                              format_bytes(static_cast<double>(node.bytes_done)), duration, rate,
-                              node.repairs, state_of(node)));
+    result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
+                       format_address(node.address), node_id_text(node.node_id), node.files_done,
+                       node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
+                       duration, rate, node.repairs, state_of(node)));
   }
-  if (rows.size() > kMaxLines)
-    reporter_.say(fmt::format("and {} more nodes", rows.size() - kMaxLines));
+  if (rows.size() > kMaxLines) result(fmt::format("and {} more nodes", rows.size() - kMaxLines));
 }
 
 void PushView::figures_lines(const lead::PushReport& report, const PushFigures& figures) {
   const PushFigures::Completion& done = figures.completion;
   if (done.nodes > 1) {
-    reporter_.say(
-        fmt::format("{} nodes complete; seconds: p50 {:.2f}, p90 {:.2f}, p99 {:.2f}, max {:.2f}",
-                    done.nodes, done.p50, done.p90, done.p99, done.max));
+    result(fmt::format("{} nodes complete; seconds: p50 {:.2f}, p90 {:.2f}, p99 {:.2f}, max {:.2f}",
+                       done.nodes, done.p50, done.p90, done.p99, done.max));
     std::string slowest;
     for (const size_t i : figures.slowest) {
       const lead::PushNodeReport& node = report.nodes[i];
@@ -191,14 +226,14 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
                              format_address(node.address), seconds_of(report, node), node.repairs,
                              percent(repair_ratio(node)));
     }
-    reporter_.say("slowest: " + slowest);
+    result("slowest: " + slowest);
   }
   if (figures.wire_per_content)
-    reporter_.say(fmt::format("goodput {}: {} of content in {:.2f} s, {:.3f} bytes sent for each",
-                              format_bits(figures.goodput_bits),
-                              format_bytes(static_cast<double>(report.bytes_received)),
-                              figures.seconds, *figures.wire_per_content));
-  reporter_.say(fmt::format(
+    result(fmt::format("goodput {}: {} of content in {:.2f} s, {:.3f} bytes sent for each",
+                       format_bits(figures.goodput_bits),
+                       format_bytes(static_cast<double>(report.bytes_received)), figures.seconds,
+                       *figures.wire_per_content));
+  result(fmt::format(
       "sent {} segments, {} of them repairs ({}); {} on the data channel", figures.segments_sent,
       figures.repairs_sent,
       percent(figures.segments_sent != 0 ? static_cast<double>(figures.repairs_sent) /
@@ -212,19 +247,19 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
     if (lines++ < kMaxLines)
-      reporter_.say(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
+      result(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
-    reporter_.say(fmt::format("{} of {} nodes never appeared",
-                              report.expected_nodes - report.nodes.size(), report.expected_nodes));
-  if (!report.nodes.empty()) reporter_.say("missing:");
+    result(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),
+                       report.expected_nodes));
+  if (!report.nodes.empty()) result("missing:");
   for (const lead::PushNodeReport& node : report.nodes) {
     for (const auto& [file, status] : node.failed)
       line(node, request.files[file].name, status_text(status));
     if (!node.heard) line(node, "every file", why_open(node));
     for (const uint32_t file : node.open) line(node, request.files[file].name, why_open(node));
   }
-  if (lines > kMaxLines) reporter_.say(fmt::format("and {} more", lines - kMaxLines));
+  if (lines > kMaxLines) result(fmt::format("and {} more", lines - kMaxLines));
 }
 
 void PushView::summary_event(const lead::PushReport& report, const lead::PushRequest& request,
@@ -279,7 +314,7 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
   if (figures.wire_per_content)
     event["wire_per_content"] = rounded(*figures.wire_per_content, 1e-6);
   event["nodes"] = std::move(nodes);
-  reporter_.json().print("push-finished", event);
+  reporter_.json().print("push-finished", event, Kind::kResult);
 }
 
 void PushView::summary(const lead::PushReport& report, const lead::PushRequest& request,

@@ -14,6 +14,8 @@ class PushView {
  public:
   explicit PushView(Reporter& reporter) : reporter_(reporter) {}
 
+  // A push that has not begun waits for nodes.
+  void waiting(const lead::PushReport& report, const std::string& line, double seconds_left);
   // How the push stands, as events or as lines for a log.
   void progress(const lead::PushReport& report, const PushMeter& meter, const lead::Lead& lead,
                 lead::Time now);
@@ -27,6 +29,7 @@ class PushView {
   void lines(const lead::PushReport& report, const PushMeter& meter, lead::Time now);
   void summary_event(const lead::PushReport& report, const lead::PushRequest& request,
                      const PushFigures& figures);
+  void result(const std::string& line);
   void table(const lead::PushReport& report);
   void missing(const lead::PushReport& report, const lead::PushRequest& request);
   void figures_lines(const lead::PushReport& report, const PushFigures& figures);
@@ -36,6 +39,12 @@ class PushView {
   using Told = std::array<uint64_t, 5>;
   std::unordered_map<uint32_t, Told> told_;
 };
+
+// The nodes that a push waits for before it begins: those that were not heard, or are silent.
+size_t absent_nodes(const lead::PushReport& report);
+
+// What a push waits for that has not begun, in one line.
+std::string waiting_line(const lead::PushReport& report, double seconds_left);
 
 // How the whole push stands, in one line.
 std::string overall_line(const lead::PushReport& report, const PushMeter& meter,

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "cli_common.h"
+#include "printable.h"
 #include "status_text.h"
 
 namespace pkgdist::lead_program {
@@ -43,12 +44,18 @@ std::string format_bytes(double bytes) {
   return fmt::format("{:.{}f} {}", bytes, unit[0] == 'B' ? 0 : bytes < 10 ? 2 : 1, unit);
 }
 
-void Reporter::say(const std::string& line) {
+void Reporter::say(const std::string& line, cli::Output::Kind kind) {
   if (json_.enabled()) return;
-  if (before_line) before_line();
-  fmt::print("{}\n", line);
-  if (after_line) after_line();
-  std::fflush(stdout);
+  const std::string before = before_line ? before_line() : "";
+  cli::standard_output().write(before + cli::printable(line) + '\n', kind);
+}
+
+// The display is on standard output: the text waits a moment until it is off the screen.
+void Reporter::clear_progress() {
+  cli::Output& out = cli::standard_output();
+  out.write(before_line(), cli::Output::Kind::kResult);
+  int patience = 5;
+  (void)out.wait_written([&] { return --patience == 0; });
 }
 
 void Reporter::node_event(const char* event, const char* text, const lead::NodeInfo& node) {
@@ -229,7 +236,8 @@ void Reporter::interface_changed(const cli::InterfaceChange& change) {
 
 void Reporter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
-  fmt::print(stderr, "pkgdist-lead: {}\n", text);
+  if (before_line) clear_progress();
+  cli::complain(text);
 }
 
 }  // namespace pkgdist::lead_program

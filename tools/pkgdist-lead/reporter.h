@@ -16,9 +16,9 @@ class Reporter : public lead::Events {
   Reporter(bool json, int verbosity) : json_(json), verbosity_(verbosity) {}
 
   // A line for people, on standard output; nothing with JSON.
-  void say(const std::string& line);
-  // Called before and after a line, to get a progress display out of the way.
-  std::function<void()> before_line, after_line;
+  void say(const std::string& line, cli::Output::Kind kind = cli::Output::Kind::kEvent);
+  // What takes a progress display out of the way of a line; null without one.
+  std::function<std::string()> before_line;
 
   void node_appeared(const lead::NodeInfo& node) override;
   void node_restarted(const lead::NodeInfo& node) override;
@@ -47,11 +47,13 @@ class Reporter : public lead::Events {
   // A request came over the control socket and became the message `id` to so many nodes.
   void request_taken(lead::MessageId id, const Request& request, size_t nodes);
   void interface_changed(const cli::InterfaceChange& change);
+  // From any thread.
   void error(const std::string& text);
 
   const cli::JsonEvents& json() const { return json_; }
 
  private:
+  void clear_progress();
   void node_event(const char* event, const char* text, const lead::NodeInfo& node);
   void message_outcome(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery delivery);
 

@@ -1,6 +1,7 @@
 // message, cancel, delete: hands a request to the lead that runs on this host, shows what became of
 // it, and exits by that.
 #include <fmt/core.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -12,6 +13,7 @@
 #include "control_protocol.h"
 #include "json_events.h"
 #include "poller.h"
+#include "stop_signals.h"
 
 namespace pkgdist::lead_program {
 
@@ -72,28 +74,31 @@ Fd connect_to(const std::string& path) {
 
 void send_all(const Fd& fd, const std::string& text) {
   for (size_t sent = 0; sent < text.size();) {
-    const ssize_t some = ::send(fd.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (some < 0 && errno != EINTR) throw std::runtime_error("the lead does not take the request");
+    if (!cli::wait_unless_stopped(fd.get(), POLLOUT, kPatienceSeconds))
+      throw std::runtime_error(cli::stop_signal() != 0 ? cli::stop_text()
+                                                       : "the lead does not take the request");
+    const ssize_t some =
+        ::send(fd.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (some < 0 && errno != EINTR && errno != EAGAIN)
+      throw std::runtime_error("the lead does not take the request");
     if (some > 0) sent += static_cast<size_t>(some);
   }
 }
 
 class Answers {
  public:
-  Answers(const Fd& fd, double patience_seconds) : fd_(fd) {
-    timeval patience{};
-    patience.tv_sec = static_cast<time_t>(patience_seconds);
-    (void)::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  }
+  // Waits so long for each answer.
+  Answers(const Fd& fd, double patience_seconds) : fd_(fd), patience_(patience_seconds) {}
 
   Json next() {
     size_t end = 0;
     while ((end = buffer_.find('\n')) == std::string::npos) {
+      if (!cli::wait_unless_stopped(fd_.get(), POLLIN, patience_)) give_up();
       std::array<char, 4096> some;
       const ssize_t got = ::recv(fd_.get(), some.data(), some.size(), 0);
       if (got < 0 && errno == EINTR) continue;
       if (got == 0) throw std::runtime_error("the lead has ended");
-      if (got < 0) throw std::runtime_error("the lead does not answer");
+      if (got < 0) throw std::runtime_error(fmt::format("recv: {}", std::strerror(errno)));
       buffer_.append(some.data(), static_cast<size_t>(got));
     }
     const std::string line = buffer_.substr(0, end);
@@ -104,17 +109,28 @@ class Answers {
   }
 
  private:
+  [[noreturn]] void give_up() const {
+    if (cli::stop_signal() == 0)
+      throw std::runtime_error(fmt::format("the lead has not answered for {} s", patience_));
+    throw std::runtime_error(cli::stop_text() + ": the lead goes on with the request");
+  }
+
   const Fd& fd_;
+  double patience_;
   std::string buffer_;
 };
+
+void print(const std::string& line) {
+  cli::standard_output().line(line, cli::Output::Kind::kResult);
+}
 
 // The table of those who did not acknowledge, under its head.
 class Table {
  public:
   void line(const Json& outcome) {
     if (outcome.value("acknowledged", false)) return;
-    if (!std::exchange(begun_, true)) fmt::print("{:<16}  {}\n", "not acknowledged", "why");
-    fmt::print("{:<16}  {}\n", outcome.value("node", ""), outcome.value("reason", ""));
+    if (!std::exchange(begun_, true)) print(fmt::format("{:<16}  {}", "not acknowledged", "why"));
+    print(fmt::format("{:<16}  {}", outcome.value("node", ""), outcome.value("reason", "")));
   }
 
  private:
@@ -126,9 +142,9 @@ int finish(const Json& end) {
   const auto acknowledged = end.value("acknowledged", uint64_t{0});
   const auto missing = end.value("missing", uint64_t{0});
   if (acknowledged + missing == 0)
-    fmt::print("the lead knows no node that this is for\n");
+    print("the lead knows no node that this is for");
   else
-    fmt::print("{} of {} nodes acknowledged\n", acknowledged, acknowledged + missing);
+    print(fmt::format("{} of {} nodes acknowledged", acknowledged, acknowledged + missing));
   return complete ? cli::kExitOk : cli::kExitFailure;
 }
 
@@ -138,7 +154,7 @@ int show_answers(Answers& answers, const cli::JsonEvents& json) {
     Json answer = answers.next();
     const std::string event = answer.value("event", "");
     answer.erase("event");
-    json.print(event, answer);
+    json.print(event, answer, cli::Output::Kind::kResult);
     if (event == "error") throw std::runtime_error(answer.value("text", "refused"));
     if (event == "outcome" && !json.enabled()) table.line(answer);
     if (event != "done") continue;

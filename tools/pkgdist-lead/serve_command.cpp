@@ -2,17 +2,17 @@
 
 #include "commands.h"
 #include "control_server.h"
-#include "message_runner.h"
 #include "metrics.h"
 #include "reporter.h"
 #include "session.h"
+#include "stop_signals.h"
 
 namespace pkgdist::lead_program {
 
 int serve_command(const LeadOptions& options) {
   const std::string address = cli::format_address(require_interface(options));
   if (options.common.locations.empty()) {
-    fmt::print(stderr, "pkgdist-lead: --location N=DIR is missing\n");
+    cli::complain("--location N=DIR is missing");
     return cli::kExitUsage;
   }
   Reporter reporter(options.common.json, options.common.verbosity);
@@ -20,9 +20,14 @@ int serve_command(const LeadOptions& options) {
   if (!session.hears_leads(reporter) && options.standby) return cli::kExitFailure;
   const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
   const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
-  MessageRunner runner(options.on_message, session.poller(), reporter);
+  cli::MessageRunner runner(options.on_message,
+                            [&](const std::string& text) { reporter.error(text); });
   reporter.on_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
-                            std::span<const uint8_t> bytes) { runner.add(node, msg_class, bytes); };
+                            std::span<const uint8_t> bytes) {
+    runner.add({reinterpret_cast<const char*>(bytes.data()), bytes.size()},
+               {{"PKGDIST_MESSAGE_CLASS", std::to_string(msg_class)},
+                {"PKGDIST_MESSAGE_NODE", cli::format_address(node.address)}});
+  };
   reporter.json().print("serving", {{"address", address}, {"standby", options.standby}});
   reporter.say(fmt::format("serving on {}{}", address, options.standby ? ", standing by" : ""));
   session.run(
@@ -32,8 +37,9 @@ int serve_command(const LeadOptions& options) {
         return false;
       },
       lead::kSecond);
-  reporter.json().print("stopped", {});
-  reporter.say("stopped");
+  reporter.json().print("stopped", {{"signal", cli::signal_name(cli::stop_signal())}},
+                        cli::Output::Kind::kResult);
+  reporter.say("stopped by " + cli::signal_name(cli::stop_signal()), cli::Output::Kind::kResult);
   return cli::kExitOk;
 }
 

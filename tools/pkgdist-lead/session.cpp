@@ -1,15 +1,14 @@
 #include "session.h"
 
 #include <fmt/core.h>
-#include <signal.h>
 #include <sys/random.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <system_error>
+
+#include "stop_signals.h"
 
 namespace pkgdist::lead_program {
 
@@ -48,32 +47,13 @@ lead::Settings lead_settings(const LeadOptions& options) {
 
 }  // namespace
 
-StopSignals::StopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
-  fd_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
-}
-
-bool StopSignals::taken() const {
-  signalfd_siginfo info;
-  return ::read(fd_, &info, sizeof info) == sizeof info;
-}
-
-StopSignals::~StopSignals() {
-  ::close(fd_);
-}
-
 Session::Session(const LeadOptions& options, Reporter& reporter)
     : interface_(options.common.interface),
       transport_(udp_settings(options)),
       lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, reporter)) {
   for (const auto& [number, location] : options.common.locations)
     store_.set_root(number, location.path);
-  poller_.add(signals_.fd(), EPOLLIN, [this] { stopped_ |= signals_.taken(); });
+  poller_.add(cli::stop_fd(), EPOLLIN, [this] { stopped_ = true; });
   if (interface_.fd() >= 0)
     poller_.add(interface_.fd(), EPOLLIN, [this, &reporter] { follow_interface(reporter); });
 }

@@ -1,4 +1,4 @@
-// A running lead: sockets, content roots, signals and the loop around the protocol core.
+// A running lead: sockets, content roots and the loop around the protocol core.
 #pragma once
 
 #include <functional>
@@ -13,21 +13,6 @@
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
-
-// SIGINT and SIGTERM as a readable descriptor instead of a handler.
-class StopSignals {
- public:
-  StopSignals();
-  ~StopSignals();
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-  int fd() const { return fd_; }
-  // Takes a signal that has come.
-  bool taken() const;
-
- private:
-  int fd_ = -1;
-};
 
 class Session {
  public:
@@ -48,7 +33,6 @@ class Session {
  private:
   void follow_interface(Reporter& reporter);
 
-  StopSignals signals_;
   Poller poller_;
   bool stopped_ = false;
   cli::InterfaceWatch interface_;  // before the sockets: nothing is missed

@@ -2,17 +2,20 @@
 
 #include <fmt/core.h>
 
-#include <cstdio>
+#include <array>
 #include <cstring>
+#include <filesystem>
 
 #include "pkgdist/statistics.h"
 #include "status_text.h"
+#include "stop_signals.h"
 
 namespace pkgdist::node_program {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+using Kind = cli::Output::Kind;
 
 EventPrinter& printer(void* ctx) {
   return *static_cast<EventPrinter*>(ctx);
@@ -33,21 +36,41 @@ void on_done(uint64_t status, uint32_t xact_id, void* ctx) {
   printer(ctx).transaction_done(status, xact_id);
 }
 
-uint32_t counter(DrtCounter entry) {
+std::string path_of(const cli::Location& location) {
+  return location.memory ? location.path : std::filesystem::absolute(location.path).string();
+}
+
+template <class Entry>
+uint32_t counter(const void* table, Entry entry) {
   constexpr size_t kRecordBytes = 20;
-  if (pkgdist_drt_ship_counter_hdl == nullptr) return 0;
+  if (table == nullptr) return 0;
   uint32_t value = 0;
-  std::memcpy(&value,
-              static_cast<const char*>(pkgdist_drt_ship_counter_hdl) +
-                  kRecordBytes * static_cast<size_t>(entry),
+  std::memcpy(&value, static_cast<const char*>(table) + kRecordBytes * static_cast<size_t>(entry),
               sizeof value);
   return value;
+}
+
+uint32_t counter(DrtCounter entry) {
+  return counter(pkgdist_drt_ship_counter_hdl, entry);
+}
+
+uint32_t counter(CrtCounter entry) {
+  return counter(pkgdist_crt_ship_counter_hdl, entry);
 }
 
 }  // namespace
 
 uint32_t reports_sent() {
   return counter(DrtCounter::kUcSendDoneSent);
+}
+
+uint64_t heard_about_files() {
+  return uint64_t{counter(DrtCounter::kMcFileInfo)} + counter(DrtCounter::kMcSegment) +
+         counter(DrtCounter::kMcSingleSegment) + counter(DrtCounter::kMcMissDone);
+}
+
+uint64_t heard_about_messages() {
+  return uint64_t{counter(CrtCounter::kUcAckRecv)} + counter(CrtCounter::kUcNackRecv);
 }
 
 uint32_t repaired_segments() {
@@ -69,8 +92,32 @@ void EventPrinter::attach(Node& node) {
 
 void EventPrinter::say(const std::string& line) const {
   if (json_.enabled()) return;
-  fmt::print("{}\n", line);
-  (void)std::fflush(stdout);
+  cli::standard_output().line(line, Kind::kEvent);
+}
+
+void EventPrinter::listening(const NodeOptions& options) {
+  const cli::CommonOptions& common = options.common;
+  const std::array<uint32_t, 3> id = node_id_of(options);
+  const std::string address = cli::format_address(common.interface);
+  const std::string id_text = fmt::format("{}/{}/{}", id[0], id[1], id[2]);
+  const std::string ctrl = cli::format_endpoint(common.ctrl_group);
+  const std::string data = cli::format_endpoint(common.data_group);
+  Json locations = Json::array();
+  for (const auto& [number, location] : common.locations)
+    locations.push_back(
+        {{"location", number}, {"path", path_of(location)}, {"memory", location.memory}});
+  json_.print("listening", Json{{"address", address},
+                                {"node_id", id_text},
+                                {"card_class", options.card_class},
+                                {"ctrl_group", ctrl},
+                                {"data_group", data},
+                                {"node_port", common.node_port},
+                                {"locations", locations}});
+  say(fmt::format("node {} ({}, card class {}) listens to {} and {}, and on port {}", address,
+                  id_text, options.card_class, ctrl, data, common.node_port));
+  for (const auto& [number, location] : common.locations)
+    say(fmt::format("location {}: {}{}", number,
+                    location.memory ? "shared memory, names with " : "", path_of(location)));
 }
 
 void EventPrinter::lead_changed(uint32_t lead, uint32_t pid, bool failover) {
@@ -133,7 +180,28 @@ void EventPrinter::interface_changed(const cli::InterfaceChange& change) {
 
 void EventPrinter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
-  fmt::print(stderr, "pkgdist-node: {}\n", text);
+  cli::complain(text);
+}
+
+void EventPrinter::stopped() {
+  const std::string name = cli::signal_name(cli::stop_signal());
+  json_.print("stopped", Json{{"signal", name}}, Kind::kResult);
+  if (!json_.enabled()) cli::standard_output().line("stopped by " + name, Kind::kResult);
+}
+
+void EventPrinter::gave_up(const std::string& what, double timeout_seconds) {
+  if (cli::stop_signal() == 0)
+    return error(fmt::format("{}: nothing was heard for {} s (--timeout)", what, timeout_seconds));
+  json_.print("interrupted", Json{{"signal", cli::signal_name(cli::stop_signal())}}, Kind::kResult);
+  error(cli::stop_text() + ": " + what);
+}
+
+bool await_lead(Node& node, EventPrinter& printer, const NodeOptions& options) {
+  if (node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) return true;
+  printer.gave_up(fmt::format("no lead was heard on {}",
+                              cli::format_address(options.common.ctrl_group.address)),
+                  options.timeout_seconds);
+  return false;
 }
 
 }  // namespace pkgdist::node_program

@@ -7,6 +7,8 @@
 
 #include "json_events.h"
 #include "node.h"
+#include "node_options.h"
+#include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
 
@@ -19,6 +21,8 @@ class EventPrinter {
   // object must outlive the node.
   void attach(Node& node);
 
+  // What the node listens on, as whom, and where its locations are.
+  void listening(const NodeOptions& options);
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
   void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
@@ -26,7 +30,12 @@ class EventPrinter {
   void message(uint32_t message_class, uint64_t size);
   void message_outcome(uint64_t status);
   void interface_changed(const cli::InterfaceChange& change);
+  // From any thread.
   void error(const std::string& text);
+  // A stop signal ends what has no end of its own.
+  void stopped();
+  // Something was not done: a signal came, or nothing was heard for the time-out.
+  void gave_up(const std::string& what, double timeout_seconds);
 
   bool lead_is_known() const { return lead_is_known_; }
 
@@ -43,8 +52,15 @@ class EventPrinter {
   std::map<uint32_t, Transaction> transactions_;
 };
 
+// Waits for a lead; says so when none is heard for the time-out.
+bool await_lead(Node& node, EventPrinter& printer, const NodeOptions& options);
+
 // Files that this process has told the lead the end of.
 uint32_t reports_sent();
+
+// Grow while the lead is heard about files that this process receives, or about its messages.
+uint64_t heard_about_files();
+uint64_t heard_about_messages();
 
 // Segments that the lead sent again on request and this process received.
 uint32_t repaired_segments();

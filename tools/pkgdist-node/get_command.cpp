@@ -62,15 +62,13 @@ int get_command(const NodeOptions& options) {
   Node node(options);
   wanted.loop = node.loop();
   printer.attach(node);
-  if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
-    printer.error(fmt::format("no lead was heard on {}",
-                              cli::format_address(options.common.ctrl_group.address)));
-    return cli::kExitFailure;
-  }
+  if (!await_lead(node, printer, options)) return cli::kExitFailure;
   for (const std::string& path : options.paths) request(path, wanted);
-  if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds))
-    printer.error(
-        fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()));
+  if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds,
+                      heard_about_files))
+    printer.gave_up(
+        fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()),
+        options.timeout_seconds);
   await_reports(node, wanted.ended);
   return wanted.waiting == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
 }

@@ -7,40 +7,25 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
+#include "last_error.h"
 #include "link_directories.h"
 #include "platform/inst_common.h"
 #include "status_text.h"
+#include "stop_signals.h"
 
 namespace pkgdist::node_program {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-volatile std::sig_atomic_t stop_requested = 0;
-levm_handle_t loop_to_stop = nullptr;
-
-// levm_stop() may be called from a signal handler.
-extern "C" void request_stop(int) {
-  stop_requested = 1;
-  levm_stop(loop_to_stop);
-}
-
-void install_signal_handlers(levm_handle_t loop) {
-  loop_to_stop = loop;
-  struct sigaction action {};
-  action.sa_handler = request_stop;
-  (void)sigaction(SIGINT, &action, nullptr);
-  (void)sigaction(SIGTERM, &action, nullptr);
-  (void)std::signal(SIGPIPE, SIG_IGN);
-}
 
 void start_control(const NodeOptions& options) {
   const cli::CommonOptions& common = options.common;
@@ -70,9 +55,7 @@ void set_location(const cli::Location& location) {
 }
 
 nodeid_handle_t make_identity(const NodeOptions& options) {
-  const uint32_t address = options.common.interface;
-  const uint32_t derived[3] = {address >> 16 & 255, address >> 8 & 255, address & 255};
-  const uint32_t* id = options.node_id_given ? options.node_id : derived;
+  const std::array<uint32_t, 3> id = node_id_of(options);
   nodeid_handle_t nodeid = nullptr;
   if (nodeid_create(id[0], id[1], id[2], &nodeid) != 0)
     throw std::runtime_error("out of memory for the node's identity");
@@ -82,7 +65,11 @@ nodeid_handle_t make_identity(const NodeOptions& options) {
 }  // namespace
 
 void require(PkgdistStatus status, const char* what) {
-  if (status != 0) throw std::runtime_error(fmt::format("{}: {}", what, cli::status_text(status)));
+  if (status == 0) return;
+  // The status of failed system calls does not say which; the library's trace does.
+  const std::string reason = status == PKGDIST_ERR_SYSTEM ? last_error() : "";
+  throw std::runtime_error(
+      fmt::format("{}: {}", what, reason.empty() ? cli::status_text(status) : reason));
 }
 
 void set_repair_interval(uint32_t milliseconds) {
@@ -105,7 +92,6 @@ Node::Node(const NodeOptions& options)
   (void)umask(options.umask);
   constexpr uint32_t kPermissions = 0777;
   if (!options.allow_setuid) G_data_recv_mode_mask = kPermissions;
-  install_signal_handlers(loop_.get());
   start_control(options);
   joined_ = cli::find_interface(options.common.interface).value_or(cli::NetworkInterface{}).index;
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");
@@ -113,21 +99,30 @@ Node::Node(const NodeOptions& options)
   for (const auto& [number, location] : options.common.locations) set_location(location);
 }
 
-bool Node::run_until(const std::function<bool()>& done, double seconds) {
-  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                      std::chrono::duration<double>(seconds));
-  while (!done() && !interrupted()) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-    if (left.count() <= 0) return false;
-    constexpr int64_t kLongestWaitMs = 3'600'000;
-    run_once(static_cast<int>(std::min<int64_t>(left.count(), kLongestWaitMs)));
+bool Node::run_until(const std::function<bool()>& done, double silence_seconds,
+                     const std::function<uint64_t()>& heard) {
+  constexpr double kLookSeconds = 0.25;  // at what was heard
+  const auto silence =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(silence_seconds));
+  auto end = Clock::now() + silence;
+  for (uint64_t count = heard ? heard() : 0; !done() && !interrupted();) {
+    const double left = std::chrono::duration<double>(end - Clock::now()).count();
+    if (left <= 0) return false;
+    run_once(heard ? std::min(left, kLookSeconds) : left);
+    const uint64_t now = heard ? heard() : count;
+    if (std::exchange(count, now) != now) end = Clock::now() + silence;
   }
   return done();
 }
 
-void Node::run_once(int timeout_ms) {
-  pollfd ready[] = {{levm_fd(loop_.get()), POLLIN, 0}, {interface_.fd(), POLLIN, 0}};
-  (void)::poll(ready, std::size(ready), timeout_ms);  // a signal has made the loop readable
+void Node::run_once(double seconds) {
+  constexpr double kLongestSeconds = 3600;
+  const int timeout_ms =
+      seconds < 0 ? -1 : static_cast<int>(std::ceil(std::min(seconds, kLongestSeconds) * 1000));
+  pollfd ready[] = {{levm_fd(loop_.get()), POLLIN, 0},
+                    {interface_.fd(), POLLIN, 0},
+                    {cli::stop_fd(), POLLIN, 0}};
+  (void)::poll(ready, std::size(ready), timeout_ms);
   if (ready[1].revents != 0) follow_interface();
   (void)levm_run_once(loop_.get(), 0);
 }
@@ -154,7 +149,7 @@ void Node::run() {
 }
 
 bool Node::interrupted() {
-  return stop_requested != 0;
+  return cli::stop_signal() != 0;
 }
 
 }  // namespace pkgdist::node_program

@@ -29,9 +29,11 @@ class Node {
 
   levm_handle_t loop() const { return loop_.get(); }
 
-  // Runs callbacks until `done` says so, a signal asks to stop, or the time is over. True when
-  // done.
-  bool run_until(const std::function<bool()>& done, double seconds);
+  // Runs callbacks until `done` says so, a signal asks to stop, or nothing was heard for so many
+  // seconds. True when done. `heard`: a count that grows with everything that is waited for; null:
+  // the time runs from the start.
+  bool run_until(const std::function<bool()>& done, double silence_seconds,
+                 const std::function<uint64_t()>& heard = nullptr);
 
   // Runs callbacks until a signal asks to stop.
   void run();
@@ -45,8 +47,9 @@ class Node {
   std::function<void(const std::string&)> on_trouble;
 
  private:
-  // Runs callbacks that are due within so many milliseconds; -1: without limit.
-  void run_once(int timeout_ms);
+  // Runs callbacks that are ready, or become ready within so many seconds; negative: without limit.
+  // A stop signal ends the wait.
+  void run_once(double seconds);
   void follow_interface();
 
   struct LoopDeleter {

@@ -44,10 +44,9 @@ void add_run(CLI::App& app, NodeOptions& options) {
                   "time until missing segments are asked for again; grows with each repetition")
       ->type_name("MS [100]")
       ->check(CLI::Range(20, 10'000));
-  run->add_option("--on-message", options.on_message,
-                  "shell command to run for each message of the lead; the message is its standard "
-                  "input, PKGDIST_MESSAGE_CLASS its class")
-      ->type_name("COMMAND");
+  cli::add_runner_options(*run, options.on_message,
+                          "shell command to run for each message of the lead; the message is its "
+                          "standard input, PKGDIST_MESSAGE_CLASS its class");
   run->callback([&options] { options.command = Command::kRun; });
 }
 
@@ -64,7 +63,8 @@ void add_get(CLI::App& app, NodeOptions& options) {
   get->add_option("--priority", options.priority, "1 is the most urgent")
       ->type_name("1..4 [2]")
       ->check(CLI::Range(1, 4));
-  add_timeout(*get, options, "how long to wait for the lead and the files");
+  add_timeout(*get, options,
+              "give up when nothing was heard of the lead, or about the files, for so long");
   get->callback([&options] { options.command = Command::kGet; });
 }
 
@@ -76,7 +76,7 @@ void add_send(CLI::App& app, NodeOptions& options) {
       ->check(CLI::Range(2, 5));
   send->add_option("MESSAGE", options.message, "the text, or @FILE for the content of a file")
       ->required();
-  add_timeout(*send, options, "how long to wait for the lead");
+  add_timeout(*send, options, "give up when nothing was heard of the lead for so long");
   send->callback([&options] { options.command = Command::kSend; });
 }
 
@@ -95,6 +95,12 @@ void add_firewall(CLI::App& app, NodeOptions& options) {
 }
 
 }  // namespace
+
+std::array<uint32_t, 3> node_id_of(const NodeOptions& options) {
+  if (options.node_id_given) return {options.node_id[0], options.node_id[1], options.node_id[2]};
+  const uint32_t address = options.common.interface;
+  return {address >> 16 & 255, address >> 8 & 255, address & 255};
+}
 
 void add_node_options(CLI::App& app, NodeOptions& options) {
   cli::add_common_options(app, options.common, true);

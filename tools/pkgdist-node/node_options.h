@@ -1,11 +1,13 @@
 // Options of pkgdist-node.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "cli_common.h"
+#include "message_runner.h"
 
 namespace pkgdist::node_program {
 
@@ -23,7 +25,7 @@ struct NodeOptions {
 
   // run
   uint32_t repair_interval_ms = 100;
-  std::string on_message;  // shell command that gets each message on its standard input
+  cli::RunnerOptions on_message;
 
   // get
   std::vector<std::string> paths;
@@ -39,6 +41,9 @@ struct NodeOptions {
   // firewall
   std::vector<uint32_t> leads;
 };
+
+// What was given, or the last three octets of the address.
+std::array<uint32_t, 3> node_id_of(const NodeOptions& options);
 
 void add_node_options(CLI::App& app, NodeOptions& options);
 

@@ -1,7 +1,4 @@
 // run: receives what the lead pushes, and hands its messages to a command, until told to stop.
-#include <cstdio>
-#include <cstdlib>
-
 #include "commands.h"
 #include "event_printer.h"
 #include "node.h"
@@ -15,42 +12,37 @@ namespace {
 struct MessageClass {
   uint32_t number;
   EventPrinter* printer;
-  const std::string* command;
+  cli::MessageRunner* runner;
 };
-
-void run_for_message(const MessageClass& target, const void* bytes, uint64_t size) {
-  (void)setenv("PKGDIST_MESSAGE_CLASS", std::to_string(target.number).c_str(), 1);
-  FILE* input = popen(target.command->c_str(), "w");
-  if (input == nullptr) {
-    target.printer->error("'" + *target.command + "' could not be started");
-    return;
-  }
-  (void)std::fwrite(bytes, 1, size, input);  // a command need not read all of it
-  if (const int status = pclose(input); status != 0)
-    target.printer->error("'" + *target.command + "' ended with status " + std::to_string(status));
-}
 
 void on_message(const void* bytes, uint64_t size, void* ctx) {
   const auto& target = *static_cast<MessageClass*>(ctx);
   target.printer->message(target.number, size);
-  if (!target.command->empty()) run_for_message(target, bytes, size);
+  target.runner->add({static_cast<const char*>(bytes), size},
+                     {{"PKGDIST_MESSAGE_CLASS", std::to_string(target.number)}});
 }
 
 }  // namespace
 
 int run_command(const NodeOptions& options) {
+  if (options.common.locations.empty())
+    throw CLI::ValidationError("--location N=DIR is missing: nothing could be received");
   MessageClass classes[PKGDIST_CTRL_CLASS_LAST - PKGDIST_CTRL_CLASS_FIRST + 1];
   set_repair_interval(options.repair_interval_ms);
   Node node(options);
   EventPrinter printer(options);
+  printer.listening(options);
+  cli::MessageRunner runner(options.on_message,
+                            [&](const std::string& text) { printer.error(text); });
   printer.attach(node);
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {
-    target = {number, &printer, &options.on_message};
+    target = {number, &printer, &runner};
     require(instcomm_pkgdist_ctrl_mc_hdlr_attach(node.loop(), number++, on_message, &target),
             "attaching to messages");
   }
   node.run();
+  printer.stopped();
   return cli::kExitOk;
 }
 

@@ -24,16 +24,13 @@ int send_command(const NodeOptions& options) {
   std::optional<uint64_t> outcome;
   Node node(options);
   printer.attach(node);
-  if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
-    printer.error(fmt::format("no lead was heard on {}",
-                              cli::format_address(options.common.ctrl_group.address)));
-    return cli::kExitFailure;
-  }
+  if (!await_lead(node, printer, options)) return cli::kExitFailure;
   require(instcomm_pkgdist_ctrl_send_lead_msg(message.data(), message.size(), options.message_class,
                                               node.loop(), on_status, &outcome),
           "sending the message");
-  if (!node.run_until([&] { return outcome.has_value(); }, options.timeout_seconds)) {
-    printer.error("the lead has not answered in time");
+  if (!node.run_until([&] { return outcome.has_value(); }, options.timeout_seconds,
+                      heard_about_messages)) {
+    printer.gave_up("the lead has not acknowledged the message", options.timeout_seconds);
     return cli::kExitFailure;
   }
   printer.message_outcome(*outcome);

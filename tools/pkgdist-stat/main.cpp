@@ -17,6 +17,7 @@
 #include "cli_common.h"
 #include "json_events.h"
 #include "platform/ship_layout.h"
+#include "printable.h"
 #include "process_object.h"
 #include "sample.h"
 #include "stat_json.h"
@@ -53,7 +54,8 @@ Examples
   pkgdist-stat --listen 127.0.0.1:9471     the same over HTTP, for whatever runs at that moment
   pkgdist-stat --clean                     removes what dead processes left
 
-Exit status: 0, 1 when a process has no readable statistics, 2 when an argument is wrong.
+Exit status: 0, 1 when a process has no readable statistics or the output could not be written, 2 when an
+argument is wrong.
 )";
 
 struct Options {
@@ -67,6 +69,20 @@ struct Options {
   uint32_t rounds = 0;  // 0: without end
   std::optional<cli::Endpoint> listen;
 };
+
+using Kind = cli::Output::Kind;
+
+void print(std::string text) {
+  cli::standard_output().write(std::move(text), Kind::kResult);
+}
+
+void print_line(const std::string& line) {
+  cli::standard_output().line(line, Kind::kResult);
+}
+
+bool stopped() {
+  return cli::stop_signal() != 0;
+}
 
 std::optional<pid_t> as_pid(const std::string& text) {
   pid_t pid = 0;
@@ -82,7 +98,7 @@ std::vector<std::pair<tools::FoundObject, Statistics>> readable_objects() {
     try {
       result.emplace_back(found, read_statistics_of(found));
     } catch (const tools::BadObject& bad) {
-      fmt::print(stderr, "pkgdist-stat: {}\n", bad.what());
+      cli::complain(bad.what());
     }
   }
   return result;
@@ -127,16 +143,15 @@ class View {
       try {
         samples.push_back(take_sample(found));
       } catch (const tools::BadObject& bad) {
-        fmt::print(stderr, "pkgdist-stat: {}\n", bad.what());
+        cli::complain(bad.what());
       }
     }
     if (options_.prometheus)
-      fmt::print("{}", prometheus_text(samples));
+      print(prometheus_text(samples));
     else if (options_.json)
       print_events(samples);
     else
       print_text(samples);
-    std::fflush(stdout);
     for (Sample& sample : samples) {
       const pid_t pid = sample.statistics.pid;
       earlier_.insert_or_assign(pid, std::move(sample));
@@ -155,7 +170,8 @@ class View {
 
   void print_events(const std::vector<Sample>& samples) const {
     for (const Sample& sample : samples)
-      events_.print("statistics", json_of(sample, earlier_of(sample), options_.nonzero));
+      events_.print("statistics", json_of(sample, earlier_of(sample), options_.nonzero),
+                    Kind::kResult);
   }
 
   void print_text(const std::vector<Sample>& samples) const {
@@ -168,10 +184,11 @@ class View {
     const bool in_place = options_.watch_seconds && isatty(STDOUT_FILENO) != 0;
     if (in_place) cut_to_screen(lines);
     std::string text = in_place ? "\x1b[H" : "";
-    for (const std::string& line : lines) text += line + (in_place ? "\x1b[K\n" : "\n");
+    for (const std::string& line : lines)
+      text += cli::printable(line) + (in_place ? "\x1b[K\n" : "\n");
     if (in_place) text += "\x1b[J";
     if (options_.watch_seconds && !in_place) text += "\n";
-    fmt::print("{}", text);
+    print(std::move(text));
   }
 
   static void cut_to_screen(std::vector<std::string>& lines) {
@@ -214,7 +231,6 @@ int serve(Options options) {
   options.all = true;
   const std::string where =
       fmt::format("{}:{}", cli::format_address(options.listen->address), options.listen->port);
-  const cli::StopSignals signals;
   std::unique_ptr<prometheus::Exposer> exposer;
   try {
     exposer = std::make_unique<prometheus::Exposer>(where, 1);
@@ -223,7 +239,7 @@ int serve(Options options) {
   }
   const auto scrape = std::make_shared<Scrape>(options);
   exposer->RegisterCollectable(scrape);
-  signals.wait();
+  (void)cli::wait_unless_stopped(-1, 0, -1);
   return cli::kExitOk;
 }
 
@@ -231,9 +247,9 @@ int clean() {
   int result = cli::kExitOk;
   for (const tools::Cleaned& cleaned : tools::clean_objects(tools::kShmDirectory)) {
     if (cleaned.removed) {
-      fmt::print("removed {}\n", cleaned.path);
+      print_line("removed " + cleaned.path);
     } else {
-      fmt::print(stderr, "pkgdist-stat: {}\n", cleaned.problem);
+      cli::complain(cleaned.problem);
       result = cli::kExitFailure;
     }
   }
@@ -242,18 +258,19 @@ int clean() {
 
 void print_list(const Options& options, const std::vector<Statistics>& listing) {
   const cli::JsonEvents events(options.json);
-  for (const Statistics& one : listing) events.print("process", process_json(one));
+  for (const Statistics& one : listing) events.print("process", process_json(one), Kind::kResult);
   if (options.json) return;
-  for (const std::string& line : list_of(listing)) fmt::print("{}\n", line);
+  for (const std::string& line : list_of(listing)) print_line(line);
 }
 
 int watch(const Options& options, const std::vector<tools::FoundObject>& chosen) {
-  const cli::StopSignals signals;
   View view(options);
-  if (isatty(STDOUT_FILENO) != 0 && !options.json) fmt::print("\x1b[H\x1b[2J");
+  if (isatty(STDOUT_FILENO) != 0 && !options.json) print("\x1b[H\x1b[2J");
   for (uint32_t round = 1;; ++round) {
     if (!view.show(chosen)) return cli::kExitFailure;
-    if (round == options.rounds || signals.wait_for(*options.watch_seconds)) return cli::kExitOk;
+    // Rounds that nobody reads are not taken.
+    if (!cli::standard_output().wait_written(stopped)) return cli::kExitOk;
+    if (round == options.rounds || cli::wait_for_stop(*options.watch_seconds)) return cli::kExitOk;
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include "platform/ship.h"
 #include "platform/ship_layout.h"
+#include "printable.h"
 
 namespace pkgdist::stat {
 
@@ -60,7 +61,7 @@ template <size_t Size>
 std::string text_of(const char (&text)[Size]) {
   std::string result(text, strnlen(text, Size));
   result.erase(result.find_last_not_of(' ') + 1);
-  return tools::printable(result);
+  return cli::printable(result);
 }
 
 struct Shape {

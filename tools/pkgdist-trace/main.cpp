@@ -5,11 +5,11 @@
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 
 #include "cli_common.h"
 #include "json_events.h"
+#include "printable.h"
 #include "process_object.h"
 #include "selection.h"
 #include "stop_signals.h"
@@ -40,7 +40,8 @@ Examples
   pkgdist-trace 4711 --file 'pkgdist_data_*' --since 5m
   pkgdist-trace /tmp/pkgdist-trace.4711 --last 50 --json
 
-Exit status: 0, 1 when there is no trace or it cannot be read, 2 when an argument is wrong.
+Exit status: 0, 1 when there is no trace, it cannot be read or the output could not be written, 2 when an
+argument is wrong.
 )";
 
 struct Options {
@@ -51,6 +52,12 @@ struct Options {
   bool follow = false;
   bool json = false;
 };
+
+using Kind = cli::Output::Kind;
+
+bool stopped() {
+  return cli::stop_signal() != 0;
+}
 
 uint64_t now_ns() {
   timespec now{};
@@ -75,10 +82,10 @@ std::string default_source() {
       all.push_back(found.path);
       if (is_running) running.push_back(found.path);
       list +=
-          fmt::format("\n{:>8}  {:<10} since {}", found.pid, is_running ? "running" : "has ended",
-                      tools::local_time(reader.created_ns()));
+          fmt::format("{}{} ({} since {})", list.empty() ? " " : ", ", found.pid,
+                      is_running ? "running" : "ended,", tools::local_time(reader.created_ns()));
     } catch (const tools::BadObject& bad) {
-      fmt::print(stderr, "pkgdist-trace: {}\n", bad.what());
+      cli::complain(bad.what());
     }
   }
   if (running.size() == 1) return running.front();
@@ -116,23 +123,28 @@ class Printer {
     if (point == nullptr) point = &unknown;
     const std::string text = render(*point, record);
     const char* level = level_name(level_of(*point));
-    const std::string file = tools::printable(point->file);
-    const std::string function = tools::printable(point->function);
+    const std::string file = cli::printable(point->file);
+    const std::string function = cli::printable(point->function);
     if (options_.json) {
-      events_.print("record", {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
-                               {"pid", reader_.pid()},
-                               {"thread", record.thread},
-                               {"ring", reader_.rings()[record.ring].name},
-                               {"number", record.number},
-                               {"level", level},
-                               {"file", file},
-                               {"line", point->line},
-                               {"function", function},
-                               {"text", text}});
+      events_.print("record",
+                    {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
+                     {"pid", reader_.pid()},
+                     {"thread", record.thread},
+                     {"ring", reader_.rings()[record.ring].name},
+                     {"number", record.number},
+                     {"level", level},
+                     {"file", file},
+                     {"line", point->line},
+                     {"function", function},
+                     {"text", text}},
+                    Kind::kResult);
       return;
     }
-    fmt::print("{} {} {:<7} {}:{} {}: {}\n", tools::local_time(record.realtime_ns, 6),
-               record.thread, level, file.substr(file.rfind('/') + 1), point->line, function, text);
+    cli::standard_output().line(
+        fmt::format("{} {} {:<7} {}:{} {}: {}", tools::local_time(record.realtime_ns, 6),
+                    record.thread, level, file.substr(file.rfind('/') + 1), point->line, function,
+                    text),
+        Kind::kResult);
   }
 
  private:
@@ -172,22 +184,22 @@ void print_wanted(const Printer& printer, const std::vector<Record>& records, si
     if (printer.wants(record)) wanted.push_back(&record);
   const size_t skip = last > 0 && wanted.size() > last ? wanted.size() - last : 0;
   for (size_t i = skip; i < wanted.size(); ++i) printer.print(*wanted[i]);
-  std::fflush(stdout);
 }
 
 int run(const Options& options) {
   TraceReader reader(path_of(options.source));
   const Printer printer(reader, options);
-  const cli::StopSignals signals;
   const int patience = options.follow ? kPatience : 0;
   print_wanted(printer, reader.next(patience), options.last);
   if (!options.follow) return cli::kExitOk;
   for (bool running = true; running;) {
-    running = !signals.wait_for(kFollowSeconds) && runs(reader);
+    // What nobody reads stays in the trace.
+    if (!cli::standard_output().wait_written(stopped)) break;
+    running = !cli::wait_for_stop(kFollowSeconds) && runs(reader);
     print_wanted(printer, reader.next(running ? kPatience : 0), 0);  // the last words too
   }
   if (reader.missed() > 0)
-    fmt::print(stderr, "pkgdist-trace: {} records were overwritten or left out\n", reader.missed());
+    cli::complain(fmt::format("{} records were overwritten or left out", reader.missed()));
   return cli::kExitOk;
 }
 

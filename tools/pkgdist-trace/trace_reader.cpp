@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "printable.h"
+
 namespace pkgdist::trace {
 
 namespace {
@@ -23,7 +25,7 @@ Value read_value(const ObjectFile& file, uint64_t offset) {
 
 template <size_t Size>
 std::string text_of(const char (&text)[Size]) {
-  return tools::printable(std::string(text, strnlen(text, Size)));
+  return cli::printable(std::string(text, strnlen(text, Size)));
 }
 
 void check_header(const ObjectFile& file, const qtrace_layout_header& header) {

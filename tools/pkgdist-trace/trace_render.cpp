@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "printable.h"
 #include "trace_reader.h"
 
 namespace pkgdist::trace {
@@ -106,7 +107,7 @@ std::string render(const Point& point, const Record& record) {
     }
   }
   text.erase(text.find_last_not_of('\n') + 1);
-  return tools::printable(text) + (record.cut ? " [cut]" : "");
+  return cli::printable(text) + (record.cut ? " [cut]" : "");
 }
 
 }  // namespace pkgdist::trace

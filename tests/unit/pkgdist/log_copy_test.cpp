@@ -51,6 +51,24 @@ class LogCopy : public RecvTest {
 const char kTime[] = "[A-Z][a-z]{2} [0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
 const char kError[] = "ERR:instcomm_pkgdist_ctrl_mc_hdlr_attach: levm passed is NULL\n\n";
 
+TEST_F(LogCopy, a_name_with_control_characters_is_printable) {
+  const auto log = [](const std::string& name) {
+    pkgdist::log::copy_to_stderr(pkgdist::log::catalogue()[0], "name %s\n", name.c_str());
+  };
+  EXPECT_NE(std::string::npos, copies_of(1, 0, [&] {
+                                 log("a\x1b[2J\nb\x7f\xc2\x9b"
+                                     "c\xc3\xbc");
+                               }).find("name a?[2J?b?\xc2?c\xc3\xbc\n\n"));
+}
+
+TEST_F(LogCopy, a_long_text_is_copied_whole) {
+  const std::string name(5000, 'n');
+  const std::string copy = copies_of(1, 0, [&] {
+    pkgdist::log::copy_to_stderr(pkgdist::log::catalogue()[0], "name %s\n", name.c_str());
+  });
+  EXPECT_NE(std::string::npos, copy.find("name " + name + "\n\n"));
+}
+
 TEST_F(LogCopy, level_0_is_silent) {
   EXPECT_EQ(copies_of(0, 0,
                       [] {

@@ -119,9 +119,4 @@ TEST(ProcessObject, what_is_no_regular_file_is_refused) {
   EXPECT_THROW(ObjectFile{fifo}, BadObject) << "and it does not wait for a writer";
 }
 
-TEST(ProcessObject, text_for_a_terminal_has_no_control_characters) {
-  EXPECT_EQ("a?[31mb??", printable("a\x1b[31mb\n\x7f"));
-  EXPECT_EQ("gr\xc3\xbc\xc3\x9f", printable("gr\xc3\xbc\xc3\x9f"));
-}
-
 }  // namespace

@@ -1,0 +1,40 @@
+#include "last_error.h"
+
+#include <unistd.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "process_object.h"
+#include "trace_reader.h"
+
+namespace pkgdist::node_program {
+
+namespace {
+
+// "ERR:function: text" without what is for programmers.
+std::string reason_of(const std::string& text) {
+  const size_t end = text.rfind("ERR:", 0) == 0 ? text.find(": ") : std::string::npos;
+  return end == std::string::npos ? text : text.substr(end + 2);
+}
+
+}  // namespace
+
+std::string last_error() {
+  std::string reason;
+  try {
+    trace::TraceReader reader(tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX +
+                              std::to_string(::getpid()));
+    for (const trace::Record& record : reader.next(0)) {
+      const std::optional<trace::Catalogue> catalogue = reader.catalogue(record.ring);
+      if (!catalogue || record.point >= catalogue->points.size()) continue;
+      const trace::Point& point = catalogue->points[record.point];
+      if (point.second == 0) reason = reason_of(trace::render(point, record));
+    }
+  } catch (const std::runtime_error&) {
+    // Another platform library may keep no trace, or one without texts.
+  }
+  return reason;
+}
+
+}  // namespace pkgdist::node_program

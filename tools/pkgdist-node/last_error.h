@@ -1,0 +1,12 @@
+// Why a call of the library failed, in its own words: the last error in the trace of this process.
+#pragma once
+
+#include <string>
+
+namespace pkgdist::node_program {
+
+// "ctrl mc rx bind failed: 98(Address already in use)"; empty when the trace has no error, or
+// cannot be read.
+std::string last_error();
+
+}  // namespace pkgdist::node_program
