@@ -46,6 +46,8 @@ const char* request_problem(const PushRequest& request) {
   if (request.files.empty()) return "there is no file to push";
   for (const PushFile& file : request.files)
     if (const char* problem = name_problem(file.name)) return problem;
+  for (const std::string& name : request.directories)
+    if (const char* problem = name_problem(name)) return problem;
   return nullptr;
 }
 
@@ -216,6 +218,8 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     ++counters_.foreign_datagrams;
     return;
   }
+  if (seen.sighting == Sighting::kShared)
+    return events_.address_shared(nodes_[seen.index].info, header->pid);
   if (reply) control_.adopt(point);
   on_sighting(seen);
   if (reply) return on_ping_reply(seen.index, *header, now);
@@ -372,10 +376,12 @@ void Lead::Impl::on_file_request(NodeIndex node, const pkgdist_data_send_req& re
     if (key.name.size() <= kMaxNameLength) data_.refuse(key, status, node);
     return events_.file_requested(nodes_[node].info, key.location, key.name, status);
   }
+  // The node asks again.
+  if (push_ && push_->holds_back(key, node)) return;
   if (const TransferId id = data_.find(key); id != kNoTransfer)
     return data_.join(id, node, true, now);
   if (push_ && push_->start_requested(key, node, now)) return;
-  if (data_.active_files() >= kMaxTransfers) return;
+  if (data_.active_files() >= kMaxTransfers || data_.collides(key)) return;
   const uint32_t priority =
       std::clamp(request.priority, PKGDIST_PRIORITY_FIRST, PKGDIST_PRIORITY_LAST);
   const TransferId id = data_.start(key, priority, kRequested, {node}, now);

@@ -1,5 +1,7 @@
 #include "node_table.h"
 
+#include <utility>
+
 #include "pkgdist/wire_fields.hpp"
 
 namespace pkgdist::lead {
@@ -8,6 +10,9 @@ namespace {
 
 // A node that has followed another lead meanwhile was away for twice the 7.5 s of its patience.
 constexpr Time kAdoptionGap = 10 * kSecond;
+// Of two hosts with one address, the other one is listened to when the first has not answered for
+// so long: three pings.
+constexpr Time kHostPatience = 3 * kSecond;
 
 }  // namespace
 
@@ -31,6 +36,15 @@ Sighting NodeTable::heard(Node& node, Time now) {
   return Sighting::kReturned;
 }
 
+// Every caller has seen to it that a reply's status is that of a ping of this lead.
+bool NodeTable::is_of_other_host(const Node& node, const pkgdist_ctrl_msg_hdr& header, Time now) {
+  if (header.pid == 0 || node.info.pid == 0 || header.pid == node.info.pid) return false;
+  const bool same_ping = header.msg_id == PKGDIST_CTRL_MSG_PING_REPLY && header.status != 0 &&
+                         header.status == node.answered_ping;
+  const bool known = header.pid == node.other_pid && elapsed(now, node.last_reply) < kHostPatience;
+  return same_ping || known;
+}
+
 NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header, uint32_t from,
                                              bool has_point, uint32_t point, Time now) {
   const uint32_t address = header.node_ip != 0 ? header.node_ip : from;
@@ -40,6 +54,10 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   if (index == kNoNode) return {};
 
   Node& node = nodes_[index];
+  if (is_of_other_host(node, header, now)) {
+    if (std::exchange(node.other_pid, header.pid) == header.pid) return {};
+    return {Sighting::kShared, index};
+  }
   if (header.pid != 0 && header.pid == node.previous_pid) return {};
   const bool started = node.info.pid == 0 || (header.pid != 0 && header.pid != node.info.pid);
   const bool restarted = started && node.info.pid != 0;
@@ -52,6 +70,7 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   } else if (has_point && point > node.point) {
     node.point = point;
   }
+  if (header.msg_id == PKGDIST_CTRL_MSG_PING_REPLY) node.answered_ping = header.status;
   if (qidl::has<&pkgdist_ctrl_msg_hdr::node_id>(header)) node.info.node_id = header.node_id;
   if (qidl::has<&pkgdist_ctrl_msg_hdr::card_class>(header))
     node.info.card_class = header.card_class;

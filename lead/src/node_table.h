@@ -4,6 +4,10 @@
 // A node is known from the first message that carries its address and process. A changed process
 // identifier is a restarted node: it takes up the control stream where it stands and knows nothing
 // of what was sent before. Late datagrams of the replaced process are recognised and ignored.
+//
+// One ping is answered by one process: a second answer to it with another process identifier comes
+// from another host with the same address. That is told once, and the other host is ignored as long
+// as the first one answers.
 #pragma once
 
 #include <unordered_map>
@@ -28,6 +32,8 @@ struct Node {
   // from then on its position in the control stream is this lead's.
   Time adopted_at = 0;
   bool silent = false;
+  uint64_t answered_ping = 0;  // status of the last ping that this process has answered
+  uint32_t other_pid = 0;      // of another host with the address
 };
 
 enum class Sighting : uint8_t {
@@ -36,6 +42,7 @@ enum class Sighting : uint8_t {
   kAppeared,
   kRestarted,
   kReturned,  // had fallen silent
+  kShared,    // another host has the address, too: told of each of its processes once
 };
 
 class NodeTable {
@@ -74,6 +81,7 @@ class NodeTable {
  private:
   NodeIndex enter(uint32_t address);
   Sighting heard(Node& node, Time now);
+  static bool is_of_other_host(const Node& node, const pkgdist_ctrl_msg_hdr& header, Time now);
 
   std::vector<Node> nodes_;
   std::unordered_map<uint32_t, NodeIndex> by_address_;

@@ -51,6 +51,60 @@ TEST(NodeTable, a_foreign_process_number_locks_the_process_out_until_a_third_is_
   EXPECT_EQ(table.observe_control(reply(1, 10), 0, true, 52, 6).sighting, Sighting::kRestarted);
 }
 
+pkgdist_ctrl_msg_hdr answer(uint32_t address, uint32_t pid, uint64_t ping) {
+  using H = pkgdist_ctrl_msg_hdr;
+  H header = reply(address, pid);
+  qidl::set<&H::msg_id>(header, PKGDIST_CTRL_MSG_PING_REPLY);
+  qidl::set<&H::status>(header, ping);
+  return header;
+}
+
+// Two hosts with one address answer every ping, with a process number each.
+class SharedAddress : public testing::Test {
+ protected:
+  Sighting answers(uint32_t pid, uint64_t ping, Time now) {
+    const NodeTable::Result seen = table_.observe_control(answer(1, pid, ping), 0, true, 5, now);
+    if (seen.index != kNoNode && seen.sighting != Sighting::kShared)
+      table_.note_reply(seen.index, now);
+    return seen.sighting;
+  }
+  NodeTable table_;
+};
+
+TEST_F(SharedAddress, is_told_once_and_not_as_a_restart) {
+  EXPECT_EQ(answers(10, 100, kSecond), Sighting::kAppeared);
+  EXPECT_EQ(answers(20, 100, kSecond + 1), Sighting::kShared);
+  for (uint64_t ping = 101; ping < 120; ++ping) {
+    const Time now = kSecond * (ping - 99);
+    EXPECT_EQ(answers(20, ping, now), Sighting::kIgnored) << ping;
+    EXPECT_EQ(answers(10, ping, now + 1), Sighting::kKnown) << ping;
+  }
+  EXPECT_EQ(table_[0].info.pid, 10u);
+}
+
+TEST_F(SharedAddress, is_found_out_when_the_first_answer_came_to_another_ping) {
+  answers(10, 100, kSecond);
+  EXPECT_EQ(answers(20, 101, 2 * kSecond), Sighting::kRestarted);
+  EXPECT_EQ(answers(10, 101, 2 * kSecond + 1), Sighting::kShared);
+  EXPECT_EQ(answers(10, 102, 3 * kSecond), Sighting::kIgnored);
+  EXPECT_EQ(answers(20, 102, 3 * kSecond + 1), Sighting::kKnown);
+}
+
+TEST_F(SharedAddress, goes_to_the_other_host_when_the_first_one_is_silent) {
+  answers(10, 100, kSecond);
+  answers(20, 100, kSecond);
+  EXPECT_EQ(answers(20, 101, 2 * kSecond), Sighting::kIgnored);
+  EXPECT_EQ(answers(20, 104, 5 * kSecond), Sighting::kRestarted);
+  EXPECT_EQ(table_[0].info.pid, 20u);
+}
+
+TEST_F(SharedAddress, is_no_process_that_was_started_again) {
+  answers(10, 100, kSecond);
+  EXPECT_EQ(answers(20, 101, 2 * kSecond), Sighting::kRestarted);
+  EXPECT_EQ(answers(20, 102, 3 * kSecond), Sighting::kKnown);
+  EXPECT_EQ(answers(30, 103, 4 * kSecond), Sighting::kRestarted);
+}
+
 TEST(NodeTable, the_point_never_goes_back) {
   NodeTable table;
   table.observe_control(reply(1, 10), 0, true, 50, 1);
