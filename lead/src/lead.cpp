@@ -53,6 +53,8 @@ const char* request_problem(const PushRequest& request) {
   if (request.files.empty()) return "there is no file to push";
   for (const PushFile& file : request.files)
     if (const char* problem = name_problem(file.name)) return problem;
+  for (const std::string& name : request.directories)
+    if (const char* problem = name_problem(name)) return problem;
   return nullptr;
 }
 
@@ -244,6 +246,8 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
     ++counters_.foreign_datagrams;
     return;
   }
+  if (seen.sighting == Sighting::kShared)
+    return events_.address_shared(nodes_[seen.index].info, header->pid);
   const bool renewed = reply && number_.on_point(header->sequence, control_.last_sequence(),
                                                  control_.unused(), asked, now);
   if (renewed) control_.ping_soon(now);
@@ -416,9 +420,12 @@ void Lead::Impl::on_file_request(NodeIndex node, const pkgdist_data_send_req& re
     if (key.name.size() <= kMaxNameLength) data_.refuse(key, status, node);
     return events_.file_requested(nodes_[node].info, key.location, key.name, status);
   }
+  // The node asks again.
+  if (push_ && push_->holds_back(key, node)) return;
   if (const TransferId id = data_.find(key); id != kNoTransfer)
     return data_.join_asking(id, node, is_guest(id, node), now);
   if (push_ && push_->start_requested(key, node, now)) return;
+  if (data_.collides(key)) return;
   const uint32_t priority =
       std::clamp(request.priority, PKGDIST_PRIORITY_FIRST, PKGDIST_PRIORITY_LAST);
   const TransferId id = data_.start_requested(key, priority, node, now);

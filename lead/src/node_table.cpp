@@ -1,5 +1,7 @@
 #include "node_table.h"
 
+#include <utility>
+
 #include "pkgdist/wire_fields.hpp"
 
 namespace pkgdist::lead {
@@ -57,7 +59,9 @@ NodeTable::Speaker NodeTable::speaker(Node& node, uint32_t pid, Time asked) {
   const bool first = pid != node.rival;
   if (first || second) node.rival_asked = asked;
   node.rival = pid;
-  return first ? Speaker::kRival : Speaker::kDoubtful;
+  if (first) return Speaker::kRival;
+  return second && std::exchange(node.shared_with, pid) != pid ? Speaker::kBeside
+                                                               : Speaker::kDoubtful;
 }
 
 NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header, uint32_t address,
@@ -70,6 +74,7 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   Node& node = nodes_[index];
   const Speaker speaker = this->speaker(node, header.pid, asked);
   if (speaker == Speaker::kRival) return {Sighting::kRival, kNoNode};
+  if (speaker == Speaker::kBeside) return {Sighting::kShared, index};
   if (speaker == Speaker::kDoubtful) return {};
   const bool started = speaker == Speaker::kNew;
   const bool restarted = started && node.info.pid != 0;
@@ -85,10 +90,13 @@ NodeTable::Result NodeTable::observe_control(const pkgdist_ctrl_msg_hdr& header,
   return {sighting, index};
 }
 
+// One that comes back was never gone: the other one has to show once more that it is alone.
 void NodeTable::replace(Node& node, uint32_t pid, Time asked) {
+  const bool returns = pid == node.previous_pid;
   if (pid != node.rival) node.rival_asked = asked;
-  node.rival = 0;
-  node.previous_pid = std::exchange(node.info.pid, pid);
+  const uint32_t replaced = std::exchange(node.info.pid, pid);
+  node.previous_pid = returns ? 0 : replaced;
+  node.rival = returns ? replaced : 0;
   node.answered = 0;
   node.adopted_at = 0;
 }

@@ -4,7 +4,8 @@
 // A node is known from the first message that carries its address and process. Another process
 // number is a restarted node, which knows nothing of what was sent before, or it is made up: it
 // counts when it comes in answers to two pings of which the present process, if it lived, would
-// have answered one. A process that was taken for replaced and answers a later ping was not.
+// have answered one. A process that was taken for replaced and answers a later ping was not. Where
+// both answer, two hosts have one address: that is told once, and the second one is ignored.
 //
 // The table is bounded. Named nodes, those of a push, have places of their own; for all others
 // there is a fixed number, and the silent ones among them are released when these run short.
@@ -37,6 +38,7 @@ struct Node {
   // from then on its position in the control stream is this lead's.
   Time adopted_at = 0;
   bool silent = false;
+  uint32_t shared_with = 0;  // process number of another host with the address
 };
 
 enum class Sighting : uint8_t {
@@ -46,6 +48,7 @@ enum class Sighting : uint8_t {
   kAppeared,
   kRestarted,
   kReturned,  // had fallen silent
+  kShared,    // another host has the address, too: told of each of its processes once
 };
 
 class NodeTable {
@@ -95,7 +98,8 @@ class NodeTable {
   NodeIndex size() const { return static_cast<NodeIndex>(nodes_.size()); }
 
  private:
-  enum class Speaker : uint8_t { kPresent, kNew, kRival, kDoubtful };
+  // kBeside: answers as well as the present process does.
+  enum class Speaker : uint8_t { kPresent, kNew, kRival, kBeside, kDoubtful };
 
   bool admits(uint32_t address) const {
     return by_address_.size() < kMaxNodes + (named(address) ? named_.size() : 0);

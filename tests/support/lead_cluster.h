@@ -185,6 +185,7 @@ class Cluster {
 
   struct Seen {
     size_t appeared = 0, restarted = 0, silent = 0, returned = 0, requested = 0, request_ended = 0;
+    size_t shared = 0;        // processes of other hosts with a node's address
     size_t acknowledged = 0;  // messages of the lead's owner, by nodes
     std::vector<std::pair<uint32_t, lead::Delivery>> missed;  // by which node, and why
     std::vector<lead::MessageReport> finished;
@@ -220,6 +221,7 @@ class Cluster {
     }
     void node_appeared(const lead::NodeInfo&) override { ++seen.appeared; }
     void node_restarted(const lead::NodeInfo&) override { ++seen.restarted; }
+    void address_shared(const lead::NodeInfo&, uint32_t) override { ++seen.shared; }
     void node_silent(const lead::NodeInfo&) override { ++seen.silent; }
     void node_returned(const lead::NodeInfo&) override { ++seen.returned; }
     void file_requested(const lead::NodeInfo&, uint32_t, const std::string&,

@@ -16,6 +16,8 @@ constexpr uint64_t kSegmentTimeout = 250 * kMs;
 constexpr uint64_t kLeadAckTimeout = 500 * kMs;
 constexpr uint64_t kLeadSilence = 7500 * kMs;
 
+const std::string kPartialSuffix = ".tmp";
+
 template <class List>
 bool names_me(const uint32_t* nodes, List count, uint32_t me) {
   for (uint32_t i = 0; i < count; ++i)
@@ -366,6 +368,7 @@ void ModelNode::on_list(std::span<const uint8_t> bytes, uint64_t now) {
   if (list->operation != PKGDIST_FILE_SEND_LIST) return;
   ++counters_.lists;
   for (uint32_t i = 0; i < list->names_count; ++i) {
+    if (std::string_view(list->names[i]).size() > longest_name_) continue;
     const EntryAt at = find_entry(list->names[i], list->location);
     if (at == entries_.end()) {
       add_entry(list->names[i], list->location, list->type, list->priority, now);
@@ -455,6 +458,30 @@ void ModelNode::on_info(std::span<const uint8_t> body, uint64_t now) {
   end(at, 0, now);
 }
 
+// Replaces what has the partial name, and makes the directories.
+int ModelNode::open_partial(const Entry& entry) {
+  const std::string partial = disk_key(entry.location, entry.name + kPartialSuffix);
+  const auto below = disk_.lower_bound(partial + '/');
+  if (below != disk_.end() && below->first.starts_with(partial + '/')) return EISDIR;
+  const std::string own = disk_key(entry.location, entry.name);
+  for (const Entry& other : entries_)
+    if (other.open && own.starts_with(disk_key(other.location, other.name + kPartialSuffix) + '/'))
+      return ENOTDIR;
+  disk_.erase(partial);
+  return 0;
+}
+
+// What has the partial name gets the final one, be it what was received or not.
+void ModelNode::store_whole(const Entry& entry) {
+  StoredFile file{entry.content, entry.mode, entry.mtime, entry.link};
+  const auto partial = disk_.find(disk_key(entry.location, entry.name + kPartialSuffix));
+  if (!entry.link && partial != disk_.end()) {
+    file.content = std::move(partial->second.content);
+    disk_.erase(partial);
+  }
+  disk_[disk_key(entry.location, entry.name)] = std::move(file);
+}
+
 void ModelNode::store(Entry& entry, uint32_t segment, const uint8_t* data, uint64_t length) {
   std::copy_n(
       data, length,
@@ -490,6 +517,8 @@ void ModelNode::on_segment(std::span<const uint8_t> body, uint64_t now) {
   }
   uint32_t expected = (entry.last + 1) % entry.segments;
   if (!entry.open && !entry.link) {
+    if (const int error = open_partial(entry); error != 0)
+      return end(at, PKGDIST_STATUS_FROM_ERRNO(error), now);
     entry.open = true;
     entry.first = entry.last = expected = segment;
   }
@@ -601,9 +630,7 @@ void ModelNode::end(EntryAt at, uint64_t status, uint64_t now) {
   by_id_.erase(entry.id);
   by_name_.erase(disk_key(entry.location, entry.name));
   entries_.erase(at);
-  if (status == 0 && entry.segments != 0 && entry.received == entry.segments)
-    disk_[disk_key(entry.location, entry.name)] = {entry.content, entry.mode, entry.mtime,
-                                                   entry.link};
+  if (status == 0 && entry.segments != 0 && entry.received == entry.segments) store_whole(entry);
   ended_[disk_key(entry.location, entry.name)] = status;
   stats_.push_back({entry.id, entry.name, entry.location, status, now});
   send_report(entry.id, status, entry.name, entry.location);

@@ -4,7 +4,8 @@
 // Modelled: lead detection, sequencing, reassembly, NACKs and acknowledgement points of both
 // streams; messages to the lead with their repetitions and their limit; file lists, cancel and
 // delete, informations, skipping, segments, gap requests, all four time-outs with linear back-off
-// and their limit, miss done, reports; the loss of everything but the disk at a restart.
+// and their limit, miss done, reports; partial files, as far as other files have their names; the
+// loss of everything but the disk at a restart.
 #pragma once
 
 #include <algorithm>
@@ -60,6 +61,9 @@ class ModelNode {
   // Hands messages about files to somebody who models the data channel in this node's place.
   using FileLists = std::function<void(std::span<const uint8_t>)>;
   void divert_file_lists(FileLists to) { file_lists_ = std::move(to); }
+
+  // Longer names of a list are left out, as where their path would be too long.
+  void limit_names(size_t longest) { longest_name_ = longest; }
 
   // Asks the lead for a file, as a caller of the library would.
   void get_file(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
@@ -169,6 +173,8 @@ class ModelNode {
   void on_segment(std::span<const uint8_t> body, uint64_t now);
   void on_miss_done(std::span<const uint8_t> body);
   bool skips(const Entry& entry) const;
+  int open_partial(const Entry& entry);
+  void store_whole(const Entry& entry);
   void store(Entry& entry, uint32_t segment, const uint8_t* data, uint64_t length);
   void track(Entry& entry, uint32_t segment, uint32_t expected, bool repair, uint64_t now);
   void request_gap(Entry& entry, uint32_t from, uint32_t to, uint64_t now);
@@ -188,6 +194,7 @@ class ModelNode {
   Disk& disk_;
   Send send_;
   FileLists file_lists_;
+  size_t longest_name_ = SIZE_MAX;
   Counters counters_;
 
   uint32_t lead_ = 0, lead_pid_ = 0;

@@ -119,9 +119,8 @@ void Node::run_once(double seconds) {
   constexpr double kLongestSeconds = 3600;
   const int timeout_ms =
       seconds < 0 ? -1 : static_cast<int>(std::ceil(std::min(seconds, kLongestSeconds) * 1000));
-  pollfd ready[] = {{levm_fd(loop_.get()), POLLIN, 0},
-                    {interface_.fd(), POLLIN, 0},
-                    {cli::stop_fd(), POLLIN, 0}};
+  pollfd ready[] = {
+      {levm_fd(loop_.get()), POLLIN, 0}, {interface_.fd(), POLLIN, 0}, {cli::stop_fd(), POLLIN, 0}};
   (void)::poll(ready, std::size(ready), timeout_ms);
   if (ready[1].revents != 0) follow_interface();
   (void)levm_run_once(loop_.get(), 0);

@@ -17,7 +17,8 @@ class DirectoryStore : public ContentStore {
   std::string root(uint32_t location) const;
 
   // Regular files and symbolic links (as links, never what they point to). ENOENT also for a
-  // location without a root; EISDIR for a directory, ENXIO for other kinds of files.
+  // location without a root; EISDIR for a directory, ENXIO for other kinds of files, EXDEV for what
+  // lies behind a link of a directory that leads out of the root.
   int open(uint32_t location, const std::string& name, FileAttributes& attributes,
            std::unique_ptr<Content>& content) override;
 
@@ -30,15 +31,22 @@ struct FileTree {
   // Each once, sorted by name, links behind everything else: a node makes a file's directories, but
   // not a link's.
   std::vector<PushFile> files;
-  std::vector<std::string> warnings;  // special files that were left out
-  std::vector<std::string> problems;  // why the push must not begin; empty: it may
+  std::vector<std::string> directories;  // that these are in, below the root
+  std::vector<std::string> warnings;  // special files that were left out, times that do not travel
+  // What cannot travel or be read, by name; the rest can be pushed without it.
+  struct LeftOut {
+    std::string name;  // of a file, or of a directory with all that is in it
+    std::string reason;
+  };
+  std::vector<LeftOut> left_out;
+  std::vector<std::string> problems;  // paths that are wrong: the push must not begin
 };
 
 // Collects regular files and symbolic links below `root`. A path is a file or directory, relative
 // to the root, or absolute or relative to the working directory and inside the root. Directories
 // are walked without following links. What cannot travel (a name that is too long, a file of 4 GiB
-// and more, a link target of more than 255 bytes) is a problem; what may not be read shows when its
-// turn comes.
+// and more, a link target of more than 255 bytes) or may not be read is left out and named; what
+// changes until its turn comes fails then.
 FileTree collect_files(const std::string& root, const std::vector<std::string>& paths);
 
 }  // namespace pkgdist::lead

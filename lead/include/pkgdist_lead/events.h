@@ -25,6 +25,10 @@ class Events {
   virtual void node_appeared(const NodeInfo&) {}
   // The node's process was replaced: it knows nothing of what was announced before.
   virtual void node_restarted(const NodeInfo&) {}
+  // Two hosts have the node's address: another process than the node's has answered the same ping.
+  // Once for each such process. What comes from it is ignored, but for what it asks for and reports
+  // of files, which carries no process.
+  virtual void address_shared(const NodeInfo&, uint32_t /*other_pid*/) {}
   // Nothing was heard from the node for the node time-out; node_returned() when it speaks again.
   virtual void node_silent(const NodeInfo&) {}
   virtual void node_returned(const NodeInfo&) {}

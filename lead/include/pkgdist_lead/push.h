@@ -24,6 +24,8 @@ enum class SlowNodes : uint8_t {
 
 struct PushRequest {
   std::vector<PushFile> files;
+  // What stands under these names on the nodes and is no directory is deleted first.
+  std::vector<std::string> directories;
   uint32_t location = 1;
   uint32_t type = 1;
   uint32_t priority = 2;

@@ -1,6 +1,10 @@
 #include "push/file_list.h"
 
+#include <algorithm>
+#include <unordered_map>
+
 #include "pkgdist/wire_fields.hpp"
+#include "pkgdist_lead/names.h"
 
 namespace pkgdist::lead {
 
@@ -54,12 +58,34 @@ std::vector<uint8_t> encode_list(const PushRequest& push, uint32_t xact,
 
 }  // namespace
 
-std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files) {
+std::vector<uint32_t> levels_of(const std::vector<PushFile>& files) {
+  std::vector<uint32_t> levels(files.size());
+  std::vector<std::pair<std::string, uint32_t>> taken;  // those that may have a level above 0
+  for (uint32_t i = 0; i < files.size(); ++i) {
+    std::string plain = plain_name(files[i].name);
+    if (!owners_of_partial(plain).empty()) taken.emplace_back(std::move(plain), i);
+  }
+  if (taken.empty()) return levels;
+  std::unordered_map<std::string, uint32_t> by_name;
+  for (uint32_t i = 0; i < files.size(); ++i) by_name.emplace(plain_name(files[i].name), i);
+  // An owner's name is shorter, so its level is known by then.
+  std::sort(taken.begin(), taken.end(),
+            [](const auto& a, const auto& b) { return a.first.size() < b.first.size(); });
+  for (const auto& [plain, file] : taken)
+    for (const std::string_view owner : owners_of_partial(plain))
+      if (const auto found = by_name.find(std::string(owner)); found != by_name.end())
+        levels[file] = std::max(levels[file], levels[found->second] + 1);
+  return levels;
+}
+
+std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files,
+                                     const std::vector<uint32_t>& levels) {
   std::vector<FileRange> ranges;
   Piece piece;
   for (uint32_t i = 0; i < files.size(); ++i) {
-    if (ranges.empty() || !piece.takes(files[i])) {
-      ranges.push_back({i, i});
+    const uint32_t level = levels.empty() ? 0 : levels[i];
+    if (ranges.empty() || ranges.back().level != level || !piece.takes(files[i])) {
+      ranges.push_back({i, i, level});
       piece = {};
     }
     piece.add(files[i]);
@@ -107,6 +133,24 @@ std::vector<uint8_t> encode_delete(uint32_t location, const std::vector<std::str
   body.names_count = static_cast<uint32_t>(texts.size());
   qidl::mark<&B::names>(body);
   return encode_body(body);
+}
+
+std::vector<std::vector<uint8_t>> encode_deletes(uint32_t location,
+                                                 const std::vector<std::string>& names) {
+  std::vector<std::vector<uint8_t>> messages;
+  std::vector<std::string> some;
+  size_t bytes = 0;
+  for (const std::string& name : names) {
+    if (!some.empty() && (some.size() >= kMaxNames || bytes + name.size() > kMaxNameBytes)) {
+      messages.push_back(encode_delete(location, some));
+      some.clear();
+      bytes = 0;
+    }
+    some.push_back(name);
+    bytes += name.size() + kBytesPerName;
+  }
+  if (!some.empty()) messages.push_back(encode_delete(location, some));
+  return messages;
 }
 
 }  // namespace pkgdist::lead

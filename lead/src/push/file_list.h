@@ -3,6 +3,7 @@
 // must not run far ahead of the stream.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "pkgdist_lead/push.h"
@@ -13,9 +14,17 @@ namespace pkgdist::lead {
 struct FileRange {
   uint32_t first = 0;
   uint32_t end = 0;
+  uint32_t level = 0;  // see levels_of()
 };
 
-std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files);
+// On a node "NAME.tmp" is where NAME arrives, so a push with both names (or with NAME.tmp/FILE)
+// brings them one after the other: first the files of level 0, then those whose name is taken while
+// one of level 0 arrives, and so on.
+std::vector<uint32_t> levels_of(const std::vector<PushFile>& files);
+
+// `levels`: of the files, ascending; none means that all have the same. A piece has one level.
+std::vector<FileRange> cut_file_list(const std::vector<PushFile>& files,
+                                     const std::vector<uint32_t>& levels = {});
 
 // The control message of operation 1 for some files of a push, encoded. Several messages when the
 // names do not fit into one.
@@ -25,5 +34,8 @@ std::vector<std::vector<uint8_t>> encode_file_lists(const PushRequest& push, uin
 // The control messages of operations 2 and 3.
 std::vector<uint8_t> encode_cancel(uint32_t xact);
 std::vector<uint8_t> encode_delete(uint32_t location, const std::vector<std::string>& names);
+// The same for any number of names, in messages of the size of a list.
+std::vector<std::vector<uint8_t>> encode_deletes(uint32_t location,
+                                                 const std::vector<std::string>& names);
 
 }  // namespace pkgdist::lead

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <numeric>
 
 #include "pkgdist/status.h"
+#include "pkgdist_lead/names.h"
 
 namespace pkgdist::lead {
 
@@ -42,17 +44,36 @@ bool audience_takes(const Audience& audience, const NodeInfo& node) {
   return audience.includes(node.address, node.card_class);
 }
 
+// Files of lower levels first; says where each stood before when that changes anything.
+PushRequest in_levels(PushRequest request, std::vector<uint32_t>& levels,
+                      std::vector<uint32_t>& original) {
+  const std::vector<uint32_t> given = levels_of(request.files);
+  levels = given;
+  if (std::is_sorted(levels.begin(), levels.end())) return request;
+  original.resize(levels.size());
+  std::iota(original.begin(), original.end(), 0u);
+  std::stable_sort(original.begin(), original.end(),
+                   [&](uint32_t a, uint32_t b) { return given[a] < given[b]; });
+  std::vector<PushFile> files;
+  files.reserve(original.size());
+  for (const uint32_t file : original) files.push_back(std::move(request.files[file]));
+  request.files = std::move(files);
+  std::sort(levels.begin(), levels.end());
+  return request;
+}
+
 }  // namespace
 
 PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, ControlStream& control,
                  DataSender& data, Events& events)
-    : request_(std::move(request)),
+    : request_(in_levels(std::move(request), levels_, original_)),
       xact_(xact),
       nodes_(nodes),
       control_(control),
       data_(data),
       events_(events),
-      pieces_(cut_file_list(request_.files)),
+      places_(request_),
+      pieces_(cut_file_list(request_.files, levels_)),
       piece_deadline_(pieces_.size(), 0),
       received_(request_.files.size()),
       needed_(request_.files.size()),
@@ -62,6 +83,7 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
     summary_.bytes += request_.files[i].size;
   }
   summary_.files = request_.files.size();
+  leveled_ = !levels_.empty() && levels_.back() != 0;
 }
 
 void PushJob::begin(Time now) {
@@ -186,6 +208,7 @@ void PushJob::on_node_fresh(NodeIndex node, bool restarted) {
   set_present(fresh, true);
   fresh.heard.assign(pieces_.size(), Heard::kNothing);
   fresh.unacknowledged.clear();  // of a process, or a time, that is over
+  places_.forget(node);
   relists_.erase(node);
   ready_piece_ = kNoPiece;
   go_round_ = true;
@@ -198,6 +221,7 @@ void PushJob::on_node_fresh(NodeIndex node, bool restarted) {
 void PushJob::set_present(Member& member, bool present) {
   if (member.present == present) return;
   member.present = present;
+  go_round_ |= leveled_;
   if (member.left == 0) return;
   unfinished_ = present ? unfinished_ + 1 : unfinished_ - 1;
   for (uint32_t file = 0; file < needed_.size(); ++file)
@@ -251,6 +275,20 @@ std::vector<uint32_t> PushJob::lacking(const Member& member, FileRange range) co
   return files;
 }
 
+// Nothing of the lower levels is left on the node.
+bool PushJob::may_hear(const Member& member, uint32_t piece) const {
+  for (uint32_t before = 0; pieces_[before].level < pieces_[piece].level; ++before)
+    if (member.left_in[before] != 0) return false;
+  return true;
+}
+
+bool PushJob::level_open(uint32_t piece) const {
+  if (pieces_[piece].level == 0) return true;
+  return std::all_of(members_.begin(), members_.end(), [&](const Member& one) {
+    return !one.known || !one.present || may_hear(one, piece);
+  });
+}
+
 // Tells everybody who needs the piece; true when its files can go out.
 bool PushJob::piece_ready(uint32_t piece) {
   if (piece == ready_piece_) return true;
@@ -258,7 +296,7 @@ bool PushJob::piece_ready(uint32_t piece) {
   bool unacknowledged = false;
   for (NodeIndex i = 0; i < members_.size(); ++i) {
     const Member& one = members_[i];
-    if (!one.known || !needs_any(one, piece)) continue;
+    if (!one.known || !needs_any(one, piece) || !places_.clear(i)) continue;
     if (one.heard[piece] == Heard::kNothing) untold.push_back(i);
     unacknowledged |= one.heard[piece] != Heard::kAcknowledged;
   }
@@ -289,15 +327,22 @@ Audience PushJob::listed(const std::vector<NodeIndex>& nodes) const {
   return audience;
 }
 
-void PushJob::post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes,
-                        uint32_t piece) {
+// A message has room for so many addresses.
+template <class Post>
+void PushJob::in_groups(const std::vector<NodeIndex>& nodes, Post&& post) const {
   const bool everyone = request_.nodes.empty() && nodes.size() == nodes_.size();
   const size_t group = everyone ? nodes.size() : kMaxNodesPerMessage;
   for (size_t start = 0; start < nodes.size(); start += group) {
     const std::vector<NodeIndex> some(
         nodes.begin() + static_cast<ptrdiff_t>(start),
         nodes.begin() + static_cast<ptrdiff_t>(std::min(nodes.size(), start + group)));
-    const Audience audience = everyone ? Audience{} : listed(some);
+    post(some, everyone ? Audience{} : listed(some));
+  }
+}
+
+void PushJob::post_list(const std::vector<uint32_t>& files, const std::vector<NodeIndex>& nodes,
+                        uint32_t piece) {
+  in_groups(nodes, [&](const std::vector<NodeIndex>& some, const Audience& audience) {
     for (std::vector<uint8_t>& list : encode_file_lists(request_, xact_, files)) {
       const uint32_t sequence =
           control_.post(PKGDIST_CTRL_CLASS_FILE_SEND, std::move(list), audience, some, now_);
@@ -307,10 +352,38 @@ void PushJob::post_list(const std::vector<uint32_t>& files, std::vector<NodeInde
       }
       told_[sequence] = piece != kNoPiece ? Told{piece, {}} : Told{kNoPiece, files};
     }
-  }
+  });
+}
+
+// --- Directories ---
+
+void PushJob::clear_places() {
+  std::vector<NodeIndex> untold;
+  for (NodeIndex i = 0; i < members_.size(); ++i)
+    if (members_[i].known && members_[i].present && places_.untold(i)) untold.push_back(i);
+  if (untold.empty()) return;
+  in_groups(untold, [&](const std::vector<NodeIndex>& some, const Audience& audience) {
+    places_.tell(some, audience, control_, now_);
+  });
+  if (places_deadline_ == 0) places_deadline_ = now_ + kListWait;
+}
+
+// The push begins with the nodes that it has; one that comes later makes room by itself.
+bool PushJob::places_pending() const {
+  if (now_ >= places_deadline_) return false;
+  for (NodeIndex i = 0; i < members_.size(); ++i)
+    if (members_[i].known && members_[i].present && !places_.clear(i)) return true;
+  return false;
 }
 
 void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
+  using Meaning = DirectoryPlaces::Meaning;
+  if (const Meaning meaning = places_.on_acknowledged(sequence, node); meaning != Meaning::kOther) {
+    if (meaning != Meaning::kCleared || member(node) == nullptr) return;
+    go_round_ = true;
+    ready_piece_ = kNoPiece;
+    return fresh_.push_back(node);
+  }
   const auto found = told_.find(sequence);
   Member* one = member(node);
   if (found == told_.end() || one == nullptr) return;
@@ -351,7 +424,9 @@ void PushJob::announce_to_fresh() {
     if (active_in_[piece] == 0) continue;
     std::vector<NodeIndex> untold;
     for (NodeIndex node : nodes)
-      if (needs_any(members_[node], piece)) untold.push_back(node);
+      if (needs_any(members_[node], piece) && may_hear(members_[node], piece) &&
+          places_.clear(node))
+        untold.push_back(node);
     if (!untold.empty()) announce(piece, untold);
   }
 }
@@ -388,8 +463,7 @@ bool PushJob::pick_file() {
 }
 
 void PushJob::start_file(uint32_t file, const std::vector<NodeIndex>& nodes) {
-  make_active(file, data_.start({request_.location, request_.files[file].name}, request_.priority,
-                                file, nodes, now_));
+  make_active(file, data_.start(key_of(file), request_.priority, file, nodes, now_));
 }
 
 void PushJob::make_active(uint32_t file, TransferId id) {
@@ -398,16 +472,23 @@ void PushJob::make_active(uint32_t file, TransferId id) {
 }
 
 void PushJob::feed() {
+  if (places_pending()) return;
   while (data_.waiting_files() < kMaxWaitingFiles && data_.waiting_bytes() < kMaxWaitingBytes &&
          active_.size() < Slots::kPush && pick_file()) {
     const uint32_t piece = piece_of(cursor_);
+    if (!level_open(piece)) {
+      cursor_ = pieces_[piece].end;
+      continue;
+    }
     const bool announced = piece_deadline_[piece] != 0;
     if (!announced && !fits_ahead(piece) && data_.backlog_seconds() > kAnnounceAheadSeconds) return;
     if (!piece_ready(piece)) return;
     const std::vector<NodeIndex> nodes = listeners(cursor_);
     // Left out, a file comes again: when a node acknowledges, or when the other transfer ends.
-    const TransferId other = data_.find({request_.location, request_.files[cursor_].name});
-    if (!nodes.empty() && other == kNoTransfer) start_file(cursor_, nodes);
+    const TransferId other = data_.find(key_of(cursor_));
+    const bool free = other == kNoTransfer && !data_.collides(key_of(cursor_));
+    if (!nodes.empty() && free) start_file(cursor_, nodes);
+    held_ |= other == kNoTransfer && !free;
     if (!nodes.empty() && other != kNoTransfer && !take_over(cursor_, other, nodes)) {
       // Of others than the push's nodes it goes on behind the push: they ask again.
       if (!is_for_members(*data_.get(other))) {
@@ -472,10 +553,25 @@ bool PushJob::start_requested(const FileKey& key, NodeIndex node, Time now) {
   const Member* asking = member(node);
   if (phase_ != Phase::kRunning || asking == nullptr || !needs(*asking, found->second))
     return false;
+  // The node asks again.
+  if (!may_hear(*asking, piece_of(found->second)) || !places_.clear(node) || data_.collides(key))
+    return true;
   std::vector<NodeIndex> nodes = listeners(found->second);
   if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) nodes.push_back(node);
   start_file(found->second, nodes);
   return true;
+}
+
+bool PushJob::holds_back(const FileKey& key, NodeIndex node) {
+  const Member* asking = member(node);
+  if (phase_ != Phase::kRunning || asking == nullptr || key.location != request_.location)
+    return false;
+  const std::string plain = plain_name(key.name);
+  const std::vector<std::string_view> owners = owners_of_partial(plain);
+  return std::any_of(owners.begin(), owners.end(), [&](std::string_view owner) {
+    const auto found = by_name_.find(std::string(owner));
+    return found != by_name_.end() && needs(*asking, found->second);
+  });
 }
 
 // Failures that another try may cure: the node gave up waiting, or a link came before the first
@@ -496,7 +592,12 @@ void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
   one.report.bytes_left -= request_.files[file].size;
   if (status != 0) one.failed[file] = status;
   if (one.present) --needed_[file];
-  --one.left_in[piece_of(file)];
+  const uint32_t piece = piece_of(file);
+  if (--one.left_in[piece] == 0 && leveled_) {
+    // It may hear of what is perhaps on its way to others.
+    go_round_ = true;
+    fresh_.push_back(static_cast<NodeIndex>(&one - members_.data()));
+  }
   if (--one.left != 0) return;
   one.report.finished_at = now_;
   if (one.present) --unfinished_;
@@ -559,6 +660,7 @@ void PushJob::on_closed(const Transfer& transfer) {
   const auto file = static_cast<uint32_t>(transfer.tag);
   active_in_[piece_of(file)] -= static_cast<uint32_t>(active_.erase(file));
   if (phase_ == Phase::kRunning && needed_[file] != 0) go_round_ = true;
+  go_round_ |= std::exchange(held_, false);
 }
 
 // --- The course of the push ---
@@ -582,6 +684,7 @@ void PushJob::run(Time now) {
   if (phase_ != Phase::kRunning) return;
   release_unneeded();
   if (!relists_.empty()) flush_relists();
+  clear_places();
   if (!fresh_.empty()) announce_to_fresh();
   if (request_.slow_nodes != SlowNodes::kWait)
     if (const NodeIndex slow = data_.take_straggler(now); slow != kNoNode) treat_straggler(slow);
@@ -596,6 +699,7 @@ Time PushJob::next_deadline() const {
   Time deadline = request_.max_time != 0 ? begun_ + request_.max_time : kNever;
   if (phase_ == Phase::kGathering)
     return std::min(deadline, summary_.started_at + request_.node_timeout);
+  if (places_deadline_ > now_) deadline = std::min(deadline, places_deadline_);
   for (Time wait : piece_deadline_)
     if (wait > now_) deadline = std::min(deadline, wait);
   return deadline;
@@ -651,8 +755,9 @@ PushReport PushJob::report() const {
   auto node = report.nodes.begin();
   for (const Member& one : members_) {
     if (!one.known) continue;
-    node->failed = one.failed;
+    for (const auto& [file, status] : one.failed) node->failed[original(file)] = status;
     if (one.left != 0) node->open = lacking(one, {0, static_cast<uint32_t>(request_.files.size())});
+    for (uint32_t& file : node->open) file = original(file);
     ++node;
   }
   return report;

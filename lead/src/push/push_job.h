@@ -9,12 +9,17 @@
 //
 // Every push ends by itself: a node that answers pings and does not take part in the push, because
 // its lists or the data channel do not get through, is left out after a while.
+//
+// A node that receives NAME writes to NAME.tmp. A push with both names brings files in levels
+// (file_list.h): nobody is told of a file of the next level before the files of this one have ended
+// on every present node. Nor is one sent beside a transfer that somebody else has asked for.
 #pragma once
 
 #include <set>
 #include <unordered_map>
 
 #include "control/control_stream.h"
+#include "push/directory_places.h"
 #include "push/file_list.h"
 #include "stream/data_sender.h"
 
@@ -68,6 +73,8 @@ class PushJob {
   // still lacks; it is then started out of turn, or will come soon when the push is about to begin:
   // sent at once it would be sent twice, since the node will be told of it again.
   bool start_requested(const FileKey& key, NodeIndex node, Time now);
+  // Whether the node, which asks for a file, still lacks one of this push that would overwrite it.
+  bool holds_back(const FileKey& key, NodeIndex node);
 
  private:
   enum class Phase : uint8_t { kGathering, kRunning, kFinished };
@@ -105,12 +112,21 @@ class PushJob {
     return member.present && member.left_in[piece] != 0;
   }
   void set_present(Member& member, bool present);
+  void clear_places();
+  bool places_pending() const;
+  bool may_hear(const Member& member, uint32_t piece) const;
+  bool level_open(uint32_t piece) const;
+  FileKey key_of(uint32_t file) const { return {request_.location, request_.files[file].name}; }
   std::vector<NodeIndex> listeners(uint32_t file) const;
   bool piece_ready(uint32_t piece);
   void announce(uint32_t piece, const std::vector<NodeIndex>& nodes);
   Audience listed(const std::vector<NodeIndex>& nodes) const;
-  void post_list(const std::vector<uint32_t>& files, std::vector<NodeIndex> nodes, uint32_t piece);
+  template <class Post>
+  void in_groups(const std::vector<NodeIndex>& nodes, Post&& post) const;
+  void post_list(const std::vector<uint32_t>& files, const std::vector<NodeIndex>& nodes,
+                 uint32_t piece);
   std::vector<uint32_t> lacking(const Member& member, FileRange range) const;
+  uint32_t original(uint32_t file) const { return original_.empty() ? file : original_[file]; }
   uint32_t piece_of(uint32_t file) const;
   // A file in transfer of which something was sent.
   struct Streamed {
@@ -145,12 +161,17 @@ class PushJob {
 
   static constexpr uint32_t kNoPiece = UINT32_MAX;
 
-  const PushRequest request_;
+  std::vector<uint32_t> original_;  // by file: its place in the owner's request; empty: the same
+  std::vector<uint32_t> levels_;    // by file, ascending
+  const PushRequest request_;       // in the order of levels
   const uint32_t xact_;
   const NodeTable& nodes_;
   ControlStream& control_;
   DataSender& data_;
   Events& events_;
+
+  DirectoryPlaces places_;
+  Time places_deadline_ = 0;  // when files go out without the nodes that have not made room
 
   Phase phase_ = Phase::kGathering;
   Time now_ = 0;
@@ -168,6 +189,8 @@ class PushJob {
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again
   bool release_due_ = false;                         // files in transfer may be needed no longer
+  bool leveled_ = false;                             // not all files are of level 0
+  bool held_ = false;                                // a file waits for the end of another one
   uint32_t ready_piece_ = kNoPiece;                  // found ready, until somebody's state changes
   std::unordered_map<uint32_t, TransferId> active_;  // by file
   std::vector<uint32_t> active_in_;                  // files of active_, by piece

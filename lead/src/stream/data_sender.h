@@ -57,6 +57,8 @@ class DataSender {
   void abandon_all() { abandon(UINT64_MAX); }
 
   TransferId find(const FileKey& key) const { return table_.find(key); }
+  // Whether the file has to wait for the end of another one; see transfer_table.h.
+  bool collides(const FileKey& key) const { return table_.collides(key); }
   const Transfer* get(TransferId id) const { return table_.at(id); }
 
   // Transfers that are announced but not streamed yet, and the bytes in them.

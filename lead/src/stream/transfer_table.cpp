@@ -1,5 +1,9 @@
 #include "stream/transfer_table.h"
 
+#include <algorithm>
+
+#include "pkgdist_lead/names.h"
+
 namespace pkgdist::lead {
 
 namespace {
@@ -25,6 +29,7 @@ TransferId TransferTable::next_id() {
 Transfer& TransferTable::add(FileKey key, const FileAttributes& attributes, uint32_t segments) {
   const TransferId id = next_id();
   by_key_.emplace(key.text(), id);
+  count_names(key, true);
   auto owned = std::make_unique<Transfer>(id, std::move(key), attributes, segments, &busy_);
   return *transfers_.emplace(id, std::move(owned)).first->second;
 }
@@ -45,12 +50,37 @@ void TransferTable::set_asker(Transfer& transfer, NodeIndex asker) {
   transfer.asker = asker;
 }
 
+void TransferTable::count(Counts& counts, const std::string& key, bool more) {
+  if (more)
+    ++counts[key];
+  else if (const auto found = counts.find(key); --found->second == 0)
+    counts.erase(found);
+}
+
+void TransferTable::count_names(const FileKey& key, bool more) {
+  const std::string plain = plain_name(key.name);
+  count(plain_names_, FileKey{key.location, plain}.text(), more);
+  for (const std::string_view owner : owners_of_partial(plain))
+    count(partial_owners_, FileKey{key.location, std::string(owner)}.text(), more);
+}
+
+bool TransferTable::collides(const FileKey& key) const {
+  const FileKey plain{key.location, plain_name(key.name)};
+  const std::vector<std::string_view> owners = owners_of_partial(plain.name);
+  if (partial_owners_.contains(plain.text())) return true;
+  if (plain_names_.contains(plain.text()) && find(key) == kNoTransfer) return true;
+  return std::any_of(owners.begin(), owners.end(), [&](std::string_view owner) {
+    return plain_names_.contains(FileKey{key.location, std::string(owner)}.text());
+  });
+}
+
 std::unique_ptr<Transfer> TransferTable::remove(TransferId id) {
   const auto found = transfers_.find(id);
   std::unique_ptr<Transfer> removed = std::move(found->second);
   transfers_.erase(found);
   by_key_.erase(removed->key.text());
   set_asker(*removed, kNoNode);
+  count_names(removed->key, false);
   const auto nodes = static_cast<NodeIndex>(removed->nodes.size());
   for (NodeIndex node = 0; node < nodes; ++node)
     if (removed->nodes[node].state == TransferNode::State::kOpen)

@@ -21,6 +21,10 @@ class TransferTable {
   // Null when there is none.
   Transfer* at(TransferId id) const;
   TransferId find(const FileKey& key) const;
+  // Whether a node could not receive the file beside one that is under way: one is the partial file
+  // of the other, or a directory of that name, or both names are ways to write one. The transfer of
+  // the very same name is not meant.
+  bool collides(const FileKey& key) const;
   // A number that no transfer has.
   TransferId next_id();
   // Whether a file can be begun for the node.
@@ -44,6 +48,13 @@ class TransferTable {
   RequestSlots slots_;
   std::unordered_map<TransferId, std::unique_ptr<Transfer>> transfers_;
   std::unordered_map<std::string, TransferId> by_key_;
+  // How many transfers have the plain name, and how many need it to stand free, by location and
+  // name.
+  using Counts = std::unordered_map<std::string, uint32_t>;
+  static void count(Counts& counts, const std::string& key, bool more);
+  void count_names(const FileKey& key, bool more);
+  Counts plain_names_;
+  Counts partial_owners_;
   TransferId last_id_;
 };
 

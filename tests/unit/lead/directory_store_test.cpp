@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+
+#include "shell/beneath.h"
 
 namespace pkgdist::lead {
 namespace {
@@ -164,18 +167,173 @@ TEST_F(DirectoryStoreTest, leaves_special_files_out_with_a_warning) {
   EXPECT_TRUE(tree.problems.empty());
 }
 
-TEST_F(DirectoryStoreTest, what_cannot_travel_is_a_problem) {
+TEST_F(DirectoryStoreTest, what_cannot_travel_is_left_out_by_name_and_the_rest_stays) {
+  write("file", "x");
+  const auto left_out = [&] { return collect({"."}).left_out.size(); };
   fs::create_symlink(std::string(255, 'x'), root_ / "link255");
-  EXPECT_TRUE(collect({"."}).problems.empty());
+  EXPECT_EQ(left_out(), 0u);
   fs::create_symlink(std::string(256, 'x'), root_ / "link256");
-  EXPECT_EQ(collect({"."}).problems.size(), 1u);
-  write(std::string(200, 'd') + "/" + std::string(40, 'f'), "x");
-  EXPECT_EQ(collect({"."}).problems.size(), 2u);
+  EXPECT_EQ(left_out(), 1u);
+  const std::string longest = std::string(200, 'd') + "/" + std::string(40, 'f');
+  write(longest, "x");
+  EXPECT_EQ(left_out(), 2u);
   std::ofstream(root_ / "large");
   fs::resize_file(root_ / "large", uint64_t{1} << 32);
-  EXPECT_EQ(collect({"."}).problems.size(), 3u);
+  const FileTree tree = collect({".", "large"});
+  EXPECT_TRUE(tree.problems.empty());
+  EXPECT_EQ(names(tree), (Names{"file", "link255"}));
+  ASSERT_EQ(tree.left_out.size(), 3u);
+  EXPECT_EQ(tree.left_out[0].name, longest);
+  EXPECT_EQ(tree.left_out[1].name, "large");
+  EXPECT_NE(tree.left_out[1].reason.find("4 GiB"), std::string::npos);
+  EXPECT_EQ(tree.left_out[2].name, "link256");
   fs::resize_file(root_ / "large", (uint64_t{1} << 32) - 1);
-  EXPECT_EQ(collect({"."}).problems.size(), 2u);
+  EXPECT_EQ(left_out(), 2u);
+}
+
+TEST_F(DirectoryStoreTest, tells_the_directories_of_what_it_collects_upper_ones_first) {
+  write("b/c/file", "x");
+  write("b/file", "x");
+  write("a/d/other", "x");
+  write("top", "x");
+  fs::create_directories(root_ / "empty");
+  fs::create_directories(root_ / "links");
+  fs::create_symlink("x", root_ / "links/link");
+  EXPECT_EQ(collect({"."}).directories, (Names{"a", "a/d", "b", "b/c", "links"}));
+  EXPECT_EQ(collect({"b/c", "top"}).directories, (Names{"b", "b/c"}));
+}
+
+TEST_F(DirectoryStoreTest, times_that_do_not_travel_are_clamped_and_told_once) {
+  const int64_t last = UINT32_MAX;
+  for (const auto& [name, time] : {std::pair{"a", int64_t{-5}}, {"b", last + 1}, {"c", last}}) {
+    write(name, "x");
+    set_times(root_ / name, time);
+  }
+  ASSERT_EQ(open("a"), 0);
+  EXPECT_EQ(attributes_.mtime, 0u);
+  ASSERT_EQ(open("b"), 0);
+  EXPECT_EQ(attributes_.mtime, UINT32_MAX);
+  const FileTree tree = collect({".", "a"});
+  ASSERT_EQ(tree.warnings.size(), 1u);
+  EXPECT_EQ(tree.warnings[0].substr(0, 2), "a:");
+  EXPECT_NE(tree.warnings[0].find("1 more"), std::string::npos);
+  EXPECT_TRUE(collect({"c"}).warnings.empty());
+}
+
+// As root everything can be read: a child process that is not root looks.
+class UnreadableTree : public DirectoryStoreTest {
+ protected:
+  // The number of the first expectation that `look` finds wrong, 0 when there is none.
+  template <class Look>
+  int as_nobody(Look&& look) {
+    fs::permissions(root_, fs::perms(0755));
+    const pid_t child = ::fork();
+    if (child == 0) {
+      constexpr uid_t kNobody = 65534;
+      if (::getuid() == 0 && ::setuid(kNobody) != 0) ::_exit(99);
+      ::_exit(look());
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+};
+
+TEST_F(UnreadableTree, costs_what_is_unreadable_and_names_it) {
+  write("a/file", "x");
+  write("closed/file", "x");
+  write("open/deep/closed/file", "x");
+  write("open/file", "x");
+  write("secret", "x");
+  for (const char* name : {"closed", "open/deep/closed", "secret"})
+    fs::permissions(root_ / name, fs::perms::none);
+  EXPECT_EQ(as_nobody([&] {
+              const FileTree tree = collect({"."});
+              if (names(tree) != Names{"a/file", "open/file"}) return 1;
+              if (tree.left_out.size() != 3 || !tree.problems.empty()) return 2;
+              if (tree.left_out[0].name != "closed") return 3;
+              if (tree.left_out[1].name != "open/deep/closed") return 4;
+              return tree.left_out[2].name == "secret" ? 0 : 5;
+            }),
+            0);
+  for (const char* name : {"closed", "open/deep/closed"})
+    fs::permissions(root_ / name, fs::perms::owner_all);
+}
+
+// --- Links of directories ---
+
+class LinkedDirectories : public DirectoryStoreTest {
+ protected:
+  void SetUp() override {
+    DirectoryStoreTest::SetUp();
+    write("real/file", "inside");
+    write("real/deep/file", "inside");
+    outside_ = root_.string() + "-outside";
+    fs::create_directories(outside_);
+    std::ofstream(outside_ / "secret") << "outside";
+    descriptor_ = ::open(root_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+  void TearDown() override {
+    ::close(descriptor_);
+    fs::remove_all(outside_);
+    DirectoryStoreTest::TearDown();
+  }
+  void link(const std::string& name, const std::string& target) {
+    fs::create_symlink(target, root_ / name);
+  }
+  // By the kernel and by the walk, which must agree.
+  int beneath(const std::string& name) {
+    const auto outcome = [](const Descriptor& opened) { return opened ? 0 : errno; };
+    const int by_kernel = outcome(open_beneath(descriptor_, name, O_RDONLY));
+    EXPECT_EQ(outcome(open_beneath_by_walk(descriptor_, name, O_RDONLY)), by_kernel) << name;
+    return by_kernel;
+  }
+  fs::path outside_;
+  int descriptor_ = -1;
+};
+
+TEST_F(LinkedDirectories, that_lead_out_of_the_root_are_not_followed) {
+  link("absolute", outside_.string());
+  link("relative", "../" + outside_.filename().string());
+  link("real/up", "../../" + outside_.filename().string());
+  link("chain", "real/up");
+  link("back", "../" + root_.filename().string() + "/real");
+  for (const char* name :
+       {"absolute/secret", "relative/secret", "real/up/secret", "chain/secret"}) {
+    EXPECT_EQ(open(name), EXDEV) << name;
+    EXPECT_EQ(beneath(name), EXDEV) << name;
+  }
+  EXPECT_EQ(beneath("back/file"), EXDEV);
+}
+
+TEST_F(LinkedDirectories, that_stay_inside_are_followed) {
+  link("current", "real");
+  link("real/self", "../real/./deep");
+  link("hop", "current/self");
+  for (const char* name : {"current/file", "real/self/file", "hop/file", "current/deep/file"}) {
+    EXPECT_EQ(open(name), 0) << name;
+    EXPECT_EQ(beneath(name), 0) << name;
+  }
+  EXPECT_EQ(open("//current/./file"), 0);
+}
+
+TEST_F(LinkedDirectories, that_never_end_or_lead_nowhere_fail) {
+  link("loop", "loop");
+  link("nowhere", "missing");
+  link("to a file", "real/file");
+  EXPECT_EQ(beneath("loop/file"), ELOOP);
+  EXPECT_EQ(beneath("nowhere/file"), ENOENT);
+  EXPECT_EQ(beneath("to a file/x"), ENOTDIR);
+  EXPECT_EQ(beneath("to a file"), ELOOP);
+  EXPECT_EQ(beneath("missing"), ENOENT);
+}
+
+TEST_F(LinkedDirectories, the_root_itself_may_be_a_link) {
+  const std::string way = root_.string() + "-way";
+  fs::create_symlink(root_, way);
+  store_.set_root(1, way);
+  EXPECT_EQ(open("real/file"), 0);
+  fs::remove(way);
 }
 
 }  // namespace

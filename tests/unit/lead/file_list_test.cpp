@@ -35,6 +35,25 @@ TEST(FileList, long_names_make_smaller_pieces) {
   for (const FileRange& piece : pieces) EXPECT_LE((piece.end - piece.first) * 242, 41u * 1024);
 }
 
+TEST(FileList, a_piece_has_files_of_one_level) {
+  const auto pieces = cut_file_list(request_of(4, 5, 10).files, {0, 0, 1, 2});
+  ASSERT_EQ(pieces.size(), 3u);
+  EXPECT_EQ(pieces[0].end, 2u);
+  EXPECT_EQ(pieces[2].level, 2u);
+}
+
+TEST(FileList, a_file_is_a_level_above_the_one_whose_partial_name_it_has) {
+  const auto levels_for = [](std::vector<std::string> names) {
+    std::vector<PushFile> files;
+    for (std::string& name : names) files.push_back({std::move(name), 1});
+    return levels_of(files);
+  };
+  using Levels = std::vector<uint32_t>;
+  EXPECT_EQ(levels_for({"a.tmp.tmp", "a.tmp", "a", "b.tmp"}), (Levels{2, 1, 0, 0}));
+  EXPECT_EQ(levels_for({"a.tmp/b", "a.tmp/b.tmp", "./a"}), (Levels{1, 2, 0}));
+  EXPECT_EQ(levels_for({"a", "a.tmp.tmp"}), (Levels{0, 0}));
+}
+
 TEST(FileList, a_large_file_is_a_piece_of_its_own) {
   EXPECT_EQ(cut_file_list(request_of(3, 5, 4'000'000'000).files).size(), 3u);
 }

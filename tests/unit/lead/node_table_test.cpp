@@ -88,6 +88,40 @@ TEST_F(NodeTableTest, of_a_silent_node_the_first_answer_of_another_process_is_a_
   EXPECT_EQ(hear(11, 2), Sighting::kRestarted);
 }
 
+// Two hosts with one address answer every ping, with a process number each.
+TEST_F(NodeTableTest, an_address_that_two_hosts_share_is_told_once_and_no_restart) {
+  hear(10, 1);
+  EXPECT_EQ(hear(20, 1), Sighting::kRival);
+  EXPECT_EQ(hear(10, 2), Sighting::kKnown);
+  EXPECT_EQ(hear(20, 2), Sighting::kShared);
+  for (Time ping = 3; ping < 100; ++ping) {
+    EXPECT_EQ(hear(20, ping), Sighting::kIgnored) << ping;
+    EXPECT_EQ(hear(10, ping), Sighting::kKnown) << ping;
+  }
+}
+
+TEST_F(NodeTableTest, two_hosts_with_one_address_do_not_take_turns_when_answers_get_lost) {
+  hear(10, 1);
+  hear(20, 2);  // the answer of the first one is lost
+  EXPECT_EQ(hear(20, 3), Sighting::kRestarted);
+  EXPECT_EQ(hear(10, 3), Sighting::kRestarted);
+  EXPECT_EQ(hear(20, 4), Sighting::kShared);
+  for (Time ping = 5; ping < 100; ++ping) {
+    EXPECT_EQ(hear(10, ping), Sighting::kKnown) << ping;
+    EXPECT_EQ(hear(20, ping), Sighting::kIgnored) << ping;
+  }
+  EXPECT_EQ(process(), 10u);
+}
+
+TEST_F(NodeTableTest, a_shared_address_goes_to_the_other_host_when_the_first_one_is_silent) {
+  hear(10, 1);
+  hear(20, 1);
+  hear(10, 2);
+  hear(20, 2);
+  EXPECT_EQ(hear(20, 3), Sighting::kIgnored);
+  EXPECT_EQ(hear(20, 4), Sighting::kRestarted);
+}
+
 TEST(NodeTable, a_node_falls_silent_once_and_returns) {
   NodeTable table;
   table.observe_control(of_process(10), 1, kNoPing, kSecond);

@@ -589,6 +589,95 @@ TEST(PushEnds, for_a_node_whose_process_restarts_again_and_again) {
   EXPECT_EQ(report.nodes[1].files_done, 1u);
 }
 
+// Its path is too long there, or the node has no such location.
+TEST(PushEnds, on_a_node_that_refuses_a_name_with_the_rest_received) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(10'000, 1));
+  cluster.store.add("long name", pattern(10'000, 2));
+  cluster.add_hosts(2);
+  cluster.set_loss(0.05, 0.05, 1);
+  cluster.node(0).limit_names(5);
+  ASSERT_TRUE(cluster.run_push(cluster.push_all(), 20 * kSecond));
+  const lead::PushReport report = cluster.lead().push_report();
+  EXPECT_FALSE(report.complete());
+  ASSERT_EQ(report.nodes[0].failed.size(), 1u);
+  EXPECT_EQ(report.nodes[0].failed.at(1), PKGDIST_STATUS_UNKNOWN_FILE);
+  EXPECT_EQ(report.nodes[0].files_done, 1u);
+  EXPECT_EQ(report.nodes[1].files_done, 2u);
+  EXPECT_EQ(cluster.host(1).disk, cluster.store.files());
+}
+
+// What is no directory goes before any file of the push is announced.
+class PushWithDirectories : public testing::TestWithParam<uint64_t> {
+ protected:
+  PushWithDirectories() {
+    cluster_.store.add("lib/a.so", pattern(20'000, 1));
+    cluster_.store.add("lib/b.so", pattern(20'000, 2));
+    cluster_.add_hosts(3);
+    cluster_.set_loss(0.1, 0.1, GetParam());
+    for (size_t i = 0; i < 3; ++i) cluster_.host(i).disk["1:lib"] = {{'x'}, 0777, 0, true};
+    request_ = cluster_.push_all();
+    request_.directories = {"lib"};
+    // Where the link still stands when the file is begun, the file goes through it.
+    cluster_.on_node_sent = [this](size_t, lead::Channel, const Bytes&) { look(); };
+  }
+  void look() {
+    for (size_t i = 0; i < cluster_.hosts(); ++i)
+      if (cluster_.host(i).disk.contains("1:lib") && cluster_.host(i).node &&
+          cluster_.node(i).receiving())
+        too_early_ = true;
+  }
+  static lead::Settings slow() {
+    lead::Settings settings = LeadCluster::default_settings();
+    settings.rate_bits = 50'000'000;
+    return settings;
+  }
+  LeadCluster cluster_{slow()};
+  lead::PushRequest request_;
+  bool too_early_ = false;
+};
+
+INSTANTIATE_TEST_SUITE_P(Seeds, PushWithDirectories, testing::Range<uint64_t>(1, 9));
+
+TEST_P(PushWithDirectories, makes_room_for_them_on_every_node_first) {
+  ASSERT_TRUE(cluster_.run_push(request_, 60 * kSecond));
+  EXPECT_TRUE(cluster_.lead().push_report().complete());
+  EXPECT_TRUE(cluster_.identical());
+  EXPECT_FALSE(too_early_);
+}
+
+TEST_P(PushWithDirectories, makes_room_on_a_node_that_comes_late_or_again) {
+  cluster_.store.add("lib/large", pattern(3'000'000, 3));
+  request_.files.push_back({"lib/large", 3'000'000});
+  cluster_.add_host(false);
+  cluster_.host(3).disk["1:lib"] = {{'x'}, 0777, 0, true};
+  ASSERT_EQ(cluster_.lead().start_push(request_, cluster_.now()), nullptr);
+  ASSERT_TRUE(cluster_.run_until([&] { return cluster_.node(0).receiving(); }, 30 * kSecond));
+  cluster_.start_node(3);
+  cluster_.stop_node(0);
+  cluster_.run_for(50 * kMillisecond);
+  cluster_.start_node(0);
+  ASSERT_TRUE(cluster_.run_until([&] { return cluster_.seen().appeared == 4; }, 30 * kSecond));
+  ASSERT_TRUE(cluster_.run_until([&] { return !cluster_.lead().push_running(); }, 60 * kSecond));
+  EXPECT_TRUE(cluster_.identical());
+  EXPECT_FALSE(too_early_);
+}
+
+TEST(PushToASharedAddress, says_that_two_hosts_have_it_and_reports_no_restarts) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(3'000'000, 1));
+  cluster.add_host();
+  cluster.add_host(false);
+  cluster.host(1).address = cluster.host(0).address;
+  cluster.start_node(1);
+  lead::PushRequest request = cluster.push_all();
+  request.node_count = 1;
+  ASSERT_TRUE(cluster.run_push(request, 60 * kSecond));
+  cluster.run_for(5 * kSecond);
+  EXPECT_EQ(cluster.seen().shared, 1u);
+  EXPECT_EQ(cluster.seen().restarted, 0u);
+}
+
 TEST(PushEnds, when_its_time_is_over) {
   LeadCluster cluster;
   cluster.store.add("file", pattern(100'000'000, 1));

@@ -179,6 +179,21 @@ TEST(TransferTable, an_answer_of_a_node_that_ends_is_not_counted_any_longer) {
   EXPECT_FALSE(a.node(0).answered);
 }
 
+TEST(TransferTable, knows_what_cannot_be_received_beside_a_transfer) {
+  TransferTable table(1);
+  const TransferId id = table.add({1, "d/a.tmp"}, {}, 1).id;
+  for (const char* name : {"d/a", "d/a.tmp.tmp", "./d/a", "d//a.tmp", "d/a.tmp.tmp/x"})
+    EXPECT_TRUE(table.collides({1, name})) << name;
+  for (const char* name : {"d/a.tmp", "d/b", "a", "a.tmp", "d/a.tmp.x"})
+    EXPECT_FALSE(table.collides({1, name})) << name;
+  EXPECT_FALSE(table.collides({2, "d/a"}));
+  table.add({1, "x.tmp/f"}, {}, 1);
+  EXPECT_TRUE(table.collides({1, "x"}));
+  table.remove(id);
+  EXPECT_FALSE(table.collides({1, "d/a"}));
+  EXPECT_FALSE(table.collides({1, "d/a.tmp.tmp"}));
+}
+
 TEST(Transfer, tells_how_far_its_first_turn_has_come) {
   Transfer transfer(1, {1, "a"}, {.size = 1000}, 10);
   EXPECT_EQ(transfer.streamed_segments(), 0u);
