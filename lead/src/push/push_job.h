@@ -52,6 +52,9 @@ class PushJob {
 
   // Transfers whose tag is the index of a file of this push.
   void on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped);
+  // A node has received a file from a transfer outside of the push. If it knew of the push by then,
+  // that was for both.
+  void on_received_elsewhere(const Transfer& transfer, NodeIndex node);
   bool on_unlisted(const Transfer& transfer, NodeIndex node);
   // Whether a node that had no information yet can have ended the file so in this push.
   bool ends_unknown(const Transfer& transfer, uint64_t status) const;
@@ -127,7 +130,9 @@ class PushJob {
   }
   void finish();
   void end_file(Member& one, uint32_t file, uint64_t status);
-  void count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status, bool skipped);
+  void count_end(PushNodeReport& node, uint32_t file, const Transfer& transfer, uint64_t status,
+                 bool skipped);
+  void displace(uint32_t file, TransferId other, const std::vector<NodeIndex>& nodes);
   bool retry(const Transfer& transfer, NodeIndex node, uint64_t status);
   Member* member(NodeIndex node);
 
@@ -155,6 +160,7 @@ class PushJob {
 
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again
+  Time revisit_at_ = kNever;                         // a file that was in the way then
   bool release_due_ = false;                         // files in transfer may be needed no longer
   uint32_t ready_piece_ = kNoPiece;                  // found ready, until somebody's state changes
   std::unordered_map<uint32_t, TransferId> active_;  // by file

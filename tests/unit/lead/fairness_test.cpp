@@ -53,7 +53,7 @@ TEST_F(Fairness, requests_that_are_renewed_do_not_stop_a_push) {
     for (size_t i = 500; i < 3000; ++i) ask(small(i));
   });
   EXPECT_GT(took, 0u);
-  EXPECT_LT(took, 30 * kSecond);
+  EXPECT_LT(took, 2 * kSecond);  // before they are renewed
 }
 
 TEST_F(Fairness, requests_for_files_that_wait_for_their_turn_do_not_stop_a_push) {
@@ -67,7 +67,7 @@ TEST_F(Fairness, requests_for_files_that_wait_for_their_turn_do_not_stop_a_push)
     }
   });
   EXPECT_GT(took, 0u);
-  EXPECT_LT(took, 30 * kSecond);
+  EXPECT_LT(took, 2 * kSecond);
 }
 
 TEST_F(Fairness, a_request_takes_half_of_the_stream_at_most_whatever_its_priority) {
