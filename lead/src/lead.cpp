@@ -130,6 +130,7 @@ class Lead::Impl : private TransferObserver {
 
   void transfer_ended(const Transfer& transfer, NodeIndex node, uint64_t status,
                       bool skipped) override;
+  void transfer_overheard(const Transfer& transfer, NodeIndex node) override;
   bool transfer_unlisted(const Transfer& transfer, NodeIndex node) override;
   bool transfer_ends_unknown(const Transfer& transfer, uint64_t status) override;
   void transfer_closed(const Transfer& transfer) override;
@@ -242,7 +243,9 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
   }
   const NodeTable::Result seen = nodes_.observe_control(*header, *address, asked, now);
   if (seen.sighting == Sighting::kRival) control_.ping_soon(now);
-  if (seen.index == kNoNode) {
+  // A process need not be the present one to send a message.
+  const NodeIndex node = message ? nodes_.find(*address) : seen.index;
+  if (node == kNoNode) {
     ++counters_.foreign_datagrams;
     return;
   }
@@ -252,9 +255,9 @@ void Lead::Impl::on_control(const Frame& frame, uint32_t from, Time now) {
                                                  control_.unused(), asked, now);
   if (renewed) control_.ping_soon(now);
   on_sighting(seen);
-  if (reply) return on_ping_reply(seen.index, *header, now);
-  if (message) return on_message(seen.index, *header, frame.body, now);
-  on_answer(seen.index, *header, now);
+  if (reply) return on_ping_reply(node, *header, now);
+  if (message) return on_message(node, *header, frame.body, now);
+  on_answer(node, *header, now);
 }
 
 // Whether this process of the node is known here: answers that come before are for an earlier lead.
@@ -353,7 +356,6 @@ void Lead::Impl::on_sighting(NodeTable::Result seen) {
     control_.forget(seen.index);
     streams_.forget(seen.index);
     outbox_.on_gone(seen.index, Delivery::kRestarted);
-    messages_.forget(seen.index);
     data_.drop_node(seen.index);
   }
   if (push_) push_->on_node_fresh(seen.index, seen.sighting == Sighting::kRestarted);
@@ -444,9 +446,13 @@ void Lead::Impl::transfer_ended(const Transfer& transfer, NodeIndex node, uint64
                                 bool skipped) {
   if (transfer.tag == kRequested) {
     events_.request_ended(nodes_[node].info, transfer.key.location, transfer.key.name, status);
-    if (push_) push_->on_other_closed();
+    if (push_ && status == 0) push_->on_received_elsewhere(transfer, node);
   } else if (push_)
     push_->on_ended(transfer, node, status, skipped);
+}
+
+void Lead::Impl::transfer_overheard(const Transfer& transfer, NodeIndex node) {
+  if (transfer.tag == kRequested && push_) push_->on_received_elsewhere(transfer, node);
 }
 
 bool Lead::Impl::transfer_unlisted(const Transfer& transfer, NodeIndex node) {

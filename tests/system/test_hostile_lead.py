@@ -92,9 +92,9 @@ class StrangerAtTheLead(SystemTest):
         forger = Forger(self.stranger, self.net.lead)
         self.addCleanup(forger.close)
         push = self.running_push()
-        for first in range(0, 20_000, 1000):
+        for first in range(0, 20_000, 5000):
             ping = forger.ping()
-            for i in range(first, first + 1000):
+            for i in range(first, first + 5000):
                 forger.answer(f"11.0.{i >> 8}.{i & 255}", ping, 1 + i, sequence=i, card_class=i,
                               node_id=i)
         self.assertGreater(len(push.events("node-appeared")), 1000)

@@ -1,6 +1,7 @@
 #include "control/node_messages.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace pkgdist::lead {
 
@@ -16,7 +17,9 @@ constexpr uint32_t kMaxNacks = 3;
 constexpr size_t kMaxAsked = 64;
 // A message without a new segment for this long was given up by its node.
 constexpr Time kAbandoned = 30 * kSecond;
-// Messages of one node: in the making, and remembered as finished.
+// Processes of a node whose messages are remembered; it has one after the other.
+constexpr size_t kMaxProcesses = 8;
+// Messages of one of them: in the making, and remembered as finished.
 constexpr size_t kMaxOpen = 1024;
 constexpr size_t kMaxDone = 8192;
 // Of all nodes together, unfinished.
@@ -61,7 +64,7 @@ void NodeMessages::on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header
     ++counters_.bad_datagrams;
     return;
   }
-  Peer& peer = peers_[node];
+  Peer& peer = peer_of(node, header.pid);
   if (const auto done = peer.done.find(header.sequence); done != peer.done.end())
     return acknowledge_again(node, header.sequence, done->second, now);
   Message* const message = entry(peer, header.sequence, body, now);
@@ -167,16 +170,30 @@ void NodeMessages::ask_missing(NodeIndex node, uint32_t sequence, const Message&
 }
 
 void NodeMessages::forget(NodeIndex node) {
-  const auto found = peers_.find(node);
-  if (found == peers_.end()) return;
-  drop_all(found->second);
-  peers_.erase(found);
+  for (auto at = peers_.lower_bound({node, 0}); at != peers_.end() && at->first.first == node;) {
+    drop_all(at->second);
+    at = peers_.erase(at);
+  }
+}
+
+// Of too many processes of a node, one that is not the present one makes room.
+NodeMessages::Peer& NodeMessages::peer_of(NodeIndex node, uint32_t pid) {
+  const auto found = peers_.find({node, pid});
+  if (found != peers_.end()) return found->second;
+  const auto first = peers_.lower_bound({node, 0});
+  const auto end = peers_.upper_bound({node, UINT32_MAX});
+  if (static_cast<size_t>(std::distance(first, end)) >= kMaxProcesses) {
+    const auto other = first->first.second != nodes_[node].info.pid ? first : std::next(first);
+    drop_all(other->second);
+    peers_.erase(other);
+  }
+  return peers_[{node, pid}];
 }
 
 void NodeMessages::run(Time now) {
   if (open_ == 0 || now < next_scan_) return;
   next_scan_ = now + kScanPeriod;
-  for (auto& [node, peer] : peers_) {
+  for (auto& [process, peer] : peers_) {
     for (auto at = peer.open.begin(); at != peer.open.end();) {
       Message& message = at->second;
       if (message.due() > now) {
@@ -187,7 +204,7 @@ void NodeMessages::run(Time now) {
         at = drop(peer, at);
         continue;
       }
-      ask_missing(node, at->first, message);
+      ask_missing(process.first, at->first, message);
       ++message.nacks;
       message.last_activity = now;
       ++at;

@@ -7,6 +7,9 @@
 // acknowledgement was lost: it is acknowledged again, each time with more copies since the network
 // loses them, and not handed on. Messages of different sequences are independent.
 //
+// Sequences are those of a process of the node. Which of them is the present one does not matter
+// here: a process that sends a message and ends need not be known for more.
+//
 // Memory follows what was received, never what a header promises, and is bounded: by message (1
 // MiB, and segments no smaller than they need to be), and over all unfinished ones. When these are
 // too many, those of the node with the most go; it sends them again if it means it.
@@ -31,7 +34,7 @@ class NodeMessages {
 
   void on_segment(NodeIndex node, const pkgdist_ctrl_msg_hdr& header, const pkgdist_ctrl_msg& body,
                   Time now);
-  // The node's process was replaced: its sequences begin anew.
+  // The node is gone for good.
   void forget(NodeIndex node);
   void run(Time now);
   Time next_deadline() const;
@@ -79,7 +82,9 @@ class NodeMessages {
   DatagramSink& sink_;
   Counters& counters_;
   Deliver deliver_;
-  std::map<NodeIndex, Peer> peers_;
+  Peer& peer_of(NodeIndex node, uint32_t pid);
+
+  std::map<std::pair<NodeIndex, uint32_t>, Peer> peers_;  // by node and its process
   size_t open_ = 0;
   size_t kept_bytes_ = 0;  // of unfinished messages, with what keeping them costs
   Time next_scan_ = 0;

@@ -22,6 +22,8 @@ constexpr Time kListWait = 2 * kSecond;
 // How long nodes that ask for files of a push that gathers its nodes are left to wait for it. They
 // ask again within seconds, and give up after 21.
 constexpr Time kRequestHold = 2 * kSecond;
+// How long reports about a transfer outside of the push are waited for, before it is displaced.
+constexpr Time kReportTime = kSecond;
 // A node on which a file failed for a passing reason gets it again so many times.
 constexpr uint32_t kMaxRetries = 2;
 // A process that ends more often in one push ends because of it.
@@ -489,13 +491,8 @@ void PushJob::feed() {
     const bool free = other == kNoTransfer && !data_.collides(key_of(cursor_));
     if (!nodes.empty() && free) start_file(cursor_, nodes);
     held_ |= other == kNoTransfer && !free;
-    if (!nodes.empty() && other != kNoTransfer && !take_over(cursor_, other, nodes)) {
-      // Of others than the push's nodes it goes on behind the push: they ask again.
-      if (!is_for_members(*data_.get(other))) {
-        data_.displace(other);
-        start_file(cursor_, nodes);
-      }
-    }
+    if (!nodes.empty() && other != kNoTransfer && !take_over(cursor_, other, nodes))
+      displace(cursor_, other, nodes);
     ++cursor_;
   }
 }
@@ -512,6 +509,19 @@ bool PushJob::take_over(uint32_t file, TransferId id, const std::vector<NodeInde
   make_active(file, id);
   for (const NodeIndex node : nodes) join(file, node);
   return true;
+}
+
+// A transfer that is too old to be taken over, and that others keep going: they ask again. Reports
+// of the push's nodes about it may be on their way at first.
+void PushJob::displace(uint32_t file, TransferId other, const std::vector<NodeIndex>& nodes) {
+  const Transfer& transfer = *data_.get(other);
+  if (is_for_members(transfer)) return;
+  if (elapsed(now_, transfer.started) < kReportTime) {
+    revisit_at_ = std::min(revisit_at_, transfer.started + kReportTime);
+    return;
+  }
+  data_.displace(other);
+  start_file(file, nodes);
 }
 
 // Whether a node of the push is receiving it.
@@ -604,8 +614,8 @@ void PushJob::end_file(Member& one, uint32_t file, uint64_t status) {
 }
 
 // What the file's end says about the traffic, also when it begins again on the node.
-void PushJob::count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status,
-                        bool skipped) {
+void PushJob::count_end(PushNodeReport& node, uint32_t file, const Transfer& transfer,
+                        uint64_t status, bool skipped) {
   if (!skipped) node.segments += status == 0 ? transfer.segments : transfer.streamed_segments();
   if (status != 0) return;
   ++node.files_done;
@@ -613,7 +623,7 @@ void PushJob::count_end(PushNodeReport& node, const Transfer& transfer, uint64_t
   if (skipped) {
     ++node.files_skipped;
     node.bytes_skipped += transfer.attributes.size;
-  } else if (const auto file = static_cast<uint32_t>(transfer.tag); !received_[file]) {
+  } else if (!received_[file]) {
     received_[file] = true;
     summary_.bytes_received += transfer.attributes.size;
   }
@@ -623,11 +633,24 @@ void PushJob::on_ended(const Transfer& transfer, NodeIndex node, uint64_t status
   const auto file = static_cast<uint32_t>(transfer.tag);
   Member* one = member(node);
   if (one == nullptr || one->ended[file]) return;
-  count_end(one->report, transfer, status, skipped);
+  count_end(one->report, file, transfer, status, skipped);
   if (retry(transfer, node, status)) return;
   end_file(*one, file, status);
   release_due_ |= needed_[file] == 0 && transfer.open != 0;
   events_.file_ended(nodes_[node].info, transfer.key.name, status, skipped);
+}
+
+void PushJob::on_received_elsewhere(const Transfer& transfer, NodeIndex node) {
+  go_round_ = true;
+  const auto found = by_name_.find(transfer.key.name);
+  Member* one = member(node);
+  if (phase_ != Phase::kRunning || one == nullptr || found == by_name_.end()) return;
+  const uint32_t file = found->second;
+  if (transfer.key.location != request_.location || transfer.started < begun_) return;
+  if (one->ended[file] || one->heard[piece_of(file)] != Heard::kAcknowledged) return;
+  count_end(one->report, file, transfer, 0, false);
+  end_file(*one, file, 0);
+  events_.file_ended(nodes_[node].info, transfer.key.name, 0, false);
 }
 
 bool PushJob::on_unlisted(const Transfer& transfer, NodeIndex node) {
@@ -683,6 +706,10 @@ void PushJob::run(Time now) {
   if (phase_ == Phase::kGathering) gather(now);
   if (phase_ != Phase::kRunning) return;
   release_unneeded();
+  if (now >= revisit_at_) {
+    revisit_at_ = kNever;
+    go_round_ = true;
+  }
   if (!relists_.empty()) flush_relists();
   clear_places();
   if (!fresh_.empty()) announce_to_fresh();
@@ -700,6 +727,7 @@ Time PushJob::next_deadline() const {
   if (phase_ == Phase::kGathering)
     return std::min(deadline, summary_.started_at + request_.node_timeout);
   if (places_deadline_ > now_) deadline = std::min(deadline, places_deadline_);
+  deadline = std::min(deadline, revisit_at_);
   for (Time wait : piece_deadline_)
     if (wait > now_) deadline = std::min(deadline, wait);
   return deadline;

@@ -60,6 +60,9 @@ class PushJob {
 
   // Transfers whose tag is the index of a file of this push.
   void on_ended(const Transfer& transfer, NodeIndex node, uint64_t status, bool skipped);
+  // A node has received a file from a transfer outside of the push. If it knew of the push by then,
+  // that was for both.
+  void on_received_elsewhere(const Transfer& transfer, NodeIndex node);
   bool on_unlisted(const Transfer& transfer, NodeIndex node);
   // Whether a node that had no information yet can have ended the file so in this push.
   bool ends_unknown(const Transfer& transfer, uint64_t status) const;
@@ -155,7 +158,9 @@ class PushJob {
   }
   void finish();
   void end_file(Member& one, uint32_t file, uint64_t status);
-  void count_end(PushNodeReport& node, const Transfer& transfer, uint64_t status, bool skipped);
+  void count_end(PushNodeReport& node, uint32_t file, const Transfer& transfer, uint64_t status,
+                 bool skipped);
+  void displace(uint32_t file, TransferId other, const std::vector<NodeIndex>& nodes);
   bool retry(const Transfer& transfer, NodeIndex node, uint64_t status);
   Member* member(NodeIndex node);
 
@@ -188,6 +193,7 @@ class PushJob {
 
   uint32_t cursor_ = 0;                              // next file of the walk
   bool go_round_ = false;                            // something before the cursor is needed again
+  Time revisit_at_ = kNever;                         // a file that was in the way then
   bool release_due_ = false;                         // files in transfer may be needed no longer
   bool leveled_ = false;                             // not all files are of level 0
   bool held_ = false;                                // a file waits for the end of another one

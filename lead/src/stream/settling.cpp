@@ -24,6 +24,9 @@ constexpr uint32_t kLeastProbes = 400;
 // Between rounds that brought nothing, doubling. The ceiling stays below a node's time-outs.
 constexpr Time kLeastPause = 2 * kMillisecond;
 constexpr Time kMostPause = kSecond;
+// Of a requested file after so many polls that nobody answered.
+constexpr uint32_t kMutePolls = 5;
+constexpr Time kLongestPause = 4 * kSecond;
 // Answers about an earlier transfer of the same file: the node remembers how that one ended and
 // does not say how it stands with this one. If it knows of this one and lacks something, it asks
 // for that within a second and a half by itself; when it does not, it is told of the file again.
@@ -190,7 +193,10 @@ void Settling::poll(Transfer& transfer, Time now) {
   stream_.output.file_poll(transfer);
   transfer.asked_at = now;
   const Time pause = backoff(kLeastPause, transfer.stuck, kMostPause);
-  const Time patience = backoff(stream_.window.answer_time(), transfer.mute, kMostPause);
+  // One that only a node which does not answer is waiting for costs the others as little as it can.
+  const bool left_alone = transfer.lane() == Lane::kRequests && transfer.mute > kMutePolls;
+  const Time patience =
+      backoff(stream_.window.answer_time(), transfer.mute, left_alone ? kLongestPause : kMostPause);
   agenda_.arm(transfer, now + std::max(pause, patience));
 }
 
@@ -291,6 +297,8 @@ void Settling::on_report(NodeIndex node, const pkgdist_data_send_req_done& repor
   // The answer to a poll of another time; of an earlier transfer nodes report the end.
   if (!exact && report.status == PKGDIST_STATUS_IN_PROGRESS) return;
   const State state = transfer->node(node).state;
+  if (state == State::kAbsent && exact && report.status == 0)
+    observer_.transfer_overheard(*transfer, node);
   if (state != State::kOpen && state != State::kUnlisted) return;
   if (exact && report.status == PKGDIST_STATUS_IN_PROGRESS)
     return on_in_progress(*transfer, node, now);

@@ -32,6 +32,8 @@ class TransferObserver {
   virtual ~TransferObserver() = default;
   // The node has reported its end. `skipped`: before any segment was sent.
   virtual void transfer_ended(const Transfer&, NodeIndex, uint64_t status, bool skipped) = 0;
+  // A node that is not waited for has received the file, too.
+  virtual void transfer_overheard(const Transfer&, NodeIndex) {}
   // The node knows nothing of the file. True when it will be announced to it again (join() then
   // follows), false when the node shall be left alone.
   virtual bool transfer_unlisted(const Transfer&, NodeIndex) = 0;

@@ -89,8 +89,18 @@ TEST_F(Claims, of_another_process_do_not_shut_the_nodes_process_out) {
     cluster_.run_for(250 * kMillisecond);
   }
   EXPECT_EQ(cluster_.seen().restarted, restarted);
-  EXPECT_EQ(cluster_.seen().messages.count(address), 0u);
+  cluster_.node(0).send_message(Bytes(10, 'm'), cluster_.now());
+  cluster_.run_for(200 * kMillisecond);
+  EXPECT_EQ(cluster_.seen().messages.at(address).back(), Bytes(10, 'm'));
   EXPECT_TRUE(push_works());
+}
+
+TEST_F(Claims, a_message_of_the_nodes_next_process_is_taken_at_once) {
+  const uint32_t address = cluster_.host(0).address;
+  cluster_.stop_node(0);
+  cluster_.lead().on_datagram(Channel::kControl, message_of(address, 667), address, cluster_.now());
+  EXPECT_EQ(cluster_.seen().messages.count(address), 1u);
+  EXPECT_EQ(cluster_.seen().restarted, 0u);
 }
 
 TEST_F(Claims, of_an_old_ping_make_no_node) {

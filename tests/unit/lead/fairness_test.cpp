@@ -53,7 +53,7 @@ TEST_F(Fairness, requests_that_are_renewed_do_not_stop_a_push) {
     for (size_t i = 500; i < 3000; ++i) ask(small(i));
   });
   EXPECT_GT(took, 0u);
-  EXPECT_LT(took, 30 * kSecond);
+  EXPECT_LT(took, 2 * kSecond);  // before they are renewed
 }
 
 TEST_F(Fairness, requests_for_files_that_wait_for_their_turn_do_not_stop_a_push) {
@@ -67,7 +67,7 @@ TEST_F(Fairness, requests_for_files_that_wait_for_their_turn_do_not_stop_a_push)
     }
   });
   EXPECT_GT(took, 0u);
-  EXPECT_LT(took, 30 * kSecond);
+  EXPECT_LT(took, 2 * kSecond);
 }
 
 TEST_F(Fairness, a_request_takes_half_of_the_stream_at_most_whatever_its_priority) {
@@ -114,15 +114,16 @@ TEST_F(Fairness, a_silent_stranger_in_a_pushed_file_is_not_waited_for) {
 
 TEST_F(Fairness, a_file_request_that_is_repeated_is_answered_once_in_a_round_trip) {
   cluster_.store.add("file", pattern(5'000'000, 1));
-  cluster_.run_for(3 * kSecond);
+  for (size_t i = 0; i < 2; ++i) cluster_.host(i).down.with<Delay>(20 * kMillisecond);
+  ASSERT_TRUE(cluster_.run_push(named_push(), 20 * kSecond));  // measures the round trip
   ask("file");
-  cluster_.run_for(5 * kMillisecond);
+  cluster_.run_for(200 * kMillisecond);
   const uint64_t before = cluster_.lead().counters().infos_sent;
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 15; ++i) {
     ask("file");
-    cluster_.run_for(1000);
+    cluster_.run_for(kMillisecond);
   }
-  EXPECT_LE(cluster_.lead().counters().infos_sent - before, 3u);
+  EXPECT_LE(cluster_.lead().counters().infos_sent - before, 2u);
 }
 
 TEST_F(Fairness, of_file_requests_so_many_in_a_second_are_heeded_for_each_node) {

@@ -51,6 +51,7 @@ class NodeMessagesTest : public testing::Test, public DatagramSink {
   void receive(uint32_t sequence, uint32_t segment, uint32_t total, Time now = kSecond,
                int64_t size = -1) {
     pkgdist_ctrl_msg_hdr header{};
+    header.pid = pid_;
     header.sequence = sequence;
     header.segment = segment;
     const std::vector<uint8_t> data(kSize + 1, static_cast<uint8_t>(segment));
@@ -68,6 +69,7 @@ class NodeMessagesTest : public testing::Test, public DatagramSink {
   std::array<uint8_t, PKGDIST_CTRL_PKT_MAX> buffer_{};
   std::vector<Answer> answers_;
   std::vector<std::vector<uint8_t>> delivered_;
+  uint32_t pid_ = 1;
   Counters counters_;
   Settings settings_{.address = 0x0A000001, .pid = 42};
   NodeTable nodes_;
@@ -154,11 +156,26 @@ TEST_F(NodeMessagesTest, an_abandoned_message_is_forgotten) {
   EXPECT_EQ(messages_.next_deadline(), kNever);
 }
 
-TEST_F(NodeMessagesTest, a_restarted_node_begins_its_sequences_anew) {
+TEST_F(NodeMessagesTest, each_process_of_a_node_has_its_own_sequences) {
+  for (uint32_t pid = 1; pid <= 100; ++pid) {
+    pid_ = pid;
+    receive(1, 0, 5);
+    receive(1, 0, 5, 2 * kSecond);
+    EXPECT_EQ(delivered_.size(), pid);
+  }
+}
+
+TEST_F(NodeMessagesTest, made_up_processes_do_not_make_the_present_one_forgotten) {
+  pkgdist_ctrl_msg_hdr present{};
+  qidl::set<&pkgdist_ctrl_msg_hdr::pid>(present, 50u);
+  nodes_.observe_control(present, kNode, 0, kSecond);
+  pid_ = 50;
   receive(1, 0, 5);
-  messages_.forget(0);
-  receive(1, 0, 5);
-  EXPECT_EQ(delivered_.size(), 2u);
+  for (pid_ = 1; pid_ <= 100; ++pid_) receive(2, 0, 5);
+  delivered_.clear();
+  pid_ = 50;
+  receive(1, 0, 5, 2 * kSecond);
+  EXPECT_TRUE(delivered_.empty());
 }
 
 TEST_F(NodeMessagesTest, segments_that_make_no_sense_are_bad) {
