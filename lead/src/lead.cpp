@@ -315,7 +315,7 @@ void Lead::Impl::on_acknowledged(const ControlStream::Finished& finished) {
   const bool certain = finished.direct || (adopted != 0 && adopted <= finished.first_sent &&
                                            elapsed(now_, finished.first_sent) < kPointTrust);
   if (outbox_.on_acknowledged(finished.sequence, finished.node, certain)) return;
-  if (push_) push_->on_acknowledged(finished.sequence, finished.node);
+  if (push_) push_->on_acknowledged(finished.sequence, finished.node, finished.direct);
 }
 
 MessageId Lead::Impl::cancel(uint32_t xact, const Audience& audience, Time now, Time timeout) {

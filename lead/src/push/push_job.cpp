@@ -33,6 +33,9 @@ constexpr uint32_t kMaxRestarts = 3;
 // leave all of its lists unacknowledged: they are sent again every second.
 constexpr Time kLookPeriod = kSecond;
 constexpr Time kListPatience = 45 * kSecond;
+// One that is not heard at all for so long may be away and come back, which is for the node
+// time-out to judge; longer than the pauses in which a node repeats a request.
+constexpr Time kAway = 25 * kSecond;
 // A node that does not know a file is told of it again, unless both have passed.
 constexpr uint32_t kMaxUnknown = 8;
 constexpr Time kUnknownPatience = 10 * kSecond;
@@ -156,17 +159,26 @@ void PushJob::leave_out(NodeIndex node, uint64_t status) {
   data_.drop_node(node);
 }
 
-// Nodes that answer pings, and nothing else of the push.
+// Nodes that answer pings, and nothing else of the push. One that has no list does not listen to
+// the data channel: it has given the list up, as its acknowledgement point says.
 void PushJob::leave_out_unreachable() {
   if (now_ < next_look_) return;
   next_look_ = now_ + kLookPeriod;
   for (NodeIndex node = 0; node < members_.size(); ++node) {
-    const Member& one = members_[node];
+    Member& one = members_[node];
     if (!one.present || one.left == 0) continue;
-    if (const uint64_t status = data_.out_of_contact(node, now_); status != 0)
-      leave_out(node, status);
-    else if (!one.unacknowledged.empty() && elapsed(now_, one.list_told) >= kListPatience)
+    if (elapsed(now_, nodes_[node].last_heard) >= kAway) {
+      data_.restart_contact(node);
+      one.list_told = now_;
+      continue;
+    }
+    const uint64_t status = data_.out_of_contact(node, now_);
+    const bool unheeded =
+        !one.unacknowledged.empty() && elapsed(now_, one.list_told) >= kListPatience;
+    if (unheeded || (status != 0 && !one.list_arrived))
       leave_out(node, PKGDIST_STATUS_FROM_ERRNO(ENOMSG));
+    else if (status != 0)
+      leave_out(node, status);
   }
 }
 
@@ -210,6 +222,7 @@ void PushJob::on_node_fresh(NodeIndex node, bool restarted) {
   set_present(fresh, true);
   fresh.heard.assign(pieces_.size(), Heard::kNothing);
   fresh.unacknowledged.clear();  // of a process, or a time, that is over
+  fresh.list_arrived = false;
   places_.forget(node);
   relists_.erase(node);
   ready_piece_ = kNoPiece;
@@ -378,7 +391,7 @@ bool PushJob::places_pending() const {
   return false;
 }
 
-void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
+void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node, bool direct) {
   using Meaning = DirectoryPlaces::Meaning;
   if (const Meaning meaning = places_.on_acknowledged(sequence, node); meaning != Meaning::kOther) {
     if (meaning != Meaning::kCleared || member(node) == nullptr) return;
@@ -391,6 +404,7 @@ void PushJob::on_acknowledged(uint32_t sequence, NodeIndex node) {
   if (found == told_.end() || one == nullptr) return;
   one->unacknowledged.erase(sequence);
   one->list_told = now_;
+  one->list_arrived |= direct;
   const Told& told = found->second;
   if (told.piece != kNoPiece) {
     one->heard[told.piece] = Heard::kAcknowledged;

@@ -55,7 +55,8 @@ class PushJob {
   bool counts(NodeIndex node) const {
     return phase_ != Phase::kFinished && node < members_.size() && members_[node].known;
   }
-  void on_acknowledged(uint32_t sequence, NodeIndex node);
+  // `direct`: by an acknowledgement of this list, which a node sends only for what it has.
+  void on_acknowledged(uint32_t sequence, NodeIndex node, bool direct);
   void on_requested_segments(NodeIndex node, uint32_t segments);
 
   // Transfers whose tag is the index of a file of this push.
@@ -96,6 +97,7 @@ class PushJob {
     std::vector<uint32_t> left_in;        // the same by piece
     std::set<uint32_t> unacknowledged;    // sequences of lists
     Time list_told = 0;                   // since when it acknowledges none of these
+    bool list_arrived = false;            // some list of this push has
   };
   // A node says that it does not know a file.
   struct Unknown {

@@ -32,7 +32,9 @@ class DataContact {
   // It says what only somebody says whom the data stream reaches. That it has given up is no such
   // word.
   void answered(NodeIndex node) { at(node) = {.knew = true}; }
-  // What it does from now on counts.
+  // Polls count from now on.
+  void restart(NodeIndex node) { at(node) = {.knew = at(node).knew}; }
+  // It may be another process from now on.
   void forget(NodeIndex node) { at(node) = {}; }
 
   // Why the node is not waited for any longer, as a status; 0: it is.

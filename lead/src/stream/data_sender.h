@@ -87,6 +87,8 @@ class DataSender {
   // Why nothing can be expected of the node any more: it answers nothing on the data channel. 0: it
   // does.
   uint64_t out_of_contact(NodeIndex node, Time now) const { return contact_.lost(node, now); }
+  // Nothing at all is heard of the node at present: that it does not answer says no more.
+  void restart_contact(NodeIndex node) { contact_.restart(node); }
   // Bits per second: the fixed rate, or what the nodes handle at present.
   uint64_t rate_bits() const {
     return self_.rate_bits != 0 ? self_.rate_bits : static_cast<uint64_t>(window_.rate() * 8);

@@ -16,6 +16,7 @@ using Port = LeadCluster::Port;
 
 constexpr uint64_t kSilent = PKGDIST_STATUS_FROM_ERRNO(ECOMM);
 constexpr uint64_t kReceivesNothing = PKGDIST_STATUS_FROM_ERRNO(ENODATA);
+constexpr uint64_t kHearsNoLists = PKGDIST_STATUS_FROM_ERRNO(ENOMSG);
 
 // Where nothing but small datagrams gets through.
 class NoLargeDatagrams : public LossModel {
@@ -32,7 +33,7 @@ class PushEndTest : public testing::Test {
   PushEndTest() : cluster_(settings(), NodeTimeouts::of_the_node_program()) {
     for (int i = 0; i < 50; ++i)
       cluster_.store.add("small/" + std::to_string(i), pattern(3000, static_cast<uint64_t>(i)));
-    cluster_.store.add("large", pattern(20'000'000, 99));
+    cluster_.store.add("large", pattern(4'000'000, 99));
     cluster_.add_hosts(3);
   }
   static lead::Settings settings() {
@@ -49,7 +50,7 @@ class PushEndTest : public testing::Test {
   // In the middle of it when this returns.
   void begin_push() {
     ASSERT_EQ(cluster_.lead().start_push(cluster_.push_all(), cluster_.now()), nullptr);
-    ASSERT_TRUE(cluster_.run_until([&] { return cluster_.lead().counters().segments_sent > 2000; },
+    ASSERT_TRUE(cluster_.run_until([&] { return cluster_.lead().counters().segments_sent > 1000; },
                                    10 * kSecond));
   }
   const lead::PushNodeReport& of(size_t host) {
@@ -180,17 +181,60 @@ TEST_F(PushEndTest, a_node_that_the_data_group_stops_reaching_is_left_out) {
   expect_works_again();
 }
 
+// Cut off before it has answered anything.
+TEST_F(PushEndTest, a_node_that_is_away_is_waited_for_as_long_as_the_push_says) {
+  lead::PushRequest request = cluster_.push_all();
+  request.node_timeout = 100 * kSecond;
+  ASSERT_EQ(cluster_.lead().start_push(request, cluster_.now()), nullptr);
+  ASSERT_TRUE(cluster_.run_until([&] { return cluster_.lead().counters().segments_sent > 0; },
+                                 10 * kSecond));
+  cluster_.cut(1, 0, true);
+  cluster_.run_for(60 * kSecond);
+  EXPECT_TRUE(cluster_.lead().push_running());
+  cluster_.cut(1, 0, false);
+  ASSERT_TRUE(cluster_.run_until([&] { return !cluster_.lead().push_running(); }, 60 * kSecond));
+  EXPECT_TRUE(cluster_.lead().push_report().complete());
+  EXPECT_TRUE(cluster_.identical());
+}
+
 // A list of many names is made of full datagrams; pings are small.
 TEST_F(PushEndTest, a_node_that_never_receives_the_list_of_files_is_left_out) {
-  for (int i = 0; i < 200; ++i)
-    cluster_.store.add("a long name for a list that is long/" + std::to_string(i), {});
-  cluster_.host(1).down.with<NoLargeDatagrams>(700u);
-  push(120);
+  cluster_.host(1).down.with<NoLargeDatagrams>(500u);
+  push(60);
   expect_ended(0, 0);
-  EXPECT_EQ(of(1).files_left, 0u);
-  EXPECT_EQ(of(1).files_done, 0u);
+  expect_ended(1, kHearsNoLists);
+  expect_ended(2, 0);
   cluster_.host(1).down.clear();
   expect_works_again();
+}
+
+// Its acknowledgement point stands still.
+TEST_F(PushEndTest, a_host_that_answers_pings_and_acknowledges_nothing_is_left_out) {
+  constexpr uint32_t kStranger = 0x0A0000FE;
+  using H = pkgdist_ctrl_msg_hdr;
+  H reply{};
+  qidl::set<&H::msg_id>(reply, PKGDIST_CTRL_MSG_PING_REPLY);
+  qidl::set<&H::node_ip>(reply, kStranger);
+  qidl::set<&H::pid>(reply, 1);
+  qidl::set<&H::sequence>(reply, 0);
+  cluster_.on_sent = [&](lead::Channel channel, uint32_t, std::span<const uint8_t> bytes) {
+    const Message<H> header(parts_of(bytes).header);
+    if (channel != lead::Channel::kControl || !header.ok()) return;
+    if (header->msg_id == PKGDIST_CTRL_MSG_PING) qidl::set<&H::status>(reply, header->status);
+  };
+  lead::PushRequest request = cluster_.push_all();
+  request.node_count = 4;
+  ASSERT_EQ(cluster_.lead().start_push(request, cluster_.now()), nullptr);
+  for (int i = 0; i < 600 && cluster_.lead().push_running(); ++i) {
+    cluster_.run_for(kSecond / 10);
+    cluster_.lead().on_datagram(lead::Channel::kControl, framed(reply), kStranger, cluster_.now());
+  }
+  ASSERT_FALSE(cluster_.lead().push_running());
+  report_ = cluster_.lead().push_report();
+  ASSERT_EQ(report_.nodes.size(), 4u);
+  EXPECT_EQ(report_.nodes.back().address, kStranger);
+  EXPECT_EQ(report_.nodes.back().failed.at(0), kHearsNoLists);
+  for (size_t i = 0; i < 3; ++i) expect_ended(i, 0);
 }
 
 // It acknowledges the lists and takes nothing from them, for example because it has no such
