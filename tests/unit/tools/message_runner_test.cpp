@@ -129,7 +129,7 @@ TEST(MessageRunner, the_end_does_not_wait_for_the_command_which_is_told_to_end) 
   int by_signal = 0;
   for (int status = 0; wait(&status) > 0;)
     by_signal += WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM ? 1 : 0;
-  EXPECT_EQ(1, by_signal);
+  EXPECT_GE(by_signal, 1);
 }
 
 TEST(MessageRunner, messages_that_wait_are_bounded_by_their_bytes) {
