@@ -21,6 +21,7 @@ class Reporter : public lead::Events {
 
   void node_appeared(const lead::NodeInfo& node) override;
   void node_restarted(const lead::NodeInfo& node) override;
+  void address_shared(const lead::NodeInfo& node, uint32_t other_pid) override;
   void node_silent(const lead::NodeInfo& node) override;
   void node_returned(const lead::NodeInfo& node) override;
   void node_deferred(const lead::NodeInfo& node) override;
@@ -39,6 +40,8 @@ class Reporter : public lead::Events {
   void role_changed(lead::Role role, uint32_t other) override;
   void other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) override;
 
+  // Hears every message of a node first; with true there is no report of it.
+  std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
   // Hears every message of a node, behind the report of it.
   std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;
 

@@ -7,6 +7,7 @@
 
 #include "json_events.h"
 #include "node_options.h"
+#include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
@@ -16,8 +17,10 @@ class EventPrinter {
   explicit EventPrinter(const NodeOptions& options)
       : json_(options.common.json), verbosity_(options.common.verbosity) {}
 
-  // Attaches to everything that the lead does unasked. The object must outlive the loop.
-  void attach(levm_handle_t loop);
+  // Attaches to everything that the lead does unasked; `files` hears of it, too. Both objects must
+  // outlive the loop.
+  void attach(levm_handle_t loop, PartialFiles& files);
+  PartialFiles& partial_files() { return *partial_files_; }
 
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
   void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
@@ -36,6 +39,7 @@ class EventPrinter {
   };
   void say(const std::string& line) const;
 
+  PartialFiles* partial_files_ = nullptr;
   cli::JsonEvents json_;
   int verbosity_;
   bool lead_is_known_ = false;

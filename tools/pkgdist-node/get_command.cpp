@@ -1,7 +1,10 @@
 // get: asks the lead for files, waits for all of them, and exits by the outcome.
 #include <fmt/core.h>
 
+#include <chrono>
 #include <cstddef>
+#include <map>
+#include <string_view>
 
 #include "commands.h"
 #include "event_printer.h"
@@ -26,6 +29,7 @@ void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uin
   --wanted.waiting;
   ++wanted.ended;
   if (status != 0) ++wanted.failed;
+  wanted.printer.partial_files().on_ended(location, path, status);
   wanted.printer.file_ended(status, path, location, xact_id);
 }
 
@@ -40,6 +44,36 @@ void request(const std::string& path, Wanted& wanted) {
   --wanted.waiting;
   ++wanted.failed;
   wanted.printer.file_ended(status, path.c_str(), options.location, 0);
+}
+
+// In turns: "NAME.tmp" is where NAME is received, so a name is asked for when those with fewer such
+// suffixes have arrived.
+std::map<size_t, std::vector<std::string>> in_turns(const std::vector<std::string>& paths) {
+  constexpr std::string_view kSuffix = ".tmp";
+  std::map<size_t, std::vector<std::string>> turns;
+  for (const std::string& path : paths) {
+    size_t suffixes = 0;
+    for (size_t at = path.find(kSuffix); at != std::string::npos; at = path.find(kSuffix, at + 1))
+      ++suffixes;
+    turns[suffixes].push_back(path);
+  }
+  return turns;
+}
+
+// How many have not arrived when the time is over.
+size_t request_all(Node& node, Wanted& wanted) {
+  using Clock = std::chrono::steady_clock;
+  const std::chrono::duration<double> patience(wanted.options.timeout_seconds);
+  const auto started = Clock::now();
+  size_t left = wanted.options.paths.size();
+  for (const auto& [suffixes, paths] : in_turns(wanted.options.paths)) {
+    for (const std::string& path : paths) request(path, wanted);
+    const std::chrono::duration<double> passed = Clock::now() - started;
+    if (!node.run_until([&] { return wanted.waiting == 0; }, (patience - passed).count()))
+      return left - paths.size() + wanted.waiting;
+    left -= paths.size();
+  }
+  return 0;
 }
 
 // The library tells the lead the end of a file just after its callback here: a process that ended
@@ -61,18 +95,17 @@ int get_command(const NodeOptions& options) {
   Wanted wanted{.options = options, .printer = printer};
   Node node(options);
   wanted.loop = node.loop();
-  printer.attach(node.loop());
+  printer.attach(node.loop(), node.partial_files());
   if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
     printer.error(fmt::format("no lead was heard on {}",
                               cli::format_address(options.common.ctrl_group.address)));
     return cli::kExitFailure;
   }
-  for (const std::string& path : options.paths) request(path, wanted);
-  if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds))
-    printer.error(
-        fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()));
+  const size_t left = request_all(node, wanted);
+  if (left != 0)
+    printer.error(fmt::format("{} of {} files have not arrived", left, options.paths.size()));
   await_reports(node, wanted.ended);
-  return wanted.waiting == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
+  return left == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 
 }  // namespace pkgdist::node_program

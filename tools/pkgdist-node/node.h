@@ -6,7 +6,9 @@
 #include <functional>
 #include <memory>
 
+#include "flush_service.h"
 #include "node_options.h"
+#include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
@@ -23,6 +25,10 @@ class Node {
  public:
   // Starts both sides of the library and sets the storage locations. The process has one Node.
   explicit Node(const NodeOptions& options);
+  // What is still being received is given up: its partial files go.
+  ~Node();
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
 
   levm_handle_t loop() const { return loop_.get(); }
 
@@ -35,7 +41,11 @@ class Node {
 
   static bool interrupted();
 
+  FlushService& flush_service() { return flush_service_; }
+  PartialFiles& partial_files() { return partial_files_; }
+
  private:
+  void set_location(const cli::Location& location);
   struct LoopDeleter {
     void operator()(levm_handle_t loop) const { levm_destroy(loop); }
   };
@@ -44,6 +54,8 @@ class Node {
   };
   std::unique_ptr<struct levm, LoopDeleter> loop_;
   std::unique_ptr<struct nodeid, NodeidDeleter> nodeid_;
+  FlushService flush_service_;
+  PartialFiles partial_files_;
 };
 
 }  // namespace pkgdist::node_program

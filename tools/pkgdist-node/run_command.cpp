@@ -16,6 +16,7 @@ struct MessageClass {
   uint32_t number;
   EventPrinter* printer;
   const std::string* command;
+  FlushService* flush_service;
 };
 
 void run_for_message(const MessageClass& target, const void* bytes, uint64_t size) {
@@ -32,6 +33,8 @@ void run_for_message(const MessageClass& target, const void* bytes, uint64_t siz
 
 void on_message(const void* bytes, uint64_t size, void* ctx) {
   const auto& target = *static_cast<MessageClass*>(ctx);
+  if (target.flush_service->on_message(target.number, {static_cast<const uint8_t*>(bytes), size}))
+    return;
   target.printer->message(target.number, size);
   if (!target.command->empty()) run_for_message(target, bytes, size);
 }
@@ -43,10 +46,10 @@ int run_command(const NodeOptions& options) {
   set_repair_interval(options.repair_interval_ms);
   Node node(options);
   EventPrinter printer(options);
-  printer.attach(node.loop());
+  printer.attach(node.loop(), node.partial_files());
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {
-    target = {number, &printer, &options.on_message};
+    target = {number, &printer, &options.on_message, &node.flush_service()};
     require(instcomm_pkgdist_ctrl_mc_hdlr_attach(node.loop(), number++, on_message, &target),
             "attaching to messages");
   }

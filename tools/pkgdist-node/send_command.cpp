@@ -23,7 +23,7 @@ int send_command(const NodeOptions& options) {
   EventPrinter printer(options);
   std::optional<uint64_t> outcome;
   Node node(options);
-  printer.attach(node.loop());
+  printer.attach(node.loop(), node.partial_files());
   if (!node.run_until([&] { return printer.lead_is_known(); }, options.timeout_seconds)) {
     printer.error(fmt::format("no lead was heard on {}",
                               cli::format_address(options.common.ctrl_group.address)));
