@@ -63,7 +63,8 @@ class FailuresOfOneNode(SystemTest):
         # A write can end short at the last page, fail, or find the partial file deleted by then.
         self.assert_fails_alone(end, "small disk/too large", errno.ENOSPC, errno.ENOENT,
                                 statuses=[SHORT_WRITE])
-        self.assertLessEqual(set(os.listdir(self.at_troubled("small disk"))), {"too large.tmp"})
+        lab.wait_until(lambda: os.listdir(self.at_troubled("small disk")) == [],
+                       what="the partial file to be removed")
 
     def test_a_full_disk_has_room_again_for_the_next_push(self):
         self.mount(self.at_troubled("small disk"), "size=1m")
@@ -111,11 +112,25 @@ class FailuresOfOneNode(SystemTest):
         tree.write(self.directory_of(self.troubled), "flat", b"mine")
         tree.add(self.content, "flat/file", 3000)
         self.start_nodes()
-        end = summary(self.push(expect=1))
+        end = summary(self.push("--keep-directory-links", expect=1))
         with open(self.at_troubled("flat"), "rb") as file:
             self.assertEqual(file.read(), b"mine")
         os.unlink(self.at_troubled("flat"))
         self.assert_fails_alone(end, "flat/file", errno.ENOTDIR)
+
+    def test_a_node_that_is_stopped_takes_its_partial_files_along(self):
+        tree.add(self.content, "vast/large", 20_000_000)
+        tree.write(self.directory_of(self.troubled), "vast/mine.tmp", b"not of this process")
+        process = self.start_node(self.troubled)
+        for node in self.others:
+            self.start_node(node)
+        lead = self.start_push("--rate", "20", "--timeout", "5")
+        partial = self.at_troubled("vast/large.tmp")
+        lab.wait_until(lambda: os.path.exists(partial), 20, "the file to be begun")
+        process.terminate()
+        self.assertEqual(process.wait(timeout=10), 0)
+        self.assertEqual(os.listdir(self.at_troubled("vast")), ["mine.tmp"])
+        lead.finish(expect=1)
 
     def test_a_directory_that_vanishes_while_its_file_is_received(self):
         tree.add(self.content, "vanishing/large", 20_000_000)
@@ -134,7 +149,7 @@ class FailuresOfOneNode(SystemTest):
         self.start_nodes()
         result = self.net.lead.run(
             [self.programs.lead, "--interface", self.net.lead.address, "--location",
-             f"1={self.content}", "push", "--nodes", self.addresses(), "."],
+             f"1={self.content}", "push", "--keep-directory-links", "--nodes", self.addresses(), "."],
             capture_output=True, text=True, timeout=60)
         self.assertEqual(result.returncode, 1)
         table = result.stdout[result.stdout.index("missing:"):].splitlines()[1:]

@@ -110,6 +110,16 @@ class Get(SystemTest):
         self.assertNotEqual(result.outcomes[name], 0)
         self.assertEqual(result.outcomes["one byte"], 0)
 
+    def test_a_name_and_that_of_its_partial_file_both_arrive(self):
+        self.serve()
+        tree.add(self.content, "large", 500_000)
+        tree.add(self.content, "large.tmp", 400_000)
+        for host in self.net.hosts():
+            host.lose(5)
+        names = ("large.tmp", "large", "ends with.tmp", "one byte")
+        self.assertEqual(self.get(*names).outcomes, dict.fromkeys(names, 0))
+        self.assert_has(*names)
+
     def test_without_a_lead_it_ends_with_status_1_and_one_line(self):
         result = self.get("--timeout", "1", "file", expect=1)
         self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)

@@ -1,5 +1,7 @@
 """What really travels, decoded by a second codec that shares nothing with the programs' own."""
 
+import os
+
 import tree
 import wire
 from scripted_lead import ScriptedLead
@@ -45,12 +47,19 @@ class Wire(SystemTest):
                 place = parts.setdefault(header["sequence"], bytearray(body["total_size"]))
                 at = header.get("segment", 0) * body["segment_size"]
                 place[at:at + len(body["data"])] = body["data"]
-        lists = [wire.decode("file_send", bytes(part)) for part in parts.values()]
+        orders = [wire.decode("file_send", bytes(parts[sequence])) for sequence in sorted(parts)]
+        deletes = [one for one in orders if one["operation"] == wire.DELETE]
+        lists = [one for one in orders if one["operation"] == wire.LIST]
+        # What is no directory makes room for those of the tree, before anything is announced.
+        self.assertEqual(orders, deletes + lists)
+        directories = {os.path.join(*name.split("/")[:depth]) for name in lab.manifest(self.content)
+                       for depth in range(1, name.count("/") + 1)}
+        self.assertEqual({name for one in deletes for name in one["names"]}, directories)
+        self.assertEqual({one["location"] for one in deletes}, {1})
         names = [name for one in lists for name in one["names"]]
         self.assertEqual(sorted(names), sorted(lab.manifest(self.content)))
         for one in lists:
-            self.assertEqual((one["operation"], one["type"], one["location"], one["priority"]),
-                             (wire.LIST, 1, 1, 2))
+            self.assertEqual((one["type"], one["location"], one["priority"]), (1, 1, 2))
 
     def check_data(self, messages):
         manifest = lab.manifest(self.content)

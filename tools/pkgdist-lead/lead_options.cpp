@@ -97,6 +97,17 @@ void add_push(CLI::App& app, LeadOptions& options) {
                                                                    {"drop", SlowNodes::kDrop},
                                                                    {"after", SlowNodes::kAfter}})
               .description(""));
+  push->add_flag("--durable", options.durable,
+                 "end only when the nodes have written what they received to their disks");
+  push->add_option("--durable-timeout", options.durable_seconds,
+                   "how long nodes may take to write it")
+      ->type_name("SECONDS [60]")
+      ->check(CLI::Range(0.1, 1e6));
+  push->add_flag("--keep-directory-links", options.keep_directory_links,
+                 "a link or file on a node stays where the tree has a directory, and links are "
+                 "written through");
+  push->add_flag("--strict", options.strict,
+                 "push nothing when something of the tree cannot be sent, instead of the rest");
   push->add_option("PATH", options.paths, "files or directories below the location's root")
       ->required();
   add_stream_options(*push, options);

@@ -23,6 +23,10 @@ struct LeadOptions {
   double timeout_seconds = 30;
   double max_seconds = 0;  // of a push, 0: no limit
   lead::SlowNodes slow_nodes = lead::SlowNodes::kWait;
+  bool durable = false;
+  double durable_seconds = 60;  // how long nodes may take
+  bool keep_directory_links = false;
+  bool strict = false;  // no push of a tree of which something cannot be sent
   uint32_t ttl = 1;
   bool multi_homed = false;
 

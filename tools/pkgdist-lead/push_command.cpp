@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "control_server.h"
+#include "durability.h"
 #include "metrics.h"
 #include "output.h"
 #include "progress.h"
@@ -29,9 +30,40 @@ int usage_error(const std::string& text) {
   return cli::kExitUsage;
 }
 
-lead::PushRequest push_request(const LeadOptions& options, std::vector<lead::PushFile> files) {
+// What of a tree cannot be sent: named one by one, on standard error and as events.
+constexpr size_t kMaxLeftOutLines = 50;
+
+void tell_left_out(const lead::FileTree& tree, const char* prefix) {
+  size_t lines = 0;
+  for (const auto& [name, reason] : tree.left_out)
+    if (lines++ < kMaxLeftOutLines) cli::complain(fmt::format("{}{}: {}", prefix, name, reason));
+  if (lines > kMaxLeftOutLines)
+    cli::complain(fmt::format("{}and {} more like these", prefix, lines - kMaxLeftOutLines));
+}
+
+void left_out_events(const lead::FileTree& tree, const Reporter& reporter) {
+  for (const auto& [name, reason] : tree.left_out)
+    reporter.json().print("left-out", {{"name", name}, {"reason", reason}},
+                          cli::Output::Kind::kResult);
+}
+
+// Why nothing of the tree is pushed, told; false when it is.
+bool refuses(const lead::FileTree& tree, bool strict) {
+  if (!tree.problems.empty()) {
+    const size_t more = tree.problems.size() - 1;
+    usage_error(more == 0 ? tree.problems[0]
+                          : fmt::format("{} (and {} more like this)", tree.problems[0], more));
+    return true;
+  }
+  if (tree.left_out.empty() || (!strict && !tree.files.empty())) return false;
+  tell_left_out(tree, "");
+  return true;
+}
+
+lead::PushRequest push_request(const LeadOptions& options, lead::FileTree& tree) {
   lead::PushRequest request;
-  request.files = std::move(files);
+  request.files = std::move(tree.files);
+  if (!options.keep_directory_links) request.directories = std::move(tree.directories);
   request.location = options.location;
   request.type = options.type;
   request.priority = options.priority;
@@ -182,6 +214,21 @@ void tell_doctor(Reporter& reporter, Session& session, const cli::CommonOptions&
   reporter.say("  " + command, cli::Output::Kind::kResult);
 }
 
+// Asks the nodes to write to their disks, and waits for their answers; true when all have.
+bool make_durable(const LeadOptions& options, Session& session, Reporter& reporter) {
+  lead::Lead& lead = session.lead();
+  Durability durability(reporter, lead.push_transaction(), options.location);
+  reporter.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
+                               std::span<const uint8_t> bytes) {
+    return durability.on_message(node.address, msg_class, bytes);
+  };
+  durability.ask(lead, lead.push_report(), static_cast<lead::Time>(options.durable_seconds * 1e9),
+                 lead::monotonic_now());
+  session.run([&](lead::Time now) { return durability.ended(now); }, lead::kSecond / 10);
+  reporter.takes_message = nullptr;
+  return durability.report();
+}
+
 }  // namespace
 
 int push_command(const LeadOptions& options) {
@@ -191,14 +238,12 @@ int push_command(const LeadOptions& options) {
     return usage_error(fmt::format("--location {}=DIR is missing", options.location));
   lead::FileTree tree = lead::collect_files(location->second.path, options.paths);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
-  if (!tree.problems.empty())
-    return usage_error(tree.problems.size() == 1
-                           ? tree.problems[0]
-                           : fmt::format("{} (and {} more like this)", tree.problems[0],
-                                         tree.problems.size() - 1));
-  const lead::PushRequest request = push_request(options, std::move(tree.files));
+  if (refuses(tree, options.strict)) return cli::kExitUsage;
+  const lead::PushRequest request = push_request(options, tree);
 
   Reporter reporter(options.common.json, options.common.verbosity);
+  tell_left_out(tree, "left out: ");
+  left_out_events(tree, reporter);
   Session session(options, reporter);
   if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
     return usage_error(problem);
@@ -227,7 +272,10 @@ int push_command(const LeadOptions& options) {
   if (!ran) view.interrupted(report);
   view.summary(report, request, session.lead().counters());
   tell_counters(reporter, session);
-  return report.complete() ? cli::kExitOk : cli::kExitFailure;
+  const bool durable = !options.durable || (ran && make_durable(options, session, reporter));
+  if (!tree.left_out.empty())
+    reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
+  return report.complete() && durable && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
 }
 
 }  // namespace pkgdist::lead_program

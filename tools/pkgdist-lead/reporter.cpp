@@ -75,6 +75,14 @@ void Reporter::node_restarted(const lead::NodeInfo& node) {
   node_event("node-restarted", "was restarted", node);
 }
 
+void Reporter::address_shared(const lead::NodeInfo& node, uint32_t other_pid) {
+  json_.print(
+      "address-shared",
+      Json{{"node", format_address(node.address)}, {"pid", node.pid}, {"other_pid", other_pid}});
+  say(fmt::format("node {}: two hosts have this address (processes {} and {} have both answered)",
+                  format_address(node.address), node.pid, other_pid));
+}
+
 void Reporter::node_silent(const lead::NodeInfo& node) {
   node_event("node-silent", "has fallen silent", node);
 }
@@ -134,6 +142,7 @@ void Reporter::request_ended(const lead::NodeInfo& node, uint32_t location, cons
 
 void Reporter::message_received(const lead::NodeInfo& node, uint32_t msg_class,
                                 std::span<const uint8_t> bytes) {
+  if (takes_message && takes_message(node, msg_class, bytes)) return;
   json_.print(
       "message",
       Json{{"node", format_address(node.address)}, {"class", msg_class}, {"size", bytes.size()}});
@@ -230,8 +239,7 @@ void Reporter::interface_changed(const cli::InterfaceChange& change) {
   json_.print("interface", Json{{"address", format_address(change.address)},
                                 {"interface", change.now.name},
                                 {"state", change.state()}});
-  if (before_line) before_line();
-  fmt::print(stderr, "pkgdist-lead: {}\n", change.text());
+  cli::complain(change.text());
 }
 
 void Reporter::error(const std::string& text) {

@@ -22,6 +22,7 @@ class Reporter : public lead::Events {
 
   void node_appeared(const lead::NodeInfo& node) override;
   void node_restarted(const lead::NodeInfo& node) override;
+  void address_shared(const lead::NodeInfo& node, uint32_t other_pid) override;
   void node_silent(const lead::NodeInfo& node) override;
   void node_returned(const lead::NodeInfo& node) override;
   void node_deferred(const lead::NodeInfo& node) override;
@@ -41,6 +42,8 @@ class Reporter : public lead::Events {
   void other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) override;
   void sender_mismatch(uint32_t named, uint32_t from, uint64_t datagrams) override;
 
+  // Hears every message of a node first; with true there is no report of it.
+  std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
   // Hears every message of a node, behind the report of it.
   std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;
 

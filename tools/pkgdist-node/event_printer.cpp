@@ -24,12 +24,14 @@ EventPrinter& printer(void* ctx) {
 void on_lead_change(uint32_t lead, uint32_t pid, bool failover, void* ctx) {
   printer(ctx).lead_changed(lead, pid, failover);
 }
-void on_start(uint64_t, const char* const*, uint32_t count, uint32_t, uint32_t location,
+void on_start(uint64_t, const char* const* paths, uint32_t count, uint32_t, uint32_t location,
               uint32_t xact_id, void* ctx) {
+  for (uint32_t i = 0; i < count; ++i) printer(ctx).partial_files().note_listed(location, paths[i]);
   printer(ctx).transaction_started(xact_id, location, count);
 }
 void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uint32_t xact_id,
              void* ctx) {
+  printer(ctx).partial_files().on_ended(location, path, status);
   printer(ctx).file_ended(status, path, location, xact_id);
 }
 void on_done(uint64_t status, uint32_t xact_id, void* ctx) {
@@ -81,6 +83,7 @@ void EventPrinter::attach(Node& node) {
   const levm_handle_t loop = node.loop();
   node.on_interface = [this](const cli::InterfaceChange& change) { interface_changed(change); };
   node.on_trouble = [this](const std::string& text) { error(text); };
+  partial_files_ = &node.partial_files();
   require(instcomm_pkgdist_ctrl_register_lead_change(loop, on_lead_change, this),
           "registering for lead changes");
   require(instcomm_pkgdist_data_file_xact_start_hdlr_attach(loop, on_start, this),
@@ -175,7 +178,7 @@ void EventPrinter::interface_changed(const cli::InterfaceChange& change) {
   json_.print("interface", Json{{"address", cli::format_address(change.address)},
                                 {"interface", change.now.name},
                                 {"state", change.state()}});
-  fmt::print(stderr, "pkgdist-node: {}\n", change.text());
+  cli::complain(change.text());
 }
 
 void EventPrinter::error(const std::string& text) {

@@ -8,6 +8,7 @@
 #include "json_events.h"
 #include "node.h"
 #include "node_options.h"
+#include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
@@ -17,9 +18,10 @@ class EventPrinter {
   explicit EventPrinter(const NodeOptions& options)
       : json_(options.common.json), verbosity_(options.common.verbosity) {}
 
-  // Attaches to everything that the lead does unasked, and to what becomes of the interface. The
-  // object must outlive the node.
+  // Attaches to everything that the lead does unasked, and to what becomes of the interface; the
+  // node's partial files hear of it, too. The object must outlive the node.
   void attach(Node& node);
+  PartialFiles& partial_files() { return *partial_files_; }
 
   // What the node listens on, as whom, and where its locations are.
   void listening(const NodeOptions& options);
@@ -46,6 +48,7 @@ class EventPrinter {
   };
   void say(const std::string& line) const;
 
+  PartialFiles* partial_files_ = nullptr;
   cli::JsonEvents json_;
   int verbosity_;
   bool lead_is_known_ = false;

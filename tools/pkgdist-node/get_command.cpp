@@ -2,6 +2,8 @@
 #include <fmt/core.h>
 
 #include <cstddef>
+#include <map>
+#include <string_view>
 
 #include "commands.h"
 #include "event_printer.h"
@@ -26,6 +28,7 @@ void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uin
   --wanted.waiting;
   ++wanted.ended;
   if (status != 0) ++wanted.failed;
+  wanted.printer.partial_files().on_ended(location, path, status);
   wanted.printer.file_ended(status, path, location, xact_id);
 }
 
@@ -40,6 +43,33 @@ void request(const std::string& path, Wanted& wanted) {
   --wanted.waiting;
   ++wanted.failed;
   wanted.printer.file_ended(status, path.c_str(), options.location, 0);
+}
+
+// In turns: "NAME.tmp" is where NAME is received, so a name is asked for when those with fewer such
+// suffixes have arrived.
+std::map<size_t, std::vector<std::string>> in_turns(const std::vector<std::string>& paths) {
+  constexpr std::string_view kSuffix = ".tmp";
+  std::map<size_t, std::vector<std::string>> turns;
+  for (const std::string& path : paths) {
+    size_t suffixes = 0;
+    for (size_t at = path.find(kSuffix); at != std::string::npos; at = path.find(kSuffix, at + 1))
+      ++suffixes;
+    turns[suffixes].push_back(path);
+  }
+  return turns;
+}
+
+// How many have not arrived when nothing was heard of them for the time-out.
+size_t request_all(Node& node, Wanted& wanted) {
+  size_t left = wanted.options.paths.size();
+  for (const auto& [suffixes, paths] : in_turns(wanted.options.paths)) {
+    for (const std::string& path : paths) request(path, wanted);
+    if (!node.run_until([&] { return wanted.waiting == 0; }, wanted.options.timeout_seconds,
+                        heard_about_files))
+      return left - paths.size() + wanted.waiting;
+    left -= paths.size();
+  }
+  return 0;
 }
 
 // The library tells the lead the end of a file just after its callback here: a process that ended
@@ -63,14 +93,12 @@ int get_command(const NodeOptions& options) {
   wanted.loop = node.loop();
   printer.attach(node);
   if (!await_lead(node, printer, options)) return cli::kExitFailure;
-  for (const std::string& path : options.paths) request(path, wanted);
-  if (!node.run_until([&] { return wanted.waiting == 0; }, options.timeout_seconds,
-                      heard_about_files))
-    printer.gave_up(
-        fmt::format("{} of {} files have not arrived", wanted.waiting, options.paths.size()),
-        options.timeout_seconds);
+  const size_t left = request_all(node, wanted);
+  if (left != 0)
+    printer.gave_up(fmt::format("{} of {} files have not arrived", left, options.paths.size()),
+                    options.timeout_seconds);
   await_reports(node, wanted.ended);
-  return wanted.waiting == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
+  return left == 0 && wanted.failed == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 
 }  // namespace pkgdist::node_program

@@ -42,18 +42,6 @@ void start_data(const NodeOptions& options) {
           "starting the data side");
 }
 
-// A directory is made if it is missing, and ends with a slash; a memory prefix is taken as it is.
-void set_location(const cli::Location& location) {
-  std::string path = location.path;
-  if (!location.memory) {
-    std::filesystem::create_directories(path);
-    if (path.back() != '/') path += '/';
-    make_directories_of_links_below(path);
-  }
-  require(instcomm_pkgdist_set_recv_repository(path.c_str(), location.number, location.memory),
-          fmt::format("setting location {} to '{}'", location.number, path).c_str());
-}
-
 nodeid_handle_t make_identity(const NodeOptions& options) {
   const std::array<uint32_t, 3> id = node_id_of(options);
   nodeid_handle_t nodeid = nullptr;
@@ -97,6 +85,24 @@ Node::Node(const NodeOptions& options)
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");
   start_data(options);
   for (const auto& [number, location] : options.common.locations) set_location(location);
+}
+
+Node::~Node() {
+  partial_files_.remove_open();
+}
+
+// A directory is made if it is missing, and ends with a slash; a memory prefix is taken as it is.
+void Node::set_location(const cli::Location& location) {
+  std::string path = location.path;
+  if (!location.memory) {
+    std::filesystem::create_directories(path);
+    if (path.back() != '/') path += '/';
+    make_directories_of_links_below(path);
+    flush_service_.add_location(location.number, path);
+    partial_files_.add_location(location.number, path);
+  }
+  require(instcomm_pkgdist_set_recv_repository(path.c_str(), location.number, location.memory),
+          fmt::format("setting location {} to '{}'", location.number, path).c_str());
 }
 
 bool Node::run_until(const std::function<bool()>& done, double silence_seconds,

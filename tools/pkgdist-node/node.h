@@ -7,9 +7,11 @@
 #include <memory>
 #include <string>
 
+#include "flush_service.h"
 #include "group_membership.h"
 #include "network_interface.h"
 #include "node_options.h"
+#include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
@@ -26,6 +28,10 @@ class Node {
  public:
   // Starts both sides of the library and sets the storage locations. The process has one Node.
   explicit Node(const NodeOptions& options);
+  // What is still being received is given up: its partial files go.
+  ~Node();
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
 
   levm_handle_t loop() const { return loop_.get(); }
 
@@ -40,6 +46,9 @@ class Node {
 
   static bool interrupted();
 
+  FlushService& flush_service() { return flush_service_; }
+  PartialFiles& partial_files() { return partial_files_; }
+
   // Called from the event loop when the interface of the node's address goes down, away or comes
   // back.
   std::function<void(const cli::InterfaceChange&)> on_interface;
@@ -47,6 +56,7 @@ class Node {
   std::function<void(const std::string&)> on_trouble;
 
  private:
+  void set_location(const cli::Location& location);
   // Runs callbacks that are ready, or become ready within so many seconds; negative: without limit.
   // A stop signal ends the wait.
   void run_once(double seconds);
@@ -63,6 +73,8 @@ class Node {
   cli::InterfaceWatch interface_;  // since before the library joined the groups
   GroupMembership membership_;
   unsigned joined_ = 0;  // number of the interface on which the groups were joined last
+  FlushService flush_service_;
+  PartialFiles partial_files_;
 };
 
 }  // namespace pkgdist::node_program

@@ -13,10 +13,13 @@ struct MessageClass {
   uint32_t number;
   EventPrinter* printer;
   cli::MessageRunner* runner;
+  FlushService* flush_service;
 };
 
 void on_message(const void* bytes, uint64_t size, void* ctx) {
   const auto& target = *static_cast<MessageClass*>(ctx);
+  if (target.flush_service->on_message(target.number, {static_cast<const uint8_t*>(bytes), size}))
+    return;
   target.printer->message(target.number, size);
   target.runner->add({static_cast<const char*>(bytes), size},
                      {{"PKGDIST_MESSAGE_CLASS", std::to_string(target.number)}});
@@ -37,7 +40,7 @@ int run_command(const NodeOptions& options) {
   printer.attach(node);
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {
-    target = {number, &printer, &runner};
+    target = {number, &printer, &runner, &node.flush_service()};
     require(instcomm_pkgdist_ctrl_mc_hdlr_attach(node.loop(), number++, on_message, &target),
             "attaching to messages");
   }

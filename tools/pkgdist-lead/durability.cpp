@@ -1,0 +1,58 @@
+#include "durability.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <system_error>
+
+#include "cli_common.h"
+
+namespace pkgdist::lead_program {
+
+void Durability::ask(lead::Lead& lead, const lead::PushReport& report, lead::Time limit,
+                     lead::Time now) {
+  std::vector<uint32_t> asked;
+  for (const lead::PushNodeReport& node : report.nodes) {
+    nodes_[node.address] = kNoAnswer;
+    if (node.heard && !node.silent) asked.push_back(node.address);
+  }
+  deadline_ = now + limit;
+  if (asked.empty()) return;
+  const std::string text = flush_question_text(question_);
+  if (lead.send_message(cli::kFlushClass, {text.begin(), text.end()}, lead::Audience::only(asked),
+                        now, limit) != 0)
+    waiting_ = asked.size();
+}
+
+bool Durability::on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes) {
+  if (msg_class != cli::kFlushClass) return false;
+  const auto answer = cli::parse_flush_answer(bytes);
+  if (!answer || answer->question != question_) return false;
+  const auto found = nodes_.find(node);
+  if (found == nodes_.end() || found->second != kNoAnswer) return true;
+  found->second = answer->error;
+  if (waiting_ != 0) --waiting_;
+  return true;
+}
+
+bool Durability::report() {
+  for (const auto& [node, error] : nodes_) {
+    const std::string address = cli::format_address(node);
+    const std::string reason = error == 0           ? ""
+                               : error == kNoAnswer ? "no answer in time"
+                                                    : std::generic_category().message(error);
+    reporter_.json().print("durable",
+                           {{"node", address}, {"durable", error == 0}, {"reason", reason}},
+                           cli::Output::Kind::kResult);
+    if (error != 0)
+      reporter_.say(fmt::format("{:<16}not durable: {}", address, reason),
+                    cli::Output::Kind::kResult);
+  }
+  const auto durable = static_cast<size_t>(std::count_if(
+      nodes_.begin(), nodes_.end(), [](const auto& node) { return node.second == 0; }));
+  reporter_.say(fmt::format("durable on {} of {} nodes", durable, nodes_.size()),
+                cli::Output::Kind::kResult);
+  return durable == nodes_.size();
+}
+
+}  // namespace pkgdist::lead_program

@@ -1,0 +1,41 @@
+// push --durable: asks the nodes, when a push has ended, to write what they received to their
+// disks, and waits for their answers. A node that does not answer in time is not durable: its
+// program may be one that does not know the question.
+#pragma once
+
+#include <cerrno>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "flush_messages.h"
+#include "pkgdist_lead/lead.h"
+#include "reporter.h"
+
+namespace pkgdist::lead_program {
+
+class Durability {
+ public:
+  // `number` tells this question from others.
+  Durability(Reporter& reporter, uint32_t number, uint32_t location)
+      : reporter_(reporter), question_{number, location} {}
+
+  // Asks the nodes that are heard; the others are not durable at once.
+  void ask(lead::Lead& lead, const lead::PushReport& report, lead::Time limit, lead::Time now);
+  // A message of a node; false when it is no answer to this question.
+  bool on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes);
+  bool ended(lead::Time now) const { return waiting_ == 0 || now >= deadline_; }
+  // Tells what became of each node, once. True when all are durable.
+  bool report();
+
+ private:
+  static constexpr int kNoAnswer = ETIMEDOUT;
+
+  Reporter& reporter_;
+  const cli::FlushQuestion question_;
+  std::map<uint32_t, int> nodes_;  // by address: what it said, kNoAnswer before
+  size_t waiting_ = 0;
+  lead::Time deadline_ = 0;
+};
+
+}  // namespace pkgdist::lead_program
