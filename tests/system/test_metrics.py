@@ -130,7 +130,7 @@ class LeadMetrics(SystemTest):
         self.net.nodes[1].lose(3)
         self.start_nodes()
         first, second, stopped = self.net.nodes
-        lead = self.start_push("--metrics", PORT, "--rate", "20")
+        lead = self.start_push("--metrics", PORT, "--rate", "20", "--keep-directory-links")
         lead.wait_for("push-started")
         self.node_processes[stopped.name].send_signal(signal.SIGSTOP)
         during = self.next_after(self.wait_for("pkgdist_push_nodes_done", 2))
