@@ -139,6 +139,7 @@ void copy_to_stderr(const TracePoint& point, const char* format, ...) {
   va_start(arguments, format);
   va_list again;
   va_copy(again, arguments);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   const int size = std::vsnprintf(usual, sizeof usual, format, arguments);
   if (size >= static_cast<int>(sizeof usual)) {
     longer.reset(new (std::nothrow) char[static_cast<size_t>(size) + 1]);

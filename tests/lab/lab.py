@@ -125,6 +125,11 @@ class Host(Loopback):
     def remove_interface(self):
         _sh("ip", "link", "delete", self.port)
 
+    def restore_interface(self):
+        """Whether there is one or not."""
+        _delete("ip", "link", "delete", self.port)
+        self.add_interface()
+
     def set_interface(self, state):
         """"up" or "down"."""
         self._exec("ip", "link", "set", "eth0", state)

@@ -18,6 +18,8 @@ class InterfaceTest(SystemTest):
         tree.small(self.content, small_files=20, medium=20_000_000)
         self.addCleanup(self.restore)
         self.start_nodes()
+        for node in self.net.nodes:
+            lab.wait_until(lambda node=node: self.node_events(node, "listening"), what="the node to listen")
 
     def restore(self):
         """For a test that has failed in between."""
@@ -25,8 +27,7 @@ class InterfaceTest(SystemTest):
             shown = host.run(["ip", "-4", "address", "show", "up", "dev", "eth0"], capture_output=True,
                              text=True)
             if f" {host.address}/" not in shown.stdout:
-                host.remove_interface()
-                host.add_interface()
+                host.restore_interface()
 
     def begin_push(self, *arguments):
         lead = self.start_push("--rate", RATE, *arguments)

@@ -86,9 +86,11 @@ std::string InterfaceChange::text() const {
                      off ? "it is up again" : "its cable or its peer is back");
 }
 
-InterfaceWatch::InterfaceWatch(uint32_t address) : address_(address), fd_(open_notices()) {
-  known_ = find_interface(address).value_or(NetworkInterface{});
-}
+// Notices first: what changes in between is looked up twice and not missed.
+InterfaceWatch::InterfaceWatch(uint32_t address)
+    : address_(address),
+      fd_(open_notices()),
+      known_(find_interface(address).value_or(NetworkInterface{})) {}
 
 InterfaceWatch::~InterfaceWatch() {
   if (fd_ >= 0) ::close(fd_);
