@@ -26,6 +26,8 @@ constexpr Time kRequestHold = 2 * kSecond;
 constexpr Time kReportTime = kSecond;
 // A node on which a file failed for a passing reason gets it again so many times.
 constexpr uint32_t kMaxRetries = 2;
+// Between lists that tell nodes of files again.
+constexpr Time kRelistPause = 50 * kMillisecond;
 // A process that ends more often in one push ends because of it.
 constexpr uint32_t kMaxRestarts = 3;
 
@@ -447,7 +449,10 @@ void PushJob::announce_to_fresh() {
   }
 }
 
+// A node that does not know a file although it was told will hardly do so a moment later.
 void PushJob::flush_relists() {
+  if (now_ < next_relist_) return;
+  next_relist_ = now_ + kRelistPause;
   auto relists = std::move(relists_);
   relists_.clear();
   for (auto& [node, files] : relists)
@@ -742,6 +747,7 @@ Time PushJob::next_deadline() const {
     return std::min(deadline, summary_.started_at + request_.node_timeout);
   if (places_deadline_ > now_) deadline = std::min(deadline, places_deadline_);
   deadline = std::min(deadline, revisit_at_);
+  if (!relists_.empty()) deadline = std::min(deadline, next_relist_);
   for (Time wait : piece_deadline_)
     if (wait > now_) deadline = std::min(deadline, wait);
   return deadline;

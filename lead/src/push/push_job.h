@@ -209,6 +209,7 @@ class PushJob {
   };
   std::unordered_map<uint32_t, Told> told_;                    // by sequence
   std::unordered_map<NodeIndex, std::set<uint32_t>> relists_;  // files to tell a node of again
+  Time next_relist_ = 0;                                       // not before
   std::vector<NodeIndex> fresh_;  // to be told of the pieces in transfer, together
   std::set<uint32_t> deleted_;    // files that this lead has had deleted since
   std::unordered_map<uint64_t, uint32_t> retries_;  // (node, file) -> tried again so often
