@@ -131,6 +131,18 @@ void PushJob::give_up(NodeIndex node, uint64_t status) {
   ready_piece_ = kNoPiece;
 }
 
+// A node that is dropped gets nothing more, one that is deferred gets its rest a little later: the
+// first is told by a second, which a node that is busy with something else for a moment stands; the
+// others do not wait that long for the second.
+void PushJob::find_straggler(Time now) {
+  constexpr Time kDropPatience = kSecond;
+  constexpr Time kDeferPatience = 100 * kMillisecond;
+  if (request_.slow_nodes == SlowNodes::kWait) return;
+  const bool drops = request_.slow_nodes == SlowNodes::kDrop;
+  const NodeIndex slow = data_.take_straggler(now, drops ? kDropPatience : kDeferPatience);
+  if (slow != kNoNode) treat_straggler(slow);
+}
+
 // The last node that lacks something holds nobody up.
 void PushJob::treat_straggler(NodeIndex node) {
   Member* const slow = member(node);
@@ -732,8 +744,7 @@ void PushJob::run(Time now) {
   if (!relists_.empty()) flush_relists();
   clear_places();
   if (!fresh_.empty()) announce_to_fresh();
-  if (request_.slow_nodes != SlowNodes::kWait)
-    if (const NodeIndex slow = data_.take_straggler(now); slow != kNoNode) treat_straggler(slow);
+  find_straggler(now);
   leave_out_unreachable();
   feed();
   if (unfinished_ == 0) return_to_deferred();

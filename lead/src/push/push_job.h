@@ -151,6 +151,7 @@ class PushJob {
   void flush_relists();
   void announce_to_fresh();
   void give_up(NodeIndex node, uint64_t status);
+  void find_straggler(Time now);
   void treat_straggler(NodeIndex node);
   void leave_out_unreachable();
   void leave_out(NodeIndex node, uint64_t status);

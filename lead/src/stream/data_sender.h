@@ -82,8 +82,10 @@ class DataSender {
   void set_round_trip(Time round_trip) { schedule_.set_round_trip(round_trip); }
   void run(Time now);
   Time next_deadline(Time now) const;
-  // A node that the others wait for; kNoNode: there is none.
-  NodeIndex take_straggler(Time now) { return window_.take_straggler(now); }
+  // A node that the others have waited for so long, more often than not; kNoNode: there is none.
+  NodeIndex take_straggler(Time now, Time patience) {
+    return window_.take_straggler(now, patience);
+  }
   // Why nothing can be expected of the node any more: it answers nothing on the data channel. 0: it
   // does.
   uint64_t out_of_contact(NodeIndex node, Time now) const { return contact_.lost(node, now); }

@@ -45,8 +45,9 @@ class Window {
     limited_ = true;
     stragglers_.held_up_by(holder(), now);
   }
-  // A node that the others wait for most of the time, told once in a while; kNoNode: there is none.
-  NodeIndex take_straggler(Time now) { return stragglers_.take(now); }
+  // A node that the others wait for most of the time, told once in `patience`; kNoNode: there is
+  // none.
+  NodeIndex take_straggler(Time now, Time patience) { return stragglers_.take(now, patience); }
   uint64_t size() const { return static_cast<uint64_t>(size_); }
   // Bytes per second that the nodes have handled lately, at least a trickle.
   double rate() const { return rate_ == 0 ? kAssumedRate : std::max(rate_, kLeastRate); }
