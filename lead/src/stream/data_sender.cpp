@@ -167,9 +167,12 @@ void DataSender::abandon(uint64_t tag_limit) {
 double DataSender::backlog_seconds() {
   const double bytes = static_cast<double>(schedule_.waiting_bytes() +
                                            schedule_.segments_ahead() * self_.segment_size);
+  return bytes / pace();
+}
+
+double DataSender::pace() const {
   const double limit = pacer_.bytes_per_second();
-  const double rate = limit != 0 ? std::min(limit, window_.rate()) : window_.rate();
-  return bytes / rate;
+  return limit != 0 ? std::min(limit, window_.rate()) : window_.rate();
 }
 
 // --- What nodes say ---
@@ -182,6 +185,15 @@ bool DataSender::is_first_request(const Transfer& transfer, NodeIndex node, uint
   if (transfer.segments <= kFirstInformedAgain) return !transfer.nodes[node].has_info;
   const uint64_t recent = 2 * window_.size() / self_.segment_size + 2 * kFirstInformedAgain;
   return uint64_t{first} + num + recent >= transfer.turn.done();
+}
+
+// A run up to the file's end comes from a time-out of the node: it names what has not arrived
+// there, lost or not. The latest segments of the file that the node may not have come to yet.
+uint64_t DataSender::on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first,
+                                uint32_t num) const {
+  if (!transfer.turn.has_last(first, num)) return 0;
+  const uint64_t bytes = window_.unhandled(node, transfer.streamed_to);
+  return (bytes + self_.segment_size - 1) / self_.segment_size;
 }
 
 uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first,
@@ -205,7 +217,8 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     contact_.answered(node);  // the information has reached it
   uint32_t gone = 0;
   transfer->repairs.set_holdoff(2 * window_.round_trip());
-  transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
+  const uint64_t coming = on_the_way(*transfer, node, first, num);
+  transfer->turn.behind(first, num, coming, [&](uint32_t from, uint32_t count) {
     transfer->repairs.request(from, count, now);
     state.parts |= transfer->repairs.parts_of(from, count);
     gone += count;
@@ -244,7 +257,7 @@ void DataSender::send_infos(Transfer& transfer, int copies, Time now) {
 
 // The copies of an information are divided: some now, some right ahead of the first segment.
 bool DataSender::send_announcement(Lane lane, Time now) {
-  Transfer* const transfer = schedule_.next_announcement(lane);
+  Transfer* const transfer = schedule_.next_announcement(now, lane);
   if (transfer == nullptr) return false;
   const int copies = loss_.info_copies(transfer->open, transfer->attributes.size);
   send_infos(*transfer, copies - copies / 2, now);
@@ -295,6 +308,7 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
   if (transfer.first_turn && informs_again_at(transfer.turn.done())) output_.info(transfer, now);
   if (!send_segment(transfer, transfer.turn.segment(), DataOutput::As::kFirst, now)) return true;
   loss_.sent(1);
+  transfer.streamed_to = window_.position();
   transfer.turn.advance();
   if (transfer.turn.active()) return true;
   transfer.first_turn = false;
@@ -323,6 +337,7 @@ bool DataSender::poll_if_due(bool stops, Time now) {
 
 void DataSender::run(Time now) {
   pacer_.refill(now);
+  schedule_.set_rate(pace());
   if (pacer_.next_ready(now) > now) return;  // woken early: less would go out than a call is worth
   while (pacer_.ready()) {
     if (poll_if_due(false, now) || settling_.run(now)) continue;

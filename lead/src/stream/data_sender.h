@@ -97,6 +97,7 @@ class DataSender {
   }
 
  private:
+  double pace() const;  // bytes per second
   bool send_next(Time now);
   Transfer& add(FileKey key, uint32_t priority, uint64_t tag, Time now);
   void set_asker(Transfer& transfer, NodeIndex asker);
@@ -109,6 +110,7 @@ class DataSender {
   bool send_segment(Transfer& transfer, uint32_t segment, DataOutput::As as, Time now);
   void send_infos(Transfer& transfer, int copies, Time now);
   bool poll_if_due(bool stops, Time now);
+  uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
   bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
                         uint32_t num) const;
 

@@ -17,6 +17,13 @@ uint64_t Window::handled() const {
   return least;
 }
 
+uint64_t Window::unhandled(NodeIndex node, uint64_t up_to) const {
+  const auto polled =
+      std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
+  if (polled == polled_.end() || polled->excused()) return 0;
+  return up_to - std::min(up_to, polled->handled);
+}
+
 // The only node that has not handled all that was polled; kNoNode when there are several, or none.
 NodeIndex Window::holder() const {
   NodeIndex holder = kNoNode;

@@ -39,6 +39,9 @@ class Window {
   uint64_t position() const { return position_; }
   // Up to which all polled nodes have handled everything.
   uint64_t handled() const;
+  // Bytes up to this position that the node is not known to have handled; 0 for one that is not
+  // polled.
+  uint64_t unhandled(NodeIndex node, uint64_t up_to) const;
   bool open() const { return position_ - handled() < static_cast<uint64_t>(size_); }
   // More would be sent if it were open.
   void note_full(Time now) {
