@@ -149,14 +149,19 @@ void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
              [o](uint32_t address) { o->interface = address; })
       ->required();
   add_parsed(app, "--ctrl-group", "multicast group of the control channel", "GROUP:PORT",
-             "239.255.71.1:7100", parse_group, [o](Endpoint group) { o->ctrl_group = group; });
+             format_endpoint(options.ctrl_group), parse_group,
+             [o](Endpoint group) { o->ctrl_group = group; });
   add_parsed(app, "--data-group", "multicast group of the data channel", "GROUP:PORT",
-             "239.255.71.2:7101", parse_group, [o](Endpoint group) { o->data_group = group; });
-  add_parsed(app, "--lead-port", "the lead's control port", "PORT", "7102", parse_port,
+             format_endpoint(options.data_group), parse_group,
+             [o](Endpoint group) { o->data_group = group; });
+  add_parsed(app, "--lead-port", "the lead's control port", "PORT",
+             std::to_string(options.lead_port), parse_port,
              [o](uint16_t port) { o->lead_port = port; });
-  add_parsed(app, "--node-port", "the nodes' control port", "PORT", "7103", parse_port,
+  add_parsed(app, "--node-port", "the nodes' control port", "PORT",
+             std::to_string(options.node_port), parse_port,
              [o](uint16_t port) { o->node_port = port; });
-  add_parsed(app, "--req-port", "the lead's port for data requests", "PORT", "7104", parse_port,
+  add_parsed(app, "--req-port", "the lead's port for data requests", "PORT",
+             std::to_string(options.req_port), parse_port,
              [o](uint16_t port) { o->req_port = port; });
   app.add_option_function<std::vector<std::string>>(
          "--location",

@@ -46,6 +46,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "pkgdist/defaults.h"
 #include "pkgdist/status.h"
 #include "platform/levm.h"
 #include "platform/nodeid.h"
@@ -136,13 +137,14 @@ extern uint32_t G_data_recv_mode_mask;
 /* --- Control side --------------------------------------------------------------------------- */
 
 /* Starts the control side: opens traces and statistics, the sockets and the receive thread.
+ * pkgdist/defaults.h has the values to pass unless the lead was given others.
  *
  *   mc_addr, mc_port     multicast group and port of the lead's control messages
  *   lead_port            the lead's own unicast control port: where this node sends to
  *   recv_port            this node's unicast control port: where the lead sends to it
  *   card_class           class of this node's card, compared with the class of each message
  *   node_ip              this node's own address; also selects the multicast interface
- *   trace_configuration  handed to the trace library
+ *   trace_configuration  handed to the trace library; 0
  *
  * Blocks up to 100 seconds while the group cannot be joined on the interface (at boot it may have
  * no address yet). Returns 0 or PKGDIST_ERR_SYSTEM; what was already opened then stays open. May be
@@ -264,13 +266,16 @@ PkgdistStatus instcomm_pkgdist_data_file_xact_done_hdlr_attach(levm_handle_t lev
  * Returns 0; PKGDIST_ERR_INVALID (an argument), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM (a thread
  * or socket), and then no callback comes. PKGDIST_ERR_SEND, PKGDIST_ERR_ENCODE or PKGDIST_ERR_NOMEM
  * can also come from the first transmission of the request: then the file stays requested, is asked
- * for again, and the callback does come. Cancel the transaction to be sure that nothing is left. */
+ * for again, and the callback does come. Withdraw the transaction to be sure that nothing is left.
+ */
 PkgdistStatus instcomm_pkgdist_get_file(const char* path, uint32_t type, uint32_t location,
                                         uint32_t priority, uint32_t xact_id, levm_handle_t levm,
                                         pkgdist_data_file_cb callback, void* ctx);
 
 /* Withdraws a request. Its callback is called with PKGDIST_STATUS_CANCELLED; when nobody else wants
  * the file, its reception ends and the lead is told.
+ *
+ * Prefer instcomm_pkgdist_get_file_withdraw, which is the same without the hazard.
  *
  * HAZARD: when the file is wanted by further transactions (another instcomm_pkgdist_get_file of the
  * same file, or a push of the lead), this call returns with the library's file database locked for
@@ -281,6 +286,14 @@ PkgdistStatus instcomm_pkgdist_get_file(const char* path, uint32_t type, uint32_
  * Returns 0, PKGDIST_ERR_INVALID (identifier 0), PKGDIST_ERR_NOT_FOUND (no file waits under this
  * identifier, for example because it has just ended), or the status of telling the lead. */
 PkgdistStatus instcomm_pkgdist_get_file_cancel(uint32_t xact_id);
+
+/* Withdraws a request, whoever else wants the file: its callback is called with
+ * PKGDIST_STATUS_CANCELLED. When further transactions wait for the file (requests of this process,
+ * a push of the lead), its reception goes on for them, and they get its outcome; otherwise it ends
+ * and the lead is told. Holds no lock on return.
+ *
+ * Returns as instcomm_pkgdist_get_file_cancel does. */
+PkgdistStatus instcomm_pkgdist_get_file_withdraw(uint32_t xact_id);
 
 #ifdef __cplusplus
 }
