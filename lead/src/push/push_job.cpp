@@ -758,7 +758,7 @@ std::vector<PushJob::Streamed> PushJob::streamed() const {
   for (const auto& [file, id] : active_) {
     const Transfer* transfer = data_.get(id);
     if (transfer == nullptr || transfer->streamed_segments() == 0) continue;
-    files.push_back({file, transfer->streamed_bytes(), transfer->streamed_segments()});
+    files.push_back({file, transfer, transfer->streamed_bytes(), transfer->streamed_segments()});
   }
   return files;
 }
@@ -775,15 +775,21 @@ PushReport PushJob::progress() const {
   report.expected_nodes = request_.nodes.empty() ? request_.node_count : request_.nodes.size();
   report.nodes.reserve(members_.size());
   const std::vector<Streamed> in_transfer = streamed();
-  for (const Member& one : members_) {
+  for (NodeIndex index = 0; index < members_.size(); ++index) {
+    const Member& one = members_[index];
     if (!one.known) continue;
     PushNodeReport& node = report.nodes.emplace_back(one.report);
+    node.last_heard = nodes_[index].last_heard;
     node.files_failed = one.failed.size();
     node.files_left = one.left;
     if (one.left == 0 || !one.present) continue;
     for (const Streamed& part : in_transfer) {
       if (one.ended[part.file]) continue;
-      node.bytes_in_transfer += part.bytes;
+      const Transfer& transfer = *part.transfer;
+      node.bytes_sent += part.bytes;
+      node.bytes_in_transfer +=
+          std::min(part.bytes, transfer.attributes.size * data_.arrived_segments(transfer, index) /
+                                   transfer.segments);
       node.segments += part.segments;
     }
   }

@@ -136,6 +136,7 @@ class PushJob {
   // A file in transfer of which something was sent.
   struct Streamed {
     uint32_t file = 0;
+    const Transfer* transfer = nullptr;
     uint64_t bytes = 0;
     uint64_t segments = 0;
   };
