@@ -127,7 +127,7 @@ class Printer {
     const std::string function = cli::printable(point->function);
     if (options_.json) {
       events_.print("record",
-                    {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
+                    {{"time", cli::rounded(static_cast<double>(record.realtime_ns) / kNsPerSecond, 6)},
                      {"pid", reader_.pid()},
                      {"thread", record.thread},
                      {"ring", reader_.rings()[record.ring].name},
