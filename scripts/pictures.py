@@ -90,7 +90,7 @@ class Stage:
         terminal = Terminal(self.net.lead, self.command(*options), COLUMNS, ROWS)
         terminal.read(seconds=6)
         self.processes[5].send_signal(signal.SIGSTOP)
-        terminal.wait_for("heard 3 s ago")
+        terminal.wait_for("heard 3 s")
         lines = [number for number, line in enumerate(terminal.shown(), 1) if line]
         picture = Picture(terminal.emulator, lines[-1]).svg()
         self.processes[5].send_signal(signal.SIGCONT)

@@ -20,7 +20,8 @@ class Terminal:
         self.resize(columns, rows, slave)
         self.environment = os.environ | {"TERM": "linux", "LC_ALL": "C.UTF-8"} | (environment or {})
         self.process = host.spawn(command, stdin=slave, stdout=slave, stderr=slave, env=self.environment,
-                                  start_new_session=True)
+                                  start_new_session=True,
+                                  preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
         os.close(slave)
 
     def resize(self, columns, rows, descriptor=None):

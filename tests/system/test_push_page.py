@@ -129,10 +129,10 @@ class PushPage(SystemTest):
             {"node": "10.0.0.3", "state": "never heard", "seconds": 5, "open": names},
             {"node": "10.0.0.4", "state": "complete", "seconds": 2}]}
         text, content = self.page([{"event": "push-started", "transaction": 7, "time": 100}, end])
-        self.assertRegex(text, r"Missing node files why 10\.0\.0\.2 one two No space left on device "
-                         r"10\.0\.0\.1 124 files d/file 0 .* and 74 more silent")
+        self.assertRegex(text, r"Missing node files why 10\.0\.0\.1 124 files d/file 0 .* and 74 more silent "
+                         r"10\.0\.0\.2 one two No space left on device")
         self.assertEqual(content.count("<details>"), 1)
-        self.assertIn("Nodes that never came 10.0.0.3 2 of 6 nodes", text)
+        self.assertIn("Nodes that never came 10.0.0.3, and 2 of 6 nodes", text)
 
     def test_rates_and_troubles_stand_over_time(self):
         events = [{"event": "push-started", "transaction": 7, "time": 100}]

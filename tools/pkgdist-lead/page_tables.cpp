@@ -96,7 +96,9 @@ std::string absent(const PushStory& story) {
   const uint64_t unnamed = expected - std::min<uint64_t>(expected, story.nodes().size());
   if (named == 0 && unnamed == 0) return "";
   return fmt::format("<h2>Nodes that never came</h2>\n<p>{}{}</p>\n{}", names,
-                     unnamed != 0 ? fmt::format("{} of {} nodes", unnamed, expected) : "",
+                     unnamed != 0 ? fmt::format("{}{} of {} nodes", names.empty() ? "" : ", and ",
+                                                unnamed, expected)
+                                  : "",
                      more(named, kMaxRows));
 }
 

@@ -17,7 +17,7 @@ constexpr size_t kShare = 6;  // "100.0%"
 constexpr size_t kNote = 16;  // "heard 16 min ago", or a rate
 constexpr size_t kRepairRatio = 16;
 constexpr size_t kRepairs = 17;
-constexpr size_t kLeastBar = 8, kMostBar = 60;
+constexpr size_t kLeastBar = 8, kUsualBar = 24, kMostBar = 60;
 // More nodes than these in the eye are no help.
 constexpr size_t kMaxBars = 30;
 constexpr size_t kOtherRows = 3;  // for the rest of the nodes, the whole push and the cursor
@@ -34,14 +34,14 @@ Layout layout(const PushState& state, size_t columns) {
   Layout out;
   const size_t digits = std::to_string(state.files).size();
   size_t left = columns - std::min(columns, kAddress + 1 + kShare + 1 + kNote);
-  const auto take = [&](size_t wanted) {
-    if (left < wanted + kLeastBar + 3) return false;
+  const auto take = [&](size_t wanted, size_t bar = kLeastBar) {
+    if (left < wanted + bar + 3) return false;
     left -= wanted;
     return true;
   };
   if (take(2 * digits + 8)) out.files = digits;
   out.ratio = take(kRepairRatio);
-  out.repairs = out.ratio && take(kRepairs);
+  out.repairs = out.ratio && take(kRepairs, kUsualBar);
   if (left >= kLeastBar + 3) out.bar = std::min(kMostBar, left - 3);
   return out;
 }

@@ -77,15 +77,14 @@ class Replay {
  public:
   Replay(Lines& lines, double speed) : lines_(lines), speed_(speed) {}
 
-  // Hands over what is due. True when the view has to follow.
-  bool run(EventState& events) {
-    bool news = false;
+  // Hands over what is due; `show` is called whenever the view has to follow.
+  template <class Show>
+  void run(EventState& events, Show&& show) {
     while (have_ || (have_ = lines_.next(line_))) {
       if (speed_ > 0 && !due(events)) break;
-      news |= events.add(line_);
       have_ = false;
+      if (events.add(line_)) show(events.state());
     }
-    return news;
   }
 
  private:
@@ -123,7 +122,7 @@ int top_command(const LeadOptions& options) {
   EventState events;
   TopScreen screen(piped ? keys->get() : STDIN_FILENO, false);
   while (!screen.left() && !cli::wait_for_stop(kTickSeconds)) {
-    if (replay.run(events)) screen.show(events.state());
+    replay.run(events, [&](const PushState& state) { screen.show(state); });
     if (!events.last().empty()) screen.tell(events.last());
   }
   return cli::kExitOk;
