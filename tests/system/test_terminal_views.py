@@ -26,6 +26,10 @@ class TerminalViews(SystemTest):
     def bars(self, terminal):
         return [line for line in terminal.screen() if BAR.match(line)]
 
+    @staticmethod
+    def cells(terminal):
+        return "".join(line[:50].rstrip() for line in terminal.shown()[2:22])
+
     def replay_file(self, nodes, seconds):
         path = os.path.join(self.directory("events"), "events")
         many_nodes.write(path, nodes, seconds)
@@ -109,9 +113,10 @@ class TerminalViews(SystemTest):
 
     def test_a_thousand_nodes_can_be_read_in_80_columns_and_24_rows(self):
         terminal = self.top(self.replay_file(1000, 8))
-        terminal.wait_for("push 2147486722")
-        cells = "".join(line[:50] for line in terminal.shown()[2:22])
+        terminal.read(lambda _: len(self.cells(terminal)) == 1000, 10)
+        cells = self.cells(terminal)
         self.assertEqual(len(cells), 1000)
+        self.assertIn("push 2147486722", terminal.shown()[0])
         self.assertEqual(cells.count("!"), 3, cells)
         self.assertEqual(cells.count("8"), 1000 - 3 - cells.count("3") - cells.count("4") - cells.count("5") -
                          cells.count("6"))
