@@ -25,9 +25,8 @@ Json entry_json(Kind kind, const Entry& entry, const Entry* before) {
   } else {
     json["current"] = entry.current;
     json["mark"] = entry.mark;
-    json["mark_time"] = entry.mark_realtime_ns == 0
-                            ? Json()
-                            : Json(in_seconds(entry.mark_realtime_ns));
+    json["mark_time"] =
+        entry.mark_realtime_ns == 0 ? Json() : Json(in_seconds(entry.mark_realtime_ns));
   }
   return json;
 }
@@ -60,8 +59,7 @@ Json process_json(const Statistics& statistics) {
 
 Json json_of(const Sample& sample, const Sample* earlier, bool nonzero) {
   Json json = process_json(sample.statistics);
-  if (earlier != nullptr)
-    json["seconds"] = in_seconds(sample.monotonic_ns - earlier->monotonic_ns);
+  if (earlier != nullptr) json["seconds"] = in_seconds(sample.monotonic_ns - earlier->monotonic_ns);
   json["sockets"] = sockets_json(sample, earlier);
   json["tables"] = Json::array();
   for (const Table& table : sample.statistics.tables) {

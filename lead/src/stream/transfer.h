@@ -152,7 +152,7 @@ struct Transfer {
   // repairs not counted.
   uint64_t stream_begin = 0, stream_end = 0;
   uint64_t streamed = 0;
-  Time served = 0;        // when a segment of the stream or a repair was sent last
+  Time served = 0;  // when a segment of the stream or a repair was sent last
   Time last_request = 0;
   bool in_repair_line = false;
   uint64_t watched = 0;  // settling goes on when the window has handled this position
