@@ -79,13 +79,15 @@ if(PKGDIST_PROGRAMS)
   install_package_notes(pkgdist-tools tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
+  install(FILES packaging/schema/events.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist
+    COMPONENT tools)
   # README's links lead into docs/; installed, all pages stand side by side.
   file(READ README.md readme)
   string(REPLACE "](docs/" "](" readme "${readme}")
   file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
   install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md docs/glossary.md docs/start.md
-    docs/operations.md docs/performance.md docs/threat-model.md
+    docs/operations.md docs/performance.md docs/threat-model.md docs/events.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

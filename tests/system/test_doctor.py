@@ -30,7 +30,7 @@ class Examination:
         if self._said is None:
             out, error = self.process.communicate(timeout=30)
             self.test.assertEqual(error, "")
-            self._said = lab.parse_events(out)
+            self._said = lab.parse_lines(out)
         return self._said
 
     @property

@@ -29,7 +29,7 @@ class FailuresOfOneNode(SystemTest):
             self.assertEqual(told[node.address], {})
         self.assertFalse(end["complete"])
         self.wait_until_told(len(lab.manifest(self.content)))
-        ended = {e["path"]: e["status"] for e in self.node_events(self.troubled, "file")}
+        ended = {e["name"]: e["status"] for e in self.node_events(self.troubled, "file")}
         self.assertEqual(ended[name], told[self.troubled.address][name])
         self.assertEqual(sum(status != 0 for status in ended.values()), 1)
         done = self.node_events(self.troubled, "transaction-done")

@@ -181,7 +181,7 @@ void ControlServer::answer(Connection& connection) {
     say(connection, {{"event", "outcome"},
                      {"node", cli::format_address(node.info.address)},
                      {"acknowledged", good},
-                     {"reason", delivery_text(node.delivery)}});
+                     {"text", delivery_text(node.delivery)}});
   }
   say(connection, {{"event", "done"},
                    {"complete", report.complete()},

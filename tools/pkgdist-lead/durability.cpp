@@ -42,7 +42,7 @@ bool Durability::report() {
                                : error == kNoAnswer ? "no answer in time"
                                                     : std::generic_category().message(error);
     reporter_.json().print("durable",
-                           {{"node", address}, {"durable", error == 0}, {"reason", reason}},
+                           {{"node", address}, {"durable", error == 0}, {"text", reason}},
                            cli::Output::Kind::kResult);
     if (error != 0)
       reporter_.say(fmt::format("{:<16}not durable: {}", address, reason),

@@ -109,6 +109,7 @@ void add_push(CLI::App& app, LeadOptions& options) {
                  "written through");
   push->add_flag("--strict", options.strict,
                  "push nothing when something of the tree cannot be sent, instead of the rest");
+  push->add_flag("--top", options.top, "show the push full screen (see the command top)");
   push->add_option("PATH", options.paths, "files or directories below the location's root")
       ->required();
   add_stream_options(*push, options);
@@ -195,6 +196,20 @@ void add_report(CLI::App& app, LeadOptions& options) {
   report->callback([o] { o->command = Command::kReport; });
 }
 
+void add_top(CLI::App& app, LeadOptions& options) {
+  LeadOptions* o = &options;
+  CLI::App* top = app.add_subcommand(
+      "top", "show a push full screen, from the events that it prints or has printed");
+  top->add_option("EVENTS", options.events_path,
+                  "what 'push --json' prints, also while it grows; - for standard input")
+      ->required();
+  top->add_option("--replay", options.replay_speed,
+                  "play the events back, so many times as fast as they came")
+      ->type_name("SPEED")
+      ->check(CLI::Range(0.01, 1000.0));
+  top->callback([o] { o->command = Command::kTop; });
+}
+
 }  // namespace
 
 uint32_t require_interface(const LeadOptions& options) {
@@ -215,6 +230,7 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_serve(app, options);
   add_requests(app, options);
   add_report(app, options);
+  add_top(app, options);
 }
 
 }  // namespace pkgdist::lead_program

@@ -11,7 +11,7 @@
 
 namespace pkgdist::lead_program {
 
-enum class Command { kPush, kServe, kMessage, kCancel, kDelete, kReport };
+enum class Command { kPush, kServe, kMessage, kCancel, kDelete, kReport, kTop };
 
 struct LeadOptions {
   cli::CommonOptions common;
@@ -27,6 +27,7 @@ struct LeadOptions {
   double durable_seconds = 60;  // how long nodes may take
   bool keep_directory_links = false;
   bool strict = false;  // no push of a tree of which something cannot be sent
+  bool top = false;     // full screen
   uint32_t ttl = 1;
   bool multi_homed = false;
 
@@ -50,9 +51,10 @@ struct LeadOptions {
   uint32_t transaction = 0;
   double answer_seconds = 10;  // of delete, too
 
-  // report
+  // report, top
   std::string events_path;  // "-": standard input
   std::string page_path;
+  double replay_speed = 0;  // 0: as the events stand
 };
 
 // The own address; throws when --interface was not given.

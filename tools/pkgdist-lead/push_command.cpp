@@ -8,22 +8,14 @@
 #include "durability.h"
 #include "metrics.h"
 #include "output.h"
-#include "progress.h"
+#include "push_description.h"
+#include "push_display.h"
 #include "push_view.h"
 #include "session.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
-
-constexpr lead::Time kDrawPeriod = 200 * lead::kMillisecond;
-// How often rates are measured. With many nodes a look at all of them takes milliseconds, in which
-// nothing is sent.
-constexpr lead::Time kLookPeriod = lead::kSecond;
-constexpr size_t kManyNodes = 100;
-// Lines in a log: seldom enough to be read.
-constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
-constexpr lead::Time kJsonPeriod = lead::kSecond;
 
 int usage_error(const std::string& text) {
   cli::complain(text);
@@ -43,7 +35,7 @@ void tell_left_out(const lead::FileTree& tree, const char* prefix) {
 
 void left_out_events(const lead::FileTree& tree, const Reporter& reporter) {
   for (const auto& [name, reason] : tree.left_out)
-    reporter.json().print("left-out", {{"name", name}, {"reason", reason}},
+    reporter.json().print("left-out", {{"name", name}, {"text", reason}},
                           cli::Output::Kind::kResult);
 }
 
@@ -74,73 +66,6 @@ lead::PushRequest push_request(const LeadOptions& options, lead::FileTree& tree)
   request.max_time = static_cast<lead::Time>(options.max_seconds * 1e9);
   return request;
 }
-
-// Shows a push while it runs: bars on a terminal, lines or events otherwise.
-class Display {
- public:
-  Display(Reporter& reporter, PushView& view, bool json, lead::Time node_timeout)
-      : reporter_(reporter), view_(view), node_timeout_(node_timeout) {
-    bars_wanted_ = !json && ::isatty(STDOUT_FILENO) == 1;
-    look_period_ = bars_wanted_ ? kDrawPeriod : kLookPeriod;
-    show_period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
-    if (bars_wanted_) reporter_.before_line = [this] { return bars_.erasure(); };
-  }
-  ~Display() {
-    bars_.erase();
-    reporter_.before_line = nullptr;
-  }
-  Display(const Display&) = delete;
-  Display& operator=(const Display&) = delete;
-
-  lead::Time period() const { return look_period_; }
-
-  void run(lead::Lead& lead, lead::Time now) {
-    if (lead::elapsed(now, looked_) < look_period_) return;
-    const lead::PushReport report = lead.push_progress();
-    looked_ = now;
-    if (!report.started) return wait(report, now);
-    waiting_shown_ = 0;
-    meter_.update(report, now);
-    if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
-    if (shown_ == 0) shown_ = report.started_at;
-    if (lead::elapsed(now, shown_) < show_period_) return;
-    shown_ = now;
-    if (bars_wanted_)
-      bars_.draw(report, meter_, overall_line(report, meter_, lead, now));
-    else
-      view_.progress(report, meter_, lead, now);
-  }
-
- private:
-  // Most nodes are heard within a second: that is not told.
-  static constexpr lead::Time kSoon = 1500 * lead::kMillisecond;
-
-  void wait(const lead::PushReport& report, lead::Time now) {
-    const lead::Time waited = lead::elapsed(now, report.started_at);
-    if (report.finished || waited < kSoon || absent_nodes(report) == 0) return;
-    if (lead::elapsed(now, waiting_shown_) < (bars_wanted_ ? kDrawPeriod : kLinePeriod)) return;
-    waiting_shown_ = now;
-    const double left = static_cast<double>(node_timeout_ - std::min(waited, node_timeout_)) /
-                        static_cast<double>(lead::kSecond);
-    const std::string line = waiting_line(report, left);
-    if (bars_wanted_)
-      bars_.draw_line(line);
-    else
-      view_.waiting(report, line, left);
-  }
-
-  Reporter& reporter_;
-  PushView& view_;
-  lead::Time node_timeout_;
-  lead::Time waiting_shown_ = 0;
-  PushMeter meter_;
-  ProgressBars bars_;
-  bool bars_wanted_ = false;
-  lead::Time look_period_ = kLookPeriod;
-  lead::Time show_period_ = kLinePeriod;
-  lead::Time looked_ = 0;
-  lead::Time shown_ = 0;
-};
 
 // Whether another lead is in the way. A push waits for it to fall silent, as long as it waits for
 // nodes, and is given up when a lead that began earlier turns up.
@@ -247,6 +172,8 @@ int push_command(const LeadOptions& options) {
   Session session(options, reporter);
   if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
     return usage_error(problem);
+  reporter.json().print("push-requested", push_description(options, request),
+                        cli::Output::Kind::kResult);
   (void)session.hears_leads(reporter);
   const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
   const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
@@ -254,7 +181,7 @@ int push_command(const LeadOptions& options) {
   PushView view(reporter);
   bool ran = false;
   {
-    Display display(reporter, view, options.common.json, request.node_timeout);
+    PushDisplay display(reporter, view, options, request.node_timeout);
     ran = session.run(
         [&](lead::Time now) {
           display.run(session.lead(), now);

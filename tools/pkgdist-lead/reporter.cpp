@@ -46,6 +46,7 @@ std::string format_bytes(double bytes) {
 
 void Reporter::say(const std::string& line, cli::Output::Kind kind) {
   if (json_.enabled()) return;
+  if (takes_line) return takes_line(line);
   const std::string before = before_line ? before_line() : "";
   cli::standard_output().write(before + cli::printable(line) + '\n', kind);
 }
@@ -174,7 +175,7 @@ void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
   json_.print("message-outcome", Json{{"id", id},
                                       {"node", format_address(node.address)},
                                       {"acknowledged", good},
-                                      {"reason", delivery_text(delivery)}});
+                                      {"text", delivery_text(delivery)}});
   if (!good || verbosity_ > 0)
     say(fmt::format("message {}: {}: {}", id, format_address(node.address),
                     delivery_text(delivery)));
@@ -239,13 +240,18 @@ void Reporter::interface_changed(const cli::InterfaceChange& change) {
   json_.print("interface", Json{{"address", format_address(change.address)},
                                 {"interface", change.now.name},
                                 {"state", change.state()}});
-  cli::complain(change.text());
+  complain(change.text());
+}
+
+void Reporter::complain(const std::string& text) {
+  if (takes_line) return takes_line(text);
+  if (before_line) clear_progress();
+  cli::complain(text);
 }
 
 void Reporter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
-  if (before_line) clear_progress();
-  cli::complain(text);
+  complain(text);
 }
 
 }  // namespace pkgdist::lead_program

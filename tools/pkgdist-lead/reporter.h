@@ -19,6 +19,8 @@ class Reporter : public lead::Events {
   void say(const std::string& line, cli::Output::Kind kind = cli::Output::Kind::kEvent);
   // What takes a progress display out of the way of a line; null without one.
   std::function<std::string()> before_line;
+  // Takes every line instead, also of errors, while somebody else has the terminal.
+  std::function<void(const std::string&)> takes_line;
 
   void node_appeared(const lead::NodeInfo& node) override;
   void node_restarted(const lead::NodeInfo& node) override;
@@ -57,6 +59,7 @@ class Reporter : public lead::Events {
 
  private:
   void clear_progress();
+  void complain(const std::string& text);
   void node_event(const char* event, const char* text, const lead::NodeInfo& node);
   void message_outcome(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery delivery);
 

@@ -131,7 +131,7 @@ class Table {
   void line(const Json& outcome) {
     if (outcome.value("acknowledged", false)) return;
     if (!std::exchange(begun_, true)) print(fmt::format("{:<16}  {}", "not acknowledged", "why"));
-    print(fmt::format("{:<16}  {}", outcome.value("node", ""), outcome.value("reason", "")));
+    print(fmt::format("{:<16}  {}", outcome.value("node", ""), outcome.value("text", "")));
   }
 
  private:

@@ -144,9 +144,9 @@ void EventPrinter::file_ended(uint64_t status, const char* path, uint32_t locati
   if (status != 0) ++transaction.failed;
   json_.print("file", Json{{"transaction", xact_id},
                            {"location", location},
-                           {"path", path},
+                           {"name", path},
                            {"status", status},
-                           {"outcome", cli::status_text(status)}});
+                           {"text", cli::status_text(status)}});
   if (status != 0 || verbosity_ > 0)
     say(fmt::format("transaction {}: {}: {}", xact_id, path, cli::status_text(status)));
 }
@@ -170,7 +170,7 @@ void EventPrinter::message(uint32_t message_class, uint64_t size) {
 
 void EventPrinter::message_outcome(uint64_t status) {
   const std::string outcome = status == 0 ? "acknowledged" : cli::status_text(status);
-  json_.print("message-outcome", Json{{"status", status}, {"outcome", outcome}});
+  json_.print("message-outcome", Json{{"status", status}, {"text", outcome}});
   say(fmt::format("message: {}", outcome));
 }
 

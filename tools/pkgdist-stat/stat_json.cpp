@@ -1,11 +1,17 @@
 #include "stat_json.h"
 
+#include "json_events.h"
+
 namespace pkgdist::stat {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 constexpr double kNsPerSecond = 1e9;
+
+double in_seconds(uint64_t ns) {
+  return cli::rounded(static_cast<double>(ns) / kNsPerSecond, cli::kSecondDecimals);
+}
 
 Json entry_json(Kind kind, const Entry& entry, const Entry* before) {
   Json json = {{"label", entry.label}};
@@ -19,9 +25,8 @@ Json entry_json(Kind kind, const Entry& entry, const Entry* before) {
   } else {
     json["current"] = entry.current;
     json["mark"] = entry.mark;
-    json["mark_time"] = entry.mark_realtime_ns == 0
-                            ? Json()
-                            : Json(static_cast<double>(entry.mark_realtime_ns) / kNsPerSecond);
+    json["mark_time"] =
+        entry.mark_realtime_ns == 0 ? Json() : Json(in_seconds(entry.mark_realtime_ns));
   }
   return json;
 }
@@ -49,14 +54,12 @@ Json process_json(const Statistics& statistics) {
   return {{"pid", statistics.pid},
           {"process", statistics.process},
           {"running", statistics.running},
-          {"since", static_cast<double>(statistics.created_ns) / kNsPerSecond}};
+          {"since", in_seconds(statistics.created_ns)}};
 }
 
 Json json_of(const Sample& sample, const Sample* earlier, bool nonzero) {
   Json json = process_json(sample.statistics);
-  if (earlier != nullptr)
-    json["seconds"] =
-        static_cast<double>(sample.monotonic_ns - earlier->monotonic_ns) / kNsPerSecond;
+  if (earlier != nullptr) json["seconds"] = in_seconds(sample.monotonic_ns - earlier->monotonic_ns);
   json["sockets"] = sockets_json(sample, earlier);
   json["tables"] = Json::array();
   for (const Table& table : sample.statistics.tables) {

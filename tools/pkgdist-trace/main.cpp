@@ -127,18 +127,19 @@ class Printer {
     const std::string file = cli::printable(point->file);
     const std::string function = cli::printable(point->function);
     if (options_.json) {
-      events_.print("record",
-                    {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
-                     {"pid", reader_.pid()},
-                     {"thread", record.thread},
-                     {"ring", reader_.rings()[record.ring].name},
-                     {"number", record.number},
-                     {"level", level},
-                     {"file", file},
-                     {"line", point->line},
-                     {"function", function},
-                     {"text", text}},
-                    Kind::kResult);
+      events_.print(
+          "record",
+          {{"time", cli::rounded(static_cast<double>(record.realtime_ns) / kNsPerSecond, 6)},
+           {"pid", reader_.pid()},
+           {"thread", record.thread},
+           {"ring", reader_.rings()[record.ring].name},
+           {"number", record.number},
+           {"level", level},
+           {"file", file},
+           {"line", point->line},
+           {"function", function},
+           {"text", text}},
+          Kind::kResult);
       return;
     }
     cli::standard_output().line(

@@ -146,7 +146,7 @@ std::vector<Streamed> FileWalk::streamed() const {
   for (const auto& [file, id] : active_) {
     const Transfer* transfer = data_.get(id);
     if (transfer == nullptr || transfer->streamed_segments() == 0) continue;
-    files.push_back({file, transfer->streamed_bytes(), transfer->streamed_segments()});
+    files.push_back({file, transfer, transfer->streamed_bytes(), transfer->streamed_segments()});
   }
   return files;
 }

@@ -27,6 +27,7 @@ struct Member {
 // A file in transfer of which something was sent.
 struct Streamed {
   uint32_t file = 0;
+  const Transfer* transfer = nullptr;
   uint64_t bytes = 0;
   uint64_t segments = 0;
 };

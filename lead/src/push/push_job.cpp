@@ -299,7 +299,7 @@ PushReport PushJob::progress() const {
   PushReport report = summary_;
   report.finished = finished();
   report.bytes_received = members_.bytes_received();
-  add_nodes(report, plan_, members_, nodes_, walk_.streamed());
+  add_nodes(report, plan_, members_, nodes_, data_, walk_.streamed());
   return report;
 }
 

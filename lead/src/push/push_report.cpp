@@ -6,7 +6,14 @@ namespace pkgdist::lead {
 
 namespace {
 
-void add_member(PushReport& report, const Member& member,
+// Bytes of the file that have arrived on the node.
+uint64_t arrived(const Streamed& part, NodeIndex node, const DataSender& data) {
+  const Transfer& transfer = *part.transfer;
+  const uint64_t segments = data.arrived_segments(transfer, node);
+  return std::min(part.bytes, transfer.attributes.size * segments / transfer.segments);
+}
+
+void add_member(PushReport& report, NodeIndex index, const Member& member, const DataSender& data,
                 const std::vector<Streamed>& in_transfer) {
   PushNodeReport& node = report.nodes.emplace_back(member.report);
   node.files_failed = member.failed.size();
@@ -14,7 +21,8 @@ void add_member(PushReport& report, const Member& member,
   if (member.left == 0 || !member.present) return;
   for (const Streamed& part : in_transfer) {
     if (member.ended[part.file]) continue;
-    node.bytes_in_transfer += part.bytes;
+    node.bytes_sent += part.bytes;
+    node.bytes_in_transfer += arrived(part, index, data);
     node.segments += part.segments;
   }
 }
@@ -22,11 +30,15 @@ void add_member(PushReport& report, const Member& member,
 }  // namespace
 
 void add_nodes(PushReport& report, const PushPlan& plan, const Members& members,
-               const NodeTable& nodes, const std::vector<Streamed>& in_transfer) {
+               const NodeTable& nodes, const DataSender& data,
+               const std::vector<Streamed>& in_transfer) {
   report.expected_nodes = plan.expected_nodes();
   report.nodes.reserve(members.size());
-  for (NodeIndex node = 0; node < members.size(); ++node)
-    if (members[node].known) add_member(report, members[node], in_transfer);
+  for (NodeIndex node = 0; node < members.size(); ++node) {
+    if (!members[node].known) continue;
+    add_member(report, node, members[node], data, in_transfer);
+    report.nodes.back().last_heard = nodes[node].last_heard;
+  }
   for (const uint32_t address : plan.request().nodes) {
     if (members.find(nodes.find(address)) != nullptr) continue;
     PushNodeReport& absent = report.nodes.emplace_back();

@@ -30,6 +30,7 @@ DataSender::DataSender(const Settings& self, const NodeTable& nodes, DatagramSin
       output_(self, nodes, sink, contents_, window_, pacer_, counters),
       schedule_(table_),
       repairs_(table_),
+      arrival_(table_.busy()),
       settling_({table_, contents_, window_, output_, schedule_, repairs_, loss_}, counters,
                 observer) {}
 
@@ -95,6 +96,7 @@ void DataSender::admit(Transfer& transfer, NodeIndex node, bool guest, Time now)
   transfer.set_guest(node, guest);
   transfer.set_state(node, TransferNode::State::kOpen);
   transfer.node(node).hear(now);
+  arrival_.joins(node, window_.position());
 }
 
 void DataSender::join(TransferId id, NodeIndex node, bool guest, Time now) {
@@ -139,6 +141,7 @@ void DataSender::join_asking(TransferId id, NodeIndex node, bool guest, Time now
 
 void DataSender::drop_node(NodeIndex node) {
   contact_.forget(node);
+  arrival_.forget(node);
   for (const TransferId id : table_.ids()) {
     Transfer* const transfer = table_.at(id);
     if (transfer == nullptr || node >= transfer->nodes.size()) continue;
@@ -149,6 +152,7 @@ void DataSender::drop_node(NodeIndex node) {
 
 void DataSender::forget_node(NodeIndex node) {
   contact_.forget(node);
+  arrival_.forget(node);
   table_.each([&](Transfer& transfer) {
     if (node >= transfer.nodes.size()) return;
     transfer.set_state(node, TransferNode::State::kAbsent);
@@ -192,7 +196,7 @@ bool DataSender::is_first_request(const Transfer& transfer, NodeIndex node, uint
 uint64_t DataSender::on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first,
                                 uint32_t num) const {
   if (!transfer.turn.has_last(first, num)) return 0;
-  const uint64_t bytes = window_.unhandled(node, transfer.streamed_to);
+  const uint64_t bytes = window_.unhandled(node, transfer.stream_end);
   return (bytes + self_.segment_size - 1) / self_.segment_size;
 }
 
@@ -233,6 +237,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->last_request = now;
   transfer->progress();
   counters_.segments_requested += gone;
+  arrival_.lacks(node, uint64_t{gone} * self_.segment_size);
   loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));
   repairs_.enter(*transfer);
   return gone;
@@ -240,7 +245,16 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
 
 void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
   if (report.status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) contact_.answered(node);
-  if (!window_.answered(report.file_id, node, now)) settling_.on_report(node, report, now);
+  const uint64_t position = window_.position();
+  if (const std::optional<uint64_t> asked = window_.position_of(report.file_id)) {
+    arrival_.answers(node, *asked, position);
+    (void)window_.answered(report.file_id, node, now);
+    return;
+  }
+  if (arrival_.answered(report.file_id, node, position)) return;
+  const Transfer* const transfer = table_.at(report.file_id);
+  if (transfer != nullptr && report.status == 0) arrival_.reached(node, transfer->stream_end);
+  settling_.on_report(node, report, now);
 }
 
 // --- What is sent next ---
@@ -306,9 +320,11 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
     return true;
   }
   if (transfer.first_turn && informs_again_at(transfer.turn.done())) output_.info(transfer, now);
+  if (transfer.streamed == 0) transfer.stream_begin = window_.position();
   if (!send_segment(transfer, transfer.turn.segment(), DataOutput::As::kFirst, now)) return true;
+  ++transfer.streamed;
+  transfer.stream_end = window_.position();
   loss_.sent(1);
-  transfer.streamed_to = window_.position();
   transfer.turn.advance();
   if (transfer.turn.active()) return true;
   transfer.first_turn = false;
@@ -335,6 +351,12 @@ bool DataSender::poll_if_due(bool stops, Time now) {
   return true;
 }
 
+void DataSender::poll_for_arrival(Time now) {
+  if (!arrival_.poll_due(window_.position(), now)) return;
+  const TransferId number = table_.next_id();
+  output_.window_poll(number, arrival_.begin_poll(number, window_.position(), now));
+}
+
 void DataSender::run(Time now) {
   pacer_.refill(now);
   schedule_.set_rate(pace());
@@ -347,6 +369,7 @@ void DataSender::run(Time now) {
     }
     if (!send_next(now)) break;
   }
+  poll_for_arrival(now);
   poll_if_due(true, now);
 }
 

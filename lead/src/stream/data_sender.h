@@ -11,6 +11,7 @@
 //   settling.h        how a file ends
 //   window.h          how much may be in flight; pacer.h: how fast, when the operator says so
 //   data_contact.h    which nodes the data channel does not reach
+//   arrival.h         how much has arrived on each node
 //   open_contents.h   where the bytes come from
 //   data_output.h     what leaves
 //
@@ -18,6 +19,7 @@
 // still comes to is ignored.
 #pragma once
 
+#include "stream/arrival.h"
 #include "stream/data_contact.h"
 #include "stream/settling.h"
 
@@ -60,6 +62,11 @@ class DataSender {
   // Whether the file has to wait for the end of another one; see transfer_table.h.
   bool collides(const FileKey& key) const { return table_.collides(key); }
   const Transfer* get(TransferId id) const { return table_.at(id); }
+  // Segments that the node has of a file that it has not reported to be whole, as far as it has
+  // said.
+  uint64_t arrived_segments(const Transfer& transfer, NodeIndex node) const {
+    return arrival_.segments(transfer, node);
+  }
 
   // Transfers that are announced but not streamed yet, and the bytes in them.
   size_t waiting_files() const { return schedule_.waiting_files(); }
@@ -110,6 +117,7 @@ class DataSender {
   bool send_segment(Transfer& transfer, uint32_t segment, DataOutput::As as, Time now);
   void send_infos(Transfer& transfer, int copies, Time now);
   bool poll_if_due(bool stops, Time now);
+  void poll_for_arrival(Time now);
   uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
   bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
                         uint32_t num) const;
@@ -125,6 +133,7 @@ class DataSender {
   RepairLine repairs_;
   LossMeter loss_;
   DataContact contact_;
+  Arrival arrival_;
   Settling settling_;
   bool repair_next_ = false;  // the stream had the last turn
 };

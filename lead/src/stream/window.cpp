@@ -140,11 +140,21 @@ void Window::creep() {
   for (Polled& polled : polled_) polled.handled = std::min(position_, polled.handled + step);
 }
 
-bool Window::answered(TransferId number, NodeIndex node, Time now) {
+const Window::Poll* Window::find(TransferId number) const {
   const auto poll = std::find_if(polls_.begin(), polls_.end(), [&](const Poll& one) {
     return number != kNoTransfer && one.number == number;
   });
-  if (poll == polls_.end()) return false;
+  return poll != polls_.end() ? &*poll : nullptr;
+}
+
+std::optional<uint64_t> Window::position_of(TransferId number) const {
+  const Poll* const poll = find(number);
+  return poll != nullptr ? std::optional(poll->position) : std::nullopt;
+}
+
+bool Window::answered(TransferId number, NodeIndex node, Time now) {
+  const Poll* const poll = find(number);
+  if (poll == nullptr) return false;
   const auto polled =
       std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
   if (polled == polled_.end()) return true;

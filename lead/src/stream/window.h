@@ -16,6 +16,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -63,6 +64,8 @@ class Window {
   // The nodes to be named by the poll of this number, which is sent now: sent() follows with less
   // than the least charge. Empty: none is sent.
   const std::vector<NodeIndex>& begin_poll(TransferId number, Time now);
+  // Ahead of the poll of this number; nothing when it is none of the latest ones.
+  std::optional<uint64_t> position_of(TransferId number) const;
   // False when the number is none of a poll. May grow the window.
   bool answered(TransferId number, NodeIndex node, Time now);
   // How long answers take, nearly always.
@@ -121,6 +124,7 @@ class Window {
     Time sent = 0;
   };
 
+  const Poll* find(TransferId number) const;
   void choose(Time now);
   bool stale_choice(Time now) const;
   bool all_excused() const;
