@@ -126,7 +126,7 @@ void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lea
     if (node.finished_at != 0 || ++count > kMaxProgressLines) continue;
     reporter_.say(
         fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({})",
-                    seconds(report.started_at, now), format_address(node.address), node.files_done,
+                    seconds(report.started_at, now), reporter_.label(node.address), node.files_done,
                     report.files, format_bytes(static_cast<double>(bytes_so_far(node))),
                     format_bytes(static_cast<double>(report.bytes)),
                     format_bytes(meter.rate(node.address)), node.repairs,
@@ -181,7 +181,7 @@ void PushView::interrupted(const lead::PushReport& report) {
   size_t lines = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
     if (node.files_left == 0 || ++lines > kMaxLines) continue;
-    result(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
+    result(fmt::format("{:<16}lacks {} of {} files, {}", reporter_.label(node.address),
                        node.files_left, report.files,
                        format_bytes(static_cast<double>(node.bytes_left))));
   }
@@ -207,7 +207,7 @@ void PushView::table(const lead::PushReport& report) {
     const double duration = seconds_of(report, node);
     const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
     result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
-                       format_address(node.address), node_id_text(node.node_id), node.files_done,
+                       reporter_.label(node.address), node_id_text(node.node_id), node.files_done,
                        node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
                        duration, rate, node.repairs, state_of(node)));
   }
@@ -223,7 +223,7 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
     for (const size_t i : figures.slowest) {
       const lead::PushNodeReport& node = report.nodes[i];
       slowest += fmt::format("{}{} {:.2f} s, {} repairs ({})", slowest.empty() ? "" : "; ",
-                             format_address(node.address), seconds_of(report, node), node.repairs,
+                             reporter_.label(node.address), seconds_of(report, node), node.repairs,
                              percent(repair_ratio(node)));
     }
     result("slowest: " + slowest);
@@ -247,7 +247,7 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
     if (lines++ < kMaxLines)
-      result(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
+      result(fmt::format("{:<16}{:<40}  {}", reporter_.label(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
     result(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),
