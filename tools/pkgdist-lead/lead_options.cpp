@@ -14,6 +14,9 @@ namespace {
 constexpr double kBitsPerMegabit = 1e6;
 // Files of this type are received although the node has them.
 constexpr uint32_t kTypeOfPresentFiles = 6;
+constexpr const char* kNodesHelp =
+    "NODE is an address, a host name, names with a range as in node[01-32], or @FILE or\n"
+    "@FILE:GROUP for the nodes that a file lists.";
 
 void set_nodes(LeadOptions& options, NodeList list) {
   options.node_count = list.count;
@@ -98,6 +101,7 @@ void add_push(CLI::App& app, LeadOptions& options) {
   LeadOptions* o = &options;
   CLI::App* push = app.add_subcommand("push", "bring files to every node");
   push->fallthrough();
+  push->footer(kNodesHelp);
   push->add_option_function<std::string>(
           "--nodes", [o](const std::string& text) { set_nodes(*o, parse_node_list(text)); },
           "which nodes, or how many to wait for; whoever sends from another address counts as one "
@@ -168,6 +172,7 @@ void add_serve(CLI::App& app, LeadOptions& options) {
 void add_request_options(CLI::App& command, LeadOptions& options) {
   LeadOptions* o = &options;
   command.fallthrough();
+  command.footer(kNodesHelp);
   command
       .add_option_function<std::string>(
           "--nodes", [o](const std::string& text) { set_nodes(*o, parse_node_names(text)); },
@@ -245,9 +250,6 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_serve(app, options);
   add_requests(app, options);
   add_report(app, options);
-  app.footer(
-      "NODE is an address, a host name, names with a range as in node[01-32], or @FILE or\n"
-      "@FILE:GROUP for the nodes that a file lists.");
 }
 
 }  // namespace pkgdist::lead_program
