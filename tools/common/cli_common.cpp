@@ -12,6 +12,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "network_interface.h"
 #include "output.h"
 #include "stop_signals.h"
 
@@ -86,6 +87,14 @@ uint32_t parse_address(const std::string& text) {
   return ntohl(address.s_addr);
 }
 
+uint32_t parse_interface(const std::string& text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) == 1) return ntohl(address.s_addr);
+  const std::optional<uint32_t> own = address_of_interface(text);
+  if (!own) refuse("neither an IPv4 address nor an interface that has one", text);
+  return *own;
+}
+
 std::vector<uint32_t> parse_addresses(const std::string& text) {
   std::vector<uint32_t> addresses;
   for (size_t start = 0; start <= text.size();) {
@@ -145,8 +154,8 @@ Location parse_location(const std::string& text) {
 
 void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
   CommonOptions* o = &options;
-  add_parsed(app, "--interface", "own IPv4 address", "ADDR", "", parse_address,
-             [o](uint32_t address) { o->interface = address; })
+  add_parsed(app, "--interface", "own IPv4 address, or the interface that has it", "ADDR|NAME", "",
+             parse_interface, [o](uint32_t address) { o->interface = address; })
       ->required();
   add_parsed(app, "--ctrl-group", "multicast group of the control channel", "GROUP:PORT",
              format_endpoint(options.ctrl_group), parse_group,

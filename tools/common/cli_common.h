@@ -24,6 +24,8 @@ inline constexpr int kExitUsage = 2;
 // "10.0.0.1" for the address in host byte order, and back.
 std::string format_address(uint32_t address);
 uint32_t parse_address(const std::string& text);
+// The same, or the address of an interface of this name.
+uint32_t parse_interface(const std::string& text);
 uint16_t parse_port(const std::string& text);
 
 // "10.0.0.2,10.0.0.3", each address once.

@@ -8,6 +8,7 @@
 #include "cli_common.h"
 #include "message_runner.h"
 #include "pkgdist_lead/push.h"
+#include "push_selection.h"
 
 namespace pkgdist::lead_program {
 
@@ -32,12 +33,17 @@ struct LeadOptions {
   bool multi_homed = false;
 
   // push
-  uint32_t node_count = 0;      // with a number
-  std::vector<uint32_t> nodes;  // with a list
-  uint32_t location = 1;        // of delete, too
+  uint32_t node_count = 0;                     // with a number
+  std::vector<uint32_t> nodes;                 // with a list
+  std::map<uint32_t, std::string> node_names;  // of those that it gives by name
+  uint32_t location = 1;                       // of delete, too
   uint32_t type = 1;
   uint32_t priority = 2;
   std::vector<std::string> paths;  // of delete, too
+  std::string files_from;          // a file with more of them, empty: none
+  NameFilter filter;
+  bool dry_run = false;
+  bool quiet = false;
 
   // serve
   bool standby = false;

@@ -1,5 +1,4 @@
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -10,6 +9,7 @@
 #include "output.h"
 #include "push_description.h"
 #include "push_display.h"
+#include "push_preview.h"
 #include "push_view.h"
 #include "session.h"
 
@@ -20,23 +20,6 @@ namespace {
 int usage_error(const std::string& text) {
   cli::complain(text);
   return cli::kExitUsage;
-}
-
-// What of a tree cannot be sent: named one by one, on standard error and as events.
-constexpr size_t kMaxLeftOutLines = 50;
-
-void tell_left_out(const lead::FileTree& tree, const char* prefix) {
-  size_t lines = 0;
-  for (const auto& [name, reason] : tree.left_out)
-    if (lines++ < kMaxLeftOutLines) cli::complain(fmt::format("{}{}: {}", prefix, name, reason));
-  if (lines > kMaxLeftOutLines)
-    cli::complain(fmt::format("{}and {} more like these", prefix, lines - kMaxLeftOutLines));
-}
-
-void left_out_events(const lead::FileTree& tree, const Reporter& reporter) {
-  for (const auto& [name, reason] : tree.left_out)
-    reporter.json().print("left-out", {{"name", name}, {"text", reason}},
-                          cli::Output::Kind::kResult);
 }
 
 // Why nothing of the tree is pushed, told; false when it is.
@@ -154,6 +137,26 @@ bool make_durable(const LeadOptions& options, Session& session, Reporter& report
   return durability.report();
 }
 
+std::vector<std::string> paths_of(const LeadOptions& options) {
+  std::vector<std::string> paths = options.paths;
+  if (!options.files_from.empty())
+    for (std::string& name : names_from(options.files_from)) paths.push_back(std::move(name));
+  return paths;
+}
+
+// Of a push to a list of nodes: who was heard beside them.
+void tell_others(Reporter& reporter, Session& session, const lead::PushReport& report,
+                 const lead::PushRequest& request) {
+  if (request.nodes.empty()) return;
+  const auto listed = static_cast<size_t>(
+      std::count_if(report.nodes.begin(), report.nodes.end(),
+                    [](const lead::PushNodeReport& node) { return node.heard; }));
+  const size_t heard = session.lead().node_counts().heard;
+  if (heard <= listed) return;
+  reporter.json().print("others-heard", {{"nodes", heard - listed}}, cli::Output::Kind::kResult);
+  reporter.say(fmt::format("{} other nodes were heard; the push was not for them", heard - listed));
+}
+
 }  // namespace
 
 int push_command(const LeadOptions& options) {
@@ -161,13 +164,19 @@ int push_command(const LeadOptions& options) {
   const auto location = options.common.locations.find(options.location);
   if (location == options.common.locations.end())
     return usage_error(fmt::format("--location {}=DIR is missing", options.location));
-  lead::FileTree tree = lead::collect_files(location->second.path, options.paths);
+  const std::vector<std::string> paths = paths_of(options);
+  if (paths.empty()) return usage_error("push: no PATH and no --files-from");
+  lead::FileTree tree = lead::collect_files(location->second.path, paths);
+  select(tree, options.filter);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
-  const lead::PushRequest request = push_request(options, tree);
 
   Reporter reporter(options.common.json, options.common.verbosity);
+  reporter.quiet = options.quiet;
+  reporter.names = options.node_names;
   tell_left_out(tree, "left out: ");
+  if (options.dry_run) return preview(options, tree, reporter);
+  const lead::PushRequest request = push_request(options, tree);
   left_out_events(tree, reporter);
   Session session(options, reporter);
   if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
@@ -195,9 +204,12 @@ int push_command(const LeadOptions& options) {
   course.tell(reporter);
   if (ran && !course.blocked(lead::monotonic_now())) tell_doctor(reporter, session, options.common);
   if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
-  const lead::PushReport report = session.lead().push_report();
+  lead::PushReport report = session.lead().push_report();
+  reporter.sort_by_name(report.nodes);
   if (!ran) view.interrupted(report);
-  view.summary(report, request, session.lead().counters());
+  if (!options.quiet || !report.complete())
+    view.summary(report, request, session.lead().counters());
+  tell_others(reporter, session, report, request);
   tell_counters(reporter, session);
   const bool durable = !options.durable || (ran && make_durable(options, session, reporter));
   if (!tree.left_out.empty())

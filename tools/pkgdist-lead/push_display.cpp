@@ -29,7 +29,7 @@ PushDisplay::PushDisplay(Reporter& reporter, PushView& view, const LeadOptions& 
     : reporter_(reporter), view_(view), node_timeout_(node_timeout) {
   const bool json = options.common.json;
   if (options.top && json) throw CLI::ExcludesError("--top", "--json");
-  on_terminal_ = !json && ::isatty(STDOUT_FILENO) == 1;
+  on_terminal_ = !json && (!reporter.quiet || options.top) && ::isatty(STDOUT_FILENO) == 1;
   look_period_ = on_terminal_ ? kDrawPeriod : kLookPeriod;
   show_period_ = on_terminal_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
   if (on_terminal_) reporter_.before_line = [this] { return bars_.erasure(); };

@@ -103,7 +103,7 @@ void PushView::lines(const PushState& state) {
     const std::string note = note_of(*node);
     reporter_.say(
         fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({}){}",
-                    state.seconds, format_address(node->address), node->files_done, state.files,
+                    state.seconds, reporter_.label(node->address), node->files_done, state.files,
                     format_bytes(static_cast<double>(node->bytes)),
                     format_bytes(static_cast<double>(state.bytes)), format_bytes(node->rate),
                     node->repairs, percent(node->repair_ratio), note.empty() ? "" : ", " + note),
@@ -161,7 +161,7 @@ void PushView::interrupted(const lead::PushReport& report) {
   size_t lines = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
     if (node.files_left == 0 || ++lines > kMaxLines) continue;
-    result(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
+    result(fmt::format("{:<16}lacks {} of {} files, {}", reporter_.label(node.address),
                        node.files_left, report.files,
                        format_bytes(static_cast<double>(node.bytes_left))));
   }
@@ -187,7 +187,7 @@ void PushView::table(const lead::PushReport& report) {
     const double duration = seconds_of(report, node);
     const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
     result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
-                       format_address(node.address), node_id_text(node.node_id), node.files_done,
+                       reporter_.label(node.address), node_id_text(node.node_id), node.files_done,
                        node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
                        duration, rate, node.repairs, state_of(node)));
   }
@@ -203,7 +203,7 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
     for (const size_t i : figures.slowest) {
       const lead::PushNodeReport& node = report.nodes[i];
       slowest += fmt::format("{}{} {:.2f} s, {} repairs ({})", slowest.empty() ? "" : "; ",
-                             format_address(node.address), seconds_of(report, node), node.repairs,
+                             reporter_.label(node.address), seconds_of(report, node), node.repairs,
                              percent(repair_ratio(node)));
     }
     result("slowest: " + slowest);
@@ -227,7 +227,7 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
     if (lines++ < kMaxLines)
-      result(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
+      result(fmt::format("{:<16}{:<40}  {}", reporter_.label(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
     result(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),

@@ -2,18 +2,29 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "control_protocol.h"
 #include "json_events.h"
 #include "network_interface.h"
 #include "pkgdist_lead/events.h"
+#include "pkgdist_lead/push.h"
 
 namespace pkgdist::lead_program {
 
 class Reporter : public lead::Events {
  public:
   Reporter(bool json, int verbosity) : json_(json), verbosity_(verbosity) {}
+
+  // Tells people results alone.
+  bool quiet = false;
+  // What nodes are called, by address. Scripts are told addresses.
+  std::map<uint32_t, std::string> names;
+  // The name of a node; its address when it has none.
+  std::string label(uint32_t address) const;
+  void sort_by_name(std::vector<lead::PushNodeReport>& nodes) const;
 
   // A line for people, on standard output; nothing with JSON.
   void say(const std::string& line, cli::Output::Kind kind = cli::Output::Kind::kEvent);
