@@ -63,6 +63,10 @@ if(PKGDIST_PROGRAMS)
       COMPONENT tools)
   endforeach()
   install(FILES packaging/man/pkgdist.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
+  install(FILES packaging/prometheus/pkgdist.rules.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/prometheus COMPONENT tools)
+  install(FILES packaging/grafana/pkgdist.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/grafana COMPONENT tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
   install(FILES docs/start.md docs/operations.md docs/threat-model.md
