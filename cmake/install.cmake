@@ -77,6 +77,10 @@ if(PKGDIST_PROGRAMS)
   endforeach()
   install_manual(pkgdist.7 COMPONENT tools)
   install_package_notes(pkgdist-tools tools)
+  install(FILES packaging/prometheus/pkgdist.rules.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/prometheus COMPONENT tools)
+  install(FILES packaging/grafana/pkgdist.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/grafana COMPONENT tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
   install(FILES packaging/schema/events.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist
