@@ -5,6 +5,7 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <fstream>

@@ -2,12 +2,15 @@
 // text that names the value, which run_cli() prints as one line.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;  // the header is a large one: who builds an App includes it
+}
 
 namespace pkgdist::cli {
 

@@ -1,4 +1,5 @@
 // pkgdist-doctor: diagnoses this host and its network for pkgdist and suggests fixes.
+#include <CLI/CLI.hpp>
 #include <set>
 
 #include "network_checks.h"

@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <CLI/Error.hpp>
 #include <cstdlib>
 
 namespace pkgdist::lead_program {

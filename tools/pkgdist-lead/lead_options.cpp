@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <CLI/CLI.hpp>
 #include <cmath>
 #include <map>
 
@@ -144,7 +145,7 @@ void add_request_options(CLI::App& command, LeadOptions& options) {
       ->type_name("ADDR[,ADDR...]");
   command
       .add_option("--timeout", options.answer_seconds,
-                  "how long to wait for the nodes' acknowledgements")
+                  "how long to wait for the next node's acknowledgement")
       ->type_name("SECONDS [10]")
       ->check(CLI::Range(0.1, 3600.0));
 }

@@ -1,5 +1,7 @@
 // pkgdist-lead: brings files to the nodes of a cluster (push), answers their requests (serve), and
 // has a lead that runs send them messages and lists to cancel and to delete.
+#include <CLI/CLI.hpp>
+
 #include "commands.h"
 #include "push_page.h"
 

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <CLI/Error.hpp>
 #include <cstring>
 #include <stdexcept>
 

@@ -1,6 +1,7 @@
 // get: asks the lead for files, waits for all of them, and exits by the outcome.
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
 #include <cstddef>
 #include <map>
 #include <string_view>

@@ -1,5 +1,7 @@
 // pkgdist-node: receives what the lead pushes (run), asks it for files (get), or sends it a message
 // (send); or prints packet filter rules for its host (firewall).
+#include <CLI/CLI.hpp>
+
 #include "commands.h"
 
 int main(int argc, char** argv) {

@@ -1,6 +1,7 @@
 // send: sends the lead one message and exits by its outcome.
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
 #include <optional>
 
 #include "commands.h"

@@ -4,6 +4,7 @@
 // and with another version of this program. The process does not notice.
 #include <fmt/core.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <ctime>
 
