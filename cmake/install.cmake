@@ -65,7 +65,7 @@ if(PKGDIST_PROGRAMS)
   install(FILES packaging/man/pkgdist.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
-  install(FILES docs/start.md docs/operations.md docs/threat-model.md
+  install(FILES docs/start.md docs/operations.md docs/releases.md docs/threat-model.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()
