@@ -91,7 +91,7 @@ if(PKGDIST_PROGRAMS)
   file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
   install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md docs/glossary.md docs/start.md
-    docs/operations.md docs/performance.md docs/threat-model.md docs/events.md
+    docs/operations.md docs/performance.md docs/threat-model.md docs/events.md docs/releases.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

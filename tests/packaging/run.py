@@ -205,7 +205,8 @@ class Packages(unittest.TestCase):
             self.assertNotIn(".debug_info", sections, name)
 
 
-PROGRAMS = ("pkgdist-doctor", "pkgdist-lead", "pkgdist-node", "pkgdist-stat", "pkgdist-trace")
+PROGRAMS = ("pkgdist-doctor", "pkgdist-lead", "pkgdist-node", "pkgdist-release", "pkgdist-stat",
+            "pkgdist-trace")
 
 
 class Service(unittest.TestCase):

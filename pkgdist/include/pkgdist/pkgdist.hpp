@@ -428,6 +428,33 @@ inline Status start_control(const ControlSettings& settings) {
                                          settings.trace_configuration);
 }
 
+// What the lead wants to write or delete here; pkgdist_data_gate_cb has the details.
+struct GateQuestion {
+  uint32_t operation = 0;  // PKGDIST_GATE_...
+  uint32_t location = 0;
+  const char* name = nullptr;
+  uint32_t size = 0;
+  uint32_t mode = 0;
+  uint32_t kind = 0;
+};
+// Returns PKGDIST_GATE_ACCEPT, PKGDIST_GATE_PRESENT or an errno. Runs on threads of the library
+// with a lock held: it must not throw, call the library or wait.
+using Gate = std::function<int(const GateQuestion&)>;
+
+// Before start_data(). The gate stays until the process ends.
+inline Status set_gate(Gate gate) {
+  if (!gate) return PKGDIST_ERR_INVALID;
+  auto held = std::make_shared<const Gate>(std::move(gate));
+  const Status status = instcomm_pkgdist_data_set_gate(
+      [](uint32_t operation, uint32_t location, const char* name, uint32_t size, uint32_t mode,
+         uint32_t kind, void* ctx) {
+        return (*static_cast<const Gate*>(ctx))({operation, location, name, size, mode, kind});
+      },
+      const_cast<Gate*>(held.get()));
+  if (status.ok()) detail::keep(held);
+  return status;
+}
+
 inline Status start_data(const DataSettings& settings) {
   return instcomm_pkgdist_data_recv_init(settings.group, settings.group_port,
                                          settings.request_port);

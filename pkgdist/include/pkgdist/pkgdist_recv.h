@@ -8,9 +8,10 @@
  *   1. instcomm_pkgdist_ctrl_recv_init            once, first
  *   2. instcomm_pkgdist_ctrl_recv_set_nodeid      before traffic is expected
  *   3. the attach and register calls              for the results you want
- *   4. instcomm_pkgdist_data_recv_init            once
- *   5. instcomm_pkgdist_set_recv_repository       once per storage location
- *   6. instcomm_pkgdist_get_file and the rest     at any time after
+ *   4. instcomm_pkgdist_data_set_gate             if it is to decide what the lead may write
+ *   5. instcomm_pkgdist_data_recv_init            once
+ *   6. instcomm_pkgdist_set_recv_repository       once per storage location
+ *   7. instcomm_pkgdist_get_file and the rest     at any time after
  * Nothing is torn down: the library lives until the process ends. G_ctrl_rto and G_data_rto may be
  * set before the first of them.
  *
@@ -37,7 +38,8 @@
  *
  * Trust
  *   The protocol has no authentication: any host that can send to the groups can act as the lead.
- *   Names from the network are confined to the storage locations.
+ *   Names from the network are confined to the storage locations. What may be written there, a gate
+ *   of the process can decide (instcomm_pkgdist_data_set_gate).
  */
 #ifndef PKGDIST_PKGDIST_RECV_H
 #define PKGDIST_PKGDIST_RECV_H
@@ -210,6 +212,43 @@ PkgdistStatus instcomm_pkgdist_ctrl_register_lead_change(levm_handle_t levm,
  * Returns 0 or PKGDIST_ERR_SYSTEM. */
 PkgdistStatus instcomm_pkgdist_data_recv_init(uint32_t mc_addr, uint16_t mc_port,
                                               uint16_t req_port);
+
+/* What the gate is asked about. */
+#define PKGDIST_GATE_LISTED 1u /* a file of a list that the lead pushes; size and mode unknown */
+#define PKGDIST_GATE_INFORMATION 2u /* a transfer begins, of a pushed or a requested file */
+#define PKGDIST_GATE_DELETE 3u      /* the lead deletes a file; size, mode and kind are 0 */
+
+/* Answers of the gate, beside an errno. */
+#define PKGDIST_GATE_ACCEPT 0
+#define PKGDIST_GATE_PRESENT (-1)
+
+/* Decides what the lead may write and delete here.
+ *
+ *   operation  PKGDIST_GATE_...
+ *   location   storage location, 1 to 6
+ *   name       relative to it, confined to it; the library's, gone when the gate returns
+ *   size       bytes, of a link those of its target
+ *   mode       permission bits as the lead announced them
+ *   kind       the file's type, PKGDIST_FILE_TYPE_SYMLINK (8) for what is announced as a link
+ *
+ * Returns PKGDIST_GATE_ACCEPT to go on. Anything else ends the file here, before anything is
+ * written: PKGDIST_GATE_PRESENT with status 0, as a file that is present already ends, and an errno
+ * (1 to 2047) with its status, PKGDIST_STATUS_FROM_ERRNO. The outcome is reported to the lead, to
+ * the handlers and to whoever requested the file, as any other. Of a delete nobody is told: what is
+ * not accepted stays as it is.
+ *
+ * Runs on threads of the library (LISTED and DELETE on CTRL_RX, INFORMATION on DATA_FILE) with the
+ * lock of its file database held: it may run on two of them one after the other, never at the same
+ * time. It must not call the library nor wait for anything that does, and has to be quick, since no
+ * datagram is handled meanwhile. */
+typedef int (*pkgdist_data_gate_cb)(uint32_t operation, uint32_t location, const char* name,
+                                    uint32_t size, uint32_t mode, uint32_t kind, void* ctx);
+
+/* Sets the gate of the process. Without one, everything is accepted. To be called before
+ * instcomm_pkgdist_data_recv_init; `gate` and `ctx` are used until the process ends.
+ *
+ * Returns 0, or PKGDIST_ERR_INVALID: `gate` is NULL, or the data side has been started. */
+PkgdistStatus instcomm_pkgdist_data_set_gate(pkgdist_data_gate_cb gate, void* ctx);
 
 /* Sets storage location `location` (1 to 6): where files that name this location are written.
  *
