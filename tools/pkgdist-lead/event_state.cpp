@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
 #include <algorithm>
 
 #include "cli_common.h"

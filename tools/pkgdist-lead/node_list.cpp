@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <CLI/Error.hpp>
 #include <algorithm>
 #include <charconv>
 #include <fstream>

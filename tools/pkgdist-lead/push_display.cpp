@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <CLI/Error.hpp>
 #include <algorithm>
 
 namespace pkgdist::lead_program {

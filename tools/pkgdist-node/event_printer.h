@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "json_events.h"
 #include "node.h"
@@ -26,7 +28,9 @@ class EventPrinter {
   // What the node listens on, as whom, and where its locations are.
   void listening(const NodeOptions& options);
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
-  void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
+  // Names that the library does not take are told: the lead hears only that they are not wanted.
+  void transaction_started(uint32_t xact_id, uint32_t location, const char* const* paths,
+                           uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
@@ -47,11 +51,14 @@ class EventPrinter {
     uint32_t failed = 0;
   };
   void say(const std::string& line) const;
+  void tell_refusals(uint32_t xact_id, uint32_t location, const char* const* paths, uint32_t count);
 
   PartialFiles* partial_files_ = nullptr;
+  const StorageTrouble* storage_trouble_ = nullptr;
   cli::JsonEvents json_;
   int verbosity_;
   bool lead_is_known_ = false;
+  std::set<std::pair<uint32_t, std::string>> refused_;  // location and name of what was told
   std::map<uint32_t, Transaction> transactions_;
 };
 

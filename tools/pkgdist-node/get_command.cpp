@@ -29,7 +29,6 @@ void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uin
   --wanted.waiting;
   ++wanted.ended;
   if (status != 0) ++wanted.failed;
-  wanted.printer.partial_files().on_ended(location, path, status);
   wanted.printer.file_ended(status, path, location, xact_id);
 }
 

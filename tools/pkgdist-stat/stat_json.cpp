@@ -1,5 +1,6 @@
 #include "stat_json.h"
 
+#include "health.h"
 #include "json_events.h"
 
 namespace pkgdist::stat {
@@ -48,6 +49,14 @@ Json sockets_json(const Sample& sample, const Sample* earlier) {
   return list;
 }
 
+Json health_json(const Sample& sample, const Sample* earlier) {
+  Json list = Json::array();
+  for (const Health& one : health_of(sample, earlier))
+    list.push_back(
+        {{"subject", one.subject}, {"level", health_level_name(one.level)}, {"text", one.text}});
+  return list;
+}
+
 }  // namespace
 
 Json process_json(const Statistics& statistics) {
@@ -57,17 +66,19 @@ Json process_json(const Statistics& statistics) {
           {"since", in_seconds(statistics.created_ns)}};
 }
 
-Json json_of(const Sample& sample, const Sample* earlier, bool nonzero) {
+Json json_of(const Sample& sample, const Sample* earlier, const TextOptions& options) {
   Json json = process_json(sample.statistics);
   if (earlier != nullptr) json["seconds"] = in_seconds(sample.monotonic_ns - earlier->monotonic_ns);
+  json["health"] = health_json(sample, earlier);
   json["sockets"] = sockets_json(sample, earlier);
   json["tables"] = Json::array();
   for (const Table& table : sample.statistics.tables) {
     Json entries = Json::array();
-    for (size_t i = 0; i < table.entries.size(); ++i)
-      if (!nonzero || !table.entries[i].unused())
-        entries.push_back(
-            entry_json(table.kind, table.entries[i], earlier_entry(earlier, table, i)));
+    for (size_t i = 0; i < table.entries.size(); ++i) {
+      const Entry* before = earlier_entry(earlier, table, i);
+      if (is_wanted(table.entries[i], before, options.nonzero, options.changed))
+        entries.push_back(entry_json(table.kind, table.entries[i], before));
+    }
     json["tables"].push_back({{"application", table.application},
                               {"table", table.name},
                               {"kind", kind_name(table.kind)},
