@@ -211,21 +211,20 @@ PkgdistStatus pkgdist::open_destination(Entry& entry) {
 PkgdistStatus pkgdist_file_write_data(Entry& entry, uint32_t offset, uint32_t length,
                                       const uint8_t* data) {
   PkgdistStatus status = 0;
-  int error = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (entry.fd == -1) {
       const FilePath path = partial_path(entry);
       entry.fd = Beneath(path)(
           [](const char* name) { return open(name, O_RDWR | O_NOFOLLOW | O_CLOEXEC); });
       if (entry.fd < 0) {
-        const int open_error = errno;
+        const int error = errno;
         entry.fd = -1;
-        PKGDIST_ERR("data file write data open failed, path '%s' rc=%d(%s)", path.c_str(),
-                    open_error, std::strerror(open_error));
-        // The file is gone because the disk is full: that is what the lead has to hear.
-        return error == ENOSPC ? status : pkgdist_status_from_errno(open_error);
+        PKGDIST_ERR("data file write data open failed, path '%s' rc=%d(%s)", path.c_str(), error,
+                    std::strerror(error));
+        return pkgdist_status_from_errno(error);
       }
     }
+    int error = 0;
     status = write_once(entry, offset, length, data, error);
     if (status == 0) return 0;
     recover(entry, error);

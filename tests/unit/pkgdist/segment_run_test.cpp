@@ -372,7 +372,7 @@ TEST_F(SegmentRuns, a_full_disk_ends_the_file_with_the_texts_of_a_lone_segment) 
   EXPECT_EQ(value(DrtCounter::kFileNotFound), 1u);
   client.deliver();
   ASSERT_EQ(client.files.size(), 1u);
-  EXPECT_EQ(client.files[0].status, system_error(ENOSPC));
+  EXPECT_EQ(client.files[0].status, system_error(ENOENT));
 }
 
 TEST_F(SegmentRuns, a_file_that_cannot_be_opened_ends_with_its_first_segment) {
