@@ -34,7 +34,7 @@ class Release(SystemTest):
                        stdin=subprocess.DEVNULL)
 
     def program(self, *arguments, expect=0):
-        result = subprocess.run([os.path.join(self.programs.bin, "pkgdist-release"), *arguments],
+        result = subprocess.run([os.path.join(os.path.dirname(self.programs.lead), "pkgdist-release"), *arguments],
                                 capture_output=True, text=True, timeout=60)
         self.assertEqual(result.returncode, expect, result.stdout + result.stderr)
         return result
