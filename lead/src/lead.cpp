@@ -99,6 +99,10 @@ class Lead::Impl : private TransferObserver {
   MessageReport message_report(MessageId id) const { return outbox_.report(id); }
   const Leadership& leadership() const { return leadership_; }
   NodeCounts node_counts() const;
+  std::vector<NodeView> nodes() const;
+  bool leave_out(uint32_t address, uint64_t status, Time now) {
+    return push_ && push_->leave_out_node(nodes_.find(address), status, now);
+  }
   uint32_t xact() const { return push_ ? next_xact_ : 0; }
 
   std::unique_ptr<PushJob> push_;
@@ -572,6 +576,14 @@ Lead::NodeCounts Lead::Impl::node_counts() const {
   return counts;
 }
 
+std::vector<Lead::NodeView> Lead::Impl::nodes() const {
+  std::vector<NodeView> views;
+  for (NodeIndex i = 0; i < nodes_.size(); ++i)
+    if (nodes_[i].info.pid != 0)
+      views.push_back({nodes_[i].info, nodes_[i].last_heard, nodes_[i].silent});
+  return views;
+}
+
 const char* Lead::Impl::start_push(PushRequest request, Time now) {
   if (push_ && !push_->finished()) return "a push is running";
   if (const char* problem = request_problem(request)) return problem;
@@ -644,6 +656,14 @@ MessageReport Lead::message_report(MessageId id) const {
 
 Lead::NodeCounts Lead::node_counts() const {
   return impl_->node_counts();
+}
+
+std::vector<Lead::NodeView> Lead::nodes() const {
+  return impl_->nodes();
+}
+
+bool Lead::leave_out(uint32_t address, uint64_t status, Time now) {
+  return impl_->leave_out(address, status, now);
 }
 
 Role Lead::role() const {

@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include "cli_common.h"
+
 namespace pkgdist::doctor {
 
 namespace {
@@ -9,11 +11,6 @@ namespace {
 constexpr std::array<const char*, 4> kNames = {"ok", "note", "warning", "problem"};
 // What people see first has to stand out.
 constexpr std::array<const char*, 4> kMarks = {"ok", "note", "WARNING", "PROBLEM"};
-
-// Exit statuses.
-constexpr int kWell = 0;
-constexpr int kWarnings = 1;
-constexpr int kProblems = 2;
 
 using Kind = cli::Output::Kind;
 
@@ -43,7 +40,7 @@ int Findings::finish() const {
   const size_t problems = count_[static_cast<size_t>(Level::kProblem)];
   const size_t warnings = count_[static_cast<size_t>(Level::kWarning)];
   const size_t notes = count_[static_cast<size_t>(Level::kNote)];
-  const int status = problems != 0 ? kProblems : warnings != 0 ? kWarnings : kWell;
+  const int status = problems + warnings != 0 ? cli::kExitFailure : cli::kExitOk;
   json_.print(
       "verdict",
       {{"status", status}, {"problems", problems}, {"warnings", warnings}, {"notes", notes}},

@@ -1,5 +1,4 @@
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -7,23 +6,15 @@
 #include "control_server.h"
 #include "durability.h"
 #include "metrics.h"
+#include "node_programs.h"
 #include "output.h"
-#include "progress.h"
-#include "push_view.h"
+#include "push_display.h"
+#include "push_run.h"
 #include "session.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
-
-constexpr lead::Time kDrawPeriod = 200 * lead::kMillisecond;
-// How often rates are measured. With many nodes a look at all of them takes milliseconds, in which
-// nothing is sent.
-constexpr lead::Time kLookPeriod = lead::kSecond;
-constexpr size_t kManyNodes = 100;
-// Lines in a log: seldom enough to be read.
-constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
-constexpr lead::Time kJsonPeriod = lead::kSecond;
 
 int usage_error(const std::string& text) {
   cli::complain(text);
@@ -75,73 +66,6 @@ lead::PushRequest push_request(const LeadOptions& options, lead::FileTree& tree)
   return request;
 }
 
-// Shows a push while it runs: bars on a terminal, lines or events otherwise.
-class Display {
- public:
-  Display(Reporter& reporter, PushView& view, bool json, lead::Time node_timeout)
-      : reporter_(reporter), view_(view), node_timeout_(node_timeout) {
-    bars_wanted_ = !json && ::isatty(STDOUT_FILENO) == 1;
-    look_period_ = bars_wanted_ ? kDrawPeriod : kLookPeriod;
-    show_period_ = bars_wanted_ ? kDrawPeriod : json ? kJsonPeriod : kLinePeriod;
-    if (bars_wanted_) reporter_.before_line = [this] { return bars_.erasure(); };
-  }
-  ~Display() {
-    bars_.erase();
-    reporter_.before_line = nullptr;
-  }
-  Display(const Display&) = delete;
-  Display& operator=(const Display&) = delete;
-
-  lead::Time period() const { return look_period_; }
-
-  void run(lead::Lead& lead, lead::Time now) {
-    if (lead::elapsed(now, looked_) < look_period_) return;
-    const lead::PushReport report = lead.push_progress();
-    looked_ = now;
-    if (!report.started) return wait(report, now);
-    waiting_shown_ = 0;
-    meter_.update(report, now);
-    if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
-    if (shown_ == 0) shown_ = report.started_at;
-    if (lead::elapsed(now, shown_) < show_period_) return;
-    shown_ = now;
-    if (bars_wanted_)
-      bars_.draw(report, meter_, overall_line(report, meter_, lead, now));
-    else
-      view_.progress(report, meter_, lead, now);
-  }
-
- private:
-  // Most nodes are heard within a second: that is not told.
-  static constexpr lead::Time kSoon = 1500 * lead::kMillisecond;
-
-  void wait(const lead::PushReport& report, lead::Time now) {
-    const lead::Time waited = lead::elapsed(now, report.started_at);
-    if (report.finished || waited < kSoon || absent_nodes(report) == 0) return;
-    if (lead::elapsed(now, waiting_shown_) < (bars_wanted_ ? kDrawPeriod : kLinePeriod)) return;
-    waiting_shown_ = now;
-    const double left = static_cast<double>(node_timeout_ - std::min(waited, node_timeout_)) /
-                        static_cast<double>(lead::kSecond);
-    const std::string line = waiting_line(report, left);
-    if (bars_wanted_)
-      bars_.draw_line(line);
-    else
-      view_.waiting(report, line, left);
-  }
-
-  Reporter& reporter_;
-  PushView& view_;
-  lead::Time node_timeout_;
-  lead::Time waiting_shown_ = 0;
-  PushMeter meter_;
-  ProgressBars bars_;
-  bool bars_wanted_ = false;
-  lead::Time look_period_ = kLookPeriod;
-  lead::Time show_period_ = kLinePeriod;
-  lead::Time looked_ = 0;
-  lead::Time shown_ = 0;
-};
-
 // Whether another lead is in the way. A push waits for it to fall silent, as long as it waits for
 // nodes, and is given up when a lead that began earlier turns up.
 class Course {
@@ -150,11 +74,8 @@ class Course {
       : lead_(lead), until_(lead::monotonic_now() + patience) {}
 
   bool blocked(lead::Time now) const { return stands_by() && now >= until_; }
-  void tell(Reporter& reporter) const {
-    if (stands_by())
-      reporter.error(
-          fmt::format("another lead, {}, leads", cli::format_address(lead_.other_lead())));
-  }
+  // The other lead; 0: none.
+  uint32_t in_the_way() const { return stands_by() ? lead_.other_lead() : 0; }
 
  private:
   bool stands_by() const { return lead_.role() == lead::Role::kStandingBy; }
@@ -163,80 +84,105 @@ class Course {
   lead::Time until_;
 };
 
-void tell_counters(Reporter& reporter, Session& session) {
-  const lead::Counters& c = session.lead().counters();
-  reporter.json().print("counters",
-                        {{"segments_sent", c.segments_sent},
-                         {"repairs_sent", c.repairs_sent},
-                         {"segments_requested", c.segments_requested},
-                         {"infos_sent", c.infos_sent},
-                         {"miss_done_sent", c.miss_done_sent},
-                         {"polls_sent", c.polls_sent},
-                         {"control_sent", c.control_sent},
-                         {"control_resent", c.control_resent},
-                         {"data_bytes_sent", c.data_bytes_sent},
-                         {"bad_datagrams", c.bad_datagrams},
-                         {"other_lead_heard", c.other_lead_heard},
-                         {"send_errors", session.transport().send_errors()}},
-                        cli::Output::Kind::kResult);
-}
-
-// The doctor's command line for this lead: the options that differ from the usual ones, too.
-std::string doctor_command(const cli::CommonOptions& common) {
-  const cli::CommonOptions usual;
-  std::string command = "pkgdist-doctor --interface " + cli::format_address(common.interface);
-  const auto group = [&](const char* option, const cli::Endpoint& value,
-                         const cli::Endpoint& other) {
-    if (value.address != other.address || value.port != other.port)
-      command += fmt::format(" {} {}", option, cli::format_endpoint(value));
-  };
-  const auto port = [&](const char* option, uint16_t value, uint16_t other) {
-    if (value != other) command += fmt::format(" {} {}", option, value);
-  };
-  group("--ctrl-group", common.ctrl_group, usual.ctrl_group);
-  group("--data-group", common.data_group, usual.data_group);
-  port("--lead-port", common.lead_port, usual.lead_port);
-  port("--node-port", common.node_port, usual.node_port);
-  port("--req-port", common.req_port, usual.req_port);
-  return command + " --wait 60 lead";
-}
-
-// When nobody came, the network is what to look at.
-void tell_doctor(Reporter& reporter, Session& session, const cli::CommonOptions& common) {
-  const lead::PushReport report = session.lead().push_progress();
-  if (std::any_of(report.nodes.begin(), report.nodes.end(),
-                  [](const lead::PushNodeReport& node) { return node.heard; }))
-    return;
-  const std::string command = doctor_command(common);
-  reporter.json().print("nobody-heard", {{"command", command}}, cli::Output::Kind::kResult);
-  reporter.say("no node was heard; run this here, and the doctor on a node at the same time:",
-               cli::Output::Kind::kResult);
-  reporter.say("  " + command, cli::Output::Kind::kResult);
-}
-
 // Asks the nodes to write to their disks, and waits for their answers; true when all have.
-bool make_durable(const LeadOptions& options, Session& session, Reporter& reporter) {
+bool make_durable(const LeadOptions& options, Session& session, NodePrograms& programs,
+                  Reporter& reporter) {
   lead::Lead& lead = session.lead();
-  Durability durability(reporter, lead.push_transaction(), options.location);
-  reporter.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
+  Durability durability(lead.push_transaction(), options.location);
+  programs.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
                                std::span<const uint8_t> bytes) {
     return durability.on_message(node.address, msg_class, bytes);
   };
   durability.ask(lead, lead.push_report(), static_cast<lead::Time>(options.durable_seconds * 1e9),
                  lead::monotonic_now());
   session.run([&](lead::Time now) { return durability.ended(now); }, lead::kSecond / 10);
-  reporter.takes_message = nullptr;
-  return durability.report();
+  programs.takes_message = nullptr;
+  return report_durability(reporter, durability.outcomes());
+}
+
+// In a lead of this process. True when every node has everything.
+bool push_here(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter) {
+  const std::unique_ptr<Session> opened = open_session(options, reporter, reporter);
+  Session& session = *opened;
+  lead::Lead& lead = session.lead();
+  if (const char* problem = lead.start_push(request, lead::monotonic_now()))
+    throw CLI::ValidationError(problem);
+  (void)session.hears_leads(reporter);
+  NodePrograms programs(lead, reporter);
+  programs.push_begins(request.location);
+  const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
+  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
+  const Course course(lead, request.node_timeout);
+  const OwnPush push(lead);
+  PushView view(reporter);
+  bool ran = false;
+  {
+    Display display(reporter, view, options.common.json, request.node_timeout);
+    ran = session.run(
+        [&](lead::Time now) {
+          display.run(push, now);
+          programs.run(now);
+          if (control) control->run(now);
+          if (metrics) metrics->run(lead, session.transport().send_errors(), now);
+          return course.blocked(now) || (!lead.push_running() && (!control || !control->busy()));
+        },
+        display.period());
+  }
+  const uint32_t in_the_way = course.in_the_way();
+  if (lead.push_running()) lead.stop_push(lead::monotonic_now());
+  const bool complete = tell_end(options, request, reporter, view,
+                                 {.report = lead.push_report(),
+                                  .counters = lead.counters(),
+                                  .send_errors = session.transport().send_errors(),
+                                  .interrupted = !ran,
+                                  .blocked_by = in_the_way});
+  const bool durable =
+      !options.durable || (ran && make_durable(options, session, programs, reporter));
+  return complete && durable;
+}
+
+// By which a push is listed: what was given, or its paths.
+std::string name_of(const LeadOptions& options) {
+  constexpr size_t kMaxName = 100;
+  if (!options.push_name.empty()) return options.push_name;
+  std::string name;
+  for (const std::string& path : options.paths) name += (name.empty() ? "" : " ") + path;
+  return name.substr(0, kMaxName);
+}
+
+// What a lead that serves has been told at its start.
+const char* setting_of_the_lead(const LeadOptions& options) {
+  const LeadOptions usual;
+  return options.rate_bits != 0       ? "--rate"
+         : options.max_rate_bits != 0 ? "--max-rate"
+         : options.metrics            ? "--metrics"
+         : options.ttl != usual.ttl   ? "--ttl"
+         : options.multi_homed        ? "--multi-homed"
+                                      : nullptr;
+}
+
+// The content root of the push; empty when there is none.
+std::string root_of(const LeadOptions& options, const std::optional<ServingLead>& serving) {
+  const auto location = options.common.locations.find(options.location);
+  if (location != options.common.locations.end()) return location->second.path;
+  return serving ? serving->root(options.location) : std::string();
 }
 
 }  // namespace
 
 int push_command(const LeadOptions& options) {
-  (void)require_interface(options);
-  const auto location = options.common.locations.find(options.location);
-  if (location == options.common.locations.end())
-    return usage_error(fmt::format("--location {}=DIR is missing", options.location));
-  lead::FileTree tree = lead::collect_files(location->second.path, options.paths);
+  if (options.control_path.empty()) (void)require_interface(options);
+  const std::optional<ServingLead> serving = find_serving_lead(options);
+  if (!serving) (void)require_interface(options);
+  const std::string root = root_of(options, serving);
+  if (root.empty())
+    return usage_error(
+        serving ? fmt::format("the lead that serves here has no location {}", options.location)
+                : fmt::format("--location {}=DIR is missing", options.location));
+  if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
+    return usage_error(
+        fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
+  lead::FileTree tree = lead::collect_files(root, options.paths);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
   const lead::PushRequest request = push_request(options, tree);
@@ -244,38 +190,19 @@ int push_command(const LeadOptions& options) {
   Reporter reporter(options.common.json, options.common.verbosity);
   tell_left_out(tree, "left out: ");
   left_out_events(tree, reporter);
-  Session session(options, reporter);
-  if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
-    return usage_error(problem);
-  (void)session.hears_leads(reporter);
-  const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
-  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
-  const Course course(session.lead(), request.node_timeout);
-  PushView view(reporter);
-  bool ran = false;
-  {
-    Display display(reporter, view, options.common.json, request.node_timeout);
-    ran = session.run(
-        [&](lead::Time now) {
-          display.run(session.lead(), now);
-          if (control) control->run(now);
-          if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
-          return course.blocked(now) ||
-                 (!session.lead().push_running() && (!control || !control->busy()));
-        },
-        display.period());
-  }
-  course.tell(reporter);
-  if (ran && !course.blocked(lead::monotonic_now())) tell_doctor(reporter, session, options.common);
-  if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
-  const lead::PushReport report = session.lead().push_report();
-  if (!ran) view.interrupted(report);
-  view.summary(report, request, session.lead().counters());
-  tell_counters(reporter, session);
-  const bool durable = !options.durable || (ran && make_durable(options, session, reporter));
+  const bool complete =
+      serving ? push_through(
+                    options,
+                    {.name = name_of(options),
+                     .root = root,
+                     .request = request,
+                     .durable_seconds =
+                         options.durable ? std::optional(options.durable_seconds) : std::nullopt},
+                    reporter)
+              : push_here(options, request, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
-  return report.complete() && durable && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+  return complete && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
 }
 
 }  // namespace pkgdist::lead_program

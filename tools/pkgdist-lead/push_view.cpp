@@ -111,7 +111,7 @@ void PushView::node_events(const lead::PushReport& report, const PushMeter& mete
 }
 
 std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
-                         const lead::Lead& lead, lead::Time now) {
+                         const PushSource& lead, lead::Time now) {
   const std::optional<double> left = meter.seconds_left(now);
   return fmt::format("{} of {} nodes done, {}, {} repairs{}", ended_nodes(report),
                      std::max(report.nodes.size(), report.expected_nodes),
@@ -139,7 +139,7 @@ void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lea
 }
 
 void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
-                        const lead::Lead& lead, lead::Time now) {
+                        const PushSource& lead, lead::Time now) {
   if (!reporter_.json().enabled()) {
     lines(report, meter, now);
     return reporter_.say(fmt::format("{:6.1f} s  {}", seconds(report.started_at, now),

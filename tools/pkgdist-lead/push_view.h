@@ -6,6 +6,7 @@
 
 #include "push_figures.h"
 #include "push_meter.h"
+#include "push_source.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -17,7 +18,7 @@ class PushView {
   // A push that has not begun waits for nodes.
   void waiting(const lead::PushReport& report, const std::string& line, double seconds_left);
   // How the push stands, as events or as lines for a log.
-  void progress(const lead::PushReport& report, const PushMeter& meter, const lead::Lead& lead,
+  void progress(const lead::PushReport& report, const PushMeter& meter, const PushSource& lead,
                 lead::Time now);
   // The owner gave the push up before its end.
   void interrupted(const lead::PushReport& report);
@@ -48,6 +49,6 @@ std::string waiting_line(const lead::PushReport& report, double seconds_left);
 
 // How the whole push stands, in one line.
 std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
-                         const lead::Lead& lead, lead::Time now);
+                         const PushSource& lead, lead::Time now);
 
 }  // namespace pkgdist::lead_program

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "event_printer.h"
 #include "node.h"
+#include "running_node.h"
 
 namespace pkgdist::node_program {
 
@@ -20,6 +21,7 @@ void on_status(uint64_t status, void* ctx) {
 int send_command(const NodeOptions& options) {
   const std::string message = cli::message_bytes(options.message);
   if (message.empty()) throw CLI::ValidationError("an empty message cannot be sent");
+  if (auto node = connect_to_node(options)) return send_through(*node, options, message);
   EventPrinter printer(options);
   std::optional<uint64_t> outcome;
   Node node(options);

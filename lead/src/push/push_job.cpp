@@ -161,6 +161,13 @@ void PushJob::leave_out(NodeIndex node, uint64_t status) {
   data_.drop_node(node);
 }
 
+bool PushJob::leave_out_node(NodeIndex node, uint64_t status, Time now) {
+  now_ = now;
+  if (phase_ != Phase::kRunning || member(node) == nullptr) return false;
+  if (members_[node].left != 0) leave_out(node, status);
+  return true;
+}
+
 // Nodes that answer pings, and nothing else of the push. One that has no list does not listen to
 // the data channel: it has given the list up, as its acknowledgement point says.
 void PushJob::leave_out_unreachable() {
