@@ -11,6 +11,9 @@ namespace {
 // Addresses of nodes whose introductions are kept: as many as a lead knows, and those of a push.
 constexpr size_t kMaxIntroductions = 8192;
 
+// How long a push that has ended waits for nodes to hear why.
+constexpr lead::Time kTellPatience = lead::kSecond;
+
 std::vector<uint8_t> bytes_of(const std::string& text) {
   return {text.begin(), text.end()};
 }
@@ -68,6 +71,7 @@ void NodePrograms::check_location(uint32_t node, const cli::Introduction& introd
 void NodePrograms::push_begins(uint32_t location) {
   push_location_ = location;
   without_location_.clear();
+  told_.clear();
   for (const lead::Lead::NodeView& node : lead_.nodes())
     if (const cli::Introduction* introduction = find(node.info))
       check_location(node.info.address, *introduction);
@@ -79,10 +83,19 @@ void NodePrograms::run(lead::Time now) {
     if (!lead_.leave_out(node, cli::kStatusNoLocation, now)) return false;
     reporter_.location_missing(node, push_location_);
     if (on_location_missing) on_location_missing(node, push_location_);
-    (void)lead_.send_message(cli::kProgramClass, bytes_of(cli::unset_text(push_location_)),
-                             lead::Audience::one(node), now);
+    told_at_ = now;
+    told_.push_back(lead_.send_message(cli::kProgramClass,
+                                       bytes_of(cli::unset_text(push_location_)),
+                                       lead::Audience::one(node), now));
     return true;
   });
+}
+
+bool NodePrograms::busy(lead::Time now) const {
+  return lead::elapsed(now, told_at_) < kTellPatience &&
+         std::any_of(told_.begin(), told_.end(), [&](lead::MessageId id) {
+           return id != 0 && !lead_.message_report(id).finished;
+         });
 }
 
 // --- Questions ---

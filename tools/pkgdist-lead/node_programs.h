@@ -33,6 +33,9 @@ class NodePrograms {
   // Does what messages could not do while they were handed in.
   void run(lead::Time now);
 
+  // A node has not confirmed yet what it was told; for a moment.
+  bool busy(lead::Time now) const;
+
   // Asks those of the nodes that answer questions. The number of the question; 0: nobody is asked.
   uint32_t ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes, lead::Time now,
                lead::Time limit);
@@ -62,6 +65,8 @@ class NodePrograms {
   std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
   uint32_t push_location_ = 0;                                     // 0: before the first push
   std::unordered_set<uint32_t> without_location_;  // nodes that the push does not have yet
+  std::vector<lead::MessageId> told_;  // to nodes without the location
+  lead::Time told_at_ = 0;
   std::map<uint32_t, Question> questions_;
   uint32_t next_question_ = 0;
 };

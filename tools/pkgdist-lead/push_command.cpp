@@ -124,7 +124,8 @@ bool push_here(const LeadOptions& options, const lead::PushRequest& request, Rep
           programs.run(now);
           if (control) control->run(now);
           if (metrics) metrics->run(lead, session.transport().send_errors(), now);
-          return course.blocked(now) || (!lead.push_running() && (!control || !control->busy()));
+          return course.blocked(now) ||
+                 (!lead.push_running() && !programs.busy(now) && (!control || !control->busy()));
         },
         display.period());
   }
