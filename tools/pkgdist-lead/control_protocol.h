@@ -12,7 +12,7 @@
 //   answers   {"event":"sent","id":3,"nodes":2}
 //             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"reason":"acknowledged",
 //              "deleted":1,"names":[{"name":"a","outcome":"no such file"}]}
-//             {"event":"done","complete":true,"acknowledged":2,"missing":0}      the end
+//             {"event":"done","complete":true,"sent":true,"acknowledged":2,"missing":0}   the end
 //             {"event":"error","text":"..."}                                     the end
 //             {"event":"node",...}, {"event":"push",...}, {"event":"status",...} lists and states
 //

@@ -15,6 +15,7 @@ using Kind = lead::MessageKind;
 constexpr const char* kDeleted = "deleted";
 constexpr const char* kNotSaid = "acknowledged; its program does not say more";
 constexpr const char* kNoAnswer = "no answer about it in time";
+constexpr const char* kAnswered = "answered";
 constexpr const char* kNoFile = "no such file";
 constexpr const char* kNoTransaction = "no such transaction under way";
 
@@ -191,6 +192,7 @@ Json ControlRequest::outcome(const lead::NodeInfo& node, bool acknowledged,
             {"node", cli::format_address(node.address)},
             {"acknowledged", acknowledged},
             {"reason", reason}};
+  if (reason == kNoTransaction) line["cancelled"] = false;
   if (request_.kind != Kind::kDelete || !before_.contains(node.address)) return line;
   Json names = Json::array();
   size_t deleted = 0;
@@ -220,15 +222,19 @@ void ControlRequest::finish() {
       client_->say(outcome(node.info, good, delivery_text(node.delivery)));
     }
   } else {
+    // Every node has answered, and there was nothing to send: what was to be deleted is not there
+    // or is gone already, or the transaction is not under way.
     const bool cancel = request_.kind == Kind::kCancel;
-    complete = !cancel && !nodes_.empty();  // directories may be gone
+    complete = !cancel;
+    acknowledged = cancel ? 0 : nodes;
     for (const lead::NodeInfo& node : nodes_)
-      client_->say(outcome(node, false, cancel ? kNoTransaction : "nothing to send"));
+      client_->say(outcome(node, !cancel, cancel ? kNoTransaction : kAnswered));
   }
   if (request_.kind == Kind::kDelete)
     for (size_t i = 0; i < request_.names.size(); ++i) complete = complete && worked(i);
   client_->say({{"event", "done"},
                 {"complete", complete},
+                {"sent", id_ != 0},
                 {"acknowledged", acknowledged},
                 {"missing", nodes - acknowledged}});
   client_->finish();

@@ -68,7 +68,8 @@ class Table {
     const std::string node = outcome.value("node", "");
     const Json names = outcome.value("names", Json::array());
     if (!outcome.value("acknowledged", false) && names.empty())
-      line("not acknowledged", node, outcome.value("reason", ""));
+      line(outcome.value("cancelled", true) ? "not acknowledged" : "not cancelled", node,
+           outcome.value("reason", ""));
     for (const Json& name : names)
       line("not deleted", node,
            fmt::format("{}: {}", name.value("name", ""), name.value("outcome", "")));
@@ -86,7 +87,9 @@ class Table {
 void tell_end(const Json& end) {
   const auto acknowledged = end.value("acknowledged", uint64_t{0});
   const auto missing = end.value("missing", uint64_t{0});
-  if (acknowledged + missing == 0)
+  if (!end.value("sent", true))
+    print("nothing was sent to the nodes");
+  else if (acknowledged + missing == 0)
     print("the lead knows no node that this is for");
   else
     print(fmt::format("{} of {} nodes acknowledged", acknowledged, acknowledged + missing));
