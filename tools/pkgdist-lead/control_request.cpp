@@ -212,6 +212,12 @@ void ControlRequest::finish() {
   step_ = Step::kEnded;
   size_t acknowledged = 0, nodes = nodes_.size();
   bool complete = false;
+  size_t deleted_on = 0;
+  const auto say_outcome = [&](const lead::NodeInfo& node, bool good, const std::string& reason) {
+    const Json line = outcome(node, good, reason);
+    deleted_on += line.value("deleted", size_t{0}) != 0;
+    client_->say(line);
+  };
   if (id_ != 0) {
     const lead::MessageReport report = lead_.message_report(id_);
     complete = report.complete();
@@ -219,7 +225,7 @@ void ControlRequest::finish() {
     for (const lead::MessageNode& node : report.nodes) {
       const bool good = node.delivery == lead::Delivery::kAcknowledged;
       acknowledged += good;
-      client_->say(outcome(node.info, good, delivery_text(node.delivery)));
+      say_outcome(node.info, good, delivery_text(node.delivery));
     }
   } else {
     // Every node has answered, and there was nothing to send: what was to be deleted is not there
@@ -228,16 +234,17 @@ void ControlRequest::finish() {
     complete = !cancel;
     acknowledged = cancel ? 0 : nodes;
     for (const lead::NodeInfo& node : nodes_)
-      client_->say(outcome(node, !cancel, cancel ? kNoTransaction : kAnswered));
+      say_outcome(node, !cancel, cancel ? kNoTransaction : kAnswered);
   }
   if (request_.kind == Kind::kDelete)
     for (size_t i = 0; i < request_.names.size(); ++i) complete = complete && worked(i);
-  client_->say({{"event", "done"},
-                {"complete", complete},
-                {"sent", id_ != 0},
-                {"acknowledged", acknowledged},
-                {"missing", nodes - acknowledged}});
-  client_->finish();
+  Json end{{"event", "done"},
+           {"complete", complete},
+           {"sent", id_ != 0},
+           {"acknowledged", acknowledged},
+           {"missing", nodes - acknowledged}};
+  if (!before_.empty() && request_.kind == Kind::kDelete) end["deleted_on"] = deleted_on;
+  client_->finish(end);
 }
 
 }  // namespace pkgdist::lead_program

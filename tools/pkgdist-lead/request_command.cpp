@@ -87,7 +87,10 @@ class Table {
 void tell_end(const Json& end) {
   const auto acknowledged = end.value("acknowledged", uint64_t{0});
   const auto missing = end.value("missing", uint64_t{0});
-  if (!end.value("sent", true))
+  if (end.contains("deleted_on"))
+    print(fmt::format("deleted on {} of {} nodes", end.at("deleted_on").get<size_t>(),
+                      acknowledged + missing));
+  else if (!end.value("sent", true))
     print("nothing was sent to the nodes");
   else if (acknowledged + missing == 0)
     print("the lead knows no node that this is for");
