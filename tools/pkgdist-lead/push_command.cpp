@@ -1,6 +1,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "commands.h"
 #include "control_server.h"
@@ -195,7 +196,7 @@ int push_command(const LeadOptions& options) {
       serving ? push_through(
                     options,
                     {.name = name_of(options),
-                     .root = root,
+                     .root = std::filesystem::absolute(root).string(),
                      .request = request,
                      .durable_seconds =
                          options.durable ? std::optional(options.durable_seconds) : std::nullopt},

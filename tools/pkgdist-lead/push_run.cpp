@@ -67,7 +67,7 @@ bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Repo
               PushView& view, const PushEnd& end) {
   if (end.blocked_by != 0)
     reporter.error(fmt::format("another lead, {}, leads", cli::format_address(end.blocked_by)));
-  else if (!end.interrupted)
+  else if (end.began && !end.interrupted)
     tell_doctor(reporter, end.report, options.common);
   if (end.interrupted) view.interrupted(end.report);
   view.summary(end.report, request, end.counters);

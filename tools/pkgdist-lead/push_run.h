@@ -16,6 +16,7 @@ struct PushEnd {
   lead::PushReport report;
   lead::Counters counters;
   uint64_t send_errors = 0;
+  bool began = true;         // false: cancelled while it waited for others
   bool interrupted = false;  // by a signal to this process
   uint32_t blocked_by = 0;   // another lead that was in the way to the end
 };

@@ -72,7 +72,8 @@ void RemotePush::note_end(const Json& line) {
   end_.send_errors = line.at("send_errors").get<uint64_t>();
   end_.blocked_by = line.at("blocked_by").get<uint32_t>();
   end_.interrupted = asked_to_stop_;
-  if (!line.at("began").get<bool>()) reporter_.say("the push had not begun");
+  end_.began = line.at("began").get<bool>();
+  if (!end_.began) reporter_.say("the push had not begun");
   if (line.at("cancelled").get<bool>() && !asked_to_stop_)
     reporter_.error("the push was cancelled");
 }
