@@ -1,19 +1,32 @@
-# What is installed, in three components: runtime, development, tools. Nothing that is installed
+# What is installed, in four components, a package each: platform, runtime (the receive library),
+# development, tools. Nothing that is installed
 # holds a path of the build, and all of it may be moved together: programs find the libraries, and
 # pkg-config and CMake the headers, relative to where they stand.
 include(CMakePackageConfigHelpers)
+include(cmake/documentation.cmake)
+
+# Packages are named after the sonames in them.
+set(PKGDIST_PLATFORM_PACKAGE libpkgdist-platform${PKGDIST_SOVERSION})
+set(PKGDIST_RUNTIME_PACKAGE lib-inst-pkgdist-recv${PKGDIST_SOVERSION})
 
 set(PKGDIST_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/pkgdist)
-set(libraries inst_pkgdist_recv)
-if(TARGET pkgdist_platform)
-  list(APPEND libraries pkgdist_platform)
-endif()
-set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
+
+# install_library(TARGET COMPONENT PACKAGE)
+function(install_library target component package)
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${target} EXPORT pkgdistTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      COMPONENT ${component} NAMELINK_COMPONENT development)
+  install_package_notes(${package} ${component})
+endfunction()
+
 set_target_properties(inst_pkgdist_recv PROPERTIES EXPORT_NAME recv)
+install_library(inst_pkgdist_recv runtime ${PKGDIST_RUNTIME_PACKAGE})
+if(TARGET pkgdist_platform)
+  install_library(pkgdist_platform platform ${PKGDIST_PLATFORM_PACKAGE})
+endif()
 set_target_properties(pkgdist_wire PROPERTIES EXPORT_NAME headers)
-install(TARGETS ${libraries} pkgdist_wire EXPORT pkgdistTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS pkgdist_wire EXPORT pkgdistTargets)
 
 install(DIRECTORY pkgdist/include/pkgdist DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
@@ -43,11 +56,12 @@ install(FILES ${PROJECT_BINARY_DIR}/pkgdist.pc
 
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev
   COMPONENT development)
-install(FILES docs/architecture.md docs/integration.md docs/rationale.md docs/wire-format.md
+install(FILES docs/architecture.md docs/glossary.md docs/integration.md docs/promises.md
+  docs/rationale.md docs/wire-format.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev COMPONENT development)
 
-install(FILES packaging/man/pkgdist.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
-  COMPONENT development)
+install_manual(pkgdist.3 COMPONENT development)
+install_package_notes(libpkgdist-dev development)
 
 if(PKGDIST_PROGRAMS)
   file(RELATIVE_PATH from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
@@ -59,13 +73,25 @@ if(PKGDIST_PROGRAMS)
   foreach(program IN LISTS PKGDIST_PROGRAMS)
     install(FILES packaging/completion/pkgdist.bash RENAME ${program}
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
-    install(FILES packaging/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-      COMPONENT tools)
+    install_manual(${program}.1 COMPONENT tools)
   endforeach()
-  install(FILES packaging/man/pkgdist.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
+  install_manual(pkgdist.7 COMPONENT tools)
+  install_package_notes(pkgdist-tools tools)
+  install(FILES packaging/prometheus/pkgdist.rules.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/prometheus COMPONENT tools)
+  install(FILES packaging/grafana/pkgdist.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/grafana COMPONENT tools)
   install(FILES tools/wireshark/pkgdist.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist/wireshark
     COMPONENT tools)
-  install(FILES docs/start.md docs/operations.md docs/threat-model.md
+  install(FILES packaging/schema/events.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist
+    COMPONENT tools)
+  # README's links lead into docs/; installed, all pages stand side by side.
+  file(READ README.md readme)
+  string(REPLACE "](docs/" "](" readme "${readme}")
+  file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
+  install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md docs/glossary.md docs/start.md
+    docs/operations.md docs/performance.md docs/threat-model.md docs/events.md docs/releases.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

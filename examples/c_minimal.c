@@ -39,15 +39,18 @@ int main(int argc, char** argv) {
   levm_handle_t loop = levm_create();
   if (loop == NULL) return 1;
 
-  check(instcomm_pkgdist_ctrl_recv_init(address("239.255.71.1"), 7100, 7102, 7103, 1,
-                                        address(argv[1]), 0),
+  check(instcomm_pkgdist_ctrl_recv_init(PKGDIST_DEFAULT_CONTROL_GROUP, PKGDIST_DEFAULT_CONTROL_PORT,
+                                        PKGDIST_DEFAULT_LEAD_PORT, PKGDIST_DEFAULT_NODE_PORT,
+                                        PKGDIST_DEFAULT_CARD_CLASS, address(argv[1]), 0),
         "control side");
   nodeid_handle_t me = NULL; /* chassis, slot and card: what they mean is up to you */
   if (nodeid_create(1, 2, 3, &me) != 0) return 1;
   check(instcomm_pkgdist_ctrl_recv_set_nodeid(me), "identity");
   check(instcomm_pkgdist_data_file_hdlr_attach(loop, on_file, NULL), "files");
   check(instcomm_pkgdist_data_file_xact_done_hdlr_attach(loop, on_done, NULL), "pushes");
-  check(instcomm_pkgdist_data_recv_init(address("239.255.71.2"), 7101, 7104), "data side");
+  check(instcomm_pkgdist_data_recv_init(PKGDIST_DEFAULT_DATA_GROUP, PKGDIST_DEFAULT_DATA_PORT,
+                                        PKGDIST_DEFAULT_REQUEST_PORT),
+        "data side");
   check(instcomm_pkgdist_set_recv_repository(argv[2], 1, false), "location 1");
   return levm_run(loop);
 }

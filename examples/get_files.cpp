@@ -57,16 +57,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   const pkgdist::EventLoop loop;
-  pkgdist::Status status = pkgdist::start_control({.group = 0xEFFF4701,  // 239.255.71.1
-                                                   .group_port = 7100,
-                                                   .lead_port = 7102,
-                                                   .node_port = 7103,
-                                                   .card_class = 1,
-                                                   .address = ntohl(own.s_addr)});
-  if (status.ok())
-    status = pkgdist::start_data({.group = 0xEFFF4702,  // 239.255.71.2
-                                  .group_port = 7101,
-                                  .request_port = 7104});
+  // Groups and ports are the defaults of pkgdist-lead.
+  pkgdist::Status status = pkgdist::start_control({.address = ntohl(own.s_addr)});
+  if (status.ok()) status = pkgdist::start_data({});
   if (status.ok()) status = pkgdist::set_location(1, argv[2]);
   if (!status.ok()) {
     std::cerr << status << '\n';

@@ -1,4 +1,4 @@
-/* What the examples with an event loop of another make have in common: starting as a node that
+/* What the examples with a third-party event loop have in common: starting as a node that
  * receives pushes into a directory. c_minimal.c shows the same calls one by one. */
 #ifndef START_NODE_H
 #define START_NODE_H
@@ -34,11 +34,14 @@ static inline levm_handle_t start_node(int argc, char** argv) {
     perror("event loop");
     exit(1);
   }
-  check(instcomm_pkgdist_ctrl_recv_init(0xEFFF4701 /* 239.255.71.1 */, 7100, 7102, 7103, 1,
-                                        ntohl(own.s_addr), 0),
+  check(instcomm_pkgdist_ctrl_recv_init(PKGDIST_DEFAULT_CONTROL_GROUP, PKGDIST_DEFAULT_CONTROL_PORT,
+                                        PKGDIST_DEFAULT_LEAD_PORT, PKGDIST_DEFAULT_NODE_PORT,
+                                        PKGDIST_DEFAULT_CARD_CLASS, ntohl(own.s_addr), 0),
         "control side");
   check(instcomm_pkgdist_data_file_hdlr_attach(loop, print_file, NULL), "files");
-  check(instcomm_pkgdist_data_recv_init(0xEFFF4702 /* 239.255.71.2 */, 7101, 7104), "data side");
+  check(instcomm_pkgdist_data_recv_init(PKGDIST_DEFAULT_DATA_GROUP, PKGDIST_DEFAULT_DATA_PORT,
+                                        PKGDIST_DEFAULT_REQUEST_PORT),
+        "data side");
   check(instcomm_pkgdist_set_recv_repository(argv[2], 1, false), "location 1");
   return loop;
 }

@@ -1,4 +1,4 @@
-# Compares the dynamic symbols that LIBRARY defines with those of LIST:
+# Compares the dynamic symbols that LIBRARY defines, with their versions, with those of LIST:
 #   cmake -DNM=nm -DLIBRARY=file.so -DLIST=symbols/NAME.txt [-DUPDATE=ON] -P check_symbols.cmake
 # UPDATE writes the list instead.
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
@@ -9,17 +9,19 @@ endif()
 string(REGEX MATCHALL "[^\n]+" lines "${table}")
 set(found)
 foreach(line IN LISTS lines)
-  if(NOT line MATCHES "^[0-9a-f]+ ([A-Za-z]) (.+)$")
+  if(NOT line MATCHES "^[0-9a-f]+ ([A-Za-z]) ([^@]+)(@@?(.+))?$")
     message(FATAL_ERROR "not understood: ${line}")
   endif()
   set(kind ${CMAKE_MATCH_1})
-  set(name ${CMAKE_MATCH_2})
-  if(kind STREQUAL "T")
-    list(APPEND found "function ${name}")
+  set(symbol "${CMAKE_MATCH_2} ${CMAKE_MATCH_4}")
+  if(kind STREQUAL "A" AND NOT CMAKE_MATCH_3)
+    continue() # the definition of a version
+  elseif(kind STREQUAL "T")
+    list(APPEND found "function ${symbol}")
   elseif(kind MATCHES "^[BDR]$")
-    list(APPEND found "data ${name}")
+    list(APPEND found "data ${symbol}")
   else()
-    list(APPEND found "kind ${kind} ${name}")
+    list(APPEND found "kind ${kind} ${symbol}")
   endif()
 endforeach()
 list(SORT found)

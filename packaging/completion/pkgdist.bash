@@ -31,4 +31,4 @@ _pkgdist() {
   esac
 }
 
-complete -o default -o bashdefault -F _pkgdist pkgdist-doctor pkgdist-lead pkgdist-node pkgdist-stat pkgdist-trace
+complete -o default -o bashdefault -F _pkgdist pkgdist-doctor pkgdist-lead pkgdist-node pkgdist-release pkgdist-stat pkgdist-trace

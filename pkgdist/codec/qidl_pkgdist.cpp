@@ -9,6 +9,9 @@ extern "C" const qidl_allocator qidl_system_allocator = {
     .allocate = [](size_t size, void*) { return std::malloc(size); },
     .release = [](void* memory, void*) { std::free(memory); },
     .ctx = nullptr};
+// Its second name, see platform/symbol_names.h.
+extern "C" const qidl_allocator pkgdist_platform_qidl_system_allocator
+    __attribute__((alias("qidl_system_allocator")));
 
 QIDL_DEFINE_OPERATIONS(pkgdist_ctrl_msg_hdr)
 QIDL_DEFINE_OPERATIONS(pkgdist_ctrl_msg)

@@ -54,6 +54,7 @@ struct pkgdist_file_recv_entry {
   pkgdist_file_recv_entry* previous;
   uint64_t serial;      // grows with every entry: the place of an entry in the queue
   size_t mapping_size;  // bytes mapped; the size above may belong to the next transfer already
+  uint8_t refused;      // 1: the gate ended it when it was listed; `status` says how
   pkgdist::IndexLink<pkgdist_file_recv_entry> by_id;
   pkgdist::IndexLink<pkgdist_file_recv_entry> by_path;
 };

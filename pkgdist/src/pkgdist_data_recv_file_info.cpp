@@ -19,6 +19,7 @@
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_done.h"
 #include "pkgdist_data_recv_file_write.h"
+#include "pkgdist_data_recv_gate.h"
 #include "pkgdist_data_recv_process.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
@@ -129,6 +130,13 @@ Fate start_transfer(Entry& entry, const Info& info, uint32_t lead) {
   store_info(entry, info);
   if (entry.status != 0) {
     count(DrsCounter::kFileBadStatusRecv);
+    return Fate::kEnds;
+  }
+  if (const auto refusal = gate_refusal(PKGDIST_GATE_INFORMATION, entry.location, entry.path,
+                                        entry.size, entry.mode, entry.type);
+      refusal) {
+    discard_leftover(entry);
+    entry.status = *refusal;
     return Fate::kEnds;
   }
   if (!lay_out_segments(entry)) {

@@ -82,6 +82,28 @@ Entry* find_by_xact(uint32_t xact_id) {
   });
 }
 
+// Takes the transaction from the first file that waits under it and reports it cancelled. Receive
+// lock held.
+Entry* take_xact(const char* function, uint32_t xact_id) {
+  Entry* entry = find_by_xact(xact_id);
+  if (entry == nullptr) {
+    PKGDIST_ERR_IN(function, "file cancel not found for xact id %d", xact_id);
+    return nullptr;
+  }
+  PKGDIST_INFO("DATA File Get Cancel - Xact Id %d Name %s\n", xact_id, entry->path);
+  cancel_xacts(
+      *entry, [=](const pkgdist_file_xact& xact) { return xact.xact_id == xact_id; },
+      [](const pkgdist_file_xact&) {});
+  return entry;
+}
+
+// Ends a file that nobody waits for any more.
+PkgdistStatus end_cancelled(FileRecvDbGuard& lock, Entry* entry) {
+  file_recv_take(entry);
+  lock.unlock();
+  return pkgdist_file_recv_file_done(PKGDIST_STATUS_CANCELLED, entry);
+}
+
 }  // namespace
 
 extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_get_file(
@@ -174,22 +196,24 @@ extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_get_file_cancel(uint32_
     return PKGDIST_ERR_INVALID;
   }
   FileRecvDbGuard lock;
-  Entry* entry = find_by_xact(xact_id);
-  if (entry == nullptr) {
-    PKGDIST_ERR("file cancel not found for xact id %d", xact_id);
-    return PKGDIST_ERR_NOT_FOUND;
-  }
-  PKGDIST_INFO("DATA File Get Cancel - Xact Id %d Name %s\n", xact_id, entry->path);
-  cancel_xacts(
-      *entry, [=](const pkgdist_file_xact& xact) { return xact.xact_id == xact_id; },
-      [](const pkgdist_file_xact&) {});
+  Entry* entry = take_xact(static_cast<const char*>(__func__), xact_id);
+  if (entry == nullptr) return PKGDIST_ERR_NOT_FOUND;
   if (entry->xact_count != 0) {
     // The database stays locked: whoever needs it next waits for ever. Callers depend on this as it
     // is; the exported header warns them.
     lock.leave_locked();
     return 0;
   }
-  file_recv_take(entry);
-  lock.unlock();
-  return pkgdist_file_recv_file_done(PKGDIST_STATUS_CANCELLED, entry);
+  return end_cancelled(lock, entry);
+}
+
+extern "C" PKGDIST_EXPORT PkgdistStatus instcomm_pkgdist_get_file_withdraw(uint32_t xact_id) {
+  if (xact_id == 0) {
+    PKGDIST_ERR("xact id '%d' is invalid", xact_id);
+    return PKGDIST_ERR_INVALID;
+  }
+  FileRecvDbGuard lock;
+  Entry* entry = take_xact(static_cast<const char*>(__func__), xact_id);
+  if (entry == nullptr) return PKGDIST_ERR_NOT_FOUND;
+  return entry->xact_count == 0 ? end_cancelled(lock, entry) : 0;
 }

@@ -16,6 +16,7 @@
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_file_db.h"
+#include "pkgdist_data_recv_gate.h"
 #include "pkgdist_data_recv_req.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
@@ -54,18 +55,44 @@ bool is_acceptable(const char* name, uint32_t location) {
 }
 
 // Enters one listed file. Errors of single files are not reported: the lead learns them when it
-// asks.
-void receive_file(const char* name, const Message& message) {
-  if (!is_acceptable(name, message.location)) return;
+// asks. True when the gate refused it: it is entered all the same, so that its end is that of any
+// other file, and is ended when the whole list is entered.
+bool receive_file(const char* name, const Message& message) {
+  if (!is_acceptable(name, message.location)) return false;
   if (Entry* entry = file_recv_find(name, message.location); entry != nullptr) {
     PKGDIST_INFO("DATA Recv File Add Xact - File %s Xact Id %d\n", name, message.xact_id);
     (void)pkgdist_file_recv_add_xact(*entry, message.type, message.priority, kFileRecvId,
                                      message.xact_id);
-    return;
+    return entry->refused != 0;
   }
   PKGDIST_INFO("DATA Recv File Add - File %s Xact Id %d\n", name, message.xact_id);
   (void)pkgdist_file_recv_add_file(name, message.type, message.location, message.priority,
                                    kFileRecvId, message.xact_id);
+  const auto refusal =
+      gate_refusal(PKGDIST_GATE_LISTED, message.location, name, 0, 0, message.type);
+  if (!refusal) return false;
+  Entry* entry = file_recv_find(name, message.location);
+  if (entry == nullptr) return false;  // no memory: the lead learns it when it asks
+  entry->refused = 1;
+  entry->status = *refusal;
+  return true;
+}
+
+// Ends a file that is out of wishes, with the lock released meanwhile.
+void end_unlocked(FileRecvDbGuard& lock, Entry* entry, PkgdistStatus status) {
+  file_recv_take(entry);
+  lock.unlock();
+  (void)pkgdist_file_recv_file_done(status, entry);
+  lock.lock();
+}
+
+// Behind the start of the transaction, whose outcomes these are.
+void end_refused(const Message& message) {
+  FileRecvDbGuard lock(Caller::here(kReporter));
+  for (uint32_t i = 0; i < message.names_count; ++i) {
+    Entry* entry = file_recv_find(message.names[i], message.location);
+    if (entry != nullptr && entry->refused != 0) end_unlocked(lock, entry, entry->status);
+  }
 }
 
 void receive_list(const Message& message) {
@@ -73,12 +100,15 @@ void receive_list(const Message& message) {
                message.xact_id, first_name(message), message.names_count, message.type,
                message.location, message.priority);
   count(DrtCounter::kMcSendFile);
+  bool any_refused = false;
   {
     const FileRecvDbGuard lock(Caller::here(kReporter));
-    for (uint32_t i = 0; i < message.names_count; ++i) receive_file(message.names[i], message);
+    for (uint32_t i = 0; i < message.names_count; ++i)
+      any_refused |= receive_file(message.names[i], message);
   }
   (void)pkgdist_data_file_invoke_cb(0, kXactStartRecvId, message.xact_id, message.names,
                                     message.names_count, message.type, message.location);
+  if (any_refused) end_refused(message);
 }
 
 // Drops the transaction from one file; the last pushed one ends the transaction.
@@ -95,14 +125,6 @@ void cancel_in(Entry& entry, uint32_t xact_id) {
         (void)pkgdist_data_file_invoke_cb(PKGDIST_STATUS_CANCELLED, kXactDoneRecvId, xact_id,
                                           nullptr, 0, 0, 0);
       });
-}
-
-// Ends a file that is out of wishes, with the lock released meanwhile.
-void end_unlocked(FileRecvDbGuard& lock, Entry* entry, PkgdistStatus status) {
-  file_recv_take(entry);
-  lock.unlock();
-  (void)pkgdist_file_recv_file_done(status, entry);
-  lock.lock();
 }
 
 void cancel(const Message& message) {
@@ -132,6 +154,12 @@ void delete_stored(const char* name, uint32_t location) {
                    error, std::strerror(error));
 }
 
+// Whether the gate lets nobody delete the file. It hears of names that could be files only.
+bool is_kept(const char* name, uint32_t location) {
+  return is_location(location) && is_confined(name) &&
+         gate_refusal(PKGDIST_GATE_DELETE, location, name, 0, 0, 0).has_value();
+}
+
 void delete_list(const Message& message) {
   PKGDIST_INFO("DATA Recv Delete File List - Xact Id %d Name %s Num %d Loc %d\n", message.xact_id,
                first_name(message), message.names_count, message.location);
@@ -139,6 +167,7 @@ void delete_list(const Message& message) {
   FileRecvDbGuard lock(Caller::here(kReporter));
   for (uint32_t i = 0; i < message.names_count; ++i) {
     const char* name = message.names[i];
+    if (is_kept(name, message.location)) continue;
     if (Entry* entry = file_recv_find(name, message.location); entry != nullptr) {
       PKGDIST_INFO("DATA Recv File Xfer In Progress Deleted - File %s\n", name);
       end_unlocked(lock, entry, PKGDIST_STATUS_DELETED);

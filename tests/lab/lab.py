@@ -277,8 +277,21 @@ class Programs:
                            "--json", *arguments], **options)
 
 
-def parse_events(text):
+# Looks at every event that is parsed, when tests have set it.
+check_event = None
+
+
+def parse_lines(text):
     return [json.loads(line) for line in text.splitlines() if line.startswith("{")]
+
+
+def parse_events(text):
+    """Events of pkgdist-lead and pkgdist-node."""
+    events = parse_lines(text)
+    if check_event is not None:
+        for event in events:
+            check_event(event)
+    return events
 
 
 def wait_until(condition, seconds=20.0, what="condition"):

@@ -256,6 +256,30 @@ TEST_F(CppFace, a_cancelled_request_is_reported_as_that) {
   EXPECT_EQ(*outcome, PKGDIST_STATUS_CANCELLED);
 }
 
+TEST_F(CppFace, who_still_waits_for_a_file_gets_it_when_another_request_is_cancelled) {
+  settle(1);
+  std::vector<std::string> pushed, other, cancelled;
+  const auto into = [](std::vector<std::string>& outcomes) {
+    return [&outcomes](const FileOutcome& file) { outcomes.push_back(file.status.text()); };
+  };
+  pkgdist::FileHandler files;
+  ASSERT_TRUE(files.attach(loop_, into(pushed)).ok());
+  const uint32_t transaction = pkgdist::next_transaction();
+  ASSERT_TRUE(pkgdist::get_file(loop_, {.path = "shared"}, into(cancelled), transaction).ok());
+  lead_.expect_data(PKGDIST_DATA_MSG_FILE_REQ);
+  ASSERT_TRUE(pkgdist::get_file(loop_, {.path = "shared"}, into(other)).ok());
+  lead_.file_list(2, 102, {"shared"});
+  lead_.expect_control(PKGDIST_CTRL_MSG_ACK);
+  EXPECT_TRUE(pkgdist::cancel(transaction).ok());
+  ASSERT_TRUE(run_until([&] { return !cancelled.empty(); }));
+  answer(2, "shared");
+  ASSERT_TRUE(run_until([&] { return !pushed.empty() && !other.empty(); }));
+  EXPECT_EQ(cancelled, std::vector<std::string>{"cancelled"});
+  EXPECT_EQ(other, std::vector<std::string>{"success"});
+  EXPECT_EQ(pushed, std::vector<std::string>{"success"});
+  EXPECT_EQ(pkgdist::cancel(transaction), PKGDIST_ERR_NOT_FOUND);
+}
+
 TEST_F(CppFace, the_status_of_a_message_comes_once_and_its_callback_goes) {
   settle(1);
   auto counted = std::make_shared<int>();

@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 
+#include "pkgdist/pkgdist.hpp"
 #include "pkgdist_atomic.h"
 #include "pkgdist_data_recv.h"
 #include "pkgdist_data_recv_file_thread.h"
@@ -64,6 +67,43 @@ class Files : public testing::Test {
   support::Loop loop_;
   Events events_;
 };
+
+// A node whose gate refuses one name, has another already, and keeps what is deleted.
+class GatedFiles : public Files {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(pkgdist::set_gate([](const pkgdist::GateQuestion& question) {
+                  if (question.operation == PKGDIST_GATE_DELETE) return EPERM;
+                  if (question.name == std::string_view("refused")) return EPERM;
+                  if (question.name == std::string_view("present")) return PKGDIST_GATE_PRESENT;
+                  return question.operation == PKGDIST_GATE_INFORMATION && question.size > 1000
+                             ? EFBIG
+                             : PKGDIST_GATE_ACCEPT;
+                }).ok());
+    Files::SetUp();
+  }
+};
+
+TEST_F(GatedFiles, what_the_gate_refuses_ends_with_its_status_and_the_rest_arrives) {
+  push({"refused", "present", "large", "small"});
+  EXPECT_EQ(lead_.expect_done(0), PKGDIST_STATUS_FROM_ERRNO(EPERM));
+  lead_.file_info(4, "large", 1001, 1000);
+  EXPECT_EQ(lead_.expect_done(4), PKGDIST_STATUS_FROM_ERRNO(EFBIG));
+  lead_.file_info(5, "small", 1000, 1000);
+  lead_.segment(5, 0, filled(1000, 'a'));
+  EXPECT_EQ(lead_.expect_done(5), 0u);
+  ASSERT_TRUE(loop_.run_until([&] { return !events_.done.empty(); }));
+  EXPECT_EQ(events_.files, (std::vector<std::pair<std::string, uint64_t>>{
+                               {"refused", PKGDIST_STATUS_FROM_ERRNO(EPERM)},
+                               {"present", 0},
+                               {"large", PKGDIST_STATUS_FROM_ERRNO(EFBIG)},
+                               {"small", 0}}));
+  EXPECT_EQ(events_.done.size(), 1u);
+  EXPECT_EQ(content(directory_.path() + "small").size(), 1000u);
+  for (const char* name : {"refused", "present", "large", "large.tmp"})
+    EXPECT_FALSE(std::filesystem::exists(directory_.path() + name)) << name;
+  EXPECT_FALSE(pkgdist::set_gate([](const pkgdist::GateQuestion&) { return 0; }).ok());
+}
 
 TEST_F(Files, pushed_file_arrives_with_content_mode_and_time) {
   umask(0);

@@ -17,6 +17,9 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "docs"))
 import boxes  # noqa: E402
 import lab  # noqa: E402
 
+# Of an installation, below its root.
+LIBRARIES = os.path.join("usr", "lib", subprocess.run(
+    ["dpkg-architecture", "-qDEB_HOST_MULTIARCH"], capture_output=True, text=True, check=True).stdout.strip())
 SCENE = os.path.join(SOURCE, "tests", "docs", "scene.sh")
 # Run by tests/packaging/run.py, in the directory that its programs then come from.
 ELSEWHERE = {"integration.md"}
@@ -52,7 +55,7 @@ def run_page(page, text, root):
     """Runs a page's boxes in a sandbox of their own; the programs come from below `root`."""
     environment = os.environ | {
         "PATH": os.path.join(root, "usr", "bin") + ":" + os.environ["PATH"],
-        "LD_LIBRARY_PATH": os.path.join(root, "usr", "lib"), "LC_ALL": "C"}
+        "LD_LIBRARY_PATH": os.path.join(root, LIBRARIES), "LC_ALL": "C"}
     with tempfile.TemporaryDirectory(prefix="pkgdist-documents-") as place:
         commands = f". {SCENE}\n" + boxes.script(text, page)
         # timeout(1) keeps what was said until then.
@@ -65,7 +68,7 @@ def run_page(page, text, root):
 def help_of(root, program, words):
     """What a program says about itself and about the command that is among the words."""
     path = os.path.join(root, "usr", "bin", program)
-    environment = os.environ | {"LD_LIBRARY_PATH": os.path.join(root, "usr", "lib")}
+    environment = os.environ | {"LD_LIBRARY_PATH": os.path.join(root, LIBRARIES)}
 
     def ask(*command):
         return subprocess.run([path, *command, "--help"], env=environment, capture_output=True,

@@ -21,8 +21,10 @@ import unittest
 SOURCE = os.path.realpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 sys.path.insert(0, os.path.join(SOURCE, "tests", "lab"))
 sys.path.insert(0, os.path.join(SOURCE, "tests", "docs"))
+import abi  # noqa: E402
 import boxes  # noqa: E402
 import documents  # noqa: E402
+import guide_code  # noqa: E402
 import lab  # noqa: E402
 
 GUIDE = os.path.join(SOURCE, "docs", "integration.md")
@@ -87,6 +89,8 @@ def prepare(build):
     ROOT = PLACE.at("build", "root")
     TOOLS = lab.Programs(os.path.join(ROOT, "usr"))
     documents.Documents.ROOT = ROOT
+    guide_code.GuideCode.ROOT = ROOT
+    abi.BinaryInterface.BUILD = build
 
 
 def files_below(root):
@@ -94,9 +98,14 @@ def files_below(root):
                   for place, _, names in os.walk(root) for name in names)
 
 
+def packages_below(root):
+    return sorted(os.path.join(place, file) for place, _, files in os.walk(root) for file in files
+                  if file.endswith((".deb", ".ddeb")) and "_CPack" not in place)
+
+
 def package(name):
-    return next(os.path.join(place, file) for place, _, files in os.walk(PLACE.at("build", "packages"))
-                for file in files if file.startswith(name + "_") and "_CPack" not in place)
+    return next(path for path in packages_below(PLACE.at("build", "packages"))
+                if os.path.basename(path).startswith(name + "_"))
 
 
 def field(name, which):
@@ -122,27 +131,49 @@ class Guide(unittest.TestCase):
                                          but_permissions(PLACE.at("build", "received"))), [])
         self.assertIn("c_minimal.c: success\n", GUIDE_RUN.stdout)
 
-    def test_all_three_packages_can_be_installed_together(self):
+    def test_all_packages_can_be_installed_together(self):
         installed = re.findall(r"^Inst (\S+)", GUIDE_RUN.stdout, re.MULTILINE)
-        self.assertLessEqual({"libpkgdist0", "libpkgdist-dev", "pkgdist-tools"}, set(installed))
+        self.assertLessEqual(set(PACKAGES), set(installed))
 
     def test_the_guide_is_read(self):
         self.assertGreater(len(commands_of(GUIDE).splitlines()), 15)
 
 
-class Packages(unittest.TestCase):
-    def test_each_needs_the_runtime_of_its_own_version(self):
-        version = field("libpkgdist0", "Version")
-        for name in ("libpkgdist-dev", "pkgdist-tools"):
-            self.assertIn(f"libpkgdist0 (= {version})", field(name, "Depends"))
-        self.assertIn("libc6", field("libpkgdist0", "Depends"))
-        self.assertNotIn("libpkgdist", field("libpkgdist0", "Depends"))
+RUNTIME, PLATFORM = "lib-inst-pkgdist-recv0", "libpkgdist-platform0"
+PACKAGES = (RUNTIME, PLATFORM, "libpkgdist-dev", "pkgdist-tools")
 
-    def test_the_runtime_is_the_two_libraries_under_their_sonames(self):
-        version = field("libpkgdist0", "Version")
-        expected = [f"usr/lib/{name}.so.{end}" for name in ("lib_inst_pkgdist_recv", "libpkgdist_platform")
-                    for end in ("0", version)]
-        self.assertEqual(sorted(contents("libpkgdist0")), sorted(expected))
+
+class Packages(unittest.TestCase):
+    def test_each_needs_the_libraries_of_its_own_version(self):
+        version = field(RUNTIME, "Version")
+        for name in ("libpkgdist-dev", "pkgdist-tools"):
+            self.assertIn(f"{RUNTIME} (= {version})", field(name, "Depends"))
+        for name in (RUNTIME, "libpkgdist-dev", "pkgdist-tools"):
+            self.assertIn(f"{PLATFORM} (= {version})", field(name, "Depends"))
+        self.assertIn("libc6", field(PLATFORM, "Depends"))
+        self.assertNotIn("pkgdist", field(PLATFORM, "Depends"))
+
+    def test_a_librarys_package_holds_it_under_its_soname(self):
+        for package_name, library in ((RUNTIME, "lib_inst_pkgdist_recv"), (PLATFORM, "libpkgdist_platform")):
+            version = field(package_name, "Version")
+            files = [f"{documents.LIBRARIES}/{library}.so.{end}" for end in ("0", version)]
+            notes = [f"usr/share/doc/{package_name}/{name}" for name in ("changelog.gz", "copyright")]
+            self.assertEqual(sorted(contents(package_name)), sorted(files + notes))
+
+    def test_lintian_finds_no_error_and_no_warning(self):
+        everything = packages_below(PLACE.at("build", "packages"))
+        self.assertEqual(len(everything), 2 * len(PACKAGES) - 1)  # with the debugging symbols
+        result = subprocess.run(["lintian", "--allow-root", "--fail-on", "error,warning", *everything],
+                                capture_output=True, text=True, timeout=300)
+        self.assertEqual((result.returncode, result.stdout), (0, ""))
+
+    def test_the_debugging_symbols_are_those_of_the_package(self):
+        name = f"{documents.LIBRARIES}/lib_inst_pkgdist_recv.so.0"
+        listing = subprocess.run(["readelf", "-n", os.path.join(ROOT, name)], capture_output=True, text=True,
+                                 check=True).stdout
+        build_id = re.search(r"Build ID: ([0-9a-f]+)", listing)[1]
+        self.assertIn(f"usr/lib/debug/.build-id/{build_id[:2]}/{build_id[2:]}.debug",
+                      contents(f"{RUNTIME}-dbgsym"))
 
     def test_the_tools_are_the_programs(self):
         programs = [name for name in contents("pkgdist-tools") if name.startswith("usr/bin/")]
@@ -168,13 +199,14 @@ class Packages(unittest.TestCase):
         self.assertEqual(files_below(prefix), files_below(os.path.join(ROOT, "usr")))
 
     def test_libraries_and_programs_are_stripped(self):
-        for name in ("usr/lib/lib_inst_pkgdist_recv.so.0", "usr/bin/pkgdist-lead"):
+        for name in (f"{documents.LIBRARIES}/lib_inst_pkgdist_recv.so.0", "usr/bin/pkgdist-lead"):
             sections = subprocess.run(["readelf", "-SW", os.path.join(ROOT, name)],
                                       capture_output=True, text=True, check=True).stdout
             self.assertNotIn(".debug_info", sections, name)
 
 
-PROGRAMS = ("pkgdist-doctor", "pkgdist-lead", "pkgdist-node", "pkgdist-stat", "pkgdist-trace")
+PROGRAMS = ("pkgdist-doctor", "pkgdist-lead", "pkgdist-node", "pkgdist-release", "pkgdist-stat",
+            "pkgdist-trace")
 
 
 class Service(unittest.TestCase):
@@ -206,7 +238,7 @@ class Service(unittest.TestCase):
         self.assertEqual(settings, {"net.core.rmem_max": str(8 << 20), "net.core.wmem_max": str(2 << 20)})
 
     def test_every_page_of_the_manual_is_clean(self):
-        pages = [self.at("share", "man", f"man{page[-1]}", page)
+        pages = [self.at("share", "man", f"man{page[-1]}", page + ".gz")
                  for page in (*[f"{program}.1" for program in PROGRAMS], "pkgdist.3", "pkgdist.7")]
         result = subprocess.run(["mandoc", "-Tlint", "-W", "warning", *pages], capture_output=True, text=True,
                                 timeout=60)
@@ -214,7 +246,7 @@ class Service(unittest.TestCase):
 
     def test_every_option_has_its_line_in_the_manual(self):
         for program in PROGRAMS:
-            page = subprocess.run(["mandoc", "-Tascii", self.at("share", "man", "man1", f"{program}.1")],
+            page = subprocess.run(["mandoc", "-Tascii", self.at("share", "man", "man1", f"{program}.1.gz")],
                                   capture_output=True, text=True, timeout=60).stdout
             page = re.sub(r".\x08", "", page)  # overstrikes
             for option in self.options(program):
@@ -243,7 +275,7 @@ class Service(unittest.TestCase):
 
     def test_bash_completes_commands_and_options_of_every_program(self):
         self.assertEqual(self.complete("pkgdist-lead", ""),
-                         {"push", "serve", "message", "cancel", "delete", "report"})
+                         {"push", "serve", "message", "cancel", "delete", "report", "top"})
         self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
         self.assertEqual(self.complete("pkgdist-doctor", "--inter"), {"--interface"})
         self.assertIn("--standby", self.complete("pkgdist-lead", "serve", "--"))
@@ -267,7 +299,7 @@ class Programs(unittest.TestCase):
         for name, size in (("small", 100), ("directory/large", 2_000_000), ("empty", 0)):
             with open(os.path.join(self.content, name), "wb") as file:
                 file.write(os.urandom(size))
-        self.environment = os.environ | {"LD_LIBRARY_PATH": os.path.join(ROOT, "usr", "lib")}
+        self.environment = os.environ | {"LD_LIBRARY_PATH": os.path.join(ROOT, documents.LIBRARIES)}
         self.addCleanup(NODE.processes.clear)
         self.addCleanup(NODE.stop_all)
         umask = os.umask(0o022)
@@ -368,7 +400,7 @@ def main():
     if options.pattern:
         loader.testNamePatterns = [f"*{pattern}*" for pattern in options.pattern]
     suite = unittest.TestSuite(loader.loadTestsFromModule(module)
-                               for module in (sys.modules[__name__], documents))
+                               for module in (sys.modules[__name__], abi, documents, guide_code))
     result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2,
                                      resultclass=TimedResult).run(suite)
     failed = len({test.id() for test, _ in result.failures + result.errors})

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <random>
 
+#include "loss_model.h"
+
 namespace pkgdist::sim {
 
 namespace {
@@ -35,6 +37,7 @@ class Author {
     std::stable_sort(scenario_.actions.begin(), scenario_.actions.end(),
                      [](const Action& a, const Action& b) { return a.at < b.at; });
     scenario_.forgets_at_once = dice_.chance(25);
+    draw_queues();
     return std::move(scenario_);
   }
 
@@ -66,6 +69,19 @@ class Author {
     if (dice_.chance(50)) network.duplicates = dice_.fraction(0.2);
     if (dice_.chance(50)) network.reorder = dice_.fraction(0.2);
     if (dice_.chance(50)) network.jitter_ns = dice_.between(1, 40'000) * 1000;
+  }
+
+  // Last of all: what a seed meant before there were queues it still means.
+  void draw_queues() {
+    Network& network = scenario_.network;
+    if (dice_.chance(50)) {
+      network.port_bytes = 100'000;
+      network.port_bits_per_second = static_cast<double>(dice_.between(10, 1000)) * 1e6;
+    }
+    if (dice_.chance(60)) {
+      network.socket_bytes = test::NodeSocket::kUsualSize;
+      network.node_bytes_per_second = static_cast<double>(dice_.between(2, 200)) * 1e6;
+    }
   }
 
   void add_file(std::string name, Role role, uint32_t size, uint32_t location = 1) {
@@ -332,7 +348,11 @@ std::string describe(const Scenario& scenario) {
       std::to_string(network.loss_down) + " down " + std::to_string(network.loss_up) +
       " up, bursts " + std::to_string(network.burst) + ", duplicates " +
       std::to_string(network.duplicates) + ", reorder " + std::to_string(network.reorder) +
-      ", jitter " + std::to_string(network.jitter_ns / 1000) + " us; segments of " +
+      ", jitter " + std::to_string(network.jitter_ns / 1000) + " us; ports of " +
+      std::to_string(network.port_bytes) + " bytes at " +
+      std::to_string(network.port_bits_per_second / 1e6) + " Mbit/s, sockets of " +
+      std::to_string(network.socket_bytes) + " bytes at " +
+      std::to_string(network.node_bytes_per_second / 1e6) + " MB/s; segments of " +
       std::to_string(scenario.segment_size) + ", rate " + std::to_string(scenario.rate_bits) +
       "; yields " + std::to_string(scenario.yields_per_mille) + " per mille, caller lag " +
       std::to_string(scenario.caller_lag / kMillisecond) + " ms" +

@@ -71,6 +71,12 @@ struct Network {
   double duplicates = 0;
   double reorder = 0;
   uint64_t jitter_ns = 0;
+  // Of each node's port at the switch; 0: no queue there.
+  uint64_t port_bytes = 0;
+  double port_bits_per_second = 0;
+  // Of each node's socket, and how fast the node takes data from it; 0: no queue there.
+  uint64_t socket_bytes = 0;
+  double node_bytes_per_second = 0;
 };
 
 struct Scenario {

@@ -128,6 +128,7 @@ class Run : public NodeWitness {
   uint64_t datagrams_ = 0;
   mutable Cluster cluster_;
   Owner owners_[kMostLeads];
+  std::vector<std::shared_ptr<test::FiniteQueue>> queues_;  // that the stream must not overrun
   std::vector<std::shared_ptr<bool>> down_, up_;          // outages of what hosts receive and send
   std::multimap<uint64_t, std::function<void()>> later_;  // by time, while there is trouble
   uint64_t stops_ = 0;                                    // of data threads
@@ -241,6 +242,12 @@ void Run::set_up_paths(size_t host) {
     if (network.jitter_ns > 0) path->with<test::Jitter>(network.jitter_ns, seed());
     path->with<test::Outage>(down ? down_[host] : up_[host]);
   }
+  test::Path& down = cluster_.host(host).down;
+  if (network.port_bytes > 0)
+    queues_.push_back(down.add<test::LinkPort>(network.port_bytes, network.port_bits_per_second));
+  if (network.socket_bytes > 0)
+    queues_.push_back(
+        down.add<test::NodeSocket>(network.socket_bytes, network.node_bytes_per_second));
 }
 
 void Run::set_up_hosts() {
@@ -669,6 +676,10 @@ void Run::finish() {
     judge_.violated("what the last push began did not end");
     return report_busy();
   }
+  if (scenario_.calm)
+    for (const auto& queue : queues_)
+      if (queue->dropped() > 0)
+        judge_.violated(std::to_string(queue->dropped()) + " datagrams found a queue full");
   cluster_.run_for(kRestTime);
   for (size_t i = 0; i < cluster_.hosts(); ++i) {
     const HostState& state = cluster_.host(i).disk;

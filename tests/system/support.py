@@ -11,9 +11,12 @@ import unittest
 _HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [_HERE, os.path.join(_HERE, "..", "lab")]
 
+import event_schema  # noqa: E402
 import lab  # noqa: E402
 import node_statistics  # noqa: E402
 from scripted_lead import CTRL_GROUP, DATA_GROUP  # noqa: E402
+
+lab.check_event = event_schema.Checker().check
 
 PROGRAMS = None  # of the build under test; set by run.py
 # Content and received files live in a memory file system of this process's own mount namespace. Its

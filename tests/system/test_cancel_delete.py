@@ -19,7 +19,7 @@ class CancelAndDelete(SystemTest):
         return push
 
     def events_of_files(self, node):
-        return {e["path"]: e["status"] for e in self.node_events(node, "file")}
+        return {e["name"]: e["status"] for e in self.node_events(node, "file")}
 
     def test_a_cancel_in_the_middle_of_a_push_ends_it_everywhere(self):
         push = self.start_large_push()

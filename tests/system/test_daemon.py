@@ -6,6 +6,7 @@ import subprocess
 
 import tree
 from support import BackgroundLead, SystemTest, failures, lab, names_below, summary
+from terminal import Terminal
 
 
 class ServingLead(SystemTest):
@@ -51,6 +52,9 @@ class ServingLead(SystemTest):
         events = self.pushed("--durable")
         self.assert_received()
         kinds = {e["event"] for e in events}
+        asked = next(e for e in events if e["event"] == "push-requested")
+        self.assertEqual((asked["address"], asked["root"], asked["paths"]),
+                         (self.net.lead.address, self.content, ["."]))
         self.assertLessEqual({"push-queued", "push-started", "file", "push-finished", "counters", "durable"},
                              kinds)
         end = [e for e in events if e["event"] == "push-finished"][-1]
@@ -86,6 +90,26 @@ class ServingLead(SystemTest):
             self.assertEqual(names_below(self.directory_of(node)), {"small"})
         status, events, errors = self.serving.request("cancel", "first")
         self.assertEqual((status, events[0]["text"]), (1, "push 1 (first) has ended already"))
+
+    def test_the_full_screen_view_shows_it_and_stops_a_node(self):
+        tree.add(self.content, "file", 12_000_000)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "8")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        terminal = Terminal(self.net.lead, [self.programs.lead, "--interface", self.net.lead.address, "push",
+                                            "--nodes", self.addresses(), "--top", "."])
+        terminal.wait_for("0 of 2 nodes done")
+        terminal.wait_for("8.0 Mbit/s")
+        terminal.type("\x1b[C")
+        terminal.wait_for(f"{self.net.nodes[0].address}: ")
+        terminal.type("k")
+        terminal.wait_for("end the push for")
+        terminal.type("y")
+        terminal.wait_for("1 of 2 nodes done")
+        terminal.type("q")
+        self.assertEqual(terminal.finish(), 1, terminal.text)
+        self.assertIn("cancelled", " ".join(terminal.screen()))
+        self.assertEqual(self.states(), {".": "incomplete"})
 
     def in_background(self, *arguments):
         command = [self.programs.lead, "--interface", self.net.lead.address, "--json", "push", "--nodes",
@@ -148,7 +172,7 @@ class NothingIsClaimed(SystemTest):
         lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
 
     def outcomes(self, events):
-        return {e["node"]: {n["name"]: n["outcome"] for n in e["names"]}
+        return {e["node"]: {n["name"]: n["text"] for n in e["names"]}
                 for e in events if e["event"] == "outcome"}
 
     def test_a_delete_of_what_no_node_has_ends_with_1_and_says_so(self):
@@ -179,7 +203,7 @@ class NothingIsClaimed(SystemTest):
     def test_a_cancel_of_nothing_ends_with_1(self):
         status, events, _ = self.serving.request("cancel", "4711")
         self.assertEqual(status, 1)
-        self.assertEqual({e["reason"] for e in events if e["event"] == "outcome"},
+        self.assertEqual({e["text"] for e in events if e["event"] == "outcome"},
                          {"no such transaction under way"})
         status, events, _ = self.serving.request("cancel", "no such push")
         self.assertEqual((status, events[0]["text"]), (1, "no push is called 'no such push'"))

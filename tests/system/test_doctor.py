@@ -30,7 +30,7 @@ class Examination:
         if self._said is None:
             out, error = self.process.communicate(timeout=30)
             self.test.assertEqual(error, "")
-            self._said = lab.parse_events(out)
+            self._said = lab.parse_lines(out)
         return self._said
 
     @property
@@ -120,18 +120,71 @@ class Doctor(SystemTest):
         self.filter(node, "ip daddr 224.0.0.0/4 ip protocol udp counter drop")
         at_lead, at_node = self.both()
         self.assertEqual((at_lead.status, at_node.status), (PROBLEMS, PROBLEMS))
-        for examination, other in ((at_node, self.net.lead), (at_lead, node)):
-            for group in ("239.255.71.1:7100", "239.255.71.2:7101"):
-                self.assert_finding(examination, "multicast", "problem", group, other.address)
-        self.assertIn("counter", self.assert_finding(at_node, "filter", "warning")["what"])
-        self.assertEqual(at_node.findings("unicast"), [])
+        self.assert_finding(at_lead, "multicast", "problem", "239.255.71.1:7100", "239.255.71.2:7101",
+                            node.address)
+        self.assert_finding(at_node, "filter", "problem", "'ip lab input'", "7100, 7101")
+        for examination in (at_lead, at_node):
+            self.assertEqual(len(examination.levels()), 1, "one cause is one finding")
+
+    def test_multicast_that_is_lost_on_the_way_names_the_querier_that_was_not_heard(self):
+        # What the doctor cannot tell from the rule is like a switch that does not forward.
+        self.filter(self.net.nodes[0], "ip daddr 224.0.0.0/4 ip protocol udp meta length gt 1 drop")
+        for examination in self.both():
+            finding = self.assert_finding(examination, "multicast", "problem", "239.255.71.1:7100",
+                                          "239.255.71.2:7101", "no IGMP querier was heard")
+            self.assertIn("querier", finding["mend"])
+            self.assertEqual(examination.levels(), {("multicast", "problem")})
+            self.assertEqual(examination.findings("querier"), [])
+
+    def test_a_default_of_drop_is_told_at_once_with_the_rules_that_let_pkgdist_through(self):
+        def examine(host, role):
+            return self.examine(host, role, *HERE_ONLY)
+
+        for host, role, ports in ((self.net.nodes[0], "node", "7100, 7101, 7103"),
+                                  (self.net.lead, "lead", "7100, 7102, 7104")):
+            self.addCleanup(self.sh, host, "nft", "delete table inet guard")
+            self.sh(host, "nft", "add table inet guard; add chain inet guard incoming { type filter hook input "
+                                 "priority 0; policy drop; }; add rule inet guard incoming ct state "
+                                 "established,related accept; add rule inet guard incoming iif lo accept; "
+                                 "add rule inet guard incoming tcp dport { 22, 7100-7104 } accept")
+            finding = self.assert_finding(examine(host, role), "filter", "problem",
+                                          "'inet guard incoming'", ports, "policy drop")
+            self.sh(host, "sh", "-c", finding["mend"])
+            self.assertEqual(examine(host, role).findings("filter"), [])
+            self.assertIn(f"udp dport {{ {ports} }} accept",
+                          host.run(["nft", "list", "ruleset"], capture_output=True, text=True).stdout)
+        at_lead, at_node = self.both()
+        self.assertEqual((at_lead.levels(), at_node.levels()), (set(), set()))
+
+    def test_ports_that_go_out_are_looked_at_too(self):
+        host = self.net.nodes[0]
+        self.addCleanup(self.sh, host, "nft", "delete table ip guard")
+        self.sh(host, "nft", "add table ip guard; add chain ip guard leaving { type filter hook output priority 0; "
+                             "policy drop; }; add rule ip guard leaving udp dport 7102 accept")
+        finding = self.assert_finding(self.examine(host, "node", *HERE_ONLY), "filter", "problem",
+                                      "'ip guard leaving'", "7104")
+        self.assertNotIn("7102", finding["what"])
+
+    def test_several_nodes_are_one_table_at_the_lead(self):
+        nodes = [self.examine(node, "node", "--wait", "10") for node in self.net.nodes]
+        host = self.net.lead
+        lead = host.run([self.programs.doctor, "--interface", host.address, "--seconds", "2", "--wait", "10",
+                         "--receive-buffer", "4096", "lead"], capture_output=True, text=True, timeout=30)
+        self.assertEqual(lead.returncode, OK, lead.stdout)
+        lines = lead.stdout.splitlines()
+        table = lines[lines.index(next(line for line in lines if line.startswith("host "))):]
+        for node in self.net.nodes:
+            self.assertRegex("\n".join(table), rf"{node.address} +10/10 +0.0 %  -")
+        self.assertTrue(any(line.startswith("ok       this host  interface, ") for line in lines), lines)
+        self.assertEqual([one.status for one in nodes], [OK, OK])
 
     def test_answers_that_a_packet_filter_drops_are_told(self):
         self.filter(self.net.lead, "udp dport 7104 drop")
         at_lead, at_node = self.both()
-        for examination in (at_lead, at_node):
-            self.assert_finding(examination, "unicast", "problem", "port 7104")
-            self.assertEqual({c for c, _ in examination.levels()}, {"unicast"})
+        self.assert_finding(at_lead, "filter", "problem", "port 7104", "'ip lab input'")
+        self.assertEqual(at_lead.levels(), {("filter", "problem")})
+        self.assert_finding(at_node, "unicast", "problem", "port 7104")
+        self.assertEqual(at_node.levels(), {("unicast", "problem")})
 
     def test_a_host_of_which_nothing_is_heard_is_a_problem_when_it_was_named(self):
         self.filter(self.net.lead, "ip protocol udp drop")
@@ -153,11 +206,11 @@ class Doctor(SystemTest):
         self.sh(self.net.nodes[0], "ip", "link", "set", "eth0", "mtu", "1400")
         self.addCleanup(self.sh, self.net.nodes[0], "ip", "link", "set", "eth0", "mtu", "1500")
         at_lead, at_node = self.both()
-        self.assert_finding(at_node, "mtu", "warning", "eth0 has an MTU of 1400")
-        self.assert_finding(at_node, "mtu", "problem", "239.255.71.2:7101", "1,472 bytes")
-        self.assert_finding(at_node, "mtu", "problem", "do not fit")
+        self.assert_finding(at_node, "mtu", "problem", "eth0 has an MTU of 1400", "1,472 bytes")
         self.assert_finding(at_lead, "mtu", "problem", "1,472 bytes", self.net.nodes[0].address)
-        self.assertEqual(at_lead.findings("multicast"), [])
+        for examination in (at_lead, at_node):
+            self.assertEqual(len(examination.findings("mtu")), 1, "one cause is one finding")
+            self.assertEqual(examination.levels(), {("mtu", "problem")})
 
     def test_a_host_without_a_route_is_told(self):
         node = self.net.nodes[0]
@@ -181,7 +234,11 @@ class Doctor(SystemTest):
         at_lead = self.examine(self.net.lead, "lead", "--wait", "10")
         here = self.examine(node, "node")
         there = Examination(self, rogue, "node", "--interface", node.address)
-        self.assert_finding(at_lead, "address", "problem", f"two nodes have {node.address}")
+        bystander = self.examine(self.net.nodes[1], "node")
+        for examination in (at_lead, bystander):
+            self.assert_finding(examination, "address", "problem", f"two hosts have {node.address}",
+                                "hardware addresses", "processes")
+            self.assertEqual(len(examination.findings("address")), 1)
         for examination in (here, there):
             self.assert_finding(examination, "address", "problem", "another host")
 
@@ -195,9 +252,17 @@ class Doctor(SystemTest):
 
     def test_what_needs_privileges_is_said_to_be_unchecked_without(self):
         plain = self.examine(self.net.nodes[0], "node", without=["-net_raw", "-net_admin"])
-        for check in ("querier", "address"):
-            self.assert_finding(plain, check, "note", "needs CAP_NET_RAW")
-        self.assert_finding(plain, "filter", "note", "cannot be read")
+        self.assert_finding(plain, "privileges", "note", "one address", "querier (needs CAP_NET_RAW)",
+                            "packet filter (needs CAP_NET_ADMIN)")
+        self.assertEqual([plain.findings(check) for check in ("querier", "address", "filter")], [[], [], []])
+        self.assert_finding(self.examine(self.net.nodes[0], "node"), "privileges", "ok")
+
+    def test_ports_that_need_a_privilege_are_told(self):
+        usual = self.examine(self.net.nodes[0], "node", *HERE_ONLY, "--node-port", "500",
+                             without=["-net_bind_service"])
+        self.assert_finding(usual, "privileges", "problem", "port 500", "CAP_NET_BIND_SERVICE")
+        root = self.examine(self.net.nodes[0], "node", *HERE_ONLY, "--node-port", "500")
+        self.assertEqual(root.findings("privileges"), [])
 
     # --- Leads and nodes that run ---
 

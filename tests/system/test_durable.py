@@ -13,7 +13,7 @@ class Durable(SystemTest):
 
     @staticmethod
     def outcomes(result):
-        return {e["node"]: (e["durable"], e["reason"]) for e in result.events if e["event"] == "durable"}
+        return {e["node"]: (e["durable"], e["text"]) for e in result.events if e["event"] == "durable"}
 
     def test_every_node_says_so_and_the_commands_of_messages_hear_nothing_of_it(self):
         for node in self.net.nodes:

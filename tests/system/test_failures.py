@@ -4,8 +4,8 @@ import errno
 import os
 
 import tree
-from support import (SHORT_WRITE, SystemTest, errno_status, failures, lab, remove_tree,
-                     summary)
+from support import (SHORT_WRITE, BackgroundLead, SystemTest, errno_status, failures, lab,
+                     remove_tree, summary)
 
 
 class FailuresOfOneNode(SystemTest):
@@ -29,7 +29,7 @@ class FailuresOfOneNode(SystemTest):
             self.assertEqual(told[node.address], {})
         self.assertFalse(end["complete"])
         self.wait_until_told(len(lab.manifest(self.content)))
-        ended = {e["path"]: e["status"] for e in self.node_events(self.troubled, "file")}
+        ended = {e["name"]: e["status"] for e in self.node_events(self.troubled, "file")}
         self.assertEqual(ended[name], told[self.troubled.address][name])
         self.assertEqual(sum(status != 0 for status in ended.values()), 1)
         done = self.node_events(self.troubled, "transaction-done")
@@ -37,6 +37,13 @@ class FailuresOfOneNode(SystemTest):
         self.assert_received(*self.others)
         self.assert_received_but(name)
         self.assert_alive()
+
+    def outcome_at_node(self, name):
+        return next(e["outcome"] for e in self.node_events(self.troubled, "file") if e["path"] == name)
+
+    def text_at_lead(self, end):
+        """Of the one failure there is."""
+        return next(f["text"] for node in end["nodes"] for f in node["failed"])
 
     def wait_until_told(self, files):
         """The lead may hear of the last file before the node's own callbacks have run."""
@@ -60,11 +67,36 @@ class FailuresOfOneNode(SystemTest):
         tree.add(self.content, "small disk/too large", 5_000_000)
         self.start_nodes()
         end = summary(self.push(expect=1))
-        # A write can end short at the last page, fail, or find the partial file deleted by then.
-        self.assert_fails_alone(end, "small disk/too large", errno.ENOSPC, errno.ENOENT,
-                                statuses=[SHORT_WRITE])
+        # A write can end short at the last page, or fail.
+        self.assert_fails_alone(end, "small disk/too large", errno.ENOSPC, statuses=[SHORT_WRITE])
+        self.assertIn("the disk is full", self.text_at_lead(end))
+        self.assertRegex(self.outcome_at_node("small disk/too large"),
+                         r"the disk is full: \d+ of 1048576 bytes are free at .*/small disk")
         lab.wait_until(lambda: os.listdir(self.at_troubled("small disk")) == [],
                        what="the partial file to be removed")
+
+    def test_a_disk_without_inodes(self):
+        self.mount(self.at_troubled("full of names"), "nr_inodes=3")
+        tree.write(self.at_troubled("full of names"), "mine", b"1")
+        os.symlink("mine", self.at_troubled("full of names/also mine"))
+        tree.add(self.content, "full of names/one more", 3000)
+        self.start_nodes()
+        end = summary(self.push(expect=1))
+        self.assertIn("no inodes left", self.text_at_lead(end))
+        self.assertRegex(self.outcome_at_node("full of names/one more"),
+                         "no inodes are left at .*/full of names$")
+
+    def test_a_name_that_is_too_long_for_its_location(self):
+        long = "/".join(["directory with a long name"] * 8)
+        tree.add(self.content, long, 3000)
+        place = self.directory(os.path.join(self.directory_of(self.troubled), "of a location that is long, too"))
+        self.start_node(self.troubled, location=f"1={place}")
+        for node in self.others:
+            self.start_node(node)
+        self.push(expect=1)
+        said = [e["text"] for e in self.node_events(self.troubled, "error")]
+        self.assertEqual(len(said), 1, "lists that come again are not told again")
+        self.assertRegex(said[0], r"the name is too long: 2\d\d bytes with its location and .tmp, 255 at most$")
 
     def test_a_full_disk_has_room_again_for_the_next_push(self):
         self.mount(self.at_troubled("small disk"), "size=1m")
@@ -80,6 +112,8 @@ class FailuresOfOneNode(SystemTest):
         tree.add(self.content, "sealed/file", 3000)
         self.start_nodes()
         self.assert_fails_alone(summary(self.push(expect=1)), "sealed/file", errno.EROFS)
+        self.assertRegex(self.outcome_at_node("sealed/file"),
+                         "/sealed is on a read-only file system$")
 
     def test_a_directory_that_cannot_be_made(self):
         self.mount(self.at_troubled("sealed"), "ro")
@@ -232,3 +266,32 @@ class FailuresOfTheContent(SystemTest):
         end = lead.finish(expect=1, seconds=10)
         self.assertFalse(end["complete"])
         self.assertEqual(len(lead.events("interrupted")), 1)
+
+
+class RefusedCalls(SystemTest):
+    """What the system refuses is told with the call and the error."""
+
+    NODES = 1
+
+    def refuse(self, host, port):
+        host.run(["nft", "add table ip refused; add chain ip refused output { type filter hook output priority 0; }; "
+                         f"add rule ip refused output udp dport {port} drop"], check=True)
+        self.addCleanup(host.run, ["nft", "delete table ip refused"], check=True)
+
+    def test_a_lead_whose_datagrams_are_refused_says_so_once(self):
+        tree.small(self.content, small_files=3)
+        self.refuse(self.net.lead, 7101)
+        self.start_nodes()
+        lead = self.start_push("--timeout", "2", "--max-time", "4")
+        lead.finish(expect=1)
+        self.assertEqual(lead.errors().count("sendmmsg: Operation not permitted: datagrams are not sent"), 1)
+
+    def test_a_message_that_cannot_be_sent_names_the_call_and_the_error(self):
+        node = self.net.nodes[0]
+        lead = BackgroundLead(self, "serve")
+        lead.wait_for("serving")
+        self.refuse(node, 7102)
+        result = node.run([self.programs.node, "--interface", node.address, "send", "--timeout", "20", "text"],
+                          capture_output=True, text=True, timeout=60)
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stdout + result.stderr, r"sendto of \d+ bytes failed.*Operation not permitted")

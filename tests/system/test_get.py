@@ -29,7 +29,7 @@ class Get(SystemTest):
                           timeout=120)
         self.assertEqual(result.returncode, expect, result.stderr + result.stdout)
         result.events = lab.parse_events(result.stdout)
-        result.outcomes = {e["path"]: e["status"] for e in result.events if e["event"] == "file"}
+        result.outcomes = {e["name"]: e["status"] for e in result.events if e["event"] == "file"}
         return result
 
     def assert_has(self, *names, node=None):

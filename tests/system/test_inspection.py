@@ -8,6 +8,7 @@ import urllib.request
 
 import tree
 from support import SystemTest, lab
+from terminal import Terminal
 
 SEGMENT_BYTES = 1400
 FILE_BYTES = 2_000_000
@@ -155,6 +156,40 @@ class StatOfNodes(Inspection):
         busy = self.stat("--listen", port, expect=1)
         self.assertIn(f"cannot listen on 127.0.0.1:{port}", busy)
 
+    def test_health_comes_first_and_one_line_per_process_is_to_be_had(self):
+        self.push_one_file()
+        lines = self.stat(self.pids()[0]).splitlines()
+        self.assertEqual([line[:12].rstrip() for line in lines[1:6]],
+                         ["kernel drops", "queue", "disk", "loss", "time-outs"])
+        self.assertIn(f"of {SEGMENTS} segments", lines[4])
+        health = self.stat_json(self.pids()[0])[0]["health"]
+        self.assertEqual([one["subject"] for one in health],
+                         ["kernel drops", "queue", "disk", "loss", "time-outs"])
+        self.assertEqual({one["level"] for one in health}, {"ok"})
+        table = self.stat("--all", "--table").splitlines()
+        self.assertEqual([line.split()[0] for line in table], ["process", *map(str, self.pids())])
+        self.assertIn("--changed needs --watch", self.stat("--changed", expect=2))
+
+    def test_watching_fits_the_terminal_and_shows_what_moves_first(self):
+        self.start_nodes()
+        tree.add(self.content, "large", FILE_BYTES)
+        self.wait_for_tables()
+        push = self.start_push("--rate", "10")
+        lab.wait_until(lambda: self.statistics(self.net.nodes[0])["DRT_Counters", "MC SEGMENT"],
+                       what="the first segment")
+        screen = Terminal(self.net.lead, [os.path.join(self.bin, "pkgdist-stat"), "--watch", "0.2",
+                                          "--rounds", "3", str(self.pids()[0])])
+        self.assertEqual(screen.finish(), 0)
+        push.finish()
+        rounds = [part.split("\x1b[J")[0] for part in screen.text.split("\x1b[H")[2:]]
+        self.assertEqual(len(rounds), 3)
+        for text in rounds:
+            lines = text.replace("\x1b[K", "").split("\r\n")
+            self.assertLessEqual(len(lines), 24)
+            self.assertLessEqual(max(map(len, lines)), 80)
+        first = rounds[-1].split("\r\n")[7]
+        self.assertRegex(first, r"^DR[TS] [A-Z ]+ +\d+ +\d+ +\d+\.\d")
+
     @staticmethod
     def scrape(port):
         try:
@@ -266,6 +301,23 @@ class TraceOfNodes(Inspection):
         self.assertTrue(early and late)
         line = self.trace(first, "--last", "1")
         self.assertRegex(line, r"^20\d\d-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \d+ info +pkgdist_\w+\.cpp:\d+ \w+: ")
+
+    def test_takes_a_process_name_and_prints_transactions_as_the_lead_does(self):
+        push = self.push_one_file()
+        transaction = next(e["transaction"] for e in push.events if e["event"] == "push-started")
+        several = self.trace("pkgdist-node", expect=1)
+        for pid in self.pids():
+            self.assertIn(f"{pid} (pkgdist-node, running since ", several)
+        for process in self.node_processes.values():
+            process.kill()
+            process.wait()
+        third = self.start_node(self.net.nodes[0])
+        lab.wait_until(lambda: ("DRS_Counters", "FILE ADD") in self.statistics(self.net.nodes[0]),
+                       what="statistics")
+        self.assertEqual({r["pid"] for r in self.records("pkgdist-node")}, {third.pid})
+        self.assertIn("no process 'nobody' has a trace", self.trace("nobody", expect=1))
+        first = self.trace(self.pids()[1])
+        self.assertIn(f"DATA Recv File Add - File large Xact Id {transaction}\n", first)
 
     def test_follows_until_the_process_ends(self):
         node = self.net.nodes[0]

@@ -150,7 +150,7 @@ class LeadMetrics(SystemTest):
                             ("pkgdist_push_nodes_expected", 3), ("pkgdist_push_nodes_complete", 1),
                             ("pkgdist_push_received_bytes", end["bytes_received"]),
                             ("pkgdist_push_completion_seconds_count", 1),
-                            ("pkgdist_lead_rate_bits_per_second", 20_000_000),
+                            ("pkgdist_lead_rate_bytes_per_second", 20_000_000 / 8),
                             ("pkgdist_lead_nodes_heard", 3), ("pkgdist_lead_leading", 1)):
             self.assertEqual(during.one(name), value, name)
         self.assertAlmostEqual(during.one("pkgdist_push_completion_seconds_sum"),

@@ -77,7 +77,7 @@ class LeftOut(SystemTest):
         self.start_nodes()
         result = self.push(expect=1)
         self.assertTrue(summary(result)["complete"])
-        left_out = {e["name"]: e["reason"] for e in result.events if e["event"] == "left-out"}
+        left_out = {e["name"]: e["text"] for e in result.events if e["event"] == "left-out"}
         self.assertEqual(set(left_out), {self.long, "huge"})
         self.assertIn("4 GiB", left_out["huge"])
         self.assertIn(f"left out: {self.long}: ", result.stderr)
@@ -129,7 +129,7 @@ class LinksOfTheRoot(SystemTest):
         self.assertEqual(result.returncode, 1, result.stderr)
         wanted = {"out/secret": errno_status(errno.EXDEV), "real/up/secret": errno_status(errno.EXDEV),
                   "current/file": 0}
-        self.assertEqual({e["path"]: e["status"] for e in lab.parse_events(result.stdout) if e["event"] == "file"},
+        self.assertEqual({e["name"]: e["status"] for e in lab.parse_events(result.stdout) if e["event"] == "file"},
                          wanted)
         self.assertEqual(names_below(place), {"current/file"})
         told = {e["name"]: e["status"] for e in lead.events("requested")}

@@ -70,8 +70,15 @@ class PushPage(SystemTest):
         ratio = next(n["repair_ratio"] for n in end["nodes"] if n["node"] == lossy.address)
         self.assertIn(f"lost {100 * ratio:.1f} % of its segments", text)
         self.assertIn("its disk was full", text)
-        self.assertRegex(text, rf"{good.address} complete [\d.]+ 0 not known")
+        self.assertRegex(text, rf"{good.address} complete [\d.]+ 0 {lossy.address}|{good.address} complete [\d.]+ 0 Repairs",
+                         "no reason is made up")
+        self.assertNotIn("not known", text)
         self.assertIn("not complete", text)
+        self.assertRegex(text, r"began 20\d\d-\d\d-\d\d \d\d:\d\d:\d\d UTC lead [^ ]+, " + re.escape(self.net.lead.address))
+        self.assertIn(f"tree ., from {self.content}, to location 1", text)
+        self.assertIn("options --rate 20", text)
+        self.assertRegex(text, r"version pkgdist \d")
+        self.assertRegex(text, rf"[\d.]+ s: {full.address}: failed: ")
         self.assertIn(f"{end['seconds']:.2f} s", text)
         self.assertIn(f"{end['repairs_sent']} of {end['segments_sent']}", text)
         ideal = end["bytes_received"] * 8 / 20e6
@@ -79,12 +86,14 @@ class PushPage(SystemTest):
         self.assertGreaterEqual(content.count("<polyline"), 4)
         self.assertNotIn("<script", content)
 
-    def test_reasons_that_are_not_in_the_events_are_not_known(self):
+    def test_reasons_that_are_not_in_the_events_are_left_out(self):
         tree.add(self.content, "file", 100_000)
         self.start_nodes()
         text, _ = self.page(self.push().events)
         self.assertIn("every node has every file", text)
-        self.assertEqual(len(re.findall(r"10\.71\.0\.\d complete [\d.]+ 0 not known", text)), 3)
+        self.assertEqual(len(re.findall(r"10\.71\.0\.\d complete [\d.]+ 0 (?=10|Repairs)", text)), 3)
+        self.assertNotIn("not known", text)
+        self.assertNotIn("never came", text)
         self.assertIn("No node asked for anything again", text)
 
     def test_names_are_shown_as_they_are_and_never_run(self):
@@ -106,7 +115,43 @@ class PushPage(SystemTest):
             {"event": "push-finished", "complete": True, "seconds": 9, "nodes": nodes}])
         self.assertIn("late complete 9.00 0 joined 3.5 s after the start", text)
         self.assertIn("silent complete 9.00 0 restarted 1 times; silent for 2.5 s", text)
-        self.assertIn("early complete 9.00 0 not known", text)
+        self.assertRegex(text, r"early complete 9\.00 0 Repairs")
+        self.assertIn("4.0 s: silent: silent", text)
+        self.assertIn("6.5 s: silent: heard again", text)
+
+    def test_many_files_of_a_node_are_one_row_and_absent_nodes_are_listed(self):
+        names = [f"d/file {i}" for i in range(124)]
+        end = {"event": "push-finished", "complete": False, "seconds": 5, "expected_nodes": 6, "nodes": [
+            {"node": "10.0.0.1", "state": "silent", "seconds": 5, "open": names},
+            {"node": "10.0.0.2", "state": "failed", "seconds": 5,
+             "failed": [{"name": "one", "status": 5, "text": "No space left on device"},
+                        {"name": "two", "status": 5, "text": "No space left on device"}]},
+            {"node": "10.0.0.3", "state": "never heard", "seconds": 5, "open": names},
+            {"node": "10.0.0.4", "state": "complete", "seconds": 2}]}
+        text, content = self.page([{"event": "push-started", "transaction": 7, "time": 100}, end])
+        self.assertRegex(text, r"Missing node files why 10\.0\.0\.1 124 files d/file 0 .* and 74 more silent "
+                         r"10\.0\.0\.2 one two No space left on device")
+        self.assertEqual(content.count("<details>"), 1)
+        self.assertIn("Nodes that never came 10.0.0.3, and 2 of 6 nodes", text)
+
+    def test_rates_and_troubles_stand_over_time(self):
+        events = [{"event": "push-started", "transaction": 7, "time": 100}]
+        for second in range(1, 11):
+            events += [{"event": "progress", "time": 100 + second, "node": f"10.0.0.{node}",
+                        "bytes": second * 1_000_000, "of_bytes": 10_000_000} for node in (1, 2)]
+            events.append({"event": "push-progress", "time": 100 + second, "seconds": second, "rate_bits": 9e6,
+                           "repairs_sent": 7 * second, "polls_sent": 3 * second})
+            if second == 4:
+                events += [{"event": "node-restarted", "time": 104.2 + node / 10, "node": f"10.0.0.{node}"}
+                           for node in (1, 2)]
+        text, content = self.page(events + [{"event": "push-finished", "complete": True, "seconds": 10, "nodes": []}])
+        self.assertIn("4.3 s: 2 nodes: restarted", text)
+        self.assertEqual(content.count('<line class="mark"'), 4, "in each of the drawings")
+        for title in ("goodput of a node on average, Mbit/s", "repairs sent per second", "polls sent per second"):
+            self.assertIn(title, text)
+        # The goodput of each second is 8 Mbit/s: one level line.
+        curve = re.search(r'points="([^"]*)"><title>Goodput', content).group(1).split()
+        self.assertEqual(len({point.split(",")[1] for point in curve}), 1, curve)
 
     def test_events_without_the_end_of_a_push_make_no_page(self):
         self.assertIn("no push has ended", self.page([{"event": "push-started"}], expect=1))

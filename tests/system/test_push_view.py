@@ -61,7 +61,7 @@ class PushView(SystemTest):
         segments = -(-30_000_000 // tree.SEGMENT)
         self.assertAlmostEqual(lossy["repair_ratio"], lossy["repairs"] / segments, places=5)
         self.assertEqual(end["bytes_received"], 30_000_000)
-        self.assertAlmostEqual(end["goodput_bits"], 30_000_000 * 8 / end["seconds"], delta=10)
+        self.assertAlmostEqual(end["goodput_bits"], 30_000_000 * 8 / end["seconds"], delta=30_000)
         counters = next(e for e in events if e["event"] == "counters")
         self.assertEqual(end["wire_bytes"], counters["data_bytes_sent"])
         self.assertAlmostEqual(end["wire_per_content"], end["wire_bytes"] / 30_000_000, places=5)

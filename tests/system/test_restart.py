@@ -28,7 +28,7 @@ class RestartedAndLateNodes(SystemTest):
         files = len(lab.manifest(self.content))
         lab.wait_until(lambda: len(self.node_events(node, "file")) >= files,
                        what="the end of every file to be told")
-        names = [e["path"] for e in self.node_events(node, "file")]
+        names = [e["name"] for e in self.node_events(node, "file")]
         self.assertEqual(len(names), files)
         self.assertEqual(len(set(names)), len(names))
         self.assertEqual({e["status"] for e in self.node_events(node, "file")}, {0})

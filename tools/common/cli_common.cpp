@@ -5,12 +5,14 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
+#include "network_interface.h"
 #include "output.h"
 #include "stop_signals.h"
 
@@ -88,6 +90,14 @@ uint32_t parse_address(const std::string& text) {
   return ntohl(address.s_addr);
 }
 
+uint32_t parse_interface(const std::string& text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) == 1) return ntohl(address.s_addr);
+  const std::optional<uint32_t> own = address_of_interface(text);
+  if (!own) refuse("neither an IPv4 address nor an interface that has one", text);
+  return *own;
+}
+
 std::vector<uint32_t> parse_addresses(const std::string& text) {
   std::vector<uint32_t> addresses;
   for (size_t start = 0; start <= text.size();) {
@@ -147,18 +157,23 @@ Location parse_location(const std::string& text) {
 
 void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
   CommonOptions* o = &options;
-  add_parsed(app, "--interface", "own IPv4 address", "ADDR", "", parse_address,
-             [o](uint32_t address) { o->interface = address; })
+  add_parsed(app, "--interface", "own IPv4 address, or the interface that has it", "ADDR|NAME", "",
+             parse_interface, [o](uint32_t address) { o->interface = address; })
       ->required();
   add_parsed(app, "--ctrl-group", "multicast group of the control channel", "GROUP:PORT",
-             "239.255.71.1:7100", parse_group, [o](Endpoint group) { o->ctrl_group = group; });
+             format_endpoint(options.ctrl_group), parse_group,
+             [o](Endpoint group) { o->ctrl_group = group; });
   add_parsed(app, "--data-group", "multicast group of the data channel", "GROUP:PORT",
-             "239.255.71.2:7101", parse_group, [o](Endpoint group) { o->data_group = group; });
-  add_parsed(app, "--lead-port", "the lead's control port", "PORT", "7102", parse_port,
+             format_endpoint(options.data_group), parse_group,
+             [o](Endpoint group) { o->data_group = group; });
+  add_parsed(app, "--lead-port", "the lead's control port", "PORT",
+             std::to_string(options.lead_port), parse_port,
              [o](uint16_t port) { o->lead_port = port; });
-  add_parsed(app, "--node-port", "the nodes' control port", "PORT", "7103", parse_port,
+  add_parsed(app, "--node-port", "the nodes' control port", "PORT",
+             std::to_string(options.node_port), parse_port,
              [o](uint16_t port) { o->node_port = port; });
-  add_parsed(app, "--req-port", "the lead's port for data requests", "PORT", "7104", parse_port,
+  add_parsed(app, "--req-port", "the lead's port for data requests", "PORT",
+             std::to_string(options.req_port), parse_port,
              [o](uint16_t port) { o->req_port = port; });
   app.add_option_function<std::vector<std::string>>(
          "--location",

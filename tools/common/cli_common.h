@@ -2,13 +2,18 @@
 // text that names the value, which run_cli() prints as one line.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "pkgdist/defaults.h"
+
+namespace CLI {
+class App;  // the header is a large one: who builds an App includes it
+}
 
 namespace pkgdist::cli {
 
@@ -26,6 +31,8 @@ struct NotDone : std::runtime_error {
 // "10.0.0.1" for the address in host byte order, and back.
 std::string format_address(uint32_t address);
 uint32_t parse_address(const std::string& text);
+// The same, or the address of an interface of this name.
+uint32_t parse_interface(const std::string& text);
 uint16_t parse_port(const std::string& text);
 
 // "10.0.0.2,10.0.0.3", each address once.
@@ -54,11 +61,11 @@ Location parse_location(const std::string& text);
 
 struct CommonOptions {
   uint32_t interface = 0;
-  Endpoint ctrl_group{0xEFFF4701, 7100};  // 239.255.71.1
-  Endpoint data_group{0xEFFF4702, 7101};  // 239.255.71.2
-  uint16_t lead_port = 7102;
-  uint16_t node_port = 7103;
-  uint16_t req_port = 7104;
+  Endpoint ctrl_group{PKGDIST_DEFAULT_CONTROL_GROUP, PKGDIST_DEFAULT_CONTROL_PORT};
+  Endpoint data_group{PKGDIST_DEFAULT_DATA_GROUP, PKGDIST_DEFAULT_DATA_PORT};
+  uint16_t lead_port = PKGDIST_DEFAULT_LEAD_PORT;
+  uint16_t node_port = PKGDIST_DEFAULT_NODE_PORT;
+  uint16_t req_port = PKGDIST_DEFAULT_REQUEST_PORT;
   std::map<uint32_t, Location> locations;
   bool json = false;
   int verbosity = 0;

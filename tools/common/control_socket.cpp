@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <CLI/Error.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cinttypes>

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 
 #include "printable.h"
 
@@ -23,9 +24,15 @@ void JsonEvents::print(const std::string& event, const nlohmann::ordered_json& f
   const std::chrono::duration<double> time = std::chrono::system_clock::now().time_since_epoch();
   nlohmann::ordered_json line;
   line["event"] = event;
-  line["time"] = time.count();
+  line["time"] = rounded(time.count(), kSecondDecimals);
   if (!fields.is_null()) line.update(fields);
   standard_output().write(json_line(line) + '\n', kind);
+}
+
+// Divided by a whole number, so that the result is the double nearest to the decimal number.
+double rounded(double value, int decimals) {
+  const double units = std::pow(10, decimals);
+  return std::round(value * units) / units;
 }
 
 void print_left_out(uint64_t progress, uint64_t events) {

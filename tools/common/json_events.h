@@ -24,6 +24,12 @@ class JsonEvents {
   bool enabled_;
 };
 
+// The number with so many decimals: what is written has no digits that say nothing.
+double rounded(double value, int decimals);
+// Decimals of times and durations in seconds, and of ratios.
+inline constexpr int kSecondDecimals = 3;
+inline constexpr int kRatioDecimals = 6;
+
 // The event that tells what was left out; nothing when this process prints no events.
 void print_left_out(uint64_t progress, uint64_t events);
 

@@ -70,6 +70,17 @@ std::optional<NetworkInterface> find_interface(uint32_t address) {
   return found;
 }
 
+std::optional<uint32_t> address_of_interface(const std::string& name) {
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return std::nullopt;
+  std::optional<uint32_t> address;
+  for (const ifaddrs* i = list; i != nullptr && !address; i = i->ifa_next)
+    if (name == i->ifa_name && i->ifa_addr != nullptr && i->ifa_addr->sa_family == AF_INET)
+      address = ntohl(reinterpret_cast<const sockaddr_in*>(i->ifa_addr)->sin_addr.s_addr);
+  ::freeifaddrs(list);
+  return address;
+}
+
 const char* InterfaceChange::state() const {
   return now.works() ? "up" : now.exists() ? "down" : "gone";
 }

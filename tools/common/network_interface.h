@@ -1,4 +1,4 @@
-// The network interface that has an address, and notices when that changes.
+// The network interface that has an address or a name, and notices when that changes.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +18,10 @@ struct NetworkInterface {
 
 // Nothing when the system does not tell.
 std::optional<NetworkInterface> find_interface(uint32_t address);
+
+// The IPv4 address of an interface: its first one, when it has several. Nothing when there is no
+// interface of this name, or it has no address.
+std::optional<uint32_t> address_of_interface(const std::string& name);
 
 // What became of the interface, put in words for an operator.
 struct InterfaceChange {

@@ -159,11 +159,17 @@ void Conversation::run(LinkWatch& watch) {
       send_round();
       next_round = seconds_ + kSendPeriod;
     }
+    introduce(watch);
     watch.run(seconds_);
     (void)::poll(fds.data(), fds.size(), kTickMs);
     if (cli::stop_signal() != 0) throw std::runtime_error(cli::stop_text());
     for (const Ear& ear : ears_) receive(ear);
   }
+}
+
+void Conversation::introduce(LinkWatch& watch) const {
+  for (const Peer& peer : peers_) watch.look_after(peer.address);
+  for (const auto& [key, lead] : leads_) watch.look_after(lead.address);
 }
 
 // --- Sending ---
@@ -310,7 +316,8 @@ void Conversation::take_ping(const uint8_t* bytes, size_t length) {
   HeardLead& lead = leads_[{header.node_ip, header.pid}];
   lead.address = header.node_ip;
   lead.pid = header.pid;
-  ++lead.pings;
+  if (lead.pings++ == 0) lead.first = seconds_;
+  lead.last = seconds_;
 }
 
 }  // namespace pkgdist::doctor

@@ -39,13 +39,14 @@ struct HeardLead {
   uint32_t address = 0;
   uint32_t pid = 0;
   uint64_t pings = 0;
+  double first = 0, last = 0;  // seconds since the beginning
 };
 
 class Conversation {
  public:
   Conversation(const DoctorOptions& options, const Interface& interface);
 
-  // Talks for the time of the options; `watch` is run beside it.
+  // Talks for the time of the options; `watch` is run beside it, and hears of whom there is.
   void run(LinkWatch& watch);
 
   double seconds() const { return seconds_; }
@@ -75,6 +76,7 @@ class Conversation {
   sockaddr_in destination(Path path, uint32_t host) const;
   Probe probe_for(Path path, const Peer* peer);
   void receive(const Ear& ear);
+  void introduce(LinkWatch& watch) const;
   void take(const Probe& probe, uint32_t source);
   void take_ping(const uint8_t* bytes, size_t length);
   Peer& peer_of(const Probe& probe);

@@ -1,5 +1,7 @@
 #include "doctor_options.h"
 
+#include <CLI/CLI.hpp>
+
 namespace pkgdist::doctor {
 
 void add_doctor_options(CLI::App& app, DoctorOptions& options) {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fmt/core.h>
+#include <fmt/ranges.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -13,6 +14,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <vector>
 
 #include "descriptor.h"
 
@@ -105,35 +108,62 @@ Interface check_interface(const DoctorOptions& options, Findings& findings) {
   } else {
     findings.ok("interface", fmt::format("{} has {}, MTU {}", found.name, address, found.mtu));
   }
-  if (found.mtu < kFullPacket)
-    findings.add({Level::kWarning, "mtu", fmt::format("{} has an MTU of {}", found.name, found.mtu),
-                  "datagrams of 1,472 bytes need 1,500; longer ones are cut in two or lost",
-                  fmt::format("ip link set dev {} mtu 1500", found.name)});
   return found;
 }
 
-void check_route(const DoctorOptions& options, const Interface& interface, uint32_t peer,
-                 Findings& findings) {
-  const Route route = route_to(peer);
-  const std::string to = format_address(peer);
-  if (route.error == 0 && route.source == options.common.interface) {
-    findings.ok("route", fmt::format("{} is reached from {}", to, format_address(route.source)));
-    return;
+bool is_small(const Interface& interface) {
+  return interface.mtu < kFullPacket;
+}
+
+void check_mtu(const Interface& interface, Findings& findings) {
+  if (!is_small(interface)) return;
+  findings.add({Level::kWarning, "mtu",
+                fmt::format("{} has an MTU of {}", interface.name, interface.mtu),
+                "datagrams of 1,472 bytes need 1,500; longer ones are cut in two or lost",
+                fmt::format("ip link set dev {} mtu 1500", interface.name)});
+}
+
+void check_routes(const DoctorOptions& options, const Interface& interface,
+                  const std::set<uint32_t>& peers, Findings& findings) {
+  constexpr size_t kNamed = 5;
+  const std::string own = format_address(options.common.interface);
+  const char* other = role_name(options.role == Role::kLead ? Role::kNode : Role::kLead);
+  std::map<std::pair<int, uint32_t>, std::vector<std::string>> bad;  // by error and source
+  for (const uint32_t peer : peers) {
+    const Route route = route_to(peer);
+    const std::string to = format_address(peer);
+    // Loopback addresses stand for each other.
+    if (route.error == 0 && interface.loopback() && route.source >> 24 == 127) continue;
+    if (route.error == 0 && route.source == options.common.interface)
+      findings.add({Level::kOk,
+                    "route",
+                    fmt::format("{} is reached from {}", to, own),
+                    "",
+                    "",
+                    fmt::format("{} {}", other, to),
+                    {to}});
+    else
+      bad[{route.error, route.source}].push_back(to);
   }
-  // Loopback addresses stand for each other.
-  if (route.error == 0 && interface.loopback() && route.source >> 24 == 127) return;
-  const bool filtered = reverse_path_filter(interface.name) == 1;
-  const std::string what =
-      route.error != 0
-          ? fmt::format("{} cannot be reached: {}", to, std::strerror(route.error))
-          : fmt::format("{} is reached from {} and not from {}", to, format_address(route.source),
-                        format_address(options.common.interface));
-  std::string why = "acknowledgements and requests for repair go to single hosts";
-  if (filtered) why += "; and rp_filter drops multicast of hosts that are reached another way";
-  findings.add({route.error != 0 || filtered ? Level::kProblem : Level::kWarning, "route", what,
-                why,
-                fmt::format("ip route get {0}; ip route add {0}/32 dev {1} src {2}", to,
-                            interface.name, format_address(options.common.interface))});
+  for (const auto& [route, hosts] : bad) {
+    const auto [error, source] = route;
+    const bool filtered = reverse_path_filter(interface.name) == 1;
+    std::string to = fmt::format(
+        "{}", fmt::join(hosts.begin(),
+                        hosts.begin() + static_cast<std::ptrdiff_t>(std::min(kNamed, hosts.size())),
+                        ", "));
+    if (hosts.size() > kNamed) to += fmt::format(" and {} more", hosts.size() - kNamed);
+    const std::string what =
+        error != 0
+            ? fmt::format("{} cannot be reached: {}", to, std::strerror(error))
+            : fmt::format("{} is reached from {} and not from {}", to, format_address(source), own);
+    std::string why = "acknowledgements and requests for repair go to single hosts";
+    if (filtered) why += "; and rp_filter drops multicast of hosts that are reached another way";
+    findings.add({error != 0 || filtered ? Level::kProblem : Level::kWarning, "route", what, why,
+                  fmt::format("ip route get {0}; ip route add {0}/32 dev {1} src {2}",
+                              hosts.front(), interface.name, own),
+                  "", hosts});
+  }
 }
 
 void check_receive_buffer(const DoctorOptions& options, Findings& findings) {

@@ -13,6 +13,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -25,7 +26,18 @@ namespace {
 // Between join and leave: the kernel's report has to have gone out.
 constexpr double kMemberSeconds = 1.5;
 constexpr double kArpPeriod = 1;
+// Questions for addresses of others: at most so many, so often. Hundreds of hosts get their turn
+// within the seconds that an examination takes.
+constexpr double kQuestionPeriod = 0.1;
+constexpr size_t kQuestions = 20;
+// More hosts than these are not looked after.
+constexpr size_t kMaxOthers = 1000;
 constexpr uint8_t kIgmpQuery = 0x11;
+
+std::string hardware_text(const uint8_t* mac) {
+  return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", mac[0], mac[1], mac[2], mac[3],
+                     mac[4], mac[5]);
+}
 
 sockaddr_ll link_address(const Interface& interface, uint16_t protocol) {
   sockaddr_ll address{};
@@ -68,7 +80,7 @@ LinkWatch::LinkWatch(const Interface& interface, uint32_t address, uint32_t scra
   if (interface.index == 0)
     obstacle_ = "there is no interface";
   else if (interface.loopback())
-    obstacle_ = "the loopback network has neither";
+    obstacle_ = "the loopback network has none";
   else
     open_sockets();
 }
@@ -92,8 +104,13 @@ void LinkWatch::open_sockets() {
 void LinkWatch::run(double seconds) {
   if (!obstacle_.empty()) return;
   if (seconds >= next_arp_) {
-    ask_for_own_address();
+    // With no address of its own in it, nobody learns anything wrong from the question.
+    ask_for(address_, 0);
     next_arp_ = seconds + kArpPeriod;
+  }
+  if (seconds >= next_question_) {
+    ask_for_others();
+    next_question_ = seconds + kQuestionPeriod;
   }
   if (!left_ && seconds >= kMemberSeconds) {
     left_ = true;
@@ -105,8 +122,27 @@ void LinkWatch::run(double seconds) {
   take_igmp();
 }
 
-// With no address of its own in it, nobody learns anything wrong from the question.
-void LinkWatch::ask_for_own_address() {
+void LinkWatch::look_after(uint32_t address) {
+  if (address != address_ && owners_.size() < kMaxOthers) (void)owners_[address];
+}
+
+std::map<uint32_t, std::set<std::string>> LinkWatch::shared_addresses() const {
+  std::map<uint32_t, std::set<std::string>> shared;
+  for (const auto& [address, owners] : owners_)
+    if (owners.size() > 1) shared[address] = owners;
+  return shared;
+}
+
+void LinkWatch::ask_for_others() {
+  for (size_t i = 0; i < std::min(kQuestions, owners_.size()); ++i) {
+    auto next = owners_.upper_bound(last_asked_);
+    if (next == owners_.end()) next = owners_.begin();
+    last_asked_ = next->first;
+    ask_for(last_asked_, address_);
+  }
+}
+
+void LinkWatch::ask_for(uint32_t wanted, uint32_t asker) {
   ether_arp question{};
   question.arp_hrd = htons(ARPHRD_ETHER);
   question.arp_pro = htons(ETHERTYPE_IP);
@@ -114,8 +150,9 @@ void LinkWatch::ask_for_own_address() {
   question.arp_pln = 4;
   question.arp_op = htons(ARPOP_REQUEST);
   std::memcpy(question.arp_sha, hardware_.data(), hardware_.size());
-  const uint32_t address = htonl(address_);
+  const uint32_t address = htonl(wanted), from = htonl(asker);
   std::memcpy(question.arp_tpa, &address, sizeof address);
+  std::memcpy(question.arp_spa, &from, sizeof from);
   sockaddr_ll to = link_address(interface_, ETHERTYPE_ARP);
   to.sll_halen = 6;
   std::memset(to.sll_addr, 0xFF, to.sll_halen);
@@ -127,12 +164,15 @@ void LinkWatch::take_arp() {
   const uint32_t address = htonl(address_);
   ether_arp packet{};
   while (::recv(arp_.get(), &packet, sizeof packet, 0) == static_cast<ssize_t>(sizeof packet)) {
-    if (std::memcmp(packet.arp_spa, &address, sizeof address) != 0 ||
-        std::memcmp(packet.arp_sha, hardware_.data(), hardware_.size()) == 0)
+    if (std::memcmp(packet.arp_sha, hardware_.data(), hardware_.size()) == 0) continue;
+    uint32_t owned = 0;
+    std::memcpy(&owned, packet.arp_spa, sizeof owned);
+    if (owned == address) {
+      duplicate_ = hardware_text(packet.arp_sha);
       continue;
-    const uint8_t* mac = packet.arp_sha;
-    duplicate_ = fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", mac[0], mac[1], mac[2],
-                             mac[3], mac[4], mac[5]);
+    }
+    const auto other = owners_.find(ntohl(owned));
+    if (other != owners_.end()) other->second.insert(hardware_text(packet.arp_sha));
   }
 }
 

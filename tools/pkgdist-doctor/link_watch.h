@@ -1,4 +1,4 @@
-// What can only be seen on the link itself: other hosts with this host's address (ARP), and queries
+// What can only be seen on the link itself: two hosts with one address (ARP), and queries
 // of an IGMP querier. Needs CAP_NET_RAW.
 //
 // A querier asks every two minutes as a rule. To hear one sooner, a group of our own is joined and
@@ -7,7 +7,9 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "descriptor.h"
@@ -23,17 +25,23 @@ class LinkWatch {
   // Why nothing can be seen; empty when it can.
   const std::string& obstacle() const { return obstacle_; }
 
+  // An address of another host: is it one host's?
+  void look_after(uint32_t address);
+
   // Takes what has come. `seconds`: since the beginning.
   void run(double seconds);
 
   // The hardware address of another host that has our address.
   const std::string& duplicate() const { return duplicate_; }
+  // Addresses of other hosts that more than one hardware address answers for, with these.
+  std::map<uint32_t, std::set<std::string>> shared_addresses() const;
   // The address of a querier that was heard.
   std::optional<uint32_t> querier() const { return querier_; }
 
  private:
   void open_sockets();
-  void ask_for_own_address();
+  void ask_for(uint32_t address, uint32_t asker);
+  void ask_for_others();
   void take_arp();
   void take_igmp();
 
@@ -43,7 +51,9 @@ class LinkWatch {
   std::array<uint8_t, 6> hardware_{};
   Descriptor arp_, igmp_, member_;
   bool left_ = false;
-  double next_arp_ = 0;
+  double next_arp_ = 0, next_question_ = 0;
+  std::map<uint32_t, std::set<std::string>> owners_;  // hardware addresses, by address
+  uint32_t last_asked_ = 0;
   std::string obstacle_;
   std::string duplicate_;
   std::optional<uint32_t> querier_;

@@ -14,6 +14,7 @@ struct NetworkEvidence {
   const LinkWatch& watch;
   const PacketFilter& filter_before;
   const PacketFilter& filter_after;
+  const std::vector<BlockedPort>& blocked;  // told from the rules before
 };
 
 void check_network(const NetworkEvidence& evidence, Findings& findings);

@@ -1,18 +1,24 @@
 #include "packet_filter.h"
 
+#include <fmt/core.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <memory>
+#include <map>
 #include <optional>
 
 namespace pkgdist::doctor {
 
 namespace {
 
+// Directories of administration are in the path of root's shells only.
+constexpr const char* kWithPath = "PATH=$PATH:/usr/sbin:/sbin ";
+
 // What the command prints, nothing when it fails.
-std::optional<std::string> output_of(const char* command) {
-  FILE* pipe = ::popen(command, "re");
+std::optional<std::string> output_of(const std::string& command) {
+  FILE* pipe = ::popen((kWithPath + command + " 2>/dev/null").c_str(), "re");
   if (pipe == nullptr) return std::nullopt;
   std::string text;
   std::array<char, 4096> buffer;
@@ -28,12 +34,62 @@ bool may_drop(const std::string& line) {
   return false;
 }
 
+struct Wanted {
+  bool incoming;
+  uint16_t port;         // 0: IGMP
+  uint32_t destination;  // 0: of anybody
+};
+
+// What the role needs to get in and out.
+std::vector<Wanted> wanted_by(const DoctorOptions& options) {
+  const cli::CommonOptions& common = options.common;
+  const cli::Endpoint ctrl = common.ctrl_group, data = common.data_group;
+  const uint32_t own = common.interface;
+  if (options.role == Role::kLead)
+    return {{true, ctrl.port, ctrl.address},  {true, common.lead_port, own},
+            {true, common.req_port, own},     {false, ctrl.port, ctrl.address},
+            {false, data.port, data.address}, {false, common.node_port, 0}};
+  // A switch that snoops asks who listens, and forwards to those that answer.
+  return {{true, ctrl.port, ctrl.address}, {true, data.port, data.address},
+          {true, common.node_port, own},   {true, 0, ctrl.address},
+          {false, common.lead_port, 0},    {false, common.req_port, 0}};
+}
+
+// What one chain drops for one reason.
+struct Blocked {
+  bool incoming = true;
+  bool igmp = false;
+  std::vector<uint16_t> ports;
+
+  std::string what() const {
+    std::string text = ports.empty() ? ""
+                                     : fmt::format("UDP to port{} {}", ports.size() == 1 ? "" : "s",
+                                                   fmt::join(ports, ", "));
+    if (igmp) text += text.empty() ? "IGMP" : " and IGMP";
+    return text;
+  }
+  std::string mend(const std::string& chain) const {
+    std::string text;
+    if (!ports.empty())
+      text = fmt::format("nft insert rule {} udp dport {{ {} }} accept", chain,
+                         fmt::join(ports, ", "));
+    if (igmp)
+      text += (text.empty() ? "" : "; ") +
+              fmt::format("nft insert rule {} ip protocol igmp accept", chain);
+    // A shell takes braces as its own.
+    for (size_t at = 0; (at = text.find("{ ", at)) != std::string::npos; at += 3)
+      text.insert(at, "'");
+    for (size_t at = 0; (at = text.find(" }", at)) != std::string::npos; at += 3)
+      text.insert(at + 2, "'");
+    return text;
+  }
+};
+
 }  // namespace
 
 PacketFilter::PacketFilter() {
-  // Directories of administration are in the path of root's shells only.
-  for (const char* command : {"PATH=$PATH:/usr/sbin:/sbin nft list ruleset 2>/dev/null",
-                              "PATH=$PATH:/usr/sbin:/sbin iptables-save -c 2>/dev/null"}) {
+  if (const auto rules = output_of("nft --json list ruleset")) rules_ = FilterRules(*rules);
+  for (const char* command : {"nft list ruleset", "iptables-save -c"}) {
     const std::optional<std::string> text = output_of(command);
     if (!text) continue;
     readable_ = true;
@@ -53,6 +109,38 @@ std::vector<std::string> PacketFilter::counted_since(const PacketFilter& before)
     if (std::find(before.drops_.begin(), before.drops_.end(), line) == before.drops_.end())
       counted.push_back(line);
   return counted;
+}
+
+std::vector<BlockedPort> check_filter(const DoctorOptions& options, const Interface& interface,
+                                      const PacketFilter& filter, Findings& findings) {
+  std::map<std::pair<std::string, std::string>, Blocked> blocked;  // by chain and reason
+  std::vector<BlockedPort> ports;
+  for (const Wanted& wanted : wanted_by(options)) {
+    FilteredPacket packet;
+    packet.incoming = wanted.incoming;
+    packet.igmp = wanted.port == 0;
+    packet.port = wanted.port;
+    packet.destination = wanted.destination;
+    packet.interface_name = interface.name;
+    if (!wanted.incoming) packet.source = options.common.interface;
+    const FilterVerdict verdict = filter.rules().verdict(packet);
+    if (verdict.fate != Fate::kDropped) continue;
+    Blocked& here = blocked[{verdict.chain, verdict.reason}];
+    here.incoming = wanted.incoming;
+    here.igmp |= packet.igmp;
+    if (packet.igmp) continue;
+    here.ports.push_back(wanted.port);
+    ports.push_back({wanted.incoming, wanted.port});
+  }
+  for (const auto& [where, one] : blocked)
+    findings.add({one.ports.empty() ? Level::kWarning : Level::kProblem, "filter",
+                  fmt::format("chain '{}' drops {} ({})", where.first, one.what(), where.second),
+                  one.ports.empty() ? "switches that snoop on IGMP take this host for one that "
+                                      "does not listen"
+                  : one.incoming    ? "what the other side sends to this host is lost"
+                                    : "what this host sends is lost",
+                  one.mend(where.first)});
+  return ports;
 }
 
 }  // namespace pkgdist::doctor

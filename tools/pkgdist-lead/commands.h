@@ -7,6 +7,7 @@ namespace pkgdist::lead_program {
 
 int push_command(const LeadOptions& options);
 int serve_command(const LeadOptions& options);
+int top_command(const LeadOptions& options);
 // message, cancel and delete: handed to a running lead.
 int request_command(const LeadOptions& options);
 // status, nodes and pushes: what a running lead tells.

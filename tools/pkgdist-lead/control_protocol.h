@@ -10,8 +10,8 @@
 //             {"command":"status"}, {"command":"nodes"}, {"command":"pushes"}
 //             {"command":"push",...}                                             push_wire.h
 //   answers   {"event":"sent","id":3,"nodes":2}
-//             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"reason":"acknowledged",
-//              "deleted":1,"names":[{"name":"a","outcome":"no such file"}]}
+//             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"text":"acknowledged",
+//              "deleted":1,"names":[{"name":"a","text":"no such file"}]}
 //             {"event":"done","complete":true,"sent":true,"acknowledged":2,"missing":0}   the end
 //             {"event":"error","text":"..."}                                     the end
 //             {"event":"node",...}, {"event":"push",...}, {"event":"status",...} lists and states

@@ -191,7 +191,7 @@ Json ControlRequest::outcome(const lead::NodeInfo& node, bool acknowledged,
   Json line{{"event", "outcome"},
             {"node", cli::format_address(node.address)},
             {"acknowledged", acknowledged},
-            {"reason", reason}};
+            {"text", reason}};
   if (reason == kNoTransaction) line["cancelled"] = false;
   if (request_.kind != Kind::kDelete || !before_.contains(node.address)) return line;
   Json names = Json::array();
@@ -201,7 +201,7 @@ Json ControlRequest::outcome(const lead::NodeInfo& node, bool acknowledged,
     if (said == kDeleted)
       ++deleted;
     else
-      names.push_back({{"name", request_.names[i]}, {"outcome", said}});
+      names.push_back({{"name", request_.names[i]}, {"text", said}});
   }
   line["deleted"] = deleted;
   line["names"] = names;

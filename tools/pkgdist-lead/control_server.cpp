@@ -17,7 +17,8 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 double seconds(lead::Time time) {
-  return static_cast<double>(time) / static_cast<double>(lead::kSecond);
+  return cli::rounded(static_cast<double>(time) / static_cast<double>(lead::kSecond),
+                      cli::kSecondDecimals);
 }
 
 const char* role_text(lead::Role role) {
@@ -50,7 +51,10 @@ bool ControlServer::on_line(const Client& client, const std::string& line) {
     return true;
   }
   if (client->begun()) {
-    if (queue_ != nullptr && request.contains("stop")) queue_->stop(client, now_);
+    if (queue_ == nullptr) return true;
+    if (request.contains("stop")) queue_->stop(client, now_);
+    if (request.contains("stop_for"))
+      queue_->stop_for(client, request.at("stop_for").get<uint32_t>(), now_);
     return true;
   }
   const auto command = request.find("command");
@@ -154,6 +158,8 @@ void ControlServer::say_status(cli::LineClient& client) const {
   const uint32_t other = lead_.other_lead();
   client.say({{"event", "status"},
               {"address", cli::format_address(options_.common.interface)},
+              {"ctrl_group", cli::format_endpoint(options_.common.ctrl_group)},
+              {"data_group", cli::format_endpoint(options_.common.data_group)},
               {"pid", ::getpid()},
               {"version", cli::version()},
               {"takes_pushes", queue_ != nullptr},

@@ -41,8 +41,7 @@ bool report_durability(Reporter& reporter, const Durability::Outcomes& outcomes)
     const std::string reason = error == 0           ? ""
                                : error == ETIMEDOUT ? "no answer in time"
                                                     : std::generic_category().message(error);
-    reporter.json().print("durable",
-                          {{"node", address}, {"durable", error == 0}, {"reason", reason}},
+    reporter.json().print("durable", {{"node", address}, {"durable", error == 0}, {"text", reason}},
                           cli::Output::Kind::kResult);
     if (error != 0)
       reporter.say(fmt::format("{:<16}not durable: {}", address, reason),

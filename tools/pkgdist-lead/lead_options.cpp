@@ -2,33 +2,43 @@
 
 #include <fmt/core.h>
 
+#include <CLI/CLI.hpp>
 #include <cmath>
 #include <map>
+
+#include "node_list.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
 
 constexpr double kBitsPerMegabit = 1e6;
+// Files of this type are received although the node has them.
+constexpr uint32_t kTypeOfPresentFiles = 6;
+constexpr const char* kNodesHelp =
+    "NODE is an address, a host name, names with a range as in node[01-32], or @FILE or\n"
+    "@FILE:GROUP for the nodes that a file lists.";
 
-// "3", or "10.0.0.2,10.0.0.3".
-void parse_nodes(const std::string& text, LeadOptions& options) {
-  if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
-    options.node_count = text.size() <= 4 ? static_cast<uint32_t>(std::stoul(text)) : 0;
-    if (options.node_count == 0)
-      throw CLI::ValidationError(fmt::format("--nodes: not a number of nodes: '{}'", text));
-    return;
-  }
-  options.nodes = cli::parse_addresses(text);
+void set_nodes(LeadOptions& options, NodeList list) {
+  options.node_count = list.count;
+  options.nodes = std::move(list.addresses);
+  options.node_names = std::move(list.names);
 }
 
+// "500M", "2.5G", "800K" in bits per second; a number alone is in Mbit/s.
 uint64_t parse_rate(const std::string& text) {
   if (text == "auto") return 0;
-  double megabits = 0;
-  if (!CLI::detail::lexical_cast(text, megabits) || !std::isfinite(megabits) || megabits < 0.01 ||
-      megabits > 1e6)
-    throw CLI::ValidationError(fmt::format("not a rate in Mbit/s or 'auto': '{}'", text));
-  return static_cast<uint64_t>(megabits * kBitsPerMegabit);
+  static const std::map<char, double> kUnits{{'K', 1e3}, {'M', 1e6}, {'G', 1e9}};
+  constexpr double kLeast = 1e4, kMost = 1e12;  // bits per second
+  const auto unit = text.empty() ? kUnits.end() : kUnits.find(text.back());
+  const std::string number = unit == kUnits.end() ? text : text.substr(0, text.size() - 1);
+  double value = 0;
+  const bool numeric = CLI::detail::lexical_cast(number, value) && std::isfinite(value);
+  const double bits = value * (unit == kUnits.end() ? kBitsPerMegabit : unit->second);
+  if (!numeric || bits < kLeast || bits > kMost)
+    throw CLI::ValidationError(
+        fmt::format("not a rate like 500M or 2.5G, in Mbit/s, or 'auto': '{}'", text));
+  return static_cast<uint64_t>(bits);
 }
 
 void add_stream_options(CLI::App& command, LeadOptions& options) {
@@ -36,13 +46,15 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
   command
       .add_option_function<std::string>(
           "--rate", [o](const std::string& text) { o->rate_bits = parse_rate(text); },
-          "rate of the data stream, or 'auto': as fast as the nodes take it")
-      ->type_name("MBIT [auto]");
+          "rate of the data stream: 500M, 2.5G, a number for Mbit/s, or 'auto': as fast as the "
+          "nodes "
+          "take it")
+      ->type_name("RATE [auto]");
   command
       .add_option_function<std::string>(
           "--max-rate", [o](const std::string& text) { o->max_rate_bits = parse_rate(text); },
           "never send faster than this")
-      ->type_name("MBIT");
+      ->type_name("RATE");
   command
       .add_option("--timeout", options.timeout_seconds,
                   "how long to wait for absent or silent nodes, and a push for another lead to end")
@@ -67,20 +79,45 @@ CLI::Option* add_location(CLI::App& command, LeadOptions& options) {
       ->check(CLI::Range(1, 6));
 }
 
+// What of the content travels.
+void add_selection(CLI::App& push, LeadOptions& options) {
+  push.add_option("--exclude", options.filter.exclude,
+                  "leave out names that match this pattern of the shell, and what is in such "
+                  "directories (repeatable)")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+  push.add_option("--include", options.filter.include,
+                  "but not those that match this one (repeatable)")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+  push.add_option("--files-from", options.files_from,
+                  "also the paths in this file, one in a line; - for standard input")
+      ->type_name("FILE");
+  push.add_flag("--dry-run", options.dry_run, "send nothing, tell what would travel; -v names it");
+  push.add_flag("--quiet", options.quiet, "tell nothing but what went wrong");
+  push.add_option("PATH", options.paths, "files or directories below the location's root");
+}
+
 void add_push(CLI::App& app, LeadOptions& options) {
   LeadOptions* o = &options;
   CLI::App* push = app.add_subcommand("push", "bring files to every node");
   push->fallthrough();
+  push->footer(kNodesHelp);
   push->add_option_function<std::string>(
-          "--nodes", [o](const std::string& text) { parse_nodes(text, *o); },
-          "how many nodes to wait for, or which nodes")
+          "--nodes", [o](const std::string& text) { set_nodes(*o, parse_node_list(text)); },
+          "which nodes, or how many to wait for; whoever sends from another address counts as one "
+          "of a number")
       ->required()
-      ->type_name("N|ADDR[,ADDR...]");
+      ->type_name("N|NODE[,NODE...]");
   push->add_option("--name", options.push_name, "what the push is called in lists and by 'cancel'")
       ->type_name("NAME [its paths]");
-  push->add_option("--type", options.type, "file type")
-      ->type_name("1..11 [1]")
-      ->check(CLI::Range(1, 11));
+  CLI::Option* type = push->add_option("--type", options.type, "file type")
+                          ->type_name("1..11 [1]")
+                          ->check(CLI::Range(1, 11));
+  push->add_flag_callback(
+          "--force", [o] { o->type = kTypeOfPresentFiles; },
+          "send files that are present on the nodes, too; like --type 6")
+      ->excludes(type);
   push->add_option("--priority", options.priority, "1 is the most urgent")
       ->type_name("1..4 [2]")
       ->check(CLI::Range(1, 4));
@@ -110,8 +147,8 @@ void add_push(CLI::App& app, LeadOptions& options) {
                  "written through");
   push->add_flag("--strict", options.strict,
                  "push nothing when something of the tree cannot be sent, instead of the rest");
-  push->add_option("PATH", options.paths, "files or directories below the location's root")
-      ->required();
+  push->add_flag("--top", options.top, "show the push full screen (see the command top)");
+  add_selection(*push, options);
   add_stream_options(*push, options);
   push->callback([o] { o->command = Command::kPush; });
 }
@@ -139,14 +176,15 @@ void add_serve(CLI::App& app, LeadOptions& options) {
 void add_request_options(CLI::App& command, LeadOptions& options) {
   LeadOptions* o = &options;
   command.fallthrough();
+  command.footer(kNodesHelp);
   command
       .add_option_function<std::string>(
-          "--nodes", [o](const std::string& text) { o->nodes = cli::parse_addresses(text); },
+          "--nodes", [o](const std::string& text) { set_nodes(*o, parse_node_names(text)); },
           "only to these nodes")
-      ->type_name("ADDR[,ADDR...]");
+      ->type_name("NODE[,NODE...]");
   command
       .add_option("--timeout", options.answer_seconds,
-                  "how long to wait for the nodes' acknowledgements")
+                  "how long to wait for the next node's acknowledgement")
       ->type_name("SECONDS [10]")
       ->check(CLI::Range(0.1, 3600.0));
 }
@@ -211,6 +249,20 @@ void add_report(CLI::App& app, LeadOptions& options) {
   report->callback([o] { o->command = Command::kReport; });
 }
 
+void add_top(CLI::App& app, LeadOptions& options) {
+  LeadOptions* o = &options;
+  CLI::App* top = app.add_subcommand(
+      "top", "show a push full screen, from the events that it prints or has printed");
+  top->add_option("EVENTS", options.events_path,
+                  "what 'push --json' prints, also while it grows; - for standard input")
+      ->required();
+  top->add_option("--replay", options.replay_speed,
+                  "play the events back, so many times as fast as they came")
+      ->type_name("SPEED")
+      ->check(CLI::Range(0.01, 1000.0));
+  top->callback([o] { o->command = Command::kTop; });
+}
+
 }  // namespace
 
 uint32_t require_interface(const LeadOptions& options) {
@@ -232,6 +284,7 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_requests(app, options);
   add_lists(app, options);
   add_report(app, options);
+  add_top(app, options);
 }
 
 }  // namespace pkgdist::lead_program

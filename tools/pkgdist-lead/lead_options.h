@@ -8,10 +8,22 @@
 #include "cli_common.h"
 #include "message_runner.h"
 #include "pkgdist_lead/push.h"
+#include "push_selection.h"
 
 namespace pkgdist::lead_program {
 
-enum class Command { kPush, kServe, kMessage, kCancel, kDelete, kReport, kStatus, kNodes, kPushes };
+enum class Command {
+  kPush,
+  kServe,
+  kMessage,
+  kCancel,
+  kDelete,
+  kReport,
+  kTop,
+  kStatus,
+  kNodes,
+  kPushes
+};
 
 struct LeadOptions {
   cli::CommonOptions common;
@@ -27,17 +39,23 @@ struct LeadOptions {
   double durable_seconds = 60;  // how long nodes may take
   bool keep_directory_links = false;
   bool strict = false;  // no push of a tree of which something cannot be sent
+  bool top = false;     // full screen
   uint32_t ttl = 1;
   bool multi_homed = false;
 
   // push
-  std::string push_name;        // empty: made of the paths
-  uint32_t node_count = 0;      // with a number
-  std::vector<uint32_t> nodes;  // with a list
-  uint32_t location = 1;        // of delete, too
+  std::string push_name;                       // empty: made of the paths
+  uint32_t node_count = 0;                     // with a number
+  std::vector<uint32_t> nodes;                 // with a list
+  std::map<uint32_t, std::string> node_names;  // of those that it gives by name
+  uint32_t location = 1;                       // of delete, too
   uint32_t type = 1;
   uint32_t priority = 2;
   std::vector<std::string> paths;  // of delete, too
+  std::string files_from;          // a file with more of them, empty: none
+  NameFilter filter;
+  bool dry_run = false;
+  bool quiet = false;
 
   // serve
   bool standby = false;
@@ -52,9 +70,10 @@ struct LeadOptions {
   bool recursive = false;      // delete
   double answer_seconds = 10;  // of delete, too
 
-  // report
+  // report, top
   std::string events_path;  // "-": standard input
   std::string page_path;
+  double replay_speed = 0;  // 0: as the events stand
 };
 
 // The own address; throws when --interface was not given.

@@ -1,5 +1,7 @@
 // pkgdist-lead: brings files to the nodes of a cluster (push), answers their requests (serve), and
 // has a lead that runs send them messages and lists to cancel and to delete.
+#include <CLI/CLI.hpp>
+
 #include "commands.h"
 #include "push_page.h"
 
@@ -14,6 +16,7 @@ int main(int argc, char** argv) {
     if (options.command == Command::kServe) return lead_program::serve_command(options);
     if (options.command == Command::kReport)
       return lead_program::report_command(options.events_path, options.page_path);
+    if (options.command == Command::kTop) return lead_program::top_command(options);
     if (options.command == Command::kStatus || options.command == Command::kNodes ||
         options.command == Command::kPushes)
       return lead_program::list_command(options);

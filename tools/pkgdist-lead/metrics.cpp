@@ -21,6 +21,7 @@ namespace pkgdist::lead_program {
 namespace {
 
 constexpr lead::Time kPublishPeriod = lead::kSecond;
+constexpr double kBitsPerByte = 8;
 
 struct CounterText {
   uint64_t lead::Counters::*value;
@@ -112,7 +113,7 @@ class Metrics::Impl {
     for (size_t i = 0; i < counters_.size(); ++i)
       raise_to(*counters_[i], lead.counters().*kCounters[i].value);
     raise_to(send_errors_, send_errors);
-    rate_.Set(static_cast<double>(lead.rate_bits()));
+    rate_.Set(static_cast<double>(lead.rate_bits()) / kBitsPerByte);
     leading_.Set(lead.role() == lead::Role::kLeading ? 1 : 0);
     const lead::Lead::NodeCounts nodes = lead.node_counts();
     heard_.Set(static_cast<double>(nodes.heard));
@@ -220,7 +221,7 @@ class Metrics::Impl {
   std::vector<Counter*> counters_;  // as kCounters
   Counter& send_errors_ =
       counter("pkgdist_lead_send_errors_total", "Datagrams that the system refused to send.");
-  Gauge& rate_ = gauge("pkgdist_lead_rate_bits_per_second", "Present rate of the data stream.");
+  Gauge& rate_ = gauge("pkgdist_lead_rate_bytes_per_second", "Present rate of the data stream.");
   Gauge& leading_ = gauge("pkgdist_lead_leading", "1 while this lead leads, 0 while it listens.");
   Gauge& heard_ = gauge("pkgdist_lead_nodes_heard", "Nodes that were heard, silent ones included.");
   Gauge& silent_ = gauge("pkgdist_lead_nodes_silent", "Of these, nodes that have fallen silent.");

@@ -65,7 +65,7 @@ class NodePrograms {
   std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
   uint32_t push_location_ = 0;                                     // 0: before the first push
   std::unordered_set<uint32_t> without_location_;  // nodes that the push does not have yet
-  std::vector<lead::MessageId> told_;  // to nodes without the location
+  std::vector<lead::MessageId> told_;              // to nodes without the location
   lead::Time told_at_ = 0;
   std::map<uint32_t, Question> questions_;
   uint32_t next_question_ = 0;

@@ -1,19 +1,19 @@
-// What stands on a terminal while a push waits or runs: progress bars, one line per node and one
-// for the whole push, redrawn in place. No line is wider than the terminal.
+// What stands on a terminal while a push waits or runs, redrawn in place.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "push_meter.h"
+#include "push_bars.h"
 
 namespace pkgdist::lead_program {
 
 class ProgressBars {
  public:
-  // Draws over what was drawn before; `overall` is the last line. Nothing while the terminal has
-  // not taken what was drawn before.
-  void draw(const lead::PushReport& report, const PushMeter& meter, const std::string& overall);
+  ProgressBars();
+
+  // Draws over what was drawn before. Nothing while the terminal has not taken that.
+  void draw(const PushState& state);
   // The same with one line only.
   void draw_line(const std::string& line);
   // What takes the lines off the screen when it is written; the next draw() starts where the cursor
@@ -22,9 +22,13 @@ class ProgressBars {
   void erase();
 
  private:
-  void show(const std::vector<std::string>& lines);
+  void show(const std::vector<std::string>& lines, const Screen& screen);
 
-  size_t lines_ = 0;
+  std::vector<size_t> widths_;  // of the lines on the screen, in columns
+  bool utf8_ = false;
 };
+
+// The size of the terminal at this moment.
+Screen screen_of_terminal();
 
 }  // namespace pkgdist::lead_program

@@ -1,6 +1,6 @@
 #include <fmt/core.h>
 
-#include <algorithm>
+#include <CLI/Error.hpp>
 #include <filesystem>
 
 #include "commands.h"
@@ -9,7 +9,9 @@
 #include "metrics.h"
 #include "node_programs.h"
 #include "output.h"
+#include "push_description.h"
 #include "push_display.h"
+#include "push_preview.h"
 #include "push_run.h"
 #include "session.h"
 
@@ -20,23 +22,6 @@ namespace {
 int usage_error(const std::string& text) {
   cli::complain(text);
   return cli::kExitUsage;
-}
-
-// What of a tree cannot be sent: named one by one, on standard error and as events.
-constexpr size_t kMaxLeftOutLines = 50;
-
-void tell_left_out(const lead::FileTree& tree, const char* prefix) {
-  size_t lines = 0;
-  for (const auto& [name, reason] : tree.left_out)
-    if (lines++ < kMaxLeftOutLines) cli::complain(fmt::format("{}{}: {}", prefix, name, reason));
-  if (lines > kMaxLeftOutLines)
-    cli::complain(fmt::format("{}and {} more like these", prefix, lines - kMaxLeftOutLines));
-}
-
-void left_out_events(const lead::FileTree& tree, const Reporter& reporter) {
-  for (const auto& [name, reason] : tree.left_out)
-    reporter.json().print("left-out", {{"name", name}, {"reason", reason}},
-                          cli::Output::Kind::kResult);
 }
 
 // Why nothing of the tree is pushed, told; false when it is.
@@ -108,17 +93,19 @@ bool push_here(const LeadOptions& options, const lead::PushRequest& request, Rep
   lead::Lead& lead = session.lead();
   if (const char* problem = lead.start_push(request, lead::monotonic_now()))
     throw CLI::ValidationError(problem);
+  reporter.json().print("push-requested", push_description(options, request),
+                        cli::Output::Kind::kResult);
   (void)session.hears_leads(reporter);
   NodePrograms programs(lead, reporter);
   programs.push_begins(request.location);
   const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
   const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
   const Course course(lead, request.node_timeout);
-  const OwnPush push(lead);
+  OwnPush push(lead);
   PushView view(reporter);
   bool ran = false;
   {
-    Display display(reporter, view, options.common.json, request.node_timeout);
+    PushDisplay display(reporter, view, options, request.node_timeout);
     ran = session.run(
         [&](lead::Time now) {
           display.run(push, now);
@@ -137,18 +124,29 @@ bool push_here(const LeadOptions& options, const lead::PushRequest& request, Rep
                                   .counters = lead.counters(),
                                   .send_errors = session.transport().send_errors(),
                                   .interrupted = !ran,
-                                  .blocked_by = in_the_way});
+                                  .blocked_by = in_the_way,
+                                  .nodes_heard = lead.node_counts().heard});
   const bool durable =
       !options.durable || (ran && make_durable(options, session, programs, reporter));
   return complete && durable;
 }
 
+std::vector<std::string> paths_of(const LeadOptions& options) {
+  std::vector<std::string> paths = options.paths;
+  if (!options.files_from.empty())
+    for (std::string& name : names_from(options.files_from)) paths.push_back(std::move(name));
+  return paths;
+}
+
 // By which a push is listed: what was given, or its paths.
-std::string name_of(const LeadOptions& options) {
+std::string name_of(const LeadOptions& options, const std::vector<std::string>& paths) {
   constexpr size_t kMaxName = 100;
   if (!options.push_name.empty()) return options.push_name;
   std::string name;
-  for (const std::string& path : options.paths) name += (name.empty() ? "" : " ") + path;
+  for (const std::string& path : paths) {
+    if (name.size() > kMaxName) break;
+    name += (name.empty() ? "" : " ") + path;
+  }
   return name.substr(0, kMaxName);
 }
 
@@ -163,39 +161,37 @@ const char* setting_of_the_lead(const LeadOptions& options) {
                                       : nullptr;
 }
 
-// The content root of the push; empty when there is none.
-std::string root_of(const LeadOptions& options, const std::optional<ServingLead>& serving) {
-  const auto location = options.common.locations.find(options.location);
-  if (location != options.common.locations.end()) return location->second.path;
-  return serving ? serving->root(options.location) : std::string();
+// The options as the push has them: what the lead that serves was told at its start counts there.
+LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
+  cli::CommonOptions& common = options.common;
+  common.interface = lead.address();
+  common.ctrl_group = lead.group("ctrl_group");
+  common.data_group = lead.group("data_group");
+  if (const std::string root = lead.root(options.location);
+      common.locations.count(options.location) == 0 && !root.empty())
+    common.locations[options.location] = {.number = options.location, .path = root};
+  return options;
 }
 
-}  // namespace
-
-int push_command(const LeadOptions& options) {
-  if (options.control_path.empty()) (void)require_interface(options);
-  const std::optional<ServingLead> serving = find_serving_lead(options);
-  if (!serving) (void)require_interface(options);
-  const std::string root = root_of(options, serving);
-  if (root.empty())
-    return usage_error(
-        serving ? fmt::format("the lead that serves here has no location {}", options.location)
-                : fmt::format("--location {}=DIR is missing", options.location));
-  if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
-    return usage_error(
-        fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
-  lead::FileTree tree = lead::collect_files(root, options.paths);
+int push_tree(const LeadOptions& options, bool serving, const std::string& root) {
+  const std::vector<std::string> paths = paths_of(options);
+  if (paths.empty()) return usage_error("push: no PATH and no --files-from");
+  lead::FileTree tree = lead::collect_files(root, paths);
+  select(tree, options.filter);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
-  const lead::PushRequest request = push_request(options, tree);
 
   Reporter reporter(options.common.json, options.common.verbosity);
+  reporter.quiet = options.quiet;
+  reporter.names = options.node_names;
   tell_left_out(tree, "left out: ");
+  if (options.dry_run) return preview(options, tree, reporter);
+  const lead::PushRequest request = push_request(options, tree);
   left_out_events(tree, reporter);
   const bool complete =
       serving ? push_through(
                     options,
-                    {.name = name_of(options),
+                    {.name = name_of(options, paths),
                      .root = std::filesystem::absolute(root).string(),
                      .request = request,
                      .durable_seconds =
@@ -205,6 +201,24 @@ int push_command(const LeadOptions& options) {
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
   return complete && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+}
+
+}  // namespace
+
+int push_command(const LeadOptions& given) {
+  if (given.control_path.empty()) (void)require_interface(given);
+  const std::optional<ServingLead> serving = find_serving_lead(given);
+  if (!serving) (void)require_interface(given);
+  const LeadOptions options = serving ? with_settings_of(*serving, given) : given;
+  const auto location = options.common.locations.find(options.location);
+  if (location == options.common.locations.end())
+    return usage_error(
+        serving ? fmt::format("the lead that serves here has no location {}", options.location)
+                : fmt::format("--location {}=DIR is missing", options.location));
+  if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
+    return usage_error(
+        fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
+  return push_tree(options, serving.has_value(), location->second.path);
 }
 
 }  // namespace pkgdist::lead_program

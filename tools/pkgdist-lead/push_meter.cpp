@@ -28,7 +28,7 @@ bool waited_for(const lead::PushNodeReport& node) {
 }
 
 uint64_t unsent(const lead::PushNodeReport& node) {
-  return node.bytes_left > node.bytes_in_transfer ? node.bytes_left - node.bytes_in_transfer : 0;
+  return node.bytes_left > node.bytes_sent ? node.bytes_left - node.bytes_sent : 0;
 }
 
 }  // namespace

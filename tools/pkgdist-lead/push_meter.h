@@ -18,7 +18,7 @@ class PushMeter {
   // How the push stands at `now`; at any intervals.
   void update(const lead::PushReport& report, lead::Time now);
 
-  // Content that the node has been sent, in bytes per second; 0 before there is a measure.
+  // Content that has arrived on the node, in bytes per second; 0 before there is a measure.
   double rate(uint32_t address) const;
   // Seconds until the slowest node is done, nothing while that is not known. 0: everything was
   // sent, and nodes have to be helped with the rest.
@@ -27,8 +27,8 @@ class PushMeter {
  private:
   struct Sample {
     lead::Time first = 0, time = 0;
-    uint64_t received = 0;  // sent to the node
-    uint64_t passed = 0;    // that it needs no longer: received, present or failed
+    uint64_t received = 0;  // has arrived on the node
+    uint64_t passed = 0;    // that need not be sent any more: sent, present or failed
     // Of the growth of these, weighed by age, and of the time in which it happened.
     double received_sum = 0;
     double passed_sum = 0;

@@ -20,7 +20,9 @@ constexpr size_t kManyNodes = 100;
 constexpr auto kProgress = cli::Output::Kind::kProgress;
 
 double seconds(lead::Time from, lead::Time to) {
-  return static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond);
+  return cli::rounded(
+      static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond),
+      cli::kSecondDecimals);
 }
 
 size_t complete_nodes(const lead::PushReport& report) {
@@ -79,6 +81,12 @@ void PushQueue::stop(const Client& client, lead::Time now) {
     entry.stopped = true;
     if (entry.began_at != 0 && lead_.push_running()) lead_.stop_push(now);
   }
+}
+
+void PushQueue::stop_for(const Client& client, uint32_t node, lead::Time now) {
+  for (const Entry& entry : waiting_)
+    if (entry.client == client && entry.began_at != 0 && !entry.report)
+      (void)lead_.cancel_transaction(entry.transaction, lead::Audience::one(node), now);
 }
 
 std::optional<PushQueue::Cancelled> PushQueue::cancel(const std::string& which, lead::Time now) {
@@ -159,6 +167,7 @@ void PushQueue::say_end(Entry& entry, const lead::Counters& counted) {
                      {"blocked_by", entry.blocked_at != 0 ? lead_.other_lead() : 0},
                      {"report", encode_report(entry.report.value_or(lead::PushReport{}))},
                      {"counters", encode_counters(counted)},
+                     {"nodes_heard", lead_.node_counts().heard},
                      {"send_errors", send_errors_() - entry.send_errors_before}});
 }
 

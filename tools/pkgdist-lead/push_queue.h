@@ -32,6 +32,8 @@ class PushQueue {
   void add(QueuedPush push, Client client, lead::Time now);
   // The client wants no more of its push.
   void stop(const Client& client, lead::Time now);
+  // Or not for this node any longer.
+  void stop_for(const Client& client, uint32_t node, lead::Time now);
   void run(lead::Time now);
 
   // By name or number; of those with one name the first that has not ended. Nothing when there is

@@ -61,16 +61,30 @@ void tell_doctor(Reporter& reporter, const lead::PushReport& report,
   reporter.say("  " + command, cli::Output::Kind::kResult);
 }
 
+// Of a push to a list of nodes: who was heard beside them.
+void tell_others(Reporter& reporter, const PushEnd& end, const lead::PushRequest& request) {
+  if (!end.began || request.nodes.empty()) return;
+  const auto listed = static_cast<size_t>(
+      std::count_if(end.report.nodes.begin(), end.report.nodes.end(),
+                    [](const lead::PushNodeReport& node) { return node.heard; }));
+  if (end.nodes_heard <= listed) return;
+  const size_t others = end.nodes_heard - listed;
+  reporter.json().print("others-heard", {{"nodes", others}}, cli::Output::Kind::kResult);
+  reporter.say(fmt::format("{} other nodes were heard; the push was not for them", others));
+}
+
 }  // namespace
 
 bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter,
-              PushView& view, const PushEnd& end) {
+              PushView& view, PushEnd end) {
+  reporter.sort_by_name(end.report.nodes);
   if (end.blocked_by != 0)
     reporter.error(fmt::format("another lead, {}, leads", cli::format_address(end.blocked_by)));
   else if (end.began && !end.interrupted)
     tell_doctor(reporter, end.report, options.common);
   if (end.interrupted) view.interrupted(end.report);
-  view.summary(end.report, request, end.counters);
+  if (!options.quiet || !end.report.complete()) view.summary(end.report, request, end.counters);
+  tell_others(reporter, end, request);
   tell_counters(reporter, end);
   return end.report.complete();
 }

@@ -19,11 +19,12 @@ struct PushEnd {
   bool began = true;         // false: cancelled while it waited for others
   bool interrupted = false;  // by a signal to this process
   uint32_t blocked_by = 0;   // another lead that was in the way to the end
+  size_t nodes_heard = 0;    // by the lead, of the push or not
 };
 
 // Tells everything but what --durable says. True when every node has every file.
 bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter,
-              PushView& view, const PushEnd& end);
+              PushView& view, PushEnd end);
 
 // Pushes through the lead that serves at --control, and shows the same as a push of this process.
 // Nothing when no lead is there. Throws when the one that is there takes no push.
@@ -31,6 +32,9 @@ struct ServingLead {
   Json status;
   // The content root of a location there; empty: it has none.
   std::string root(uint32_t location) const;
+  uint32_t address() const;
+  // "ctrl_group" or "data_group".
+  cli::Endpoint group(const char* which) const;
 };
 std::optional<ServingLead> find_serving_lead(const LeadOptions& options);
 

@@ -14,6 +14,9 @@ namespace pkgdist::lead_program {
 namespace {
 
 using cli::format_address;
+using cli::kRatioDecimals;
+using cli::kSecondDecimals;
+using cli::rounded;
 using cli::status_text;
 using Kind = cli::Output::Kind;
 using Json = nlohmann::ordered_json;
@@ -24,14 +27,6 @@ constexpr size_t kMaxLines = 50;
 constexpr size_t kMaxProgressLines = 20;
 // Names of files in the summary's event; nodes tell how many there are in truth.
 constexpr size_t kMaxNames = 100'000;
-
-double seconds(lead::Time from, lead::Time to) {
-  return static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond);
-}
-
-double rounded(double value, double unit) {
-  return std::round(value / unit) * unit;
-}
 
 std::string percent(double share) {
   return fmt::format("{:.1f} %", share * 100);
@@ -47,16 +42,6 @@ const char* state_of(const lead::PushNodeReport& node) {
 std::string why_open(const lead::PushNodeReport& node) {
   if (!node.heard) return "the node was never heard";
   return node.silent ? "the node fell silent" : "not ended when the push was stopped";
-}
-
-size_t ended_nodes(const lead::PushReport& report) {
-  return static_cast<size_t>(
-      std::count_if(report.nodes.begin(), report.nodes.end(),
-                    [](const lead::PushNodeReport& node) { return node.files_left == 0; }));
-}
-
-uint64_t bytes_so_far(const lead::PushNodeReport& node) {
-  return node.bytes_done + node.bytes_in_transfer;
 }
 
 }  // namespace
@@ -80,57 +65,48 @@ void PushView::waiting(const lead::PushReport& report, const std::string& line,
   reporter_.json().print("waiting",
                          Json{{"nodes_absent", absent_nodes(report)},
                               {"nodes", report.expected_nodes},
-                              {"seconds_left", rounded(seconds_left, 0.1)}},
+                              {"seconds_left", rounded(seconds_left, 1)}},
                          Kind::kProgress);
   reporter_.say(line, Kind::kProgress);
 }
 
 // --- While it runs ---
 
-void PushView::node_events(const lead::PushReport& report, const PushMeter& meter,
-                           uint64_t rate_bits) {
-  for (const lead::PushNodeReport& node : report.nodes) {
-    const Told now{node.files_done, node.files_failed, bytes_so_far(node), node.repairs,
-                   node.silent};
+void PushView::node_events(const PushState& state) {
+  for (const NodeState& node : state.nodes) {
+    const Told now{node.files_done, node.files_failed, node.bytes, node.repairs,
+                   static_cast<uint64_t>(is_quiet(node)) + node.silent};
     const auto [told, first] = told_.try_emplace(node.address);
     if (!first && told->second == now) continue;
     told->second = now;
     reporter_.json().print("progress",
                            Json{{"node", format_address(node.address)},
                                 {"files", node.files_done},
-                                {"of_files", report.files},
+                                {"of_files", state.files},
                                 {"failed", node.files_failed},
-                                {"bytes", bytes_so_far(node)},
-                                {"of_bytes", report.bytes},
-                                {"goodput_bits", std::llround(meter.rate(node.address) * 8)},
+                                {"bytes", node.bytes},
+                                {"of_bytes", state.bytes},
+                                {"goodput_bits", std::llround(node.rate * 8)},
                                 {"repairs", node.repairs},
-                                {"repair_ratio", rounded(repair_ratio(node), 1e-6)},
-                                {"rate_bits", rate_bits}},
+                                {"repair_ratio", rounded(node.repair_ratio, kRatioDecimals)},
+                                {"seconds_since_heard",
+                                 node.heard ? Json(rounded(node.seconds_since_heard, 1)) : Json()},
+                                {"rate_bits", std::llround(state.rate_bits)}},
                            Kind::kProgress);
   }
 }
 
-std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
-                         const PushSource& lead, lead::Time now) {
-  const std::optional<double> left = meter.seconds_left(now);
-  return fmt::format("{} of {} nodes done, {}, {} repairs{}", ended_nodes(report),
-                     std::max(report.nodes.size(), report.expected_nodes),
-                     format_bits(static_cast<double>(lead.rate_bits())),
-                     percent(repair_share(lead.counters())),
-                     left ? fmt::format(", about {} left", format_duration(*left)) : "");
-}
-
-void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lead::Time now) {
+void PushView::lines(const PushState& state) {
   size_t count = 0;
-  for (const lead::PushNodeReport& node : report.nodes) {
-    if (node.finished_at != 0 || ++count > kMaxProgressLines) continue;
+  for (const NodeState* node : by_trouble(state)) {
+    if (node->ended || ++count > kMaxProgressLines) continue;
+    const std::string note = note_of(*node);
     reporter_.say(
-        fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({})",
-                    seconds(report.started_at, now), format_address(node.address), node.files_done,
-                    report.files, format_bytes(static_cast<double>(bytes_so_far(node))),
-                    format_bytes(static_cast<double>(report.bytes)),
-                    format_bytes(meter.rate(node.address)), node.repairs,
-                    percent(repair_ratio(node))),
+        fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({}){}",
+                    state.seconds, reporter_.label(node->address), node->files_done, state.files,
+                    format_bytes(static_cast<double>(node->bytes)),
+                    format_bytes(static_cast<double>(state.bytes)), format_bytes(node->rate),
+                    node->repairs, percent(node->repair_ratio), note.empty() ? "" : ", " + note),
         Kind::kProgress);
   }
   if (count > kMaxProgressLines)
@@ -138,27 +114,31 @@ void PushView::lines(const lead::PushReport& report, const PushMeter& meter, lea
                   Kind::kProgress);
 }
 
-void PushView::progress(const lead::PushReport& report, const PushMeter& meter,
-                        const PushSource& lead, lead::Time now) {
+void PushView::progress(const PushState& state) {
   if (!reporter_.json().enabled()) {
-    lines(report, meter, now);
-    return reporter_.say(fmt::format("{:6.1f} s  {}", seconds(report.started_at, now),
-                                     overall_line(report, meter, lead, now)),
+    lines(state);
+    return reporter_.say(fmt::format("{:6.1f} s  {}", state.seconds, overall_line(state)),
                          Kind::kProgress);
   }
-  node_events(report, meter, lead.rate_bits());
-  const std::optional<double> left = meter.seconds_left(now);
-  const auto silent = std::count_if(report.nodes.begin(), report.nodes.end(),
-                                    [](const auto& node) { return node.silent; });
-  reporter_.json().print("push-progress",
-                         Json{{"seconds", rounded(seconds(report.started_at, now), 1e-3)},
-                              {"nodes", std::max(report.nodes.size(), report.expected_nodes)},
-                              {"nodes_done", ended_nodes(report)},
-                              {"nodes_silent", silent},
-                              {"rate_bits", lead.rate_bits()},
-                              {"repair_share", rounded(repair_share(lead.counters()), 1e-6)},
-                              {"eta_seconds", left ? Json(rounded(*left, 0.1)) : Json()}},
-                         Kind::kProgress);
+  node_events(state);
+  const auto count = [&](auto&& which) {
+    return std::count_if(state.nodes.begin(), state.nodes.end(), which);
+  };
+  const std::optional<double> left = state.seconds_left;
+  reporter_.json().print(
+      "push-progress",
+      Json{{"seconds", rounded(state.seconds, kSecondDecimals)},
+           {"nodes", state.nodes_in_all},
+           {"nodes_done", state.nodes_done},
+           {"nodes_silent", count([](const NodeState& node) { return node.silent; })},
+           {"nodes_not_heard", count(is_quiet)},
+           {"rate_bits", std::llround(state.rate_bits)},
+           {"segments_sent", state.segments_sent},
+           {"repairs_sent", state.repairs_sent},
+           {"polls_sent", state.polls_sent},
+           {"repair_share", rounded(state.repair_share, kRatioDecimals)},
+           {"eta_seconds", left ? Json(rounded(*left, 1)) : Json()}},
+      Kind::kProgress);
 }
 
 // --- When it has ended ---
@@ -181,7 +161,7 @@ void PushView::interrupted(const lead::PushReport& report) {
   size_t lines = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
     if (node.files_left == 0 || ++lines > kMaxLines) continue;
-    result(fmt::format("{:<16}lacks {} of {} files, {}", format_address(node.address),
+    result(fmt::format("{:<16}lacks {} of {} files, {}", reporter_.label(node.address),
                        node.files_left, report.files,
                        format_bytes(static_cast<double>(node.bytes_left))));
   }
@@ -207,7 +187,7 @@ void PushView::table(const lead::PushReport& report) {
     const double duration = seconds_of(report, node);
     const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
     result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9.2f}{:>10.1f}{:>10}  {}",
-                       format_address(node.address), node_id_text(node.node_id), node.files_done,
+                       reporter_.label(node.address), node_id_text(node.node_id), node.files_done,
                        node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
                        duration, rate, node.repairs, state_of(node)));
   }
@@ -223,7 +203,7 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
     for (const size_t i : figures.slowest) {
       const lead::PushNodeReport& node = report.nodes[i];
       slowest += fmt::format("{}{} {:.2f} s, {} repairs ({})", slowest.empty() ? "" : "; ",
-                             format_address(node.address), seconds_of(report, node), node.repairs,
+                             reporter_.label(node.address), seconds_of(report, node), node.repairs,
                              percent(repair_ratio(node)));
     }
     result("slowest: " + slowest);
@@ -247,7 +227,7 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
     if (lines++ < kMaxLines)
-      result(fmt::format("{:<16}{:<40}  {}", format_address(node.address), name, why));
+      result(fmt::format("{:<16}{:<40}  {}", reporter_.label(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
     result(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),
@@ -281,9 +261,9 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
                      {"files", node.files_done},
                      {"present", node.files_skipped},
                      {"bytes", node.bytes_done},
-                     {"seconds", seconds_of(report, node)},
+                     {"seconds", rounded(seconds_of(report, node), kSecondDecimals)},
                      {"repairs", node.repairs},
-                     {"repair_ratio", rounded(repair_ratio(node), 1e-6)},
+                     {"repair_ratio", rounded(repair_ratio(node), kRatioDecimals)},
                      {"files_failed", node.files_failed},
                      {"files_left", node.files_left},
                      {"bytes_left", node.bytes_left},
@@ -296,14 +276,14 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
   Json event{{"complete", report.complete()},
              {"files", report.files},
              {"bytes", report.bytes},
-             {"seconds", figures.seconds},
+             {"seconds", rounded(figures.seconds, kSecondDecimals)},
              {"expected_nodes", report.expected_nodes}};
   if (done.nodes != 0)
     event["completion"] = {{"nodes", done.nodes},
-                           {"p50", done.p50},
-                           {"p90", done.p90},
-                           {"p99", done.p99},
-                           {"max", done.max}};
+                           {"p50", rounded(done.p50, kSecondDecimals)},
+                           {"p90", rounded(done.p90, kSecondDecimals)},
+                           {"p99", rounded(done.p99, kSecondDecimals)},
+                           {"max", rounded(done.max, kSecondDecimals)}};
   event.update(Json{{"slowest", slowest},
                     {"repairs", figures.repairs},
                     {"repairs_sent", figures.repairs_sent},
@@ -312,7 +292,7 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
                     {"wire_bytes", figures.wire_bytes},
                     {"goodput_bits", std::llround(figures.goodput_bits)}});
   if (figures.wire_per_content)
-    event["wire_per_content"] = rounded(*figures.wire_per_content, 1e-6);
+    event["wire_per_content"] = rounded(*figures.wire_per_content, kRatioDecimals);
   event["nodes"] = std::move(nodes);
   reporter_.json().print("push-finished", event, Kind::kResult);
 }

@@ -5,8 +5,7 @@
 #include <array>
 
 #include "push_figures.h"
-#include "push_meter.h"
-#include "push_source.h"
+#include "push_state.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -18,16 +17,15 @@ class PushView {
   // A push that has not begun waits for nodes.
   void waiting(const lead::PushReport& report, const std::string& line, double seconds_left);
   // How the push stands, as events or as lines for a log.
-  void progress(const lead::PushReport& report, const PushMeter& meter, const PushSource& lead,
-                lead::Time now);
+  void progress(const PushState& state);
   // The owner gave the push up before its end.
   void interrupted(const lead::PushReport& report);
   void summary(const lead::PushReport& report, const lead::PushRequest& request,
                const lead::Counters& counters);
 
  private:
-  void node_events(const lead::PushReport& report, const PushMeter& meter, uint64_t rate_bits);
-  void lines(const lead::PushReport& report, const PushMeter& meter, lead::Time now);
+  void node_events(const PushState& state);
+  void lines(const PushState& state);
   void summary_event(const lead::PushReport& report, const lead::PushRequest& request,
                      const PushFigures& figures);
   void result(const std::string& line);
@@ -46,9 +44,5 @@ size_t absent_nodes(const lead::PushReport& report);
 
 // What a push waits for that has not begun, in one line.
 std::string waiting_line(const lead::PushReport& report, double seconds_left);
-
-// How the whole push stands, in one line.
-std::string overall_line(const lead::PushReport& report, const PushMeter& meter,
-                         const PushSource& lead, lead::Time now);
 
 }  // namespace pkgdist::lead_program

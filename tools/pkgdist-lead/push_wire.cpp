@@ -14,8 +14,8 @@ constexpr size_t kNamesPerLine = 2000;
 // Files by number in a report; the summary has no more names either.
 constexpr size_t kMaxFiles = 100'000;
 
-// 12 bytes of addresses and flags with their padding, and eleven numbers.
-constexpr size_t kNodeReportBytes = 16 + 11 * sizeof(uint64_t) +
+// 12 bytes of addresses and flags with their padding, and thirteen numbers.
+constexpr size_t kNodeReportBytes = 16 + 13 * sizeof(uint64_t) +
                                     sizeof(lead::PushNodeReport::failed) +
                                     sizeof(lead::PushNodeReport::open);
 
@@ -49,9 +49,11 @@ void visit_numbers(Node& node, Visit&& visit) {
   visit(node.bytes_skipped);
   visit(node.bytes_left);
   visit(node.bytes_in_transfer);
+  visit(node.bytes_sent);
   visit(node.segments);
   visit(node.repairs);
   visit(node.finished_at);
+  visit(node.last_heard);
 }
 
 template <class Report, class Visit>

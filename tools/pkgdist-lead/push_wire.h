@@ -4,7 +4,8 @@
 //
 //   push     {"command":"push",...}, then {"files":[[NAME,SIZE],...]} and
 //   {"directories":[NAME,...]}
-//            as often as needed, then {"start":true}; later perhaps {"stop":true}
+//            as often as needed, then {"start":true}; later perhaps {"stop":true},
+//            or {"stop_for":NODE} to end it for one node
 //   answers  {"event":"queued",...}, {"event":"begins"}, {"event":"state",...} again and again,
 //            what happens meanwhile ("node", "file", ...), {"event":"ended",...}
 //

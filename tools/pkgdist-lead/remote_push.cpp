@@ -8,6 +8,7 @@
 #include "lead_events.h"
 #include "line_connection.h"
 #include "pkgdist_lead/udp_transport.h"
+#include "push_description.h"
 #include "push_display.h"
 #include "push_run.h"
 #include "stop_signals.h"
@@ -22,17 +23,23 @@ constexpr double kStopPatienceSeconds = 1.2;
 
 class RemotePush : public PushSource {
  public:
-  RemotePush(cli::LineConnection connection, QueuedPush push, Reporter& reporter)
-      : connection_(std::move(connection)), push_(std::move(push)), reporter_(reporter) {}
+  // `description` is told when the lead has taken the push.
+  RemotePush(cli::LineConnection connection, QueuedPush push, Json description, Reporter& reporter)
+      : connection_(std::move(connection)),
+        push_(std::move(push)),
+        description_(std::move(description)),
+        reporter_(reporter) {}
 
   // Shows the push until it has ended in the lead.
-  PushEnd run(Display& display);
+  PushEnd run(PushDisplay& display);
   // What --durable says; nothing when nobody was asked.
   std::optional<Durability::Outcomes> durable();
 
+  uint32_t push_transaction() const override { return transaction_; }
   lead::PushReport push_progress() const override { return report_; }
   uint64_t rate_bits() const override { return rate_bits_; }
   const lead::Counters& counters() const override { return counters_; }
+  void stop_for(uint32_t node, lead::Time) override { connection_.send({{"stop_for", node}}); }
 
  private:
   std::optional<Json> wait(double seconds);
@@ -41,7 +48,9 @@ class RemotePush : public PushSource {
 
   cli::LineConnection connection_;
   const QueuedPush push_;
+  const Json description_;
   Reporter& reporter_;
+  uint32_t transaction_ = 0;
   lead::PushReport report_;
   lead::Counters counters_;
   uint64_t rate_bits_ = 0;
@@ -71,6 +80,7 @@ void RemotePush::note_end(const Json& line) {
   end_.counters = decode_counters(line.at("counters"));
   end_.send_errors = line.at("send_errors").get<uint64_t>();
   end_.blocked_by = line.at("blocked_by").get<uint32_t>();
+  end_.nodes_heard = line.at("nodes_heard").get<size_t>();
   end_.interrupted = asked_to_stop_;
   end_.began = line.at("began").get<bool>();
   if (!end_.began) reporter_.say("the push had not begun");
@@ -92,7 +102,10 @@ bool RemotePush::take(const Json& line) {
     rate_bits_ = line.at("rate_bits").get<uint64_t>();
   } else if (event == "queued") {
     taken_ = true;
+    reporter_.json().print("push-requested", description_, cli::Output::Kind::kResult);
     reporter_.push_queued(line.at("number"), line.at("before"));
+  } else if (event == "begins") {
+    transaction_ = line.at("transaction").get<uint32_t>();
   } else if (event == "location-missing") {
     reporter_.location_missing(line.at("node"), line.at("location"));
   } else {
@@ -101,7 +114,7 @@ bool RemotePush::take(const Json& line) {
   return false;
 }
 
-PushEnd RemotePush::run(Display& display) {
+PushEnd RemotePush::run(PushDisplay& display) {
   for (const Json& line : encode_push(push_)) connection_.send(line);
   for (;;) {
     const double period =
@@ -139,6 +152,14 @@ std::string ServingLead::root(uint32_t location) const {
   return {};
 }
 
+uint32_t ServingLead::address() const {
+  return cli::parse_address(status.at("address").get<std::string>());
+}
+
+cli::Endpoint ServingLead::group(const char* which) const {
+  return cli::parse_group(status.at(which).get<std::string>());
+}
+
 std::optional<ServingLead> find_serving_lead(const LeadOptions& options) {
   auto socket = cli::connect_to(control_path(options), !options.control_path.empty());
   if (!socket) return std::nullopt;
@@ -161,11 +182,12 @@ bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporte
   if (!socket) throw std::runtime_error("the lead that served here has ended");
   const lead::PushRequest request = push.request;
   const bool asks_for_disks = push.durable_seconds.has_value();
-  RemotePush remote(cli::LineConnection(std::move(*socket), "lead"), std::move(push), reporter);
+  RemotePush remote(cli::LineConnection(std::move(*socket), "lead"), std::move(push),
+                    push_description(options, request), reporter);
   PushView view(reporter);
   PushEnd end;
   {
-    Display display(reporter, view, options.common.json, request.node_timeout);
+    PushDisplay display(reporter, view, options, request.node_timeout);
     end = remote.run(display);
   }
   const bool complete = tell_end(options, request, reporter, view, end);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "cli_common.h"
 #include "printable.h"
@@ -53,8 +54,21 @@ std::string format_bytes(double bytes) {
   return fmt::format("{:.{}f} {}", bytes, unit[0] == 'B' ? 0 : bytes < 10 ? 2 : 1, unit);
 }
 
+std::string Reporter::label(uint32_t address) const {
+  const auto found = names.find(address);
+  return found == names.end() ? format_address(address) : found->second;
+}
+
+// Numbers in names and addresses by their value: node9 before node10.
+void Reporter::sort_by_name(std::vector<lead::PushNodeReport>& nodes) const {
+  std::stable_sort(nodes.begin(), nodes.end(), [this](const auto& a, const auto& b) {
+    return ::strverscmp(label(a.address).c_str(), label(b.address).c_str()) < 0;
+  });
+}
+
 void Reporter::say(const std::string& line, cli::Output::Kind kind) {
-  if (json_.enabled()) return;
+  if (json_.enabled() || (quiet && kind != cli::Output::Kind::kResult)) return;
+  if (takes_line) return takes_line(line);
   const std::string before = before_line ? before_line() : "";
   cli::standard_output().write(before + cli::printable(line) + '\n', kind);
 }
@@ -72,8 +86,8 @@ void Reporter::node_event(const char* event, const char* text, const lead::NodeI
                           {"node_id", node_id_text(node.node_id)},
                           {"pid", node.pid},
                           {"card_class", node.card_class}});
-  say(fmt::format("node {} ({}, process {}) {}", format_address(node.address),
-                  node_id_text(node.node_id), node.pid, text));
+  say(fmt::format("node {} ({}, process {}) {}", label(node.address), node_id_text(node.node_id),
+                  node.pid, text));
 }
 
 void Reporter::node_appeared(const lead::NodeInfo& node) {
@@ -120,9 +134,9 @@ void Reporter::file_ended(const lead::NodeInfo& node, const std::string& name, u
                            {"text", status_text(status)},
                            {"skipped", skipped}});
   if (status != 0)
-    say(fmt::format("{}: {} failed: {}", format_address(node.address), name, status_text(status)));
+    say(fmt::format("{}: {} failed: {}", label(node.address), name, status_text(status)));
   else if (verbosity_ > 0)
-    say(fmt::format("{}: {} {}", format_address(node.address), name,
+    say(fmt::format("{}: {} {}", label(node.address), name,
                     skipped ? "present already" : "received"));
 }
 
@@ -183,7 +197,7 @@ void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
   json_.print("message-outcome", Json{{"id", id},
                                       {"node", format_address(node.address)},
                                       {"acknowledged", good},
-                                      {"reason", delivery_text(delivery)}});
+                                      {"text", delivery_text(delivery)}});
   if (!good || verbosity_ > 0)
     say(fmt::format("message {}: {}: {}", id, format_address(node.address),
                     delivery_text(delivery)));
@@ -233,15 +247,14 @@ void Reporter::node_introduced(const lead::NodeInfo& node, const cli::Introducti
                                       {"version", introduction.version},
                                       {"locations", locations_of(introduction)}});
   if (verbosity_ > 0)
-    say(fmt::format("node {} is {}, version {}, {}", format_address(node.address),
-                    introduction.host, introduction.version, text));
+    say(fmt::format("node {} is {}, version {}, {}", label(node.address), introduction.host,
+                    introduction.version, text));
 }
 
 void Reporter::location_missing(uint32_t node, uint32_t location) {
   json_.print("location-missing", Json{{"node", format_address(node)}, {"location", location}},
               cli::Output::Kind::kResult);
-  say(fmt::format("node {} has no location {}", format_address(node), location),
-      cli::Output::Kind::kResult);
+  say(fmt::format("node {} has no location {}", label(node), location), cli::Output::Kind::kResult);
 }
 
 // --- Other leads ---
@@ -282,13 +295,18 @@ void Reporter::interface_changed(const cli::InterfaceChange& change) {
   json_.print("interface", Json{{"address", format_address(change.address)},
                                 {"interface", change.now.name},
                                 {"state", change.state()}});
-  cli::complain(change.text());
+  complain(change.text());
+}
+
+void Reporter::complain(const std::string& text) {
+  if (takes_line) return takes_line(text);
+  if (before_line) clear_progress();
+  cli::complain(text);
 }
 
 void Reporter::error(const std::string& text) {
   json_.print("error", Json{{"text", text}});
-  if (before_line) clear_progress();
-  cli::complain(text);
+  complain(text);
 }
 
 }  // namespace pkgdist::lead_program

@@ -2,13 +2,16 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "control_protocol.h"
 #include "introduction.h"
 #include "json_events.h"
 #include "network_interface.h"
 #include "pkgdist_lead/events.h"
+#include "pkgdist_lead/push.h"
 
 namespace pkgdist::lead_program {
 
@@ -16,10 +19,20 @@ class Reporter : public lead::Events {
  public:
   Reporter(bool json, int verbosity) : json_(json), verbosity_(verbosity) {}
 
+  // Tells people results alone.
+  bool quiet = false;
+  // What nodes are called, by address. Scripts are told addresses.
+  std::map<uint32_t, std::string> names;
+  // The name of a node; its address when it has none.
+  std::string label(uint32_t address) const;
+  void sort_by_name(std::vector<lead::PushNodeReport>& nodes) const;
+
   // A line for people, on standard output; nothing with JSON.
   void say(const std::string& line, cli::Output::Kind kind = cli::Output::Kind::kEvent);
   // What takes a progress display out of the way of a line; null without one.
   std::function<std::string()> before_line;
+  // Takes every line instead, also of errors, while somebody else has the terminal.
+  std::function<void(const std::string&)> takes_line;
 
   void node_appeared(const lead::NodeInfo& node) override;
   void node_restarted(const lead::NodeInfo& node) override;
@@ -64,6 +77,7 @@ class Reporter : public lead::Events {
 
  private:
   void clear_progress();
+  void complain(const std::string& text);
   void node_event(const char* event, const char* text, const lead::NodeInfo& node);
   void message_outcome(const lead::NodeInfo& node, lead::MessageId id, lead::Delivery delivery);
 

@@ -2,6 +2,7 @@
 // it, and exits by that.
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
 #include <charconv>
 #include <stdexcept>
 
@@ -69,10 +70,10 @@ class Table {
     const Json names = outcome.value("names", Json::array());
     if (!outcome.value("acknowledged", false) && names.empty())
       line(outcome.value("cancelled", true) ? "not acknowledged" : "not cancelled", node,
-           outcome.value("reason", ""));
+           outcome.value("text", ""));
     for (const Json& name : names)
       line("not deleted", node,
-           fmt::format("{}: {}", name.value("name", ""), name.value("outcome", "")));
+           fmt::format("{}: {}", name.value("name", ""), name.value("text", "")));
   }
 
  private:

@@ -49,7 +49,8 @@ lead::Settings lead_settings(const LeadOptions& options) {
 }  // namespace
 
 Session::Session(const LeadOptions& options, Reporter& reporter, lead::Events& events)
-    : interface_(options.common.interface),
+    : reporter_(reporter),
+      interface_(options.common.interface),
       transport_(udp_settings(options)),
       lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, events)) {
   for (const auto& [number, location] : options.common.locations)
@@ -83,6 +84,16 @@ void Session::follow_interface(Reporter& reporter) {
     reporter.error(fmt::format("the interface cannot be used: {}", std::strerror(errno)));
 }
 
+// Each reason once. Those of an interface that is down or gone are told with it.
+void Session::tell_send_error() {
+  const int error = transport_.last_send_error();
+  if (error == 0 || error == ENETDOWN || error == ENETUNREACH || error == ENODEV ||
+      error == EADDRNOTAVAIL || !told_errors_.insert(error).second)
+    return;
+  reporter_.error(fmt::format("sendmmsg: {}: datagrams are not sent{}", std::strerror(error),
+                              error == EPERM ? "; a packet filter of this host drops them" : ""));
+}
+
 bool Session::hears_leads(Reporter& reporter) const {
   if (transport_.hears_group()) return true;
   reporter.error("warning: other leads cannot be heard: another user has the control group");
@@ -97,6 +108,7 @@ bool Session::run(const std::function<bool(lead::Time now)>& done, lead::Time ti
     transport_.flush();
     if (done(now)) return true;
     transport_.flush();
+    tell_send_error();
     if (transport_.wait(std::min(lead_->next_deadline(now), now + tick), poller_.fd()))
       poller_.dispatch();
     if (stopped_) return false;

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 
 #include "lead_options.h"
 #include "network_interface.h"
@@ -33,13 +34,16 @@ class Session {
 
  private:
   void follow_interface(Reporter& reporter);
+  void tell_send_error();
 
+  Reporter& reporter_;
   cli::Poller poller_;
   bool stopped_ = false;
   cli::InterfaceWatch interface_;  // before the sockets: nothing is missed
   lead::DirectoryStore store_;
   lead::UdpTransport transport_;
   std::unique_ptr<lead::Lead> lead_;
+  std::set<int> told_errors_;  // why datagrams were not sent, as far as that was told
 };
 
 // Throws std::runtime_error that names the process which has the ports already.

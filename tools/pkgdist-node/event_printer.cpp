@@ -6,8 +6,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "last_error.h"
 #include "pkgdist/statistics.h"
-#include "status_text.h"
 #include "stop_signals.h"
 
 namespace pkgdist::node_program {
@@ -16,6 +16,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using Kind = cli::Output::Kind;
+
+constexpr size_t kMaxRefused = 65'536;  // names that are remembered; of more nothing is said
 
 EventPrinter& printer(void* ctx) {
   return *static_cast<EventPrinter*>(ctx);
@@ -27,11 +29,10 @@ void on_lead_change(uint32_t lead, uint32_t pid, bool failover, void* ctx) {
 void on_start(uint64_t, const char* const* paths, uint32_t count, uint32_t, uint32_t location,
               uint32_t xact_id, void* ctx) {
   for (uint32_t i = 0; i < count; ++i) printer(ctx).partial_files().note_listed(location, paths[i]);
-  printer(ctx).transaction_started(xact_id, location, count);
+  printer(ctx).transaction_started(xact_id, location, paths, count);
 }
 void on_file(uint64_t status, const char* path, uint32_t, uint32_t location, uint32_t xact_id,
              void* ctx) {
-  printer(ctx).partial_files().on_ended(location, path, status);
   printer(ctx).file_ended(status, path, location, xact_id);
 }
 void on_done(uint64_t status, uint32_t xact_id, void* ctx) {
@@ -100,6 +101,7 @@ void EventPrinter::attach(Node& node) {
   node.on_interface = [this](const cli::InterfaceChange& change) { interface_changed(change); };
   node.on_trouble = [this](const std::string& text) { error(text); };
   partial_files_ = &node.partial_files();
+  storage_trouble_ = &node.storage_trouble();
   require(instcomm_pkgdist_ctrl_register_lead_change(loop, on_lead_change, this),
           "registering for lead changes");
   require(instcomm_pkgdist_data_file_xact_start_hdlr_attach(loop, on_start, this),
@@ -137,25 +139,52 @@ void EventPrinter::lead_changed(uint32_t lead, uint32_t pid, bool failover) {
   if (lead_talk_ != nullptr) lead_talk_->introduce();
 }
 
-void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location, uint32_t count) {
+void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location,
+                                       const char* const* paths, uint32_t count) {
   json_.print("transaction-start",
               Json{{"transaction", xact_id}, {"location", location}, {"files", count}});
   say(fmt::format("transaction {}: {} files for location {}", xact_id, count, location));
   if (lead_talk_ != nullptr) lead_talk_->transaction_started(xact_id);
+  tell_refusals(xact_id, location, paths, count);
+}
+
+void EventPrinter::tell_refusals(uint32_t xact_id, uint32_t location, const char* const* paths,
+                                 uint32_t count) {
+  uint32_t refused = 0;
+  std::string first;
+  for (uint32_t i = 0; i < count; ++i) {
+    const std::string why = storage_trouble_->refusal(location, paths[i]);
+    // Lists come again and again while a lead waits for what is in them.
+    if (why.empty() || refused_.size() >= kMaxRefused ||
+        !refused_.emplace(location, paths[i]).second)
+      continue;
+    if (refused++ == 0) first = fmt::format("{}: {}", paths[i], why);
+  }
+  if (refused == 0) return;
+  error(fmt::format("transaction {}: {} of {} files are not received, such as {}", xact_id, refused,
+                    count, first));
 }
 
 void EventPrinter::file_ended(uint64_t status, const char* path, uint32_t location,
                               uint32_t xact_id) {
+  // Before the partial file goes and makes room.
+  const std::string text = storage_trouble_->text(location, path, status);
+  partial_files_->on_ended(location, path, status);
+  file_told(status, text, path, location, xact_id);
+}
+
+void EventPrinter::file_told(uint64_t status, const std::string& text, const std::string& name,
+                             uint32_t location, uint32_t xact_id) {
   Transaction& transaction = transactions_[xact_id];
   ++transaction.files;
   if (status != 0) ++transaction.failed;
   json_.print("file", Json{{"transaction", xact_id},
                            {"location", location},
-                           {"path", path},
+                           {"name", name},
                            {"status", status},
-                           {"outcome", cli::status_text(status)}});
+                           {"text", text}});
   if (status != 0 || verbosity_ > 0)
-    say(fmt::format("transaction {}: {}: {}", xact_id, path, cli::status_text(status)));
+    say(fmt::format("transaction {}: {}: {}", xact_id, name, text));
 }
 
 void EventPrinter::transaction_done(uint64_t status, uint32_t xact_id) {
@@ -188,10 +217,9 @@ void EventPrinter::location_unset(uint32_t location) {
                   location, location));
 }
 
-void EventPrinter::message_outcome(uint64_t status) {
-  const std::string outcome = status == 0 ? "acknowledged" : cli::status_text(status);
-  json_.print("message-outcome", Json{{"status", status}, {"outcome", outcome}});
-  say(fmt::format("message: {}", outcome));
+void EventPrinter::message_outcome(uint64_t status, const std::string& text) {
+  json_.print("message-outcome", Json{{"status", status}, {"text", text}});
+  say(fmt::format("message: {}", text));
 }
 
 void EventPrinter::interface_changed(const cli::InterfaceChange& change) {

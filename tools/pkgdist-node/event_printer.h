@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "json_events.h"
 #include "lead_talk.h"
@@ -27,15 +29,20 @@ class EventPrinter {
   // What the node listens on, as whom, and where its locations are.
   void listening(const NodeOptions& options);
   void lead_changed(uint32_t lead, uint32_t pid, bool failover);
-  void transaction_started(uint32_t xact_id, uint32_t location, uint32_t count);
+  // Names that the library does not take are told: the lead hears only that they are not wanted.
+  void transaction_started(uint32_t xact_id, uint32_t location, const char* const* paths,
+                           uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
+  // The same, of a file that another process has received.
+  void file_told(uint64_t status, const std::string& text, const std::string& name,
+                 uint32_t location, uint32_t xact_id);
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
   // The lead has asked this program something.
   void question(const char* what);
   // The lead pushes to a location that is not set here.
   void location_unset(uint32_t location);
-  void message_outcome(uint64_t status);
+  void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
   // From any thread.
   void error(const std::string& text);
@@ -56,13 +63,16 @@ class EventPrinter {
     uint32_t failed = 0;
   };
   void say(const std::string& line) const;
+  void tell_refusals(uint32_t xact_id, uint32_t location, const char* const* paths, uint32_t count);
 
   PartialFiles* partial_files_ = nullptr;
   LeadTalk* lead_talk_ = nullptr;
+  const StorageTrouble* storage_trouble_ = nullptr;
   cli::JsonEvents json_;
   int verbosity_;
   bool lead_is_known_ = false;
   uint32_t lead_ = 0;
+  std::set<std::pair<uint32_t, std::string>> refused_;  // location and name of what was told
   std::map<uint32_t, Transaction> transactions_;
 };
 

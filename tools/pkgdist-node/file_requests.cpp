@@ -20,10 +20,8 @@ Wanted wanted_of(const NodeOptions& options) {
   return {options.paths, options.location, options.type, options.priority};
 }
 
-FileRequests::FileRequests(Wanted wanted, PartialFiles& partial_files, levm_handle_t loop,
-                           Ended ended)
+FileRequests::FileRequests(Wanted wanted, levm_handle_t loop, Ended ended)
     : wanted_(std::move(wanted)),
-      partial_files_(partial_files),
       loop_(loop),
       on_ended_(std::move(ended)),
       count_(wanted_.paths.size()) {
@@ -36,7 +34,6 @@ void FileRequests::on_file(uint64_t status, const char* path, uint32_t, uint32_t
   --self.waiting_;
   ++self.ended_;
   if (status != 0) ++self.failed_;
-  self.partial_files_.on_ended(location, path, status);
   self.on_ended_(status, path, location, transaction);
 }
 

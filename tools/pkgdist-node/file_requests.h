@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "node_options.h"
-#include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 
 namespace pkgdist::node_program {
@@ -30,7 +29,7 @@ class FileRequests {
   using Ended = std::function<void(uint64_t status, const char* path, uint32_t location,
                                    uint32_t transaction)>;
 
-  FileRequests(Wanted wanted, PartialFiles& partial_files, levm_handle_t loop, Ended ended);
+  FileRequests(Wanted wanted, levm_handle_t loop, Ended ended);
   FileRequests(const FileRequests&) = delete;
   FileRequests& operator=(const FileRequests&) = delete;
 
@@ -47,7 +46,6 @@ class FileRequests {
   void request(const std::string& path);
 
   const Wanted wanted_;
-  PartialFiles& partial_files_;
   const levm_handle_t loop_;
   const Ended on_ended_;
   std::map<size_t, std::vector<std::string>> turns_;  // by number of suffixes

@@ -1,6 +1,8 @@
 // get: asks the lead for files, waits for all of them, and exits by the outcome.
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
+
 #include "commands.h"
 #include "event_printer.h"
 #include "file_requests.h"
@@ -27,7 +29,7 @@ int get_here(const NodeOptions& options) {
         fmt::format("--to {}: give --location {}=DIR too", options.location, options.location));
   EventPrinter printer(options);
   Node node(options);
-  FileRequests files(wanted_of(options), node.partial_files(), node.loop(),
+  FileRequests files(wanted_of(options), node.loop(),
                      [&](uint64_t status, const char* path, uint32_t location, uint32_t xact_id) {
                        printer.file_ended(status, path, location, xact_id);
                      });

@@ -5,7 +5,9 @@
 #include <optional>
 #include <stdexcept>
 
+#include "pkgdist/status.h"
 #include "process_object.h"
+#include "status_text.h"
 #include "trace_reader.h"
 
 namespace pkgdist::node_program {
@@ -35,6 +37,17 @@ std::string last_error() {
     // Another platform library may keep no trace, or one without texts.
   }
   return reason;
+}
+
+std::string status_with_error(uint64_t status) {
+  const std::string text = cli::status_text(status);
+  if (status != PKGDIST_ERR_SYSTEM && status != PKGDIST_ERR_SEND) return text;
+  const std::string reason = last_error();
+  return reason.empty() ? text : text + ": " + reason;
+}
+
+std::string message_text(uint64_t status) {
+  return status == 0 ? "acknowledged" : status_with_error(status);
 }
 
 }  // namespace pkgdist::node_program

@@ -1,6 +1,8 @@
 // pkgdist-node: receives what the lead pushes (run), asks it for files (get), sends it a message
 // (send), or tells how the running node stands (status); or prints packet filter rules for its host
 // (firewall).
+#include <CLI/CLI.hpp>
+
 #include "commands.h"
 
 int main(int argc, char** argv) {

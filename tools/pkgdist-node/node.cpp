@@ -64,7 +64,8 @@ nodeid_handle_t make_identity(const NodeOptions& options) {
 void require(PkgdistStatus status, const char* what) {
   if (status == 0) return;
   // The status of failed system calls does not say which; the library's trace does.
-  const std::string reason = status == PKGDIST_ERR_SYSTEM ? last_error() : "";
+  const bool unnamed = status == PKGDIST_ERR_SYSTEM || status == PKGDIST_ERR_SEND;
+  const std::string reason = unnamed ? last_error() : "";
   throw std::runtime_error(
       fmt::format("{}: {}", what, reason.empty() ? cli::status_text(status) : reason));
 }
@@ -111,6 +112,7 @@ void Node::set_location(const cli::Location& location) {
     flush_service_.add_location(location.number, path);
     partial_files_.add_location(location.number, path);
   }
+  storage_trouble_.add_location(location.number, path, location.memory);
   require(instcomm_pkgdist_set_recv_repository(path.c_str(), location.number, location.memory),
           fmt::format("setting location {} to '{}'", location.number, path).c_str());
 }

@@ -14,6 +14,7 @@
 #include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
 #include "poller.h"
+#include "storage_trouble.h"
 
 namespace pkgdist::node_program {
 
@@ -57,6 +58,7 @@ class Node {
 
   FlushService& flush_service() { return flush_service_; }
   PartialFiles& partial_files() { return partial_files_; }
+  const StorageTrouble& storage_trouble() const { return storage_trouble_; }
 
   // Called from the event loop when the interface of the node's address goes down, away or comes
   // back.
@@ -86,6 +88,7 @@ class Node {
   unsigned joined_ = 0;  // number of the interface on which the groups were joined last
   FlushService flush_service_;
   PartialFiles partial_files_;
+  StorageTrouble storage_trouble_;
 };
 
 }  // namespace pkgdist::node_program

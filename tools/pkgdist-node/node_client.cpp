@@ -48,9 +48,9 @@ int get_through(cli::LineConnection& node, const NodeOptions& options) {
   while (const auto line = next(node)) {
     if (line->value("event", "") == "file") {
       ++ended;
-      printer.file_ended(line->at("status"),
-                         cli::decode_base64_text(line->at("path").get<std::string>()).c_str(),
-                         line->at("location"), line->at("transaction"));
+      printer.file_told(line->at("status"), line->at("text"),
+                        cli::decode_base64_text(line->at("path").get<std::string>()),
+                        line->at("location"), line->at("transaction"));
       continue;
     }
     const auto left = line->at("left").get<size_t>();
@@ -78,7 +78,7 @@ int send_through(cli::LineConnection& node, const NodeOptions& options,
     return cli::kExitFailure;
   }
   const auto status = line->at("status").get<uint64_t>();
-  printer.message_outcome(status);
+  printer.message_outcome(status, line->at("text"));
   return status == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 

@@ -19,7 +19,7 @@ struct NodeOptions {
   std::string control_path;         // of the control socket; empty: see running_node.h
   uint32_t node_id[3] = {0, 0, 0};  // the last three octets of the address unless given
   bool node_id_given = false;
-  uint32_t card_class = 3;  // takes everything but what is meant for one of the special classes
+  uint32_t card_class = PKGDIST_DEFAULT_CARD_CLASS;
 
   uint32_t umask = 022;  // permission bits that nothing gets which this process makes
   bool allow_setuid = false;

@@ -1,4 +1,6 @@
 // run: receives what the lead pushes, and hands its messages to a command, until told to stop.
+#include <CLI/Error.hpp>
+
 #include "commands.h"
 #include "event_printer.h"
 #include "node.h"

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "base64.h"
+#include "last_error.h"
 
 namespace pkgdist::node_program {
 
@@ -71,14 +72,19 @@ class RunningNode::GetJob : public Job {
  public:
   GetJob(Client client, const Json& request, const NodeOptions& options, Node& node)
       : Job(std::move(client)),
-        files_(wanted(request, options), node.partial_files(), node.loop(),
-               [this](uint64_t status, const char* path, uint32_t location, uint32_t number) {
-                 client_->say({{"event", "file"},
-                               {"path", cli::encode_base64(std::string_view(path))},
-                               {"location", location},
-                               {"transaction", number},
-                               {"status", status}});
-               }),
+        files_(
+            wanted(request, options), node.loop(),
+            [this, &node](uint64_t status, const char* path, uint32_t location, uint32_t number) {
+              // Before the partial file goes and makes room.
+              const std::string text = node.storage_trouble().text(location, path, status);
+              node.partial_files().on_ended(location, path, status);
+              client_->say({{"event", "file"},
+                            {"path", cli::encode_base64(std::string_view(path))},
+                            {"location", location},
+                            {"transaction", number},
+                            {"status", status},
+                            {"text", text}});
+            }),
         silence_(timeout_of(request), heard_about_files) {}
 
   void run(bool lead_is_known) override {
@@ -139,7 +145,10 @@ class RunningNode::SendJob : public Job {
     self.end(status, false);
   }
   void end(uint64_t status, bool silent) {
-    client_->finish({{"event", "done"}, {"status", status}, {"silent", silent}});
+    client_->finish({{"event", "done"},
+                     {"status", status},
+                     {"text", message_text(status)},
+                     {"silent", silent}});
   }
 
   const levm_handle_t loop_;

@@ -1,10 +1,10 @@
 // The node that runs on this host: takes commands over its control socket, and how `get`, `send`
 // and `status` reach it. One line of JSON asks, lines answer:
 //   {"command":"get","paths":[BASE64,...],"location":1,"type":1,"priority":2,"timeout":60}
-//     {"event":"file","path":BASE64,"location":1,"transaction":7,"status":0}, ...
+//     {"event":"file","path":BASE64,"location":1,"transaction":7,"status":0,"text":...}, ...
 //     {"event":"done","left":0,"failed":0,"silent":false}
 //   {"command":"send","class":2,"data":BASE64,"timeout":60}
-//     {"event":"done","status":0,"silent":false}
+//     {"event":"done","status":0,"text":"acknowledged","silent":false}
 //   {"command":"status"}
 //     {"event":"status",...}
 // "silent": nothing was heard for the time-out. Without a node, the commands start one of their

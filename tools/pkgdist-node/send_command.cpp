@@ -1,10 +1,12 @@
 // send: sends the lead one message and exits by its outcome.
 #include <fmt/core.h>
 
+#include <CLI/Error.hpp>
 #include <optional>
 
 #include "commands.h"
 #include "event_printer.h"
+#include "last_error.h"
 #include "node.h"
 #include "running_node.h"
 
@@ -35,7 +37,7 @@ int send_command(const NodeOptions& options) {
     printer.gave_up("the lead has not acknowledged the message", options.timeout_seconds);
     return cli::kExitFailure;
   }
-  printer.message_outcome(*outcome);
+  printer.message_outcome(*outcome, message_text(*outcome));
   return *outcome == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 

@@ -5,25 +5,23 @@
 #include <fmt/core.h>
 #include <prometheus/collectable.h>
 #include <prometheus/exposer.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <optional>
 
 #include "cli_common.h"
 #include "json_events.h"
 #include "platform/ship_layout.h"
-#include "printable.h"
 #include "process_object.h"
 #include "sample.h"
 #include "stat_json.h"
 #include "stat_prometheus.h"
 #include "stat_text.h"
 #include "stop_signals.h"
+#include "view.h"
 
 namespace pkgdist::stat {
 
@@ -40,16 +38,19 @@ PROCESS is a number or the name of a program. Without it, the only process that 
 when there are several; so with a name.
 
 What is shown
+  health        five lines: kernel drops, queue, disk, loss, time-outs, with the numbers behind each
   UDP sockets   of a running process of yours: bytes that wait to be read, datagrams that the kernel
                 dropped because the process did not take them in time
   counters      since the process started
   histograms    times, in buckets of ten times the length each; bars are relative to the largest
   watermarks    the value now, the highest one so far and when it was reached
+On a terminal --watch fits the screen: health, then what moves, fastest first.
 The statistics of a process that was killed stay in /dev/shm until --clean removes them.
 
 Examples
   pkgdist-stat pkgdist-node --nonzero      what a node has counted
-  pkgdist-stat 4711 --watch 2              rates, every two seconds
+  pkgdist-stat 4711 --watch 2              every two seconds, on a terminal what moves first
+  pkgdist-stat --all --table               every process, one line each
   pkgdist-stat --all --prometheus > /var/lib/node_exporter/pkgdist.prom
   pkgdist-stat --listen 127.0.0.1:9471     the same over HTTP, for whatever runs at that moment
   pkgdist-stat --clean                     removes what dead processes left
@@ -60,10 +61,11 @@ argument is wrong.
 
 struct Options {
   std::string process;
+  ViewOptions view;
   bool all = false;
-  bool nonzero = false;
   bool json = false;
   bool prometheus = false;
+  bool table = false;
   bool clean = false;
   std::optional<double> watch_seconds;
   uint32_t rounds = 0;  // 0: without end
@@ -131,81 +133,6 @@ std::vector<tools::FoundObject> choose(const Options& options, std::vector<Stati
   return {chosen[static_cast<size_t>(one)]};
 }
 
-// Shows samples once or again and again.
-class View {
- public:
-  explicit View(const Options& options) : options_(options), events_(options.json) {}
-
-  // Whether anything could be read.
-  bool show(const std::vector<tools::FoundObject>& chosen) {
-    std::vector<Sample> samples;
-    for (const tools::FoundObject& found : chosen) {
-      try {
-        samples.push_back(take_sample(found));
-      } catch (const tools::BadObject& bad) {
-        cli::complain(bad.what());
-      }
-    }
-    if (options_.prometheus)
-      print(prometheus_text(samples));
-    else if (options_.json)
-      print_events(samples);
-    else
-      print_text(samples);
-    for (Sample& sample : samples) {
-      const pid_t pid = sample.statistics.pid;
-      earlier_.insert_or_assign(pid, std::move(sample));
-    }
-    return !samples.empty() && samples.size() == chosen.size();
-  }
-
- private:
-  // Of the same process: an orderly end and a new start may give the same number.
-  const Sample* earlier_of(const Sample& sample) const {
-    const auto found = earlier_.find(sample.statistics.pid);
-    if (found == earlier_.end()) return nullptr;
-    const bool same = found->second.statistics.created_ns == sample.statistics.created_ns;
-    return same ? &found->second : nullptr;
-  }
-
-  void print_events(const std::vector<Sample>& samples) const {
-    for (const Sample& sample : samples)
-      events_.print("statistics", json_of(sample, earlier_of(sample), options_.nonzero),
-                    Kind::kResult);
-  }
-
-  void print_text(const std::vector<Sample>& samples) const {
-    std::vector<std::string> lines;
-    for (const Sample& sample : samples) {
-      if (!lines.empty()) lines.emplace_back();
-      for (std::string& line : text_of(sample, earlier_of(sample), {options_.nonzero}))
-        lines.push_back(std::move(line));
-    }
-    const bool in_place = options_.watch_seconds && isatty(STDOUT_FILENO) != 0;
-    if (in_place) cut_to_screen(lines);
-    std::string text = in_place ? "\x1b[H" : "";
-    for (const std::string& line : lines)
-      text += cli::printable(line) + (in_place ? "\x1b[K\n" : "\n");
-    if (in_place) text += "\x1b[J";
-    if (options_.watch_seconds && !in_place) text += "\n";
-    print(std::move(text));
-  }
-
-  static void cut_to_screen(std::vector<std::string>& lines) {
-    winsize screen{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &screen) != 0 || screen.ws_row < 3) return;
-    const size_t room = screen.ws_row - size_t{2};  // one for the cursor, one for the hint
-    if (lines.size() <= room) return;
-    const size_t hidden = lines.size() - room;
-    lines.resize(room);
-    lines.push_back(fmt::format("... {} more lines; --nonzero leaves out what is unused", hidden));
-  }
-
-  const Options& options_;
-  cli::JsonEvents events_;
-  std::map<pid_t, Sample> earlier_;
-};
-
 // What a scrape finds: the chosen processes of that moment. The exposer's threads call it.
 class Scrape : public prometheus::Collectable {
  public:
@@ -264,8 +191,8 @@ void print_list(const Options& options, const std::vector<Statistics>& listing) 
 }
 
 int watch(const Options& options, const std::vector<tools::FoundObject>& chosen) {
-  View view(options);
-  if (isatty(STDOUT_FILENO) != 0 && !options.json) print("\x1b[H\x1b[2J");
+  View view(options.view);
+  if (view.in_place()) print("\x1b[H\x1b[2J");
   for (uint32_t round = 1;; ++round) {
     if (!view.show(chosen)) return cli::kExitFailure;
     // Rounds that nobody reads are not taken.
@@ -286,20 +213,29 @@ int run(const Options& options) {
     return cli::kExitOk;
   }
   if (options.watch_seconds) return watch(options, chosen);
-  return View(options).show(chosen) ? cli::kExitOk : cli::kExitFailure;
+  return View(options.view).show(chosen) ? cli::kExitOk : cli::kExitFailure;
 }
 
-void check(const Options& options) {
-  const int ways = options.json + options.prometheus + options.clean + options.listen.has_value();
+void check(Options& options) {
+  const int ways = options.json + options.prometheus + options.table + options.clean +
+                   options.listen.has_value();
   if (ways > 1)
-    throw CLI::ValidationError("--json, --prometheus, --listen and --clean exclude each other");
-  if (options.watch_seconds && ways > 0 && !options.json)
-    throw CLI::ValidationError("--watch goes with text and --json only");
+    throw CLI::ValidationError(
+        "--table, --json, --prometheus, --listen and --clean exclude each other");
+  if (options.watch_seconds && ways > 0 && !options.json && !options.table)
+    throw CLI::ValidationError("--watch goes with text, --table and --json only");
+  if (options.view.changed && !options.watch_seconds)
+    throw CLI::ValidationError("--changed needs --watch");
   if (options.watch_seconds &&
       !(*options.watch_seconds >= kFastest && *options.watch_seconds <= kSlowest))
     throw CLI::ValidationError("--watch: not from 0.05 to 86400 seconds");
   if (options.rounds > 0 && !options.watch_seconds)
     throw CLI::ValidationError("--rounds needs --watch");
+  options.view.watch = options.watch_seconds.has_value();
+  options.view.format = options.json         ? Format::kJson
+                        : options.prometheus ? Format::kPrometheus
+                        : options.table      ? Format::kTable
+                                             : Format::kText;
 }
 
 void add_options(CLI::App& app, Options& options) {
@@ -307,7 +243,10 @@ void add_options(CLI::App& app, Options& options) {
   app.set_version_flag("--version", cli::version());
   app.add_option("PROCESS", options.process, "whose statistics")->type_name("PID|NAME");
   app.add_flag("--all", options.all, "every process, of PROCESS when it is a name");
-  app.add_flag("--nonzero", options.nonzero, "leave out entries that were never used");
+  app.add_flag("--nonzero", options.view.nonzero, "leave out entries that were never used");
+  app.add_flag("--changed", options.view.changed,
+               "with --watch: leave out entries that are as they were");
+  app.add_flag("--table", options.table, "one line per process: what its health is told from");
   app.add_option("--watch", options.watch_seconds,
                  "show again every SECONDS (1), with what was added and the rate")
       ->type_name("[SECONDS]")

@@ -23,6 +23,12 @@ const Entry* earlier_entry(const Sample* earlier, const Table& table, size_t ind
   return nullptr;
 }
 
+bool is_wanted(const Entry& entry, const Entry* before, bool nonzero, bool changed) {
+  if (!changed || before == nullptr) return !((nonzero || changed) && entry.unused());
+  return entry.count != before->count || entry.buckets != before->buckets ||
+         entry.current != before->current || entry.mark != before->mark;
+}
+
 const UdpSocket* earlier_socket(const Sample* earlier, const UdpSocket& socket) {
   if (earlier == nullptr || !earlier->sockets) return nullptr;
   const auto found = std::find_if(earlier->sockets->begin(), earlier->sockets->end(),

@@ -1,11 +1,18 @@
 #include "stat_json.h"
 
+#include "health.h"
+#include "json_events.h"
+
 namespace pkgdist::stat {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 constexpr double kNsPerSecond = 1e9;
+
+double in_seconds(uint64_t ns) {
+  return cli::rounded(static_cast<double>(ns) / kNsPerSecond, cli::kSecondDecimals);
+}
 
 Json entry_json(Kind kind, const Entry& entry, const Entry* before) {
   Json json = {{"label", entry.label}};
@@ -19,9 +26,8 @@ Json entry_json(Kind kind, const Entry& entry, const Entry* before) {
   } else {
     json["current"] = entry.current;
     json["mark"] = entry.mark;
-    json["mark_time"] = entry.mark_realtime_ns == 0
-                            ? Json()
-                            : Json(static_cast<double>(entry.mark_realtime_ns) / kNsPerSecond);
+    json["mark_time"] =
+        entry.mark_realtime_ns == 0 ? Json() : Json(in_seconds(entry.mark_realtime_ns));
   }
   return json;
 }
@@ -43,28 +49,36 @@ Json sockets_json(const Sample& sample, const Sample* earlier) {
   return list;
 }
 
+Json health_json(const Sample& sample, const Sample* earlier) {
+  Json list = Json::array();
+  for (const Health& one : health_of(sample, earlier))
+    list.push_back(
+        {{"subject", one.subject}, {"level", health_level_name(one.level)}, {"text", one.text}});
+  return list;
+}
+
 }  // namespace
 
 Json process_json(const Statistics& statistics) {
   return {{"pid", statistics.pid},
           {"process", statistics.process},
           {"running", statistics.running},
-          {"since", static_cast<double>(statistics.created_ns) / kNsPerSecond}};
+          {"since", in_seconds(statistics.created_ns)}};
 }
 
-Json json_of(const Sample& sample, const Sample* earlier, bool nonzero) {
+Json json_of(const Sample& sample, const Sample* earlier, const TextOptions& options) {
   Json json = process_json(sample.statistics);
-  if (earlier != nullptr)
-    json["seconds"] =
-        static_cast<double>(sample.monotonic_ns - earlier->monotonic_ns) / kNsPerSecond;
+  if (earlier != nullptr) json["seconds"] = in_seconds(sample.monotonic_ns - earlier->monotonic_ns);
+  json["health"] = health_json(sample, earlier);
   json["sockets"] = sockets_json(sample, earlier);
   json["tables"] = Json::array();
   for (const Table& table : sample.statistics.tables) {
     Json entries = Json::array();
-    for (size_t i = 0; i < table.entries.size(); ++i)
-      if (!nonzero || !table.entries[i].unused())
-        entries.push_back(
-            entry_json(table.kind, table.entries[i], earlier_entry(earlier, table, i)));
+    for (size_t i = 0; i < table.entries.size(); ++i) {
+      const Entry* before = earlier_entry(earlier, table, i);
+      if (is_wanted(table.entries[i], before, options.nonzero, options.changed))
+        entries.push_back(entry_json(table.kind, table.entries[i], before));
+    }
     json["tables"].push_back({{"application", table.application},
                               {"table", table.name},
                               {"kind", kind_name(table.kind)},

@@ -17,6 +17,9 @@ inline constexpr size_t kBuckets = 8;
 inline constexpr std::array<uint64_t, kBuckets - 1> kBucketEndsNs = {
     10'000, 100'000, 1'000'000, 10'000'000, 100'000'000, 1'000'000'000, 10'000'000'000};
 
+inline constexpr std::array<const char*, kBuckets> kBucketNames = {
+    "< 10 us", "< 100 us", "< 1 ms", "< 10 ms", "< 100 ms", "< 1 s", "< 10 s", ">= 10 s"};
+
 enum class Kind { kCounters, kHistograms, kWatermarks };
 
 struct Entry {

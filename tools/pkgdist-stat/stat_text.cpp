@@ -4,14 +4,14 @@
 
 #include <algorithm>
 
+#include "health.h"
+
 namespace pkgdist::stat {
 
 namespace {
 
 constexpr uint64_t kBarWidth = 40;
 constexpr double kNsPerSecond = 1e9;
-constexpr const char* kBucketNames[kBuckets] = {"< 10 us",  "< 100 us", "< 1 ms", "< 10 ms",
-                                                "< 100 ms", "< 1 s",    "< 10 s", ">= 10 s"};
 
 // "  +12  (4.0/s)"; nothing when nothing was added.
 std::string change(uint64_t now, uint64_t before, double seconds) {
@@ -38,6 +38,7 @@ class Text {
     const Statistics& statistics = sample_.statistics;
     line("{}, process {}, {}, counts since {}", statistics.process, statistics.pid,
          statistics.running ? "running" : "has ended", tools::local_time(statistics.created_ns));
+    for (const std::string& text : health_lines(sample_, earlier_)) lines_.push_back(text);
     add_sockets();
     for (const Table& table : statistics.tables) add_table(table);
     return std::move(lines_);
@@ -64,13 +65,13 @@ class Text {
   }
 
   void add_table(const Table& table) {
-    const auto unused = [](const Entry& entry) { return entry.unused(); };
-    if (options_.nonzero && std::all_of(table.entries.begin(), table.entries.end(), unused)) return;
-    line("{} {}", table.application, table.name);
+    bool begun = false;
     for (size_t i = 0; i < table.entries.size(); ++i) {
       const Entry& entry = table.entries[i];
-      if (options_.nonzero && entry.unused()) continue;
       const Entry* before = earlier_entry(earlier_, table, i);
+      if (!is_wanted(entry, before, options_.nonzero, options_.changed)) continue;
+      if (!begun) line("{} {}", table.application, table.name);
+      begun = true;
       if (table.kind == Kind::kCounters) add_counter(entry, before);
       if (table.kind == Kind::kHistograms) add_histogram(entry, before);
       if (table.kind == Kind::kWatermarks) add_watermark(entry);
@@ -115,6 +116,21 @@ class Text {
 std::vector<std::string> text_of(const Sample& sample, const Sample* earlier,
                                  const TextOptions& options) {
   return Text(sample, earlier, options).lines();
+}
+
+std::vector<std::string> table_of(const std::vector<Sample>& samples) {
+  std::vector<std::string> lines = {fmt::format("{:>8}  {:<15} {:>8} {:>8} {:>8} {:>7} {:>8}  {}",
+                                                "process", "name", "dropped", "queue", "disk err",
+                                                "loss", "given up", "health")};
+  for (const Sample& sample : samples) {
+    const HealthFigures figures = health_figures(sample);
+    const std::string drops = figures.sockets_known ? std::to_string(figures.drops) : "?";
+    lines.push_back(fmt::format("{:>8}  {:<15} {:>8} {:>8} {:>8} {:>5.1f} % {:>8}  {}",
+                                sample.statistics.pid, sample.statistics.process, drops,
+                                figures.queue_most, figures.disk_errors, figures.loss_percent,
+                                figures.given_up, health_level_name(figures.worst)));
+  }
+  return lines;
 }
 
 std::vector<std::string> list_of(const std::vector<Statistics>& all) {

@@ -3,13 +3,16 @@
 // The file holds all that is needed to read it, so that a crash can be looked at on another machine
 // and with another version of this program. The process does not notice.
 #include <fmt/core.h>
+#include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <ctime>
 
 #include "cli_common.h"
 #include "json_events.h"
 #include "printable.h"
+#include "process_name.h"
 #include "process_object.h"
 #include "selection.h"
 #include "stop_signals.h"
@@ -24,9 +27,11 @@ constexpr int kPatience = 10;           // looks that a record may take to be fi
 constexpr double kNsPerSecond = 1e9;
 
 constexpr const char* kFooter = R"(
-SOURCE is a process number or a file, by default the trace of the only process that runs. Traces are
+SOURCE is the number or name of a process, or a file; by default the only process that runs. Traces are
 /dev/shm/pkgdist-trace.PID (or in PKGDIST_TRACE_DIR). They stay when a process is killed, and may be copied and
 read elsewhere. A trace keeps the youngest records: 40000 errors and 80000 others.
+
+Identifiers are printed as the lead prints them. Behind a status that is not 0 stands what it means.
 
 A line: time, thread, level, place in the source, function, text. [cut]: text or numbers did not fit.
 Levels: error; warning, which a process with verbosity 1 also prints on standard error; info.
@@ -35,7 +40,7 @@ TIME is 30s, 5m, 2h or 1d before now, 12:30 or 12:30:15.5 of today, 2026-11-20 1
 @1795195628.5 in seconds since the epoch.
 
 Examples
-  pkgdist-trace 4711 --level warning          errors and warnings
+  pkgdist-trace pkgdist-node --level warning  errors and warnings
   pkgdist-trace --follow                      as it happens, until interrupted or the process ends
   pkgdist-trace 4711 --file 'pkgdist_data_*' --since 5m
   pkgdist-trace /tmp/pkgdist-trace.4711 --last 50 --json
@@ -70,34 +75,45 @@ bool runs(const TraceReader& reader) {
                            reader.created_ns());
 }
 
-// The only one that runs, or the only one; otherwise an error that lists them.
-std::string default_source() {
+// Of the processes of this name, or of all when it is empty: the only one that runs, or the only
+// one. Nothing when there is none; an error that lists them when there are several.
+std::optional<std::string> trace_of(const std::string& name) {
   std::vector<std::string> all, running;
   std::string list;
   for (const auto& found :
        tools::find_objects(tools::trace_directory(), QTRACE_LAYOUT_FILE_PREFIX)) {
+    const std::string process = tools::process_name(found.pid);
+    if (!name.empty() && process != name) continue;
     try {
       const TraceReader reader(found.path);
       const bool is_running = runs(reader);
       all.push_back(found.path);
       if (is_running) running.push_back(found.path);
-      list +=
-          fmt::format("{}{} ({} since {})", list.empty() ? " " : ", ", found.pid,
-                      is_running ? "running" : "ended,", tools::local_time(reader.created_ns()));
+      list += fmt::format("{}{} ({}{}{} since {})", list.empty() ? " " : ", ", found.pid, process,
+                          process.empty() ? "" : ", ", is_running ? "running" : "ended,",
+                          tools::local_time(reader.created_ns()));
     } catch (const tools::BadObject& bad) {
       cli::complain(bad.what());
     }
   }
   if (running.size() == 1) return running.front();
   if (all.size() == 1) return all.front();
-  if (all.empty()) throw std::runtime_error("there is no trace in " + tools::trace_directory());
+  if (all.empty()) return {};
   throw std::runtime_error("several processes have traces, name one:" + list);
 }
 
+// A name is that of a process when one has it, otherwise that of a file.
 std::string path_of(const std::string& source) {
-  if (source.empty()) return default_source();
-  const bool number = source.find_first_not_of("0123456789") == std::string::npos;
-  return number ? tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX + source : source;
+  const bool number =
+      !source.empty() && source.find_first_not_of("0123456789") == std::string::npos;
+  if (number) return tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX + source;
+  if (source.find('/') != std::string::npos) return source;
+  const std::optional<std::string> found = trace_of(source);
+  if (found) return *found;
+  if (source.empty()) throw std::runtime_error("there is no trace in " + tools::trace_directory());
+  if (::access(source.c_str(), F_OK) == 0) return source;
+  throw std::runtime_error(
+      fmt::format("no process '{}' has a trace, and there is no such file", source));
 }
 
 class Printer {
@@ -126,18 +142,19 @@ class Printer {
     const std::string file = cli::printable(point->file);
     const std::string function = cli::printable(point->function);
     if (options_.json) {
-      events_.print("record",
-                    {{"time", static_cast<double>(record.realtime_ns) / kNsPerSecond},
-                     {"pid", reader_.pid()},
-                     {"thread", record.thread},
-                     {"ring", reader_.rings()[record.ring].name},
-                     {"number", record.number},
-                     {"level", level},
-                     {"file", file},
-                     {"line", point->line},
-                     {"function", function},
-                     {"text", text}},
-                    Kind::kResult);
+      events_.print(
+          "record",
+          {{"time", cli::rounded(static_cast<double>(record.realtime_ns) / kNsPerSecond, 6)},
+           {"pid", reader_.pid()},
+           {"thread", record.thread},
+           {"ring", reader_.rings()[record.ring].name},
+           {"number", record.number},
+           {"level", level},
+           {"file", file},
+           {"line", point->line},
+           {"function", function},
+           {"text", text}},
+          Kind::kResult);
       return;
     }
     cli::standard_output().line(
@@ -219,7 +236,7 @@ void add_options(CLI::App& app, Options& options) {
   Selection& selection = options.selection;
   app.footer(kFooter);
   app.set_version_flag("--version", cli::version());
-  app.add_option("SOURCE", options.source, "whose trace")->type_name("PID|FILE");
+  app.add_option("SOURCE", options.source, "whose trace")->type_name("PID|NAME|FILE");
   app.add_flag("--follow", options.follow, "go on with what comes");
   app.add_option("--last", options.last, "only the last N of those that are selected")
       ->type_name("N");

@@ -1,9 +1,12 @@
 // Puts the arguments of a record into the format of its point. The format is never handed to printf
 // as it stands: each directive is taken apart, and its argument is what the record says it is.
+#include <strings.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 
+#include "pkgdist/status.h"
 #include "printable.h"
 #include "trace_reader.h"
 
@@ -56,6 +59,25 @@ long long as_signed(const Argument& argument) {
                               : static_cast<long long>(argument.value);
 }
 
+bool ends_like(const std::string& text, const char* word) {
+  const size_t size = std::strlen(word);
+  return text.size() >= size && ::strcasecmp(text.c_str() + text.size() - size, word) == 0;
+}
+
+// Whether the number behind this text is an identifier of the lead: those have 32 bits without a
+// sign, and the statements print them with one.
+bool names_identifier(const std::string& before) {
+  for (const char* word : {" id ", " id '", "sequence "})
+    if (ends_like(before, word)) return true;
+  return false;
+}
+
+// A status in words, behind its number; nothing for success.
+std::string status_words(const std::string& before, const Argument& argument) {
+  if (!ends_like(before, "status ") || argument.type != 'D' || argument.value == 0) return "";
+  return std::string(" (") + pkgdist_status_str(argument.value) + ")";
+}
+
 std::string fill_in(const Directive& directive, const Argument& argument) {
   const std::string& flags = directive.flags;
   if (!is_sane(flags)) return kMismatch;
@@ -91,18 +113,25 @@ std::string fill_in(const Directive& directive, const Argument& argument) {
 std::string render(const Point& point, const Record& record) {
   const std::string& format = point.format;
   std::string text;
+  std::string before;  // what the format has since its last directive
   size_t next = 0;
   for (size_t at = 0; at < format.size();) {
     const char c = format[at++];
     if (c != '%') {
       text += c;
+      before += c;
     } else if (at < format.size() && format[at] == '%') {
       text += '%';
       ++at;
     } else {
-      const Directive directive = take_directive(format, at);
-      text += next < record.arguments.size() ? fill_in(directive, record.arguments[next])
-                                             : std::string(kMismatch);
+      Directive directive = take_directive(format, at);
+      if (directive.conversion == 'd' && names_identifier(before)) directive.conversion = 'u';
+      if (next < record.arguments.size())
+        text += fill_in(directive, record.arguments[next]) +
+                status_words(before, record.arguments[next]);
+      else
+        text += kMismatch;
+      before.clear();
       ++next;
     }
   }

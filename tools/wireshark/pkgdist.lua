@@ -6,8 +6,16 @@
 -- Display filters: pkgdist.<structure>.<field>, for example
 --   pkgdist.ctrl.msg_id == 5            negative acknowledgements
 --   pkgdist.segment.repair == 1         segments that were sent again
+--   pkgdist.data.poll                   polls, of files and of the window
+--   pkgdist.data.round_trip > 0.01      reports that came more than 10 ms after their poll
+--   pkgdist.ctrl.round_trip             ping replies, with the time since their ping
+--   pkgdist.data.batch                  frames of several datagrams
 --   pkgdist.file_info.name contains "release"
 -- The ports are preferences of the protocols PKGDIST_CTRL and PKGDIST_DATA.
+--
+-- A sender with segmentation offload hands batches of datagrams to its network interface, and a capture there, or
+-- on a virtual link, has the whole batch in one frame: datagrams of one length behind each other, of which the last
+-- may be shorter. They are taken apart here.
 
 local ctrl = Proto("pkgdist_ctrl", "pkgdist control channel")
 local data = Proto("pkgdist_data", "pkgdist data channel")
@@ -18,7 +26,9 @@ data.prefs.ports = Pref.range("UDP ports", "7101,7104", "group and request port"
 local CTRL_KINDS = { "ping", "ping reply", "message", "ACK", "NACK" }
 local DATA_KINDS = { "file request", "segment request", "file ended", "file info", "segment", "missing done" }
 local OPERATIONS = { "file list", "cancel", "delete list" }
-local MESSAGE, FILE_SEND = 3, 1
+local PING, PING_REPLY, MESSAGE, FILE_SEND, REPORT, MISS_DONE = 1, 2, 3, 1, 3, 6
+local WINDOW_POLL = "poll"  -- the name in a poll that is about no file
+local LONGEST = 1472        -- bytes of UDP payload of any datagram
 
 -- Each structure is its fields in their order on the wire: name, kind, and names of values.
 local STRUCTURES = {
@@ -69,13 +79,29 @@ for structure, fields in pairs(STRUCTURES) do
     table.insert(list, FIELDS[structure][field[1]])
   end
 end
+-- What is concluded, not read.
+local GENERATED = {
+  ctrl = {
+    reply_to = ProtoField.framenum("pkgdist.ctrl.reply_to", "ping in frame", base.NONE, frametype.REQUEST),
+    round_trip = ProtoField.relative_time("pkgdist.ctrl.round_trip", "round trip"),
+    batch = ProtoField.uint32("pkgdist.ctrl.batch", "datagrams in this frame") },
+  data = {
+    poll = ProtoField.bool("pkgdist.data.poll", "poll"),
+    reply_to = ProtoField.framenum("pkgdist.data.reply_to", "poll in frame", base.NONE, frametype.REQUEST),
+    round_trip = ProtoField.relative_time("pkgdist.data.round_trip", "round trip"),
+    batch = ProtoField.uint32("pkgdist.data.batch", "datagrams in this frame") },
+}
+for _, field in pairs(GENERATED.ctrl) do table.insert(all_ctrl, field) end
+for _, field in pairs(GENERATED.data) do table.insert(all_data, field) end
 ctrl.fields, data.fields = all_ctrl, all_data
 
 local malformed_ctrl = ProtoExpert.new("pkgdist.ctrl.malformed", "refused by every receiver",
   expert.group.MALFORMED, expert.severity.ERROR)
 local malformed_data = ProtoExpert.new("pkgdist.data.malformed", "refused by every receiver",
   expert.group.MALFORMED, expert.severity.ERROR)
-ctrl.experts, data.experts = { malformed_ctrl }, { malformed_data }
+local repaired = ProtoExpert.new("pkgdist.data.repaired", "a segment that is sent again",
+  expert.group.SEQUENCE, expert.severity.NOTE)
+ctrl.experts, data.experts = { malformed_ctrl }, { malformed_data, repaired }
 
 -- A place in a buffer that is read from front to back; what is not there is an error with a text.
 local Reader = {}
@@ -121,7 +147,23 @@ local function add_field(reader, tree, field, kind)
   end
   local range = reader:take(SIZES[kind])
   tree:add(field, range)
-  return SIZES[kind] <= 4 and range:uint() or nil
+  return SIZES[kind] <= 4 and range:uint() or range:bytes():tohex()
+end
+
+-- Passes a structure by without a tree, up to its end.
+local function skip_structure(reader, structure)
+  local presence, fields = reader:u32(), STRUCTURES[structure]
+  if bit.rshift(presence, #fields) ~= 0 then error({ text = structure .. ": a presence bit names no field" }) end
+  for i, field in ipairs(fields) do
+    if bit.band(bit.rshift(presence, i - 1), 1) == 1 then
+      local kind = field[2]
+      if kind == "string" then reader:take(reader:u16())
+      elseif kind == "bytes" then reader:take(reader:u32())
+      elseif kind == "ipv4s" then reader:take(4 * reader:u16())
+      elseif kind == "strings" then for _ = 1, reader:u16() do reader:take(reader:u16()) end
+      else reader:take(SIZES[kind]) end
+    end
+  end
 end
 
 -- Adds a structure that fills `buffer` (nil: no byte); returns its fields by name.
@@ -153,14 +195,50 @@ local function add_file_send(message, tree)
       .. " of transaction " .. tostring(list.xact_id)
 end
 
-local function dissect_ctrl(reader, tree)
+-- Questions and their answers, kept from the first pass through the capture: what is asked last counts.
+local asked, answers = {}, {}
+local function forget() asked, answers = {}, {} end
+ctrl.init, data.init = forget, forget
+
+local function ask(packet, key)
+  if not packet.visited then asked[key] = { frame = packet.number, time = packet.abs_ts, answered = {} } end
+end
+
+-- The answer of a host to what was asked; it answers a question once. `place`: of the datagram in its frame.
+local function answer(packet, place, key, host)
+  local id = packet.number .. " " .. place
+  local question = asked[key]
+  if not packet.visited and question and not question.answered[host] then
+    question.answered[host] = true
+    answers[id] = { frame = question.frame, seconds = packet.abs_ts - question.time }
+  end
+  return answers[id]
+end
+
+local function show_answer(tree, fields, found)
+  if not found then return "" end
+  tree:add(fields.reply_to, found.frame):set_generated()
+  local whole = math.floor(found.seconds)
+  tree:add(fields.round_trip, NSTime.new(whole, math.floor((found.seconds - whole) * 1e9))):set_generated()
+  return string.format(", after %.1f ms", found.seconds * 1000)
+end
+
+-- A ping's status comes back in the replies to it.
+local function follow_ping(header, packet, place, tree)
+  if not header.status then return "" end
+  if header.msg_id == PING then ask(packet, "ping " .. header.status) end
+  if header.msg_id ~= PING_REPLY then return "" end
+  return show_answer(tree, GENERATED.ctrl, answer(packet, place, "ping " .. header.status, tostring(packet.net_src)))
+end
+
+local function dissect_ctrl(reader, tree, packet, place)
   local header = add_structure(reader:take(reader:u32()), tree, "ctrl")
   local text = (CTRL_KINDS[header.msg_id] or "kind " .. tostring(header.msg_id))
       .. " " .. (header.sequence or 0)
   local body = rest(reader)
   if header.msg_id ~= MESSAGE then
     if body then error({ text = "a body behind the header" }) end
-    return text
+    return text .. follow_ping(header, packet, place, tree)
   end
   local message = add_structure(body, tree, "ctrl_msg")
   text = text .. ", class " .. (message.msg_class or 0) .. ", segment " .. (header.segment or 0)
@@ -168,7 +246,25 @@ local function dissect_ctrl(reader, tree)
   return text .. add_file_send(message, tree)
 end
 
-local function dissect_data(reader, tree)
+-- A poll of the window has a number of its own; a report about a file has the number of the end that it tells of.
+local function poll_key(body)
+  local number = body.name == WINDOW_POLL and (body.location or 0) == 0 and body.file_id or ""
+  return "poll " .. number .. " " .. (body.location or 0) .. " " .. (body.name or "")
+end
+
+local function follow_data(header, body, packet, place, tree)
+  if header.msg_id == MISS_DONE then
+    tree:add(GENERATED.data.poll, true):set_generated()
+    ask(packet, poll_key(body))
+  elseif header.msg_id == REPORT then
+    return show_answer(tree, GENERATED.data, answer(packet, place, poll_key(body), tostring(packet.net_src)))
+  elseif (body.repair or 0) ~= 0 then
+    tree:add_proto_expert_info(repaired)
+  end
+  return ""
+end
+
+local function dissect_data(reader, tree, packet, place)
   local header = add_structure(reader:take(reader:u32()), tree, "data")
   local structure = DATA_BODIES[header.msg_id]
   if not structure then error({ text = "no data message has the number " .. tostring(header.msg_id) }) end
@@ -179,22 +275,71 @@ local function dissect_data(reader, tree)
   if body.num then text = text .. " and " .. body.num .. " in all" end
   if (body.repair or 0) ~= 0 then text = text .. ", repair" end
   if body.name then text = text .. ", " .. body.name end
-  return text
+  return text .. follow_data(header, body, packet, place, tree)
+end
+
+-- The length of the datagram that a buffer begins with; nil when it begins with none.
+local function length_of(buffer, is_ctrl)
+  local reader = Reader.new(buffer)
+  local ok = pcall(function()
+    local header_end = reader:u32() + 4
+    if header_end > buffer:len() then error({ text = "" }) end
+    local header = Reader.new(buffer)
+    header:u32()
+    local presence = header:u32()
+    local kind = bit.band(presence, 1) == 1 and header:u32() or 0
+    reader.at = 4
+    skip_structure(reader, is_ctrl and "ctrl" or "data")
+    if reader.at ~= header_end then error({ text = "" }) end
+    if not is_ctrl then skip_structure(reader, DATA_BODIES[kind] or error({ text = "" })) end
+    if is_ctrl and kind == MESSAGE then skip_structure(reader, "ctrl_msg") end
+  end)
+  return ok and reader.at or nil
+end
+
+-- The datagrams of a frame: several when they have one length, the last perhaps a shorter one. Nothing else is
+-- longer than a datagram may be; of what is not, every part has to be whole.
+local function split(buffer, is_ctrl)
+  local length = length_of(buffer, is_ctrl)
+  if not length or length == buffer:len() then return { buffer } end
+  local parts, whole = {}, true
+  for at = 0, buffer:len() - 1, length do
+    local part = buffer:range(at, math.min(length, buffer:len() - at)):tvb()
+    whole = whole and length_of(part, is_ctrl) == part:len()
+    table.insert(parts, part)
+  end
+  return (whole or buffer:len() > LONGEST) and parts or { buffer }
+end
+
+-- One datagram: its text and its tree.
+local function dissect_one(proto, dissect, malformed, buffer, packet, root, place)
+  local tree = root:add(proto, buffer())
+  local ok, result = pcall(dissect, Reader.new(buffer), tree, packet, place)
+  if ok then
+    tree:append_text(": " .. result)
+    return result, tree
+  end
+  if type(result) ~= "table" then error(result) end
+  tree:add_proto_expert_info(malformed, result.text)
+  return "malformed: " .. result.text, tree
 end
 
 local function dissector(proto, column, dissect, malformed)
+  local is_ctrl = proto == ctrl
   return function(buffer, packet, root)
     packet.cols.protocol = column
-    local tree = root:add(proto, buffer())
-    local ok, result = pcall(dissect, Reader.new(buffer), tree)
-    if ok then
-      packet.cols.info = result
-      tree:append_text(": " .. result)
-      return
+    local parts, texts, first = split(buffer, is_ctrl), {}, nil
+    for place, part in ipairs(parts) do
+      local text, tree = dissect_one(proto, dissect, malformed, part, packet, root, place)
+      table.insert(texts, text)
+      first = first or tree
     end
-    if type(result) ~= "table" then error(result) end
-    packet.cols.info = "malformed: " .. result.text
-    tree:add_proto_expert_info(malformed, result.text)
+    local info = texts[1]
+    if #parts > 1 then
+      info = #parts .. " datagrams: " .. texts[1] .. " ... " .. texts[#texts]
+      first:add((is_ctrl and GENERATED.ctrl or GENERATED.data).batch, #parts):set_generated()
+    end
+    packet.cols.info = info
   end
 end
 ctrl.dissector = dissector(ctrl, "PKGDIST-C", dissect_ctrl, malformed_ctrl)

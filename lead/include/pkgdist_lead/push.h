@@ -47,16 +47,19 @@ struct PushNodeReport {
   bool silent = false;    // has fallen silent
   bool deferred = false;  // was too slow: gets the rest when the others have everything
   uint64_t files_done = 0;
-  uint64_t files_skipped = 0;      // of files_done: were there already
-  uint64_t files_failed = 0;       // ended with an error
-  uint64_t files_left = 0;         // have not ended
-  uint64_t bytes_done = 0;         // of content, skipped files included
-  uint64_t bytes_skipped = 0;      // of bytes_done: were there already
-  uint64_t bytes_left = 0;         // of the files that have not ended, as the request has them
-  uint64_t bytes_in_transfer = 0;  // sent of the files that it is receiving
-  uint64_t segments = 0;           // sent of the files that it was to receive, each once
-  uint64_t repairs = 0;            // segments that it asked for again
-  Time finished_at = 0;            // when the last file ended, 0 before
+  uint64_t files_skipped = 0;  // of files_done: were there already
+  uint64_t files_failed = 0;   // ended with an error
+  uint64_t files_left = 0;     // have not ended
+  uint64_t bytes_done = 0;     // of content, skipped files included
+  uint64_t bytes_skipped = 0;  // of bytes_done: were there already
+  uint64_t bytes_left = 0;     // of the files that have not ended, as the request has them
+  // Of the files that it is receiving: what has arrived, as far as it has said, and what was sent.
+  uint64_t bytes_in_transfer = 0;
+  uint64_t bytes_sent = 0;
+  uint64_t segments = 0;  // sent of the files that it was to receive, each once
+  uint64_t repairs = 0;   // segments that it asked for again
+  Time finished_at = 0;   // when the last file ended, 0 before
+  Time last_heard = 0;    // any datagram of the node, 0: none
 
   // In Lead::push_report() only.
   std::map<uint32_t, uint64_t> failed;  // index in PushRequest::files -> status

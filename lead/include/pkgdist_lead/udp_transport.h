@@ -51,6 +51,8 @@ class UdpTransport : public DatagramSink {
 
   // Datagrams that the system refused to send.
   uint64_t send_errors() const;
+  // Why it refused the last of them: an error number, 0 when there was none.
+  int last_send_error() const;
 
  private:
   class Impl;

@@ -1,6 +1,7 @@
 #include "control/outbox.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace pkgdist::lead {
 
@@ -154,6 +155,7 @@ bool Outbox::on_acknowledged(uint32_t sequence, NodeIndex node, bool certain) {
   for (MessageNode& one : message.report.nodes)
     if (one.info.address == nodes_[node].info.address)
       settle(message, one, certain ? Delivery::kAcknowledged : Delivery::kUncertain);
+  message.progressed = true;
   finish_if_ended(message);
   return true;
 }
@@ -202,6 +204,7 @@ void Outbox::check_deadline(Message& message, Time now) {
     if (first != 0) message.deadline = first + message.timeout;
     if (queued) message.deadline = now + kCheckPeriod;
   }
+  if (std::exchange(message.progressed, false)) message.deadline = now + message.timeout;
   if (now < message.deadline) return;
   for (uint32_t sequence : message.sequences) control_.give_up(sequence);
   if (unicast) streams_.give_up(message.report.id, only, now);

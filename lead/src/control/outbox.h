@@ -2,7 +2,7 @@
 //
 // A message goes by the multicast stream, in several messages when its list of nodes is long, or by
 // the unicast stream of its only node. It is finished when nobody is waited for: each node has
-// acknowledged, is gone, or the time is up.
+// acknowledged, is gone, or none has acknowledged for as long as the owner waits.
 //
 // What an acknowledgement is worth: an ACK says that the node has the message. A cumulative point
 // above the message also passes over what the node has given up, which takes it more than 5 s, and
@@ -53,6 +53,7 @@ class Outbox {
     Time deadline = 0;
     Time hold_until = 0;  // sent behind the lists before it, but not later
     bool sent = false;
+    bool progressed = false;  // a node has acknowledged it since the deadline was set
     uint32_t pending = 0;
   };
 

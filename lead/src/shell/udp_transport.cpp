@@ -101,9 +101,9 @@ class Socket {
   }
   void multicast_from(uint32_t address, uint8_t ttl) const {
     const unsigned char on = 1;
-    if (!leave_by(address)) fail(std::string(what_) + ": the interface address");
-    option(IPPROTO_IP, IP_MULTICAST_LOOP, on, "multicast loop");
-    option(IPPROTO_IP, IP_MULTICAST_TTL, ttl, "multicast ttl");
+    if (!leave_by(address)) fail(std::string(what_) + ": setsockopt IP_MULTICAST_IF");
+    option(IPPROTO_IP, IP_MULTICAST_LOOP, on, "setsockopt IP_MULTICAST_LOOP");
+    option(IPPROTO_IP, IP_MULTICAST_TTL, ttl, "setsockopt IP_MULTICAST_TTL");
   }
 
  private:
@@ -213,6 +213,7 @@ class UdpTransport::Impl {
   }
 
   uint64_t send_errors_ = 0;
+  int last_send_error_ = 0;
   bool hears_group_ = false;
 
  private:
@@ -291,6 +292,7 @@ class UdpTransport::Impl {
       offload_ = false;  // not on this way: once more, one by one
       return 0;
     }
+    last_send_error_ = errno;
     send_errors_ += batch.count;
     return batch.count;
   }
@@ -370,6 +372,10 @@ bool UdpTransport::hears_group() const {
 
 uint64_t UdpTransport::send_errors() const {
   return impl_->send_errors_;
+}
+
+int UdpTransport::last_send_error() const {
+  return impl_->last_send_error_;
 }
 
 Time monotonic_now() {

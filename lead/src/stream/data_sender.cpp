@@ -30,6 +30,7 @@ DataSender::DataSender(const Settings& self, const NodeTable& nodes, DatagramSin
       output_(self, nodes, sink, contents_, window_, pacer_, counters),
       schedule_(table_),
       repairs_(table_),
+      arrival_(table_.busy()),
       settling_({table_, contents_, window_, output_, schedule_, repairs_, loss_}, counters,
                 observer) {}
 
@@ -95,6 +96,7 @@ void DataSender::admit(Transfer& transfer, NodeIndex node, bool guest, Time now)
   transfer.set_guest(node, guest);
   transfer.set_state(node, TransferNode::State::kOpen);
   transfer.node(node).hear(now);
+  arrival_.joins(node, window_.position());
 }
 
 void DataSender::join(TransferId id, NodeIndex node, bool guest, Time now) {
@@ -139,6 +141,7 @@ void DataSender::join_asking(TransferId id, NodeIndex node, bool guest, Time now
 
 void DataSender::drop_node(NodeIndex node) {
   contact_.forget(node);
+  arrival_.forget(node);
   for (const TransferId id : table_.ids()) {
     Transfer* const transfer = table_.at(id);
     if (transfer == nullptr || node >= transfer->nodes.size()) continue;
@@ -149,6 +152,7 @@ void DataSender::drop_node(NodeIndex node) {
 
 void DataSender::forget_node(NodeIndex node) {
   contact_.forget(node);
+  arrival_.forget(node);
   table_.each([&](Transfer& transfer) {
     if (node >= transfer.nodes.size()) return;
     transfer.set_state(node, TransferNode::State::kAbsent);
@@ -167,9 +171,12 @@ void DataSender::abandon(uint64_t tag_limit) {
 double DataSender::backlog_seconds() {
   const double bytes = static_cast<double>(schedule_.waiting_bytes() +
                                            schedule_.segments_ahead() * self_.segment_size);
+  return bytes / pace();
+}
+
+double DataSender::pace() const {
   const double limit = pacer_.bytes_per_second();
-  const double rate = limit != 0 ? std::min(limit, window_.rate()) : window_.rate();
-  return bytes / rate;
+  return limit != 0 ? std::min(limit, window_.rate()) : window_.rate();
 }
 
 // --- What nodes say ---
@@ -182,6 +189,15 @@ bool DataSender::is_first_request(const Transfer& transfer, NodeIndex node, uint
   if (transfer.segments <= kFirstInformedAgain) return !transfer.nodes[node].has_info;
   const uint64_t recent = 2 * window_.size() / self_.segment_size + 2 * kFirstInformedAgain;
   return uint64_t{first} + num + recent >= transfer.turn.done();
+}
+
+// A run up to the file's end comes from a time-out of the node: it names what has not arrived
+// there, lost or not. The latest segments of the file that the node may not have come to yet.
+uint64_t DataSender::on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first,
+                                uint32_t num) const {
+  if (!transfer.turn.has_last(first, num)) return 0;
+  const uint64_t bytes = window_.unhandled(node, transfer.stream_end);
+  return (bytes + self_.segment_size - 1) / self_.segment_size;
 }
 
 uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first,
@@ -205,7 +221,8 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
     contact_.answered(node);  // the information has reached it
   uint32_t gone = 0;
   transfer->repairs.set_holdoff(2 * window_.round_trip());
-  transfer->turn.behind(first, num, [&](uint32_t from, uint32_t count) {
+  const uint64_t coming = on_the_way(*transfer, node, first, num);
+  transfer->turn.behind(first, num, coming, [&](uint32_t from, uint32_t count) {
     transfer->repairs.request(from, count, now);
     state.parts |= transfer->repairs.parts_of(from, count);
     gone += count;
@@ -220,6 +237,7 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
   transfer->last_request = now;
   transfer->progress();
   counters_.segments_requested += gone;
+  arrival_.lacks(node, uint64_t{gone} * self_.segment_size);
   loss_.lost(static_cast<double>(gone) / std::max<double>(1, transfer->open));
   repairs_.enter(*transfer);
   return gone;
@@ -227,7 +245,16 @@ uint32_t DataSender::on_segment_request(NodeIndex node, uint32_t file_id, uint32
 
 void DataSender::on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now) {
   if (report.status != PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT)) contact_.answered(node);
-  if (!window_.answered(report.file_id, node, now)) settling_.on_report(node, report, now);
+  const uint64_t position = window_.position();
+  if (const std::optional<uint64_t> asked = window_.position_of(report.file_id)) {
+    arrival_.answers(node, *asked, position);
+    (void)window_.answered(report.file_id, node, now);
+    return;
+  }
+  if (arrival_.answered(report.file_id, node, position)) return;
+  const Transfer* const transfer = table_.at(report.file_id);
+  if (transfer != nullptr && report.status == 0) arrival_.reached(node, transfer->stream_end);
+  settling_.on_report(node, report, now);
 }
 
 // --- What is sent next ---
@@ -244,7 +271,7 @@ void DataSender::send_infos(Transfer& transfer, int copies, Time now) {
 
 // The copies of an information are divided: some now, some right ahead of the first segment.
 bool DataSender::send_announcement(Lane lane, Time now) {
-  Transfer* const transfer = schedule_.next_announcement(lane);
+  Transfer* const transfer = schedule_.next_announcement(now, lane);
   if (transfer == nullptr) return false;
   const int copies = loss_.info_copies(transfer->open, transfer->attributes.size);
   send_infos(*transfer, copies - copies / 2, now);
@@ -293,7 +320,10 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
     return true;
   }
   if (transfer.first_turn && informs_again_at(transfer.turn.done())) output_.info(transfer, now);
+  if (transfer.streamed == 0) transfer.stream_begin = window_.position();
   if (!send_segment(transfer, transfer.turn.segment(), DataOutput::As::kFirst, now)) return true;
+  ++transfer.streamed;
+  transfer.stream_end = window_.position();
   loss_.sent(1);
   transfer.turn.advance();
   if (transfer.turn.active()) return true;
@@ -321,8 +351,15 @@ bool DataSender::poll_if_due(bool stops, Time now) {
   return true;
 }
 
+void DataSender::poll_for_arrival(Time now) {
+  if (!arrival_.poll_due(window_.position(), now)) return;
+  const TransferId number = table_.next_id();
+  output_.window_poll(number, arrival_.begin_poll(number, window_.position(), now));
+}
+
 void DataSender::run(Time now) {
   pacer_.refill(now);
+  schedule_.set_rate(pace());
   if (pacer_.next_ready(now) > now) return;  // woken early: less would go out than a call is worth
   while (pacer_.ready()) {
     if (poll_if_due(false, now) || settling_.run(now)) continue;
@@ -332,6 +369,7 @@ void DataSender::run(Time now) {
     }
     if (!send_next(now)) break;
   }
+  poll_for_arrival(now);
   poll_if_due(true, now);
 }
 

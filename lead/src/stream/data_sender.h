@@ -11,6 +11,7 @@
 //   settling.h        how a file ends
 //   window.h          how much may be in flight; pacer.h: how fast, when the operator says so
 //   data_contact.h    which nodes the data channel does not reach
+//   arrival.h         how much has arrived on each node
 //   open_contents.h   where the bytes come from
 //   data_output.h     what leaves
 //
@@ -18,6 +19,7 @@
 // still comes to is ignored.
 #pragma once
 
+#include "stream/arrival.h"
 #include "stream/data_contact.h"
 #include "stream/settling.h"
 
@@ -60,6 +62,11 @@ class DataSender {
   // Whether the file has to wait for the end of another one; see transfer_table.h.
   bool collides(const FileKey& key) const { return table_.collides(key); }
   const Transfer* get(TransferId id) const { return table_.at(id); }
+  // Segments that the node has of a file that it has not reported to be whole, as far as it has
+  // said.
+  uint64_t arrived_segments(const Transfer& transfer, NodeIndex node) const {
+    return arrival_.segments(transfer, node);
+  }
 
   // Transfers that are announced but not streamed yet, and the bytes in them.
   size_t waiting_files() const { return schedule_.waiting_files(); }
@@ -82,8 +89,10 @@ class DataSender {
   void set_round_trip(Time round_trip) { schedule_.set_round_trip(round_trip); }
   void run(Time now);
   Time next_deadline(Time now) const;
-  // A node that the others wait for; kNoNode: there is none.
-  NodeIndex take_straggler(Time now) { return window_.take_straggler(now); }
+  // A node that the others have waited for so long, more often than not; kNoNode: there is none.
+  NodeIndex take_straggler(Time now, Time patience) {
+    return window_.take_straggler(now, patience);
+  }
   // Why nothing can be expected of the node any more: it answers nothing on the data channel. 0: it
   // does.
   uint64_t out_of_contact(NodeIndex node, Time now) const { return contact_.lost(node, now); }
@@ -95,6 +104,7 @@ class DataSender {
   }
 
  private:
+  double pace() const;  // bytes per second
   bool send_next(Time now);
   Transfer& add(FileKey key, uint32_t priority, uint64_t tag, Time now);
   void set_asker(Transfer& transfer, NodeIndex asker);
@@ -107,6 +117,8 @@ class DataSender {
   bool send_segment(Transfer& transfer, uint32_t segment, DataOutput::As as, Time now);
   void send_infos(Transfer& transfer, int copies, Time now);
   bool poll_if_due(bool stops, Time now);
+  void poll_for_arrival(Time now);
+  uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
   bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
                         uint32_t num) const;
 
@@ -121,6 +133,7 @@ class DataSender {
   RepairLine repairs_;
   LossMeter loss_;
   DataContact contact_;
+  Arrival arrival_;
   Settling settling_;
   bool repair_next_ = false;  // the stream had the last turn
 };

@@ -2,17 +2,29 @@
 
 namespace pkgdist::lead {
 
-void Schedule::enter(const Transfer& transfer) {
+namespace {
+
+void count(size_t& files, uint64_t& bytes, const Transfer& transfer, bool more) {
+  files += more ? 1 : -size_t{1};
+  bytes += more ? transfer.attributes.size : -transfer.attributes.size;
+}
+
+}  // namespace
+
+void Schedule::count_waiting(const Transfer& transfer, bool more) {
   Files& files = of(transfer);
-  files.announcing.push_back(transfer.id);
-  ++files.waiting_files;
-  files.waiting_bytes += transfer.attributes.size;
+  count(files.waiting_files, files.waiting_bytes, transfer, more);
+  if (transfer.stage == Transfer::Stage::kAnnounced)
+    count(files.announced_files, files.announced_bytes, transfer, more);
+}
+
+void Schedule::enter(const Transfer& transfer) {
+  of(transfer).announcing.push_back(transfer.id);
+  count_waiting(transfer, true);
 }
 
 void Schedule::leave_waiting(const Transfer& transfer) {
-  Files& files = of(transfer);
-  --files.waiting_files;
-  files.waiting_bytes -= transfer.attributes.size;
+  count_waiting(transfer, false);
 }
 
 Schedule::Place Schedule::leave(const Transfer& transfer) {
@@ -29,10 +41,7 @@ Schedule::Place Schedule::leave(const Transfer& transfer) {
 
 void Schedule::come_back(const Transfer& transfer, Place place) {
   Files& files = of(transfer);
-  if (place.waiting) {
-    ++files.waiting_files;
-    files.waiting_bytes += transfer.attributes.size;
-  }
+  if (place.waiting) count_waiting(transfer, true);
   if (place.announcing) files.announcing.push_back(transfer.id);
   if (place.streaming) stream_again(transfer);
 }
@@ -46,7 +55,19 @@ Transfer* Schedule::head(Line& line) {
   return nullptr;
 }
 
-Transfer* Schedule::next_announcement(Lane lane) {
+// When the lane's next file may be announced, long ago for at once; kNever when there is none.
+Time Schedule::announcement_due(Lane lane) const {
+  const Files& files = lanes_[static_cast<size_t>(lane)];
+  if (files.announcing.empty()) return kNever;
+  const Transfer* const next = table_.at(files.announcing.front());
+  const bool near = files.announced_files < (skipping_ ? kLeastAheadOfSkips : kLeastAhead) ||
+                    static_cast<double>(files.announced_bytes) < rate_ * kAheadSeconds;
+  if (next == nullptr || near || lane == Lane::kRequests) return 0;
+  return next->started + kMostHeldBack;
+}
+
+Transfer* Schedule::next_announcement(Time now, Lane lane) {
+  if (announcement_due(lane) > now) return nullptr;
   Line& line = of(lane).announcing;
   Transfer* const transfer = head(line);
   if (transfer != nullptr) line.pop_front();
@@ -56,6 +77,7 @@ Transfer* Schedule::next_announcement(Lane lane) {
 void Schedule::announced(const Transfer& transfer, Time now) {
   Files& files = of(transfer);
   files.streaming[transfer.priority].push_back(transfer.id);
+  count(files.announced_files, files.announced_bytes, transfer, true);
   files.due = std::min(files.due, std::max(now, stream_time(transfer)));
 }
 
@@ -79,6 +101,7 @@ Transfer* Schedule::streamable(Time now, Lane lane) {
     const Time due = stream_time(*transfer);
     if (due <= now) {
       files.due = 0;
+      skipping_ &= transfer->stage != Transfer::Stage::kAnnounced;
       return transfer;
     }
     files.due = std::min(files.due, due);
@@ -101,8 +124,8 @@ bool Schedule::empty() const {
 
 Time Schedule::next_deadline() const {
   Time deadline = kNever;
-  for (const Files& files : lanes_)
-    deadline = std::min(deadline, files.announcing.empty() ? files.due : 0);
+  for (const Lane lane : {Lane::kPush, Lane::kRequests})
+    deadline = std::min({deadline, announcement_due(lane), lanes_[static_cast<size_t>(lane)].due});
   return deadline;
 }
 

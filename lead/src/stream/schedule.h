@@ -2,8 +2,10 @@
 // nodes asked for; they take turns as long as both have something, whatever priority a request has.
 // In a lane files go in the order of their priority and, of equals, of their announcement.
 //
-// Files flow back to back: many are announced ahead of the stream. One that was announced waits a
-// moment for the nodes that have it already: when all of them say so, no segment is sent.
+// Files flow back to back: the push's are announced ahead of the stream, by less than the time
+// after which a node asks for the segments of a file that it was informed of. One that was
+// announced waits a moment for the nodes that have it already: when all of them say so, no segment
+// is sent.
 #pragma once
 
 #include <array>
@@ -33,8 +35,8 @@ class Schedule {
   // The lane has had its turn.
   void end_turn_of(Lane lane) { next_ = other(lane); }
 
-  // Takes the lane's next file to be announced; null when there is none.
-  Transfer* next_announcement(Lane lane = Lane::kPush);
+  // Takes the lane's next file to be announced; null when none is due.
+  Transfer* next_announcement(Time now, Lane lane = Lane::kPush);
   // It was announced: the stream comes to it.
   void announced(const Transfer& transfer, Time now);
   // Its stream begins, or it will not be streamed at all.
@@ -47,8 +49,13 @@ class Schedule {
   void stream_again(const Transfer& transfer);
 
   // A node has just said that it has a file already: more of these reports are likely on their way.
-  void note_skip(Time now) { last_skip_ = now; }
+  void note_skip(Time now) {
+    last_skip_ = now;
+    skipping_ = true;
+  }
   void set_round_trip(Time round_trip) { round_trip_ = round_trip; }
+  // How fast the stream is at present.
+  void set_rate(double bytes_per_second) { rate_ = bytes_per_second; }
 
   // Something is to be announced, or streamed at some time.
   bool empty() const;
@@ -70,20 +77,38 @@ class Schedule {
     Time due = kNever;                   // when streamable() will find something
     size_t waiting_files = 0;
     uint64_t waiting_bytes = 0;
+    // Those of them that are announced.
+    size_t announced_files = 0;
+    uint64_t announced_bytes = 0;
   };
+  // How far the stream is behind the announcements. Nodes ask for the segments of a file after a
+  // tenth of a second.
+  static constexpr double kAheadSeconds = 0.08;
+  // But so many are announced in any case, and more while nodes say that they have what they hear
+  // of: nothing of it is streamed.
+  static constexpr size_t kLeastAhead = 1;
+  static constexpr size_t kLeastAheadOfSkips = 512;
+  // And a file that has waited for so long: nodes that know of it from the list ask for it every
+  // two seconds, and give it up after 21.
+  static constexpr Time kMostHeldBack = 8 * kSecond;
+  static constexpr double kUnknownRate = 12'500'000;
   static constexpr Time kLeastSkipWait = 3 * kMillisecond;
   static constexpr Time kMostSkipWait = 100 * kMillisecond;
 
   Files& of(Lane lane) { return lanes_[static_cast<size_t>(lane)]; }
   Files& of(const Transfer& transfer) { return of(transfer.lane()); }
   Transfer* head(Line& line);
+  void count_waiting(const Transfer& transfer, bool more);
+  Time announcement_due(Lane lane) const;
   Time stream_time(const Transfer& transfer) const;
 
   const TransferTable& table_;
   std::array<Files, 2> lanes_;  // as Lane
   Lane next_ = Lane::kPush;
   Time last_skip_ = 0;
+  bool skipping_ = false;  // the latest file was one that nodes had
   Time round_trip_ = kMillisecond;
+  double rate_ = kUnknownRate;
 };
 
 }  // namespace pkgdist::lead

@@ -19,18 +19,16 @@ class StragglerWatch {
     holder_ = node;
   }
 
-  // The node, once in a while as long as it is so; else kNoNode.
-  NodeIndex take(Time now) {
+  // The node, once in `patience` as long as it is so; else kNoNode.
+  NodeIndex take(Time now, Time patience) {
     const Time watched = elapsed(now, begun_);
-    if (suspect_ == kNoNode || watched < kWatched) return kNoNode;
+    if (suspect_ == kNoNode || watched < patience) return kNoNode;
     const NodeIndex found = 2 * held_ > watched ? suspect_ : kNoNode;
     begin(kNoNode, now);
     return found;
   }
 
  private:
-  // Long enough for a node that is busy with something else for a moment.
-  static constexpr Time kWatched = kSecond;
   static constexpr Time kPause = 500 * kMillisecond;
 
   void begin(NodeIndex node, Time now) {

@@ -148,7 +148,11 @@ struct Transfer {
   bool first_turn = true;
   Time info_sent = 0;
   uint64_t position = 0;  // of the window, behind the last datagram about the file
-  Time served = 0;        // when a segment of the stream or a repair was sent last
+  // The same ahead of the stream's first segment and behind its latest, and the segments between,
+  // repairs not counted.
+  uint64_t stream_begin = 0, stream_end = 0;
+  uint64_t streamed = 0;
+  Time served = 0;  // when a segment of the stream or a repair was sent last
   Time last_request = 0;
   bool in_repair_line = false;
   uint64_t watched = 0;  // settling goes on when the window has handled this position

@@ -26,6 +26,11 @@ class Turn {
   // file's last.
   uint32_t last() const { return static_cast<uint32_t>((stop_ - 1) % segments_); }
 
+  // Whether a run of segments has the one that the stream ends on.
+  bool has_last(uint32_t first, uint32_t num) const {
+    return (last() + segments_ - first) % segments_ < num;
+  }
+
   // Segments sent since the turn began, more than the file has when it was extended.
   uint64_t done() const { return cursor_; }
 
@@ -34,9 +39,11 @@ class Turn {
 
   // Calls part(first, num) for what of first .. first+num-1 (going round at the end of the file, at
   // most once) the stream does not come to any more; num must not exceed the number of segments.
+  // `on_the_way`: the latest of these are left out.
   template <class Part>
-  void behind(uint32_t first, uint32_t num, Part&& part) const {
-    const uint64_t gone = segments_ - ahead();
+  void behind(uint32_t first, uint32_t num, uint64_t on_the_way, Part&& part) const {
+    const uint64_t sent = segments_ - ahead();
+    const uint64_t gone = sent - std::min(sent, on_the_way);
     const uint64_t gone_from = active() ? stop_ % segments_ : 0;
     for_linear(first, num, [&](uint64_t a, uint64_t b) {
       for_linear(gone_from, gone, [&](uint64_t c, uint64_t d) {

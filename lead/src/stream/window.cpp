@@ -17,6 +17,13 @@ uint64_t Window::handled() const {
   return least;
 }
 
+uint64_t Window::unhandled(NodeIndex node, uint64_t up_to) const {
+  const auto polled =
+      std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
+  if (polled == polled_.end() || polled->excused()) return 0;
+  return up_to - std::min(up_to, polled->handled);
+}
+
 // The only node that has not handled all that was polled; kNoNode when there are several, or none.
 NodeIndex Window::holder() const {
   NodeIndex holder = kNoNode;
@@ -133,11 +140,21 @@ void Window::creep() {
   for (Polled& polled : polled_) polled.handled = std::min(position_, polled.handled + step);
 }
 
-bool Window::answered(TransferId number, NodeIndex node, Time now) {
+const Window::Poll* Window::find(TransferId number) const {
   const auto poll = std::find_if(polls_.begin(), polls_.end(), [&](const Poll& one) {
     return number != kNoTransfer && one.number == number;
   });
-  if (poll == polls_.end()) return false;
+  return poll != polls_.end() ? &*poll : nullptr;
+}
+
+std::optional<uint64_t> Window::position_of(TransferId number) const {
+  const Poll* const poll = find(number);
+  return poll != nullptr ? std::optional(poll->position) : std::nullopt;
+}
+
+bool Window::answered(TransferId number, NodeIndex node, Time now) {
+  const Poll* const poll = find(number);
+  if (poll == nullptr) return false;
   const auto polled =
       std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
   if (polled == polled_.end()) return true;

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -39,14 +40,18 @@ class Window {
   uint64_t position() const { return position_; }
   // Up to which all polled nodes have handled everything.
   uint64_t handled() const;
+  // Bytes up to this position that the node is not known to have handled; 0 for one that is not
+  // polled.
+  uint64_t unhandled(NodeIndex node, uint64_t up_to) const;
   bool open() const { return position_ - handled() < static_cast<uint64_t>(size_); }
   // More would be sent if it were open.
   void note_full(Time now) {
     limited_ = true;
     stragglers_.held_up_by(holder(), now);
   }
-  // A node that the others wait for most of the time, told once in a while; kNoNode: there is none.
-  NodeIndex take_straggler(Time now) { return stragglers_.take(now); }
+  // A node that the others wait for most of the time, told once in `patience`; kNoNode: there is
+  // none.
+  NodeIndex take_straggler(Time now, Time patience) { return stragglers_.take(now, patience); }
   uint64_t size() const { return static_cast<uint64_t>(size_); }
   // Bytes per second that the nodes have handled lately, at least a trickle.
   double rate() const { return rate_ == 0 ? kAssumedRate : std::max(rate_, kLeastRate); }
@@ -59,6 +64,8 @@ class Window {
   // The nodes to be named by the poll of this number, which is sent now: sent() follows with less
   // than the least charge. Empty: none is sent.
   const std::vector<NodeIndex>& begin_poll(TransferId number, Time now);
+  // Ahead of the poll of this number; nothing when it is none of the latest ones.
+  std::optional<uint64_t> position_of(TransferId number) const;
   // False when the number is none of a poll. May grow the window.
   bool answered(TransferId number, NodeIndex node, Time now);
   // How long answers take, nearly always.
@@ -117,6 +124,7 @@ class Window {
     Time sent = 0;
   };
 
+  const Poll* find(TransferId number) const;
   void choose(Time now);
   bool stale_choice(Time now) const;
   bool all_excused() const;

@@ -405,25 +405,54 @@ class TransactionDoneHandler
 // --- Start-up. Addresses and ports are in host byte order. ---
 
 struct ControlSettings {
-  uint32_t group = 0;  // multicast group and port of the lead's control messages
-  uint16_t group_port = 0;
-  uint16_t lead_port = 0;   // where the lead listens
-  uint16_t node_port = 0;   // where this node listens
-  uint32_t card_class = 0;  // compared with the class of each message
-  uint32_t address = 0;     // this node's own; selects the multicast interface
+  // Multicast group and port of the lead's control messages.
+  uint32_t group = PKGDIST_DEFAULT_CONTROL_GROUP;
+  uint16_t group_port = PKGDIST_DEFAULT_CONTROL_PORT;
+  uint16_t lead_port = PKGDIST_DEFAULT_LEAD_PORT;    // where the lead listens
+  uint16_t node_port = PKGDIST_DEFAULT_NODE_PORT;    // where this node listens
+  uint32_t card_class = PKGDIST_DEFAULT_CARD_CLASS;  // compared with the class of each message
+  uint32_t address = 0;  // this node's own; selects the multicast interface; has no default
   uint64_t trace_configuration = 0;
 };
 
 struct DataSettings {
-  uint32_t group = 0;  // multicast group and port of the lead's data stream
-  uint16_t group_port = 0;
-  uint16_t request_port = 0;  // where the lead takes requests
+  // Multicast group and port of the lead's data stream.
+  uint32_t group = PKGDIST_DEFAULT_DATA_GROUP;
+  uint16_t group_port = PKGDIST_DEFAULT_DATA_PORT;
+  uint16_t request_port = PKGDIST_DEFAULT_REQUEST_PORT;  // where the lead takes requests
 };
 
 inline Status start_control(const ControlSettings& settings) {
   return instcomm_pkgdist_ctrl_recv_init(settings.group, settings.group_port, settings.lead_port,
                                          settings.node_port, settings.card_class, settings.address,
                                          settings.trace_configuration);
+}
+
+// What the lead wants to write or delete here; pkgdist_data_gate_cb has the details.
+struct GateQuestion {
+  uint32_t operation = 0;  // PKGDIST_GATE_...
+  uint32_t location = 0;
+  const char* name = nullptr;
+  uint32_t size = 0;
+  uint32_t mode = 0;
+  uint32_t kind = 0;
+};
+// Returns PKGDIST_GATE_ACCEPT, PKGDIST_GATE_PRESENT or an errno. Runs on threads of the library
+// with a lock held: it must not throw, call the library or wait.
+using Gate = std::function<int(const GateQuestion&)>;
+
+// Before start_data(). The gate stays until the process ends.
+inline Status set_gate(Gate gate) {
+  if (!gate) return PKGDIST_ERR_INVALID;
+  auto held = std::make_shared<const Gate>(std::move(gate));
+  const Status status = instcomm_pkgdist_data_set_gate(
+      [](uint32_t operation, uint32_t location, const char* name, uint32_t size, uint32_t mode,
+         uint32_t kind, void* ctx) {
+        return (*static_cast<const Gate*>(ctx))({operation, location, name, size, mode, kind});
+      },
+      const_cast<Gate*>(held.get()));
+  if (status.ok()) detail::keep(held);
+  return status;
 }
 
 inline Status start_data(const DataSettings& settings) {
@@ -480,10 +509,10 @@ inline Status get_file(const EventLoop& loop, const FileRequest& request, FileCa
   return status;
 }
 
-// Withdraws a request. The HAZARD of instcomm_pkgdist_get_file_cancel holds: cancel only a file
-// that nobody else wants.
+// Withdraws a request; its callback gets PKGDIST_STATUS_CANCELLED. Others who want the same file,
+// requests of this process or a push of the lead, still get it.
 inline Status cancel(uint32_t transaction) {
-  return instcomm_pkgdist_get_file_cancel(transaction);
+  return instcomm_pkgdist_get_file_withdraw(transaction);
 }
 
 // Sends the lead a message of class 1 to 5; `callback` gets its final status, unless the message

@@ -8,9 +8,10 @@
  *   1. instcomm_pkgdist_ctrl_recv_init            once, first
  *   2. instcomm_pkgdist_ctrl_recv_set_nodeid      before traffic is expected
  *   3. the attach and register calls              for the results you want
- *   4. instcomm_pkgdist_data_recv_init            once
- *   5. instcomm_pkgdist_set_recv_repository       once per storage location
- *   6. instcomm_pkgdist_get_file and the rest     at any time after
+ *   4. instcomm_pkgdist_data_set_gate             if it is to decide what the lead may write
+ *   5. instcomm_pkgdist_data_recv_init            once
+ *   6. instcomm_pkgdist_set_recv_repository       once per storage location
+ *   7. instcomm_pkgdist_get_file and the rest     at any time after
  * Nothing is torn down: the library lives until the process ends. G_ctrl_rto and G_data_rto may be
  * set before the first of them.
  *
@@ -37,7 +38,8 @@
  *
  * Trust
  *   The protocol has no authentication: any host that can send to the groups can act as the lead.
- *   Names from the network are confined to the storage locations.
+ *   Names from the network are confined to the storage locations. What may be written there, a gate
+ *   of the process can decide (instcomm_pkgdist_data_set_gate).
  */
 #ifndef PKGDIST_PKGDIST_RECV_H
 #define PKGDIST_PKGDIST_RECV_H
@@ -46,6 +48,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "pkgdist/defaults.h"
 #include "pkgdist/status.h"
 #include "platform/levm.h"
 #include "platform/nodeid.h"
@@ -136,13 +139,14 @@ extern uint32_t G_data_recv_mode_mask;
 /* --- Control side --------------------------------------------------------------------------- */
 
 /* Starts the control side: opens traces and statistics, the sockets and the receive thread.
+ * pkgdist/defaults.h has the values to pass unless the lead was given others.
  *
  *   mc_addr, mc_port     multicast group and port of the lead's control messages
  *   lead_port            the lead's own unicast control port: where this node sends to
  *   recv_port            this node's unicast control port: where the lead sends to it
  *   card_class           class of this node's card, compared with the class of each message
  *   node_ip              this node's own address; also selects the multicast interface
- *   trace_configuration  handed to the trace library
+ *   trace_configuration  handed to the trace library; 0
  *
  * Blocks up to 100 seconds while the group cannot be joined on the interface (at boot it may have
  * no address yet). Returns 0 or PKGDIST_ERR_SYSTEM; what was already opened then stays open. May be
@@ -209,6 +213,43 @@ PkgdistStatus instcomm_pkgdist_ctrl_register_lead_change(levm_handle_t levm,
 PkgdistStatus instcomm_pkgdist_data_recv_init(uint32_t mc_addr, uint16_t mc_port,
                                               uint16_t req_port);
 
+/* What the gate is asked about. */
+#define PKGDIST_GATE_LISTED 1u /* a file of a list that the lead pushes; size and mode unknown */
+#define PKGDIST_GATE_INFORMATION 2u /* a transfer begins, of a pushed or a requested file */
+#define PKGDIST_GATE_DELETE 3u      /* the lead deletes a file; size, mode and kind are 0 */
+
+/* Answers of the gate, beside an errno. */
+#define PKGDIST_GATE_ACCEPT 0
+#define PKGDIST_GATE_PRESENT (-1)
+
+/* Decides what the lead may write and delete here.
+ *
+ *   operation  PKGDIST_GATE_...
+ *   location   storage location, 1 to 6
+ *   name       relative to it, confined to it; the library's, gone when the gate returns
+ *   size       bytes, of a link those of its target
+ *   mode       permission bits as the lead announced them
+ *   kind       the file's type, PKGDIST_FILE_TYPE_SYMLINK (8) for what is announced as a link
+ *
+ * Returns PKGDIST_GATE_ACCEPT to go on. Anything else ends the file here, before anything is
+ * written: PKGDIST_GATE_PRESENT with status 0, as a file that is present already ends, and an errno
+ * (1 to 2047) with its status, PKGDIST_STATUS_FROM_ERRNO. The outcome is reported to the lead, to
+ * the handlers and to whoever requested the file, as any other. Of a delete nobody is told: what is
+ * not accepted stays as it is.
+ *
+ * Runs on threads of the library (LISTED and DELETE on CTRL_RX, INFORMATION on DATA_FILE) with the
+ * lock of its file database held: it may run on two of them one after the other, never at the same
+ * time. It must not call the library nor wait for anything that does, and has to be quick, since no
+ * datagram is handled meanwhile. */
+typedef int (*pkgdist_data_gate_cb)(uint32_t operation, uint32_t location, const char* name,
+                                    uint32_t size, uint32_t mode, uint32_t kind, void* ctx);
+
+/* Sets the gate of the process. Without one, everything is accepted. To be called before
+ * instcomm_pkgdist_data_recv_init; `gate` and `ctx` are used until the process ends.
+ *
+ * Returns 0, or PKGDIST_ERR_INVALID: `gate` is NULL, or the data side has been started. */
+PkgdistStatus instcomm_pkgdist_data_set_gate(pkgdist_data_gate_cb gate, void* ctx);
+
 /* Sets storage location `location` (1 to 6): where files that name this location are written.
  *
  *   path    a prefix of up to 127 characters that is put before every file name as it is: end a
@@ -264,13 +305,16 @@ PkgdistStatus instcomm_pkgdist_data_file_xact_done_hdlr_attach(levm_handle_t lev
  * Returns 0; PKGDIST_ERR_INVALID (an argument), PKGDIST_ERR_NOMEM or PKGDIST_ERR_SYSTEM (a thread
  * or socket), and then no callback comes. PKGDIST_ERR_SEND, PKGDIST_ERR_ENCODE or PKGDIST_ERR_NOMEM
  * can also come from the first transmission of the request: then the file stays requested, is asked
- * for again, and the callback does come. Cancel the transaction to be sure that nothing is left. */
+ * for again, and the callback does come. Withdraw the transaction to be sure that nothing is left.
+ */
 PkgdistStatus instcomm_pkgdist_get_file(const char* path, uint32_t type, uint32_t location,
                                         uint32_t priority, uint32_t xact_id, levm_handle_t levm,
                                         pkgdist_data_file_cb callback, void* ctx);
 
 /* Withdraws a request. Its callback is called with PKGDIST_STATUS_CANCELLED; when nobody else wants
  * the file, its reception ends and the lead is told.
+ *
+ * Prefer instcomm_pkgdist_get_file_withdraw, which is the same without the hazard.
  *
  * HAZARD: when the file is wanted by further transactions (another instcomm_pkgdist_get_file of the
  * same file, or a push of the lead), this call returns with the library's file database locked for
@@ -281,6 +325,14 @@ PkgdistStatus instcomm_pkgdist_get_file(const char* path, uint32_t type, uint32_
  * Returns 0, PKGDIST_ERR_INVALID (identifier 0), PKGDIST_ERR_NOT_FOUND (no file waits under this
  * identifier, for example because it has just ended), or the status of telling the lead. */
 PkgdistStatus instcomm_pkgdist_get_file_cancel(uint32_t xact_id);
+
+/* Withdraws a request, whoever else wants the file: its callback is called with
+ * PKGDIST_STATUS_CANCELLED. When further transactions wait for the file (requests of this process,
+ * a push of the lead), its reception goes on for them, and they get its outcome; otherwise it ends
+ * and the lead is told. Holds no lock on return.
+ *
+ * Returns as instcomm_pkgdist_get_file_cancel does. */
+PkgdistStatus instcomm_pkgdist_get_file_withdraw(uint32_t xact_id);
 
 #ifdef __cplusplus
 }

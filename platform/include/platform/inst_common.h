@@ -1,6 +1,6 @@
 /* What the installer process brings for every library in it: debug switches, the lock of the
- * statistics, and two file-system helpers. A process that defines these symbols itself uses its
- * own.
+ * statistics, and two file-system helpers. A process that defines these variables itself uses its
+ * own; symbol_names.h says how it does so with functions.
  */
 #ifndef PLATFORM_INST_COMMON_H
 #define PLATFORM_INST_COMMON_H

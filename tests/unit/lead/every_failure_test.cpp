@@ -161,8 +161,8 @@ TEST_F(LeadFailures, a_socket_that_cannot_be_made_or_bound_is_named) {
 }
 
 TEST_F(LeadFailures, an_option_that_cannot_be_set_is_named_or_done_without) {
-  const std::vector<std::string> multicast = {"the interface address", "multicast loop",
-                                              "multicast ttl"};
+  const std::vector<std::string> multicast = {
+      "setsockopt IP_MULTICAST_IF", "setsockopt IP_MULTICAST_LOOP", "setsockopt IP_MULTICAST_TTL"};
   unsigned refused = 0;
   unsigned without_group = 0;
   const unsigned calls = sweep(Call::kSetsockopt, EIO, [&](unsigned nth) {

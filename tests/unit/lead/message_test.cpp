@@ -201,6 +201,21 @@ TEST_F(Messages, a_node_that_does_not_acknowledge_in_time_is_told) {
   EXPECT_EQ(cluster_.seen().missed.size(), 1u);
 }
 
+TEST_F(Messages, as_long_as_nodes_acknowledge_the_others_are_waited_for) {
+  start(3);
+  cluster_.cut(1, 0, true);
+  cluster_.cut(2, 0, true);
+  const lead::MessageId id =
+      cluster_.lead().send_message(2, Bytes(3), Audience::everyone(), cluster_.now(), 3 * kSecond);
+  cluster_.run_for(2 * kSecond);
+  cluster_.cut(1, 0, false);
+  cluster_.run_for(2 * kSecond);
+  EXPECT_FALSE(cluster_.lead().message_report(id).finished);
+  cluster_.cut(2, 0, false);
+  cluster_.run_for(2 * kSecond);
+  EXPECT_TRUE(cluster_.lead().message_report(id).complete());
+}
+
 TEST_F(Messages, to_one_node_are_given_up_before_its_acknowledgements_become_untrue) {
   start(1);
   cluster_.host(0).down.with<RandomLoss>(1.0, 1);

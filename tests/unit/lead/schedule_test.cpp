@@ -16,6 +16,7 @@ class ScheduleTest : public testing::Test {
     Transfer& transfer =
         table_.add({1, name}, {.size = uint64_t{segments} * 1000, .mode = 0644}, segments);
     transfer.priority = priority;
+    transfer.started = now_;
     schedule_.enter(transfer);
     return transfer;
   }
@@ -26,7 +27,7 @@ class ScheduleTest : public testing::Test {
     schedule_.announced(transfer, now_);
   }
   void announce_all() {
-    while (Transfer* const transfer = schedule_.next_announcement()) announce(*transfer);
+    while (Transfer* const transfer = schedule_.next_announcement(now_)) announce(*transfer);
   }
   void begin_stream(Transfer& transfer) {
     schedule_.leave_waiting(transfer);
@@ -50,16 +51,54 @@ class ScheduleTest : public testing::Test {
 TEST_F(ScheduleTest, announces_files_in_the_order_in_which_they_came) {
   Transfer& a = add("a", 7);
   Transfer& b = add("b", 1);
-  EXPECT_EQ(schedule_.next_announcement(), &a);
-  EXPECT_EQ(schedule_.next_announcement(), &b);
-  EXPECT_EQ(schedule_.next_announcement(), nullptr);
+  EXPECT_EQ(schedule_.next_announcement(now_), &a);
+  EXPECT_EQ(schedule_.next_announcement(now_), &b);
+  EXPECT_EQ(schedule_.next_announcement(now_), nullptr);
 }
 
 TEST_F(ScheduleTest, does_not_announce_a_file_that_is_gone) {
   Transfer& a = add("a");
   Transfer& b = add("b");
   table_.remove(a.id);
-  EXPECT_EQ(schedule_.next_announcement(), &b);
+  EXPECT_EQ(schedule_.next_announcement(now_), &b);
+}
+
+TEST_F(ScheduleTest, announces_no_more_than_the_stream_comes_to_in_time) {
+  schedule_.set_rate(10'000'000);  // 800 kB in the time
+  for (int i = 0; i < 300; ++i) add(std::to_string(i));
+  announce_all();  // 10 kB each
+  EXPECT_EQ(schedule_.next_deadline(), now_ + kLeastWait);
+  size_t announced = 0;
+  table_.each([&](const Transfer& transfer) { announced += transfer.stage == Stage::kAnnounced; });
+  EXPECT_EQ(announced, 80u);
+  now_ += kLeastWait;
+  begin_stream(*schedule_.streamable(now_));
+  EXPECT_NE(schedule_.next_announcement(now_), nullptr);
+}
+
+TEST_F(ScheduleTest, announces_one_file_ahead_however_large_it_is) {
+  for (int i = 0; i < 2; ++i) add(std::to_string(i), 0, 1'000'000);
+  announce(*schedule_.next_announcement(now_));
+  EXPECT_EQ(schedule_.next_announcement(now_), nullptr);
+}
+
+TEST_F(ScheduleTest, announces_many_files_ahead_while_nodes_say_that_they_have_them) {
+  for (int i = 0; i < 600; ++i) add(std::to_string(i), 0, 1'000'000);
+  announce_all();
+  schedule_.note_skip(now_);
+  for (int i = 1; i < 512; ++i) announce(*schedule_.next_announcement(now_));
+  EXPECT_EQ(schedule_.next_announcement(now_), nullptr);
+  now_ += kMostWait;
+  begin_stream(*schedule_.streamable(now_));
+  EXPECT_EQ(schedule_.next_announcement(now_), nullptr);
+}
+
+TEST_F(ScheduleTest, a_file_that_was_held_back_for_long_is_announced) {
+  for (int i = 0; i < 2; ++i) add(std::to_string(i), 0, 1'000'000);
+  announce_all();
+  now_ += 8 * kSecond - 1;
+  EXPECT_EQ(schedule_.next_announcement(now_), nullptr);
+  EXPECT_NE(schedule_.next_announcement(now_ + 1), nullptr);
 }
 
 TEST_F(ScheduleTest, streams_by_priority_and_files_of_one_priority_in_their_order) {
@@ -168,6 +207,7 @@ class Lanes : public ScheduleTest {
     Transfer& transfer =
         table_.add({1, name}, {.size = uint64_t{10} * 1000, .mode = 0644}, uint32_t{10});
     transfer.priority = priority;
+    transfer.started = now_;
     table_.set_asker(transfer, 0);
     schedule_.enter(transfer);
     return transfer;
@@ -179,9 +219,9 @@ TEST_F(Lanes, a_request_waits_in_a_lane_of_its_own_whatever_its_priority) {
   Transfer& asked = add_requested("asked", 1);
   EXPECT_EQ(schedule_.waiting_files(), 1u);
   EXPECT_EQ(schedule_.waiting_bytes(), 10'000u);
-  announce(*schedule_.next_announcement(Lane::kPush));
-  EXPECT_EQ(schedule_.next_announcement(Lane::kPush), nullptr);
-  announce(*schedule_.next_announcement(Lane::kRequests));
+  announce(*schedule_.next_announcement(now_, Lane::kPush));
+  EXPECT_EQ(schedule_.next_announcement(now_, Lane::kPush), nullptr);
+  announce(*schedule_.next_announcement(now_, Lane::kRequests));
   now_ += kMostWait;
   EXPECT_EQ(schedule_.streamable(now_, Lane::kPush), &pushed);
   EXPECT_EQ(schedule_.streamable(now_, Lane::kRequests), &asked);
@@ -202,7 +242,7 @@ TEST_F(Lanes, a_file_changes_its_lane_wherever_it_stands) {
   Transfer& announced = add_requested("announced");
   Transfer& settling = add_requested("settling");
   for (int i = 0; i < 3; ++i) {
-    Transfer* const next = schedule_.next_announcement(Lane::kRequests);
+    Transfer* const next = schedule_.next_announcement(now_, Lane::kRequests);
     if (next == &announced) announce(*next);
     if (next == &settling) begin_stream(*next);
   }

@@ -108,6 +108,52 @@ TEST_F(DataCancelDeathTest, an_element_that_moved_into_a_freed_place_is_not_exam
       testing::ExitedWithCode(1), "");  // the first and the third are gone
 }
 
+// --- By the caller, whoever else wants the file ---
+
+using DataWithdraw = DataCancel;
+
+TEST_F(DataWithdraw, an_identifier_that_nobody_waits_under_is_refused) {
+  EXPECT_EQ(instcomm_pkgdist_get_file_withdraw(0), PKGDIST_ERR_INVALID);
+  EXPECT_TRUE(logs::contains("ERR:instcomm_pkgdist_get_file_withdraw: xact id '0' is invalid\n"));
+  EXPECT_EQ(get("f", 5), 0u);
+  EXPECT_EQ(instcomm_pkgdist_get_file_withdraw(6), PKGDIST_ERR_NOT_FOUND);
+  EXPECT_TRUE(logs::contains(
+      "ERR:instcomm_pkgdist_get_file_withdraw: file cancel not found for xact id 6\n"));
+  EXPECT_NE(find("f"), nullptr);
+}
+
+TEST_F(DataWithdraw, the_only_request_ends_the_file) {
+  EXPECT_EQ(get("f", 5), 0u);
+  take_traffic();
+  EXPECT_EQ(instcomm_pkgdist_get_file_withdraw(5), 0u);
+  EXPECT_TRUE(G_file_recv_db.empty());
+  EXPECT_EQ(take_traffic().reports, (std::vector<Report>{{0, PKGDIST_STATUS_CANCELLED, "f", 1}}));
+  client.deliver();
+  EXPECT_EQ(client.files, (std::vector<FileEvent>{{PKGDIST_STATUS_CANCELLED, "f", 1, 1, 5}}));
+}
+
+TEST_F(DataWithdraw, a_file_that_others_want_goes_on_with_no_lock_held) {
+  client.attach_all();
+  want("f", 4);  // pushed
+  EXPECT_EQ(get("f", 5), 0u);
+  EXPECT_EQ(get("f", 6), 0u);
+  take_traffic();
+  EXPECT_EQ(instcomm_pkgdist_get_file_withdraw(5), 0u);
+  ASSERT_EQ(pthread_mutex_trylock(&G_file_recv_db.mutex), 0);
+  EXPECT_EQ(pthread_mutex_unlock(&G_file_recv_db.mutex), 0);
+  EXPECT_EQ(xacts_of("f"), (std::vector<uint32_t>{4, 6}));
+  EXPECT_TRUE(take_traffic().reports.empty());
+  client.deliver();
+  EXPECT_EQ(client.files, (std::vector<FileEvent>{{PKGDIST_STATUS_CANCELLED, "f", 1, 1, 5}}));
+}
+
+TEST_F(DataWithdraw, a_failed_report_to_the_lead_is_the_result) {
+  EXPECT_EQ(get("f", 5), 0u);
+  faults::fail(Call::kSendto, 1, EPERM);
+  EXPECT_EQ(instcomm_pkgdist_get_file_withdraw(5), PKGDIST_ERR_SEND);
+  EXPECT_TRUE(G_file_recv_db.empty());
+}
+
 // --- By the lead ---
 
 TEST_F(DataCancel, the_lead_cancels_a_transaction_of_all_files) {

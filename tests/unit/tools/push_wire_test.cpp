@@ -74,6 +74,8 @@ TEST(PushWire, a_report_arrives_as_it_was_sent) {
   node.bytes_left = 77;
   node.repairs = 12;
   node.finished_at = 6 * lead::kSecond;
+  node.last_heard = 7 * lead::kSecond;
+  node.bytes_sent = 4321;
   node.failed = {{3, 0xDEAD'BEEF'0000'0001}};
   node.open = {1, 6};
   const lead::PushReport got = decode_report(Json::parse(encode_report(sent).dump()));
@@ -90,6 +92,8 @@ TEST(PushWire, a_report_arrives_as_it_was_sent) {
   EXPECT_EQ(got.nodes[0].bytes_left, 77u);
   EXPECT_EQ(got.nodes[0].repairs, 12u);
   EXPECT_EQ(got.nodes[0].finished_at, node.finished_at);
+  EXPECT_EQ(got.nodes[0].last_heard, node.last_heard);
+  EXPECT_EQ(got.nodes[0].bytes_sent, node.bytes_sent);
   EXPECT_EQ(got.nodes[0].failed, node.failed);
   EXPECT_EQ(got.nodes[0].open, node.open);
 }

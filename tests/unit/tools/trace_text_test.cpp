@@ -56,6 +56,25 @@ TEST(TraceText, control_characters_are_taken_out_and_cuts_are_told) {
   EXPECT_EQ("a?[1mb [cut]", rendered("%s\n", {text("a\x1b[1mb")}, true));
 }
 
+TEST(TraceText, identifiers_have_no_sign_and_other_numbers_do) {
+  EXPECT_EQ("Xact Id 4006002489 Loc -1",
+            rendered("Xact Id %d Loc %d", {narrow(static_cast<int32_t>(4006002489)), narrow(-1)}));
+  EXPECT_EQ("xact id '4006002489' is invalid",
+            rendered("xact id '%d' is invalid", {narrow(static_cast<int32_t>(4006002489))}));
+  EXPECT_EQ("CTRL Sequence 4294967295, rc=-1",
+            rendered("CTRL Sequence %d, rc=%d", {narrow(-1), narrow(-1)}));
+}
+
+TEST(TraceText, a_status_stands_in_words_beside_its_number) {
+  constexpr uint64_t kNoSpace = 0x40001278ca10001c, kCancelled = 0x30101278ca100bf5;
+  EXPECT_EQ("Status 40001278ca10001c (No space left on device)",
+            rendered("Status %lx\n", {wide(kNoSpace)}));
+  EXPECT_EQ("status 3463288423443336181 (cancelled) - x",
+            rendered("status %ld - x", {wide(kCancelled)}));
+  EXPECT_EQ("Status 0", rendered("Status %lx", {wide(0)}));
+  EXPECT_EQ("Size 40001278ca10001c", rendered("Size %lx", {wide(kNoSpace)}));
+}
+
 constexpr uint64_t kSecond = 1'000'000'000;
 
 TEST(TraceSelection, times_before_now) {

@@ -1,6 +1,7 @@
 /* A C11 program that brings parts of the platform itself: the library uses the program's debug
- * switches, statistics lock and trace, not those of the platform library that is loaded too. Prints
- * what is wrong and returns 1. */
+ * switches, statistics lock and trace, not those of the platform library that is loaded too. It
+ * is built with symbol_names.h, because it replaces the trace on purpose. Prints what is wrong and
+ * returns 1. */
 #define _POSIX_C_SOURCE 200809L
 
 #include <pthread.h>

@@ -1,0 +1,73 @@
+// Manifests, signature files, public keys and leaf files of releases, with any bytes. The first
+// byte says as what the rest is read. A manifest that is accepted has to be the only text of what
+// was read from it; nothing that was not signed may be accepted as signed.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "content.h"
+#include "manifest.h"
+#include "minisign.h"
+#include "refusal.h"
+
+namespace {
+
+using namespace pkgdist::release;
+
+void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "does not hold: %s\n", what);
+  std::abort();
+}
+
+void read_manifest(std::string_view text) {
+  const Manifest manifest = parse(text, SetId::kAllowed);
+  require(format(manifest) == text, "a manifest has one text");
+}
+
+// The manifest of the sample and the key of its signature, whose secret half nobody has kept.
+void read_signature(std::string_view signature) {
+  static const std::vector<PublicKey> keys = {
+      parse_public_key("RWQBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEB")};
+  (void)verify_signature("pkgdist-release 1\n", signature, keys, "pkgdist-release 1");
+  require(false, "nothing is signed");
+}
+
+void read_leaves(std::string_view bytes) {
+  Manifest manifest;
+  manifest.leaf = kLeafBytes;
+  Entry entry;
+  entry.size = kLeafBytes + 1;
+  entry.path = "a";
+  manifest.entries = {entry};
+  (void)parse_leaves(bytes, manifest);
+  require(false, "no leaves have the digest zero");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const std::string_view text(reinterpret_cast<const char*>(data + 1), size - 1);
+  try {
+    switch (data[0]) {
+      case 'm':
+        read_manifest(text);
+        break;
+      case 's':
+        read_signature(text);
+        break;
+      case 'k':
+        (void)parse_public_key(text);
+        break;
+      case 'l':
+        read_leaves(text);
+        break;
+      default:
+        break;
+    }
+  } catch (const Refused&) {  // the other good outcome
+  }
+  return 0;
+}

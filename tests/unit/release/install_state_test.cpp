@@ -1,0 +1,37 @@
+// What a node remembers: written and read again, and never read from damaged text.
+#include "install_state.h"
+
+#include "release_support.h"
+
+using namespace release_test;
+using namespace pkgdist::release;
+
+namespace {
+
+InstallState full_state() {
+  InstallState state;
+  state.installed = {7, sha256(bytes_of("seven"))};
+  state.trial = {8, sha256(bytes_of("eight"))};
+  state.floors = {{"0101010101010101", 5}, {"0202020202020202", UINT64_MAX}};
+  state.bad = {sha256(bytes_of("six")), sha256(bytes_of("five"))};
+  return state;
+}
+
+TEST(InstallState, what_was_written_is_read) {
+  EXPECT_EQ(full_state(), parse_state(format(full_state())));
+  EXPECT_EQ(InstallState(), parse_state(format(InstallState())));
+}
+
+TEST(InstallState, no_shortening_is_taken_for_a_state) {
+  const std::string text = format(full_state());
+  for (size_t length = 0; length + 1 < text.size(); ++length)
+    EXPECT_EQ(Reason::kFormat, refusal([&] { (void)parse_state(text.substr(0, length)); }))
+        << length;
+}
+
+TEST(InstallState, a_directory_is_named_by_version_and_manifest) {
+  EXPECT_EQ("7-", directory_name(*full_state().installed).substr(0, 2));
+  EXPECT_EQ(18u, directory_name(*full_state().installed).size());
+}
+
+}  // namespace

@@ -1,0 +1,386 @@
+// Installing releases: what is refused, the switch and the way back, and what a crash leaves
+// behind.
+#include "installer.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "release_signer.h"
+#include "release_support.h"
+#include "tree.h"
+
+using namespace release_test;
+using namespace pkgdist::release;
+
+namespace {
+
+using Files = std::map<std::string, std::string>;
+
+// A release as the lead has it.
+struct Built {
+  Built(uint64_t version, const Files& files, const ReleaseSigner& signer, uint64_t floor = 0,
+        const std::string& name = "base") {
+    for (const auto& [path, content] : files) tree.write(path, content);
+    EXPECT_EQ(0, symlink("elsewhere", (tree / "link").c_str()));
+    const ScannedTree scanned = scan_tree(tree.path(), {kLeafBytes, 1, nullptr});
+    manifest.name = name;
+    manifest.version = version;
+    manifest.leaf = kLeafBytes;
+    manifest.floor = floor;
+    manifest.entries = scanned.entries;
+    text = format(manifest);
+    leaves = format_leaves(scanned);
+    signature = signer.sign(text);
+  }
+  TempTree tree{"/dev/shm"};
+  Manifest manifest;
+  std::string text;
+  std::string leaves;
+  std::string signature;
+};
+
+// A process that was killed.
+struct Stopped : std::runtime_error {
+  Stopped() : std::runtime_error("stopped") {}
+};
+
+const std::string kSame(3 * kLeafBytes, 's');
+
+class Install : public testing::Test {
+ protected:
+  // A new process of the node. It is killed before its operation number `stop_at`.
+  void start(size_t stop_at = SIZE_MAX) {
+    operations_ = 0;
+    const auto before = [this, stop_at](const char*) {
+      if (operations_++ >= stop_at) throw Stopped();
+    };
+    node_ = std::make_unique<Installer>(
+        InstallerOptions{"base", place_.path(), state_.path(), keys_, SetId::kRefused, now_},
+        Disk(before));
+    node_->recover();
+  }
+
+  void bring(const std::string& path, const std::string& content) {
+    place_.write(".pkgdist/incoming/" + path, content);
+  }
+  void bring_manifest(const Built& built) {
+    bring(kManifestPath, built.text);
+    bring(kSignaturePath, built.signature);
+    if (!built.leaves.empty()) bring(kLeavesPath, built.leaves);
+    node_->check();
+  }
+  // As a push does: whatever the gate lets through.
+  void bring_files(const Built& built) {
+    for (const Entry& entry : built.manifest.entries) {
+      if (node_->ask(entry.path, std::nullopt) != Installer::kAccept) continue;
+      if (node_->ask(entry.path, Installer::Announced{entry.size, entry.mode, false}) !=
+          Installer::kAccept)
+        continue;
+      ++files_sent_;
+      bring(entry.path, built.tree.read(entry.path));
+      node_->arrived(entry.path);
+    }
+  }
+  void install(const Built& built) {
+    bring_manifest(built);
+    bring_files(built);
+    node_->activate();
+    node_->confirm();
+  }
+  std::optional<Reason> refused(const Built& built) {
+    return refusal([&] { bring_manifest(built); });
+  }
+  bool current_is(const Built& built) const {
+    std::error_code error;
+    if (!std::filesystem::exists(place_ / "current", error)) return false;
+    return differences(built.manifest, scan_tree(place_ / "current", {kLeafBytes, 1, nullptr}))
+        .empty();
+  }
+
+  const ReleaseSigner signer_{1};
+  std::vector<PublicKey> keys_ = {signer_.public_key()};
+  const TempTree place_{"/dev/shm"};
+  const TempTree state_{"/dev/shm"};
+  std::optional<std::string> now_;
+  const Built six_{6, {{"a/one", "1"}, {"same", kSame}, {"gone", "x"}}, signer_, 5};
+  const Built seven_{7, {{"a/one", "2"}, {"same", kSame}, {"new/file", "y"}}, signer_, 6};
+  std::unique_ptr<Installer> node_;
+  size_t operations_ = 0;
+  size_t files_sent_ = 0;
+};
+
+TEST_F(Install, a_release_is_installed_and_the_next_one_brings_only_what_is_new) {
+  start();
+  install(six_);
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_EQ(3u, files_sent_);
+  files_sent_ = 0;
+  install(seven_);
+  EXPECT_TRUE(current_is(seven_));
+  EXPECT_EQ(2u, files_sent_) << "the large file was here";
+  EXPECT_EQ(7u, node_->state().installed->version);
+  EXPECT_EQ(6u, node_->state().floors.at("0101010101010101"));
+  EXPECT_EQ(seven_.text, place_.read("current/.pkgdist/manifest"));
+  EXPECT_TRUE(node_->verify().empty());
+}
+
+TEST_F(Install, nothing_is_switched_before_it_is_activated) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  EXPECT_EQ(Reason::kNoRelease, refusal([&] { node_->activate(); }));
+  bring_files(seven_);
+  EXPECT_TRUE(node_->ready());
+  EXPECT_TRUE(current_is(six_));
+}
+
+TEST_F(Install, a_release_that_fails_goes_back_and_is_not_taken_again) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  bring_files(seven_);
+  node_->activate();
+  EXPECT_TRUE(current_is(seven_));
+  node_->fail();
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_EQ(Reason::kKnownBad, refused(seven_));
+  start();
+  EXPECT_FALSE(node_->ready());
+  EXPECT_EQ(Reason::kKnownBad, refused(seven_));
+}
+
+TEST_F(Install, a_first_release_that_fails_leaves_nothing_current) {
+  start();
+  bring_manifest(six_);
+  bring_files(six_);
+  node_->activate();
+  node_->fail();
+  EXPECT_EQ("", node_->link("current"));
+}
+
+TEST_F(Install, a_restart_during_the_trial_goes_back) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  bring_files(seven_);
+  node_->activate();
+  start();
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_FALSE(node_->state().trial);
+}
+
+TEST_F(Install, the_previous_release_comes_back_by_command) {
+  start();
+  install(six_);
+  install(seven_);
+  EXPECT_EQ(6u, node_->roll_back().version);
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_EQ(Reason::kKnownBad, refused(seven_));
+}
+
+TEST_F(Install, only_the_current_and_the_previous_release_are_kept) {
+  start();
+  install(six_);
+  install(seven_);
+  install(Built(8, {{"b", "8"}}, signer_));
+  size_t count = 0;
+  for (const auto& item : std::filesystem::directory_iterator(place_ / ".pkgdist/releases"))
+    count += item.is_directory() ? 1 : 0;
+  EXPECT_EQ(2u, count);
+}
+
+// --- What is refused, with nothing switched ---
+
+TEST_F(Install, every_refusal_has_its_own_reason) {
+  start();
+  install(six_);
+  EXPECT_EQ(Reason::kName, refused(Built(7, {{"a", "x"}}, signer_, 0, "other")));
+  EXPECT_EQ(Reason::kNotNewer, refused(Built(5, {{"a", "x"}}, signer_)));
+  EXPECT_EQ(Reason::kOtherManifest, refused(Built(6, {{"a", "x"}}, signer_)));
+  EXPECT_EQ(Reason::kUnknownKey, refused(Built(7, {{"a", "x"}}, ReleaseSigner(2))));
+  EXPECT_EQ(Reason::kBadSignature, refused(Built(7, {{"a", "x"}}, ReleaseSigner(1))));
+  Built damaged(7, {{"big", kSame}}, signer_);
+  damaged.leaves[40] ^= 1;
+  EXPECT_EQ(Reason::kLeaves, refused(damaged));
+  Built labelled(7, {{"a", "x"}}, signer_);
+  labelled.signature = signer_.sign(labelled.text, "pkgdist-release 1 name=base version=9");
+  EXPECT_EQ(Reason::kRelabelled, refused(labelled));
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_EQ(std::nullopt, node_->candidate());
+}
+
+TEST_F(Install, the_floor_holds_when_the_place_was_emptied_for_its_key_alone) {
+  start();
+  install(six_);
+  // Somebody takes the installed version out of the state; the floor stays.
+  InstallState state = node_->state();
+  state.installed.reset();
+  state_.write("base.state", format(state));
+  const ReleaseSigner other(2);
+  keys_.push_back(other.public_key());
+  start();
+  EXPECT_EQ(Reason::kFloor, refused(Built(4, {{"a", "x"}}, signer_)));
+  EXPECT_EQ(std::nullopt, refused(Built(4, {{"a", "x"}}, other)));
+}
+
+TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
+  Built built(7, {{"a", "x"}}, signer_);
+  built.manifest.expires = "2027-01-01T00:00:00Z";
+  built.text = format(built.manifest);
+  built.signature = signer_.sign(built.text);
+  now_ = "2027-01-01T00:00:00Z";
+  start();
+  EXPECT_EQ(Reason::kExpired, refused(built));
+  now_ = "2026-12-31T23:59:59Z";
+  start();
+  EXPECT_EQ(std::nullopt, refused(built));
+}
+
+TEST_F(Install, a_damaged_state_is_not_taken_for_none) {
+  start();
+  install(six_);
+  state_.write("base.state", "pkgdist-state 1\n");
+  EXPECT_EQ(Reason::kFormat, refusal([&] { start(); }));
+}
+
+TEST_F(Install, the_gate_lets_through_what_the_manifest_names_and_nothing_else) {
+  start();
+  EXPECT_EQ(EAGAIN, node_->ask("a/one", std::nullopt));
+  EXPECT_EQ(Installer::kAccept, node_->ask(kManifestPath, std::nullopt));
+  bring_manifest(six_);
+  EXPECT_EQ(Installer::kAccept, node_->ask("a/one", std::nullopt));
+  EXPECT_EQ(Installer::kAccept, node_->ask("a/one", Installer::Announced{1, 0644, false}));
+  EXPECT_EQ(EPERM, node_->ask("a/one", Installer::Announced{2, 0644, false}));
+  EXPECT_EQ(EPERM, node_->ask("a/one", Installer::Announced{1, 04755, false}));
+  EXPECT_EQ(EPERM, node_->ask("a/one", Installer::Announced{1, 0644, true}));
+  EXPECT_EQ(EPERM, node_->ask("stranger", std::nullopt));
+  EXPECT_EQ(EPERM, node_->ask(".pkgdist/staging/x", std::nullopt));
+  EXPECT_EQ(Installer::kPresent, node_->ask("link", std::nullopt));
+  EXPECT_EQ(Installer::kPresent, node_->ask("a", std::nullopt));
+  EXPECT_EQ(EPERM, node_->ask(kManifestPath, Installer::Announced{1, 0644, true}));
+  EXPECT_EQ(EFBIG, node_->ask(kManifestPath, Installer::Announced{UINT32_MAX, 0644, false}));
+}
+
+TEST_F(Install, a_file_with_another_content_is_refused_and_asked_for_again) {
+  start();
+  bring_manifest(six_);
+  bring("a/one", "0");
+  EXPECT_EQ(Reason::kContent, refusal([&] { node_->arrived("a/one"); }));
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/a/one"));
+  EXPECT_EQ(Installer::kAccept, node_->ask("a/one", std::nullopt));
+}
+
+TEST_F(Install, a_link_directory_or_fifo_in_place_of_a_file_is_not_taken) {
+  start();
+  bring_manifest(six_);
+  const std::string path = place_ / ".pkgdist/incoming/gone";
+  place_.write("secret", "x");
+  ASSERT_EQ(0, symlink((place_ / "secret").c_str(), path.c_str()));
+  EXPECT_THROW(node_->arrived("gone"), std::runtime_error);
+  ASSERT_EQ(0, unlink(path.c_str()));
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  EXPECT_EQ(Reason::kTree, refusal([&] { node_->arrived("gone"); }));
+  ASSERT_EQ(0, mkdir(path.c_str(), 0700));
+  EXPECT_EQ(Reason::kTree, refusal([&] { node_->arrived("gone"); }));
+}
+
+// Between the check of a file and the end: whoever can write staging is not believed either.
+TEST_F(Install, what_changes_in_staging_is_found_before_the_release_is_ready) {
+  for (const auto& change : std::vector<std::function<void(const std::string&)>>{
+           [](const std::string& path) { std::ofstream(path) << "2"; },
+           [](const std::string& path) { EXPECT_EQ(0, chmod(path.c_str(), 0777)); },
+           [](const std::string& path) {
+             std::filesystem::remove(path);
+             EXPECT_EQ(0, symlink("/etc/passwd", path.c_str()));
+           },
+           [](const std::string& path) {
+             std::filesystem::remove(path);
+             EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
+           },
+           [](const std::string& path) { std::ofstream(path + "-more") << "x"; }}) {
+    start();
+    bring_manifest(six_);
+    bring("a/one", "1");
+    node_->arrived("a/one");
+    change(place_ / (".pkgdist/staging/" + directory_name(*node_->candidate()) + "/a/one"));
+    bring("same", kSame);
+    node_->arrived("same");
+    bring("gone", "x");
+    EXPECT_EQ(Reason::kTree, refusal([&] { node_->arrived("gone"); }));
+    EXPECT_FALSE(node_->ready());
+    EXPECT_EQ("", node_->link("current"));
+  }
+}
+
+// --- Crashes ---
+
+// Kills the node before every one of its operations, one after the other.
+TEST_F(Install, after_a_kill_at_any_moment_current_is_wholly_the_old_or_the_new_tree) {
+  size_t moments = 0;
+  for (size_t stop_at = 0;; ++stop_at) {
+    std::filesystem::remove_all(place_ / "");
+    std::filesystem::create_directories(place_.path());
+    std::filesystem::remove(state_ / "base.state");
+    start();
+    install(six_);
+    bool stopped = false;
+    try {
+      start(stop_at);
+      install(seven_);
+    } catch (const Stopped&) {
+      stopped = true;
+    }
+    ASSERT_TRUE(current_is(six_) || current_is(seven_)) << "killed before " << stop_at;
+    start();
+    ASSERT_TRUE(current_is(six_) || current_is(seven_)) << "restarted after " << stop_at;
+    ASSERT_EQ(current_is(seven_), node_->state().installed->version == 7u) << stop_at;
+    if (!stopped) break;
+    ++moments;
+    // Whatever was interrupted, the next release can be installed.
+    const Built eight(8, {{"same", kSame}, {"z", "8"}}, signer_, 6);
+    install(eight);
+    ASSERT_TRUE(current_is(eight)) << stop_at;
+  }
+  EXPECT_GT(moments, 50u);
+  RecordProperty("moments", static_cast<int>(moments));
+}
+
+TEST_F(Install, an_interrupted_fetch_goes_on_with_what_is_missing) {
+  start();
+  bring_manifest(six_);
+  bring("same", kSame);
+  node_->arrived("same");
+  start();
+  EXPECT_EQ(2u, node_->missing());
+  bring_files(six_);
+  EXPECT_EQ(2u, files_sent_);
+  EXPECT_TRUE(node_->ready());
+}
+
+TEST_F(Install, a_failing_disk_leaves_the_current_release_and_is_reported) {
+  start();
+  install(six_);
+  for (size_t fail_at = 1;; ++fail_at) {
+    size_t count = 0;
+    node_ = std::make_unique<Installer>(
+        InstallerOptions{"base", place_.path(), state_.path(), keys_, SetId::kRefused, now_},
+        Disk([&](const char* operation) {
+          if (++count == fail_at) throw std::runtime_error(operation);
+        }));
+    try {
+      node_->recover();
+      bring_manifest(seven_);
+      bring_files(seven_);
+      break;  // nothing failed
+    } catch (const std::runtime_error&) {
+      ASSERT_TRUE(current_is(six_)) << fail_at;
+    }
+  }
+  EXPECT_TRUE(node_->ready());
+  EXPECT_TRUE(current_is(six_));
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+// diff: what an update from one release to another changes, and what a lead has to send for it.
+#include <fmt/core.h>
+
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "output.h"
+#include "stored_release.h"
+#include "tree.h"
+
+namespace pkgdist::release_program {
+
+namespace {
+
+nlohmann::json paths(const std::vector<const release::Entry*>& entries) {
+  nlohmann::json list = nlohmann::json::array();
+  for (const release::Entry* entry : entries) list.push_back(release::escape(entry->path));
+  return list;
+}
+
+std::string as_json(const release::Update& update) {
+  return nlohmann::json({{"added", paths(update.added)},
+                         {"changed", paths(update.changed)},
+                         {"removed", paths(update.removed)},
+                         {"sent", paths(update.sent)},
+                         {"bytes", update.bytes}})
+      .dump();
+}
+
+std::string as_text(const release::Update& update) {
+  std::string text;
+  const auto add = [&](char mark, const std::vector<const release::Entry*>& entries) {
+    for (const release::Entry* entry : entries)
+      text += fmt::format("{} {}\n", mark, release::escape(entry->path));
+  };
+  add('-', update.removed);
+  add('+', update.added);
+  add('~', update.changed);
+  return text + fmt::format("{} removed, {} added, {} changed; {} files with {} bytes travel\n",
+                            update.removed.size(), update.added.size(), update.changed.size(),
+                            update.sent.size(), update.bytes);
+}
+
+}  // namespace
+
+int diff_command(const ReleaseOptions& options) {
+  const auto before = release::parse(read_manifest(options.path), release::SetId::kAllowed);
+  const auto after = release::parse(read_manifest(options.other), release::SetId::kAllowed);
+  const release::Update update = release::compare(before, after);
+  cli::standard_output().write(options.json ? as_json(update) + "\n" : as_text(update),
+                               cli::Output::Kind::kResult);
+  return cli::kExitOk;
+}
+
+}  // namespace pkgdist::release_program

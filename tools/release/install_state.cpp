@@ -1,0 +1,85 @@
+#include "install_state.h"
+
+#include <fmt/core.h>
+
+#include <sstream>
+
+#include "refusal.h"
+
+namespace pkgdist::release {
+
+namespace {
+
+constexpr char kHead[] = "pkgdist-state 1";
+
+InstalledRelease read_release(std::istringstream& fields, const std::string& line) {
+  InstalledRelease release;
+  std::string digest;
+  fields >> release.version >> digest;
+  const auto parsed = digest_from_hex(digest);
+  if (!fields || !parsed) throw Refused(Reason::kFormat, "the state is damaged: " + line);
+  release.manifest = *parsed;
+  return release;
+}
+
+void read_line(InstallState& state, const std::string& line) {
+  std::istringstream fields(line);
+  std::string what;
+  fields >> what;
+  if (what == "installed") {
+    state.installed = read_release(fields, line);
+  } else if (what == "trial") {
+    state.trial = read_release(fields, line);
+  } else if (what == "floor") {
+    std::string key;
+    uint64_t version = 0;
+    fields >> key >> version;
+    state.floors[key] = version;
+  } else if (what == "bad") {
+    std::string digest;
+    fields >> digest;
+    const auto parsed = digest_from_hex(digest);
+    if (!parsed)
+      fields.setstate(std::ios::failbit);
+    else
+      state.bad.insert(*parsed);
+  } else {
+    fields.setstate(std::ios::failbit);
+  }
+  if (!fields) throw Refused(Reason::kFormat, "the state is damaged: " + line);
+}
+
+}  // namespace
+
+std::string format(const InstallState& state) {
+  std::string text = std::string(kHead) + "\n";
+  if (state.installed)
+    text += fmt::format("installed {} {}\n", state.installed->version,
+                        to_hex(state.installed->manifest));
+  if (state.trial)
+    text += fmt::format("trial {} {}\n", state.trial->version, to_hex(state.trial->manifest));
+  for (const auto& [key, version] : state.floors)
+    text += fmt::format("floor {} {}\n", key, version);
+  for (const Digest& digest : state.bad) text += fmt::format("bad {}\n", to_hex(digest));
+  return text + "end\n";
+}
+
+InstallState parse_state(std::string_view text) {
+  std::istringstream lines{std::string(text)};
+  std::string line;
+  if (!std::getline(lines, line) || line != kHead)
+    throw Refused(Reason::kFormat, "this is no state of an installation");
+  InstallState state;
+  while (std::getline(lines, line)) {
+    if (line == "end") return state;
+    read_line(state, line);
+  }
+  throw Refused(Reason::kFormat, "the state ends early");
+}
+
+std::string directory_name(const InstalledRelease& release) {
+  constexpr size_t kDigits = 16;
+  return fmt::format("{}-{}", release.version, to_hex(release.manifest).substr(0, kDigits));
+}
+
+}  // namespace pkgdist::release

@@ -1,0 +1,37 @@
+// What a node remembers of a release's installations, outside of the place it is installed in: who
+// empties that place does not undo the protection against older versions.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "crypto.h"
+
+namespace pkgdist::release {
+
+struct InstalledRelease {
+  uint64_t version = 0;
+  Digest manifest{};  // SHA-256 of its text
+  bool operator==(const InstalledRelease&) const = default;
+};
+
+struct InstallState {
+  std::optional<InstalledRelease> installed;  // the last one that was confirmed
+  std::optional<InstalledRelease> trial;      // activated and not confirmed
+  std::map<std::string, uint64_t> floors;     // by key
+  std::set<Digest> bad;                       // manifests that failed
+  bool operator==(const InstallState&) const = default;
+};
+
+std::string format(const InstallState& state);
+// Throws Refused(kFormat): a damaged state is not taken for an empty one.
+InstallState parse_state(std::string_view text);
+
+// Directory of a release among others: "7-<16 digits of its manifest's digest>".
+std::string directory_name(const InstalledRelease& release);
+
+}  // namespace pkgdist::release

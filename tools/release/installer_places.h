@@ -1,0 +1,13 @@
+// Names in the place of an installation.
+#pragma once
+
+namespace pkgdist::release {
+
+inline constexpr char kCurrent[] = "current";
+inline constexpr char kPrevious[] = "previous";
+inline constexpr char kIncoming[] = ".pkgdist/incoming";
+inline constexpr char kStaging[] = ".pkgdist/staging";
+inline constexpr char kReleases[] = ".pkgdist/releases";
+inline constexpr unsigned kReleaseMode = 0755;  // of a release's own directory
+
+}  // namespace pkgdist::release

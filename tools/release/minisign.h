@@ -1,0 +1,46 @@
+// Signatures in minisign's format, made with `minisign -S` and verified here.
+//
+// A signature file has four lines: a comment that nothing protects, the signature of the
+// BLAKE2b-512 hash of the signed file, a trusted comment, and the signature of the first signature
+// together with the trusted comment. Signatures over the file itself (minisign -l) are refused: a
+// signature over a hash could otherwise be taken for one over a file of 64 bytes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "crypto.h"
+
+namespace pkgdist::release {
+
+using KeyId = std::array<uint8_t, 8>;
+
+struct PublicKey {
+  KeyId id{};
+  std::array<uint8_t, kEd25519KeyBytes> key{};
+};
+
+// As minisign prints it: sixteen hexadecimal digits, the highest byte first.
+std::string key_text(const KeyId& id);
+
+// The text of a public key file, or its second line alone. Throws Refused(kKey).
+PublicKey parse_public_key(std::string_view text);
+
+// All files NAME.pub of a directory, or the one file. Throws Refused(kKey) for one that is none,
+// and when there is none at all; std::runtime_error when they cannot be read.
+std::vector<PublicKey> read_public_keys(const std::filesystem::path& path);
+
+// The key that signed. Throws Refused unless both signatures hold, with one of `keys`, and the
+// trusted comment is `expected_comment`.
+const PublicKey& verify_signature(std::string_view signed_bytes, std::string_view signature_file,
+                                  const std::vector<PublicKey>& keys,
+                                  std::string_view expected_comment);
+
+// Largest signature file that is looked at; minisign's own have some hundred bytes.
+inline constexpr size_t kMaxSignatureFileBytes = 16384;
+
+}  // namespace pkgdist::release
