@@ -226,9 +226,9 @@ void Reporter::message_finished(const lead::MessageReport& report) {
 
 void Reporter::push_queued(uint32_t number, const std::vector<std::string>& before) {
   json_.print("push-queued", Json{{"number", number}, {"before", before}});
-  std::string names;
-  for (const std::string& name : before) names += (names.empty() ? "" : ", ") + name;
-  if (!before.empty()) say(fmt::format("push {} waits for the end of {}", number, names));
+  std::string ahead;
+  for (const std::string& name : before) ahead += (ahead.empty() ? "" : ", ") + name;
+  if (!before.empty()) say(fmt::format("push {} waits for the end of {}", number, ahead));
 }
 
 // --- The programs of nodes ---
