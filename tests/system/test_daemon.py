@@ -246,7 +246,7 @@ class RunningNode(SystemTest):
         tree.add(self.content, "a.tmp", 100)
         status, events, errors = self.command("get", "a", "a.tmp")
         self.assertEqual(status, 0, errors)
-        self.assertEqual({e["path"]: e["status"] for e in events if e["event"] == "file"}, {"a": 0, "a.tmp": 0})
+        self.assertEqual({e["name"]: e["status"] for e in events if e["event"] == "file"}, {"a": 0, "a.tmp": 0})
         self.assert_received()
         self.assert_alive()
 
