@@ -93,6 +93,7 @@ class TerminalViews(SystemTest):
         terminal.wait_for(f"end the push for {self.net.nodes[1].address}? y/n")
         terminal.type("y")
         terminal.wait_for("1 of 3 nodes done")
+        terminal.read(lambda _: terminal.shown()[2][1] == "x", 10)
         self.assertEqual(terminal.shown()[2][1], "x")
         terminal.type("q")
         terminal.wait_for("1 of 3 nodes done")
@@ -113,7 +114,8 @@ class TerminalViews(SystemTest):
 
     def test_a_thousand_nodes_can_be_read_in_80_columns_and_24_rows(self):
         terminal = self.top(self.replay_file(1000, 8))
-        terminal.read(lambda _: len(self.cells(terminal)) == 1000, 10)
+        # The events are read step by step, and shown meanwhile.
+        terminal.wait_for("10.71.0.6       80% heard 5 s", 20)
         cells = self.cells(terminal)
         self.assertEqual(len(cells), 1000)
         self.assertIn("push 2147486722", terminal.shown()[0])

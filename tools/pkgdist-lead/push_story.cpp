@@ -29,7 +29,7 @@ std::string trouble_text(const std::string& name) {
 // A node whose disk was full deletes the partial file, and may miss that then.
 std::string disk_reason(const std::string& cause) {
   const auto says = [&](const char* words) { return cause.find(words) != std::string::npos; };
-  if (says("space") || says("short write")) return "its disk was full: " + cause;
+  if (says("space") || says("disk is full")) return "its disk was full: " + cause;
   if (says("No such file")) return "its disk was full, or the file was gone: " + cause;
   return {};
 }

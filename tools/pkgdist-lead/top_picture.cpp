@@ -57,7 +57,8 @@ double badness(const NodeState& node, const TopHistory& history, TopSettings::Ce
 
 std::string reason_of(const NodeState& node) {
   if (const std::string note = note_of(node); !note.empty()) return note;
-  if (node.repair_ratio >= 0.01) return fmt::format("{:.0f} % repairs", node.repair_ratio * 100);
+  // As wide as the others: the column has nine characters.
+  if (node.repair_ratio >= 0.01) return fmt::format("rep. {:.0f}%", node.repair_ratio * 100);
   return format_bytes(node.rate) + "/s";
 }
 

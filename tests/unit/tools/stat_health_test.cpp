@@ -83,7 +83,9 @@ void expect_only(const Sample& sample, const std::string& subject, HealthLevel l
                  const std::string& text) {
   for (const Health& one : health_of(sample, nullptr)) {
     EXPECT_EQ(one.subject == subject ? level : HealthLevel::kOk, one.level) << one.text;
-    if (one.subject == subject) EXPECT_NE(std::string::npos, one.text.find(text)) << one.text;
+    if (one.subject == subject) {
+      EXPECT_NE(std::string::npos, one.text.find(text)) << one.text;
+    }
   }
 }
 

@@ -97,7 +97,7 @@ TEST_F(TopPicture, names_the_slowest_ten_with_the_reason) {
   state.nodes[999].files_failed = 3;
   const auto all = lines();
   EXPECT_EQ(count("10.200.1.245    50% heard 7 s"), 1u);
-  EXPECT_EQ(count("10.200.1.246     0% 20 % repairs"), 1u);
+  EXPECT_EQ(count("10.200.1.246     0% rep. 20%"), 1u);
   EXPECT_EQ(count("10.200.3.232    99% 3 failed"), 1u);
   EXPECT_EQ(count("12.0 MB/s"), 7u) << "no reason is known: what arrives";
 }
