@@ -46,6 +46,10 @@ class Lead::Impl {
   MessageId delete_files(uint32_t location, const std::vector<std::string>& names,
                          const Audience& audience, Time now, Time timeout);
   NodeCounts node_counts() const;
+  std::vector<NodeView> nodes() const;
+  bool leave_out(uint32_t address, uint64_t status, Time now) {
+    return push() != nullptr && push()->leave_out_node(parts_.nodes.find(address), status, now);
+  }
   uint32_t xact() const { return parts_.push ? next_xact_ : 0; }
   const LeadParts& parts() const { return parts_; }
   PushJob* push() const { return parts_.push.get(); }
@@ -201,6 +205,14 @@ Lead::NodeCounts Lead::Impl::node_counts() const {
   return counts;
 }
 
+std::vector<Lead::NodeView> Lead::Impl::nodes() const {
+  std::vector<NodeView> views;
+  for (NodeIndex i = 0; i < parts_.nodes.size(); ++i)
+    if (const auto& node = parts_.nodes[i]; node.info.pid != 0)
+      views.push_back({node.info, node.last_heard, node.silent});
+  return views;
+}
+
 // --- The face ---
 
 Lead::Lead(const Settings& settings, DatagramSink& sink, ContentStore& store, Events& events)
@@ -262,6 +274,14 @@ MessageReport Lead::message_report(MessageId id) const {
 
 Lead::NodeCounts Lead::node_counts() const {
   return impl_->node_counts();
+}
+
+std::vector<Lead::NodeView> Lead::nodes() const {
+  return impl_->nodes();
+}
+
+bool Lead::leave_out(uint32_t address, uint64_t status, Time now) {
+  return impl_->leave_out(address, status, now);
 }
 
 Role Lead::role() const {

@@ -65,18 +65,19 @@ class CancelAndDelete(SystemTest):
         self.push()
         serving = BackgroundLead(self, "serve")
         lab.wait_until(lambda: len(serving.events("node-appeared")) == 3, what="the nodes")
-        status, events, error = serving.request("delete", "gone", "directory/gone", "never there")
+        lab.wait_until(lambda: len(serving.events("node-introduced")) == 3, what="the introductions")
+        status, events, error = serving.request("delete", "gone", "directory/gone")
         self.assertEqual(status, 0, error)
         self.assertEqual(events[-1]["acknowledged"], 3)
         for node in self.net.nodes:
             lab.wait_until(lambda n=node: names_below(self.directory_of(n)) == {"kept"}, 5,
                            "the files to be gone")
 
-    def test_a_cancel_of_nothing_is_acknowledged_and_changes_nothing(self):
+    def test_a_cancel_of_nothing_changes_nothing(self):
         self.start_nodes()
         serving = BackgroundLead(self, "serve")
-        lab.wait_until(lambda: len(serving.events("node-appeared")) == 3, what="the nodes")
-        self.assertEqual(serving.request("cancel", "4711")[0], 0)
+        lab.wait_until(lambda: len(serving.events("node-introduced")) == 3, what="the introductions")
+        self.assertEqual(serving.request("cancel", "4711")[0], 1)
         for node in self.net.nodes:
             self.assertEqual(self.node_events(node, "file"), [])
 
@@ -84,5 +85,5 @@ class CancelAndDelete(SystemTest):
         serving = BackgroundLead(self, "serve")
         serving.wait_for("role")
         status, events, error = serving.request("delete", "../etc/passwd")
-        self.assertEqual((status, events[-1]["event"]), (1, "error"))
+        self.assertEqual((status, events[-1]["event"]), (3, "error"))
         self.assertIn("../etc/passwd", error)

@@ -10,7 +10,7 @@ from support import ROOT, BackgroundLead, SystemTest, lab
 # Long enough for the three probes that a finding needs.
 USUAL = {"--seconds": "1", "--receive-buffer": "4096", "--need": "1000"}
 HERE_ONLY = ("--seconds", "0")
-OK, WARNINGS, PROBLEMS, NO_EXAMINATION = 0, 1, 2, 3
+OK, WARNINGS, PROBLEMS, USAGE = 0, 1, 1, 2
 
 
 class Examination:
@@ -105,12 +105,12 @@ class Doctor(SystemTest):
                                         r"file or directory\n +why: .+\n +mend: mkdir -p /no/such\n")
         self.assertRegex(result.stdout, r"\n\d problems, \d warnings, \d notes\n$")
 
-    def test_wrong_arguments_are_no_examination(self):
+    def test_wrong_arguments_are_refused(self):
         for arguments in ([], ["lead"], ["--interface", "10.71.0.1"],
                           ["--interface", "10.71.0.1", "--seconds", "-1", "lead"]):
             result = self.net.lead.run([self.programs.doctor, *arguments], capture_output=True,
                                        text=True, timeout=10)
-            self.assertEqual((result.returncode, result.stdout), (NO_EXAMINATION, ""))
+            self.assertEqual((result.returncode, result.stdout), (USAGE, ""))
             self.assertEqual(len(result.stderr.splitlines()), 1)
 
     # --- The network ---

@@ -179,7 +179,7 @@ class LeadMetrics(SystemTest):
         other = self.net.lead.run([self.programs.lead, "--interface", "127.0.0.1", "--location",
                                    f"1={self.content}", "serve", "--metrics", where],
                                   capture_output=True, text=True, timeout=10)
-        self.assertEqual(other.returncode, 1)
+        self.assertEqual(other.returncode, 3)
         self.assertEqual(other.stderr, f"pkgdist-lead: --metrics {where}: Address already in use\n")
 
         self.wait_for("pkgdist_lead_nodes_heard", 3)

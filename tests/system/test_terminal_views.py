@@ -153,7 +153,7 @@ class TerminalViews(SystemTest):
         result = self.net.lead.run([self.programs.lead, "top", self.replay_file(2, 1)], capture_output=True, text=True,
                                    stdin=subprocess.DEVNULL, timeout=10)
         self.assertEqual((result.returncode, result.stderr),
-                         (1, "pkgdist-lead: the full-screen view needs a terminal\n"))
+                         (3, "pkgdist-lead: the full-screen view needs a terminal\n"))
 
     def test_made_up_events_are_like_real_ones(self):
         checker = event_schema.Checker()

@@ -121,5 +121,5 @@ class Usage(SystemTest):
         for command in ([self.programs.lead, "--interface", "10.71.0.77", *serve],
                         self.lead(*serve, "--metrics", "10.71.0.77:9471")):
             result = self.net.lead.run(command, capture_output=True, text=True, timeout=10)
-            self.assertEqual(result.returncode, 1, result.stderr)
+            self.assertEqual(result.returncode, 3, result.stderr)
             self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)

@@ -64,9 +64,12 @@ int parse_and_run(CLI::App& app, int argc, char** argv, const std::function<int(
   } catch (const CLI::Error& error) {
     complain(error.what());
     return kExitUsage;
-  } catch (const std::exception& error) {
+  } catch (const NotDone& error) {
     complain(error.what());
     return kExitFailure;
+  } catch (const std::exception& error) {
+    complain(error.what());
+    return kExitNotStarted;
   }
 }
 

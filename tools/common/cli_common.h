@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,15 @@ class App;  // the header is a large one: who builds an App includes it
 namespace pkgdist::cli {
 
 // Exit statuses of all programs.
-inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailure = 1;
-inline constexpr int kExitUsage = 2;
+inline constexpr int kExitOk = 0;          // done
+inline constexpr int kExitFailure = 1;     // not done, or not all of it
+inline constexpr int kExitUsage = 2;       // an argument is wrong
+inline constexpr int kExitNotStarted = 3;  // nothing could be started
+
+// Thrown when something was begun and not done; other exceptions mean that nothing was begun.
+struct NotDone : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 // "10.0.0.1" for the address in host byte order, and back.
 std::string format_address(uint32_t address);
@@ -72,7 +79,8 @@ std::string message_bytes(const std::string& argument);
 void add_common_options(CLI::App& app, CommonOptions& options, bool memory);
 
 // Parses, then calls `main`, whose result is the exit status. --help and --version end with 0,
-// usage errors with kExitUsage and one line, exceptions with kExitFailure and one line. Ends when
+// usage errors with kExitUsage and one line, NotDone with kExitFailure, other exceptions with
+// kExitNotStarted and one line. Ends when
 // all output is written; with `failure` instead of 0 when it could not be (output.h), and when a
 // stop signal did not end the program in time (stop_signals.h).
 int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main,

@@ -13,6 +13,7 @@ std::string status_text(uint64_t status) {
     return "segments do not arrive, small datagrams do: check the MTU";
   if (status == PKGDIST_STATUS_FROM_ERRNO(ECONNRESET))
     return "the node's process restarted again and again";
+  if (status == kStatusNoLocation) return "the node has no such location";
   if (status == PKGDIST_STATUS_UNKNOWN_FILE)
     return "not wanted by the node; of a push: the name is too long for its location, or it has no "
            "such location";

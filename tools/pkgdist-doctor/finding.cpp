@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+#include "cli_common.h"
+
 namespace pkgdist::doctor {
 
 namespace {
@@ -14,11 +16,6 @@ namespace {
 constexpr std::array<const char*, 4> kNames = {"ok", "note", "warning", "problem"};
 // What people see first has to stand out.
 constexpr std::array<const char*, 4> kMarks = {"ok", "note", "WARNING", "PROBLEM"};
-
-// Exit statuses.
-constexpr int kWell = 0;
-constexpr int kWarnings = 1;
-constexpr int kProblems = 2;
 
 constexpr size_t kTextColumn = 20;
 // A host that is alone needs no table.
@@ -114,7 +111,7 @@ int Findings::finish() {
   const size_t problems = count_[static_cast<size_t>(Level::kProblem)];
   const size_t warnings = count_[static_cast<size_t>(Level::kWarning)];
   const size_t notes = count_[static_cast<size_t>(Level::kNote)];
-  const int status = problems != 0 ? kProblems : warnings != 0 ? kWarnings : kWell;
+  const int status = problems + warnings != 0 ? cli::kExitFailure : cli::kExitOk;
   for (const HostLine& one : hosts_)
     json_.print("host",
                 {{"host", one.host},

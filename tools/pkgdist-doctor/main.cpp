@@ -11,9 +11,6 @@ namespace pkgdist::doctor {
 
 namespace {
 
-// The program could not look: wrong arguments, or something unforeseen.
-constexpr int kNoExamination = 3;
-
 // A group that nobody has: that of the control channel with other last bits.
 uint32_t scratch_group(const cli::CommonOptions& common) {
   const uint32_t group = common.ctrl_group.address ^ 0x5F;
@@ -73,12 +70,5 @@ int main(int argc, char** argv) {
   CLI::App app("Says whether pkgdist will work on this host and its network.", "pkgdist-doctor");
   doctor::DoctorOptions options;
   doctor::add_doctor_options(app, options);
-  int verdict = doctor::kNoExamination;
-  const auto examine = [&] {
-    verdict = doctor::examine(options);
-    return cli::kExitOk;
-  };
-  const int failure = cli::run_cli(app, argc, argv, examine, doctor::kNoExamination);
-  if (failure != cli::kExitOk) return doctor::kNoExamination;
-  return verdict == doctor::kNoExamination ? cli::kExitOk : verdict;  // --help and the like
+  return cli::run_cli(app, argc, argv, [&] { return doctor::examine(options); });
 }

@@ -10,5 +10,7 @@ int serve_command(const LeadOptions& options);
 int top_command(const LeadOptions& options);
 // message, cancel and delete: handed to a running lead.
 int request_command(const LeadOptions& options);
+// status, nodes and pushes: what a running lead tells.
+int list_command(const LeadOptions& options);
 
 }  // namespace pkgdist::lead_program

@@ -1,32 +1,26 @@
 #include "control_path.h"
 
 #include <fmt/core.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <CLI/Error.hpp>
-#include <cstdlib>
+#include <stdexcept>
+
+#include "control_socket.h"
 
 namespace pkgdist::lead_program {
 
-namespace {
-
-std::string runtime_directory() {
-  const char* own = std::getenv("XDG_RUNTIME_DIR");
-  if (own != nullptr && own[0] == '/') return own;
-  return ::access("/run", W_OK) == 0 ? "/run" : "/tmp";
+std::string control_path(const LeadOptions& options) {
+  const uint32_t address = options.control_path.empty() ? require_interface(options) : 0;
+  return cli::control_socket_path(options.control_path, "pkgdist-lead", address,
+                                  options.common.lead_port);
 }
 
-}  // namespace
-
-std::string control_path(const LeadOptions& options) {
-  std::string path = options.control_path;
-  if (path.empty())
-    path = fmt::format("{}/pkgdist-lead-{}-{}.sock", runtime_directory(),
-                       cli::format_address(require_interface(options)), options.common.lead_port);
-  if (path.size() >= sizeof(sockaddr_un::sun_path))
-    throw CLI::ValidationError(fmt::format("--control: too long for a socket: '{}'", path));
-  return path;
+cli::LineConnection connect_to_lead(const LeadOptions& options) {
+  const std::string path = control_path(options);
+  auto socket = cli::connect_to(path, !options.control_path.empty());
+  if (!socket)
+    throw std::runtime_error(fmt::format(
+        "no lead takes commands at {}: none is running with this interface and port", path));
+  return {std::move(*socket), "lead"};
 }
 
 }  // namespace pkgdist::lead_program

@@ -1,9 +1,10 @@
-// Where the control socket of a running lead is.
+// The control socket of a running lead: where it is, and how to reach it.
 #pragma once
 
 #include <string>
 
 #include "lead_options.h"
+#include "line_connection.h"
 
 namespace pkgdist::lead_program {
 
@@ -11,5 +12,8 @@ namespace pkgdist::lead_program {
 // /run where that may be written, or in /tmp. Throws when neither --control nor --interface is
 // there, or the path is too long for a socket.
 std::string control_path(const LeadOptions& options);
+
+// To the lead that takes commands there. Throws std::runtime_error when none does.
+cli::LineConnection connect_to_lead(const LeadOptions& options);
 
 }  // namespace pkgdist::lead_program

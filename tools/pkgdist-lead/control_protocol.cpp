@@ -5,6 +5,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "base64.h"
 #include "cli_common.h"
 #include "pkgdist_lead/names.h"
 
@@ -14,23 +15,11 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::string_view kDigits =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr double kMaxTimeoutSeconds = 3600;
 constexpr size_t kMaxNodes = 4096;
 
 [[noreturn]] void refuse(const std::string& why) {
   throw std::runtime_error(why);
-}
-
-uint32_t digit_value(char digit) {
-  const size_t at = kDigits.find(digit);
-  if (at == std::string_view::npos) refuse("not base64");
-  return static_cast<uint32_t>(at);
-}
-
-std::span<const uint8_t> bytes_of(const std::string& text) {
-  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
 uint32_t number(const Json& object, const char* key, uint32_t first, uint32_t last) {
@@ -69,7 +58,7 @@ lead::Audience decode_audience(const Json& object) {
 void decode_message(const Json& object, Request& request) {
   request.kind = lead::MessageKind::kMessage;
   request.msg_class = number(object, "class", 2, 5);
-  request.bytes = decode_base64(text(member(object, "data"), "data"));
+  request.bytes = cli::decode_base64(text(member(object, "data"), "data"));
   if (request.bytes.empty()) refuse("an empty message cannot be sent");
   if (request.bytes.size() > lead::kMaxMessageSize)
     refuse(fmt::format("the message is longer than {} bytes", lead::kMaxMessageSize));
@@ -81,12 +70,13 @@ void decode_message(const Json& object, Request& request) {
 void decode_delete(const Json& object, Request& request) {
   request.kind = lead::MessageKind::kDelete;
   request.location = number(object, "location", 1, 6);
+  request.recursive = object.value("recursive", false);
   const Json& names = member(object, "names");
   if (!names.is_array() || names.empty() || names.size() > UINT16_MAX)
     refuse(fmt::format("\"names\" must be a list of 1 to {} names", UINT16_MAX));
   size_t size = 0;
   for (const Json& entry : names) {
-    const std::vector<uint8_t> bytes = decode_base64(text(entry, "names"));
+    const std::vector<uint8_t> bytes = cli::decode_base64(text(entry, "names"));
     const std::string& name = request.names.emplace_back(bytes.begin(), bytes.end());
     if (const char* problem = lead::name_problem(name))
       refuse(fmt::format("'{}' cannot be deleted: {}", name, problem));
@@ -94,7 +84,8 @@ void decode_delete(const Json& object, Request& request) {
     size += name.size() + kOverhead;
   }
   constexpr size_t kHeader = 64;
-  if (size + kHeader > lead::kMaxMessageSize) refuse("the list of names is too long");
+  // Nodes are asked about the names in base64.
+  if (size / 3 * 4 + kHeader > lead::kMaxMessageSize) refuse("the list of names is too long");
 }
 
 Json audience_fields(const Request& request) {
@@ -108,43 +99,14 @@ Json audience_fields(const Request& request) {
 
 Json request_fields(const Request& request) {
   if (request.kind == lead::MessageKind::kMessage)
-    return {{"class", request.msg_class}, {"data", encode_base64(request.bytes)}};
+    return {{"class", request.msg_class}, {"data", cli::encode_base64(request.bytes)}};
   if (request.kind == lead::MessageKind::kCancel) return {{"transaction", request.transaction}};
   Json names = Json::array();
-  for (const std::string& name : request.names) names.push_back(encode_base64(bytes_of(name)));
-  return {{"location", request.location}, {"names", names}};
+  for (const std::string& name : request.names) names.push_back(cli::encode_base64(name));
+  return {{"location", request.location}, {"names", names}, {"recursive", request.recursive}};
 }
 
 }  // namespace
-
-std::string encode_base64(std::span<const uint8_t> bytes) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t some = std::min<size_t>(3, bytes.size() - i);
-    uint32_t group = 0;
-    for (size_t k = 0; k < 3; ++k) group = group << 8 | (k < some ? bytes[i + k] : 0u);
-    for (size_t k = 0; k < 4; ++k)
-      out.push_back(k <= some ? kDigits[group >> (18 - 6 * k) & 63] : '=');
-  }
-  return out;
-}
-
-std::vector<uint8_t> decode_base64(const std::string& text) {
-  if (text.size() % 4 != 0) refuse("not base64");
-  std::vector<uint8_t> bytes;
-  bytes.reserve(text.size() / 4 * 3);
-  for (size_t i = 0; i < text.size(); i += 4) {
-    const bool last = i + 4 == text.size();
-    const size_t padding = !last || text[i + 3] != '=' ? 0 : text[i + 2] == '=' ? 2 : 1;
-    uint32_t group = 0;
-    for (size_t k = 0; k < 4; ++k)
-      group = group << 6 | (k < 4 - padding ? digit_value(text[i + k]) : 0);
-    for (size_t k = 0; k < 3 - padding; ++k)
-      bytes.push_back(static_cast<uint8_t>(group >> (16 - 8 * k)));
-  }
-  return bytes;
-}
 
 std::string encode_request(const Request& request) {
   Json object{{"command", kind_text(request.kind)}};

@@ -4,11 +4,20 @@
 //   request   {"command":"message","class":2,"card_class":3,"nodes":["10.0.0.2"],"data":BASE64,
 //              "timeout":10}
 //             {"command":"cancel","transaction":7,"nodes":[],"timeout":10}
-//             {"command":"delete","location":1,"names":[BASE64,...],"nodes":[],"timeout":10}
+//             {"command":"delete","location":1,"names":[BASE64,...],"recursive":false,"nodes":[],
+//              "timeout":10}
+//             {"command":"cancel","push":"release-7"}
+//             {"command":"status"}, {"command":"nodes"}, {"command":"pushes"}
+//             {"command":"push",...}                                             push_wire.h
 //   answers   {"event":"sent","id":3,"nodes":2}
-//             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"reason":"acknowledged"}
-//             {"event":"done","complete":true,"acknowledged":2,"missing":0}      the end
+//             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"text":"acknowledged",
+//              "deleted":1,"names":[{"name":"a","text":"no such file"}]}
+//             {"event":"done","complete":true,"sent":true,"acknowledged":2,"missing":0}   the end
 //             {"event":"error","text":"..."}                                     the end
+//             {"event":"node",...}, {"event":"push",...}, {"event":"status",...} lists and states
+//
+// What a node did with a cancel or delete is told for nodes whose programs answer questions
+// (introduction.h); of the others only that they acknowledged.
 //
 // Bytes and names travel in base64: neither need be valid text. Without "nodes" and "card_class" a
 // command is for everyone.
@@ -16,7 +25,6 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -35,6 +43,7 @@ struct Request {
   uint32_t transaction = 0;
   uint32_t location = 0;
   std::vector<std::string> names;
+  bool recursive = false;  // directories are deleted, too
   double timeout_seconds = 10;
 
   lead::Time timeout() const { return static_cast<lead::Time>(timeout_seconds * 1e9); }
@@ -44,10 +53,6 @@ struct Request {
 std::string encode_request(const Request& request);
 // Throws std::runtime_error that says what is wrong with the line.
 Request decode_request(const std::string& line);
-
-std::string encode_base64(std::span<const uint8_t> bytes);
-// Throws std::runtime_error when the text is no base64.
-std::vector<uint8_t> decode_base64(const std::string& text);
 
 const char* kind_text(lead::MessageKind kind);
 // Why a node counts as it does, in words.

@@ -1,17 +1,14 @@
 #include "control_server.h"
 
 #include <fmt/core.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 
-#include <cstring>
+#include <algorithm>
+#include <filesystem>
 #include <stdexcept>
 
 #include "cli_common.h"
 #include "control_path.h"
 #include "pkgdist_lead/udp_transport.h"
-#include "printable.h"
 
 namespace pkgdist::lead_program {
 
@@ -19,201 +16,213 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr size_t kMaxConnections = 16;
-// A client has its request ready when it connects.
-constexpr lead::Time kRequestTimeout = 10 * lead::kSecond;
-// And reads what it is told.
-constexpr lead::Time kReaderTimeout = 10 * lead::kSecond;
-constexpr mode_t kOwnerOnly = 0177;  // as umask
-
-sockaddr_un endpoint(const std::string& path) {
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  path.copy(name.sun_path, sizeof name.sun_path - 1);
-  return name;
+double seconds(lead::Time time) {
+  return cli::rounded(static_cast<double>(time) / static_cast<double>(lead::kSecond),
+                      cli::kSecondDecimals);
 }
 
-int bind_to(int fd, const sockaddr_un& name) {
-  const mode_t before = ::umask(kOwnerOnly);
-  const int result = ::bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name);
-  ::umask(before);
-  return result;
-}
-
-// A socket on which nobody listens is left over from a lead that was killed.
-bool is_stale(const std::string& path, const sockaddr_un& name) {
-  struct stat info {};
-  if (::lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return false;
-  const Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0 &&
-         errno == ECONNREFUSED;
-}
-
-Fd listen_on(const std::string& path) {
-  const sockaddr_un name = endpoint(path);
-  Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  int result = bind_to(fd.get(), name);
-  if (result != 0 && errno == EADDRINUSE) {
-    if (!is_stale(path, name))
-      throw std::runtime_error(fmt::format("control socket {}: in use by another lead", path));
-    (void)::unlink(path.c_str());
-    result = bind_to(fd.get(), name);
-  }
-  if (result != 0 || ::listen(fd.get(), kMaxConnections) != 0)
-    throw std::runtime_error(fmt::format("control socket {}: {}", path, std::strerror(errno)));
-  return fd;
-}
-
-ino_t inode_of(const std::string& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+const char* role_text(lead::Role role) {
+  return role == lead::Role::kLeading      ? "leading"
+         : role == lead::Role::kStandingBy ? "standing-by"
+                                           : "listening";
 }
 
 }  // namespace
 
-ControlServer::ControlServer(const std::string& path, Poller& poller, lead::Lead& lead,
-                             Reporter& reporter)
-    : path_(path),
-      poller_(poller),
-      lead_(lead),
+ControlServer::ControlServer(const std::string& path, const LeadOptions& options, Session& session,
+                             NodePrograms& programs, Reporter& reporter, PushQueue* queue)
+    : options_(options),
+      session_(session),
+      lead_(session.lead()),
+      programs_(programs),
       reporter_(reporter),
-      listener_(listen_on(path)),
-      inode_(inode_of(path)) {
-  poller_.add(listener_.get(), EPOLLIN, [this] { accept(); });
-}
+      queue_(queue),
+      began_at_(lead::monotonic_now()),
+      server_(
+          path, session.poller(), kMaxRequestLine,
+          [this](const Client& client, const std::string& line) { return on_line(client, line); },
+          [this](const std::string& text) { reporter_.error(text); }) {}
 
-ControlServer::~ControlServer() {
-  for (const Connection& connection : connections_) poller_.remove(connection.fd.get());
-  poller_.remove(listener_.get());
-  if (inode_of(path_) == inode_) (void)::unlink(path_.c_str());
-}
-
-void ControlServer::accept() {
-  Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!fd || connections_.size() >= kMaxConnections) return;  // closed at once
-  Connection& connection = connections_.emplace_back();
-  connection.fd = std::move(fd);
-  connection.since = connection.taken = lead::monotonic_now();
-  poller_.add(connection.fd.get(), EPOLLIN, [this, &connection] { on_ready(connection); });
-}
-
-void ControlServer::on_ready(Connection& connection) {
-  receive(connection);
-  flush(connection);
-}
-
-void ControlServer::receive(Connection& connection) {
-  std::array<char, 64 * 1024> buffer;
-  const ssize_t got = ::recv(connection.fd.get(), buffer.data(), buffer.size(), 0);
-  if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) connection.broken = true;
-  // One request for each connection: what follows it is ignored.
-  if (got <= 0 || !connection.line.empty() || connection.id != 0 || connection.complete) return;
-  connection.in.append(buffer.data(), static_cast<size_t>(got));
-  const size_t end = connection.in.find('\n');
-  if (end != std::string::npos)
-    connection.line = connection.in.substr(0, end);
-  else if (connection.in.size() > kMaxRequestLine)
-    refuse(connection, "the request is too long");
-  if (end != std::string::npos || connection.complete) connection.in = {};
-}
-
-void ControlServer::flush(Connection& connection) {
-  while (!connection.out.empty() && !connection.broken) {
-    const ssize_t sent = ::send(connection.fd.get(), connection.out.data(), connection.out.size(),
-                                MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent > 0) {
-      connection.out.erase(0, static_cast<size_t>(sent));
-      connection.taken = lead::monotonic_now();
-      continue;
-    }
-    if (errno != EAGAIN && errno != EINTR) connection.broken = true;
-    break;
+bool ControlServer::on_line(const Client& client, const std::string& line) {
+  const Json request = Json::parse(line, nullptr, false);
+  if (!request.is_object()) throw std::runtime_error("the request is no JSON object");
+  if (readers_.contains(client)) {
+    on_push_line(client, request);
+    return true;
   }
-  poller_.modify(connection.fd.get(), connection.out.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
+  if (client->begun()) {
+    if (queue_ == nullptr) return true;
+    if (request.contains("stop")) queue_->stop(client, now_);
+    if (request.contains("stop_for"))
+      queue_->stop_for(client, request.at("stop_for").get<uint32_t>(), now_);
+    return true;
+  }
+  const auto command = request.find("command");
+  return on_command(client,
+                    command != request.end() && command->is_string() ? command->get<std::string>()
+                                                                     : std::string(),
+                    line);
 }
 
-void ControlServer::say(Connection& connection, const Json& line) {
-  connection.out += cli::json_line(line) + '\n';
+void ControlServer::require_leading() const {
+  if (lead_.role() != lead::Role::kStandingBy) return;
+  throw std::runtime_error(
+      fmt::format("this lead stands by{}",
+                  lead_.other_lead() == 0
+                      ? std::string()
+                      : fmt::format(": {} leads", cli::format_address(lead_.other_lead()))));
 }
 
-void ControlServer::refuse(Connection& connection, const std::string& text) {
-  say(connection, {{"event", "error"}, {"text", text}});
-  connection.complete = true;
-}
-
-void ControlServer::start(Connection& connection, lead::Time now) {
-  if (lead_.role() == lead::Role::kListening) return;  // decided in a moment
-  const std::string line = std::exchange(connection.line, {});
-  if (lead_.role() == lead::Role::kStandingBy)
-    return refuse(
-        connection,
-        fmt::format("this lead stands by{}",
-                    lead_.other_lead() == 0
-                        ? std::string()
-                        : fmt::format(": {} leads", cli::format_address(lead_.other_lead()))));
-  try {
-    const Request request = decode_request(line);
-    if (request.kind == lead::MessageKind::kMessage)
-      connection.id = lead_.send_message(request.msg_class, request.bytes, request.audience, now,
-                                         request.timeout());
-    else if (request.kind == lead::MessageKind::kCancel)
-      connection.id =
-          lead_.cancel_transaction(request.transaction, request.audience, now, request.timeout());
+bool ControlServer::on_command(const Client& client, const std::string& command,
+                               const std::string& line) {
+  if (command == "status" || command == "nodes" || command == "pushes") {
+    if (command == "status")
+      say_status(*client);
+    else if (command == "nodes")
+      say_nodes(*client);
     else
-      connection.id = lead_.delete_files(request.location, request.names, request.audience, now,
-                                         request.timeout());
-    if (connection.id == 0) return refuse(connection, "the lead refuses the request");
-    const size_t nodes = lead_.message_report(connection.id).nodes.size();
-    reporter_.request_taken(connection.id, request, nodes);
-    say(connection, {{"event", "sent"}, {"id", connection.id}, {"nodes", nodes}});
-  } catch (const std::exception& error) {
-    refuse(connection, error.what());
+      say_pushes(*client);
+    client->finish();
+    return true;
   }
+  if (lead_.role() == lead::Role::kListening) return false;  // decided in a moment
+  require_leading();
+  const Json request = Json::parse(line);
+  if (command == "push") {
+    if (queue_ == nullptr)
+      throw std::runtime_error("this lead has a push of its own and takes no others");
+    (void)readers_[client].add(request);
+    return true;
+  }
+  if (command == "cancel" && request.contains("push") && cancel_push(client, request)) return true;
+  ControlRequest& entry =
+      requests_.emplace_back(client, decode_request(line), lead_, programs_, reporter_);
+  try {
+    entry.start(now_);
+  } catch (const std::exception&) {
+    requests_.pop_back();
+    throw;
+  }
+  return true;
 }
 
-void ControlServer::answer(Connection& connection) {
-  const lead::MessageReport report = lead_.message_report(connection.id);
-  if (!report.finished) return;
-  size_t acknowledged = 0;
-  for (const lead::MessageNode& node : report.nodes) {
-    const bool good = node.delivery == lead::Delivery::kAcknowledged;
-    acknowledged += good;
-    say(connection, {{"event", "outcome"},
-                     {"node", cli::format_address(node.info.address)},
-                     {"acknowledged", good},
-                     {"text", delivery_text(node.delivery)}});
+// --- Pushes ---
+
+void ControlServer::on_push_line(const Client& client, const Json& line) {
+  PushReader& reader = readers_.at(client);
+  try {
+    if (!reader.add(line)) return;
+    QueuedPush push = reader.take();
+    check_root(push);
+    queue_->add(std::move(push), client, now_);
+  } catch (const std::exception&) {
+    readers_.erase(client);
+    throw;
   }
-  say(connection, {{"event", "done"},
-                   {"complete", report.complete()},
-                   {"acknowledged", acknowledged},
-                   {"missing", report.nodes.size() - acknowledged}});
-  connection.complete = true;
+  readers_.erase(client);
 }
+
+void ControlServer::check_root(const QueuedPush& push) const {
+  namespace fs = std::filesystem;
+  const std::string own = session_.store().root(push.request.location);
+  std::error_code error;
+  if (own.empty())
+    throw std::runtime_error(
+        fmt::format("the lead that serves here has no location {}", push.request.location));
+  if (fs::weakly_canonical(own, error) != fs::weakly_canonical(push.root, error))
+    throw std::runtime_error(fmt::format("the lead that serves here has location {} in {}, not {}",
+                                         push.request.location, own, push.root));
+}
+
+// True when there is such a push.
+bool ControlServer::cancel_push(const Client& client, const Json& request) {
+  const std::string which = request.at("push").get<std::string>();
+  const auto cancelled = queue_ != nullptr ? queue_->cancel(which, now_) : std::nullopt;
+  if (!cancelled && request.contains("transaction")) return false;
+  const std::string text =
+      cancelled ? cancelled->text : fmt::format("no push is called '{}'", which);
+  client->say({{"event", "cancelled"}, {"done", cancelled && cancelled->done}, {"text", text}});
+  client->say({{"event", "done"}, {"complete", cancelled && cancelled->done}});
+  client->finish();
+  return true;
+}
+
+// --- Lists ---
+
+void ControlServer::say_status(cli::LineClient& client) const {
+  Json locations = Json::array();
+  for (const auto& [number, location] : options_.common.locations)
+    locations.push_back(
+        {{"location", number}, {"path", std::filesystem::absolute(location.path).string()}});
+  const lead::Lead::NodeCounts nodes = lead_.node_counts();
+  const uint32_t other = lead_.other_lead();
+  client.say({{"event", "status"},
+              {"address", cli::format_address(options_.common.interface)},
+              {"ctrl_group", cli::format_endpoint(options_.common.ctrl_group)},
+              {"data_group", cli::format_endpoint(options_.common.data_group)},
+              {"pid", ::getpid()},
+              {"version", cli::version()},
+              {"takes_pushes", queue_ != nullptr},
+              {"role", role_text(lead_.role())},
+              {"other", other != 0 ? Json(cli::format_address(other)) : Json()},
+              {"seconds", seconds(lead::elapsed(lead::monotonic_now(), began_at_))},
+              {"nodes", nodes.heard},
+              {"nodes_silent", nodes.silent},
+              {"rate_bits", lead_.rate_bits()},
+              {"push_running", lead_.push_running()},
+              {"locations", locations}});
+}
+
+void ControlServer::say_nodes(cli::LineClient& client) const {
+  const lead::Time now = lead::monotonic_now();
+  std::vector<lead::Lead::NodeView> nodes = lead_.nodes();
+  std::sort(nodes.begin(), nodes.end(),
+            [](const auto& a, const auto& b) { return a.info.address < b.info.address; });
+  for (const lead::Lead::NodeView& node : nodes) {
+    const cli::Introduction* who = programs_.find(node.info);
+    const std::string has = queue_ != nullptr ? queue_->last_complete(node.info.address) : "";
+    Json line{{"event", "node"},
+              {"node", cli::format_address(node.info.address)},
+              {"name", who != nullptr ? Json(who->host) : Json()},
+              {"node_id", node_id_text(node.info.node_id)},
+              {"pid", node.info.pid},
+              {"card_class", node.info.card_class},
+              {"version", who != nullptr ? Json(who->version) : Json()},
+              {"has", has.empty() ? Json() : Json(has)},
+              {"state", node.silent ? "silent" : "heard"},
+              {"heard_seconds_ago", seconds(lead::elapsed(now, node.last_heard))}};
+    if (who != nullptr) line["locations"] = locations_of(*who);
+    client.say(line);
+  }
+  client.say({{"event", "done"}, {"nodes", nodes.size()}});
+}
+
+void ControlServer::say_pushes(cli::LineClient& client) const {
+  if (queue_ != nullptr)
+    for (const Json& line : queue_->list(lead::monotonic_now())) client.say(line);
+  client.say({{"event", "done"}});
+}
+
+// --- Time ---
 
 void ControlServer::run(lead::Time now) {
-  for (auto at = connections_.begin(); at != connections_.end();) {
-    Connection& connection = *at++;
-    if (!connection.line.empty()) start(connection, now);
-    if (connection.id != 0 && !connection.complete) answer(connection);
-    const bool dawdles = connection.id == 0 && connection.line.empty() && !connection.complete &&
-                         lead::elapsed(now, connection.since) >= kRequestTimeout;
-    if (!connection.out.empty()) flush(connection);
-    if (connection.out.empty()) connection.taken = now;
-    const bool stuck = lead::elapsed(now, connection.taken) >= kReaderTimeout;
-    if (stuck) reporter_.error("a program does not read the answer to its request: it is left");
-    if (!connection.broken && !dawdles && !stuck &&
-        !(connection.complete && connection.out.empty()))
-      continue;
-    poller_.remove(connection.fd.get());
-    connections_.remove_if([&](const Connection& one) { return &one == &connection; });
-  }
+  now_ = now;
+  server_.run();
+  if (queue_ != nullptr) queue_->run(now);
+  for (ControlRequest& request : requests_) request.run(now);
+  requests_.remove_if([](const ControlRequest& request) { return request.ended(); });
+  server_.flush();
+  std::erase_if(readers_, [](const auto& entry) { return entry.first->gone(); });
 }
 
 std::unique_ptr<ControlServer> open_control(const LeadOptions& options, Session& session,
-                                            Reporter& reporter) {
+                                            NodePrograms& programs, Reporter& reporter,
+                                            PushQueue* queue) {
   const std::string path = control_path(options);
   try {
-    return std::make_unique<ControlServer>(path, session.poller(), session.lead(), reporter);
+    return std::make_unique<ControlServer>(path, options, session, programs, reporter, queue);
+  } catch (const cli::SocketTaken&) {
+    throw;
   } catch (const std::runtime_error& error) {
     if (!options.control_path.empty()) throw;
     reporter.error(fmt::format("warning: takes no commands: {}", error.what()));

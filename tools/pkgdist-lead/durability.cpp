@@ -35,24 +35,23 @@ bool Durability::on_message(uint32_t node, uint32_t msg_class, std::span<const u
   return true;
 }
 
-bool Durability::report() {
-  for (const auto& [node, error] : nodes_) {
+bool report_durability(Reporter& reporter, const Durability::Outcomes& outcomes) {
+  for (const auto& [node, error] : outcomes) {
     const std::string address = cli::format_address(node);
     const std::string reason = error == 0           ? ""
-                               : error == kNoAnswer ? "no answer in time"
+                               : error == ETIMEDOUT ? "no answer in time"
                                                     : std::generic_category().message(error);
-    reporter_.json().print("durable",
-                           {{"node", address}, {"durable", error == 0}, {"text", reason}},
-                           cli::Output::Kind::kResult);
+    reporter.json().print("durable", {{"node", address}, {"durable", error == 0}, {"text", reason}},
+                          cli::Output::Kind::kResult);
     if (error != 0)
-      reporter_.say(fmt::format("{:<16}not durable: {}", address, reason),
-                    cli::Output::Kind::kResult);
+      reporter.say(fmt::format("{:<16}not durable: {}", address, reason),
+                   cli::Output::Kind::kResult);
   }
   const auto durable = static_cast<size_t>(std::count_if(
-      nodes_.begin(), nodes_.end(), [](const auto& node) { return node.second == 0; }));
-  reporter_.say(fmt::format("durable on {} of {} nodes", durable, nodes_.size()),
-                cli::Output::Kind::kResult);
-  return durable == nodes_.size();
+      outcomes.begin(), outcomes.end(), [](const auto& node) { return node.second == 0; }));
+  reporter.say(fmt::format("durable on {} of {} nodes", durable, outcomes.size()),
+               cli::Output::Kind::kResult);
+  return durable == outcomes.size();
 }
 
 }  // namespace pkgdist::lead_program

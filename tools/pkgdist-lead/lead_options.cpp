@@ -109,6 +109,8 @@ void add_push(CLI::App& app, LeadOptions& options) {
           "of a number")
       ->required()
       ->type_name("N|NODE[,NODE...]");
+  push->add_option("--name", options.push_name, "what the push is called in lists and by 'cancel'")
+      ->type_name("NAME [its paths]");
   CLI::Option* type = push->add_option("--type", options.type, "file type")
                           ->type_name("1..11 [1]")
                           ->check(CLI::Range(1, 11));
@@ -203,19 +205,34 @@ void add_requests(CLI::App& app, LeadOptions& options) {
   message->callback([o] { o->command = Command::kMessage; });
 
   CLI::App* cancel =
-      app.add_subcommand("cancel", "make nodes give up a transaction, through a running lead");
+      app.add_subcommand("cancel", "end a push, running or queued, or a transaction on the nodes");
   add_request_options(*cancel, options);
-  cancel->add_option("TRANSACTION", options.transaction, "number of the transaction")
-      ->required()
-      ->check(CLI::Range(1u, UINT32_MAX));
+  cancel
+      ->add_option("PUSH", options.cancelled,
+                   "name or number of a push, or the number of its transaction")
+      ->required();
   cancel->callback([o] { o->command = Command::kCancel; });
 
   CLI::App* remove =
       app.add_subcommand("delete", "delete files on the nodes, through a running lead");
   add_request_options(*remove, options);
   add_location(*remove, options);
+  remove->add_flag("-r,--recursive", options.recursive,
+                   "delete directories with all that is in them");
   remove->add_option("PATH", options.paths, "names relative to the storage location")->required();
   remove->callback([o] { o->command = Command::kDelete; });
+}
+
+// Lists that a running lead gives.
+void add_lists(CLI::App& app, LeadOptions& options) {
+  const auto add = [&](const char* name, const char* help, Command command) {
+    CLI::App* list = app.add_subcommand(name, help);
+    list->fallthrough();
+    list->callback([o = &options, command] { o->command = command; });
+  };
+  add("status", "tell how the running lead stands", Command::kStatus);
+  add("nodes", "list the nodes that the running lead knows", Command::kNodes);
+  add("pushes", "list the pushes of the running lead", Command::kPushes);
 }
 
 void add_report(CLI::App& app, LeadOptions& options) {
@@ -265,6 +282,7 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_push(app, options);
   add_serve(app, options);
   add_requests(app, options);
+  add_lists(app, options);
   add_report(app, options);
   add_top(app, options);
 }

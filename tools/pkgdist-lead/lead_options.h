@@ -12,7 +12,18 @@
 
 namespace pkgdist::lead_program {
 
-enum class Command { kPush, kServe, kMessage, kCancel, kDelete, kReport, kTop };
+enum class Command {
+  kPush,
+  kServe,
+  kMessage,
+  kCancel,
+  kDelete,
+  kReport,
+  kTop,
+  kStatus,
+  kNodes,
+  kPushes
+};
 
 struct LeadOptions {
   cli::CommonOptions common;
@@ -33,6 +44,7 @@ struct LeadOptions {
   bool multi_homed = false;
 
   // push
+  std::string push_name;                       // empty: made of the paths
   uint32_t node_count = 0;                     // with a number
   std::vector<uint32_t> nodes;                 // with a list
   std::map<uint32_t, std::string> node_names;  // of those that it gives by name
@@ -54,7 +66,8 @@ struct LeadOptions {
   uint32_t message_class = 2;
   uint32_t card_class = 0;  // 0: everyone
   std::string message;
-  uint32_t transaction = 0;
+  std::string cancelled;       // name or number of a push, or number of a transaction
+  bool recursive = false;      // delete
   double answer_seconds = 10;  // of delete, too
 
   // report, top

@@ -17,6 +17,9 @@ int main(int argc, char** argv) {
     if (options.command == Command::kReport)
       return lead_program::report_command(options.events_path, options.page_path);
     if (options.command == Command::kTop) return lead_program::top_command(options);
+    if (options.command == Command::kStatus || options.command == Command::kNodes ||
+        options.command == Command::kPushes)
+      return lead_program::list_command(options);
     return lead_program::request_command(options);
   });
 }

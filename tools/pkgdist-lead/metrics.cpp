@@ -76,7 +76,7 @@ void require_free(const cli::Endpoint& endpoint) {
   name.sin_addr.s_addr = htonl(endpoint.address);
   name.sin_port = htons(endpoint.port);
   const int on = 1;
-  const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const cli::Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd && ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
       ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 &&
       ::listen(fd.get(), 1) == 0)

@@ -1,16 +1,18 @@
 #include <fmt/core.h>
 
-#include <algorithm>
+#include <CLI/Error.hpp>
+#include <filesystem>
 
 #include "commands.h"
 #include "control_server.h"
 #include "durability.h"
 #include "metrics.h"
+#include "node_programs.h"
 #include "output.h"
 #include "push_description.h"
 #include "push_display.h"
 #include "push_preview.h"
-#include "push_view.h"
+#include "push_run.h"
 #include "session.h"
 
 namespace pkgdist::lead_program {
@@ -58,11 +60,8 @@ class Course {
       : lead_(lead), until_(lead::monotonic_now() + patience) {}
 
   bool blocked(lead::Time now) const { return stands_by() && now >= until_; }
-  void tell(Reporter& reporter) const {
-    if (stands_by())
-      reporter.error(
-          fmt::format("another lead, {}, leads", cli::format_address(lead_.other_lead())));
-  }
+  // The other lead; 0: none.
+  uint32_t in_the_way() const { return stands_by() ? lead_.other_lead() : 0; }
 
  private:
   bool stands_by() const { return lead_.role() == lead::Role::kStandingBy; }
@@ -71,70 +70,65 @@ class Course {
   lead::Time until_;
 };
 
-void tell_counters(Reporter& reporter, Session& session) {
-  const lead::Counters& c = session.lead().counters();
-  reporter.json().print("counters",
-                        {{"segments_sent", c.segments_sent},
-                         {"repairs_sent", c.repairs_sent},
-                         {"segments_requested", c.segments_requested},
-                         {"infos_sent", c.infos_sent},
-                         {"miss_done_sent", c.miss_done_sent},
-                         {"polls_sent", c.polls_sent},
-                         {"control_sent", c.control_sent},
-                         {"control_resent", c.control_resent},
-                         {"data_bytes_sent", c.data_bytes_sent},
-                         {"bad_datagrams", c.bad_datagrams},
-                         {"other_lead_heard", c.other_lead_heard},
-                         {"send_errors", session.transport().send_errors()}},
-                        cli::Output::Kind::kResult);
-}
-
-// The doctor's command line for this lead: the options that differ from the usual ones, too.
-std::string doctor_command(const cli::CommonOptions& common) {
-  const cli::CommonOptions usual;
-  std::string command = "pkgdist-doctor --interface " + cli::format_address(common.interface);
-  const auto group = [&](const char* option, const cli::Endpoint& value,
-                         const cli::Endpoint& other) {
-    if (value.address != other.address || value.port != other.port)
-      command += fmt::format(" {} {}", option, cli::format_endpoint(value));
-  };
-  const auto port = [&](const char* option, uint16_t value, uint16_t other) {
-    if (value != other) command += fmt::format(" {} {}", option, value);
-  };
-  group("--ctrl-group", common.ctrl_group, usual.ctrl_group);
-  group("--data-group", common.data_group, usual.data_group);
-  port("--lead-port", common.lead_port, usual.lead_port);
-  port("--node-port", common.node_port, usual.node_port);
-  port("--req-port", common.req_port, usual.req_port);
-  return command + " --wait 60 lead";
-}
-
-// When nobody came, the network is what to look at.
-void tell_doctor(Reporter& reporter, Session& session, const cli::CommonOptions& common) {
-  const lead::PushReport report = session.lead().push_progress();
-  if (std::any_of(report.nodes.begin(), report.nodes.end(),
-                  [](const lead::PushNodeReport& node) { return node.heard; }))
-    return;
-  const std::string command = doctor_command(common);
-  reporter.json().print("nobody-heard", {{"command", command}}, cli::Output::Kind::kResult);
-  reporter.say("no node was heard; run this here, and the doctor on a node at the same time:",
-               cli::Output::Kind::kResult);
-  reporter.say("  " + command, cli::Output::Kind::kResult);
-}
-
 // Asks the nodes to write to their disks, and waits for their answers; true when all have.
-bool make_durable(const LeadOptions& options, Session& session, Reporter& reporter) {
+bool make_durable(const LeadOptions& options, Session& session, NodePrograms& programs,
+                  Reporter& reporter) {
   lead::Lead& lead = session.lead();
-  Durability durability(reporter, lead.push_transaction(), options.location);
-  reporter.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
+  Durability durability(lead.push_transaction(), options.location);
+  programs.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
                                std::span<const uint8_t> bytes) {
     return durability.on_message(node.address, msg_class, bytes);
   };
   durability.ask(lead, lead.push_report(), static_cast<lead::Time>(options.durable_seconds * 1e9),
                  lead::monotonic_now());
   session.run([&](lead::Time now) { return durability.ended(now); }, lead::kSecond / 10);
-  reporter.takes_message = nullptr;
-  return durability.report();
+  programs.takes_message = nullptr;
+  return report_durability(reporter, durability.outcomes());
+}
+
+// In a lead of this process. True when every node has everything.
+bool push_here(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter) {
+  const std::unique_ptr<Session> opened = open_session(options, reporter, reporter);
+  Session& session = *opened;
+  lead::Lead& lead = session.lead();
+  if (const char* problem = lead.start_push(request, lead::monotonic_now()))
+    throw CLI::ValidationError(problem);
+  reporter.json().print("push-requested", push_description(options, request),
+                        cli::Output::Kind::kResult);
+  (void)session.hears_leads(reporter);
+  NodePrograms programs(lead, reporter);
+  programs.push_begins(request.location);
+  const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
+  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
+  const Course course(lead, request.node_timeout);
+  OwnPush push(lead);
+  PushView view(reporter);
+  bool ran = false;
+  {
+    PushDisplay display(reporter, view, options, request.node_timeout);
+    ran = session.run(
+        [&](lead::Time now) {
+          display.run(push, now);
+          programs.run(now);
+          if (control) control->run(now);
+          if (metrics) metrics->run(lead, session.transport().send_errors(), now);
+          return course.blocked(now) ||
+                 (!lead.push_running() && !programs.busy(now) && (!control || !control->busy()));
+        },
+        display.period());
+  }
+  const uint32_t in_the_way = course.in_the_way();
+  if (lead.push_running()) lead.stop_push(lead::monotonic_now());
+  const bool complete = tell_end(options, request, reporter, view,
+                                 {.report = lead.push_report(),
+                                  .counters = lead.counters(),
+                                  .send_errors = session.transport().send_errors(),
+                                  .interrupted = !ran,
+                                  .blocked_by = in_the_way,
+                                  .nodes_heard = lead.node_counts().heard});
+  const bool durable =
+      !options.durable || (ran && make_durable(options, session, programs, reporter));
+  return complete && durable;
 }
 
 std::vector<std::string> paths_of(const LeadOptions& options) {
@@ -144,29 +138,45 @@ std::vector<std::string> paths_of(const LeadOptions& options) {
   return paths;
 }
 
-// Of a push to a list of nodes: who was heard beside them.
-void tell_others(Reporter& reporter, Session& session, const lead::PushReport& report,
-                 const lead::PushRequest& request) {
-  if (request.nodes.empty()) return;
-  const auto listed = static_cast<size_t>(
-      std::count_if(report.nodes.begin(), report.nodes.end(),
-                    [](const lead::PushNodeReport& node) { return node.heard; }));
-  const size_t heard = session.lead().node_counts().heard;
-  if (heard <= listed) return;
-  reporter.json().print("others-heard", {{"nodes", heard - listed}}, cli::Output::Kind::kResult);
-  reporter.say(fmt::format("{} other nodes were heard; the push was not for them", heard - listed));
+// By which a push is listed: what was given, or its paths.
+std::string name_of(const LeadOptions& options, const std::vector<std::string>& paths) {
+  constexpr size_t kMaxName = 100;
+  if (!options.push_name.empty()) return options.push_name;
+  std::string name;
+  for (const std::string& path : paths) {
+    if (name.size() > kMaxName) break;
+    name += (name.empty() ? "" : " ") + path;
+  }
+  return name.substr(0, kMaxName);
 }
 
-}  // namespace
+// What a lead that serves has been told at its start.
+const char* setting_of_the_lead(const LeadOptions& options) {
+  const LeadOptions usual;
+  return options.rate_bits != 0       ? "--rate"
+         : options.max_rate_bits != 0 ? "--max-rate"
+         : options.metrics            ? "--metrics"
+         : options.ttl != usual.ttl   ? "--ttl"
+         : options.multi_homed        ? "--multi-homed"
+                                      : nullptr;
+}
 
-int push_command(const LeadOptions& options) {
-  (void)require_interface(options);
-  const auto location = options.common.locations.find(options.location);
-  if (location == options.common.locations.end())
-    return usage_error(fmt::format("--location {}=DIR is missing", options.location));
+// The options as the push has them: what the lead that serves was told at its start counts there.
+LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
+  cli::CommonOptions& common = options.common;
+  common.interface = lead.address();
+  common.ctrl_group = lead.group("ctrl_group");
+  common.data_group = lead.group("data_group");
+  if (const std::string root = lead.root(options.location);
+      common.locations.count(options.location) == 0 && !root.empty())
+    common.locations[options.location] = {.number = options.location, .path = root};
+  return options;
+}
+
+int push_tree(const LeadOptions& options, bool serving, const std::string& root) {
   const std::vector<std::string> paths = paths_of(options);
   if (paths.empty()) return usage_error("push: no PATH and no --files-from");
-  lead::FileTree tree = lead::collect_files(location->second.path, paths);
+  lead::FileTree tree = lead::collect_files(root, paths);
   select(tree, options.filter);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
@@ -178,43 +188,37 @@ int push_command(const LeadOptions& options) {
   if (options.dry_run) return preview(options, tree, reporter);
   const lead::PushRequest request = push_request(options, tree);
   left_out_events(tree, reporter);
-  Session session(options, reporter);
-  if (const char* problem = session.lead().start_push(request, lead::monotonic_now()))
-    return usage_error(problem);
-  reporter.json().print("push-requested", push_description(options, request),
-                        cli::Output::Kind::kResult);
-  (void)session.hears_leads(reporter);
-  const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
-  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
-  const Course course(session.lead(), request.node_timeout);
-  PushView view(reporter);
-  bool ran = false;
-  {
-    PushDisplay display(reporter, view, options, request.node_timeout);
-    ran = session.run(
-        [&](lead::Time now) {
-          display.run(session.lead(), now);
-          if (control) control->run(now);
-          if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
-          return course.blocked(now) ||
-                 (!session.lead().push_running() && (!control || !control->busy()));
-        },
-        display.period());
-  }
-  course.tell(reporter);
-  if (ran && !course.blocked(lead::monotonic_now())) tell_doctor(reporter, session, options.common);
-  if (session.lead().push_running()) session.lead().stop_push(lead::monotonic_now());
-  lead::PushReport report = session.lead().push_report();
-  reporter.sort_by_name(report.nodes);
-  if (!ran) view.interrupted(report);
-  if (!options.quiet || !report.complete())
-    view.summary(report, request, session.lead().counters());
-  tell_others(reporter, session, report, request);
-  tell_counters(reporter, session);
-  const bool durable = !options.durable || (ran && make_durable(options, session, reporter));
+  const bool complete =
+      serving ? push_through(
+                    options,
+                    {.name = name_of(options, paths),
+                     .root = std::filesystem::absolute(root).string(),
+                     .request = request,
+                     .durable_seconds =
+                         options.durable ? std::optional(options.durable_seconds) : std::nullopt},
+                    reporter)
+              : push_here(options, request, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
-  return report.complete() && durable && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+  return complete && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+}
+
+}  // namespace
+
+int push_command(const LeadOptions& given) {
+  if (given.control_path.empty()) (void)require_interface(given);
+  const std::optional<ServingLead> serving = find_serving_lead(given);
+  if (!serving) (void)require_interface(given);
+  const LeadOptions options = serving ? with_settings_of(*serving, given) : given;
+  const auto location = options.common.locations.find(options.location);
+  if (location == options.common.locations.end())
+    return usage_error(
+        serving ? fmt::format("the lead that serves here has no location {}", options.location)
+                : fmt::format("--location {}=DIR is missing", options.location));
+  if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
+    return usage_error(
+        fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
+  return push_tree(options, serving.has_value(), location->second.path);
 }
 
 }  // namespace pkgdist::lead_program

@@ -59,29 +59,28 @@ void PushDisplay::close_screen() {
   lines_.clear();
 }
 
-void PushDisplay::follow_keys(lead::Lead& lead, lead::Time now) {
-  for (const uint32_t node : screen_->take_stops())
-    (void)lead.cancel_transaction(lead.push_transaction(), lead::Audience::one(node), now);
+void PushDisplay::follow_keys(PushSource& push, lead::Time now) {
+  for (const uint32_t node : screen_->take_stops()) push.stop_for(node, now);
   if (screen_->left()) close_screen();
 }
 
-void PushDisplay::run(lead::Lead& lead, lead::Time now) {
+void PushDisplay::run(PushSource& push, lead::Time now) {
   if (lead::elapsed(now, looked_) < look_period_) return;
-  if (screen_) follow_keys(lead, now);
-  const lead::PushReport report = lead.push_progress();
+  if (screen_) follow_keys(push, now);
+  const lead::PushReport report = push.push_progress();
   looked_ = now;
-  if (!report.started) return wait(report, lead, now);
+  if (!report.started) return wait(report, push, now);
   waiting_shown_ = 0;
   meter_.update(report, now);
   if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
   if (shown_ == 0) shown_ = report.started_at;
   if (lead::elapsed(now, shown_) < show_period_) return;
   shown_ = now;
-  show(report, lead, now);
+  show(report, push, now);
 }
 
-void PushDisplay::show(const lead::PushReport& report, lead::Lead& lead, lead::Time now) {
-  const PushState state = push_state(report, meter_, lead, now);
+void PushDisplay::show(const lead::PushReport& report, PushSource& push, lead::Time now) {
+  const PushState state = push_state(report, meter_, push, now);
   if (screen_)
     screen_->show(state);
   else if (on_terminal_)
@@ -90,7 +89,7 @@ void PushDisplay::show(const lead::PushReport& report, lead::Lead& lead, lead::T
     view_.progress(state);
 }
 
-void PushDisplay::wait(const lead::PushReport& report, lead::Lead& lead, lead::Time now) {
+void PushDisplay::wait(const lead::PushReport& report, PushSource& push, lead::Time now) {
   const lead::Time waited = lead::elapsed(now, report.started_at);
   if (report.finished || waited < kSoon || absent_nodes(report) == 0) return;
   if (lead::elapsed(now, waiting_shown_) < (on_terminal_ ? kDrawPeriod : kLinePeriod)) return;
@@ -99,7 +98,7 @@ void PushDisplay::wait(const lead::PushReport& report, lead::Lead& lead, lead::T
                       static_cast<double>(lead::kSecond);
   const std::string line = waiting_line(report, left);
   if (screen_) {
-    screen_->show(push_state(report, meter_, lead, now));
+    screen_->show(push_state(report, meter_, push, now));
     screen_->tell(line);
   } else if (on_terminal_) {
     bars_.draw_line(line);

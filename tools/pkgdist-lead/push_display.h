@@ -8,6 +8,7 @@
 
 #include "lead_options.h"
 #include "progress.h"
+#include "push_source.h"
 #include "push_view.h"
 #include "top_screen.h"
 
@@ -24,14 +25,14 @@ class PushDisplay {
 
   // How often it is to be run at least.
   lead::Time period() const { return look_period_; }
-  void run(lead::Lead& lead, lead::Time now);
+  void run(PushSource& push, lead::Time now);
 
  private:
-  void wait(const lead::PushReport& report, lead::Lead& lead, lead::Time now);
-  void show(const lead::PushReport& report, lead::Lead& lead, lead::Time now);
+  void wait(const lead::PushReport& report, PushSource& push, lead::Time now);
+  void show(const lead::PushReport& report, PushSource& push, lead::Time now);
   void open_screen();
   void close_screen();
-  void follow_keys(lead::Lead& lead, lead::Time now);
+  void follow_keys(PushSource& push, lead::Time now);
 
   Reporter& reporter_;
   PushView& view_;

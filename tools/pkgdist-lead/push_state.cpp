@@ -75,16 +75,16 @@ std::vector<const NodeState*> by_trouble(const PushState& state) {
   return nodes;
 }
 
-PushState push_state(const lead::PushReport& report, const PushMeter& meter, const lead::Lead& lead,
+PushState push_state(const lead::PushReport& report, const PushMeter& meter, const PushSource& push,
                      lead::Time now) {
   PushState state;
-  state.transaction = lead.push_transaction();
+  state.transaction = push.push_transaction();
   state.seconds = to_seconds(lead::elapsed(now, report.started_at));
   state.files = report.files;
   state.bytes = report.bytes;
   state.nodes_in_all = std::max(report.nodes.size(), report.expected_nodes);
-  state.rate_bits = static_cast<double>(lead.rate_bits());
-  const lead::Counters& counters = lead.counters();
+  state.rate_bits = static_cast<double>(push.rate_bits());
+  const lead::Counters& counters = push.counters();
   state.repair_share = repair_share(counters);
   state.segments_sent = counters.segments_sent;
   state.repairs_sent = counters.repairs_sent;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "pkgdist_lead/lead.h"
 #include "push_meter.h"
+#include "push_source.h"
 
 namespace pkgdist::lead_program {
 
@@ -54,7 +54,7 @@ std::string note_of(const NodeState& node);
 // Those in trouble first, then the slowest; the ones that are done last.
 std::vector<const NodeState*> by_trouble(const PushState& state);
 
-PushState push_state(const lead::PushReport& report, const PushMeter& meter, const lead::Lead& lead,
+PushState push_state(const lead::PushReport& report, const PushMeter& meter, const PushSource& push,
                      lead::Time now);
 
 // How the whole push stands, in one line of so many columns: parts that do not fit are left out.

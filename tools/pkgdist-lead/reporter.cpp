@@ -24,6 +24,15 @@ std::string node_id_text(uint32_t id) {
   return fmt::format("{}/{}/{}", id >> 16 & 255, id >> 8 & 255, id & 255);
 }
 
+Json locations_of(const cli::Introduction& introduction) {
+  Json places = Json::array();
+  for (const cli::Introduction::Place& place : introduction.places)
+    places.push_back({{"location", place.location},
+                      {"memory", place.memory},
+                      {"free", place.free_bytes ? Json(*place.free_bytes) : Json()}});
+  return places;
+}
+
 std::string format_bits(double bits) {
   return fmt::format("{:.1f} Mbit/s", bits / 1e6);
 }
@@ -213,6 +222,39 @@ void Reporter::message_finished(const lead::MessageReport& report) {
                                        {"nodes", report.nodes.size()}});
   say(fmt::format("{} {}: {} of {} nodes acknowledged", kind_text(report.kind), report.id,
                   acknowledged, report.nodes.size()));
+}
+
+void Reporter::push_queued(uint32_t number, const std::vector<std::string>& before) {
+  json_.print("push-queued", Json{{"number", number}, {"before", before}});
+  std::string ahead;
+  for (const std::string& name : before) ahead += (ahead.empty() ? "" : ", ") + name;
+  if (!before.empty()) say(fmt::format("push {} waits for the end of {}", number, ahead));
+}
+
+// --- The programs of nodes ---
+
+void Reporter::node_introduced(const lead::NodeInfo& node, const cli::Introduction& introduction) {
+  std::string text;
+  for (const cli::Introduction::Place& place : introduction.places) {
+    text += fmt::format(
+        "{}location {}{}", text.empty() ? "" : ", ", place.location,
+        place.free_bytes
+            ? fmt::format(" ({} free)", format_bytes(static_cast<double>(*place.free_bytes)))
+            : std::string());
+  }
+  json_.print("node-introduced", Json{{"node", format_address(node.address)},
+                                      {"name", introduction.host},
+                                      {"version", introduction.version},
+                                      {"locations", locations_of(introduction)}});
+  if (verbosity_ > 0)
+    say(fmt::format("node {} is {}, version {}, {}", label(node.address), introduction.host,
+                    introduction.version, text));
+}
+
+void Reporter::location_missing(uint32_t node, uint32_t location) {
+  json_.print("location-missing", Json{{"node", format_address(node)}, {"location", location}},
+              cli::Output::Kind::kResult);
+  say(fmt::format("node {} has no location {}", label(node), location), cli::Output::Kind::kResult);
 }
 
 // --- Other leads ---

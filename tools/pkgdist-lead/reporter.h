@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "control_protocol.h"
+#include "introduction.h"
 #include "json_events.h"
 #include "network_interface.h"
 #include "pkgdist_lead/events.h"
@@ -62,7 +63,13 @@ class Reporter : public lead::Events {
 
   // A request came over the control socket and became the message `id` to so many nodes.
   void request_taken(lead::MessageId id, const Request& request, size_t nodes);
+  // A push waits in a lead that serves, behind others.
+  void push_queued(uint32_t number, const std::vector<std::string>& before);
   void interface_changed(const cli::InterfaceChange& change);
+  // The program of a node has said who it is.
+  void node_introduced(const lead::NodeInfo& node, const cli::Introduction& introduction);
+  // A push goes on without the node, which has not set its location.
+  void location_missing(uint32_t node, uint32_t location);
   // From any thread.
   void error(const std::string& text);
 
@@ -83,5 +90,7 @@ std::string format_bytes(double bytes);
 std::string format_bits(double bits);
 std::string format_duration(double seconds);
 std::string node_id_text(uint32_t id);
+// Of an introduction, for events.
+nlohmann::ordered_json locations_of(const cli::Introduction& introduction);
 
 }  // namespace pkgdist::lead_program

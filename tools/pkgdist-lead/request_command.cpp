@@ -1,19 +1,16 @@
 // message, cancel, delete: hands a request to the lead that runs on this host, shows what became of
 // it, and exits by that.
 #include <fmt/core.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <CLI/Error.hpp>
-#include <cstring>
+#include <charconv>
 #include <stdexcept>
 
 #include "commands.h"
 #include "control_path.h"
 #include "control_protocol.h"
 #include "json_events.h"
-#include "poller.h"
+#include "line_connection.h"
 #include "stop_signals.h"
 
 namespace pkgdist::lead_program {
@@ -26,6 +23,14 @@ using Json = nlohmann::ordered_json;
 // those before them.
 constexpr double kPatienceSeconds = 15;
 
+// A transaction's number; a name that looks like one is taken for it when no push has the name.
+std::optional<uint32_t> number_of(const std::string& text) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number == 0) return std::nullopt;
+  return number;
+}
+
 Request make_request(const LeadOptions& options) {
   Request request;
   request.timeout_seconds = options.answer_seconds;
@@ -35,11 +40,12 @@ Request make_request(const LeadOptions& options) {
     request.audience = lead::Audience::of_class(options.card_class);
   if (options.command == Command::kCancel) {
     request.kind = lead::MessageKind::kCancel;
-    request.transaction = options.transaction;
+    request.transaction = number_of(options.cancelled).value_or(0);
   } else if (options.command == Command::kDelete) {
     request.kind = lead::MessageKind::kDelete;
     request.location = options.location;
     request.names = options.paths;
+    request.recursive = options.recursive;
   } else {
     const std::string text = cli::message_bytes(options.message);
     if (text.empty()) throw CLI::ValidationError("an empty message cannot be sent");
@@ -52,126 +58,89 @@ Request make_request(const LeadOptions& options) {
   return request;
 }
 
-// The lead's end of the connection must be of the same user, or of root: the path may be in a
-// directory where everybody can make a socket.
-Fd connect_to(const std::string& path) {
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  path.copy(name.sun_path, sizeof name.sun_path - 1);
-  Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-    const bool absent = errno == ENOENT || errno == ECONNREFUSED;
-    throw std::runtime_error(fmt::format(
-        "no lead takes commands at {}: {}", path,
-        absent ? "none is running with this interface and port" : std::strerror(errno)));
-  }
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
-      (peer.uid != ::geteuid() && peer.uid != 0))
-    throw std::runtime_error(fmt::format("the socket {} belongs to another user", path));
-  return fd;
-}
-
-void send_all(const Fd& fd, const std::string& text) {
-  for (size_t sent = 0; sent < text.size();) {
-    if (!cli::wait_unless_stopped(fd.get(), POLLOUT, kPatienceSeconds))
-      throw std::runtime_error(cli::stop_signal() != 0 ? cli::stop_text()
-                                                       : "the lead does not take the request");
-    const ssize_t some =
-        ::send(fd.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (some < 0 && errno != EINTR && errno != EAGAIN)
-      throw std::runtime_error("the lead does not take the request");
-    if (some > 0) sent += static_cast<size_t>(some);
-  }
-}
-
-class Answers {
- public:
-  // Waits so long for each answer.
-  Answers(const Fd& fd, double patience_seconds) : fd_(fd), patience_(patience_seconds) {}
-
-  Json next() {
-    size_t end = 0;
-    while ((end = buffer_.find('\n')) == std::string::npos) {
-      if (!cli::wait_unless_stopped(fd_.get(), POLLIN, patience_)) give_up();
-      std::array<char, 4096> some;
-      const ssize_t got = ::recv(fd_.get(), some.data(), some.size(), 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got == 0) throw std::runtime_error("the lead has ended");
-      if (got < 0) throw std::runtime_error(fmt::format("recv: {}", std::strerror(errno)));
-      buffer_.append(some.data(), static_cast<size_t>(got));
-    }
-    const std::string line = buffer_.substr(0, end);
-    buffer_.erase(0, end + 1);
-    Json answer = Json::parse(line, nullptr, false);
-    if (!answer.is_object()) throw std::runtime_error("the lead's answer makes no sense");
-    return answer;
-  }
-
- private:
-  [[noreturn]] void give_up() const {
-    if (cli::stop_signal() == 0)
-      throw std::runtime_error(fmt::format("the lead has not answered for {} s", patience_));
-    throw std::runtime_error(cli::stop_text() + ": the lead goes on with the request");
-  }
-
-  const Fd& fd_;
-  double patience_;
-  std::string buffer_;
-};
-
 void print(const std::string& line) {
   cli::standard_output().line(line, cli::Output::Kind::kResult);
 }
 
-// The table of those who did not acknowledge, under its head.
+// The tables of those who did not acknowledge, and of names that were not deleted.
 class Table {
  public:
-  void line(const Json& outcome) {
-    if (outcome.value("acknowledged", false)) return;
-    if (!std::exchange(begun_, true)) print(fmt::format("{:<16}  {}", "not acknowledged", "why"));
-    print(fmt::format("{:<16}  {}", outcome.value("node", ""), outcome.value("text", "")));
+  void outcome(const Json& outcome) {
+    const std::string node = outcome.value("node", "");
+    const Json names = outcome.value("names", Json::array());
+    if (!outcome.value("acknowledged", false) && names.empty())
+      line(outcome.value("cancelled", true) ? "not acknowledged" : "not cancelled", node,
+           outcome.value("text", ""));
+    for (const Json& name : names)
+      line("not deleted", node,
+           fmt::format("{}: {}", name.value("name", ""), name.value("text", "")));
   }
 
  private:
-  bool begun_ = false;
+  void line(const std::string& head, const std::string& node, const std::string& why) {
+    if (std::exchange(head_, head) != head) print(fmt::format("{:<16}  {}", head, "why"));
+    print(fmt::format("{:<16}  {}", node, why));
+  }
+
+  std::string head_;
 };
 
-int finish(const Json& end) {
-  const bool complete = end.value("complete", false);
+void tell_end(const Json& end) {
   const auto acknowledged = end.value("acknowledged", uint64_t{0});
   const auto missing = end.value("missing", uint64_t{0});
-  if (acknowledged + missing == 0)
+  if (end.contains("deleted_on"))
+    print(fmt::format("deleted on {} of {} nodes", end.at("deleted_on").get<size_t>(),
+                      acknowledged + missing));
+  else if (!end.value("sent", true))
+    print("nothing was sent to the nodes");
+  else if (acknowledged + missing == 0)
     print("the lead knows no node that this is for");
   else
     print(fmt::format("{} of {} nodes acknowledged", acknowledged, acknowledged + missing));
-  return complete ? cli::kExitOk : cli::kExitFailure;
 }
 
-int show_answers(Answers& answers, const cli::JsonEvents& json) {
+// Trouble after the first answer leaves something begun.
+Json next_answer(cli::LineConnection& connection, double patience, bool begun) {
+  try {
+    return connection.answer(patience);
+  } catch (const std::runtime_error& error) {
+    if (begun || cli::stop_signal() != 0) throw cli::NotDone(error.what());
+    throw;
+  }
+}
+
+int show_answers(cli::LineConnection& connection, double patience, const cli::JsonEvents& json) {
   Table table;
-  for (;;) {
-    Json answer = answers.next();
+  for (bool sent = false;; sent = true) {
+    Json answer = next_answer(connection, patience, sent);
     const std::string event = answer.value("event", "");
     answer.erase("event");
     json.print(event, answer, cli::Output::Kind::kResult);
     if (event == "error") throw std::runtime_error(answer.value("text", "refused"));
-    if (event == "outcome" && !json.enabled()) table.line(answer);
+    if (event == "outcome" && !json.enabled()) table.outcome(answer);
+    if (event == "cancelled" && !json.enabled()) print(answer.value("text", ""));
     if (event != "done") continue;
-    if (!json.enabled()) return finish(answer);
+    if (!json.enabled() && answer.contains("missing")) tell_end(answer);
     return answer.value("complete", false) ? cli::kExitOk : cli::kExitFailure;
   }
+}
+
+Json encode(const LeadOptions& options) {
+  Json line = Json::parse(encode_request(make_request(options)));
+  if (options.command != Command::kCancel) return line;
+  line["push"] = options.cancelled;
+  if (line.at("transaction") == 0) line.erase("transaction");
+  return line;
 }
 
 }  // namespace
 
 int request_command(const LeadOptions& options) {
-  const Request request = make_request(options);
-  const Fd fd = connect_to(control_path(options));
-  send_all(fd, encode_request(request));
-  Answers answers(fd, options.answer_seconds + kPatienceSeconds);
-  return show_answers(answers, cli::JsonEvents(options.common.json));
+  const Json request = encode(options);
+  cli::LineConnection connection = connect_to_lead(options);
+  connection.send(request);
+  return show_answers(connection, options.answer_seconds + kPatienceSeconds,
+                      cli::JsonEvents(options.common.json));
 }
 
 }  // namespace pkgdist::lead_program

@@ -2,7 +2,9 @@
 
 #include "commands.h"
 #include "control_server.h"
+#include "lead_events.h"
 #include "metrics.h"
+#include "push_queue.h"
 #include "reporter.h"
 #include "session.h"
 #include "stop_signals.h"
@@ -16,9 +18,15 @@ int serve_command(const LeadOptions& options) {
     return cli::kExitUsage;
   }
   Reporter reporter(options.common.json, options.common.verbosity);
-  Session session(options, reporter);
-  if (!session.hears_leads(reporter) && options.standby) return cli::kExitFailure;
-  const std::unique_ptr<ControlServer> control = open_control(options, session, reporter);
+  EventTee events(reporter);
+  const std::unique_ptr<Session> opened = open_session(options, reporter, events);
+  Session& session = *opened;
+  if (!session.hears_leads(reporter) && options.standby) return cli::kExitNotStarted;
+  NodePrograms programs(session.lead(), reporter);
+  PushQueue queue(session.lead(), events, programs,
+                  [&] { return session.transport().send_errors(); });
+  const std::unique_ptr<ControlServer> control =
+      open_control(options, session, programs, reporter, &queue);
   const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
   cli::MessageRunner runner(options.on_message,
                             [&](const std::string& text) { reporter.error(text); });
@@ -33,10 +41,11 @@ int serve_command(const LeadOptions& options) {
   session.run(
       [&](lead::Time now) {
         if (control) control->run(now);
+        programs.run(now);
         if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
         return false;
       },
-      lead::kSecond);
+      PushQueue::kTellPeriod);
   reporter.json().print("stopped", {{"signal", cli::signal_name(cli::stop_signal())}},
                         cli::Output::Kind::kResult);
   reporter.say("stopped by " + cli::signal_name(cli::stop_signal()), cli::Output::Kind::kResult);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "control_socket.h"
 #include "stop_signals.h"
 
 namespace pkgdist::lead_program {
@@ -47,16 +48,32 @@ lead::Settings lead_settings(const LeadOptions& options) {
 
 }  // namespace
 
-Session::Session(const LeadOptions& options, Reporter& reporter)
+Session::Session(const LeadOptions& options, Reporter& reporter, lead::Events& events)
     : reporter_(reporter),
       interface_(options.common.interface),
       transport_(udp_settings(options)),
-      lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, reporter)) {
+      lead_(std::make_unique<lead::Lead>(lead_settings(options), transport_, store_, events)) {
   for (const auto& [number, location] : options.common.locations)
     store_.set_root(number, location.path);
   poller_.add(cli::stop_fd(), EPOLLIN, [this] { stopped_ = true; });
   if (interface_.fd() >= 0)
     poller_.add(interface_.fd(), EPOLLIN, [this, &reporter] { follow_interface(reporter); });
+}
+
+std::unique_ptr<Session> open_session(const LeadOptions& options, Reporter& reporter,
+                                      lead::Events& events) {
+  try {
+    return std::make_unique<Session>(options, reporter, events);
+  } catch (const std::system_error& error) {
+    if (error.code().value() != EADDRINUSE) throw;
+    const cli::CommonOptions& common = options.common;
+    for (const uint16_t port : {common.lead_port, common.req_port})
+      if (const auto owner = cli::port_owner(common.interface, port))
+        throw std::runtime_error(
+            fmt::format("a lead runs with this address and port already: {} has {}",
+                        cli::process_text(*owner), cli::format_endpoint({common.interface, port})));
+    throw;
+  }
 }
 
 void Session::follow_interface(Reporter& reporter) {

@@ -18,12 +18,13 @@ namespace pkgdist::lead_program {
 class Session {
  public:
   // Throws std::system_error when a socket cannot be had.
-  Session(const LeadOptions& options, Reporter& reporter);
+  // `events`: those of the lead; usually the reporter itself.
+  Session(const LeadOptions& options, Reporter& reporter, lead::Events& events);
 
   lead::Lead& lead() { return *lead_; }
   lead::DirectoryStore& store() { return store_; }
   lead::UdpTransport& transport() { return transport_; }
-  Poller& poller() { return poller_; }
+  cli::Poller& poller() { return poller_; }
 
   // Whether other leads can be heard; warns when not.
   bool hears_leads(Reporter& reporter) const;
@@ -36,7 +37,7 @@ class Session {
   void tell_send_error();
 
   Reporter& reporter_;
-  Poller poller_;
+  cli::Poller poller_;
   bool stopped_ = false;
   cli::InterfaceWatch interface_;  // before the sockets: nothing is missed
   lead::DirectoryStore store_;
@@ -44,5 +45,9 @@ class Session {
   std::unique_ptr<lead::Lead> lead_;
   std::set<int> told_errors_;  // why datagrams were not sent, as far as that was told
 };
+
+// Throws std::runtime_error that names the process which has the ports already.
+std::unique_ptr<Session> open_session(const LeadOptions& options, Reporter& reporter,
+                                      lead::Events& events);
 
 }  // namespace pkgdist::lead_program

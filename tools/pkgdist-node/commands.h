@@ -8,6 +8,7 @@ namespace pkgdist::node_program {
 int run_command(const NodeOptions& options);
 int get_command(const NodeOptions& options);
 int send_command(const NodeOptions& options);
+int status_command(const NodeOptions& options);
 int firewall_command(const NodeOptions& options);
 
 }  // namespace pkgdist::node_program

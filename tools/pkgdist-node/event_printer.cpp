@@ -63,6 +63,22 @@ uint32_t counter(CrtCounter entry) {
 
 }  // namespace
 
+nlohmann::ordered_json identity_fields(const NodeOptions& options) {
+  const cli::CommonOptions& common = options.common;
+  const std::array<uint32_t, 3> id = node_id_of(options);
+  Json locations = Json::array();
+  for (const auto& [number, location] : common.locations)
+    locations.push_back(
+        {{"location", number}, {"path", path_of(location)}, {"memory", location.memory}});
+  return {{"address", cli::format_address(common.interface)},
+          {"node_id", fmt::format("{}/{}/{}", id[0], id[1], id[2])},
+          {"card_class", options.card_class},
+          {"ctrl_group", cli::format_endpoint(common.ctrl_group)},
+          {"data_group", cli::format_endpoint(common.data_group)},
+          {"node_port", common.node_port},
+          {"locations", locations}};
+}
+
 uint32_t reports_sent() {
   return counter(DrtCounter::kUcSendDoneSent);
 }
@@ -103,23 +119,11 @@ void EventPrinter::say(const std::string& line) const {
 void EventPrinter::listening(const NodeOptions& options) {
   const cli::CommonOptions& common = options.common;
   const std::array<uint32_t, 3> id = node_id_of(options);
-  const std::string address = cli::format_address(common.interface);
-  const std::string id_text = fmt::format("{}/{}/{}", id[0], id[1], id[2]);
-  const std::string ctrl = cli::format_endpoint(common.ctrl_group);
-  const std::string data = cli::format_endpoint(common.data_group);
-  Json locations = Json::array();
-  for (const auto& [number, location] : common.locations)
-    locations.push_back(
-        {{"location", number}, {"path", path_of(location)}, {"memory", location.memory}});
-  json_.print("listening", Json{{"address", address},
-                                {"node_id", id_text},
-                                {"card_class", options.card_class},
-                                {"ctrl_group", ctrl},
-                                {"data_group", data},
-                                {"node_port", common.node_port},
-                                {"locations", locations}});
-  say(fmt::format("node {} ({}, card class {}) listens to {} and {}, and on port {}", address,
-                  id_text, options.card_class, ctrl, data, common.node_port));
+  json_.print("listening", identity_fields(options));
+  say(fmt::format("node {} ({}/{}/{}, card class {}) listens to {} and {}, and on port {}",
+                  cli::format_address(common.interface), id[0], id[1], id[2], options.card_class,
+                  cli::format_endpoint(common.ctrl_group), cli::format_endpoint(common.data_group),
+                  common.node_port));
   for (const auto& [number, location] : common.locations)
     say(fmt::format("location {}: {}{}", number,
                     location.memory ? "shared memory, names with " : "", path_of(location)));
@@ -127,10 +131,12 @@ void EventPrinter::listening(const NodeOptions& options) {
 
 void EventPrinter::lead_changed(uint32_t lead, uint32_t pid, bool failover) {
   lead_is_known_ = true;
+  lead_ = lead;
   json_.print("lead-changed",
               Json{{"lead", cli::format_address(lead)}, {"pid", pid}, {"failover", failover}});
   say(fmt::format("lead {} (process {}){}", cli::format_address(lead), pid,
                   failover ? " has taken over" : ""));
+  if (lead_talk_ != nullptr) lead_talk_->introduce();
 }
 
 void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location,
@@ -138,6 +144,7 @@ void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location,
   json_.print("transaction-start",
               Json{{"transaction", xact_id}, {"location", location}, {"files", count}});
   say(fmt::format("transaction {}: {} files for location {}", xact_id, count, location));
+  if (lead_talk_ != nullptr) lead_talk_->transaction_started(xact_id);
   tell_refusals(xact_id, location, paths, count);
 }
 
@@ -160,21 +167,24 @@ void EventPrinter::tell_refusals(uint32_t xact_id, uint32_t location, const char
 
 void EventPrinter::file_ended(uint64_t status, const char* path, uint32_t location,
                               uint32_t xact_id) {
-  std::string outcome = status_with_error(status);
   // Before the partial file goes and makes room.
-  const std::string reason = storage_trouble_->reason(location, path, status);
-  if (!reason.empty()) outcome += ": " + reason;
+  const std::string text = storage_trouble_->text(location, path, status);
   partial_files_->on_ended(location, path, status);
+  file_told(status, text, path, location, xact_id);
+}
+
+void EventPrinter::file_told(uint64_t status, const std::string& text, const std::string& name,
+                             uint32_t location, uint32_t xact_id) {
   Transaction& transaction = transactions_[xact_id];
   ++transaction.files;
   if (status != 0) ++transaction.failed;
   json_.print("file", Json{{"transaction", xact_id},
                            {"location", location},
-                           {"name", path},
+                           {"name", name},
                            {"status", status},
-                           {"text", outcome}});
+                           {"text", text}});
   if (status != 0 || verbosity_ > 0)
-    say(fmt::format("transaction {}: {}: {}", xact_id, path, outcome));
+    say(fmt::format("transaction {}: {}: {}", xact_id, name, text));
 }
 
 void EventPrinter::transaction_done(uint64_t status, uint32_t xact_id) {
@@ -187,6 +197,7 @@ void EventPrinter::transaction_done(uint64_t status, uint32_t xact_id) {
                                        {"repaired_segments", repaired_segments()}});
   say(fmt::format("transaction {} has ended: {} files, {} failed", xact_id, transaction.files,
                   transaction.failed));
+  if (lead_talk_ != nullptr) lead_talk_->transaction_ended(xact_id);
 }
 
 void EventPrinter::message(uint32_t message_class, uint64_t size) {
@@ -194,10 +205,21 @@ void EventPrinter::message(uint32_t message_class, uint64_t size) {
   say(fmt::format("message of class {}, {} bytes", message_class, size));
 }
 
-void EventPrinter::message_outcome(uint64_t status) {
-  const std::string outcome = status == 0 ? "acknowledged" : status_with_error(status);
-  json_.print("message-outcome", Json{{"status", status}, {"text", outcome}});
-  say(fmt::format("message: {}", outcome));
+void EventPrinter::question(const char* what) {
+  json_.print("question", Json{{"about", what}});
+}
+
+void EventPrinter::location_unset(uint32_t location) {
+  json_.print("location-unset", Json{{"location", location}});
+  error(
+      fmt::format("the lead pushes to location {}, which is not set here: start the node with "
+                  "--location {}=DIR",
+                  location, location));
+}
+
+void EventPrinter::message_outcome(uint64_t status, const std::string& text) {
+  json_.print("message-outcome", Json{{"status", status}, {"text", text}});
+  say(fmt::format("message: {}", text));
 }
 
 void EventPrinter::interface_changed(const cli::InterfaceChange& change) {

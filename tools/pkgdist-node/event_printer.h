@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "json_events.h"
+#include "lead_talk.h"
 #include "node.h"
 #include "node_options.h"
 #include "partial_files.h"
@@ -32,9 +33,16 @@ class EventPrinter {
   void transaction_started(uint32_t xact_id, uint32_t location, const char* const* paths,
                            uint32_t count);
   void file_ended(uint64_t status, const char* path, uint32_t location, uint32_t xact_id);
+  // The same, of a file that another process has received.
+  void file_told(uint64_t status, const std::string& text, const std::string& name,
+                 uint32_t location, uint32_t xact_id);
   void transaction_done(uint64_t status, uint32_t xact_id);
   void message(uint32_t message_class, uint64_t size);
-  void message_outcome(uint64_t status);
+  // The lead has asked this program something.
+  void question(const char* what);
+  // The lead pushes to a location that is not set here.
+  void location_unset(uint32_t location);
+  void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
   // From any thread.
   void error(const std::string& text);
@@ -44,6 +52,10 @@ class EventPrinter {
   void gave_up(const std::string& what, double timeout_seconds);
 
   bool lead_is_known() const { return lead_is_known_; }
+  uint32_t lead() const { return lead_; }  // the address, 0 before there is one
+
+  // Hears of leads and transactions, too, when there is one. It must outlive this object.
+  void set_lead_talk(LeadTalk* talk) { lead_talk_ = talk; }
 
  private:
   struct Transaction {
@@ -54,13 +66,18 @@ class EventPrinter {
   void tell_refusals(uint32_t xact_id, uint32_t location, const char* const* paths, uint32_t count);
 
   PartialFiles* partial_files_ = nullptr;
+  LeadTalk* lead_talk_ = nullptr;
   const StorageTrouble* storage_trouble_ = nullptr;
   cli::JsonEvents json_;
   int verbosity_;
   bool lead_is_known_ = false;
+  uint32_t lead_ = 0;
   std::set<std::pair<uint32_t, std::string>> refused_;  // location and name of what was told
   std::map<uint32_t, Transaction> transactions_;
 };
+
+// The address, identity and locations of a node, for events.
+nlohmann::ordered_json identity_fields(const NodeOptions& options);
 
 // Waits for a lead; says so when none is heard for the time-out.
 bool await_lead(Node& node, EventPrinter& printer, const NodeOptions& options);

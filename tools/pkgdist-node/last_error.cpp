@@ -46,4 +46,8 @@ std::string status_with_error(uint64_t status) {
   return reason.empty() ? text : text + ": " + reason;
 }
 
+std::string message_text(uint64_t status) {
+  return status == 0 ? "acknowledged" : status_with_error(status);
+}
+
 }  // namespace pkgdist::node_program

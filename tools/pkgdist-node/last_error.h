@@ -13,5 +13,7 @@ std::string last_error();
 // A status in words. Where it says no more than that the system refused something, with what was
 // refused, and why.
 std::string status_with_error(uint64_t status);
+// The same of a message to the lead: 0 is its acknowledgement.
+std::string message_text(uint64_t status);
 
 }  // namespace pkgdist::node_program

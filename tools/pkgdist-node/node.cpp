@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "control_socket.h"
 #include "last_error.h"
 #include "link_directories.h"
 #include "platform/inst_common.h"
@@ -26,6 +27,14 @@ namespace pkgdist::node_program {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// The library says no more than that an address is in use.
+void require_free_ports(const cli::CommonOptions& common) {
+  if (const auto owner = cli::port_owner(common.interface, common.node_port))
+    throw std::runtime_error(fmt::format(
+        "a node runs with this address and port already: {} has {}", cli::process_text(*owner),
+        cli::format_endpoint({common.interface, common.node_port})));
+}
 
 void start_control(const NodeOptions& options) {
   const cli::CommonOptions& common = options.common;
@@ -81,6 +90,7 @@ Node::Node(const NodeOptions& options)
   (void)umask(options.umask);
   constexpr uint32_t kPermissions = 0777;
   if (!options.allow_setuid) G_data_recv_mode_mask = kPermissions;
+  require_free_ports(options.common);
   start_control(options);
   joined_ = cli::find_interface(options.common.interface).value_or(cli::NetworkInterface{}).index;
   require(instcomm_pkgdist_ctrl_recv_set_nodeid(nodeid_.get()), "setting the node's identity");
@@ -125,13 +135,19 @@ bool Node::run_until(const std::function<bool()>& done, double silence_seconds,
 
 void Node::run_once(double seconds) {
   constexpr double kLongestSeconds = 3600;
+  constexpr double kBesideSeconds = 1;
+  if (run_beside_) seconds = seconds < 0 ? kBesideSeconds : std::min(seconds, kBesideSeconds);
   const int timeout_ms =
       seconds < 0 ? -1 : static_cast<int>(std::ceil(std::min(seconds, kLongestSeconds) * 1000));
-  pollfd ready[] = {
-      {levm_fd(loop_.get()), POLLIN, 0}, {interface_.fd(), POLLIN, 0}, {cli::stop_fd(), POLLIN, 0}};
+  pollfd ready[] = {{levm_fd(loop_.get()), POLLIN, 0},
+                    {interface_.fd(), POLLIN, 0},
+                    {cli::stop_fd(), POLLIN, 0},
+                    {beside_ != nullptr ? beside_->fd() : -1, POLLIN, 0}};
   (void)::poll(ready, std::size(ready), timeout_ms);
   if (ready[1].revents != 0) follow_interface();
   (void)levm_run_once(loop_.get(), 0);
+  if (beside_ != nullptr) beside_->dispatch();
+  if (run_beside_) run_beside_();
 }
 
 // What came back with the number that it had is still joined.

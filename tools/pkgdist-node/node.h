@@ -13,6 +13,7 @@
 #include "node_options.h"
 #include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
+#include "poller.h"
 #include "storage_trouble.h"
 
 namespace pkgdist::node_program {
@@ -47,6 +48,14 @@ class Node {
 
   static bool interrupted();
 
+  // From now on the loop dispatches this poller, too, and calls `run` after every pass, once a
+  // second at least.
+  // Null: not any more.
+  void run_beside(cli::Poller* poller, std::function<void()> run) {
+    beside_ = poller;
+    run_beside_ = std::move(run);
+  }
+
   FlushService& flush_service() { return flush_service_; }
   PartialFiles& partial_files() { return partial_files_; }
   const StorageTrouble& storage_trouble() const { return storage_trouble_; }
@@ -74,6 +83,8 @@ class Node {
   std::unique_ptr<struct nodeid, NodeidDeleter> nodeid_;
   cli::InterfaceWatch interface_;  // since before the library joined the groups
   GroupMembership membership_;
+  cli::Poller* beside_ = nullptr;
+  std::function<void()> run_beside_;
   unsigned joined_ = 0;  // number of the interface on which the groups were joined last
   FlushService flush_service_;
   PartialFiles partial_files_;

@@ -81,6 +81,12 @@ void add_send(CLI::App& app, NodeOptions& options) {
   send->callback([&options] { options.command = Command::kSend; });
 }
 
+void add_status(CLI::App& app, NodeOptions& options) {
+  CLI::App* status = app.add_subcommand("status", "tell how the node of this host stands");
+  status->fallthrough();
+  status->callback([&options] { options.command = Command::kStatus; });
+}
+
 void add_firewall(CLI::App& app, NodeOptions& options) {
   CLI::App* firewall = app.add_subcommand(
       "firewall", "print rules for nft by which only these leads reach this host's node");
@@ -117,11 +123,15 @@ void add_node_options(CLI::App& app, NodeOptions& options) {
       ->type_name("OCTAL [022]");
   app.add_flag("--allow-setuid", options.allow_setuid,
                "files may get set-user-ID, set-group-ID and sticky bits");
+  app.add_option("--control", options.control_path,
+                 "socket through which a running node takes commands")
+      ->type_name("PATH [by address and port]");
   app.require_subcommand(1);
   app.fallthrough();
   add_run(app, options);
   add_get(app, options);
   add_send(app, options);
+  add_status(app, options);
   add_firewall(app, options);
 }
 

@@ -11,11 +11,12 @@
 
 namespace pkgdist::node_program {
 
-enum class Command { kRun, kGet, kSend, kFirewall };
+enum class Command { kRun, kGet, kSend, kFirewall, kStatus };
 
 struct NodeOptions {
   cli::CommonOptions common;
   Command command = Command::kRun;
+  std::string control_path;         // of the control socket; empty: see running_node.h
   uint32_t node_id[3] = {0, 0, 0};  // the last three octets of the address unless given
   bool node_id_given = false;
   uint32_t card_class = PKGDIST_DEFAULT_CARD_CLASS;

@@ -5,6 +5,7 @@
 #include "event_printer.h"
 #include "node.h"
 #include "pkgdist/wire_ctrl.h"
+#include "running_node.h"
 
 namespace pkgdist::node_program {
 
@@ -16,11 +17,14 @@ struct MessageClass {
   EventPrinter* printer;
   cli::MessageRunner* runner;
   FlushService* flush_service;
+  LeadTalk* talk;
 };
 
 void on_message(const void* bytes, uint64_t size, void* ctx) {
   const auto& target = *static_cast<MessageClass*>(ctx);
-  if (target.flush_service->on_message(target.number, {static_cast<const uint8_t*>(bytes), size}))
+  const std::span<const uint8_t> text{static_cast<const uint8_t*>(bytes), size};
+  if (target.flush_service->on_message(target.number, text) ||
+      target.talk->on_message(target.number, text))
     return;
   target.printer->message(target.number, size);
   target.runner->add({static_cast<const char*>(bytes), size},
@@ -37,15 +41,20 @@ int run_command(const NodeOptions& options) {
   Node node(options);
   EventPrinter printer(options);
   printer.listening(options);
+  LeadTalk talk(options.common);
+  talk.on_question = [&](const char* what) { printer.question(what); };
+  talk.on_unset = [&](uint32_t location) { printer.location_unset(location); };
+  printer.set_lead_talk(&talk);
   cli::MessageRunner runner(options.on_message,
                             [&](const std::string& text) { printer.error(text); });
   printer.attach(node);
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {
-    target = {number, &printer, &runner, &node.flush_service()};
+    target = {number, &printer, &runner, &node.flush_service(), &talk};
     require(instcomm_pkgdist_ctrl_mc_hdlr_attach(node.loop(), number++, on_message, &target),
             "attaching to messages");
   }
+  const std::unique_ptr<RunningNode> control = open_control(options, node, printer, talk);
   node.run();
   printer.stopped();
   return cli::kExitOk;

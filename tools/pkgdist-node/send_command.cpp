@@ -6,7 +6,9 @@
 
 #include "commands.h"
 #include "event_printer.h"
+#include "last_error.h"
 #include "node.h"
+#include "running_node.h"
 
 namespace pkgdist::node_program {
 
@@ -21,6 +23,7 @@ void on_status(uint64_t status, void* ctx) {
 int send_command(const NodeOptions& options) {
   const std::string message = cli::message_bytes(options.message);
   if (message.empty()) throw CLI::ValidationError("an empty message cannot be sent");
+  if (auto node = connect_to_node(options)) return send_through(*node, options, message);
   EventPrinter printer(options);
   std::optional<uint64_t> outcome;
   Node node(options);
@@ -34,7 +37,7 @@ int send_command(const NodeOptions& options) {
     printer.gave_up("the lead has not acknowledged the message", options.timeout_seconds);
     return cli::kExitFailure;
   }
-  printer.message_outcome(*outcome);
+  printer.message_outcome(*outcome, message_text(*outcome));
   return *outcome == 0 ? cli::kExitOk : cli::kExitFailure;
 }
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "last_error.h"
 #include "pkgdist/status.h"
 
 namespace pkgdist::node_program {
@@ -104,6 +105,12 @@ std::string StorageTrouble::reason(uint32_t location, const std::string& name,
   if (!is_status_of(status, ENOENT) && !is_status_of(status, EACCES)) return "";
   if (at.read_only) return at.sealed();
   return at.no_inodes ? at.out_of_inodes() : "";
+}
+
+std::string StorageTrouble::text(uint32_t location, const std::string& name,
+                                 uint64_t status) const {
+  const std::string why = reason(location, name, status);
+  return status_with_error(status) + (why.empty() ? "" : ": " + why);
 }
 
 std::string StorageTrouble::refusal(uint32_t location, const std::string& name) const {

@@ -22,6 +22,9 @@ class StorageTrouble {
   // nothing to do with the status. `name`: of the file, in its location.
   std::string reason(uint32_t location, const std::string& name, uint64_t status) const;
 
+  // The status in words, with the reason if there is one.
+  std::string text(uint32_t location, const std::string& name, uint64_t status) const;
+
   // Why the library does not take a file that a list names; empty when it does.
   std::string refusal(uint32_t location, const std::string& name) const;
 

@@ -108,6 +108,10 @@ class Lead {
   PushReport push_report() const;
   bool push_running() const;
 
+  // Ends the running push for one node: what it lacks has this status. False when the push does not
+  // have the node, or not yet.
+  bool leave_out(uint32_t address, uint64_t status, Time now);
+
   // Reliable messages to nodes. Each returns the number by which events and message_report() tell
   // what became of it, or 0 when an argument is out of range: a class that is not 2 to 5, no bytes,
   // too many bytes, a name that cannot travel; or when this lead does not lead. Waited for are the
@@ -133,6 +137,14 @@ class Lead {
     size_t silent = 0;  // of these
   };
   NodeCounts node_counts() const;
+
+  struct NodeView {
+    NodeInfo info;
+    Time last_heard = 0;
+    bool silent = false;
+  };
+  // The nodes that were heard since this lead began, in no order.
+  std::vector<NodeView> nodes() const;
 
   Role role() const;
   // The other lead that was heard last, 0 when none was.

@@ -183,6 +183,14 @@ void PushJob::leave_out(NodeIndex node, uint64_t status) {
   data_.drop_node(node);
 }
 
+bool PushJob::leave_out_node(NodeIndex node, uint64_t status, Time now) {
+  now_ = now;
+  const Member* const one = members_.find(node);
+  if (phase_ != Phase::kRunning || one == nullptr) return false;
+  if (one->left != 0) leave_out(node, status);
+  return true;
+}
+
 void PushJob::return_to_deferred() {
   for (NodeIndex node = 0; node < members_.size(); ++node) {
     Member& one = members_[node];

@@ -44,6 +44,8 @@ class PushJob {
   // `restarted`: with another process. A node that restarts again and again is given up.
   void on_node_fresh(NodeIndex node, bool restarted = false);
   void on_node_silent(NodeIndex node);
+  // What the node lacks ends with this status. False when the push does not have it, or not yet.
+  bool leave_out_node(NodeIndex node, uint64_t status, Time now);
   // The node was left behind because it is slow: what it asks for would slow the others down.
   bool leaves_behind(NodeIndex node) const {
     return phase_ == Phase::kRunning && node < members_.size() && members_[node].behind;

@@ -1,4 +1,5 @@
-// Descriptors beside the lead's sockets: one epoll instance and a function for each descriptor.
+// Descriptors and what to do when they are ready: one epoll instance and a function for each
+// descriptor.
 #pragma once
 
 #include <sys/epoll.h>
@@ -11,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-namespace pkgdist::lead_program {
+namespace pkgdist::cli {
 
 // A descriptor that closes itself.
 class Fd {
@@ -79,4 +80,4 @@ class Poller {
   std::map<int, Ready> ready_;
 };
 
-}  // namespace pkgdist::lead_program
+}  // namespace pkgdist::cli

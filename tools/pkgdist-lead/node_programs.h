@@ -1,0 +1,74 @@
+// What the programs of nodes tell this lead's program beside the files: who they are, and what they
+// answer to questions (introduction.h).
+//
+// A node that introduces itself and has not set the location of the running push ends at once in
+// it, and is told why. What a node said counts as long as its process runs.
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "introduction.h"
+#include "pkgdist_lead/lead.h"
+#include "reporter.h"
+
+namespace pkgdist::lead_program {
+
+class NodePrograms {
+ public:
+  // Hears every message of a node before it is reported.
+  NodePrograms(lead::Lead& lead, Reporter& reporter);
+  ~NodePrograms();
+  NodePrograms(const NodePrograms&) = delete;
+  NodePrograms& operator=(const NodePrograms&) = delete;
+
+  // Of the process that the node has now; null when it has not introduced itself.
+  const cli::Introduction* find(const lead::NodeInfo& node) const;
+
+  // A push to this location has begun.
+  void push_begins(uint32_t location);
+  // Does what messages could not do while they were handed in.
+  void run(lead::Time now);
+
+  // A node has not confirmed yet what it was told; for a moment.
+  bool busy(lead::Time now) const;
+
+  // Asks those of the nodes that answer questions. The number of the question; 0: nobody is asked.
+  uint32_t ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes, lead::Time now,
+               lead::Time limit);
+  // All that were asked have answered, or their time is over.
+  bool answered(uint32_t question, lead::Time now) const;
+  // By address: what each said, empty for those that did not. The question is forgotten.
+  std::map<uint32_t, std::vector<std::string>> take_answers(uint32_t question);
+
+  // Hears of each node that a push goes on without; may be null.
+  std::function<void(uint32_t node, uint32_t location)> on_location_missing;
+  // Hears a message that is none of these; with true it is not reported either.
+  std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
+
+ private:
+  struct Question {
+    std::map<uint32_t, std::vector<std::string>> answers;
+    size_t waiting = 0;
+    lead::Time deadline = 0;
+  };
+  bool on_message(const lead::NodeInfo& node, uint32_t msg_class, std::span<const uint8_t> bytes);
+  void on_introduction(const lead::NodeInfo& node, cli::Introduction introduction);
+  void on_answer(uint32_t node, cli::NodeAnswer answer);
+  void check_location(uint32_t node, const cli::Introduction& introduction);
+
+  lead::Lead& lead_;
+  Reporter& reporter_;
+  std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
+  uint32_t push_location_ = 0;                                     // 0: before the first push
+  std::unordered_set<uint32_t> without_location_;  // nodes that the push does not have yet
+  std::vector<lead::MessageId> told_;              // to nodes without the location
+  lead::Time told_at_ = 0;
+  std::map<uint32_t, Question> questions_;
+  uint32_t next_question_ = 0;
+};
+
+}  // namespace pkgdist::lead_program

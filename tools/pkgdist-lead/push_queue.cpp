@@ -1,0 +1,251 @@
+#include "push_queue.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "cli_common.h"
+#include "push_figures.h"
+
+namespace pkgdist::lead_program {
+
+namespace {
+
+constexpr size_t kMaxWaiting = 32;
+constexpr size_t kMaxPast = 100;
+// With many nodes, telling how a push stands takes milliseconds.
+constexpr lead::Time kTellManyPeriod = lead::kSecond;
+constexpr size_t kManyNodes = 100;
+constexpr auto kProgress = cli::Output::Kind::kProgress;
+
+double seconds(lead::Time from, lead::Time to) {
+  return cli::rounded(
+      static_cast<double>(lead::elapsed(to, from)) / static_cast<double>(lead::kSecond),
+      cli::kSecondDecimals);
+}
+
+size_t complete_nodes(const lead::PushReport& report) {
+  return static_cast<size_t>(
+      std::count_if(report.nodes.begin(), report.nodes.end(),
+                    [](const lead::PushNodeReport& node) { return is_complete(node); }));
+}
+
+Json listed(uint32_t number, const std::string& name, const std::string& state,
+            uint32_t transaction, uint64_t files, uint64_t bytes, size_t nodes, size_t complete,
+            double seconds) {
+  return {{"event", "push"},
+          {"number", number},
+          {"name", name},
+          {"state", state},
+          {"transaction", transaction},
+          {"files", files},
+          {"bytes", bytes},
+          {"nodes", nodes},
+          {"nodes_complete", complete},
+          {"seconds", seconds}};
+}
+
+}  // namespace
+
+PushQueue::PushQueue(lead::Lead& lead, EventTee& events, NodePrograms& programs,
+                     std::function<uint64_t()> send_errors)
+    : lead_(lead), events_(events), programs_(programs), send_errors_(std::move(send_errors)) {
+  programs_.takes_message = [this](const lead::NodeInfo& node, uint32_t msg_class,
+                                   std::span<const uint8_t> bytes) {
+    return !waiting_.empty() && waiting_.front().durability &&
+           waiting_.front().durability->on_message(node.address, msg_class, bytes);
+  };
+  programs_.on_location_missing = [this](uint32_t node, uint32_t location) {
+    events_.location_missing(node, location);
+  };
+}
+
+void PushQueue::add(QueuedPush push, Client client, lead::Time now) {
+  if (waiting_.size() >= kMaxWaiting)
+    throw std::runtime_error(fmt::format("{} pushes wait already", waiting_.size()));
+  Json before = Json::array();
+  for (const Entry& entry : waiting_) before.push_back(entry.push.name);
+  Entry& entry = waiting_.emplace_back();
+  entry.number = ++last_number_;
+  entry.push = std::move(push);
+  entry.client = std::move(client);
+  entry.queued_at = now;
+  entry.client->begin(true);
+  entry.client->say({{"event", "queued"}, {"number", entry.number}, {"before", before}});
+}
+
+void PushQueue::stop(const Client& client, lead::Time now) {
+  for (Entry& entry : waiting_) {
+    if (entry.client != client) continue;
+    entry.stopped = true;
+    if (entry.began_at != 0 && lead_.push_running()) lead_.stop_push(now);
+  }
+}
+
+void PushQueue::stop_for(const Client& client, uint32_t node, lead::Time now) {
+  for (const Entry& entry : waiting_)
+    if (entry.client == client && entry.began_at != 0 && !entry.report)
+      (void)lead_.cancel_transaction(entry.transaction, lead::Audience::one(node), now);
+}
+
+std::optional<PushQueue::Cancelled> PushQueue::cancel(const std::string& which, lead::Time now) {
+  const auto is = [&](uint32_t number, uint32_t transaction, const std::string& name) {
+    return which == name || which == std::to_string(number) ||
+           (transaction != 0 && which == std::to_string(transaction));
+  };
+  for (Entry& entry : waiting_) {
+    if (!is(entry.number, entry.transaction, entry.push.name)) continue;
+    const bool running = entry.began_at != 0 && !entry.report;
+    if (running) (void)lead_.cancel_transaction(entry.transaction, lead::Audience::everyone(), now);
+    entry.stopped = true;
+    return Cancelled{true, fmt::format("push {} ({}) is cancelled{}", entry.number, entry.push.name,
+                                       running ? "" : " before it began")};
+  }
+  for (auto past = past_.rbegin(); past != past_.rend(); ++past)
+    if (is(past->number, past->transaction, past->name))
+      return Cancelled{false,
+                       fmt::format("push {} ({}) has ended already", past->number, past->name)};
+  return std::nullopt;
+}
+
+// --- The one that runs ---
+
+void PushQueue::begin(Entry& entry, lead::Time now) {
+  if (const char* problem = lead_.start_push(entry.push.request, now)) {
+    entry.client->refuse(problem);
+    waiting_.pop_front();
+    return;
+  }
+  entry.began_at = now;
+  entry.transaction = lead_.push_transaction();
+  entry.before = lead_.counters();
+  entry.send_errors_before = send_errors_();
+  programs_.push_begins(entry.push.request.location);
+  events_.show_to(entry.client);
+  entry.client->say({{"event", "begins"}, {"transaction", entry.transaction}});
+}
+
+void PushQueue::tell(Entry& entry, lead::Time now) {
+  if (entry.client->gone()) return;
+  const bool many = entry.told_at != 0 && lead_.node_counts().heard > kManyNodes;
+  if (lead::elapsed(now, entry.told_at) < (many ? kTellManyPeriod : kTellPeriod)) return;
+  entry.told_at = now;
+  entry.client->say({{"event", "state"},
+                     {"report", encode_report(lead_.push_progress())},
+                     {"counters", encode_counters(difference(lead_.counters(), entry.before))},
+                     {"rate_bits", lead_.rate_bits()}},
+                    kProgress);
+}
+
+// A push waits for another lead to fall silent as long as it waits for nodes.
+bool PushQueue::blocked(Entry& entry, lead::Time now) {
+  if (lead_.role() != lead::Role::kStandingBy) {
+    entry.blocked_at = 0;
+    return false;
+  }
+  if (entry.blocked_at == 0) entry.blocked_at = now;
+  return lead::elapsed(now, entry.blocked_at) >= entry.push.request.node_timeout;
+}
+
+void PushQueue::stream_ended(Entry& entry, lead::Time now) {
+  entry.report = lead_.push_report();
+  events_.show_to(nullptr);
+  say_end(entry, difference(lead_.counters(), entry.before));
+  if (entry.stopped || !entry.push.durable_seconds) return;
+  entry.durability = std::make_unique<Durability>(entry.transaction, entry.push.request.location);
+  entry.durability->ask(
+      lead_, *entry.report,
+      static_cast<lead::Time>(*entry.push.durable_seconds * static_cast<double>(lead::kSecond)),
+      now);
+}
+
+void PushQueue::say_end(Entry& entry, const lead::Counters& counted) {
+  entry.client->say({{"event", "ended"},
+                     {"began", entry.began_at != 0},
+                     {"cancelled", entry.stopped},
+                     {"blocked_by", entry.blocked_at != 0 ? lead_.other_lead() : 0},
+                     {"report", encode_report(entry.report.value_or(lead::PushReport{}))},
+                     {"counters", encode_counters(counted)},
+                     {"nodes_heard", lead_.node_counts().heard},
+                     {"send_errors", send_errors_() - entry.send_errors_before}});
+}
+
+void PushQueue::run(lead::Time now) {
+  while (!waiting_.empty() && waiting_.front().stopped && waiting_.front().began_at == 0) {
+    say_end(waiting_.front(), {});
+    finish(now);
+  }
+  if (waiting_.empty()) return;
+  Entry& entry = waiting_.front();
+  if (entry.began_at == 0) return begin(entry, now);
+  if (!entry.report) {
+    tell(entry, now);
+    if (lead_.push_running() && blocked(entry, now)) lead_.stop_push(now);
+    if (lead_.push_running()) return;
+    stream_ended(entry, now);
+  }
+  if (entry.durability && !entry.stopped && !entry.durability->ended(now)) return;
+  finish(now);
+}
+
+void PushQueue::finish(lead::Time now) {
+  Entry& entry = waiting_.front();
+  if (entry.durability) {
+    Json nodes = Json::array();
+    for (const auto& [node, error] : entry.durability->outcomes()) nodes.push_back({node, error});
+    entry.client->say({{"event", "durable"}, {"nodes", nodes}});
+  }
+  entry.client->finish({{"event", "done"}});
+  remember(entry, now);
+  waiting_.pop_front();
+}
+
+// --- What is told of them ---
+
+void PushQueue::remember(const Entry& entry, lead::Time now) {
+  const lead::PushReport report = entry.report.value_or(lead::PushReport{});
+  const char* state = entry.stopped ? "cancelled" : report.complete() ? "done" : "incomplete";
+  past_.push_back({.number = entry.number,
+                   .name = entry.push.name,
+                   .state = state,
+                   .transaction = entry.transaction,
+                   .files = report.files,
+                   .bytes = report.bytes,
+                   .nodes = std::max(report.nodes.size(), report.expected_nodes),
+                   .complete = complete_nodes(report),
+                   .began_at = entry.began_at,
+                   .ended_at = now});
+  if (past_.size() > kMaxPast) past_.pop_front();
+  for (const lead::PushNodeReport& node : report.nodes)
+    if (is_complete(node)) complete_[node.address] = entry.push.name;
+}
+
+std::vector<Json> PushQueue::list(lead::Time now) const {
+  std::vector<Json> lines;
+  for (const Past& past : past_)
+    lines.push_back(listed(past.number, past.name, past.state, past.transaction, past.files,
+                           past.bytes, past.nodes, past.complete,
+                           past.began_at == 0 ? 0 : seconds(past.began_at, past.ended_at)));
+  for (const Entry& entry : waiting_) {
+    const bool began = entry.began_at != 0;
+    const lead::PushReport report = began ? lead_.push_progress() : lead::PushReport{};
+    uint64_t bytes = 0;
+    for (const lead::PushFile& file : entry.push.request.files) bytes += file.size;
+    lines.push_back(listed(entry.number, entry.push.name,
+                           !began           ? "queued"
+                           : report.started ? "running"
+                                            : "waiting for nodes",
+                           entry.transaction, entry.push.request.files.size(), bytes,
+                           std::max(report.nodes.size(), report.expected_nodes),
+                           complete_nodes(report), began ? seconds(entry.began_at, now) : 0));
+  }
+  return lines;
+}
+
+std::string PushQueue::last_complete(uint32_t node) const {
+  const auto found = complete_.find(node);
+  return found == complete_.end() ? std::string() : found->second;
+}
+
+}  // namespace pkgdist::lead_program

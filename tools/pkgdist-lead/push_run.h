@@ -1,0 +1,44 @@
+// What `push` does whether the push runs in this process or in a lead that serves: what is pushed,
+// and what is told of it in the end.
+#pragma once
+
+#include "durability.h"
+#include "lead_options.h"
+#include "pkgdist_lead/directory_store.h"
+#include "push_view.h"
+#include "push_wire.h"
+#include "reporter.h"
+
+namespace pkgdist::lead_program {
+
+// How a push ended.
+struct PushEnd {
+  lead::PushReport report;
+  lead::Counters counters;
+  uint64_t send_errors = 0;
+  bool began = true;         // false: cancelled while it waited for others
+  bool interrupted = false;  // by a signal to this process
+  uint32_t blocked_by = 0;   // another lead that was in the way to the end
+  size_t nodes_heard = 0;    // by the lead, of the push or not
+};
+
+// Tells everything but what --durable says. True when every node has every file.
+bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter,
+              PushView& view, PushEnd end);
+
+// Pushes through the lead that serves at --control, and shows the same as a push of this process.
+// Nothing when no lead is there. Throws when the one that is there takes no push.
+struct ServingLead {
+  Json status;
+  // The content root of a location there; empty: it has none.
+  std::string root(uint32_t location) const;
+  uint32_t address() const;
+  // "ctrl_group" or "data_group".
+  cli::Endpoint group(const char* which) const;
+};
+std::optional<ServingLead> find_serving_lead(const LeadOptions& options);
+
+// True when every node has every file, on its disk if that was asked for.
+bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter);
+
+}  // namespace pkgdist::lead_program

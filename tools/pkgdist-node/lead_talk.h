@@ -1,0 +1,44 @@
+// What this program and the lead's say to each other beside the files (introduction.h): it
+// introduces itself to each new lead, answers what the lead asks about files and transactions, and
+// hears that the lead uses a location that is not set here.
+//
+// Everything runs on the thread of the event loop.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <span>
+#include <string>
+
+#include "introduction.h"
+#include "node_options.h"
+
+namespace pkgdist::node_program {
+
+class LeadTalk {
+ public:
+  explicit LeadTalk(const cli::CommonOptions& options) : options_(options) {}
+
+  // A lead was heard that was not before.
+  void introduce() const;
+  // A message of the lead; false when it is none of these.
+  bool on_message(uint32_t msg_class, std::span<const uint8_t> bytes);
+  void transaction_started(uint32_t number) { open_.insert(number); }
+  void transaction_ended(uint32_t number) { open_.erase(number); }
+  const std::set<uint32_t>& open_transactions() const { return open_; }
+
+  // The lead pushes to a location that has not been set.
+  std::function<void(uint32_t location)> on_unset;
+  // The lead has asked something: "files", "remove" or "transaction".
+  std::function<void(const char* what)> on_question;
+
+ private:
+  void answer(const cli::NodeQuestion& question) const;
+  std::string state_of(uint32_t location, const std::string& name, bool remove) const;
+
+  const cli::CommonOptions& options_;
+  std::set<uint32_t> open_;  // transactions of leads
+};
+
+}  // namespace pkgdist::node_program

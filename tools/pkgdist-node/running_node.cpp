@@ -1,0 +1,233 @@
+#include "running_node.h"
+
+#include <fmt/core.h>
+
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+
+#include "base64.h"
+#include "last_error.h"
+
+namespace pkgdist::node_program {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Clock = std::chrono::steady_clock;
+
+// The longest request: a message of the greatest size in base64, or as many names.
+constexpr size_t kMaxLine = size_t{2} << 20;
+
+std::string path_for(const NodeOptions& options) {
+  return cli::control_socket_path(options.control_path, "pkgdist-node", options.common.interface,
+                                  options.common.node_port);
+}
+
+// Tells when nothing was heard for a time.
+class Silence {
+ public:
+  Silence(double seconds, uint64_t (*heard)())
+      : limit_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
+        heard_(heard),
+        count_(heard()) {}
+
+  bool over() {
+    if (const uint64_t now = heard_(); std::exchange(count_, now) != now) since_ = Clock::now();
+    return Clock::now() - since_ >= limit_;
+  }
+
+ private:
+  const Clock::duration limit_;
+  uint64_t (*const heard_)();
+  uint64_t count_;
+  Clock::time_point since_ = Clock::now();
+};
+
+double timeout_of(const Json& request) {
+  constexpr double kLongestSeconds = 1e6;
+  const double seconds = request.value("timeout", 60.0);
+  if (!(seconds > 0) || seconds > kLongestSeconds)
+    throw std::runtime_error("\"timeout\" is out of range");
+  return seconds;
+}
+
+}  // namespace
+
+// What a client has asked for. Lives until the library calls it back no more.
+class RunningNode::Job {
+ public:
+  explicit Job(Client client) : client_(std::move(client)) { client_->begin(); }
+  virtual ~Job() = default;
+  // Goes on when a lead is known.
+  virtual void run(bool lead_is_known) = 0;
+  virtual bool called_back() const = 0;
+  bool ended() const { return client_->finished() || client_->gone(); }
+
+ protected:
+  Client client_;
+};
+
+class RunningNode::GetJob : public Job {
+ public:
+  GetJob(Client client, const Json& request, const NodeOptions& options, Node& node)
+      : Job(std::move(client)),
+        files_(
+            wanted(request, options), node.loop(),
+            [this, &node](uint64_t status, const char* path, uint32_t location, uint32_t number) {
+              // Before the partial file goes and makes room.
+              const std::string text = node.storage_trouble().text(location, path, status);
+              node.partial_files().on_ended(location, path, status);
+              client_->say({{"event", "file"},
+                            {"path", cli::encode_base64(std::string_view(path))},
+                            {"location", location},
+                            {"transaction", number},
+                            {"status", status},
+                            {"text", text}});
+            }),
+        silence_(timeout_of(request), heard_about_files) {}
+
+  void run(bool lead_is_known) override {
+    if (ended()) return;
+    const bool done = lead_is_known && files_.run();
+    const bool silent = !done && silence_.over();
+    if (!done && !silent) return;
+    client_->finish({{"event", "done"},
+                     {"left", files_.left()},
+                     {"failed", files_.failed()},
+                     {"silent", silent}});
+  }
+  bool called_back() const override { return files_.waits(); }
+
+ private:
+  static Wanted wanted(const Json& request, const NodeOptions& options) {
+    Wanted wanted;
+    wanted.location = request.at("location").get<uint32_t>();
+    wanted.type = request.at("type").get<uint32_t>();
+    wanted.priority = request.at("priority").get<uint32_t>();
+    for (const Json& path : request.at("paths"))
+      wanted.paths.push_back(cli::decode_base64_text(path.get<std::string>()));
+    if (!options.common.locations.contains(wanted.location))
+      throw std::runtime_error(
+          fmt::format("the node that runs here has no location {}", wanted.location));
+    return wanted;
+  }
+
+  FileRequests files_;
+  Silence silence_;
+};
+
+class RunningNode::SendJob : public Job {
+ public:
+  SendJob(Client client, const Json& request, Node& node)
+      : Job(std::move(client)),
+        loop_(node.loop()),
+        class_(request.at("class").get<uint32_t>()),
+        bytes_(cli::decode_base64(request.at("data").get<std::string>())),
+        silence_(timeout_of(request), heard_about_messages) {}
+
+  void run(bool lead_is_known) override {
+    if (ended()) return;
+    if (lead_is_known && !std::exchange(sent_, true)) {
+      waits_ = true;
+      const PkgdistStatus status = instcomm_pkgdist_ctrl_send_lead_msg(
+          bytes_.data(), bytes_.size(), class_, loop_, on_status, this);
+      if (status != 0) on_status(status, this);
+    }
+    if (!ended() && silence_.over()) end(PKGDIST_STATUS_FROM_ERRNO(ETIMEDOUT), true);
+  }
+  bool called_back() const override { return waits_; }
+
+ private:
+  static void on_status(uint64_t status, void* ctx) {
+    auto& self = *static_cast<SendJob*>(ctx);
+    self.waits_ = false;
+    self.end(status, false);
+  }
+  void end(uint64_t status, bool silent) {
+    client_->finish({{"event", "done"},
+                     {"status", status},
+                     {"text", message_text(status)},
+                     {"silent", silent}});
+  }
+
+  const levm_handle_t loop_;
+  const uint32_t class_;
+  const std::vector<uint8_t> bytes_;
+  Silence silence_;
+  bool sent_ = false;
+  bool waits_ = false;
+};
+
+// --- The node's side ---
+
+RunningNode::RunningNode(const NodeOptions& options, Node& node, EventPrinter& printer,
+                         const LeadTalk& talk)
+    : options_(options),
+      node_(node),
+      printer_(printer),
+      talk_(talk),
+      server_(
+          path_for(options), poller_, kMaxLine,
+          [this](const Client& client, const std::string& line) { return on_line(client, line); },
+          [this](const std::string& text) { printer_.error(text); }) {
+  node_.run_beside(&poller_, [this] { run(); });
+}
+
+RunningNode::~RunningNode() {
+  node_.run_beside(nullptr, nullptr);
+}
+
+bool RunningNode::on_line(const Client& client, const std::string& line) {
+  if (client->begun()) return true;
+  const Json request = Json::parse(line, nullptr, false);
+  if (!request.is_object()) throw std::runtime_error("the request is no JSON object");
+  const std::string command = request.value("command", "");
+  if (command == "status") {
+    say_status(*client);
+    client->finish();
+  } else if (command == "get") {
+    jobs_.push_back(std::make_unique<GetJob>(client, request, options_, node_));
+  } else if (command == "send") {
+    jobs_.push_back(std::make_unique<SendJob>(client, request, node_));
+  } else {
+    throw std::runtime_error("no such command");
+  }
+  return true;
+}
+
+void RunningNode::say_status(cli::LineClient& client) const {
+  Json status{{"event", "status"}, {"pid", ::getpid()}, {"version", cli::version()}};
+  status.update(identity_fields(options_));
+  status["lead"] = printer_.lead_is_known() ? Json(cli::format_address(printer_.lead())) : Json();
+  status["transactions"] = talk_.open_transactions();
+  client.say(status);
+}
+
+void RunningNode::run() {
+  server_.run();
+  for (const auto& job : jobs_) job->run(printer_.lead_is_known());
+  jobs_.remove_if([](const auto& job) { return job->ended() && !job->called_back(); });
+  server_.flush();
+}
+
+std::unique_ptr<RunningNode> open_control(const NodeOptions& options, Node& node,
+                                          EventPrinter& printer, const LeadTalk& talk) {
+  try {
+    return std::make_unique<RunningNode>(options, node, printer, talk);
+  } catch (const cli::SocketTaken&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    if (!options.control_path.empty()) throw;
+    printer.error(fmt::format("warning: takes no commands: {}", error.what()));
+    return nullptr;
+  }
+}
+
+std::optional<cli::LineConnection> connect_to_node(const NodeOptions& options) {
+  auto socket = cli::connect_to(path_for(options), !options.control_path.empty());
+  if (!socket) return std::nullopt;
+  return cli::LineConnection(std::move(*socket), "node");
+}
+
+}  // namespace pkgdist::node_program

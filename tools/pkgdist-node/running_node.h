@@ -1,0 +1,67 @@
+// The node that runs on this host: takes commands over its control socket, and how `get`, `send`
+// and `status` reach it. One line of JSON asks, lines answer:
+//   {"command":"get","paths":[BASE64,...],"location":1,"type":1,"priority":2,"timeout":60}
+//     {"event":"file","path":BASE64,"location":1,"transaction":7,"status":0,"text":...}, ...
+//     {"event":"done","left":0,"failed":0,"silent":false}
+//   {"command":"send","class":2,"data":BASE64,"timeout":60}
+//     {"event":"done","status":0,"text":"acknowledged","silent":false}
+//   {"command":"status"}
+//     {"event":"status",...}
+// "silent": nothing was heard for the time-out. Without a node, the commands start one of their
+// own.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "event_printer.h"
+#include "file_requests.h"
+#include "lead_talk.h"
+#include "line_connection.h"
+#include "line_server.h"
+#include "node.h"
+
+namespace pkgdist::node_program {
+
+// Of `run`. On the thread of the event loop.
+class RunningNode {
+ public:
+  // Throws as cli::listen_on().
+  RunningNode(const NodeOptions& options, Node& node, EventPrinter& printer, const LeadTalk& talk);
+  ~RunningNode();
+  RunningNode(const RunningNode&) = delete;
+  RunningNode& operator=(const RunningNode&) = delete;
+
+ private:
+  class Job;
+  class GetJob;
+  class SendJob;
+  using Client = cli::LineServer::Client;
+
+  bool on_line(const Client& client, const std::string& line);
+  void say_status(cli::LineClient& client) const;
+  void run();
+
+  const NodeOptions& options_;
+  Node& node_;
+  EventPrinter& printer_;
+  const LeadTalk& talk_;
+  cli::Poller poller_;
+  std::list<std::unique_ptr<Job>> jobs_;
+  cli::LineServer server_;
+};
+
+// Null, with a warning, when the socket cannot be had: a node that takes no commands still
+// receives.
+std::unique_ptr<RunningNode> open_control(const NodeOptions& options, Node& node,
+                                          EventPrinter& printer, const LeadTalk& talk);
+
+// Nothing when no node runs with this address and port.
+std::optional<cli::LineConnection> connect_to_node(const NodeOptions& options);
+// Each returns the exit status.
+int get_through(cli::LineConnection& node, const NodeOptions& options);
+int send_through(cli::LineConnection& node, const NodeOptions& options, const std::string& message);
+
+}  // namespace pkgdist::node_program
