@@ -6,6 +6,7 @@ import subprocess
 
 import tree
 from support import BackgroundLead, SystemTest, failures, lab, names_below, summary
+from terminal import Terminal
 
 
 class ServingLead(SystemTest):
@@ -58,6 +59,31 @@ class ServingLead(SystemTest):
         self.assertGreater(end["segments_sent"], 0)
         self.assertEqual([e["durable"] for e in events if e["event"] == "durable"], [True, True])
         self.serving.stop()
+
+    def test_a_terminal_shows_bars_and_the_table(self):
+        tree.add(self.content, "large", 150_000_000)
+        terminal = Terminal(self.net.lead, self.plain("push", "--nodes", self.addresses(), "large"), columns=100)
+        terminal.read(lambda text: "nodes done" in text, 30)
+        self.assertIn("nodes done", terminal.text)
+        self.assertEqual(terminal.finish(), 0)
+        screen = "\n".join(terminal.screen())
+        self.assertNotIn("nodes done", screen)
+        for node in self.net.nodes:
+            self.assertRegex(screen, rf"(?m)^{node.address} .* complete$")
+
+    def plain(self, *arguments):
+        return [self.programs.lead, "--interface", self.net.lead.address, *arguments]
+
+    def test_people_read_the_lists_as_tables(self):
+        tree.add(self.content, "a", 100)
+        self.pushed("--name", "release-7")
+        said = {command: self.net.lead.run(self.plain(command), capture_output=True, text=True).stdout
+                for command in ("status", "nodes", "pushes")}
+        self.assertIn(f"process {self.serving.process.pid}", said["status"])
+        self.assertIn(f"location 1: {self.content}", said["status"])
+        self.assertEqual(len(said["nodes"].splitlines()), 3)
+        self.assertRegex(said["nodes"], rf"(?m)^{self.net.nodes[0].address} .* release-7 .* s ago +heard$")
+        self.assertRegex(said["pushes"], r"(?m)^ +1  release-7 +done +1 +100 B  2 of 2 ")
 
     def test_a_second_push_counts_its_own_datagrams_only(self):
         tree.add(self.content, "large", 3_000_000)
