@@ -113,6 +113,24 @@ class ServingLead(SystemTest):
         status, events, errors = self.serving.request("cancel", "first")
         self.assertEqual((status, events[0]["text"]), (1, "push 1 (first) has ended already"))
 
+    def test_a_cancel_for_one_node_leaves_the_push_to_the_others(self):
+        tree.add(self.content, "large", 60_000_000)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "100")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        push = self.in_background("large")
+        lab.wait_until(lambda: self.states().get("large") == "running", 20, "the push")
+        first, second = self.net.nodes
+        transaction = self.serving.events("push-started")[0]["transaction"]
+        status, _, error = self.serving.request("cancel", "--nodes", first.address, "large")
+        self.assertEqual(status, 3)
+        self.assertIn("number of its transaction", error)
+        status, events, error = self.serving.request("cancel", "--nodes", first.address, str(transaction))
+        self.assertEqual(status, 0, (events, error))
+        self.assertEqual(push.wait(timeout=60), 1)
+        self.assert_received(second)
+        self.assertEqual(names_below(self.directory_of(first)), set())
+
     def in_background(self, *arguments):
         command = [self.programs.lead, "--interface", self.net.lead.address, "--json", "push", "--nodes",
                    self.addresses(), *arguments]
