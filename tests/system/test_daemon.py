@@ -63,6 +63,31 @@ class ServingLead(SystemTest):
         self.assertEqual([e["durable"] for e in events if e["event"] == "durable"], [True, True])
         self.serving.stop()
 
+    def test_a_terminal_shows_bars_and_the_table(self):
+        tree.add(self.content, "large", 150_000_000)
+        terminal = Terminal(self.net.lead, self.plain("push", "--nodes", self.addresses(), "large"), columns=100)
+        terminal.read(lambda text: "nodes done" in text, 30)
+        self.assertIn("nodes done", terminal.text)
+        self.assertEqual(terminal.finish(), 0)
+        screen = "\n".join(terminal.screen())
+        self.assertNotIn("nodes done", screen)
+        for node in self.net.nodes:
+            self.assertRegex(screen, rf"(?m)^{node.address} .* complete$")
+
+    def plain(self, *arguments):
+        return [self.programs.lead, "--interface", self.net.lead.address, *arguments]
+
+    def test_people_read_the_lists_as_tables(self):
+        tree.add(self.content, "a", 100)
+        self.pushed("--name", "release-7")
+        said = {command: self.net.lead.run(self.plain(command), capture_output=True, text=True).stdout
+                for command in ("status", "nodes", "pushes")}
+        self.assertIn(f"process {self.serving.process.pid}", said["status"])
+        self.assertIn(f"location 1: {self.content}", said["status"])
+        self.assertEqual(len(said["nodes"].splitlines()), 3)
+        self.assertRegex(said["nodes"], rf"(?m)^{self.net.nodes[0].address} .* release-7 .* s ago +heard$")
+        self.assertRegex(said["pushes"], r"(?m)^ +1  release-7 +done +1 +100 B  2 of 2 ")
+
     def test_a_second_push_counts_its_own_datagrams_only(self):
         tree.add(self.content, "large", 3_000_000)
         tree.add(self.content, "small", 100)
@@ -110,6 +135,24 @@ class ServingLead(SystemTest):
         self.assertEqual(terminal.finish(), 1, terminal.text)
         self.assertIn("cancelled", " ".join(terminal.screen()))
         self.assertEqual(self.states(), {".": "incomplete"})
+
+    def test_a_cancel_for_one_node_leaves_the_push_to_the_others(self):
+        tree.add(self.content, "large", 60_000_000)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "100")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        push = self.in_background("large")
+        lab.wait_until(lambda: self.states().get("large") == "running", 20, "the push")
+        first, second = self.net.nodes
+        transaction = self.serving.events("push-started")[0]["transaction"]
+        status, _, error = self.serving.request("cancel", "--nodes", first.address, "large")
+        self.assertEqual(status, 3)
+        self.assertIn("number of its transaction", error)
+        status, events, error = self.serving.request("cancel", "--nodes", first.address, str(transaction))
+        self.assertEqual(status, 0, (events, error))
+        self.assertEqual(push.wait(timeout=60), 1)
+        self.assert_received(second)
+        self.assertEqual(names_below(self.directory_of(first)), set())
 
     def in_background(self, *arguments):
         command = [self.programs.lead, "--interface", self.net.lead.address, "--json", "push", "--nodes",

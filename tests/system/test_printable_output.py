@@ -92,7 +92,8 @@ class PrintableOutput(SystemTest):
                              f"1={self.directory_of(self.node)}", "run", "--on-message", command],
                             stdout=log, stderr=log)
         serving = BackgroundLead(self, "serve")
-        lab.wait_until(lambda: serving.events("node-appeared"), what="the node")
+        lab.wait_until(lambda: serving.events("node-introduced"), what="the node")
+        tree.add(self.directory_of(self.node), NAME, 1)
         self.assertEqual(serving.request("delete", NAME)[0], 0)
         self.assertEqual(serving.request("message", NAME)[0], 0)
         lab.wait_until(lambda: b"exit status" in self.output_of_node(), what="the end of the command")

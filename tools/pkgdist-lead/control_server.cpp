@@ -137,6 +137,11 @@ void ControlServer::check_root(const QueuedPush& push) const {
 // True when there is such a push.
 bool ControlServer::cancel_push(const Client& client, const Json& request) {
   const std::string which = request.at("push").get<std::string>();
+  if (!request.value("nodes", Json::array()).empty()) {
+    if (request.contains("transaction")) return false;  // for these nodes alone
+    throw std::runtime_error(
+        "for some nodes, a push is cancelled by the number of its transaction");
+  }
   const auto cancelled = queue_ != nullptr ? queue_->cancel(which, now_) : std::nullopt;
   if (!cancelled && request.contains("transaction")) return false;
   const std::string text =

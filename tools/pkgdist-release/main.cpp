@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
       }
       return cli::kExitUsage;
     } catch (const release::Refused& refused) {
-      throw std::runtime_error(
+      throw cli::NotDone(
           fmt::format("refused ({}): {}", release::reason_name(refused.reason()), refused.what()));
     }
   });
