@@ -294,5 +294,5 @@ class RefusedCalls(SystemTest):
         self.refuse(node, 7102)
         result = node.run([self.programs.node, "--interface", node.address, "send", "--timeout", "20", "text"],
                           capture_output=True, text=True, timeout=60)
-        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.returncode, 3)
         self.assertRegex(result.stdout + result.stderr, r"sendto of \d+ bytes failed.*Operation not permitted")

@@ -153,7 +153,7 @@ class StatOfNodes(Inspection):
             self.assertEqual(metrics["pkgdist_up", str(pid), None], 1)
             self.assertEqual(metrics["pkgdist_drs_seconds_count", str(pid), "FILE WRITE TIME"],
                              SEGMENTS)
-        busy = self.stat("--listen", port, expect=1)
+        busy = self.stat("--listen", port, expect=3)
         self.assertIn(f"cannot listen on 127.0.0.1:{port}", busy)
 
     def test_health_comes_first_and_one_line_per_process_is_to_be_had(self):
@@ -233,7 +233,7 @@ class StatOfNodes(Inspection):
         cleaned = self.stat("--clean").splitlines()
         self.assertEqual(cleaned, [f"removed /dev/shm/pkgdist-stat.{first}",
                                    f"removed /dev/shm/pkgdist-trace.{first}"])
-        self.assertIn("has no statistics", self.stat(first, expect=1))
+        self.assertIn("has no statistics", self.stat(first, expect=3))
         self.assertEqual(sorted(os.listdir("/dev/shm")),
                          [f"pkgdist-stat.{second}", f"pkgdist-trace.{second}"])
 
@@ -243,11 +243,11 @@ class StatOfNodes(Inspection):
         process.wait()
 
     def test_says_what_is_wrong_with_objects_and_arguments(self):
-        self.assertIn("no process has statistics", self.stat(expect=1))
+        self.assertIn("no process has statistics", self.stat(expect=3))
         with open("/dev/shm/pkgdist-stat.1", "wb") as file:
             file.write(b"x" * 1000)
-        self.assertIn("not a statistics object", self.stat("1", expect=1))
-        self.assertIn("no process 'nobody'", self.stat("nobody", expect=1))
+        self.assertIn("not a statistics object", self.stat("1", expect=3))
+        self.assertIn("no process 'nobody'", self.stat("nobody", expect=3))
         self.assertIn("exclude each other", self.stat("--json", "--prometheus", expect=2))
         self.start_nodes()
         stat = [os.path.join(self.bin, "pkgdist-stat"), "--all", "--json"]  # fails until one is there
@@ -305,7 +305,7 @@ class TraceOfNodes(Inspection):
     def test_takes_a_process_name_and_prints_transactions_as_the_lead_does(self):
         push = self.push_one_file()
         transaction = next(e["transaction"] for e in push.events if e["event"] == "push-started")
-        several = self.trace("pkgdist-node", expect=1)
+        several = self.trace("pkgdist-node", expect=3)
         for pid in self.pids():
             self.assertIn(f"{pid} (pkgdist-node, running since ", several)
         for process in self.node_processes.values():
@@ -315,7 +315,7 @@ class TraceOfNodes(Inspection):
         lab.wait_until(lambda: ("DRS_Counters", "FILE ADD") in self.statistics(self.net.nodes[0]),
                        what="statistics")
         self.assertEqual({r["pid"] for r in self.records("pkgdist-node")}, {third.pid})
-        self.assertIn("no process 'nobody' has a trace", self.trace("nobody", expect=1))
+        self.assertIn("no process 'nobody' has a trace", self.trace("nobody", expect=3))
         first = self.trace(self.pids()[1])
         self.assertIn(f"DATA Recv File Add - File large Xact Id {transaction}\n", first)
 
@@ -351,7 +351,7 @@ class TraceOfNodes(Inspection):
         other = os.path.join(self.content, "other build")
         with open(other, "wb") as file:
             file.write(trace[:place] + b"0123456789abcdef" * 2 + trace[place + 32:])
-        message = self.trace(other, expect=1)
+        message = self.trace(other, expect=3)
         self.assertIn(f"made by build {build.decode()}, but the catalogue is that of build 0123", message)
         same = os.path.join(self.content, "this build")  # as it was then: the node goes on logging
         with open(same, "wb") as file:
@@ -360,6 +360,6 @@ class TraceOfNodes(Inspection):
                          self.trace(same, "--last", "5"))
         with open(other, "wb") as file:
             file.write(trace[:3000])
-        self.assertIn("truncated", self.trace(other, expect=1))
+        self.assertIn("truncated", self.trace(other, expect=3))
         self.assertIn("not a time", self.trace(path, "--since", "noon", expect=2))
-        self.assertIn("No such file", self.trace("999999", expect=1))
+        self.assertIn("No such file", self.trace("999999", expect=3))

@@ -97,7 +97,7 @@ class Waiting(SystemTest):
         node = self.net.nodes[0]
         with node.socket(7103):
             result = node.run(self.node_command(node, "run"), capture_output=True, text=True, timeout=10)
-        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.returncode, 3)
         self.assertNotIn("a system call failed", result.stderr)
         self.assertRegex(result.stderr, r"bind failed: 98\(Address already in use\)$")
 
