@@ -93,13 +93,13 @@ class Waiting(SystemTest):
         self.assertEqual((result.returncode, result.stdout), (2, ""))
         self.assertIn("--location N=DIR is missing", result.stderr)
 
-    def test_a_start_that_fails_names_the_call_and_the_error(self):
+    def test_a_start_on_a_port_that_is_taken_names_who_has_it(self):
         node = self.net.nodes[0]
         with node.socket(7103):
             result = node.run(self.node_command(node, "run"), capture_output=True, text=True, timeout=10)
         self.assertEqual(result.returncode, 3)
         self.assertNotIn("a system call failed", result.stderr)
-        self.assertRegex(result.stderr, r"bind failed: 98\(Address already in use\)$")
+        self.assertRegex(result.stderr, rf"a node runs with this address and port already: process {os.getpid()} ")
 
     # --- Time-outs ---
 
