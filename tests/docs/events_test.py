@@ -11,6 +11,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 SCHEMA = ROOT / "packaging" / "schema" / "events.schema.json"
 # Events are printed by their names.
 PRINTED = re.compile(r"""(?:\bprint\(|\bnode_event\(|"event", )\s*"([a-z][a-z-]+)\"""")
+# What a lead says to a client of its control socket about a push; the client prints events of it.
+BETWEEN_PROGRAMS = {"begins", "ended", "queued", "started", "state"}
 PROGRAMS = ("pkgdist-lead", "pkgdist-node", "common")
 
 
@@ -33,7 +35,7 @@ class Events(unittest.TestCase):
             for source in (ROOT / "tools" / program).glob("*.cpp"):
                 printed.update(PRINTED.findall(source.read_text(encoding="utf-8")))
         self.assertGreater(len(printed), 30)
-        self.assertEqual(sorted(printed - set(known)), [])
+        self.assertEqual(sorted(printed - set(known) - BETWEEN_PROGRAMS), [])
 
 
 if __name__ == "__main__":
