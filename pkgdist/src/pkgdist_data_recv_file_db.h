@@ -54,7 +54,8 @@ struct pkgdist_file_recv_entry {
   pkgdist_file_recv_entry* previous;
   uint64_t serial;      // grows with every entry: the place of an entry in the queue
   size_t mapping_size;  // bytes mapped; the size above may belong to the next transfer already
-  uint8_t refused;      // 1: the gate ended it when it was listed; `status` says how
+  uint8_t refused;      // 1: the gate ends it as it was listed, with `refusal`
+  uint64_t refusal;     // an information may come first, and has a status of its own
   pkgdist::IndexLink<pkgdist_file_recv_entry> by_id;
   pkgdist::IndexLink<pkgdist_file_recv_entry> by_path;
 };

@@ -74,7 +74,7 @@ bool receive_file(const char* name, const Message& message) {
   Entry* entry = file_recv_find(name, message.location);
   if (entry == nullptr) return false;  // no memory: the lead learns it when it asks
   entry->refused = 1;
-  entry->status = *refusal;
+  entry->refusal = *refusal;
   return true;
 }
 
@@ -91,7 +91,7 @@ void end_refused(const Message& message) {
   FileRecvDbGuard lock(Caller::here(kReporter));
   for (uint32_t i = 0; i < message.names_count; ++i) {
     Entry* entry = file_recv_find(message.names[i], message.location);
-    if (entry != nullptr && entry->refused != 0) end_unlocked(lock, entry, entry->status);
+    if (entry != nullptr && entry->refused != 0) end_unlocked(lock, entry, entry->refusal);
   }
 }
 

@@ -5,8 +5,9 @@ namespace pkgdist::lead {
 namespace {
 
 void count(size_t& files, uint64_t& bytes, const Transfer& transfer, bool more) {
-  files += more ? 1 : -size_t{1};
-  bytes += more ? transfer.attributes.size : -transfer.attributes.size;
+  const uint64_t size = transfer.attributes.size;
+  files = more ? files + 1 : files - 1;
+  bytes = more ? bytes + size : bytes - size;
 }
 
 }  // namespace
