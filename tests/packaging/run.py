@@ -276,7 +276,8 @@ class Service(unittest.TestCase):
 
     def test_bash_completes_commands_and_options_of_every_program(self):
         self.assertEqual(self.complete("pkgdist-lead", ""),
-                         {"push", "serve", "message", "cancel", "delete", "report", "top"})
+                         {"push", "serve", "message", "cancel", "delete", "report", "top", "status",
+                          "nodes", "pushes"})
         self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
         self.assertEqual(self.complete("pkgdist-doctor", "--inter"), {"--interface"})
         self.assertIn("--standby", self.complete("pkgdist-lead", "serve", "--"))

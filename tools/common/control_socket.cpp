@@ -163,7 +163,7 @@ std::string process_text(pid_t pid) {
   if (command.ends_with('\0')) command.pop_back();
   if (pid <= 0 || command.empty()) return fmt::format("process {}", pid);
   std::replace(command.begin(), command.end(), '\0', ' ');
-  if (command.size() > kMaxCommandLine) command = command.substr(0, kMaxCommandLine) + "...";
+  if (command.size() > kMaxCommandLine) command.replace(kMaxCommandLine, std::string::npos, "...");
   return fmt::format("process {} ({})", pid, printable(command));
 }
 

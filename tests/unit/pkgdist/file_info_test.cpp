@@ -269,8 +269,9 @@ TEST_F(FileInfo, more_segments_than_a_working_lead_makes_are_a_bad_packet) {
   announce({.size = 1u << 24, .segment_size = 1});
   EXPECT_EQ(find()->segment_count, 1u << 24);
   announce({.id = 8, .size = (1u << 24) + 1, .segment_size = 1});
-  EXPECT_TRUE(
-      logs::contains("file 'file' size 16777217 has no number of segments or too many of size 1"));
+  EXPECT_TRUE(logs::contains(
+      "ERR:pkgdist_data_process_file_info: file 'file' size 16777217 has no number of "
+      "segments or too many of size 1\n"));
   announce({.id = 9, .size = 0xFFFFFFFF, .segment_size = 255});
   EXPECT_EQ(value(DrtCounter::kMcBadPktRecv), 2u);
   EXPECT_EQ(find()->segment_count, 1u << 24);
