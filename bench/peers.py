@@ -133,8 +133,11 @@ def _kill_group(pid):
 
 
 class Pkgdist:
-    def __init__(self, name, build, rate, lead_options, node_options):
+    """As it is called by hand. `own_time`: with the program's own account of the time."""
+
+    def __init__(self, name, build, rate, lead_options, node_options, own_time=False):
         self.name = name
+        self.output = ["--json"] if own_time else []
         self.programs = lab.Programs(build)
         self.lead_options = (["--rate", str(rate)] if rate else []) + lead_options
         self.node_options = node_options
@@ -147,9 +150,9 @@ class Pkgdist:
                  f"1={directory}", *self.node_options, "run"], stdout=subprocess.DEVNULL))
         receivers.wait_until_up(7100)
         command = [self.programs.lead, "--interface", case.lead.address, "--location",
-                   f"1={case.root}", "--json", "push", "--nodes", str(len(case.nodes)),
+                   f"1={case.root}", *self.output, "push", "--nodes", str(len(case.nodes)),
                    *self.lead_options, "."]
-        log = os.path.join(case.work, "lead.json")
+        log = os.path.join(case.work, "lead.log")
         with open(log, "wb") as sink:
             seconds, done = timed(case, command, stdout=sink)
         cpu, memory = receivers.stop()

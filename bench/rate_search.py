@@ -20,7 +20,8 @@ def search(options, work, run_once, results):
     for nodes in options.nodes or CELLS["large"].nodes:
         for name, build, lead_options, node_options in builds:
             def attempt(rate):
-                tool = peers.Pkgdist(name, build, rate, lead_options, node_options)
+                tool = peers.Pkgdist(name, build, rate, lead_options, node_options,
+                                     own_time=True)
                 row = _attempt(tool, rate, content, nodes, work, options, run_once)
                 results.append(row)
                 return row

@@ -676,8 +676,7 @@ void Run::finish() {
     judge_.violated("what the last push began did not end");
     return report_busy();
   }
-  // Of smaller segments a socket holds fewer bytes than the window counts on.
-  if (scenario_.calm && scenario_.segment_size >= lead::kDefaultSegmentSize)
+  if (scenario_.calm)
     for (const auto& queue : queues_)
       if (queue->dropped() > 0)
         judge_.violated(std::to_string(queue->dropped()) + " datagrams found a queue full");

@@ -1,5 +1,6 @@
 #include "printable.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -38,6 +39,15 @@ bool acts(uint32_t code) {
   return code >= 0x2066 && code <= 0x2069;
 }
 
+// Nearly all text is this: printable ASCII.
+size_t plain_prefix(std::string_view text) {
+  const auto end = std::find_if(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte >= 0x7F;
+  });
+  return static_cast<size_t>(end - text.begin());
+}
+
 // Each character that acts, and each byte that is no UTF-8 (code 0xFFFD), becomes
 // replacement(code).
 template <class Replacement>
@@ -45,6 +55,10 @@ std::string replaced(std::string_view text, Replacement replacement) {
   std::string result;
   result.reserve(text.size());
   while (!text.empty()) {
+    const size_t plain = plain_prefix(text);
+    result += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
     const Character c = first_of(text);
     if (c.bytes == 0)
       result += replacement(0xFFFDu);

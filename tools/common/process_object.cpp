@@ -213,7 +213,7 @@ std::vector<Cleaned> clean_objects(const std::string& directory) {
     for (const FoundObject& found : find_objects(where, prefix))
       if (auto cleaned = clean(found, trace, mapped)) done.push_back(*cleaned);
   };
-  clean_all(directory, SHIP_LAYOUT_OBJECT_PREFIX + 1, false);  // without the slash
+  clean_all(directory, &SHIP_LAYOUT_OBJECT_PREFIX[1], false);  // without the slash
   clean_all(directory, QTRACE_LAYOUT_FILE_PREFIX, true);
   if (trace_directory() != directory) clean_all(trace_directory(), QTRACE_LAYOUT_FILE_PREFIX, true);
   return done;

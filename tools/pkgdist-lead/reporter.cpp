@@ -128,11 +128,13 @@ void Reporter::push_started(uint32_t transaction, uint64_t files, uint64_t bytes
 
 void Reporter::file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
                           bool skipped) {
-  json_.print("file", Json{{"node", format_address(node.address)},
-                           {"name", name},
-                           {"status", status},
-                           {"text", status_text(status)},
-                           {"skipped", skipped}});
+  json_.print("file", [&] {
+    return Json{{"node", format_address(node.address)},
+                {"name", name},
+                {"status", status},
+                {"text", status_text(status)},
+                {"skipped", skipped}};
+  });
   if (status != 0)
     say(fmt::format("{}: {} failed: {}", label(node.address), name, status_text(status)));
   else if (verbosity_ > 0)

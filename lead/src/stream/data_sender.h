@@ -5,23 +5,23 @@
 // the nodes that have not reported are polled and helped (Settling), until every node concerned has
 // ended. This class is the loop over its parts:
 //
-//   transfer_table.h  the transfers under way
-//   schedule.h        what is announced and streamed next
-//   repair_line.h     what is repaired next, and repair_queue.h for each file
-//   settling.h        how a file ends
-//   window.h          how much may be in flight; pacer.h: how fast, when the operator says so
-//   data_contact.h    which nodes the data channel does not reach
-//   arrival.h         how much has arrived on each node
-//   open_contents.h   where the bytes come from
-//   data_output.h     what leaves
+//   transfer_table.h    the transfers under way
+//   recipients.h        who receives a file
+//   schedule.h          what is announced and streamed next
+//   repair_line.h       what is repaired next, and repair_queue.h for each file
+//   segment_requests.h  what nodes ask for again
+//   settling.h          how a file ends
+//   window.h            how much may be in flight; pacer.h: how fast, when the operator says so
+//   data_contact.h      which nodes the data channel does not reach
+//   arrival.h           how much has arrived on each node
+//   open_contents.h     where the bytes come from
+//   data_output.h       what leaves
 //
-// Repairs are due at once, and take turns with the stream. A request for a segment that the stream
-// still comes to is ignored.
+// Repairs are due at once, and take turns with the stream.
 #pragma once
 
-#include "stream/arrival.h"
-#include "stream/data_contact.h"
-#include "stream/settling.h"
+#include "stream/recipients.h"
+#include "stream/segment_requests.h"
 
 namespace pkgdist::lead {
 
@@ -31,7 +31,7 @@ class DataSender {
              Counters& counters, TransferObserver& observer);
 
   // Tag of transfers that a node asked for outside of a push.
-  static constexpr uint64_t kRequested = UINT64_MAX;
+  static constexpr uint64_t kRequested = Recipients::kRequestedTag;
 
   // Begins the transfer of a file of the push that has none yet.
   TransferId start(FileKey key, uint32_t priority, uint64_t tag,
@@ -39,21 +39,25 @@ class DataSender {
   // The same for a node that asked for it; kNoTransfer when it has no place left.
   TransferId start_requested(FileKey key, uint32_t priority, NodeIndex asker, Time now);
   // A transfer that was requested becomes one of the push, with this tag.
-  void hand_over(TransferId id, uint64_t tag);
+  void hand_over(TransferId id, uint64_t tag) { recipients_.hand_over(id, tag); }
   // The push does not wait for the transfer any longer: it goes on for whoever asked for it.
-  void leave_to_guests(TransferId id);
+  void leave_to_guests(TransferId id) { recipients_.leave_to_guests(id); }
   // The node wants the file, too. `guest`: nobody waits for it.
-  void join(TransferId id, NodeIndex node, bool guest, Time now);
+  void join(TransferId id, NodeIndex node, bool guest, Time now) {
+    recipients_.join(id, node, guest, now);
+  }
   // The same for a node that just asked for the information, so it has none.
-  void join_asking(TransferId id, NodeIndex node, bool guest, Time now);
+  void join_asking(TransferId id, NodeIndex node, bool guest, Time now) {
+    recipients_.join_asking(id, node, guest, now);
+  }
   // The node, which receives it already, is no guest any longer.
   void wait_for(TransferId id, NodeIndex node) { table_.at(id)->set_guest(node, false); }
   // Ends a transfer without a word.
   void displace(TransferId id) { settling_.close(*table_.at(id)); }
   // The node is gone: nothing is waited for.
-  void drop_node(NodeIndex node);
+  void drop_node(NodeIndex node) { recipients_.drop(node); }
   // It was dropped, and another node may get its index.
-  void forget_node(NodeIndex node);
+  void forget_node(NodeIndex node) { recipients_.forget(node); }
   // Ends all transfers with a tag below this without a word.
   void abandon(uint64_t tag_limit);
   void abandon_all() { abandon(UINT64_MAX); }
@@ -77,7 +81,9 @@ class DataSender {
   // Messages from nodes.
   // Returns how many segments of the file were asked for, 0 when the request makes no sense.
   uint32_t on_segment_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num,
-                              Time now);
+                              Time now) {
+    return requests_.on_request(node, file_id, first, num, now);
+  }
   void on_report(NodeIndex node, const pkgdist_data_send_req_done& report, Time now);
 
   // Tells one node that a file cannot be sent.
@@ -107,9 +113,6 @@ class DataSender {
   double pace() const;  // bytes per second
   bool send_next(Time now);
   Transfer& add(FileKey key, uint32_t priority, uint64_t tag, Time now);
-  void set_asker(Transfer& transfer, NodeIndex asker);
-  void admit(Transfer& transfer, NodeIndex node, bool guest, Time now);
-  bool inform_again(Transfer& transfer, Time now);
   bool send_announcement(Lane lane, Time now);
   bool send_repair(Time now);
   bool send_stream(Time now);
@@ -118,12 +121,8 @@ class DataSender {
   void send_infos(Transfer& transfer, int copies, Time now);
   bool poll_if_due(bool stops, Time now);
   void poll_for_arrival(Time now);
-  uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
-  bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
-                        uint32_t num) const;
 
   const Settings& self_;
-  Counters& counters_;
   TransferTable table_;
   OpenContents contents_;
   Window window_;
@@ -135,6 +134,8 @@ class DataSender {
   DataContact contact_;
   Arrival arrival_;
   Settling settling_;
+  Recipients recipients_;
+  SegmentRequests requests_;
   bool repair_next_ = false;  // the stream had the last turn
 };
 

@@ -17,6 +17,8 @@ class LossMeter {
   void lost(double datagrams) { lost_ += datagrams; }
 
   double loss() const { return std::min(1.0, lost_ / sent_); }
+  // Whether nearly all nodes get so many datagrams without a loss.
+  bool arrives_whole(uint32_t datagrams) const { return loss() * datagrams < 0.2; }
 
   // How often a file's information is sent. A node that misses all copies has to get the file, or
   // the beginning of a large one, again: as many as cost less than that does on average.

@@ -8,19 +8,6 @@ namespace pkgdist::lead {
 
 namespace {
 
-// Files of more segments are searched for the place where a node began; smaller ones are soon sent
-// again as a whole.
-constexpr uint32_t kLargeFile = 1024;
-// How much longer than a copy of a large file's segments takes on the wire nodes have waited for it
-// before it is sent: most of what it brings they have, and they may yet ask for less by themselves.
-constexpr Time kWaitPerCost = 8;
-// Copies of what was asked for, before the whole file is thought of.
-constexpr uint32_t kCopiesOfAsked = 2;
-// Rounds in which probe segments are sent, the second in case that the first one was lost; and how
-// many of them, of a file's segments and at least.
-constexpr uint32_t kProbeRounds = 2;
-constexpr uint32_t kProbePart = 64;
-constexpr uint32_t kLeastProbes = 400;
 // Between rounds that brought nothing, doubling. The ceiling stays below a node's time-outs.
 constexpr Time kLeastPause = 2 * kMillisecond;
 constexpr Time kMostPause = kSecond;
@@ -84,8 +71,9 @@ void Settling::settle(Transfer& transfer, Time now) {
   if (polled) judge_round(transfer, now);
   const bool trouble = polled && (transfer.stuck != 0 || transfer.mute > 1);
   const bool hurries = std::exchange(transfer.help_now, false);
-  if (trouble || hurries ? help(transfer, now) : show_tail(transfer, now)) return;
-  poll(transfer, now);
+  const Help::Result help =
+      trouble || hurries ? help_.help(transfer, now) : help_.show_tail(transfer, now);
+  if (!is_under_way(transfer, help, now)) poll(transfer, now);
 }
 
 // What the answers to the last poll say.
@@ -108,78 +96,19 @@ void Settling::judge_round(Transfer& transfer, Time now) {
   }
 }
 
-// What only shows nodes where they stand does not count as served: they wait for the rest.
-bool Settling::send_segment(Transfer& transfer, uint32_t segment, Time now) {
-  const Time served = transfer.served;
-  const int error = stream_.output.segment(transfer, segment, DataOutput::As::kFirst, now);
-  transfer.served = served;
-  if (error != 0) fail(transfer, error, now);
-  return error == 0;
-}
-
-// Each returns true when settling goes on by itself.
-bool Settling::show_tail(Transfer& transfer, Time now) {
-  if (transfer.status != 0 || std::exchange(transfer.tail_shown, true)) return false;
-  const uint32_t last = transfer.turn.last();
-  const uint32_t first = last + 1 < transfer.segments ? last + 1 : 0;
-  if (!send_segment(transfer, last, now)) return true;
-  return first != last && !send_segment(transfer, first, now);
-}
-
-bool Settling::help(Transfer& transfer, Time now) {
-  stream_.output.info(transfer, now);
-  if (transfer.status != 0) return false;
-  const bool may_lack_the_start = transfer.segments > kLargeFile && transfer.stuck == 1;
-  if (!may_lack_the_start && send_copy(transfer, now)) return true;
-  transfer.tail_shown = false;
-  return show_tail(transfer, now) || send_probes(transfer, now);
-}
-
-// Whether nodes have waited long enough for what can be sent again, beside what that costs.
-bool Settling::copy_due(const Transfer& transfer, uint32_t segments, Time now) const {
-  constexpr double kInfoBytes = 150;
-  const double bytes =
-      kInfoBytes + static_cast<double>(transfer.attributes.size) * segments / transfer.segments;
-  const auto cost = static_cast<Time>(bytes / stream_.window.rate() * kSecond);
-  const Time waited = elapsed(now, std::max(transfer.served, transfer.last_request));
-  const Time wait = transfer.segments > kLargeFile ? kWaitPerCost * cost : cost;
-  return waited >= backoff(wait, transfer.copies, kNever);
-}
-
-// What the nodes that wait had asked for: a repair of it may have been lost.
-uint64_t Settling::parts_of_idle(const Transfer& transfer) const {
-  uint64_t parts = 0;
-  for (const TransferNode& node : transfer.nodes)
-    if (node.state == State::kOpen && node.answered && !node.asked) parts |= node.parts;
-  return parts;
-}
-
-bool Settling::send_copy(Transfer& transfer, Time now) {
-  if (transfer.stuck == 0) return false;
-  const uint64_t parts = parts_of_idle(transfer);
-  const uint32_t asked = transfer.repairs.asked(parts);
-  const bool of_asked = asked != 0 && transfer.copies < kCopiesOfAsked;
-  // Who was shown the end asks for the rest by itself, unless it lost that, too.
-  if (!of_asked && transfer.stuck == 1) return false;
-  if (!copy_due(transfer, of_asked ? asked : transfer.segments, now)) return false;
-  ++transfer.copies;
-  transfer.asked_at = 0;
-  if (of_asked) {
-    transfer.repairs.repeat_asked(parts);
-    stream_.repairs.enter(transfer);
-  } else {
-    stream_again(transfer);
-  }
-  return true;
-}
-
-// A node that began in the middle asks for what it missed before when it sees these.
-bool Settling::send_probes(Transfer& transfer, Time now) {
-  if (transfer.segments <= kLargeFile || transfer.stuck > kProbeRounds) return false;
-  if (transfer.probes_sent > std::max(kLeastProbes, transfer.segments / kProbePart)) return false;
-  for (const uint32_t probe : transfer.start_search.marks()) {
-    if (!send_segment(transfer, probe, now)) return true;
-    ++transfer.probes_sent;
+// True when settling goes on by itself.
+bool Settling::is_under_way(Transfer& transfer, Help::Result help, Time now) {
+  switch (help.outcome) {
+    case Help::Outcome::kShown:
+      return false;
+    case Help::Outcome::kCopied:
+      return true;
+    case Help::Outcome::kStreamAgain:
+      stream_again(transfer);
+      return true;
+    case Help::Outcome::kFailed:
+      fail(transfer, help.error, now);
+      return true;
   }
   return false;
 }

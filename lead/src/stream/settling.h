@@ -4,24 +4,18 @@
 // lost, and only the nodes' answers tell. The window says when all that was sent about the file has
 // been handled (window.h), so nothing that is on its way is asked for. Then:
 //
-//   1. Who has not reported gets the segments at which the turn ended and began, as first
-//      transmissions, so that it asks for the gap before them; and all are polled about the file.
-//   2. A node that answers 'in progress' and asks for nothing is stuck. It gets the information
-//      once more, and another copy of what it had asked for. If it had asked for nothing it is
-//      shown the end again, then it gets the whole file. A copy goes out as soon as the node has
-//      waited for as long as it takes on the wire (eight times that for a large file), twice as
-//      long for the next, and so on: so copies cost little beside the wait that they may save. A
-//      node that began a large file in the middle is shown probe segments first (start_search.h).
+//   1. Who has not reported is shown where the turn ended and began; and all are polled about the
+//      file.
+//   2. A node that answers 'in progress' and asks for nothing is stuck, and is helped (help.h).
 //   3. Nodes ask by themselves after their time-outs; then this begins anew.
 //
 // Rounds come at growing intervals, until a node has reported or is given up (giving_up.h).
 #pragma once
 
 #include "stream/agenda.h"
-#include "stream/data_output.h"
 #include "stream/giving_up.h"
+#include "stream/help.h"
 #include "stream/loss_meter.h"
-#include "stream/repair_line.h"
 #include "stream/schedule.h"
 
 namespace pkgdist::lead {
@@ -60,7 +54,8 @@ class Settling {
       : stream_(stream),
         counters_(counters),
         observer_(observer),
-        agenda_(stream.table, stream.window) {}
+        agenda_(stream.table, stream.window),
+        help_({stream.window, stream.output, stream.repairs}) {}
 
   // The stream has gone round the file.
   void begin(Transfer& transfer, Time now);
@@ -92,13 +87,7 @@ class Settling {
   void settle(Transfer& transfer, Time now);
   bool end_hopeless_nodes(Transfer& transfer, Time now);
   void judge_round(Transfer& transfer, Time now);
-  bool show_tail(Transfer& transfer, Time now);
-  bool help(Transfer& transfer, Time now);
-  uint64_t parts_of_idle(const Transfer& transfer) const;
-  bool send_copy(Transfer& transfer, Time now);
-  bool copy_due(const Transfer& transfer, uint32_t segments, Time now) const;
-  bool send_probes(Transfer& transfer, Time now);
-  bool send_segment(Transfer& transfer, uint32_t segment, Time now);
+  bool is_under_way(Transfer& transfer, Help::Result help, Time now);
   void poll(Transfer& transfer, Time now);
   void end_node(Transfer& transfer, NodeIndex node, uint64_t status);
   void on_in_progress(Transfer& transfer, NodeIndex node, Time now);
@@ -110,6 +99,7 @@ class Settling {
   Counters& counters_;
   TransferObserver& observer_;
   Agenda agenda_;
+  Help help_;
   GivingUp giving_up_;
 };
 

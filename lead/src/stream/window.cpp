@@ -97,8 +97,10 @@ Time Window::answer_time() const {
 
 bool Window::poll_due(bool stops, Time now) const {
   if (busy_.count() == 0) return false;
-  if (position_ > asked_ && (stops || static_cast<double>(position_ - asked_) >= poll_gap()))
-    return true;
+  if (position_ > asked_ && static_cast<double>(position_ - asked_) >= poll_gap()) return true;
+  // A full window opens with the answers that are under way.
+  const bool waits = !open() && handled() < asked_;
+  if (stops && position_ > asked_ && !waits) return true;
   return stops && next_poll(now) <= now;
 }
 
@@ -113,7 +115,7 @@ const std::vector<NodeIndex>& Window::begin_poll(TransferId number, Time now) {
   const bool again = position_ <= asked_;
   repeats_ = again ? repeats_ + 1 : 0;
   if (again && all_excused()) creep();
-  const uint64_t asked = position_ + kLeastCharge;  // behind the poll itself
+  const uint64_t asked = position_ + kSmallestCharge;  // behind the poll itself
   named_.clear();
   for (Polled& polled : polled_) {
     if (!busy_.contains(polled.node)) continue;
@@ -128,11 +130,33 @@ const std::vector<NodeIndex>& Window::begin_poll(TransferId number, Time now) {
       polled.excused_ = true;
   }
   asked_ = named_.empty() ? position_ : asked;
-  if (named_.empty()) return named_;
-  asked_at_ = now;
-  polls_[next_] = {number, asked_, now};
-  next_ = (next_ + 1) % polls_.size();
+  if (!named_.empty()) remember({number, asked_, now});
   return named_;
+}
+
+void Window::remember(const Poll& poll) {
+  asked_ = poll.position;
+  asked_at_ = poll.sent;
+  polls_[next_] = poll;
+  next_ = (next_ + 1) % polls_.size();
+}
+
+bool Window::would_name_only_nodes_of(const Transfer& file) const {
+  return std::all_of(polled_.begin(), polled_.end(), [&](const Polled& polled) {
+    if (!busy_.contains(polled.node)) return true;
+    if (polled.excused() || polled.node >= file.nodes.size()) return false;
+    const TransferNode& node = file.nodes[polled.node];
+    return node.state == TransferNode::State::kOpen && !node.has_info;
+  });
+}
+
+void Window::expect_reports(const Transfer& file, Time now) {
+  if (static_cast<double>(position_ - asked_) < poll_gap() / 2) return;
+  if (stale_choice(now) || !would_name_only_nodes_of(file)) return;
+  repeats_ = 0;
+  for (Polled& polled : polled_)
+    if (busy_.contains(polled.node) && polled.owes_since == 0) polled.owes_since = now;
+  remember({file.id, position_, now, true});
 }
 
 void Window::creep() {
@@ -140,29 +164,37 @@ void Window::creep() {
   for (Polled& polled : polled_) polled.handled = std::min(position_, polled.handled + step);
 }
 
-const Window::Poll* Window::find(TransferId number) const {
+const Window::Poll* Window::find(TransferId number, bool is_file) const {
   const auto poll = std::find_if(polls_.begin(), polls_.end(), [&](const Poll& one) {
-    return number != kNoTransfer && one.number == number;
+    return number != kNoTransfer && one.number == number && one.is_file == is_file;
   });
   return poll != polls_.end() ? &*poll : nullptr;
 }
 
 std::optional<uint64_t> Window::position_of(TransferId number) const {
-  const Poll* const poll = find(number);
+  const Poll* const poll = find(number, false);
   return poll != nullptr ? std::optional(poll->position) : std::nullopt;
 }
 
 bool Window::answered(TransferId number, NodeIndex node, Time now) {
-  const Poll* const poll = find(number);
-  if (poll == nullptr) return false;
+  const Poll* const poll = find(number, false);
+  if (poll != nullptr) credit(*poll, node, now);
+  return poll != nullptr;
+}
+
+void Window::reported(TransferId file, NodeIndex node, Time now) {
+  if (const Poll* const expected = find(file, true)) credit(*expected, node, now);
+}
+
+void Window::credit(const Poll& poll, NodeIndex node, Time now) {
   const auto polled =
       std::find_if(polled_.begin(), polled_.end(), [&](const Polled& p) { return p.node == node; });
-  if (polled == polled_.end()) return true;
-  const Time took = elapsed(now, poll->sent) + 1;
+  if (polled == polled_.end()) return;
+  const Time took = elapsed(now, poll.sent) + 1;
   round_trip_.sample(took);
   least_round_trip_ = std::min(least_round_trip_, took);
   const uint64_t before = handled();
-  polled->handled = std::max(polled->handled, poll->position);
+  polled->handled = std::max(polled->handled, poll.position);
   repeats_ = 0;
   polled->excused_ = false;
   polled->unanswered = 0;
@@ -172,7 +204,6 @@ bool Window::answered(TransferId number, NodeIndex node, Time now) {
   stragglers_.held_up_by(open() ? kNoNode : holder(), now);
   follow_judge();
   if (after > before) grow(after - before, took);
-  return true;
 }
 
 // --- Its size ---

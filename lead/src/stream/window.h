@@ -5,7 +5,9 @@
 // A poll is a question under a number of its own about a file that no node has, in the stream like
 // every other datagram. A node answers it from the same queue as the data, so the answer says that
 // all before was taken and handled, whichever file it belonged to. Polls follow each other at a
-// quarter of the window, and one closes the stream whenever it stops. Up to eight nodes are polled;
+// quarter of the window, and one closes the stream whenever it stops. The report of a file that has
+// just been sent says the same, so where files are small and reports are expected from all who are
+// polled, these take the place of polls. Up to eight nodes are polled;
 // of more, eight for a while, then others. A node that owes an answer is asked again; one that owes
 // it for long is excused: nothing waits for it until it is heard. Where all are excused the stream
 // creeps, a quarter of a window for each poll that nobody answered.
@@ -22,6 +24,7 @@
 
 #include "stream/delay_meter.h"
 #include "stream/overrun_judge.h"
+#include "stream/socket_charge.h"
 #include "stream/straggler_watch.h"
 #include "stream/transfer.h"
 
@@ -35,7 +38,7 @@ class Window {
 
   // --- The stream ---
   // A datagram of so many bytes left.
-  void sent(size_t bytes) { position_ += std::max(bytes, kLeastCharge); }
+  void sent(size_t bytes) { position_ += socket_charge(bytes); }
   // Bytes since the beginning: what lies behind a datagram that was just sent.
   uint64_t position() const { return position_; }
   // Up to which all polled nodes have handled everything.
@@ -61,9 +64,15 @@ class Window {
   bool poll_due(bool stops, Time now) const;
   // When poll_due() says so for a stream that stopped; kNever when all is answered.
   Time next_poll(Time now) const;
-  // The nodes to be named by the poll of this number, which is sent now: sent() follows with less
-  // than the least charge. Empty: none is sent.
+  // The nodes to be named by the poll of this number, which is sent now: sent() follows with what
+  // is charged least. Empty: none is sent.
   const std::vector<NodeIndex>& begin_poll(TransferId number, Time now);
+  // The last segment of a file was just sent, and no node that gets it has asked for any again. If
+  // they are all that a poll would name, none is needed for a while.
+  void expect_reports(const Transfer& file, Time now);
+  // A node has the whole of a file without having asked for anything again: as good as an answer,
+  // if reports of the file were expected.
+  void reported(TransferId file, NodeIndex node, Time now);
   // Ahead of the poll of this number; nothing when it is none of the latest ones.
   std::optional<uint64_t> position_of(TransferId number) const;
   // False when the number is none of a poll. May grow the window.
@@ -79,8 +88,6 @@ class Window {
   void lost(NodeIndex node, uint32_t segments);
 
  private:
-  // A socket is charged more for a small datagram than its bytes.
-  static constexpr size_t kLeastCharge = 512;
   static constexpr double kKiB = 1024;
   // The usual limit of a socket, 212,992 bytes, holds 92 full datagrams; cheap switches have 100 kB
   // of buffer.
@@ -122,9 +129,13 @@ class Window {
     TransferId number = kNoTransfer;
     uint64_t position = 0;
     Time sent = 0;
+    bool is_file = false;  // of which reports are expected
   };
 
-  const Poll* find(TransferId number) const;
+  const Poll* find(TransferId number, bool is_file) const;
+  bool would_name_only_nodes_of(const Transfer& file) const;
+  void remember(const Poll& poll);
+  void credit(const Poll& poll, NodeIndex node, Time now);
   void choose(Time now);
   bool stale_choice(Time now) const;
   bool all_excused() const;

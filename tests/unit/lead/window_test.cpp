@@ -48,7 +48,20 @@ class WindowTest : public testing::Test {
     }
   }
 
+  // A small file that both of two nodes still have to report.
+  static Transfer small_file(TransferId id) {
+    Transfer file(id, {}, {}, 16);
+    file.nodes.resize(2);
+    for (TransferNode& node : file.nodes) node.state = TransferNode::State::kOpen;
+    return file;
+  }
+  void send(const Transfer& file) {
+    for (uint32_t segment = 0; segment < file.segments; ++segment) window_.sent(kDatagram);
+    window_.expect_reports(file, now_);
+  }
+
   static constexpr Time kRoundTrip = kMillisecond;
+  static constexpr TransferId kFirstFile = 1'000'000;
   struct Answer {
     Time at;
     TransferId number;
@@ -102,6 +115,57 @@ TEST_F(WindowTest, does_not_grow_while_something_else_limits_the_stream) {
     wait(2 * kMillisecond);
   }
   EXPECT_EQ(window_.size(), kFirst);
+}
+
+TEST_F(WindowTest, reports_of_small_files_take_the_place_of_polls) {
+  add_nodes(2);
+  fill();
+  wait(2 * kMillisecond);
+  const TransferId polls = last_number_;
+  for (TransferId id = kFirstFile; id < kFirstFile + 100; ++id) {
+    send(small_file(id));
+    poll(false);
+    ASSERT_TRUE(window_.open());
+    for (const NodeIndex node : {0u, 1u}) window_.reported(id, node, now_ += kMillisecond / 2);
+  }
+  EXPECT_EQ(last_number_, polls);
+  EXPECT_EQ(window_.handled(), window_.position());
+}
+
+TEST_F(WindowTest, a_file_that_a_polled_node_has_ended_takes_no_polls_place) {
+  add_nodes(2);
+  fill();
+  wait(2 * kMillisecond);
+  const uint64_t before = window_.handled();
+  Transfer file = small_file(kFirstFile);
+  file.nodes[1].state = TransferNode::State::kEnded;
+  send(file);
+  for (const NodeIndex node : {0u, 1u}) window_.reported(kFirstFile, node, now_);
+  EXPECT_EQ(window_.handled(), before);
+}
+
+TEST_F(WindowTest, a_file_of_which_segments_were_asked_for_takes_no_polls_place) {
+  add_nodes(2);
+  fill();
+  wait(2 * kMillisecond);
+  const uint64_t before = window_.handled();
+  Transfer file = small_file(kFirstFile);
+  file.nodes[1].has_info = true;
+  send(file);
+  for (const NodeIndex node : {0u, 1u}) window_.reported(kFirstFile, node, now_);
+  EXPECT_EQ(window_.handled(), before);
+}
+
+TEST_F(WindowTest, a_node_whose_report_stays_away_is_polled) {
+  add_nodes(2);
+  fill();
+  wait(2 * kMillisecond);
+  send(small_file(kFirstFile));
+  window_.reported(kFirstFile, 0, now_);
+  EXPECT_LT(window_.handled(), window_.position());
+  wait(50 * kMillisecond);
+  EXPECT_EQ(named_, std::vector<NodeIndex>{1});
+  EXPECT_EQ(window_.handled(), window_.position());
 }
 
 TEST_F(WindowTest, a_node_that_owes_an_answer_is_asked_again_alone) {
