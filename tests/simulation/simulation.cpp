@@ -676,7 +676,8 @@ void Run::finish() {
     judge_.violated("what the last push began did not end");
     return report_busy();
   }
-  if (scenario_.calm)
+  // With far smaller segments a few may: a socket holds fewer of their bytes than of usual ones.
+  if (scenario_.calm && scenario_.segment_size >= lead::kDefaultSegmentSize)
     for (const auto& queue : queues_)
       if (queue->dropped() > 0)
         judge_.violated(std::to_string(queue->dropped()) + " datagrams found a queue full");
