@@ -97,10 +97,8 @@ Time Window::answer_time() const {
 
 bool Window::poll_due(bool stops, Time now) const {
   if (busy_.count() == 0) return false;
-  if (position_ > asked_ && static_cast<double>(position_ - asked_) >= poll_gap()) return true;
-  // A full window opens with the answers that are under way.
-  const bool waits = !open() && handled() < asked_;
-  if (stops && position_ > asked_ && !waits) return true;
+  if (position_ > asked_ && (stops || static_cast<double>(position_ - asked_) >= poll_gap()))
+    return true;
   return stops && next_poll(now) <= now;
 }
 
