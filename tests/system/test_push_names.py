@@ -7,7 +7,8 @@ import unittest
 
 import tree
 import wire
-from support import ROOT, UNKNOWN_FILE, BackgroundLead, SystemTest, errno_status, failures, lab, names_below, summary
+from support import (ROOT, UNKNOWN_FILE, USER, BackgroundLead, SystemTest, errno_status, failures,
+                     is_root_of_the_machine, lab, names_below, summary)
 
 
 class NamesOfPartialFiles(SystemTest):
@@ -109,14 +110,14 @@ class LeftOut(SystemTest):
         self.assertEqual(refused.stderr.splitlines(), ["pkgdist-lead: pipe: a named pipe cannot be sent",
                                                        "pkgdist-lead: socket: a socket cannot be sent"])
 
-    @unittest.skipUnless(os.geteuid() == 0, "another user can only be taken by root")
+    @unittest.skipUnless(is_root_of_the_machine(), "another user can only be taken by root")
     def test_a_directory_that_cannot_be_read_refuses_the_whole_push_when_that_is_asked_for(self):
         for name in (self.long, "huge"):
             os.remove(os.path.join(self.content, name))
         os.chmod(os.path.join(self.content, "small"), 0o700)
         self.start_nodes()
         refused = self.net.lead.run(
-            ["setpriv", "--reuid", "65534", "--clear-groups", self.programs.lead, "--interface",
+            ["setpriv", "--reuid", str(USER), "--clear-groups", self.programs.lead, "--interface",
              self.net.lead.address, "--location", f"1={self.content}", "--json", "push", "--strict", "--nodes",
              self.addresses(), "."], capture_output=True, text=True, timeout=60)
         self.assertEqual((refused.returncode, refused.stdout), (2, ""))
