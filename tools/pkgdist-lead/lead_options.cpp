@@ -230,7 +230,7 @@ void add_lists(CLI::App& app, LeadOptions& options) {
     list->fallthrough();
     list->callback([o = &options, command] { o->command = command; });
   };
-  add("status", "tell how the running lead stands", Command::kStatus);
+  add("status", "show the state of the running lead", Command::kStatus);
   add("nodes", "list the nodes that the running lead knows", Command::kNodes);
   add("pushes", "list the pushes of the running lead", Command::kPushes);
 }

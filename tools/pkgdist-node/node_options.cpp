@@ -82,7 +82,7 @@ void add_send(CLI::App& app, NodeOptions& options) {
 }
 
 void add_status(CLI::App& app, NodeOptions& options) {
-  CLI::App* status = app.add_subcommand("status", "tell how the node of this host stands");
+  CLI::App* status = app.add_subcommand("status", "show the state of the node of this host");
   status->fallthrough();
   status->callback([&options] { options.command = Command::kStatus; });
 }
