@@ -155,7 +155,7 @@ class OutputSystem(SystemTest):
 
     def release_commands(self):
         program = os.path.join(self.bin, "pkgdist-release")
-        subprocess.run([program, "make", self.content, "--name", "base", "--version", "1"], check=True,
+        subprocess.run([program, "make", self.content, "--name", "base", "--version", "1", "--floor", "1"], check=True,
                        capture_output=True)
         return [[program, "show", self.content, "--entries"], [program, "show", self.content, "--json"],
                 [program, "diff", self.content, self.content]]

@@ -112,7 +112,7 @@ class PrintableOutput(SystemTest):
         """What separates words is escaped by the manifest itself, the rest when it is printed."""
         manifest = os.path.join(self.directory("releases"), "before")
         for version in ("1", "2"):
-            self.release("make", self.content, "--name", "base", "--version", version)
+            self.release("make", self.content, "--name", "base", "--version", version, "--floor", "1")
             if version == "1":
                 shutil.copy(os.path.join(self.content, ".pkgdist", "manifest"), manifest)
                 tree.write(self.content, "added\u009b31m\u202e", b"")
