@@ -168,6 +168,7 @@ class StrangerAtTheLead(SystemTest):
             return push.process.poll() is not None
 
         lab.wait_until(ended, 30, f"the end of the push; the lead said last: {push.events()[-1:]}")
+        forger.close()
         self.assertTrue(push.finish()["complete"])
         self.assert_received()
         # The claims were heard as those of a node, and not dropped.
