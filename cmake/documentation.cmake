@@ -35,3 +35,26 @@ function(install_package_notes package component)
   install(FILES packaging/debian/copyright
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
 endfunction()
+
+# install_pages(PACKAGE COMPONENT PAGES OTHER OTHER_PAGES): documents. Installed, the pages of a
+# package stand side by side, those of the other one in its own directory; links follow.
+function(install_pages package component pages other other_pages)
+  set(elsewhere ${other_pages})
+  list(REMOVE_ITEM elsewhere ${pages})
+  foreach(page IN LISTS pages)
+    file(READ ${page} text)
+    string(REPLACE "](docs/" "](" text "${text}")
+    string(REPLACE "](../packaging/schema/" "](../../pkgdist/" text "${text}")
+    string(REPLACE "](pkgdist/include/" "](../../../include/" text "${text}")
+    foreach(page_elsewhere IN LISTS elsewhere)
+      get_filename_component(name ${page_elsewhere} NAME)
+      string(REPLACE "](${name}" "](../${other}/${name}" text "${text}")
+    endforeach()
+    string(REGEX REPLACE "\\]\\((\\.\\./)?examples/" "](../libpkgdist-dev/examples/" text "${text}")
+    get_filename_component(name ${page} NAME)
+    file(CONFIGURE OUTPUT pages/${package}/${name} CONTENT "${text}" @ONLY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
+    install(FILES ${PROJECT_BINARY_DIR}/pages/${package}/${name}
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  endforeach()
+endfunction()

@@ -56,9 +56,12 @@ install(FILES ${PROJECT_BINARY_DIR}/pkgdist.pc
 
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev
   COMPONENT development)
-install(FILES docs/architecture.md docs/glossary.md docs/integration.md docs/promises.md
-  docs/rationale.md docs/wire-format.md
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpkgdist-dev COMPONENT development)
+set(PKGDIST_DEVELOPMENT_PAGES docs/architecture.md docs/glossary.md docs/integration.md
+  docs/promises.md docs/rationale.md docs/testing.md docs/wire-format.md)
+set(PKGDIST_TOOLS_PAGES README.md docs/glossary.md docs/start.md docs/operations.md
+  docs/performance.md docs/threat-model.md docs/events.md docs/releases.md)
+install_pages(libpkgdist-dev development "${PKGDIST_DEVELOPMENT_PAGES}"
+  pkgdist-tools "${PKGDIST_TOOLS_PAGES}")
 
 install_manual(pkgdist.3 COMPONENT development)
 install_package_notes(libpkgdist-dev development)
@@ -85,13 +88,10 @@ if(PKGDIST_PROGRAMS)
     COMPONENT tools)
   install(FILES packaging/schema/events.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgdist
     COMPONENT tools)
-  # README's links lead into docs/; installed, all pages stand side by side.
-  file(READ README.md readme)
-  string(REPLACE "](docs/" "](" readme "${readme}")
-  file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
-  install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md docs/glossary.md docs/start.md
-    docs/operations.md docs/performance.md docs/threat-model.md docs/events.md docs/releases.md
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
+  install_pages(pkgdist-tools tools "${PKGDIST_TOOLS_PAGES}"
+    libpkgdist-dev "${PKGDIST_DEVELOPMENT_PAGES}")
+  install(DIRECTORY docs/pictures DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
+    COMPONENT tools)
+  install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pkgdist-tools
     COMPONENT tools)
 endif()

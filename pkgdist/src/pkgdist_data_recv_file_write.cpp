@@ -7,7 +7,8 @@
 //
 // Under the partial name something may stand already: of a process that died, of another user, a
 // link or a device. What is not a file that this process could just have made is removed, and the
-// partial file is made anew, or not at all.
+// partial file is made anew, or not at all. Nothing is emptied before that is known: it may be a
+// second name of somebody's file.
 #include "pkgdist_data_recv_file_write.h"
 
 #include <fcntl.h>
@@ -67,11 +68,18 @@ PkgdistStatus open_memory_object(Entry& entry) {
 
 // Whether the file is like one that this process has just made with this mode. A umask or the
 // directory's rules may make another mode of it; then it is made twice, which does no harm.
-bool is_fresh(int fd, mode_t mode) {
+bool is_fresh(const struct stat& opened, mode_t mode) {
   constexpr mode_t kPermissions = 07777;
+  return S_ISREG(opened.st_mode) && opened.st_uid == geteuid() && opened.st_nlink == 1 &&
+         (opened.st_mode & kPermissions) == (mode & kPermissions);
+}
+
+// Empties an opened file that this process may have left behind. 0 or the error number; EEXIST
+// when it is something else, which is left as it is.
+int take_over(int fd, mode_t mode) {
   struct stat opened {};
-  return fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_uid == geteuid() &&
-         opened.st_nlink == 1 && (opened.st_mode & kPermissions) == (mode & kPermissions);
+  if (fstat(fd, &opened) != 0 || !is_fresh(opened, mode)) return EEXIST;
+  return opened.st_size == 0 || ftruncate(fd, 0) == 0 ? 0 : errno;
 }
 
 // Whether the open may have failed because of what stands under the name.
@@ -84,18 +92,16 @@ int open_once(Entry& entry, const FilePath& path, int& exclusive) {
   const Beneath checked(path);
   const mode_t mode = entry.mode & load(G_data_recv_mode_mask);
   entry.fd = checked([&](const char* name) {
-    return open(name, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | exclusive, mode);
+    return open(name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | exclusive, mode);
   });
-  int error = entry.fd < 0 ? errno : 0;
-  if (error == 0 && (exclusive != 0 || is_fresh(entry.fd, mode))) return 0;
-  if (error == 0) {
-    (void)close(entry.fd);
-    error = EEXIST;
-  } else if (exclusive != 0 || !is_in_the_way(error)) {
-    entry.fd = -1;
-    return error;
-  }
+  const bool opened = entry.fd >= 0;
+  int error = opened ? 0 : errno;
+  if (opened && exclusive == 0) error = take_over(entry.fd, mode);
+  if (error == 0) return 0;
+  if (opened) (void)close(entry.fd);
   entry.fd = -1;
+  const bool is_something_else = opened && error == EEXIST;
+  if (exclusive != 0 || (!is_something_else && !is_in_the_way(error))) return error;
   (void)checked(unlink);
   exclusive = O_EXCL;
   return error;

@@ -56,6 +56,12 @@ def boxes(text):
     return found
 
 
+def links(text):
+    """The files that a page links to, as it writes them, without the place in them."""
+    prose = re.sub(r"^```.*?^```$", "", text, flags=re.MULTILINE | re.DOTALL)
+    return [link for link in re.findall(r"\]\(([^)#\s]+)[^)]*\)", prose) if "://" not in link]
+
+
 def script(text, page):
     """The boxes of a page as one script for bash, in which scene.sh has been read."""
     parts = []

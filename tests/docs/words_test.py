@@ -24,7 +24,10 @@ INSTEAD = {
     r"\bripens?\b": "delayed repair",
     r"\btorn\b": "partial batch",
     r"\bechoe?s?\b": "second copy",
-    r"\bhow they stand\b": "polls the nodes",
+    r"\bhow [\w ]+ stands?\b": "polls the nodes, shows the state of",
+    r"\bmend: ": "fix: ",
+    r"\bhouse\b|\bground\b": "component, layer, foundation",
+    r"\bcounts on\b": "advances its sequence",
     r"\bmiss done question": "poll",
 }
 TERMS = ("location", "transaction", "card class", "message class", "file type", "node id", "poll", "repair")

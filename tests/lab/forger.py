@@ -38,17 +38,20 @@ class Forger:
 
     def ping(self):
         """The latest ping of the lead; waits for one."""
-        self._skip()
+        self.latest_ping()
         return self._next_ping()
 
-    def _skip(self):
+    def latest_ping(self):
+        """The last ping of the lead that has come and was not read yet, None without one."""
+        latest = None
         self.pings.setblocking(False)
         try:
             while True:
-                self.pings.recv(2000)
+                latest = self._next_ping()
         except BlockingIOError:
             pass
         self.pings.settimeout(20)
+        return latest
 
     def _next_ping(self):
         while True:

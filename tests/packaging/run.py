@@ -8,6 +8,7 @@ also runs the commands of the other documents (documents.py). The last line coun
 
 import argparse
 import atexit
+import glob
 import os
 import re
 import shutil
@@ -236,6 +237,15 @@ class Service(unittest.TestCase):
         with open(self.at("lib", "sysctl.d", "60-pkgdist.conf"), encoding="utf-8") as file:
             settings = dict(re.findall(r"^([a-z_.]+) = (\d+)$", file.read(), re.MULTILINE))
         self.assertEqual(settings, {"net.core.rmem_max": str(8 << 20), "net.core.wmem_max": str(2 << 20)})
+
+    def test_every_link_of_an_installed_page_leads_to_a_file(self):
+        pages = glob.glob(self.at("share", "doc", "*", "*.md"))
+        self.assertGreater(len(pages), 12)
+        for page in pages:
+            with open(page, encoding="utf-8") as file:
+                links = set(boxes.links(file.read()))
+            missing = [link for link in links if not os.path.exists(os.path.join(os.path.dirname(page), link))]
+            self.assertEqual(missing, [], page)
 
     def test_every_page_of_the_manual_is_clean(self):
         pages = [self.at("share", "man", f"man{page[-1]}", page + ".gz")

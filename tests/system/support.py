@@ -36,6 +36,15 @@ def errno_status(number):
     return ERRNO_BASE | number
 
 
+USER = 65534  # without privileges
+
+
+def is_root_of_the_machine():
+    """Whether another user can be taken. Root of a user namespace has other answers from the kernel than an ordinary user of the machine."""
+    with open("/proc/self/uid_map", encoding="ascii") as file:
+        return os.geteuid() == 0 and file.read().split() == ["0", "0", "4294967295"]
+
+
 class SystemTest(unittest.TestCase):
     """One laboratory for a class; its processes and directories last for one test."""
 

@@ -293,6 +293,18 @@ class RunningNode(SystemTest):
         self.assert_received()
         self.assert_alive()
 
+    def test_get_into_another_directory_than_the_nodes_is_refused(self):
+        tree.add(self.content, "a", 5000)
+        own, other = self.directory_of(self.node), self.directory("other")
+        status, events, errors = self.command("--location", f"1={other}", "get", "a")
+        self.assertEqual((status, events), (3, []), errors)
+        self.assertIn(f"has location 1 in {own}, not {other}", errors)
+        self.assertEqual(os.listdir(other), [])
+        os.symlink(own, os.path.join(other, "the same"))
+        status, _, errors = self.command("--location", f"1={other}/the same", "get", "a")
+        self.assertEqual(status, 0, errors)
+        self.assert_received()
+
     def test_get_of_what_is_not_there_fails_and_the_node_goes_on(self):
         status, events, _ = self.command("get", "nothing")
         self.assertEqual(status, 1)

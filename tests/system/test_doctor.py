@@ -102,7 +102,7 @@ class Doctor(SystemTest):
                           capture_output=True, text=True, timeout=30)
         self.assertEqual((result.returncode, result.stderr), (PROBLEMS, ""))
         self.assertRegex(result.stdout, r"PROBLEM  location 1 /no/such: no file can be made: No such "
-                                        r"file or directory\n +why: .+\n +mend: mkdir -p /no/such\n")
+                                        r"file or directory\n +why: .+\n +fix: mkdir -p /no/such\n")
         self.assertRegex(result.stdout, r"\n\d problems, \d warnings, \d notes\n$")
 
     def test_wrong_arguments_are_refused(self):

@@ -4,7 +4,7 @@ import hostile
 import tree
 import wire
 from forger import Forger
-from scripted_lead import CTRL_GROUP, DATA_GROUP, LEAD_PORT, NODE_PORT, REQUEST_PORT
+from scripted_lead import DATA_GROUP, LEAD_PORT, NODE_PORT, REQUEST_PORT
 from support import (BackgroundLead, SystemTest, lab, names_below, remove_tree,
                      resident_bytes)
 
@@ -133,11 +133,12 @@ class StrangerAtTheLead(SystemTest):
                         **fields}))
         self.finish(push)
 
-    def claim_sequences(self, *sequences):
-        """Ping replies that say where the multicast sequence stands."""
+    def claim_sequences(self, ping, *sequences):
+        """Replies to the ping that say where the multicast sequence stands."""
         for sequence in sequences:
             self.to_control(wire.encode_datagram("ctrl_hdr", {
-                "msg_id": wire.PING_REPLY, "node_ip": self.ip, "pid": 5, "sequence": sequence}))
+                "msg_id": wire.PING_REPLY, "node_ip": self.ip, "pid": 5, "sequence": sequence,
+                "status": ping["status"]}))
 
     def test_a_made_up_sequence_before_the_first_message_stops_no_push(self):
         for node in self.net.nodes:
@@ -152,24 +153,26 @@ class StrangerAtTheLead(SystemTest):
 
     def assert_push_stands_claims(self, last):
         """Claims one sequence while the nodes are not there yet, and the greatest one after that."""
-        pings = self.stranger.group_socket(*CTRL_GROUP)
-        self.addCleanup(pings.close)
-        pings.settimeout(20)
+        forger = Forger(self.stranger, self.net.lead)
+        self.addCleanup(forger.close)
         push = self.start_push()
-        pings.recv(2000)  # it leads: now it listens to claims
-        self.claim_sequences(*[last] * 20)
-        for _ in range(5):
-            pings.recv(2000)
-        pings.close()
+        for _ in range(5):  # it leads: now it listens to claims
+            self.claim_sequences(forger.ping(), *[last] * 20)
         self.start_nodes()
+        ping = forger.ping()
 
         def ended():
-            self.claim_sequences(*[0xFFFFFFFF] * 300)
+            nonlocal ping
+            ping = forger.latest_ping() or ping
+            self.claim_sequences(ping, *[0xFFFFFFFF] * 300)
             return push.process.poll() is not None
 
         lab.wait_until(ended, 30, f"the end of the push; the lead said last: {push.events()[-1:]}")
+        forger.close()
         self.assertTrue(push.finish()["complete"])
         self.assert_received()
+        # The claims were heard as those of a node, and not dropped.
+        self.assertIn(self.stranger.address, [e["node"] for e in push.events("node-appeared")])
 
     def test_noise_at_a_serving_lead(self):
         lead = BackgroundLead(self, "serve")

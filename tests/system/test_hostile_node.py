@@ -16,6 +16,7 @@ from support import SystemTest, lab, names_below, resident_bytes
 BURST = 4000
 # Sent without a pause; below what the receive buffers hold.
 CHUNK = 100
+MOST_SEGMENTS = 1 << 24  # of one file
 MEMORY_LIMIT = 100_000_000  # resident bytes of a node, whatever it is told
 
 
@@ -181,10 +182,17 @@ class ForgedLeadAtANode(SystemTest):
         self.assert_works()
 
     def test_a_gap_over_a_whole_file_of_one_byte_segments(self):
+        """Of as many segments as a node accepts; with one more the announcement is a bad datagram."""
         self.list_files("target", "good")
-        self.lead.file_info(5, "target", 0xFFFFFFFF, 1)
+        bad = self.count("MC BAD PKT RECV")
+        self.lead.file_info(4, "target", MOST_SEGMENTS + 1, 1)
+        self.wait_for_count("MC BAD PKT RECV", bad + 1)
+        self.lead.file_info(5, "target", MOST_SEGMENTS, 1)
         self.lead.segment(5, 0, b"x")
-        self.lead.segment(5, 0xFFFFFFFE, b"x")
+        self.lead.segment(5, MOST_SEGMENTS - 1, b"x")
+        lab.wait_until(lambda: os.path.exists(os.path.join(self.place, "target.tmp")) and
+                       os.path.getsize(os.path.join(self.place, "target.tmp")) == MOST_SEGMENTS,
+                       what="the last segment to be written")
         self.assert_good(6, "good", tree.content("good", 3000))
         self.lead.file_send(wire.DELETE, ["target"])
         self.lead.report_of("target", 20)

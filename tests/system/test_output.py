@@ -135,12 +135,15 @@ class OutputSystem(SystemTest):
         serving = BackgroundLead(self, "serve")
         serving.wait_for_all_nodes()
         commands = [[os.path.join(self.bin, name), "--help"] for name in
-                    ("pkgdist-lead", "pkgdist-node", "pkgdist-stat", "pkgdist-trace", "pkgdist-doctor")]
+                    ("pkgdist-lead", "pkgdist-node", "pkgdist-stat", "pkgdist-trace", "pkgdist-doctor",
+                     "pkgdist-release")]
         commands += [[os.path.join(self.bin, "pkgdist-stat"), pid],
                      [os.path.join(self.bin, "pkgdist-stat"), pid, "--json", "--watch", "0.1"],
                      [os.path.join(self.bin, "pkgdist-trace"), pid],
                      [os.path.join(self.bin, "pkgdist-trace"), pid, "--follow"],
-                     self.lead_command("message", "hello", json_events=False)]
+                     self.lead_command("message", "hello", json_events=False),
+                     self.node_command(node, "firewall", "--lead", self.net.lead.address),
+                     *self.release_commands()]
         with open("/dev/full", "wb") as full:
             for command in commands:
                 result = self.net.lead.run(command, stdout=full, stderr=subprocess.PIPE, timeout=20)
@@ -149,6 +152,13 @@ class OutputSystem(SystemTest):
                     self.assertIn(b"standard output cannot be written: No space left on device",
                                   result.stderr)
         serving.stop()
+
+    def release_commands(self):
+        program = os.path.join(self.bin, "pkgdist-release")
+        subprocess.run([program, "make", self.content, "--name", "base", "--version", "1", "--floor", "1"], check=True,
+                       capture_output=True)
+        return [[program, "show", self.content, "--entries"], [program, "show", self.content, "--json"],
+                [program, "diff", self.content, self.content]]
 
     # --- Signals ---
 

@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import subprocess
 
 import tree
@@ -100,6 +101,33 @@ class PrintableOutput(SystemTest):
         self.assert_printable("run", self.output_of_node())
         with open(serving.out + ".json", "rb") as file:
             self.assert_printable("serve --json", file.read(), r"evil\u001b[2J")
+
+    def release(self, *arguments):
+        done = subprocess.run([os.path.join(self.bin, "pkgdist-release"), *arguments], capture_output=True,
+                              timeout=20)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout
+
+    def test_names_of_a_release(self):
+        """What separates words is escaped by the manifest itself, the rest when it is printed."""
+        manifest = os.path.join(self.directory("releases"), "before")
+        for version in ("1", "2"):
+            self.release("make", self.content, "--name", "base", "--version", version, "--floor", "1")
+            if version == "1":
+                shutil.copy(os.path.join(self.content, ".pkgdist", "manifest"), manifest)
+                tree.write(self.content, "added\u009b31m\u202e", b"")
+                tree.write(os.fsencode(self.content), b"no utf-8: \xff", b"")
+        self.assert_printable("show", self.release("show", self.content, "--entries"), "next%7F?31m?gpj")
+        entries = json.loads(self.release("show", self.content, "--entries", "--json"))["entries"]
+        names = [entry["path"] for entry in entries]
+        self.assertIn("added\u009b31m\u202e", names)
+        self.assertIn("no%20utf-8:%20\ufffd", names)
+        text = self.assert_printable("diff", self.release("diff", manifest, self.content), "+ added?31m?\n")
+        self.assertIn("+ no%20utf-8:%20?\n", text)
+        added = json.loads(self.release("diff", manifest, self.content, "--json"))["added"]
+        self.assertCountEqual(added, ["added\u009b31m\u202e", "no%20utf-8:%20\ufffd"])
+        for command in (("show", self.content, "--entries"), ("diff", manifest, self.content)):
+            self.assert_printable(command[0], self.release(*command, "--json"), r"added\u009b31m\u202e")
 
     def test_messages_about_arguments_and_files(self):
         for command in (self.lead("push", "--nodes", NAME, "."),

@@ -8,17 +8,10 @@ import unittest
 
 import node_statistics
 import tree
-from support import SystemTest, lab
+from support import USER, SystemTest, is_root_of_the_machine, lab
 
-USER = 65534
 HERE = os.path.dirname(os.path.abspath(__file__))
 UNITS = os.path.join(HERE, "..", "..", "packaging", "systemd")
-
-
-def is_root_of_the_machine():
-    """Root of a user namespace has other answers from the kernel than an ordinary user of the machine."""
-    with open("/proc/self/uid_map", encoding="ascii") as file:
-        return os.geteuid() == 0 and file.read().split() == ["0", "0", "4294967295"]
 
 
 def unit(name):

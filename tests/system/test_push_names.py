@@ -2,10 +2,13 @@
 
 import errno
 import os
+import socket
+import unittest
 
 import tree
 import wire
-from support import ROOT, UNKNOWN_FILE, BackgroundLead, SystemTest, errno_status, failures, lab, names_below, summary
+from support import (ROOT, UNKNOWN_FILE, USER, BackgroundLead, SystemTest, errno_status, failures,
+                     is_root_of_the_machine, lab, names_below, summary)
 
 
 class NamesOfPartialFiles(SystemTest):
@@ -88,6 +91,38 @@ class LeftOut(SystemTest):
         result = self.push("--strict", expect=2)
         self.assertEqual(result.events, [])
         self.assertEqual(len(result.stderr.splitlines()), 2, result.stderr)
+        for node in self.net.nodes:
+            self.assertEqual(names_below(self.directory_of(node)), set())
+
+    def test_pipes_and_sockets_are_left_out_too(self):
+        os.mkfifo(os.path.join(self.content, "pipe"))
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(os.path.join(self.content, "socket"))
+        self.start_nodes()
+        left_out = {e["name"]: e["text"] for e in self.push(expect=1).events if e["event"] == "left-out"}
+        self.assertEqual(set(left_out), {self.long, "huge", "pipe", "socket"})
+        self.assertEqual((left_out["pipe"], left_out["socket"]),
+                         ("a named pipe cannot be sent", "a socket cannot be sent"))
+        self.assert_all_else_arrived()
+        for name in (self.long, "huge"):
+            os.remove(os.path.join(self.content, name))
+        refused = self.push("--strict", expect=2)
+        self.assertEqual(refused.stderr.splitlines(), ["pkgdist-lead: pipe: a named pipe cannot be sent",
+                                                       "pkgdist-lead: socket: a socket cannot be sent"])
+
+    @unittest.skipUnless(is_root_of_the_machine(), "another user can only be taken by root")
+    def test_a_directory_that_cannot_be_read_refuses_the_whole_push_when_that_is_asked_for(self):
+        for name in (self.long, "huge"):
+            os.remove(os.path.join(self.content, name))
+        os.chmod(os.path.join(self.content, "small"), 0o700)
+        self.start_nodes()
+        refused = self.net.lead.run(
+            ["setpriv", "--reuid", str(USER), "--clear-groups", self.programs.lead, "--interface",
+             self.net.lead.address, "--location", f"1={self.content}", "--json", "push", "--strict", "--nodes",
+             self.addresses(), "."], capture_output=True, text=True, timeout=60)
+        self.assertEqual((refused.returncode, refused.stdout), (2, ""))
+        self.assertIn("pkgdist-lead: small: the directory cannot be read: Permission denied",
+                      refused.stderr.splitlines())
         for node in self.net.nodes:
             self.assertEqual(names_below(self.directory_of(node)), set())
 

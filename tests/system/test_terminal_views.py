@@ -120,6 +120,9 @@ class TerminalViews(SystemTest):
         self.assertEqual(len(cells), 1000)
         self.assertIn("push 2147486722", terminal.shown()[0])
         self.assertEqual(cells.count("!"), 3, cells)
+        colours = [terminal.emulator.buffer[2 + at // 50][at % 50].fg for at in range(1000)]
+        self.assertEqual({colour for cell, colour in zip(cells, colours) if cell == "!"}, {"red"})
+        self.assertEqual({colour for cell, colour in zip(cells, colours) if cell == "8"}, {"blue"})
         self.assertEqual(cells.count("8"), 1000 - 3 - cells.count("3") - cells.count("4") - cells.count("5") -
                          cells.count("6"))
         self.assertIn("10.71.0.6       80% heard 5 s", "\n".join(terminal.shown()))

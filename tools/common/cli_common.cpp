@@ -193,9 +193,15 @@ void add_common_options(CLI::App& app, CommonOptions& options, bool memory) {
   app.set_version_flag("--version", version());
 }
 
+// For the help of programs that have no more to say about it.
+constexpr const char* kExitStatusHelp =
+    "Exit status: 0 done; 1 not done, or not all of it; 2 an argument is wrong;\n"
+    "3 nothing could be started.";
+
 int run_cli(CLI::App& app, int argc, char** argv, const std::function<int()>& main, int failure) {
   keep_standard_descriptors();
   set_program_name(app.get_name());
+  if (app.get_footer().empty()) app.footer(kExitStatusHelp);
   watch_stop_signals(app.get_name(), failure);
   const int status = parse_and_run(app, argc, argv, main);
   return finish_output(status, failure);

@@ -29,6 +29,8 @@ std::string status_text(uint64_t status) {
     return "is heard, but acknowledges no list of files: check the MTU, and that packet filters "
            "let "
            "the --ctrl-group and the lead's --lead-port through";
+  if (status == PKGDIST_ERR_SYSTEM)
+    return std::string(pkgdist_status_str(status)) + " on the node; its trace names it";
   if (status == PKGDIST_ERR_WRITE)
     return "the disk is full (a write ended short), or a quota is used up";
   if (status == PKGDIST_STATUS_FROM_ERRNO(ENOSPC))

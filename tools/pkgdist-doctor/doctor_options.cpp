@@ -38,7 +38,10 @@ void add_doctor_options(CLI::App& app, DoctorOptions& options) {
   app.footer(
       "Run it on the lead and on nodes at the same time: the doctors send each other probes at\n"
       "the groups and ports of pkgdist. A lead or node that runs is not disturbed; start none\n"
-      "meanwhile. Exit status: 0 all is well, 1 warnings, 2 problems, 3 no examination.");
+      "meanwhile.\n"
+      "\n"
+      "Exit status: 0 done, all is well; 1 not done, or not all of it: there are problems or\n"
+      "warnings; 2 an argument is wrong; 3 nothing could be started, or examined.");
 }
 
 }  // namespace pkgdist::doctor

@@ -76,7 +76,7 @@ void Findings::print(const Finding& finding) const {
   const std::string indent(kTextColumn, ' ');
   if (!finding.why.empty()) print_wrapped(indent + "why:  ", finding.why);
   // A command stays on its line, to be copied.
-  if (!finding.mend.empty()) print_line(indent + "mend: " + finding.mend);
+  if (!finding.mend.empty()) print_line(indent + "fix: " + finding.mend);
 }
 
 // "ok       this host  interface, buffers, location 1"

@@ -53,7 +53,7 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
   command
       .add_option_function<std::string>(
           "--max-rate", [o](const std::string& text) { o->max_rate_bits = parse_rate(text); },
-          "never send faster than this")
+          "never send faster than this; if both are given, --rate applies")
       ->type_name("RATE");
   command
       .add_option("--timeout", options.timeout_seconds,
@@ -105,8 +105,7 @@ void add_push(CLI::App& app, LeadOptions& options) {
   push->footer(kNodesHelp);
   push->add_option_function<std::string>(
           "--nodes", [o](const std::string& text) { set_nodes(*o, parse_node_list(text)); },
-          "which nodes, or how many to wait for; whoever sends from another address counts as one "
-          "of a number")
+          "which nodes, or how many to wait for: then every host that answers counts")
       ->required()
       ->type_name("N|NODE[,NODE...]");
   push->add_option("--name", options.push_name, "what the push is called in lists and by 'cancel'")
@@ -230,7 +229,7 @@ void add_lists(CLI::App& app, LeadOptions& options) {
     list->fallthrough();
     list->callback([o = &options, command] { o->command = command; });
   };
-  add("status", "tell how the running lead stands", Command::kStatus);
+  add("status", "show the state of the running lead", Command::kStatus);
   add("nodes", "list the nodes that the running lead knows", Command::kNodes);
   add("pushes", "list the pushes of the running lead", Command::kPushes);
 }

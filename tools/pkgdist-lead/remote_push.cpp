@@ -66,7 +66,7 @@ std::optional<Json> RemotePush::wait(double seconds) {
     connection_.send({{"stop", true}});
   }
   if (asked_to_stop_ && cli::seconds_since_stop() > kStopPatienceSeconds)
-    throw cli::NotDone(cli::stop_text() + ": the lead has not said how the push stands");
+    throw cli::NotDone(cli::stop_text() + ": the lead has not told the state of the push");
   try {
     return connection_.next(seconds);
   } catch (const std::runtime_error& error) {

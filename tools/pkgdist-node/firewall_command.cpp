@@ -5,6 +5,7 @@
 #include <fmt/ranges.h>
 
 #include "commands.h"
+#include "output.h"
 
 namespace pkgdist::node_program {
 
@@ -13,16 +14,18 @@ int firewall_command(const NodeOptions& options) {
   std::vector<std::string> leads;
   for (const uint32_t lead : options.leads) leads.push_back(cli::format_address(lead));
   // A table is declared before it is deleted, so that the rules can be loaded again.
-  fmt::print(
-      "table ip pkgdist-node\n"
-      "delete table ip pkgdist-node\n"
-      "table ip pkgdist-node {{\n"
-      "  chain input {{\n"
-      "    type filter hook input priority 0; policy accept;\n"
-      "    ip saddr != {{ {} }} udp dport {{ {}, {}, {} }} counter drop\n"
-      "  }}\n"
-      "}}\n",
-      fmt::join(leads, ", "), common.ctrl_group.port, common.data_group.port, common.node_port);
+  cli::standard_output().write(
+      fmt::format("table ip pkgdist-node\n"
+                  "delete table ip pkgdist-node\n"
+                  "table ip pkgdist-node {{\n"
+                  "  chain input {{\n"
+                  "    type filter hook input priority 0; policy accept;\n"
+                  "    ip saddr != {{ {} }} udp dport {{ {}, {}, {} }} counter drop\n"
+                  "  }}\n"
+                  "}}\n",
+                  fmt::join(leads, ", "), common.ctrl_group.port, common.data_group.port,
+                  common.node_port),
+      cli::Output::Kind::kResult);
   return cli::kExitOk;
 }
 

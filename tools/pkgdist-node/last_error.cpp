@@ -40,10 +40,9 @@ std::string last_error() {
 }
 
 std::string status_with_error(uint64_t status) {
-  const std::string text = cli::status_text(status);
-  if (status != PKGDIST_ERR_SYSTEM && status != PKGDIST_ERR_SEND) return text;
+  if (status != PKGDIST_ERR_SYSTEM && status != PKGDIST_ERR_SEND) return cli::status_text(status);
   const std::string reason = last_error();
-  return reason.empty() ? text : text + ": " + reason;
+  return reason.empty() ? cli::status_text(status) : pkgdist_status_str(status) + (": " + reason);
 }
 
 std::string message_text(uint64_t status) {

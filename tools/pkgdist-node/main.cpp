@@ -1,5 +1,5 @@
 // pkgdist-node: receives what the lead pushes (run), asks it for files (get), sends it a message
-// (send), or tells how the running node stands (status); or prints packet filter rules for its host
+// (send), or shows the state of the running node (status); or prints packet filter rules for its host
 // (firewall).
 #include <CLI/CLI.hpp>
 

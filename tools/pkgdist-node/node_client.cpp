@@ -37,12 +37,16 @@ void print(const std::string& line) {
 int get_through(cli::LineConnection& node, const NodeOptions& options) {
   Json paths = Json::array();
   for (const std::string& path : options.paths) paths.push_back(cli::encode_base64(path));
-  node.send({{"command", "get"},
-             {"paths", paths},
-             {"location", options.location},
-             {"type", options.type},
-             {"priority", options.priority},
-             {"timeout", options.timeout_seconds}});
+  Json request{{"command", "get"},
+               {"paths", paths},
+               {"location", options.location},
+               {"type", options.type},
+               {"priority", options.priority},
+               {"timeout", options.timeout_seconds}};
+  const auto& locations = options.common.locations;
+  if (const auto own = locations.find(options.location); own != locations.end())
+    request["storage"] = cli::encode_base64(storage_of(own->second));
+  node.send(request);
   EventPrinter printer(options);
   size_t ended = 0;
   while (const auto line = next(node)) {

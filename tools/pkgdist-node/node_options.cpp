@@ -82,7 +82,7 @@ void add_send(CLI::App& app, NodeOptions& options) {
 }
 
 void add_status(CLI::App& app, NodeOptions& options) {
-  CLI::App* status = app.add_subcommand("status", "tell how the node of this host stands");
+  CLI::App* status = app.add_subcommand("status", "show the state of the node of this host");
   status->fallthrough();
   status->callback([&options] { options.command = Command::kStatus; });
 }
@@ -113,7 +113,7 @@ void add_node_options(CLI::App& app, NodeOptions& options) {
   cli::add_common_options(app, options.common, true);
   app.add_option_function<std::string>(
          "--node-id", [&options](const std::string& text) { parse_node_id(text, options); },
-         "location of this node")
+         "identity of this node")
       ->type_name("A/B/C [from the address]");
   app.add_option("--card-class", options.card_class, "class of this node's card")
       ->type_name("K [3]");

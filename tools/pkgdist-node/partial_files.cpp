@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <tuple>
 #include <vector>
 
 #include "pkgdist/status.h"
@@ -26,8 +27,10 @@ const std::string kSuffix = ".tmp";
 constexpr size_t kMaxListed = 65'536;  // names that are remembered
 constexpr char kOwnDescriptors[] = "/proc/self/fd";
 
-bool is_write_failure(uint64_t status) {
-  constexpr std::array kErrors{ENOSPC, EDQUOT, EIO, EFBIG};
+// Whether the status may be that of a write or of the last step, the rename to the final name: that
+// one meets a directory, a mount point or a file that this user may not replace.
+bool may_leave_partial(uint64_t status) {
+  constexpr std::array kErrors{ENOSPC, EDQUOT, EIO, EFBIG, EISDIR, EXDEV, EBUSY, EACCES, EPERM};
   if (status == PKGDIST_ERR_WRITE) return true;
   for (const int error : kErrors)
     if (status == PKGDIST_STATUS_FROM_ERRNO(static_cast<uint64_t>(error))) return true;
@@ -41,6 +44,10 @@ struct Identity {
 };
 Identity identity_of(const struct stat& status) {
   return {status.st_dev, status.st_ino};
+}
+
+bool is_before(const timespec& one, const timespec& other) {
+  return std::tie(one.tv_sec, one.tv_nsec) < std::tie(other.tv_sec, other.tv_nsec);
 }
 
 // The numbers of this process's descriptors.
@@ -85,7 +92,7 @@ void remove_beneath(int location, const std::string& name, Wanted&& wanted) {
   struct stat status {};
   if (::fstatat(parent, last.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid() &&
-      wanted(identity_of(status)))
+      wanted(status))
     (void)::unlinkat(parent, last.c_str(), 0);
   ::close(parent);
 }
@@ -100,6 +107,10 @@ std::optional<std::string> path_of(int fd) {
 }
 
 }  // namespace
+
+PartialFiles::PartialFiles() {
+  (void)::clock_gettime(CLOCK_REALTIME_COARSE, &since_);  // which is that of files' times
+}
 
 PartialFiles::~PartialFiles() {
   for (const auto& [number, fd] : locations_) ::close(fd);
@@ -117,9 +128,11 @@ void PartialFiles::note_listed(uint32_t location, const std::string& name) {
 void PartialFiles::on_ended(uint32_t location, const std::string& name, uint64_t status) {
   const auto found = locations_.find(location);
   const std::string partial = name + kSuffix;
-  if (found == locations_.end() || !is_write_failure(status)) return;
+  if (found == locations_.end() || !may_leave_partial(status)) return;
   if (listed_.size() >= kMaxListed || listed_.contains({location, partial})) return;
-  remove_beneath(found->second, partial, [](const Identity& file) { return !is_open(file); });
+  remove_beneath(found->second, partial, [&](const struct stat& file) {
+    return !is_before(file.st_ctim, since_) && !is_open(identity_of(file));
+  });
 }
 
 void PartialFiles::remove_open_at(uint32_t location, int directory, int fd) {
@@ -131,7 +144,7 @@ void PartialFiles::remove_open_at(uint32_t location, int directory, int fd) {
   const std::string name = path->substr(top->size() + 1);
   if (listed_.contains({location, name})) return;
   remove_beneath(directory, name,
-                 [&](const Identity& file) { return file == identity_of(status); });
+                 [&](const struct stat& file) { return identity_of(file) == identity_of(status); });
 }
 
 void PartialFiles::remove_open() {

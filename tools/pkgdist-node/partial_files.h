@@ -1,13 +1,15 @@
 // The partial files that this process would leave behind: "NAME.tmp" of a reception that failed
-// while it wrote, and at the end of the process those that it is still writing.
+// while it wrote or when the file was to get its final name, and at the end of the process those
+// that it is still writing.
 //
 // Only what is surely a partial file of this process is removed: a plain file with one name, owned
-// by this process's user, beneath its location without a link on the way. It stays when a newer
-// reception has it open, and when the lead has listed a file of that very name, which then is a
-// file like any other.
+// by this process's user and changed since this process began, beneath its location without a link
+// on the way. It stays when a newer reception has it open, and when the lead has listed a file of
+// that very name, which then is a file like any other.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -17,7 +19,7 @@ namespace pkgdist::node_program {
 
 class PartialFiles {
  public:
-  PartialFiles() = default;
+  PartialFiles();
   ~PartialFiles();
   PartialFiles(const PartialFiles&) = delete;
   PartialFiles& operator=(const PartialFiles&) = delete;
@@ -25,7 +27,7 @@ class PartialFiles {
   void add_location(uint32_t number, const std::string& directory);
   // A list of the lead names this file.
   void note_listed(uint32_t location, const std::string& name);
-  // A reception ended; on a failure to write its partial file goes.
+  // A reception ended; after a failure to write or to rename its partial file goes.
   void on_ended(uint32_t location, const std::string& name, uint64_t status);
   // Those that this process has open for writing go. To be called when nothing is wanted any more.
   void remove_open();
@@ -33,6 +35,7 @@ class PartialFiles {
  private:
   void remove_open_at(uint32_t location, int directory, int fd);
 
+  timespec since_{};                                   // when this process began
   std::map<uint32_t, int> locations_;                  // descriptors of their directories
   std::set<std::pair<uint32_t, std::string>> listed_;  // names that end like a partial file's
 };

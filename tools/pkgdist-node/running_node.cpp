@@ -107,10 +107,19 @@ class RunningNode::GetJob : public Job {
     wanted.priority = request.at("priority").get<uint32_t>();
     for (const Json& path : request.at("paths"))
       wanted.paths.push_back(cli::decode_base64_text(path.get<std::string>()));
-    if (!options.common.locations.contains(wanted.location))
-      throw std::runtime_error(
-          fmt::format("the node that runs here has no location {}", wanted.location));
+    check_storage(request, options, wanted.location);
     return wanted;
+  }
+
+  static void check_storage(const Json& request, const NodeOptions& options, uint32_t number) {
+    const auto own = options.common.locations.find(number);
+    if (own == options.common.locations.end())
+      throw std::runtime_error(fmt::format("the node that runs here has no location {}", number));
+    if (!request.contains("storage")) return;
+    const auto asked = cli::decode_base64_text(request.at("storage").get<std::string>());
+    if (asked != storage_of(own->second))
+      throw std::runtime_error(fmt::format("the node that runs here has location {} in {}, not {}",
+                                           number, storage_of(own->second), asked));
   }
 
   FileRequests files_;
@@ -222,6 +231,14 @@ std::unique_ptr<RunningNode> open_control(const NodeOptions& options, Node& node
     printer.error(fmt::format("warning: takes no commands: {}", error.what()));
     return nullptr;
   }
+}
+
+std::string storage_of(const cli::Location& location) {
+  if (location.memory) return "mem:" + location.path;
+  std::error_code error;
+  const std::filesystem::path place = std::filesystem::absolute(location.path);
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(place, error);
+  return error ? place.string() : resolved.string();
 }
 
 std::optional<cli::LineConnection> connect_to_node(const NodeOptions& options) {

@@ -1,14 +1,16 @@
 // The node that runs on this host: takes commands over its control socket, and how `get`, `send`
 // and `status` reach it. One line of JSON asks, lines answer:
-//   {"command":"get","paths":[BASE64,...],"location":1,"type":1,"priority":2,"timeout":60}
+//   {"command":"get","paths":[BASE64,...],"location":1,"storage":BASE64,"type":1,"priority":2,
+//    "timeout":60}
 //     {"event":"file","path":BASE64,"location":1,"transaction":7,"status":0,"text":...}, ...
 //     {"event":"done","left":0,"failed":0,"silent":false}
 //   {"command":"send","class":2,"data":BASE64,"timeout":60}
 //     {"event":"done","status":0,"text":"acknowledged","silent":false}
 //   {"command":"status"}
 //     {"event":"status",...}
-// "silent": nothing was heard for the time-out. Without a node, the commands start one of their
-// own.
+// "storage": where the client has the location, if it was told; another place than the node's is
+// refused. "silent": nothing was heard for the time-out. Without a node, the commands start one of
+// their own.
 #pragma once
 
 #include <list>
@@ -63,5 +65,9 @@ std::optional<cli::LineConnection> connect_to_node(const NodeOptions& options);
 // Each returns the exit status.
 int get_through(cli::LineConnection& node, const NodeOptions& options);
 int send_through(cli::LineConnection& node, const NodeOptions& options, const std::string& message);
+
+// Where a location is, the same text for every way to write its path: a directory without links, or
+// the prefix of names in memory.
+std::string storage_of(const cli::Location& location);
 
 }  // namespace pkgdist::node_program

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "printable.h"
 #include "stored_release.h"
 #include "tree.h"
 
@@ -12,26 +13,25 @@ namespace pkgdist::release_program {
 
 namespace {
 
-nlohmann::json paths(const std::vector<const release::Entry*>& entries) {
-  nlohmann::json list = nlohmann::json::array();
+nlohmann::ordered_json paths(const std::vector<const release::Entry*>& entries) {
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const release::Entry* entry : entries) list.push_back(release::escape(entry->path));
   return list;
 }
 
 std::string as_json(const release::Update& update) {
-  return nlohmann::json({{"added", paths(update.added)},
+  return cli::json_line({{"added", paths(update.added)},
                          {"changed", paths(update.changed)},
                          {"removed", paths(update.removed)},
                          {"sent", paths(update.sent)},
-                         {"bytes", update.bytes}})
-      .dump();
+                         {"bytes", update.bytes}});
 }
 
 std::string as_text(const release::Update& update) {
   std::string text;
   const auto add = [&](char mark, const std::vector<const release::Entry*>& entries) {
     for (const release::Entry* entry : entries)
-      text += fmt::format("{} {}\n", mark, release::escape(entry->path));
+      text += fmt::format("{} {}\n", mark, cli::printable(release::escape(entry->path)));
   };
   add('-', update.removed);
   add('+', update.added);

@@ -18,7 +18,8 @@ Examples
   pkgdist-release check tree --keys /etc/pkgdist/release-keys.d
   pkgdist-release diff tree-6 tree-7
 
-Exit status: 0, 1 when a release is refused or differs from its tree, 2 when an argument is wrong.
+Exit status: 0 done; 1 not done, or not all of it: a release is refused or differs from its tree; 2 an
+argument is wrong; 3 nothing could be started: a file cannot be read or written.
 )help";
 
 void add_threads(CLI::App& command, ReleaseOptions& options) {

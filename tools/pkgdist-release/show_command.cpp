@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "printable.h"
 #include "stored_release.h"
 
 namespace pkgdist::release_program {
@@ -28,9 +29,9 @@ Counts count(const release::Manifest& manifest) {
   return counts;
 }
 
-nlohmann::json entry_json(const release::Entry& entry) {
-  nlohmann::json json = {{"kind", std::string(1, static_cast<char>(entry.kind))},
-                         {"path", release::escape(entry.path)}};
+nlohmann::ordered_json entry_json(const release::Entry& entry) {
+  nlohmann::ordered_json json = {{"kind", std::string(1, static_cast<char>(entry.kind))},
+                                 {"path", release::escape(entry.path)}};
   if (entry.kind != release::Kind::kLink) json["mode"] = fmt::format("{:04o}", entry.mode);
   if (entry.kind == release::Kind::kLink) json["target"] = release::escape(entry.target);
   if (entry.kind == release::Kind::kFile) {
@@ -43,21 +44,21 @@ nlohmann::json entry_json(const release::Entry& entry) {
 
 std::string as_json(const release::Manifest& manifest, const std::string& digest, bool entries) {
   const Counts counts = count(manifest);
-  nlohmann::json json = {{"name", manifest.name},
-                         {"version", manifest.version},
-                         {"floor", manifest.floor},
-                         {"sha256", digest},
-                         {"directories", counts.directories},
-                         {"files", counts.files},
-                         {"links", counts.links},
-                         {"bytes", release::total_bytes(manifest)}};
+  nlohmann::ordered_json json = {{"name", manifest.name},
+                                 {"version", manifest.version},
+                                 {"floor", manifest.floor},
+                                 {"sha256", digest},
+                                 {"directories", counts.directories},
+                                 {"files", counts.files},
+                                 {"links", counts.links},
+                                 {"bytes", release::total_bytes(manifest)}};
   if (manifest.expires) json["expires"] = *manifest.expires;
   if (entries) {
-    json["entries"] = nlohmann::json::array();
+    json["entries"] = nlohmann::ordered_json::array();
     for (const release::Entry& entry : manifest.entries)
       json["entries"].push_back(entry_json(entry));
   }
-  return json.dump();
+  return cli::json_line(json);
 }
 
 std::string as_text(const release::Manifest& manifest, const std::string& digest) {
@@ -67,6 +68,15 @@ std::string as_text(const release::Manifest& manifest, const std::string& digest
       "directories, {} files, {} links, {} bytes",
       manifest.name, manifest.version, manifest.floor, manifest.expires.value_or("never"), digest,
       counts.directories, counts.files, counts.links, release::total_bytes(manifest));
+}
+
+// The manifest, which has names and bytes from outside.
+void print_lines(cli::Output& output, std::string_view text) {
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    output.line(text.substr(0, end), cli::Output::Kind::kResult);
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
 }
 
 }  // namespace
@@ -82,7 +92,7 @@ int show_command(const ReleaseOptions& options) {
     return cli::kExitOk;
   }
   output.write(as_text(manifest, digest) + "\n", kResult);
-  if (options.entries) output.write(text, kResult);
+  if (options.entries) print_lines(output, text);
   return cli::kExitOk;
 }
 

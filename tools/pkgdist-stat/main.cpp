@@ -55,8 +55,9 @@ Examples
   pkgdist-stat --listen 127.0.0.1:9471     the same over HTTP, for whatever runs at that moment
   pkgdist-stat --clean                     removes what dead processes left
 
-Exit status: 0, 1 when a process has no readable statistics or the output could not be written, 2 when an
-argument is wrong.
+Exit status: 0 done; 1 not done, or not all of it: the statistics of a process cannot be read or removed, or
+the output could not be written; 2 an argument is wrong; 3 nothing could be started: no process has
+statistics, or several have and none was named, or the address of --listen cannot be had.
 )";
 
 struct Options {

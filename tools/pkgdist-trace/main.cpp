@@ -45,8 +45,8 @@ Examples
   pkgdist-trace 4711 --file 'pkgdist_data_*' --since 5m
   pkgdist-trace /tmp/pkgdist-trace.4711 --last 50 --json
 
-Exit status: 0, 1 when there is no trace, it cannot be read or the output could not be written, 2 when an
-argument is wrong.
+Exit status: 0 done; 1 not done, or not all of it: the output could not be written; 2 an argument is wrong;
+3 nothing could be started: there is no trace, it cannot be read, or several are there and none was named.
 )";
 
 struct Options {

@@ -32,7 +32,7 @@ struct FileTree {
   // not a link's.
   std::vector<PushFile> files;
   std::vector<std::string> directories;  // that these are in, below the root
-  std::vector<std::string> warnings;  // special files that were left out, times that do not travel
+  std::vector<std::string> warnings;     // times that do not travel
   // What cannot travel or be read, by name; the rest can be pushed without it.
   struct LeftOut {
     std::string name;  // of a file, or of a directory with all that is in it
@@ -45,8 +45,8 @@ struct FileTree {
 // Collects regular files and symbolic links below `root`. A path is a file or directory, relative
 // to the root, or absolute or relative to the working directory and inside the root. Directories
 // are walked without following links. What cannot travel (a name that is too long, a file of 4 GiB
-// and more, a link target of more than 255 bytes) or may not be read is left out and named; what
-// changes until its turn comes fails then.
+// and more, a link target of more than 255 bytes, a pipe, a socket, a device) or may not be read is
+// left out and named; what changes until its turn comes fails then.
 FileTree collect_files(const std::string& root, const std::vector<std::string>& paths);
 
 }  // namespace pkgdist::lead

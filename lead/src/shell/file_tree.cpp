@@ -109,16 +109,18 @@ class Collector {
     const std::string name = name_of(path);
     if (::lstat(text.c_str(), &status) != 0) return leave_out(name, error_text(errno));
     const bool link = S_ISLNK(status.st_mode);
-    if (!S_ISREG(status.st_mode) && !link) {
-      tree_.warnings.push_back(text + ": neither a file nor a link, left out");
-      return;
-    }
+    if (!S_ISREG(status.st_mode) && !link) return leave_out(name, kind_problem(status.st_mode));
     const auto size = static_cast<uint64_t>(status.st_size);
     if (const char* problem = problem_of(name, size, link)) return leave_out(name, problem);
     if (!link && ::faccessat(AT_FDCWD, text.c_str(), R_OK, AT_EACCESS) != 0)
       return leave_out(name, error_text(errno));
     const bool fresh = (link ? links_ : files_).insert({name, size}).second;
     if (fresh && !link) note_time(name, status.st_mtime);
+  }
+
+  static const char* kind_problem(mode_t mode) {
+    if (S_ISFIFO(mode)) return "a named pipe cannot be sent";
+    return S_ISSOCK(mode) ? "a socket cannot be sent" : "a device cannot be sent";
   }
 
   static const char* problem_of(const std::string& name, uint64_t size, bool link) {

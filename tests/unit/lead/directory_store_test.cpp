@@ -158,12 +158,15 @@ TEST_F(DirectoryStoreTest, takes_absolute_paths_inside_the_root_only) {
   EXPECT_EQ(collect({root_.string() + "x"}).problems.size(), 1u);
 }
 
-TEST_F(DirectoryStoreTest, leaves_special_files_out_with_a_warning) {
-  write("file", "x");
-  ASSERT_EQ(::mkfifo((root_ / "pipe").c_str(), 0600), 0);
+TEST_F(DirectoryStoreTest, special_files_are_left_out_by_name) {
+  write("d/file", "x");
+  ASSERT_EQ(::mkfifo((root_ / "d/pipe").c_str(), 0600), 0);
   const FileTree tree = collect({"."});
-  EXPECT_EQ(names(tree), Names{"file"});
-  EXPECT_EQ(tree.warnings.size(), 1u);
+  EXPECT_EQ(names(tree), Names{"d/file"});
+  ASSERT_EQ(tree.left_out.size(), 1u);
+  EXPECT_EQ(tree.left_out[0].name, "d/pipe");
+  EXPECT_EQ(tree.left_out[0].reason, "a named pipe cannot be sent");
+  EXPECT_TRUE(tree.warnings.empty());
   EXPECT_TRUE(tree.problems.empty());
 }
 

@@ -345,6 +345,7 @@ TEST_F(Leftover, a_second_name_of_another_file_is_replaced) {
   struct stat other {};
   EXPECT_EQ(lstat((place_ + "other").c_str(), &other), 0);
   EXPECT_EQ(other.st_nlink, 1u);
+  EXPECT_EQ(bytes_of(place_ + "other"), Bytes({'k', 'e', 'p', 't'}));
 }
 
 TEST_F(Leftover, another_mode_is_replaced) {
@@ -389,6 +390,7 @@ TEST_F(Leftover, what_cannot_be_removed_is_not_written_to) {
   give(0);
   faults::clear();
   EXPECT_EQ(outcome(), PKGDIST_STATUS_FROM_ERRNO(EEXIST));
+  EXPECT_EQ(bytes_of(place_ + "file.tmp"), Bytes({'k', 'e', 'p', 't'}));
 }
 
 TEST_F(Leftover, a_directory_stays_and_is_a_failure) {
@@ -406,6 +408,32 @@ TEST_F(Leftover, of_this_process_is_used_as_it_is) {
   give(0);
   EXPECT_EQ(partial().st_ino, old);
   EXPECT_EQ(faults::calls(Call::kUnlink), 0u);
+}
+
+TEST_F(Leftover, of_this_process_that_was_longer_leaves_nothing_behind_the_end) {
+  put(place_ + "file.tmp", "longer than the new one");
+  begin(2);
+  give_all();
+  EXPECT_EQ(outcome(), 0u);
+  EXPECT_EQ(bytes_of(place_ + "file"), content(8));
+}
+
+TEST_F(Leftover, what_may_not_be_emptied_is_removed) {
+  put(place_ + "file.tmp", "old");
+  begin(2);
+  faults::fail(Call::kFtruncate, 1, EPERM);
+  give_all();
+  EXPECT_EQ(outcome(), 0u);
+  EXPECT_EQ(bytes_of(place_ + "file"), content(8));
+}
+
+TEST_F(Leftover, what_cannot_be_emptied_is_a_failure) {
+  put(place_ + "file.tmp", "old");
+  begin(2);
+  faults::fail_always(Call::kFtruncate, EIO);
+  give(0);
+  faults::clear();
+  EXPECT_EQ(outcome(), PKGDIST_STATUS_FROM_ERRNO(EIO));
 }
 
 // --- Releasing an old record ---

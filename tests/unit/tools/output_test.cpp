@@ -3,10 +3,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "json_events.h"
 
 using pkgdist::cli::Output;
 
@@ -127,6 +132,42 @@ TEST(Output, a_pipe_that_somebody_made_non_blocking_is_waited_for) {
   output.write(text, Kind::kResult);
   EXPECT_EQ(text, pipe.read(text.size()));
   EXPECT_TRUE(output.wait_written(never));
+}
+
+// A program with events whose reader stops reading; its exit status. Says on the second pipe when
+// it has nothing more to tell.
+[[noreturn]] void overrun_the_reader(const Pipe& output, const Pipe& ready) {
+  (void)dup2(output.ends[1], STDOUT_FILENO);
+  for (const int fd : {output.ends[0], output.ends[1], ready.ends[0]}) ::close(fd);
+  const pkgdist::cli::JsonEvents events(true);
+  for (size_t i = 0; i <= Output::kMaxWaitingForProgress; i += 1 << 20)
+    events.print("result", {{"text", much('r')}}, Kind::kResult);
+  events.print("result", {{"text", "the last one"}}, Kind::kResult);
+  for (int i = 0; i < 3; ++i) events.print("progress", {{"number", i}}, Kind::kProgress);
+  (void)!::write(ready.ends[1], "!", 1);
+  _exit(pkgdist::cli::finish_output(0, 1));
+}
+
+TEST(Output, a_reader_that_reads_on_is_told_at_the_end_what_was_left_out) {
+  Pipe output;
+  Pipe ready;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) overrun_the_reader(output, ready);
+  for (const Pipe& pipe : {output, ready}) ::close(pipe.ends[1]);
+  ASSERT_EQ("!", ready.read(1));
+  std::istringstream lines(output.read(Output::kMaxWaitingForProgress * 2));
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+
+  std::vector<nlohmann::json> events;
+  for (std::string line; std::getline(lines, line);) events.push_back(nlohmann::json::parse(line));
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ("the last one", events[events.size() - 2].at("text"));
+  EXPECT_EQ("output-left-out", events.back().at("event"));
+  EXPECT_EQ(3, events.back().at("progress"));
+  EXPECT_EQ(0, events.back().at("events"));
 }
 
 TEST(Output, its_end_does_not_wait_for_a_reader) {
