@@ -1,11 +1,13 @@
 #include <fmt/core.h>
 
 #include <CLI/Error.hpp>
+#include <algorithm>
 #include <filesystem>
 
+#include "after_push.h"
+#include "after_report.h"
 #include "commands.h"
 #include "control_server.h"
-#include "durability.h"
 #include "metrics.h"
 #include "node_programs.h"
 #include "output.h"
@@ -70,24 +72,64 @@ class Course {
   lead::Time until_;
 };
 
-// Asks the nodes to write to their disks, and waits for their answers; true when all have.
-bool make_durable(const LeadOptions& options, Session& session, NodePrograms& programs,
-                  Reporter& reporter) {
+// What comes behind the files. True when everything was done.
+bool do_the_rest(const QueuedPush& push, lead::PushReport report, Session& session,
+                 NodePrograms& programs, Reporter& reporter) {
   lead::Lead& lead = session.lead();
-  Durability durability(lead.push_transaction(), options.location);
+  AfterReport shown(reporter, push.tree.only_list);
+  AfterPush after(lead, programs, push, lead.push_transaction(), std::move(report),
+                  [&](const Json& line) { shown.line(line); });
   programs.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
                                std::span<const uint8_t> bytes) {
-    return durability.on_message(node.address, msg_class, bytes);
+    return after.on_message(node.address, msg_class, bytes);
   };
-  durability.ask(lead, lead.push_report(), static_cast<lead::Time>(options.durable_seconds * 1e9),
-                 lead::monotonic_now());
-  session.run([&](lead::Time now) { return durability.ended(now); }, lead::kSecond / 10);
+  const bool ran = session.run(
+      [&](lead::Time now) {
+        after.run(now);
+        return after.ended();
+      },
+      lead::kSecond / 10);
   programs.takes_message = nullptr;
-  return report_durability(reporter, durability.outcomes());
+  return shown.finish() && ran;
+}
+
+// Waits for the nodes of a push that sends nothing, as long as a push waits for them.
+bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs) {
+  const lead::Time until = lead::monotonic_now() + request.node_timeout;
+  return session.run(
+      [&](lead::Time now) {
+        const lead::PushReport report = listed_nodes(session.lead(), request);
+        std::vector<lead::NodeInfo> heard;
+        for (const lead::Lead::NodeView& node : session.lead().nodes()) heard.push_back(node.info);
+        const size_t wanted =
+            request.nodes.empty() ? std::max(1u, request.node_count) : request.nodes.size();
+        const auto here = std::count_if(report.nodes.begin(), report.nodes.end(),
+                                        [](const auto& node) { return node.heard; });
+        return now >= until ||
+               (static_cast<size_t>(here) >= wanted && programs.introduced(heard, now));
+      },
+      lead::kSecond / 10);
+}
+
+// push --delete --dry-run. True when every node has said what it has.
+bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter) {
+  const std::unique_ptr<Session> session = open_session(options, reporter, reporter);
+  (void)session->hears_leads(reporter);
+  NodePrograms programs(session->lead(), reporter);
+  programs.push_begins(push.request.location);
+  if (!gather(push.request, *session, programs)) return false;
+  const lead::PushReport report = listed_nodes(session->lead(), push.request);
+  const bool listed = do_the_rest(push, report, *session, programs, reporter);
+  if (report.nodes.size() >= report.expected_nodes) return listed;
+  reporter.say(fmt::format("{} of {} nodes never appeared",
+                           report.expected_nodes - report.nodes.size(), report.expected_nodes),
+               cli::Output::Kind::kResult);
+  return false;
 }
 
 // In a lead of this process. True when every node has everything.
-bool push_here(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter) {
+bool push_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter) {
+  const lead::PushRequest& request = push.request;
   const std::unique_ptr<Session> opened = open_session(options, reporter, reporter);
   Session& session = *opened;
   lead::Lead& lead = session.lead();
@@ -101,14 +143,14 @@ bool push_here(const LeadOptions& options, const lead::PushRequest& request, Rep
   const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
   const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
   const Course course(lead, request.node_timeout);
-  OwnPush push(lead);
+  OwnPush own(lead);
   PushView view(reporter);
   bool ran = false;
   {
     PushDisplay display(reporter, view, options, request.node_timeout);
     ran = session.run(
         [&](lead::Time now) {
-          display.run(push, now);
+          display.run(own, now);
           programs.run(now);
           if (control) control->run(now);
           if (metrics) metrics->run(lead, session.transport().send_errors(), now);
@@ -126,9 +168,9 @@ bool push_here(const LeadOptions& options, const lead::PushRequest& request, Rep
                                   .interrupted = !ran,
                                   .blocked_by = in_the_way,
                                   .nodes_heard = lead.node_counts().heard});
-  const bool durable =
-      !options.durable || (ran && make_durable(options, session, programs, reporter));
-  return complete && durable;
+  const bool rest =
+      ran && in_the_way == 0 && do_the_rest(push, lead.push_report(), session, programs, reporter);
+  return complete && rest;
 }
 
 std::vector<std::string> paths_of(const LeadOptions& options) {
@@ -173,10 +215,45 @@ LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
   return options;
 }
 
-int push_tree(const LeadOptions& options, bool serving, const std::string& root) {
+// Why nothing may be removed on nodes, although it was asked for; null when it may.
+const char* why_no_mirror(const LeadOptions& options, const lead::FileTree& tree) {
+  if (!options.files_from.empty()) return "--delete: not with --files-from, which is a part of it";
+  if (tree.walked.empty()) return "--delete: none of the paths is a directory";
+  return nullptr;
+}
+
+QueuedPush queued_push(const LeadOptions& options, const std::string& root,
+                       const std::vector<std::string>& paths, lead::FileTree& tree,
+                       const std::optional<lead::FileTree>& whole) {
+  QueuedPush push{.name = name_of(options, paths),
+                  .root = std::filesystem::absolute(root).string(),
+                  .request = {}};
+  push.tree = push_tree(tree, whole, options.filter);
+  push.tree.only_list = options.dry_run;
+  push.request = push_request(options, tree);
+  if (options.durable) push.durable_seconds = options.durable_seconds;
+  return push;
+}
+
+// push --dry-run. Nodes are asked only for what --delete would remove.
+int preview_all(const LeadOptions& options, bool serving, const lead::FileTree& tree,
+                const QueuedPush& push, Reporter& reporter) {
+  const int status = preview(options, tree, reporter);
+  if (!push.tree.mirror) return status;
+  const bool listed =
+      serving ? push_through(options, push, reporter) : list_here(options, push, reporter);
+  return listed ? status : cli::kExitFailure;
+}
+
+int push_files(const LeadOptions& options, bool serving, const std::string& root) {
   const std::vector<std::string> paths = paths_of(options);
   if (paths.empty()) return usage_error("push: no PATH and no --files-from");
   lead::FileTree tree = lead::collect_files(root, paths);
+  if (const char* why = why_no_mirror(options, tree);
+      options.mirror && tree.problems.empty() && why)
+    return usage_error(why);
+  const bool mirror = options.mirror && tree.all_read;
+  const auto whole = mirror ? std::optional(tree) : std::nullopt;
   select(tree, options.filter);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
@@ -185,22 +262,20 @@ int push_tree(const LeadOptions& options, bool serving, const std::string& root)
   reporter.quiet = options.quiet;
   reporter.names = options.node_names;
   tell_left_out(tree, "left out: ");
-  if (options.dry_run) return preview(options, tree, reporter);
-  const lead::PushRequest request = push_request(options, tree);
+  if (options.mirror && !mirror)
+    reporter.error("--delete: nothing is removed, because a directory could not be read");
+  else if (mirror && !options.filter.exclude.empty())
+    reporter.say("--delete: names that --exclude leaves out stay on the nodes");
+  const lead::FileTree shown = options.dry_run ? tree : lead::FileTree();
+  const QueuedPush push = queued_push(options, root, paths, tree, whole);
+  if (options.dry_run) return preview_all(options, serving, shown, push, reporter);
   left_out_events(tree, reporter);
   const bool complete =
-      serving ? push_through(
-                    options,
-                    {.name = name_of(options, paths),
-                     .root = std::filesystem::absolute(root).string(),
-                     .request = request,
-                     .durable_seconds =
-                         options.durable ? std::optional(options.durable_seconds) : std::nullopt},
-                    reporter)
-              : push_here(options, request, reporter);
+      serving ? push_through(options, push, reporter) : push_here(options, push, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
-  return complete && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+  return complete && tree.left_out.empty() && mirror == options.mirror ? cli::kExitOk
+                                                                       : cli::kExitFailure;
 }
 
 }  // namespace
@@ -218,7 +293,7 @@ int push_command(const LeadOptions& given) {
   if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
     return usage_error(
         fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
-  return push_tree(options, serving.has_value(), location->second.path);
+  return push_files(options, serving.has_value(), location->second.path);
 }
 
 }  // namespace pkgdist::lead_program

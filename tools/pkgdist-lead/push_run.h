@@ -2,7 +2,6 @@
 // and what is told of it in the end.
 #pragma once
 
-#include "durability.h"
 #include "lead_options.h"
 #include "pkgdist_lead/directory_store.h"
 #include "push_view.h"
@@ -38,7 +37,7 @@ struct ServingLead {
 };
 std::optional<ServingLead> find_serving_lead(const LeadOptions& options);
 
-// True when every node has every file, on its disk if that was asked for.
+// True when every node has every file, and everything behind the files was done.
 bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter);
 
 }  // namespace pkgdist::lead_program

@@ -193,6 +193,7 @@ void Reporter::request_taken(lead::MessageId id, const Request& request, size_t 
 
 void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
                                lead::Delivery delivery) {
+  if (hides_message && hides_message(id)) return;
   const bool good = delivery == lead::Delivery::kAcknowledged;
   json_.print("message-outcome", Json{{"id", id},
                                       {"node", format_address(node.address)},
@@ -212,6 +213,7 @@ void Reporter::message_missed(const lead::NodeInfo& node, lead::MessageId id, le
 }
 
 void Reporter::message_finished(const lead::MessageReport& report) {
+  if (hides_message && hides_message(report.id)) return;
   const auto acknowledged = std::count_if(
       report.nodes.begin(), report.nodes.end(),
       [](const auto& node) { return node.delivery == lead::Delivery::kAcknowledged; });

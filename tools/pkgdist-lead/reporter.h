@@ -58,6 +58,8 @@ class Reporter : public lead::Events {
 
   // Hears every message of a node first; with true there is no report of it.
   std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
+  // What becomes of these messages of the lead is not reported.
+  std::function<bool(lead::MessageId)> hides_message;
   // Hears every message of a node, behind the report of it.
   std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;
 

@@ -31,7 +31,17 @@ struct FileTree {
   // Each once, sorted by name, links behind everything else: a node makes a file's directories, but
   // not a link's.
   std::vector<PushFile> files;
-  std::vector<std::string> directories;  // that these are in, below the root
+  // Below the root: that these are in, and those that were walked.
+  std::vector<std::string> directories;
+  // A directory that was walked because it, or one above it, is among the paths.
+  struct Walked {
+    std::string name;   // "." for the root
+    uint32_t mode = 0;  // permissions and the three bits above them
+    int64_t mtime = 0;  // seconds
+  };
+  std::vector<Walked> walked;         // sorted by name
+  std::vector<std::string> others;    // special files in them
+  bool all_read = true;               // each of them could be read
   std::vector<std::string> warnings;  // special files that were left out, times that do not travel
   // What cannot travel or be read, by name; the rest can be pushed without it.
   struct LeftOut {
