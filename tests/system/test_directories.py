@@ -53,6 +53,16 @@ class Directories(TreeTest):
         for node in self.net.nodes:
             self.assertEqual(self.of(node, "a/b"), (0o750, TIME + 9))
 
+    def test_a_tree_of_empty_directories_travels(self):
+        self.add_directory("only/empty/directories", 0o750)
+        self.add_directory("only/empty")
+        self.add_directory("only")
+        self.start_nodes()
+        self.push()
+        for node in self.net.nodes:
+            self.assertEqual(self.of(node, "only/empty/directories"), (0o750, TIME))
+            self.assertEqual(self.of(node, "only"), (0o755, TIME))
+
     def test_the_nodes_umask_and_set_id_bits_hold_for_directories(self):
         self.add_directory("shared", 0o2775)
         tree.add(self.content, "shared/file", 10)

@@ -59,7 +59,6 @@ void AfterPush::run(lead::Time now) {
 
 bool AfterPush::step_ended(lead::Time now) {
   if (step_ == Step::kIntroductions) {
-    if (push_.tree.directories.empty()) return true;
     std::vector<lead::NodeInfo> nodes;
     for (const Node& node : nodes_) nodes.push_back(node.info);
     return programs_.introduced(nodes, now);

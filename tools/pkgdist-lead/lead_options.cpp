@@ -224,7 +224,10 @@ void add_requests(CLI::App& app, LeadOptions& options) {
   add_location(*remove, options);
   remove->add_flag("-r,--recursive", options.recursive,
                    "delete directories with all that is in them");
-  remove->add_option("PATH", options.paths, "names relative to the storage location")->required();
+  remove
+      ->add_option("PATH", options.paths,
+                   "names relative to the storage location, without a slash before them")
+      ->required();
   remove->callback([o] { o->command = Command::kDelete; });
 }
 

@@ -17,8 +17,9 @@ constexpr size_t kMaxIntroductions = 8192;
 constexpr lead::Time kTellPatience = lead::kSecond;
 
 // How long after the begin of a push nodes are waited for to introduce themselves. It takes a node
-// milliseconds after the first ping; a program that does not do it is waited for once.
-constexpr lead::Time kIntroductionPatience = lead::kSecond;
+// milliseconds after the first ping, and half a second more when the message is lost. A program
+// that does not do it is waited for once.
+constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
 
 // A message is sent again for so many addresses of its list as one datagram has room for.
 constexpr size_t kFewNodes = 48;
@@ -69,6 +70,7 @@ bool NodePrograms::on_message(const lead::NodeInfo& node, uint32_t msg_class,
 void NodePrograms::on_introduction(const lead::NodeInfo& node, cli::Introduction introduction) {
   if (introductions_.size() >= kMaxIntroductions && !introductions_.contains(node.address)) return;
   reporter_.node_introduced(node, introduction);
+  if (on_host) on_host(node.address, introduction.host);
   check_location(node.address, introduction);
   introductions_[node.address] = std::move(introduction);
 }

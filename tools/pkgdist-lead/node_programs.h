@@ -48,6 +48,10 @@ class NodePrograms {
   // By address: what each said, without states for those that did not. The question is forgotten.
   std::map<uint32_t, cli::NodeAnswer> take_answers(uint32_t question);
 
+  // What the nodes' hosts are called, as far as they have said it, by address.
+  const std::map<uint32_t, std::string>& hosts() const { return reporter_.hosts(); }
+  // Hears of each that is told; may be null.
+  std::function<void(uint32_t node, const std::string& host)> on_host;
   // Hears of each node that a push goes on without; may be null.
   std::function<void(uint32_t node, uint32_t location)> on_location_missing;
   // Hears a message that is none of these; with true it is not reported either.

@@ -56,6 +56,10 @@ PushQueue::PushQueue(lead::Lead& lead, EventTee& events, NodePrograms& programs,
     return !waiting_.empty() && waiting_.front().after &&
            waiting_.front().after->on_message(node.address, msg_class, bytes);
   };
+  programs_.on_host = [this](uint32_t node, const std::string& host) {
+    if (!waiting_.empty() && waiting_.front().began_at != 0 && !waiting_.front().report)
+      waiting_.front().client->say({{"event", "host"}, {"node", node}, {"name", host}});
+  };
   programs_.on_location_missing = [this](uint32_t node, uint32_t location) {
     events_.location_missing(node, location);
   };
@@ -133,6 +137,8 @@ void PushQueue::begin(Entry& entry, lead::Time now) {
   programs_.push_begins(entry.push.request.location);
   events_.show_to(entry.client);
   entry.client->say({{"event", "begins"}, {"transaction", entry.transaction}});
+  for (const auto& [node, host] : programs_.hosts())
+    entry.client->say({{"event", "host"}, {"node", node}, {"name", host}});
 }
 
 void PushQueue::tell(Entry& entry, lead::Time now) {
@@ -185,7 +191,8 @@ void PushQueue::run(lead::Time now) {
   run_commands(now);
   while (!waiting_.empty() && waiting_.front().stopped && waiting_.front().began_at == 0) {
     say_end(waiting_.front(), {});
-    finish(waiting_, now);
+    remember(waiting_.front(), now);
+    finish(waiting_);
   }
   if (waiting_.empty()) return;
   Entry& entry = waiting_.front();
@@ -198,11 +205,14 @@ void PushQueue::run(lead::Time now) {
   }
   if (entry.after && !entry.stopped) {
     entry.after->run(now);
-    if (entry.after->waits_for_commands())
+    if (entry.after->waits_for_commands()) {
+      remember(entry, now);
       return commands_.splice(commands_.end(), waiting_, waiting_.begin());
+    }
     if (!entry.after->ended()) return;
   }
-  finish(waiting_, now);
+  if (!entry.push.tree.only_list) remember(entry, now);
+  finish(waiting_);
 }
 
 void PushQueue::run_commands(lead::Time now) {
@@ -213,14 +223,12 @@ void PushQueue::run_commands(lead::Time now) {
     if (entry->stopped || entry->after->ended()) ended.splice(ended.end(), commands_, entry);
     entry = next;
   }
-  while (!ended.empty()) finish(ended, now);
+  while (!ended.empty()) finish(ended);
 }
 
 // The first of them.
-void PushQueue::finish(std::list<Entry>& list, lead::Time now) {
-  Entry& entry = list.front();
-  entry.client->finish({{"event", "done"}});
-  if (!entry.push.tree.only_list) remember(entry, now);
+void PushQueue::finish(std::list<Entry>& list) {
+  list.front().client->finish({{"event", "done"}});
   list.pop_front();
 }
 

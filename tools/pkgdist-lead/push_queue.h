@@ -84,7 +84,7 @@ class PushQueue {
   void begin_after(Entry& entry, lead::PushReport report);
   void say_end(Entry& entry, const lead::Counters& counted);
   void run_commands(lead::Time now);
-  void finish(std::list<Entry>& list, lead::Time now);
+  static void finish(std::list<Entry>& list);
   void remember(const Entry& entry, lead::Time now);
 
   lead::Lead& lead_;

@@ -37,6 +37,11 @@ struct ServingLead {
 };
 std::optional<ServingLead> find_serving_lead(const LeadOptions& options);
 
+// In a lead of this process. True as below.
+bool push_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter);
+// push --delete --dry-run. True when every node has said what it has.
+bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter);
+
 // True when every node has every file, and everything behind the files was done.
 bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter);
 

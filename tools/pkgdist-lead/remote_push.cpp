@@ -111,6 +111,8 @@ bool RemotePush::take(const Json& line) {
     reporter_.push_queued(line.at("number"), line.at("before"));
   } else if (event == "begins") {
     transaction_ = line.at("transaction").get<uint32_t>();
+  } else if (event == "host") {
+    reporter_.set_host(line.at("node"), line.at("name"));
   } else if (event == "location-missing") {
     reporter_.location_missing(line.at("node"), line.at("location"));
   } else {

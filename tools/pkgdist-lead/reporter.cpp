@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 
@@ -55,8 +56,26 @@ std::string format_bytes(double bytes) {
 }
 
 std::string Reporter::label(uint32_t address) const {
-  const auto found = names.find(address);
-  return found == names.end() ? format_address(address) : found->second;
+  if (const auto found = names.find(address); found != names.end()) return found->second;
+  const auto host = hosts_.find(address);
+  const bool single = host != hosts_.end() && host_counts_.at(host->second) == 1;
+  return single ? host->second : format_address(address);
+}
+
+void Reporter::set_host(uint32_t address, const std::string& host) {
+  constexpr size_t kMaxHosts = 8192, kMaxName = 64;
+  const auto is_good = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '.' || c == '_';
+  };
+  if (host.empty() || host == "localhost" || host.size() > kMaxName ||
+      !std::all_of(host.begin(), host.end(), is_good))
+    return;
+  if (hosts_.size() >= kMaxHosts && !hosts_.contains(address)) return;
+  std::string& known = hosts_[address];
+  if (known == host) return;
+  if (!known.empty()) --host_counts_[known];
+  known = host;
+  ++host_counts_[host];
 }
 
 // Numbers in names and addresses by their value: node9 before node10.
@@ -244,6 +263,7 @@ void Reporter::node_introduced(const lead::NodeInfo& node, const cli::Introducti
             ? fmt::format(" ({} free)", format_bytes(static_cast<double>(*place.free_bytes)))
             : std::string());
   }
+  set_host(node.address, introduction.host);
   json_.print("node-introduced", Json{{"node", format_address(node.address)},
                                       {"name", introduction.host},
                                       {"version", introduction.version},

@@ -23,8 +23,12 @@ class Reporter : public lead::Events {
   bool quiet = false;
   // What nodes are called, by address. Scripts are told addresses.
   std::map<uint32_t, std::string> names;
-  // The name of a node; its address when it has none.
+  // The name of a node: the one given, else that of its host, if no other node has the same; its
+  // address when it has none.
   std::string label(uint32_t address) const;
+  // A node's host is called so. Names that are none of a host are passed over.
+  void set_host(uint32_t address, const std::string& host);
+  const std::map<uint32_t, std::string>& hosts() const { return hosts_; }
   void sort_by_name(std::vector<lead::PushNodeReport>& nodes) const;
 
   // A line for people, on standard output; nothing with JSON.
@@ -85,6 +89,8 @@ class Reporter : public lead::Events {
 
   cli::JsonEvents json_;
   int verbosity_;
+  std::map<uint32_t, std::string> hosts_;      // of those that have introduced themselves
+  std::map<std::string, size_t> host_counts_;  // nodes of this name
 };
 
 // "12.3 MB", "94.1 Mbit/s", "3 min 20 s", "1/2/3" and the like.

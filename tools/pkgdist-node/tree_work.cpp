@@ -23,6 +23,9 @@ using cli::Fd;
 using cli::NodeAnswer;
 
 constexpr char kOtherFileSystem[] = "another file system is mounted there";
+// A location with this directory holds releases (docs/releases.md), which no push may take for
+// leftovers.
+constexpr char kReleases[] = ".pkgdist";
 constexpr char kNoName[] = "not a name";
 constexpr char kStopped[] = "the node was stopped";  // it has two seconds to end
 constexpr char kBeingReceived[] = "it is being received";
@@ -118,6 +121,10 @@ class Lister {
     const Fd directory = open_directory_beneath(top, known.directory, O_RDONLY);
     if (!directory) {
       if (errno != ENOENT) problem(known.directory, error_text(errno));
+      return;
+    }
+    if (known.directory == "." && ::faccessat(top, kReleases, F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+      (void)problem(".", "releases are installed there");
       return;
     }
     const std::unordered_set<std::string> names(known.names.begin(), known.names.end());

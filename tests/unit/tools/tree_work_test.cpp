@@ -137,6 +137,14 @@ TEST_F(TreeWork, too_many_names_are_a_problem_and_not_a_part_of_the_truth) {
   }
 }
 
+TEST_F(TreeWork, a_location_of_releases_is_not_listed) {
+  write(".pkgdist/releases/base/file");
+  write("d/other");
+  EXPECT_TRUE(other_names({{".", "", "", {}}}).empty());
+  EXPECT_EQ(answer_.problems.size(), 1u);
+  EXPECT_EQ(other_names({{"d", "", "", {}}}), (Names{"d/other"}));
+}
+
 TEST_F(TreeWork, names_are_removed_with_what_is_in_them_and_links_as_links) {
   write("old/deep/file");
   write("file");
