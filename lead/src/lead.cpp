@@ -20,7 +20,7 @@ const char* request_problem(const PushRequest& request) {
     return "the file type is not 1 to 11";
   if (request.priority < PKGDIST_PRIORITY_FIRST || request.priority > PKGDIST_PRIORITY_LAST)
     return "the priority is not 1 to 4";
-  if (request.files.empty()) return "there is no file to push";
+  if (request.files.empty() && request.directories.empty()) return "there is no file to push";
   for (const PushFile& file : request.files)
     if (const char* problem = name_problem(file.name)) return problem;
   for (const std::string& name : request.directories)

@@ -87,3 +87,10 @@ class CancelAndDelete(SystemTest):
         status, events, error = serving.request("delete", "../etc/passwd")
         self.assertEqual((status, events[-1]["event"]), (3, "error"))
         self.assertIn("../etc/passwd", error)
+
+    def test_a_name_with_a_slash_before_it_is_refused_with_the_rule(self):
+        serving = BackgroundLead(self, "serve")
+        serving.wait_for("role")
+        status, _, error = serving.request("delete", "/etc/passwd")
+        self.assertEqual(status, 2)
+        self.assertIn("names are relative to the storage location", error)

@@ -19,6 +19,8 @@ class Permissions(SystemTest):
         for name, mode in MODES.items():
             tree.add(self.content, f"new/directory/{name}", 100)
             os.chmod(os.path.join(self.content, "new", "directory", name), mode)
+        for name in ("new", "new/directory"):
+            os.chmod(os.path.join(self.content, name), 0o777)
 
     def received_with(self, *options):
         """Modes of the received files, and of the directories above them."""

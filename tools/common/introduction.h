@@ -3,15 +3,32 @@
 //
 // Each is one line, "pkgdist-KIND 1 " and a JSON object; strings that need not be UTF-8 are in
 // base64:
-//   introduction  {"pid":7,"host":"web-3","version":"0.1.0","answers":true,
-//                  "locations":[{"location":1,"memory":false,"free":123456}]}
-//                 of a node to each lead that it begins to follow; "answers": it answers questions
+//   introduction  {"pid":7,"host":"web-3","version":"0.1.0","answers":true,"trees":true,
+//                  "locations":[{"location":1,"memory":false,"free":123456}],
+//                  "complete_seconds":300}
+//                 of a node to each lead that it begins to follow; "answers": it answers questions,
+//                 "trees": also directories and list; "complete_seconds": it has a command for the
+//                 end of a push, which may take so long
 //   question      {"number":3,"files":{"location":1,"names":[...]}}     what stands there?
-//                 {"number":4,"remove":{"location":1,"names":[...]}}    remove directories, too
+//                 {"number":4,"remove":{"location":1,"names":[...]}}    remove directories, too;
+//                              with "files":true files as well
 //                 {"number":5,"transaction":2147483655}                 is it under way?
+//                 {"number":6,"directories":{"location":1,"entries":[[NAME,MODE,MTIME],...]}}
+//                              make them, give them mode and time; directories inside come first
+//                 {"number":7,"list":{"location":1,"deep":false,"known":
+//                              [{"directory":NAME,"after":NAME,"until":NAME,"names":[...]},...]}}
+//                              which other names are there, behind "after" and not behind "until"?
+//                              "." is the location; "deep": with all that is in other directories
+//                 {"number":8,"complete":{"location":1,"transaction":2147483655,"status":0}}
+//                              a push has ended; status 0: you have every file of it
 //   answer        {"number":3,"states":["file","directory","absent",...]}
 //                 {"number":4,"states":["absent",...]}    what stands there now
 //                 {"number":5,"states":["open"]}          or "unknown"
+//                 {"number":6,"states":["done"],"problems":[[NAME,TEXT],...]}
+//                 {"number":7,"states":["done"],"names":[[NAME,"directory"],...],"problems":[...],
+//                  "piece":0,"pieces":3}                  pieces come in any order
+//                 {"number":8,"states":["done"]}          when the command has ended, or why it
+//                                                         has failed, in words
 //   unset         {"location":3}    of a lead: it pushes to a location that the node has not set
 // A program that does not know them takes them for messages like any other.
 #pragma once
@@ -39,23 +56,59 @@ struct Introduction {
   std::string host;
   std::string version;
   bool answers = false;
+  bool trees = false;
+  std::optional<double> complete_seconds;
   std::vector<Place> places;
 
-  bool has(uint32_t location) const;
+  // Null: not set there.
+  const Place* place(uint32_t location) const;
+  bool has(uint32_t location) const { return place(location) != nullptr; }
+};
+
+// A directory of a tree that is pushed.
+struct TreeDirectory {
+  std::string name;   // relative to the location, "." for the location itself
+  uint32_t mode = 0;  // permissions and the three bits above them
+  int64_t mtime = 0;  // seconds
+  bool operator==(const TreeDirectory&) const = default;
+};
+
+// The names that the lead has in a directory: those behind `after` and not behind `until`, in the
+// order of their bytes. Empty: from the first, to the last.
+struct KnownNames {
+  std::string directory;
+  std::string after, until;
+  std::vector<std::string> names;  // within the directory
+  bool operator==(const KnownNames&) const = default;
 };
 
 struct NodeQuestion {
-  enum class Kind : uint8_t { kFiles, kRemove, kTransaction };
+  enum class Kind : uint8_t { kFiles, kRemove, kTransaction, kDirectories, kList, kComplete };
   uint32_t number = 0;
   Kind kind = Kind::kFiles;
-  uint32_t location = 0;           // of kFiles and kRemove
-  std::vector<std::string> names;  // the same
-  uint32_t transaction = 0;
+  uint32_t location = 0;                   // of all but kTransaction
+  std::vector<std::string> names;          // of kFiles and kRemove
+  bool files_too = false;                  // of kRemove
+  uint32_t transaction = 0;                // of kTransaction and kComplete
+  uint32_t status = 0;                     // of kComplete
+  std::vector<TreeDirectory> directories;  // of kDirectories
+  std::vector<KnownNames> known;           // of kList
+  bool deep = false;                       // the same
+};
+
+struct NamedText {
+  std::string name;
+  std::string text;
+  bool operator==(const NamedText&) const = default;
 };
 
 struct NodeAnswer {
   uint32_t number = 0;
-  std::vector<std::string> states;  // one for each name, or one
+  std::vector<std::string> states = {};  // one for each name, or one
+  std::vector<NamedText> names = {};     // of kList, with what they are
+  std::vector<NamedText> problems = {};  // what could not be done, and why
+  uint32_t piece = 0;
+  uint32_t pieces = 1;
 };
 
 // States of names in answers. What else is said is an error in words.
@@ -63,9 +116,14 @@ inline constexpr const char* kStateFile = "file";
 inline constexpr const char* kStateDirectory = "directory";
 inline constexpr const char* kStateAbsent = "absent";
 inline constexpr const char* kStateNoLocation = "no such location";
+// Of whole questions.
+inline constexpr const char* kStateDone = "done";
 // And of transactions.
 inline constexpr const char* kStateOpen = "open";
 inline constexpr const char* kStateUnknown = "unknown";
+
+// "files", "remove" and so on, as in the question.
+const char* subject_text(NodeQuestion::Kind kind);
 
 std::string introduction_text(const Introduction& introduction);
 std::string question_text(const NodeQuestion& question);

@@ -1,5 +1,6 @@
 #include "message_runner.h"
 
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
 #include <spawn.h>
@@ -16,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -45,10 +47,12 @@ class Descriptor {
 struct Message {
   std::string bytes;
   MessageRunner::Environment environment;
+  std::string variable;  // names the file with the bytes; empty: they are the standard input
+  MessageRunner::OnEnd on_end;
 };
 
-// Fills a file in memory, to be read from its start. False when there is no room for it.
-bool fill(int file, const std::string& bytes) {
+// Fills a file, to be read from its start. False when there is no room for it.
+bool fill(int file, std::string_view bytes) {
   for (size_t written = 0; written < bytes.size();) {
     const ssize_t some = ::write(file, bytes.data() + written, bytes.size() - written);
     if (some <= 0) return false;
@@ -56,6 +60,31 @@ bool fill(int file, const std::string& bytes) {
   }
   return ::lseek(file, 0, SEEK_SET) == 0;
 }
+
+// A file with a name, for one command.
+class NamedFile {
+ public:
+  // 0, or an errno value.
+  int make(std::string_view bytes) {
+    std::error_code error;
+    path_ = std::filesystem::temp_directory_path(error).string() + "/pkgdist-XXXXXX";
+    if (error) return error.value();
+    const Descriptor file(::mkostemp(path_.data(), O_CLOEXEC));
+    made_ = file.get() >= 0;
+    return made_ && fill(file.get(), bytes) ? 0 : errno;
+  }
+  ~NamedFile() {
+    if (made_) (void)::unlink(path_.c_str());
+  }
+  NamedFile() = default;
+  NamedFile(const NamedFile&) = delete;
+  NamedFile& operator=(const NamedFile&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  bool made_ = false;
+};
 
 // "NAME=value", those of this program first unless the message has the name too.
 std::vector<std::string> environment_of(const Message& message) {
@@ -125,19 +154,26 @@ class MessageRunner::Impl {
       report_(fmt::format("{} messages were not handed to '{}'", queue_.size(), options_.command));
   }
 
-  void add(std::string_view bytes, Environment environment) {
-    if (options_.command.empty() || take(bytes, environment)) return;
-    report_(fmt::format("too many messages wait for '{}': one is dropped", options_.command));
+  void add(std::string_view bytes, Message message) {
+    if (options_.command.empty() || take(bytes, message)) return;
+    report(message,
+           fmt::format("too many messages wait for '{}': one is dropped", options_.command));
   }
 
  private:
-  bool take(std::string_view bytes, Environment& environment) {
+  bool take(std::string_view bytes, Message& message) {
     const std::lock_guard lock(mutex_);
     if (bytes.size() > kMaxQueuedBytes - queued_bytes_) return false;
     queued_bytes_ += bytes.size();
-    queue_.push_back({std::string(bytes), std::move(environment)});
+    message.bytes = bytes;
+    queue_.push_back(std::move(message));
     wake();
     return true;
+  }
+
+  void report(const Message& message, const std::string& failure) const {
+    report_(failure);
+    if (message.on_end) message.on_end(failure);
   }
 
   void wake() {
@@ -164,7 +200,7 @@ class MessageRunner::Impl {
   void run() {
     (void)pthread_setname_np(pthread_self(), "MESSAGES");
     while (!ended()) {
-      if (const std::optional<Message> message = next())
+      if (std::optional<Message> message = next())
         run_for(*message);
       else
         wait(-1, -1);
@@ -180,25 +216,31 @@ class MessageRunner::Impl {
     if (fds[1].revents != 0) (void)!::read(wake_.get(), &count, sizeof count);
   }
 
-  void run_for(const Message& message) {
+  void run_for(Message& message) {
     const Descriptor input(::memfd_create("pkgdist-message", MFD_CLOEXEC));
+    NamedFile file;
     pid_t child = 0;
-    int error = input.get() >= 0 && fill(input.get(), message.bytes) ? 0 : errno;
+    const bool named = !message.variable.empty();
+    int error = input.get() >= 0 && fill(input.get(), named ? "" : message.bytes) ? 0 : errno;
+    if (error == 0 && named) {
+      error = file.make(message.bytes);
+      message.environment.emplace_back(message.variable, file.path());
+    }
     if (error == 0) error = spawn_shell(options_.command, message, input.get(), child);
     if (error != 0)
-      return report_(
-          fmt::format("'{}' could not be started: {}", options_.command, std::strerror(error)));
-    await(child);
+      return report(message, fmt::format("'{}' could not be started: {}", options_.command,
+                                         std::strerror(error)));
+    await(child, message);
   }
 
-  void await(pid_t child) {
+  void await(pid_t child, const Message& message) {
     constexpr int kLookMs = 20;  // where the system has no descriptors of processes
     const Descriptor end(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
     auto deadline = Clock::now() + seconds(options_.limit_seconds);
     int ends_sent = 0;
     for (;;) {
       int status = 0;
-      if (::waitpid(child, &status, WNOHANG) != 0) return tell(status, ends_sent != 0);
+      if (::waitpid(child, &status, WNOHANG) != 0) return tell(message, status, ends_sent != 0);
       if (ended()) return leave(child);
       if (Clock::now() >= deadline) {
         ::kill(-child, ends_sent++ == 0 ? SIGTERM : SIGKILL);
@@ -215,14 +257,18 @@ class MessageRunner::Impl {
     report_(fmt::format("'{}' still runs: it is told to end (SIGTERM)", options_.command));
   }
 
-  void tell(int status, bool too_long) {
+  void tell(const Message& message, int status, bool too_long) {
     if (too_long)
-      report_(fmt::format("'{}' was ended: it took longer than {} s (--message-timeout)",
-                          options_.command, options_.limit_seconds));
+      report(message, fmt::format("'{}' was ended: it took longer than {} s ({})", options_.command,
+                                  options_.limit_seconds, options_.limit_option));
     else if (WIFSIGNALED(status))
-      report_(fmt::format("'{}' was ended by {}", options_.command, signal_name(WTERMSIG(status))));
+      report(message,
+             fmt::format("'{}' was ended by {}", options_.command, signal_name(WTERMSIG(status))));
     else if (WEXITSTATUS(status) != 0)
-      report_(fmt::format("'{}' ended with exit status {}", options_.command, WEXITSTATUS(status)));
+      report(message,
+             fmt::format("'{}' ended with exit status {}", options_.command, WEXITSTATUS(status)));
+    else if (message.on_end)
+      message.on_end("");
   }
 
   static Clock::duration seconds(double value) {
@@ -239,13 +285,25 @@ class MessageRunner::Impl {
   std::thread thread_;
 };
 
-void add_runner_options(CLI::App& command, RunnerOptions& options, const std::string& help) {
-  command.add_option("--on-message", options.command, help)->type_name("COMMAND");
-  command
-      .add_option("--message-timeout", options.limit_seconds,
-                  "how long the command of --on-message may take for one message")
+namespace {
+
+void add_limit(CLI::App& command, RunnerOptions& options, const std::string& help) {
+  command.add_option(options.limit_option, options.limit_seconds, help)
       ->type_name("SECONDS [300]")
       ->check(CLI::Range(0.1, 1e6));
+}
+
+}  // namespace
+
+void add_runner_options(CLI::App& command, RunnerOptions& options, const std::string& help) {
+  command.add_option("--on-message", options.command, help)->type_name("COMMAND");
+  add_limit(command, options, "how long the command of --on-message may take for one message");
+}
+
+void add_completion_options(CLI::App& command, RunnerOptions& options, const std::string& help) {
+  options.limit_option = "--complete-timeout";
+  command.add_option("--on-complete", options.command, help)->type_name("COMMAND");
+  add_limit(command, options, "how long the command of --on-complete may take for one push");
 }
 
 MessageRunner::MessageRunner(RunnerOptions options, Report report)
@@ -254,7 +312,16 @@ MessageRunner::MessageRunner(RunnerOptions options, Report report)
 MessageRunner::~MessageRunner() = default;
 
 void MessageRunner::add(std::string_view bytes, Environment environment) {
-  impl_->add(bytes, std::move(environment));
+  impl_->add(bytes,
+             {.bytes = {}, .environment = std::move(environment), .variable = {}, .on_end = {}});
+}
+
+void MessageRunner::add_file(std::string_view bytes, Environment environment,
+                             const std::string& variable, OnEnd on_end) {
+  impl_->add(bytes, {.bytes = {},
+                     .environment = std::move(environment),
+                     .variable = variable,
+                     .on_end = std::move(on_end)});
 }
 
 }  // namespace pkgdist::cli

@@ -1,6 +1,6 @@
-// --on-message: runs a shell command for each message, one after the other, on a thread of its own,
-// so that neither a lead nor a node ever waits for a command. The message is the command's standard
-// input, by a file in memory.
+// --on-message and --on-complete: runs a shell command for each message or push, one after the
+// other, on a thread of its own, so that neither a lead nor a node ever waits for a command. The
+// message is the command's standard input, by a file in memory.
 //
 // A command that fails is reported, with its exit status or signal. One that takes longer than the
 // time limit is ended with all processes of its group: SIGTERM, and SIGKILL after kKillSeconds.
@@ -20,10 +20,13 @@ namespace pkgdist::cli {
 struct RunnerOptions {
   std::string command;  // empty: messages are not handed to anything
   double limit_seconds = 300;
+  std::string limit_option = "--message-timeout";
 };
 
 // Adds --on-message and --message-timeout. `help` says what the command gets.
 void add_runner_options(CLI::App& command, RunnerOptions& options, const std::string& help);
+// Adds --on-complete and --complete-timeout.
+void add_completion_options(CLI::App& command, RunnerOptions& options, const std::string& help);
 
 class MessageRunner {
  public:
@@ -44,8 +47,16 @@ class MessageRunner {
   MessageRunner(const MessageRunner&) = delete;
   MessageRunner& operator=(const MessageRunner&) = delete;
 
+  // Hears how a command ended: empty when its exit status was 0, else what the report says. Not
+  // called for what the end of this object drops.
+  using OnEnd = std::function<void(const std::string& failure)>;
+
   // The message is copied only when it finds room: it may have any size.
   void add(std::string_view bytes, Environment environment);
+  // The bytes are in a file instead, which goes when the command has ended; `variable` of its
+  // environment has the path.
+  void add_file(std::string_view bytes, Environment environment, const std::string& variable,
+                OnEnd on_end);
 
  private:
   class Impl;

@@ -78,6 +78,7 @@ void decode_delete(const Json& object, Request& request) {
   for (const Json& entry : names) {
     const std::vector<uint8_t> bytes = cli::decode_base64(text(entry, "names"));
     const std::string& name = request.names.emplace_back(bytes.begin(), bytes.end());
+    if (name.starts_with('/')) refuse(slash_problem(name));
     if (const char* problem = lead::name_problem(name))
       refuse(fmt::format("'{}' cannot be deleted: {}", name, problem));
     constexpr size_t kOverhead = 2;
@@ -139,6 +140,10 @@ Request decode_request(const std::string& line) {
     refuse("no such command");
   }
   return request;
+}
+
+std::string slash_problem(const std::string& name) {
+  return fmt::format("'{}' begins with a slash: names are relative to the storage location", name);
 }
 
 const char* kind_text(lead::MessageKind kind) {

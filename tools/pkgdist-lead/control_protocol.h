@@ -58,4 +58,7 @@ const char* kind_text(lead::MessageKind kind);
 // Why a node counts as it does, in words.
 const char* delivery_text(lead::Delivery delivery);
 
+// Why a name with a slash before it is refused.
+std::string slash_problem(const std::string& name);
+
 }  // namespace pkgdist::lead_program

@@ -75,7 +75,9 @@ void ControlRequest::advance(lead::Time now) {
     return;
   }
   if (!programs_.answered(question_, now)) return;
-  States answers = programs_.take_answers(question_);
+  States answers;
+  for (auto& [node, answer] : programs_.take_answers(question_))
+    answers[node] = std::move(answer.states);
   if (step_ == Step::kAsking) {
     before_ = std::move(answers);
     on_asked(now);

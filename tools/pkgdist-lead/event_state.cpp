@@ -45,6 +45,7 @@ bool EventState::add(const std::string& line) {
     state_ = {};
     places_.clear();
     heard_.clear();
+    names_.clear();
     finished_ = false;
   } else if (name == "push-started") {
     state_.transaction = static_cast<uint32_t>(count(event, "transaction"));
@@ -58,6 +59,8 @@ bool EventState::add(const std::string& line) {
   } else if (name == "push-finished") {
     add_summary(event);
     return true;
+  } else if (name == "node-introduced") {
+    name_node(node(event), text(event, "name"));
   } else if (name.starts_with("node-")) {
     NodeState& one = node(event);
     one.silent = name == "node-silent";
@@ -68,6 +71,15 @@ bool EventState::add(const std::string& line) {
     last_ = text(event, "text");
   }
   return false;
+}
+
+// Nodes of one name are called by their addresses.
+void EventState::name_node(NodeState& node, const std::string& name) {
+  if (node.name == name) return;
+  node.name = names_.insert(name).second ? name : "";
+  if (!node.name.empty()) return;
+  for (NodeState& one : state_.nodes)
+    if (one.name == name) one.name.clear();
 }
 
 void EventState::add_progress(const Json& event) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <unordered_map>
 
@@ -24,6 +25,7 @@ class EventState {
 
  private:
   NodeState& node(const nlohmann::json& event);
+  void name_node(NodeState& node, const std::string& name);
   void add_progress(const nlohmann::json& event);
   void add_whole(const nlohmann::json& event);
   void add_summary(const nlohmann::json& event);
@@ -32,6 +34,7 @@ class EventState {
   std::unordered_map<uint32_t, size_t> places_;  // by address
   // When nodes were heard last, by address: they are not told of again while nothing is new.
   std::unordered_map<uint32_t, double> heard_;
+  std::set<std::string> names_;  // of nodes
   double time_ = 0;
   bool finished_ = false;
   std::string last_;

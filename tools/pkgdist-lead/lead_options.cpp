@@ -93,7 +93,12 @@ void add_selection(CLI::App& push, LeadOptions& options) {
   push.add_option("--files-from", options.files_from,
                   "also the paths in this file, one in a line; - for standard input")
       ->type_name("FILE");
-  push.add_flag("--dry-run", options.dry_run, "send nothing, tell what would travel; -v names it");
+  push.add_flag("--delete", options.mirror,
+                "when a node has everything, remove there what the lead does not have in the "
+                "directories of the push; what --exclude leaves out stays");
+  push.add_flag("--dry-run", options.dry_run,
+                "send nothing, tell what would travel, and with --delete what would be removed; -v "
+                "names it");
   push.add_flag("--quiet", options.quiet, "tell nothing but what went wrong");
   push.add_option("PATH", options.paths, "files or directories below the location's root");
 }
@@ -218,7 +223,10 @@ void add_requests(CLI::App& app, LeadOptions& options) {
   add_location(*remove, options);
   remove->add_flag("-r,--recursive", options.recursive,
                    "delete directories with all that is in them");
-  remove->add_option("PATH", options.paths, "names relative to the storage location")->required();
+  remove
+      ->add_option("PATH", options.paths,
+                   "names relative to the storage location, without a slash before them")
+      ->required();
   remove->callback([o] { o->command = Command::kDelete; });
 }
 

@@ -55,6 +55,7 @@ struct LeadOptions {
   std::string files_from;          // a file with more of them, empty: none
   NameFilter filter;
   bool dry_run = false;
+  bool mirror = false;  // what the lead does not have goes
   bool quiet = false;
 
   // serve

@@ -1,7 +1,9 @@
 #include "node_programs.h"
 
 #include <algorithm>
+#include <iterator>
 
+#include "pkgdist_lead/udp_transport.h"
 #include "status_text.h"
 
 namespace pkgdist::lead_program {
@@ -14,6 +16,20 @@ constexpr size_t kMaxIntroductions = 8192;
 // How long a push that has ended waits for nodes to hear why.
 constexpr lead::Time kTellPatience = lead::kSecond;
 
+// How long after the begin of a push nodes are waited for to introduce themselves. It takes a node
+// milliseconds after the first ping, and half a second more when the message is lost. A program
+// that does not do it is waited for once.
+constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
+
+// A message is sent again for so many addresses of its list as one datagram has room for.
+constexpr size_t kFewNodes = 48;
+
+// Messages of questions that are remembered: the lead may still tell what became of them.
+constexpr size_t kMaxAsking = 4096;
+
+// Names that a node may list in answer to one question.
+constexpr size_t kMaxListed = 200'000;
+
 std::vector<uint8_t> bytes_of(const std::string& text) {
   return {text.begin(), text.end()};
 }
@@ -22,6 +38,7 @@ std::vector<uint8_t> bytes_of(const std::string& text) {
 
 NodePrograms::NodePrograms(lead::Lead& lead, Reporter& reporter)
     : lead_(lead), reporter_(reporter) {
+  reporter_.hides_message = [this](lead::MessageId id) { return asking_.contains(id); };
   reporter_.takes_message = [this](const lead::NodeInfo& node, uint32_t msg_class,
                                    std::span<const uint8_t> bytes) {
     return on_message(node, msg_class, bytes) ||
@@ -31,6 +48,7 @@ NodePrograms::NodePrograms(lead::Lead& lead, Reporter& reporter)
 
 NodePrograms::~NodePrograms() {
   reporter_.takes_message = nullptr;
+  reporter_.hides_message = nullptr;
 }
 
 bool NodePrograms::on_message(const lead::NodeInfo& node, uint32_t msg_class,
@@ -52,6 +70,7 @@ bool NodePrograms::on_message(const lead::NodeInfo& node, uint32_t msg_class,
 void NodePrograms::on_introduction(const lead::NodeInfo& node, cli::Introduction introduction) {
   if (introductions_.size() >= kMaxIntroductions && !introductions_.contains(node.address)) return;
   reporter_.node_introduced(node, introduction);
+  if (on_host) on_host(node.address, introduction.host);
   check_location(node.address, introduction);
   introductions_[node.address] = std::move(introduction);
 }
@@ -63,6 +82,18 @@ const cli::Introduction* NodePrograms::find(const lead::NodeInfo& node) const {
   return found != introductions_.end() && found->second.pid == node.pid ? &found->second : nullptr;
 }
 
+bool NodePrograms::introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now) {
+  const auto owes = [&](const lead::NodeInfo& node) {
+    const auto waited = waited_for_.find(node.address);
+    return find(node) == nullptr && (waited == waited_for_.end() || waited->second != node.pid);
+  };
+  if (std::none_of(nodes.begin(), nodes.end(), owes)) return true;
+  if (lead::elapsed(now, listening_since_) < kIntroductionPatience) return false;
+  for (const lead::NodeInfo& node : nodes)
+    if (owes(node) && waited_for_.size() < kMaxIntroductions) waited_for_[node.address] = node.pid;
+  return true;
+}
+
 void NodePrograms::check_location(uint32_t node, const cli::Introduction& introduction) {
   without_location_.erase(node);
   if (push_location_ != 0 && !introduction.has(push_location_)) without_location_.insert(node);
@@ -70,6 +101,7 @@ void NodePrograms::check_location(uint32_t node, const cli::Introduction& introd
 
 void NodePrograms::push_begins(uint32_t location) {
   push_location_ = location;
+  listening_since_ = lead::monotonic_now();
   without_location_.clear();
   told_.clear();
   for (const lead::Lead::NodeView& node : lead_.nodes())
@@ -100,6 +132,13 @@ bool NodePrograms::busy(lead::Time now) const {
 
 // --- Questions ---
 
+// Everyone, when that is the same and the list would be long.
+lead::Audience NodePrograms::audience_of(std::vector<uint32_t> nodes) const {
+  if (nodes.size() > kFewNodes && nodes.size() == lead_.node_counts().heard)
+    return lead::Audience::everyone();
+  return lead::Audience::only(std::move(nodes));
+}
+
 uint32_t NodePrograms::ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes,
                            lead::Time now, lead::Time limit) {
   std::vector<uint32_t> asked;
@@ -108,26 +147,44 @@ uint32_t NodePrograms::ask(cli::NodeQuestion question, const std::vector<lead::N
     const cli::Introduction* introduction = find(node);
     if (introduction == nullptr || !introduction->answers) continue;
     asked.push_back(node.address);
-    entry.answers[node.address];
+    (void)entry.answers[node.address];
   }
   if (asked.empty()) return 0;
   question.number = ++next_question_;
   entry.waiting = asked.size();
+  entry.limit = limit;
   entry.deadline = now + limit;
-  if (lead_.send_message(cli::kProgramClass, bytes_of(cli::question_text(question)),
-                         lead::Audience::only(std::move(asked)), now, limit) == 0)
-    return 0;
+  const lead::MessageId id =
+      lead_.send_message(cli::kProgramClass, bytes_of(cli::question_text(question)),
+                         audience_of(std::move(asked)), now, limit);
+  if (id == 0) return 0;
+  asking_.insert(id);
+  if (asking_.size() > kMaxAsking) asking_.erase(asking_.begin());
   questions_[question.number] = std::move(entry);
   return question.number;
 }
 
+// A piece shows that the node is at work: the others have the time of a whole answer again.
 void NodePrograms::on_answer(uint32_t node, cli::NodeAnswer answer) {
   const auto question = questions_.find(answer.number);
   if (question == questions_.end()) return;
   const auto found = question->second.answers.find(node);
-  if (found == question->second.answers.end() || !found->second.empty() || answer.states.empty())
+  if (found == question->second.answers.end() || !found->second.said.states.empty() ||
+      answer.states.empty() || answer.piece >= answer.pieces)
     return;
-  found->second = std::move(answer.states);
+  auto& [said, pieces] = found->second;
+  if (!pieces.insert(answer.piece).second) return;
+  question->second.deadline =
+      std::max(question->second.deadline, lead::monotonic_now() + question->second.limit);
+  const auto append = [](auto& to, auto& from) {
+    const size_t room = kMaxListed - std::min(kMaxListed, to.size());
+    std::move(from.begin(), from.begin() + static_cast<ptrdiff_t>(std::min(room, from.size())),
+              std::back_inserter(to));
+  };
+  append(said.names, answer.names);
+  append(said.problems, answer.problems);
+  if (pieces.size() < answer.pieces) return;
+  said.states = std::move(answer.states);
   --question->second.waiting;
 }
 
@@ -136,10 +193,12 @@ bool NodePrograms::answered(uint32_t question, lead::Time now) const {
   return found == questions_.end() || found->second.waiting == 0 || now >= found->second.deadline;
 }
 
-std::map<uint32_t, std::vector<std::string>> NodePrograms::take_answers(uint32_t question) {
+std::map<uint32_t, cli::NodeAnswer> NodePrograms::take_answers(uint32_t question) {
   auto taken = questions_.extract(question);
-  if (taken.empty()) return {};
-  return std::move(taken.mapped().answers);
+  std::map<uint32_t, cli::NodeAnswer> answers;
+  if (!taken.empty())
+    for (auto& [node, answer] : taken.mapped().answers) answers[node] = std::move(answer.said);
+  return answers;
 }
 
 }  // namespace pkgdist::lead_program

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -36,39 +37,55 @@ class NodePrograms {
   // A node has not confirmed yet what it was told; for a moment.
   bool busy(lead::Time now) const;
 
+  // Every node of a list has introduced itself, or will not: so long after the push began.
+  bool introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
+
   // Asks those of the nodes that answer questions. The number of the question; 0: nobody is asked.
   uint32_t ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes, lead::Time now,
                lead::Time limit);
   // All that were asked have answered, or their time is over.
   bool answered(uint32_t question, lead::Time now) const;
-  // By address: what each said, empty for those that did not. The question is forgotten.
-  std::map<uint32_t, std::vector<std::string>> take_answers(uint32_t question);
+  // By address: what each said, without states for those that did not. The question is forgotten.
+  std::map<uint32_t, cli::NodeAnswer> take_answers(uint32_t question);
 
+  // What the nodes' hosts are called, as far as they have said it, by address.
+  const std::map<uint32_t, std::string>& hosts() const { return reporter_.hosts(); }
+  // Hears of each that is told; may be null.
+  std::function<void(uint32_t node, const std::string& host)> on_host;
   // Hears of each node that a push goes on without; may be null.
   std::function<void(uint32_t node, uint32_t location)> on_location_missing;
   // Hears a message that is none of these; with true it is not reported either.
   std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
 
  private:
+  struct Answer {
+    cli::NodeAnswer said;            // without states until it is whole
+    std::set<uint32_t> pieces = {};  // that have come
+  };
   struct Question {
-    std::map<uint32_t, std::vector<std::string>> answers;
+    std::map<uint32_t, Answer> answers;
     size_t waiting = 0;
+    lead::Time limit = 0;
     lead::Time deadline = 0;
   };
   bool on_message(const lead::NodeInfo& node, uint32_t msg_class, std::span<const uint8_t> bytes);
   void on_introduction(const lead::NodeInfo& node, cli::Introduction introduction);
   void on_answer(uint32_t node, cli::NodeAnswer answer);
+  lead::Audience audience_of(std::vector<uint32_t> nodes) const;
   void check_location(uint32_t node, const cli::Introduction& introduction);
 
   lead::Lead& lead_;
   Reporter& reporter_;
   std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
-  uint32_t push_location_ = 0;                                     // 0: before the first push
-  std::unordered_set<uint32_t> without_location_;  // nodes that the push does not have yet
-  std::vector<lead::MessageId> told_;              // to nodes without the location
+  std::unordered_map<uint32_t, uint32_t> waited_for_;  // processes that have not, by address
+  uint32_t push_location_ = 0;                         // 0: before the first push
+  lead::Time listening_since_ = 0;                     // the push's begin
+  std::unordered_set<uint32_t> without_location_;      // nodes that the push does not have yet
+  std::vector<lead::MessageId> told_;                  // to nodes without the location
   lead::Time told_at_ = 0;
   std::map<uint32_t, Question> questions_;
   uint32_t next_question_ = 0;
+  std::set<lead::MessageId> asking_;  // messages of questions
 };
 
 }  // namespace pkgdist::lead_program

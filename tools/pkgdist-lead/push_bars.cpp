@@ -59,7 +59,7 @@ std::string percent(const NodeState& node) {
 
 std::string node_line(const PushState& state, const NodeState& node, const Layout& layout) {
   const std::string note = note_of(node);
-  std::string line = fmt::format("{:<{}} ", cli::format_address(node.address), kAddress);
+  std::string line = fmt::format("{0:<{1}.{1}} ", label_of(node), kAddress);
   if (layout.bar != 0) line += bar(node.share, layout.bar);
   line += fmt::format("{:>{}} ", percent(node), kShare);
   if (layout.files != 0)

@@ -1,19 +1,13 @@
 #include <fmt/core.h>
 
 #include <CLI/Error.hpp>
+#include <algorithm>
 #include <filesystem>
 
 #include "commands.h"
-#include "control_server.h"
-#include "durability.h"
-#include "metrics.h"
-#include "node_programs.h"
 #include "output.h"
-#include "push_description.h"
-#include "push_display.h"
 #include "push_preview.h"
 #include "push_run.h"
-#include "session.h"
 
 namespace pkgdist::lead_program {
 
@@ -50,85 +44,6 @@ lead::PushRequest push_request(const LeadOptions& options, lead::FileTree& tree)
   request.slow_nodes = options.slow_nodes;
   request.max_time = static_cast<lead::Time>(options.max_seconds * 1e9);
   return request;
-}
-
-// Whether another lead is in the way. A push waits for it to fall silent, as long as it waits for
-// nodes, and is given up when a lead that began earlier turns up.
-class Course {
- public:
-  Course(const lead::Lead& lead, lead::Time patience)
-      : lead_(lead), until_(lead::monotonic_now() + patience) {}
-
-  bool blocked(lead::Time now) const { return stands_by() && now >= until_; }
-  // The other lead; 0: none.
-  uint32_t in_the_way() const { return stands_by() ? lead_.other_lead() : 0; }
-
- private:
-  bool stands_by() const { return lead_.role() == lead::Role::kStandingBy; }
-
-  const lead::Lead& lead_;
-  lead::Time until_;
-};
-
-// Asks the nodes to write to their disks, and waits for their answers; true when all have.
-bool make_durable(const LeadOptions& options, Session& session, NodePrograms& programs,
-                  Reporter& reporter) {
-  lead::Lead& lead = session.lead();
-  Durability durability(lead.push_transaction(), options.location);
-  programs.takes_message = [&](const lead::NodeInfo& node, uint32_t msg_class,
-                               std::span<const uint8_t> bytes) {
-    return durability.on_message(node.address, msg_class, bytes);
-  };
-  durability.ask(lead, lead.push_report(), static_cast<lead::Time>(options.durable_seconds * 1e9),
-                 lead::monotonic_now());
-  session.run([&](lead::Time now) { return durability.ended(now); }, lead::kSecond / 10);
-  programs.takes_message = nullptr;
-  return report_durability(reporter, durability.outcomes());
-}
-
-// In a lead of this process. True when every node has everything.
-bool push_here(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter) {
-  const std::unique_ptr<Session> opened = open_session(options, reporter, reporter);
-  Session& session = *opened;
-  lead::Lead& lead = session.lead();
-  if (const char* problem = lead.start_push(request, lead::monotonic_now()))
-    throw CLI::ValidationError(problem);
-  reporter.json().print("push-requested", push_description(options, request),
-                        cli::Output::Kind::kResult);
-  (void)session.hears_leads(reporter);
-  NodePrograms programs(lead, reporter);
-  programs.push_begins(request.location);
-  const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
-  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
-  const Course course(lead, request.node_timeout);
-  OwnPush push(lead);
-  PushView view(reporter);
-  bool ran = false;
-  {
-    PushDisplay display(reporter, view, options, request.node_timeout);
-    ran = session.run(
-        [&](lead::Time now) {
-          display.run(push, now);
-          programs.run(now);
-          if (control) control->run(now);
-          if (metrics) metrics->run(lead, session.transport().send_errors(), now);
-          return course.blocked(now) ||
-                 (!lead.push_running() && !programs.busy(now) && (!control || !control->busy()));
-        },
-        display.period());
-  }
-  const uint32_t in_the_way = course.in_the_way();
-  if (lead.push_running()) lead.stop_push(lead::monotonic_now());
-  const bool complete = tell_end(options, request, reporter, view,
-                                 {.report = lead.push_report(),
-                                  .counters = lead.counters(),
-                                  .send_errors = session.transport().send_errors(),
-                                  .interrupted = !ran,
-                                  .blocked_by = in_the_way,
-                                  .nodes_heard = lead.node_counts().heard});
-  const bool durable =
-      !options.durable || (ran && make_durable(options, session, programs, reporter));
-  return complete && durable;
 }
 
 std::vector<std::string> paths_of(const LeadOptions& options) {
@@ -173,10 +88,45 @@ LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
   return options;
 }
 
-int push_tree(const LeadOptions& options, bool serving, const std::string& root) {
+// Why nothing may be removed on nodes, although it was asked for; null when it may.
+const char* why_no_mirror(const LeadOptions& options, const lead::FileTree& tree) {
+  if (!options.files_from.empty()) return "--delete: not with --files-from, which is a part of it";
+  if (tree.walked.empty()) return "--delete: none of the paths is a directory";
+  return nullptr;
+}
+
+QueuedPush queued_push(const LeadOptions& options, const std::string& root,
+                       const std::vector<std::string>& paths, lead::FileTree& tree,
+                       const std::optional<lead::FileTree>& whole) {
+  QueuedPush push{.name = name_of(options, paths),
+                  .root = std::filesystem::absolute(root).string(),
+                  .request = {}};
+  push.tree = push_tree(tree, whole, options.filter);
+  push.tree.only_list = options.dry_run;
+  push.request = push_request(options, tree);
+  if (options.durable) push.durable_seconds = options.durable_seconds;
+  return push;
+}
+
+// push --dry-run. Nodes are asked only for what --delete would remove.
+int preview_all(const LeadOptions& options, bool serving, const lead::FileTree& tree,
+                const QueuedPush& push, Reporter& reporter) {
+  const int status = preview(options, tree, reporter);
+  if (!push.tree.mirror) return status;
+  const bool listed =
+      serving ? push_through(options, push, reporter) : list_here(options, push, reporter);
+  return listed ? status : cli::kExitFailure;
+}
+
+int push_files(const LeadOptions& options, bool serving, const std::string& root) {
   const std::vector<std::string> paths = paths_of(options);
   if (paths.empty()) return usage_error("push: no PATH and no --files-from");
   lead::FileTree tree = lead::collect_files(root, paths);
+  if (const char* why = why_no_mirror(options, tree);
+      options.mirror && tree.problems.empty() && why)
+    return usage_error(why);
+  const bool mirror = options.mirror && tree.all_read;
+  const auto whole = mirror ? std::optional(tree) : std::nullopt;
   select(tree, options.filter);
   for (const std::string& warning : tree.warnings) cli::complain("warning: " + warning);
   if (refuses(tree, options.strict)) return cli::kExitUsage;
@@ -185,22 +135,20 @@ int push_tree(const LeadOptions& options, bool serving, const std::string& root)
   reporter.quiet = options.quiet;
   reporter.names = options.node_names;
   tell_left_out(tree, "left out: ");
-  if (options.dry_run) return preview(options, tree, reporter);
-  const lead::PushRequest request = push_request(options, tree);
+  if (options.mirror && !mirror)
+    reporter.error("--delete: nothing is removed, because a directory could not be read");
+  else if (mirror && !options.filter.exclude.empty())
+    reporter.say("--delete: names that --exclude leaves out stay on the nodes");
+  const lead::FileTree shown = options.dry_run ? tree : lead::FileTree();
+  const QueuedPush push = queued_push(options, root, paths, tree, whole);
+  if (options.dry_run) return preview_all(options, serving, shown, push, reporter);
   left_out_events(tree, reporter);
   const bool complete =
-      serving ? push_through(
-                    options,
-                    {.name = name_of(options, paths),
-                     .root = std::filesystem::absolute(root).string(),
-                     .request = request,
-                     .durable_seconds =
-                         options.durable ? std::optional(options.durable_seconds) : std::nullopt},
-                    reporter)
-              : push_here(options, request, reporter);
+      serving ? push_through(options, push, reporter) : push_here(options, push, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
-  return complete && tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;
+  return complete && tree.left_out.empty() && mirror == options.mirror ? cli::kExitOk
+                                                                       : cli::kExitFailure;
 }
 
 }  // namespace
@@ -218,7 +166,7 @@ int push_command(const LeadOptions& given) {
   if (const char* setting = setting_of_the_lead(options); serving && setting != nullptr)
     return usage_error(
         fmt::format("{}: the lead that serves here was told at its start; leave it out", setting));
-  return push_tree(options, serving.has_value(), location->second.path);
+  return push_files(options, serving.has_value(), location->second.path);
 }
 
 }  // namespace pkgdist::lead_program

@@ -47,6 +47,7 @@ Json given_options(const LeadOptions& options) {
   note("--durable", options.durable, usual.durable, flag);
   note("--durable-timeout", options.durable_seconds, usual.durable_seconds, number);
   note("--keep-directory-links", options.keep_directory_links, usual.keep_directory_links, flag);
+  note("--delete", options.mirror, usual.mirror, flag);
   note("--strict", options.strict, usual.strict, flag);
   note("--ttl", options.ttl, usual.ttl, number);
   note("--multi-homed", options.multi_homed, usual.multi_homed, flag);

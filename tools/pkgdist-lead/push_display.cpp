@@ -80,7 +80,11 @@ void PushDisplay::run(PushSource& push, lead::Time now) {
 }
 
 void PushDisplay::show(const lead::PushReport& report, PushSource& push, lead::Time now) {
-  const PushState state = push_state(report, meter_, push, now);
+  PushState state = push_state(report, meter_, push, now);
+  for (NodeState& node : state.nodes)
+    if (std::string label = reporter_.label(node.address);
+        label != cli::format_address(node.address))
+      node.name = std::move(label);
   if (screen_)
     screen_->show(state);
   else if (on_terminal_)

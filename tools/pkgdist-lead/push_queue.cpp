@@ -53,8 +53,12 @@ PushQueue::PushQueue(lead::Lead& lead, EventTee& events, NodePrograms& programs,
     : lead_(lead), events_(events), programs_(programs), send_errors_(std::move(send_errors)) {
   programs_.takes_message = [this](const lead::NodeInfo& node, uint32_t msg_class,
                                    std::span<const uint8_t> bytes) {
-    return !waiting_.empty() && waiting_.front().durability &&
-           waiting_.front().durability->on_message(node.address, msg_class, bytes);
+    return !waiting_.empty() && waiting_.front().after &&
+           waiting_.front().after->on_message(node.address, msg_class, bytes);
+  };
+  programs_.on_host = [this](uint32_t node, const std::string& host) {
+    if (!waiting_.empty() && waiting_.front().began_at != 0 && !waiting_.front().report)
+      waiting_.front().client->say({{"event", "host"}, {"node", node}, {"name", host}});
   };
   programs_.on_location_missing = [this](uint32_t node, uint32_t location) {
     events_.location_missing(node, location);
@@ -76,6 +80,8 @@ void PushQueue::add(QueuedPush push, Client client, lead::Time now) {
 }
 
 void PushQueue::stop(const Client& client, lead::Time now) {
+  for (Entry& entry : commands_)
+    if (entry.client == client) entry.stopped = true;
   for (Entry& entry : waiting_) {
     if (entry.client != client) continue;
     entry.stopped = true;
@@ -112,6 +118,13 @@ std::optional<PushQueue::Cancelled> PushQueue::cancel(const std::string& which, 
 // --- The one that runs ---
 
 void PushQueue::begin(Entry& entry, lead::Time now) {
+  if (entry.push.tree.only_list) {
+    entry.began_at = now;
+    programs_.push_begins(entry.push.request.location);
+    entry.report = listed_nodes(lead_, entry.push.request);
+    begin_after(entry, *entry.report);
+    return;
+  }
   if (const char* problem = lead_.start_push(entry.push.request, now)) {
     entry.client->refuse(problem);
     waiting_.pop_front();
@@ -124,6 +137,8 @@ void PushQueue::begin(Entry& entry, lead::Time now) {
   programs_.push_begins(entry.push.request.location);
   events_.show_to(entry.client);
   entry.client->say({{"event", "begins"}, {"transaction", entry.transaction}});
+  for (const auto& [node, host] : programs_.hosts())
+    entry.client->say({{"event", "host"}, {"node", node}, {"name", host}});
 }
 
 void PushQueue::tell(Entry& entry, lead::Time now) {
@@ -148,16 +163,17 @@ bool PushQueue::blocked(Entry& entry, lead::Time now) {
   return lead::elapsed(now, entry.blocked_at) >= entry.push.request.node_timeout;
 }
 
-void PushQueue::stream_ended(Entry& entry, lead::Time now) {
+void PushQueue::stream_ended(Entry& entry) {
   entry.report = lead_.push_report();
   events_.show_to(nullptr);
   say_end(entry, difference(lead_.counters(), entry.before));
-  if (entry.stopped || !entry.push.durable_seconds) return;
-  entry.durability = std::make_unique<Durability>(entry.transaction, entry.push.request.location);
-  entry.durability->ask(
-      lead_, *entry.report,
-      static_cast<lead::Time>(*entry.push.durable_seconds * static_cast<double>(lead::kSecond)),
-      now);
+  if (!entry.stopped) begin_after(entry, *entry.report);
+}
+
+void PushQueue::begin_after(Entry& entry, lead::PushReport report) {
+  entry.after = std::make_unique<AfterPush>(
+      lead_, programs_, entry.push, entry.transaction, std::move(report),
+      [client = entry.client](const Json& line) { client->say(line); });
 }
 
 void PushQueue::say_end(Entry& entry, const lead::Counters& counted) {
@@ -172,9 +188,11 @@ void PushQueue::say_end(Entry& entry, const lead::Counters& counted) {
 }
 
 void PushQueue::run(lead::Time now) {
+  run_commands(now);
   while (!waiting_.empty() && waiting_.front().stopped && waiting_.front().began_at == 0) {
     say_end(waiting_.front(), {});
-    finish(now);
+    remember(waiting_.front(), now);
+    finish(waiting_);
   }
   if (waiting_.empty()) return;
   Entry& entry = waiting_.front();
@@ -183,22 +201,35 @@ void PushQueue::run(lead::Time now) {
     tell(entry, now);
     if (lead_.push_running() && blocked(entry, now)) lead_.stop_push(now);
     if (lead_.push_running()) return;
-    stream_ended(entry, now);
+    stream_ended(entry);
   }
-  if (entry.durability && !entry.stopped && !entry.durability->ended(now)) return;
-  finish(now);
+  if (entry.after && !entry.stopped) {
+    entry.after->run(now);
+    if (entry.after->waits_for_commands()) {
+      remember(entry, now);
+      return commands_.splice(commands_.end(), waiting_, waiting_.begin());
+    }
+    if (!entry.after->ended()) return;
+  }
+  if (!entry.push.tree.only_list) remember(entry, now);
+  finish(waiting_);
 }
 
-void PushQueue::finish(lead::Time now) {
-  Entry& entry = waiting_.front();
-  if (entry.durability) {
-    Json nodes = Json::array();
-    for (const auto& [node, error] : entry.durability->outcomes()) nodes.push_back({node, error});
-    entry.client->say({{"event", "durable"}, {"nodes", nodes}});
+void PushQueue::run_commands(lead::Time now) {
+  std::list<Entry> ended;
+  for (auto entry = commands_.begin(); entry != commands_.end();) {
+    const auto next = std::next(entry);
+    entry->after->run(now);
+    if (entry->stopped || entry->after->ended()) ended.splice(ended.end(), commands_, entry);
+    entry = next;
   }
-  entry.client->finish({{"event", "done"}});
-  remember(entry, now);
-  waiting_.pop_front();
+  while (!ended.empty()) finish(ended);
+}
+
+// The first of them.
+void PushQueue::finish(std::list<Entry>& list) {
+  list.front().client->finish({{"event", "done"}});
+  list.pop_front();
 }
 
 // --- What is told of them ---

@@ -1,16 +1,17 @@
 // The pushes that a serving lead takes over its control socket: one runs, the others wait for it in
-// the order in which they came. Whoever asked for one is told how it stands; a client that goes
-// away changes nothing.
+// the order in which they came, but not for the commands that nodes run at its end. Whoever asked
+// for one is told how it stands; a client that goes away changes nothing.
 #pragma once
 
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
-#include "durability.h"
+#include "after_push.h"
 #include "lead_events.h"
 #include "line_server.h"
 #include "node_programs.h"
@@ -64,7 +65,7 @@ class PushQueue {
     uint64_t send_errors_before = 0;
     bool stopped = false;                    // by its client, or cancelled before it began
     std::optional<lead::PushReport> report;  // since the stream has ended
-    std::unique_ptr<Durability> durability;
+    std::unique_ptr<AfterPush> after;
   };
   // What is remembered of a push that has ended.
   struct Past {
@@ -79,16 +80,19 @@ class PushQueue {
   void begin(Entry& entry, lead::Time now);
   void tell(Entry& entry, lead::Time now);
   bool blocked(Entry& entry, lead::Time now);
-  void stream_ended(Entry& entry, lead::Time now);
+  void stream_ended(Entry& entry);
+  void begin_after(Entry& entry, lead::PushReport report);
   void say_end(Entry& entry, const lead::Counters& counted);
-  void finish(lead::Time now);
+  void run_commands(lead::Time now);
+  static void finish(std::list<Entry>& list);
   void remember(const Entry& entry, lead::Time now);
 
   lead::Lead& lead_;
   EventTee& events_;
   NodePrograms& programs_;
   const std::function<uint64_t()> send_errors_;
-  std::deque<Entry> waiting_;  // the first runs
+  std::list<Entry> waiting_;   // the first runs
+  std::list<Entry> commands_;  // commands of nodes run for these
   std::deque<Past> past_;
   std::unordered_map<uint32_t, std::string> complete_;  // by node: the push that it has
   uint32_t last_number_ = 0;

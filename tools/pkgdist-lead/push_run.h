@@ -2,7 +2,6 @@
 // and what is told of it in the end.
 #pragma once
 
-#include "durability.h"
 #include "lead_options.h"
 #include "pkgdist_lead/directory_store.h"
 #include "push_view.h"
@@ -38,7 +37,12 @@ struct ServingLead {
 };
 std::optional<ServingLead> find_serving_lead(const LeadOptions& options);
 
-// True when every node has every file, on its disk if that was asked for.
+// In a lead of this process. True as below.
+bool push_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter);
+// push --delete --dry-run. True when every node has said what it has.
+bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter);
+
+// True when every node has every file, and everything behind the files was done.
 bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter);
 
 }  // namespace pkgdist::lead_program

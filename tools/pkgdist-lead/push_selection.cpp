@@ -60,7 +60,9 @@ void select(lead::FileTree& tree, const NameFilter& filter) {
   const auto unwanted = [&](const auto& one) { return !filter.takes(one.name); };
   std::erase_if(tree.files, unwanted);
   std::erase_if(tree.left_out, unwanted);
-  const std::set<std::string> directories = directories_of(tree.files);
+  std::erase_if(tree.walked, unwanted);
+  std::set<std::string> directories = directories_of(tree.files);
+  for (const lead::FileTree::Walked& walked : tree.walked) directories.insert(walked.name);
   std::erase_if(tree.directories,
                 [&](const std::string& name) { return !directories.contains(name); });
 }

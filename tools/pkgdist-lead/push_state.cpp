@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "cli_common.h"
 #include "push_figures.h"
 #include "reporter.h"
 
@@ -40,6 +41,10 @@ NodeState node_state(const lead::PushReport& report, const lead::PushNodeReport&
 }
 
 }  // namespace
+
+std::string label_of(const NodeState& node) {
+  return node.name.empty() ? cli::format_address(node.address) : node.name;
+}
 
 bool is_quiet(const NodeState& node) {
   return node.heard && !node.ended && node.seconds_since_heard >= kQuietSeconds;

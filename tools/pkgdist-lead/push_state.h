@@ -14,6 +14,7 @@ namespace pkgdist::lead_program {
 
 struct NodeState {
   uint32_t address = 0;
+  std::string name = {};  // what people call it; empty: by its address
   bool heard = false;     // at some time
   bool silent = false;    // for the node time-out: the push goes on without it
   bool deferred = false;  // too slow: gets the rest when the others have everything
@@ -41,6 +42,9 @@ struct PushState {
   std::optional<double> seconds_left;
   std::vector<NodeState> nodes;
 };
+
+// The name or the address of a node.
+std::string label_of(const NodeState& node);
 
 // A node that was not heard for so long is marked: pings come every second at least.
 inline constexpr double kQuietSeconds = 2;

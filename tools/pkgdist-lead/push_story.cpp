@@ -3,7 +3,10 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
+
+#include "pkgdist/status.h"
 
 namespace pkgdist::lead_program {
 
@@ -27,10 +30,14 @@ std::string trouble_text(const std::string& name) {
 }
 
 // A node whose disk was full deletes the partial file, and may miss that then.
-std::string disk_reason(const std::string& cause) {
-  const auto says = [&](const char* words) { return cause.find(words) != std::string::npos; };
-  if (says("space") || says("disk is full")) return "its disk was full: " + cause;
-  if (says("No such file")) return "its disk was full, or the file was gone: " + cause;
+std::string disk_reason(const Json& failed) {
+  const auto status = failed.value("status", uint64_t{0});
+  const std::string cause = text(failed, "text");
+  if (status == PKGDIST_STATUS_FROM_ERRNO(uint64_t{ENOSPC}) ||
+      status == PKGDIST_STATUS_FROM_ERRNO(uint64_t{EDQUOT}) || status == PKGDIST_ERR_WRITE)
+    return "its disk was full: " + cause;
+  if (status == PKGDIST_STATUS_FROM_ERRNO(uint64_t{ENOENT}))
+    return "its disk was full, or the file was gone: " + cause;
   return {};
 }
 
@@ -178,7 +185,7 @@ std::string PushStory::why(const Json& node) const {
         fmt::format("lost {:.1f} % of its segments, on the wire or in its socket buffer",
                     100 * number(node, "repair_ratio")));
   for (const Json& failed : list(node, "failed"))
-    if (const std::string reason = disk_reason(text(failed, "text")); !reason.empty()) {
+    if (const std::string reason = disk_reason(failed); !reason.empty()) {
       reasons.push_back(reason);
       break;
     }

@@ -31,6 +31,24 @@ void in_lines(std::vector<Json>& lines, const char* key, const Entries& entries,
   if (!list.empty()) lines.push_back({{key, list}});
 }
 
+Json encode_names(const std::vector<std::string>& names) {
+  Json list = Json::array();
+  for (const std::string& name : names) list.push_back(cli::encode_base64(name));
+  return list;
+}
+
+std::vector<std::string> decode_names(const Json& list) {
+  std::vector<std::string> names;
+  for (const Json& name : list) names.push_back(cli::decode_base64_text(name.get<std::string>()));
+  return names;
+}
+
+void decode_mirror(const Json& object, PushTree& tree) {
+  tree.mirror = true;
+  tree.only_list = object.at("only_list").get<bool>();
+  tree.filter = {decode_names(object.at("exclude")), decode_names(object.at("include"))};
+}
+
 // Every number of a node's report, in one place for both directions. A field that is added there
 // has to be added here: the size tells.
 static_assert(sizeof(lead::PushNodeReport) == kNodeReportBytes);
@@ -132,11 +150,20 @@ std::vector<Json> encode_push(const QueuedPush& push) {
             {"max_time", request.max_time},
             {"slow_nodes", static_cast<unsigned>(request.slow_nodes)}};
   if (push.durable_seconds) head["durable"] = *push.durable_seconds;
+  if (push.tree.mirror)
+    head["mirror"] = {{"only_list", push.tree.only_list},
+                      {"exclude", encode_names(push.tree.filter.exclude)},
+                      {"include", encode_names(push.tree.filter.include)}};
   std::vector<Json> lines{head};
   in_lines(lines, "files", request.files, [](const lead::PushFile& file) {
     return Json{cli::encode_base64(file.name), file.size};
   });
   in_lines(lines, "directories", request.directories,
+           [](const std::string& name) { return Json(cli::encode_base64(name)); });
+  in_lines(lines, "tree", push.tree.directories, [](const cli::TreeDirectory& directory) {
+    return Json{cli::encode_base64(directory.name), directory.mode, directory.mtime};
+  });
+  in_lines(lines, "others", push.tree.others,
            [](const std::string& name) { return Json(cli::encode_base64(name)); });
   lines.push_back({{"start", true}});
   return lines;
@@ -159,6 +186,7 @@ bool PushReader::add(const Json& line) {
       throw std::runtime_error("no such way with slow nodes");
     request.slow_nodes = static_cast<lead::SlowNodes>(slow);
     if (line.contains("durable")) push_.durable_seconds = line.at("durable").get<double>();
+    if (line.contains("mirror")) decode_mirror(line.at("mirror"), push_.tree);
     return false;
   }
   if (line.contains("files"))
@@ -168,6 +196,13 @@ bool PushReader::add(const Json& line) {
   if (line.contains("directories"))
     for (const Json& name : line.at("directories"))
       request.directories.push_back(cli::decode_base64_text(name.get<std::string>()));
+  if (line.contains("tree"))
+    for (const Json& one : line.at("tree"))
+      push_.tree.directories.push_back({cli::decode_base64_text(one.at(0).get<std::string>()),
+                                        one.at(1).get<uint32_t>(), one.at(2).get<int64_t>()});
+  if (line.contains("others"))
+    for (std::string& name : decode_names(line.at("others")))
+      push_.tree.others.push_back(std::move(name));
   return line.contains("start");
 }
 

@@ -3,11 +3,12 @@
 // answer says which.
 //
 //   push     {"command":"push",...}, then {"files":[[NAME,SIZE],...]} and
-//   {"directories":[NAME,...]}
+//   {"directories":[NAME,...]}, {"tree":[[NAME,MODE,MTIME],...]}, {"others":[NAME,...]}
 //            as often as needed, then {"start":true}; later perhaps {"stop":true},
 //            or {"stop_for":NODE} to end it for one node
 //   answers  {"event":"queued",...}, {"event":"begins"}, {"event":"state",...} again and again,
-//            what happens meanwhile ("node", "file", ...), {"event":"ended",...}
+//            what happens meanwhile ("node", "file", ...), {"event":"ended",...}, what comes
+//            behind the files (after_push.h), {"event":"done"}
 //
 // Names travel in base64. Times are those of the monotonic clock, which the two share.
 #pragma once
@@ -17,6 +18,7 @@
 #include <string>
 
 #include "pkgdist_lead/lead.h"
+#include "push_tree.h"
 
 namespace pkgdist::lead_program {
 
@@ -27,7 +29,8 @@ struct QueuedPush {
   std::string name;  // by which it is listed and cancelled
   std::string root;  // of its location; the lead must have the same
   lead::PushRequest request;
-  std::optional<double> durable_seconds;
+  std::optional<double> durable_seconds = std::nullopt;
+  PushTree tree = {};
 };
 
 // The lines that ask for a push, the last of which starts it.

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+#include "after_report.h"
 #include "cli_common.h"
 #include "control_path.h"
 #include "lead_events.h"
@@ -32,8 +33,12 @@ class RemotePush : public PushSource {
 
   // Shows the push until it has ended in the lead.
   PushEnd run(PushDisplay& display);
-  // What --durable says; nothing when nobody was asked.
-  std::optional<Durability::Outcomes> durable();
+  // What comes behind the files.
+  void show_rest(AfterReport& report);
+  // Of a push that only lists: nothing comes before that.
+  void send_only() {
+    for (const Json& line : encode_push(push_)) connection_.send(line);
+  }
 
   uint32_t push_transaction() const override { return transaction_; }
   lead::PushReport push_progress() const override { return report_; }
@@ -106,6 +111,8 @@ bool RemotePush::take(const Json& line) {
     reporter_.push_queued(line.at("number"), line.at("before"));
   } else if (event == "begins") {
     transaction_ = line.at("transaction").get<uint32_t>();
+  } else if (event == "host") {
+    reporter_.set_host(line.at("node"), line.at("name"));
   } else if (event == "location-missing") {
     reporter_.location_missing(line.at("node"), line.at("location"));
   } else {
@@ -124,24 +131,21 @@ PushEnd RemotePush::run(PushDisplay& display) {
   }
 }
 
-std::optional<Durability::Outcomes> RemotePush::durable() {
-  std::optional<Durability::Outcomes> outcomes;
+void RemotePush::show_rest(AfterReport& report) {
   for (bool done = false; !done;) {
     const auto line = wait(1.0);
     if (!line) continue;
     const std::string event = line->value("event", "");
     done = event == "done";
+    if (event == "error") throw std::runtime_error(line->value("text", "refused"));
     if (event == "left-out") {
       cli::print_left_out(line->at("progress"), line->at("events"));
       reporter_.error(fmt::format("{} lines of progress and {} events of the push were left out",
                                   line->at("progress").get<uint64_t>(),
                                   line->at("events").get<uint64_t>()));
     }
-    if (event != "durable") continue;
-    outcomes.emplace();
-    for (const Json& node : line->at("nodes")) (*outcomes)[node.at(0)] = node.at(1);
+    report.line(*line);
   }
-  return outcomes;
 }
 
 }  // namespace
@@ -181,9 +185,15 @@ bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporte
   auto socket = cli::connect_to(control_path(options), !options.control_path.empty());
   if (!socket) throw std::runtime_error("the lead that served here has ended");
   const lead::PushRequest request = push.request;
-  const bool asks_for_disks = push.durable_seconds.has_value();
+  const bool only_list = push.tree.only_list;
   RemotePush remote(cli::LineConnection(std::move(*socket), "lead"), std::move(push),
                     push_description(options, request), reporter);
+  AfterReport after(reporter, only_list);
+  if (only_list) {
+    remote.send_only();
+    remote.show_rest(after);
+    return after.finish();
+  }
   PushView view(reporter);
   PushEnd end;
   {
@@ -191,9 +201,8 @@ bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporte
     end = remote.run(display);
   }
   const bool complete = tell_end(options, request, reporter, view, end);
-  const auto durable = remote.durable();
-  if (!asks_for_disks) return complete;
-  return durable && report_durability(reporter, *durable) && complete;
+  remote.show_rest(after);
+  return after.finish() && complete && !end.interrupted;
 }
 
 }  // namespace pkgdist::lead_program

@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 
@@ -55,8 +56,26 @@ std::string format_bytes(double bytes) {
 }
 
 std::string Reporter::label(uint32_t address) const {
-  const auto found = names.find(address);
-  return found == names.end() ? format_address(address) : found->second;
+  if (const auto found = names.find(address); found != names.end()) return found->second;
+  const auto host = hosts_.find(address);
+  const bool single = host != hosts_.end() && host_counts_.at(host->second) == 1;
+  return single ? host->second : format_address(address);
+}
+
+void Reporter::set_host(uint32_t address, const std::string& host) {
+  constexpr size_t kMaxHosts = 8192, kMaxName = 64;
+  const auto is_good = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '.' || c == '_';
+  };
+  if (host.empty() || host == "localhost" || host.size() > kMaxName ||
+      !std::all_of(host.begin(), host.end(), is_good))
+    return;
+  if (hosts_.size() >= kMaxHosts && !hosts_.contains(address)) return;
+  std::string& known = hosts_[address];
+  if (known == host) return;
+  if (!known.empty()) --host_counts_[known];
+  known = host;
+  ++host_counts_[host];
 }
 
 // Numbers in names and addresses by their value: node9 before node10.
@@ -195,6 +214,7 @@ void Reporter::request_taken(lead::MessageId id, const Request& request, size_t 
 
 void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
                                lead::Delivery delivery) {
+  if (hides_message && hides_message(id)) return;
   const bool good = delivery == lead::Delivery::kAcknowledged;
   json_.print("message-outcome", Json{{"id", id},
                                       {"node", format_address(node.address)},
@@ -214,6 +234,7 @@ void Reporter::message_missed(const lead::NodeInfo& node, lead::MessageId id, le
 }
 
 void Reporter::message_finished(const lead::MessageReport& report) {
+  if (hides_message && hides_message(report.id)) return;
   const auto acknowledged = std::count_if(
       report.nodes.begin(), report.nodes.end(),
       [](const auto& node) { return node.delivery == lead::Delivery::kAcknowledged; });
@@ -244,6 +265,7 @@ void Reporter::node_introduced(const lead::NodeInfo& node, const cli::Introducti
             ? fmt::format(" ({} free)", format_bytes(static_cast<double>(*place.free_bytes)))
             : std::string());
   }
+  set_host(node.address, introduction.host);
   json_.print("node-introduced", Json{{"node", format_address(node.address)},
                                       {"name", introduction.host},
                                       {"version", introduction.version},

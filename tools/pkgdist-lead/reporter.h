@@ -23,8 +23,12 @@ class Reporter : public lead::Events {
   bool quiet = false;
   // What nodes are called, by address. Scripts are told addresses.
   std::map<uint32_t, std::string> names;
-  // The name of a node; its address when it has none.
+  // The name of a node: the one given, else that of its host, if no other node has the same; its
+  // address when it has none.
   std::string label(uint32_t address) const;
+  // A node's host is called so. Names that are none of a host are passed over.
+  void set_host(uint32_t address, const std::string& host);
+  const std::map<uint32_t, std::string>& hosts() const { return hosts_; }
   void sort_by_name(std::vector<lead::PushNodeReport>& nodes) const;
 
   // A line for people, on standard output; nothing with JSON.
@@ -58,6 +62,8 @@ class Reporter : public lead::Events {
 
   // Hears every message of a node first; with true there is no report of it.
   std::function<bool(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> takes_message;
+  // What becomes of these messages of the lead is not reported.
+  std::function<bool(lead::MessageId)> hides_message;
   // Hears every message of a node, behind the report of it.
   std::function<void(const lead::NodeInfo&, uint32_t, std::span<const uint8_t>)> on_message;
 
@@ -83,6 +89,8 @@ class Reporter : public lead::Events {
 
   cli::JsonEvents json_;
   int verbosity_;
+  std::map<uint32_t, std::string> hosts_;      // of those that have introduced themselves
+  std::map<std::string, size_t> host_counts_;  // nodes of this name
 };
 
 // "12.3 MB", "94.1 Mbit/s", "3 min 20 s", "1/2/3" and the like.

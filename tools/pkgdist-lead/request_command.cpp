@@ -42,6 +42,8 @@ Request make_request(const LeadOptions& options) {
     request.kind = lead::MessageKind::kCancel;
     request.transaction = number_of(options.cancelled).value_or(0);
   } else if (options.command == Command::kDelete) {
+    for (const std::string& name : options.paths)
+      if (name.starts_with('/')) throw CLI::ValidationError(slash_problem(name));
     request.kind = lead::MessageKind::kDelete;
     request.location = options.location;
     request.names = options.paths;

@@ -64,10 +64,10 @@ std::string reason_of(const NodeState& node) {
 
 std::string detail(const NodeState& node, uint64_t files) {
   const std::string note = note_of(node);
-  return fmt::format("{}: {:.1f} %, {}/{} files, {}/s, {} repairs ({:.1f} %){}{}",
-                     cli::format_address(node.address), node.share * 100,
-                     node.files_done + node.files_failed, files, format_bytes(node.rate),
-                     node.repairs, node.repair_ratio * 100, note.empty() ? "" : ", ", note);
+  return fmt::format("{}: {:.1f} %, {}/{} files, {}/s, {} repairs ({:.1f} %){}{}", label_of(node),
+                     node.share * 100, node.files_done + node.files_failed, files,
+                     format_bytes(node.rate), node.repairs, node.repair_ratio * 100,
+                     note.empty() ? "" : ", ", note);
 }
 
 // --- The parts ---
@@ -126,7 +126,7 @@ std::vector<Line> side_lines(const PushState& state, const TopHistory& history, 
   size_t count = 0;
   for (const NodeState* node : by_trouble(state)) {
     if ((node->ended && !is_troubled(*node)) || ++count > kSlowest) break;
-    lines.push_back({{fmt::format("{:<15}{:>3.0f}% {}", cli::format_address(node->address),
+    lines.push_back({{fmt::format("{:<15.15}{:>3.0f}% {}", label_of(*node),
                                   std::min(99.0, node->share * 100), reason_of(*node)),
                       is_troubled(*node) ? Style::kBad : Style::kPlain}});
   }
@@ -209,7 +209,9 @@ std::vector<const NodeState*> selected_nodes(const PushState& state, const TopHi
   for (const NodeState& node : state.nodes) {
     if (settings.filter == Settings::Filter::kUnfinished && node.ended) continue;
     if (settings.filter == Settings::Filter::kTroubled && !is_troubled(node)) continue;
-    if (!cli::format_address(node.address).starts_with(settings.prefix)) continue;
+    if (!cli::format_address(node.address).starts_with(settings.prefix) &&
+        !node.name.starts_with(settings.prefix))
+      continue;
     nodes.push_back(&node);
   }
   std::stable_sort(nodes.begin(), nodes.end(), [&](const NodeState* a, const NodeState* b) {

@@ -171,6 +171,7 @@ void EventPrinter::file_ended(uint64_t status, const char* path, uint32_t locati
   const std::string text = storage_trouble_->text(location, path, status);
   partial_files_->on_ended(location, path, status);
   file_told(status, text, path, location, xact_id);
+  if (status == 0 && on_file_complete) on_file_complete(xact_id, path);
 }
 
 void EventPrinter::file_told(uint64_t status, const std::string& text, const std::string& name,
@@ -217,6 +218,12 @@ void EventPrinter::location_unset(uint32_t location) {
       fmt::format("the lead pushes to location {}, which is not set here: start the node with "
                   "--location {}=DIR",
                   location, location));
+}
+
+void EventPrinter::removed(uint32_t location, const std::vector<std::string>& names) {
+  json_.print("removed", Json{{"location", location}, {"names", names}});
+  say(fmt::format("location {}: {} names are removed that the lead does not have, such as {}",
+                  location, names.size(), names[0]));
 }
 
 void EventPrinter::message_outcome(uint64_t status, const std::string& text) {

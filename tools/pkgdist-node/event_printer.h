@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "json_events.h"
 #include "lead_talk.h"
@@ -42,6 +44,8 @@ class EventPrinter {
   void question(const char* what);
   // The lead pushes to a location that is not set here.
   void location_unset(uint32_t location);
+  // Names are gone that the lead does not have. From any thread.
+  void removed(uint32_t location, const std::vector<std::string>& names);
   void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
   // From any thread.
@@ -56,6 +60,8 @@ class EventPrinter {
 
   // Hears of leads and transactions, too, when there is one. It must outlive this object.
   void set_lead_talk(LeadTalk* talk) { lead_talk_ = talk; }
+  // Hears of each file of a push that this node has. May be null.
+  std::function<void(uint32_t xact_id, const std::string& name)> on_file_complete;
 
  private:
   struct Transaction {

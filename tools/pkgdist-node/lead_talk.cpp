@@ -34,12 +34,6 @@ std::optional<uint64_t> free_bytes(const cli::Location& location) {
   return uint64_t{info.f_bavail} * info.f_frsize;
 }
 
-// Repeated by the library until the lead has it.
-void send(const std::string& text) {
-  (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kProgramClass, nullptr,
-                                            nullptr, nullptr);
-}
-
 std::string error_text(int error) {
   return std::generic_category().message(error);
 }
@@ -81,12 +75,12 @@ std::string state_text(const Seen& seen) {
   return S_ISDIR(seen.mode) ? cli::kStateDirectory : cli::kStateFile;
 }
 
-const char* what(cli::NodeQuestion::Kind kind) {
-  constexpr std::array kTexts{"files", "remove", "transaction"};
-  return kTexts[static_cast<size_t>(kind)];
-}
-
 }  // namespace
+
+void send_to_lead(const std::string& text) {
+  (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kProgramClass, nullptr,
+                                            nullptr, nullptr);
+}
 
 void LeadTalk::introduce() const {
   cli::Introduction own;
@@ -94,16 +88,18 @@ void LeadTalk::introduce() const {
   own.host = host_name();
   own.version = cli::version();
   own.answers = true;
+  own.trees = static_cast<bool>(takes_question);
+  own.complete_seconds = complete_seconds;
   for (const auto& [number, location] : options_.locations)
     own.places.push_back({number, location.memory, free_bytes(location)});
-  send(cli::introduction_text(own));
+  send_to_lead(cli::introduction_text(own));
 }
 
 bool LeadTalk::on_message(uint32_t msg_class, std::span<const uint8_t> bytes) {
   if (msg_class != cli::kProgramClass) return false;
   if (const auto question = cli::parse_question(bytes)) {
-    if (on_question) on_question(what(question->kind));
-    answer(*question);
+    if (on_question) on_question(cli::subject_text(question->kind));
+    if (!takes_question || !takes_question(*question)) answer(*question);
     return true;
   }
   const auto unset = cli::parse_unset(bytes);
@@ -120,7 +116,7 @@ void LeadTalk::answer(const cli::NodeQuestion& question) const {
   for (const std::string& name : question.names)
     said.states.push_back(
         state_of(question.location, name, question.kind == cli::NodeQuestion::Kind::kRemove));
-  send(cli::answer_text(said));
+  send_to_lead(cli::answer_text(said));
 }
 
 // Removes a directory first, if that is asked for: beneath its location, links as links.

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -15,6 +16,9 @@
 #include "node_options.h"
 
 namespace pkgdist::node_program {
+
+// A message of class 5, which the library repeats until the lead has it. From any thread.
+void send_to_lead(const std::string& text);
 
 class LeadTalk {
  public:
@@ -30,8 +34,12 @@ class LeadTalk {
 
   // The lead pushes to a location that has not been set.
   std::function<void(uint32_t location)> on_unset;
-  // The lead has asked something: "files", "remove" or "transaction".
+  // The lead has asked something: subject_text() of it.
   std::function<void(const char* what)> on_question;
+  // Takes questions that are answered elsewhere; false: this is none. May be null.
+  std::function<bool(const cli::NodeQuestion&)> takes_question;
+  // How long the command of --on-complete may take, if there is one.
+  std::optional<double> complete_seconds;
 
  private:
   void answer(const cli::NodeQuestion& question) const;

@@ -48,6 +48,11 @@ void add_run(CLI::App& app, NodeOptions& options) {
   cli::add_runner_options(*run, options.on_message,
                           "shell command to run for each message of the lead; the message is its "
                           "standard input, PKGDIST_MESSAGE_CLASS its class");
+  cli::add_completion_options(
+      *run, options.on_complete,
+      "shell command to run when a push has ended; PKGDIST_NAMES_FILE is a file with the names of "
+      "what this node has of it, each with a zero byte behind it, PKGDIST_STATUS is 0 when that is "
+      "everything, otherwise 1, PKGDIST_TRANSACTION and PKGDIST_LOCATION are numbers");
   run->callback([&options] { options.command = Command::kRun; });
 }
 

@@ -27,6 +27,7 @@ struct NodeOptions {
   // run
   uint32_t repair_interval_ms = 100;
   cli::RunnerOptions on_message;
+  cli::RunnerOptions on_complete;
 
   // get
   std::vector<std::string> paths;

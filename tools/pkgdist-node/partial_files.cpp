@@ -1,31 +1,24 @@
 #include "partial_files.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <filesystem>
 #include <optional>
-#include <system_error>
 #include <tuple>
-#include <vector>
 
+#include "beneath.h"
 #include "pkgdist/status.h"
 
 namespace pkgdist::node_program {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-const std::string kSuffix = ".tmp";
+const std::string kSuffix = kPartialSuffix;
 constexpr size_t kMaxListed = 65'536;  // names that are remembered
-constexpr char kOwnDescriptors[] = "/proc/self/fd";
 
 // Whether the status may be that of a write or of the last step, the rename to the final name: that
 // one meets a directory, a mount point or a file that this user may not replace.
@@ -50,51 +43,16 @@ bool is_before(const timespec& one, const timespec& other) {
   return std::tie(one.tv_sec, one.tv_nsec) < std::tie(other.tv_sec, other.tv_nsec);
 }
 
-// The numbers of this process's descriptors.
-std::vector<int> own_descriptors() {
-  std::vector<int> numbers;
-  std::error_code error;
-  for (fs::directory_iterator at(kOwnDescriptors, error), end; !error && at != end;
-       at.increment(error))
-    numbers.push_back(std::stoi(at->path().filename().string()));
-  return numbers;
-}
-
-bool writes(int fd) {
-  const int flags = ::fcntl(fd, F_GETFL);
-  return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_RDONLY;
-}
-
-bool is_open(const Identity& file) {
-  for (const int fd : own_descriptors()) {
-    struct stat status {};
-    if (writes(fd) && ::fstat(fd, &status) == 0 && identity_of(status) == file) return true;
-  }
-  return false;
-}
-
-// The directory of a path below a location, opened without leaving it or following a link.
-int open_parent(int location, const std::string& name) {
-  const size_t slash = name.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : name.substr(0, slash);
-  open_how how{};
-  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-  return static_cast<int>(::syscall(SYS_openat2, location, directory.c_str(), &how, sizeof how));
-}
-
 // Removes the file under the name if `wanted` agrees to what stands there.
 template <class Wanted>
 void remove_beneath(int location, const std::string& name, Wanted&& wanted) {
-  const int parent = open_parent(location, name);
-  if (parent < 0) return;
-  const std::string last = name.substr(name.rfind('/') + 1);
+  const auto [parent, last] = open_place_beneath(location, name);
+  if (!parent) return;
   struct stat status {};
-  if (::fstatat(parent, last.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+  if (::fstatat(parent.get(), last.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid() &&
       wanted(status))
-    (void)::unlinkat(parent, last.c_str(), 0);
-  ::close(parent);
+    (void)::unlinkat(parent.get(), last.c_str(), 0);
 }
 
 std::optional<std::string> path_of(int fd) {
@@ -131,7 +89,7 @@ void PartialFiles::on_ended(uint32_t location, const std::string& name, uint64_t
   if (found == locations_.end() || !may_leave_partial(status)) return;
   if (listed_.size() >= kMaxListed || listed_.contains({location, partial})) return;
   remove_beneath(found->second, partial, [&](const struct stat& file) {
-    return !is_before(file.st_ctim, since_) && !is_open(identity_of(file));
+    return !is_before(file.st_ctim, since_) && !is_open_for_writing(file.st_dev, file.st_ino);
   });
 }
 

@@ -2,10 +2,12 @@
 #include <CLI/Error.hpp>
 
 #include "commands.h"
+#include "completion.h"
 #include "event_printer.h"
 #include "node.h"
 #include "pkgdist/wire_ctrl.h"
 #include "running_node.h"
+#include "tree_service.h"
 
 namespace pkgdist::node_program {
 
@@ -45,8 +47,20 @@ int run_command(const NodeOptions& options) {
   talk.on_question = [&](const char* what) { printer.question(what); };
   talk.on_unset = [&](uint32_t location) { printer.location_unset(location); };
   printer.set_lead_talk(&talk);
-  cli::MessageRunner runner(options.on_message,
-                            [&](const std::string& text) { printer.error(text); });
+  const auto report = [&](const std::string& text) { printer.error(text); };
+  cli::MessageRunner runner(options.on_message, report);
+  Completion completion(options.on_complete, report);
+  printer.on_file_complete = [&](uint32_t xact_id, const std::string& name) {
+    completion.file_complete(xact_id, name);
+  };
+  TreeService trees(options, [&](uint32_t location, const std::vector<std::string>& names) {
+    printer.removed(location, names);
+  });
+  talk.takes_question = [&](const cli::NodeQuestion& question) {
+    return trees.take(question) || completion.take(question);
+  };
+  if (!options.on_complete.command.empty())
+    talk.complete_seconds = options.on_complete.limit_seconds;
   printer.attach(node);
   uint32_t number = PKGDIST_CTRL_CLASS_FIRST;
   for (MessageClass& target : classes) {

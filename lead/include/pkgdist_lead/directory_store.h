@@ -31,8 +31,18 @@ struct FileTree {
   // Each once, sorted by name, links behind everything else: a node makes a file's directories, but
   // not a link's.
   std::vector<PushFile> files;
-  std::vector<std::string> directories;  // that these are in, below the root
-  std::vector<std::string> warnings;     // times that do not travel
+  // Below the root: that these are in, and those that were walked.
+  std::vector<std::string> directories;
+  // A directory that was walked because it, or one above it, is among the paths.
+  struct Walked {
+    std::string name;   // "." for the root
+    uint32_t mode = 0;  // permissions and the three bits above them
+    int64_t mtime = 0;  // seconds
+  };
+  std::vector<Walked> walked;         // sorted by name
+  std::vector<std::string> others;    // special files in them
+  bool all_read = true;               // each of them could be read
+  std::vector<std::string> warnings;  // times that do not travel
   // What cannot travel or be read, by name; the rest can be pushed without it.
   struct LeftOut {
     std::string name;  // of a file, or of a directory with all that is in it

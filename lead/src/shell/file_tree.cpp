@@ -43,6 +43,11 @@ class Collector {
     tree_.files.assign(files_.begin(), files_.end());
     tree_.files.insert(tree_.files.end(), links_.begin(), links_.end());
     for (const PushFile& file : tree_.files) note_directories(file.name);
+    for (auto& [name, walked] : walked_) {
+      note_directories(name + '/');
+      tree_.walked.push_back(std::move(walked));
+    }
+    directories_.erase(".");
     tree_.directories.assign(directories_.begin(), directories_.end());
     for (const auto& [name, reason] : left_out_) tree_.left_out.push_back({name, reason});
     if (clamped_ != 0) tree_.warnings.push_back(clamped_text());
@@ -90,6 +95,7 @@ class Collector {
     while (!ahead.empty()) {
       const fs::path directory = std::move(ahead.back());
       ahead.pop_back();
+      if (!note_walked(directory)) continue;
       std::error_code error;
       for (fs::directory_iterator at(directory, error), end; !error && at != end;
            at.increment(error)) {
@@ -99,8 +105,21 @@ class Collector {
         else
           add_entry(at->path());
       }
-      if (error) leave_out(name_of(directory), "the directory cannot be read: " + error.message());
+      if (!error) continue;
+      tree_.all_read = false;
+      leave_out(name_of(directory), "the directory cannot be read: " + error.message());
     }
+  }
+
+  // False when it was walked already.
+  bool note_walked(const fs::path& directory) {
+    constexpr mode_t kModeBits = 07777;
+    const std::string name = name_of(directory);
+    if (walked_.contains(name)) return false;
+    struct stat status {};
+    if (name_problem(name) != nullptr || ::lstat(directory.c_str(), &status) != 0) return true;
+    walked_[name] = {name, status.st_mode & kModeBits, int64_t{status.st_mtime}};
+    return true;
   }
 
   void add_entry(const fs::path& path) {
@@ -109,7 +128,10 @@ class Collector {
     const std::string name = name_of(path);
     if (::lstat(text.c_str(), &status) != 0) return leave_out(name, error_text(errno));
     const bool link = S_ISLNK(status.st_mode);
-    if (!S_ISREG(status.st_mode) && !link) return leave_out(name, kind_problem(status.st_mode));
+    if (!S_ISREG(status.st_mode) && !link) {
+      tree_.others.push_back(name);
+      return leave_out(name, kind_problem(status.st_mode));
+    }
     const auto size = static_cast<uint64_t>(status.st_size);
     if (const char* problem = problem_of(name, size, link)) return leave_out(name, problem);
     if (!link && ::faccessat(AT_FDCWD, text.c_str(), R_OK, AT_EACCESS) != 0)
@@ -158,7 +180,8 @@ class Collector {
   std::set<PushFile, ByName> files_;
   std::set<PushFile, ByName> links_;
   std::set<std::string> directories_;
-  std::map<std::string, std::string> left_out_;  // each once
+  std::map<std::string, FileTree::Walked> walked_;  // by name
+  std::map<std::string, std::string> left_out_;     // each once
   uint64_t clamped_ = 0;
   std::string first_clamped_;
 };

@@ -202,8 +202,26 @@ TEST_F(DirectoryStoreTest, tells_the_directories_of_what_it_collects_upper_ones_
   fs::create_directories(root_ / "empty");
   fs::create_directories(root_ / "links");
   fs::create_symlink("x", root_ / "links/link");
-  EXPECT_EQ(collect({"."}).directories, (Names{"a", "a/d", "b", "b/c", "links"}));
+  EXPECT_EQ(collect({"."}).directories, (Names{"a", "a/d", "b", "b/c", "empty", "links"}));
   EXPECT_EQ(collect({"b/c", "top"}).directories, (Names{"b", "b/c"}));
+}
+
+TEST_F(DirectoryStoreTest, tells_mode_and_time_of_what_it_walks_and_of_nothing_above_it) {
+  write("above/walked/file", "x");
+  fs::create_directories(root_ / "above/walked/empty");
+  fs::permissions(root_ / "above/walked/empty", fs::perms(02750));
+  ASSERT_EQ(::mkfifo((root_ / "above/walked/pipe").c_str(), 0600), 0);
+  set_times(root_ / "above/walked/empty", 4711);
+  const FileTree tree = collect({"above/walked", "above/walked/empty", "above/walked/file"});
+  ASSERT_EQ(tree.walked.size(), 2u);
+  EXPECT_EQ(tree.walked[0].name, "above/walked");
+  EXPECT_EQ(tree.walked[1].name, "above/walked/empty");
+  EXPECT_EQ(tree.walked[1].mode, 02750u);
+  EXPECT_EQ(tree.walked[1].mtime, 4711);
+  EXPECT_EQ(tree.others, (Names{"above/walked/pipe"}));
+  EXPECT_TRUE(tree.all_read);
+  EXPECT_EQ(collect({"."}).walked[0].name, ".");
+  EXPECT_TRUE(collect({"above/walked/file"}).walked.empty());
 }
 
 TEST_F(DirectoryStoreTest, times_that_do_not_travel_are_clamped_and_told_once) {

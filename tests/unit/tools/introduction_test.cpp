@@ -15,7 +15,8 @@ TEST(Introduction, arrives_as_it_was_sent) {
   own.pid = 4711;
   own.host = "web-3";
   own.version = "0.1.0";
-  own.answers = true;
+  own.answers = own.trees = true;
+  own.complete_seconds = 2.5;
   own.places = {{1, false, 123'456'789'012}, {3, true, std::nullopt}};
   const auto found = parse_introduction(bytes(introduction_text(own)));
   ASSERT_TRUE(found);
@@ -23,6 +24,8 @@ TEST(Introduction, arrives_as_it_was_sent) {
   EXPECT_EQ(found->host, "web-3");
   EXPECT_EQ(found->version, "0.1.0");
   EXPECT_TRUE(found->answers);
+  EXPECT_TRUE(found->trees);
+  EXPECT_EQ(found->complete_seconds, 2.5);
   ASSERT_EQ(found->places.size(), 2u);
   EXPECT_EQ(found->places[0].free_bytes, 123'456'789'012u);
   EXPECT_FALSE(found->places[1].free_bytes);
@@ -77,6 +80,58 @@ TEST(NodeQuestion, about_a_transaction_names_it) {
   ASSERT_TRUE(found);
   EXPECT_EQ(found->kind, NodeQuestion::Kind::kTransaction);
   EXPECT_EQ(found->transaction, 0x8000'0007u);
+}
+
+TEST(NodeQuestion, about_directories_has_their_modes_and_times) {
+  NodeQuestion asked;
+  asked.kind = NodeQuestion::Kind::kDirectories;
+  asked.location = 2;
+  asked.directories = {{"d/\xff", 02755, -3}, {"d", 0700, 1'700'000'000}};
+  const auto found = parse_question(bytes(question_text(asked)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->kind, NodeQuestion::Kind::kDirectories);
+  EXPECT_EQ(found->location, 2u);
+  EXPECT_EQ(found->directories, asked.directories);
+}
+
+TEST(NodeQuestion, for_a_list_has_the_known_names) {
+  NodeQuestion asked;
+  asked.kind = NodeQuestion::Kind::kList;
+  asked.location = 1;
+  asked.deep = true;
+  asked.known = {{".", "", "m", {"a", "m"}}, {"d", "\xfe", "", {}}};
+  const auto found = parse_question(bytes(question_text(asked)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->kind, NodeQuestion::Kind::kList);
+  EXPECT_TRUE(found->deep);
+  EXPECT_EQ(found->known, asked.known);
+}
+
+TEST(NodeQuestion, about_the_end_of_a_push_says_how_it_ended) {
+  NodeQuestion asked;
+  asked.kind = NodeQuestion::Kind::kComplete;
+  asked.location = 3;
+  asked.transaction = 0x8000'0001;
+  asked.status = 1;
+  const auto found = parse_question(bytes(question_text(asked)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->kind, NodeQuestion::Kind::kComplete);
+  EXPECT_EQ(found->transaction, 0x8000'0001u);
+  EXPECT_EQ(found->status, 1u);
+}
+
+TEST(NodeQuestion, about_something_unknown_is_another_message) {
+  EXPECT_FALSE(parse_question(bytes("pkgdist-question 1 {\"number\":1,\"weather\":{}}\n")));
+}
+
+TEST(NodeAnswer, comes_in_pieces) {
+  const auto found = parse_answer(bytes(
+      answer_text({7, {kStateDone}, {{"\xff", kStateFile}}, {{"d", "Permission denied"}}, 1, 3})));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->names, (std::vector<NamedText>{{"\xff", "file"}}));
+  EXPECT_EQ(found->problems, (std::vector<NamedText>{{"d", "Permission denied"}}));
+  EXPECT_EQ(found->piece, 1u);
+  EXPECT_EQ(found->pieces, 3u);
 }
 
 TEST(NodeAnswer, arrives_as_it_was_sent) {

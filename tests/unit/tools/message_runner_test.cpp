@@ -68,6 +68,22 @@ class Fifo {
   std::string path_;
 };
 
+TEST(MessageRunner, a_file_has_the_bytes_until_the_command_has_ended) {
+  const Fifo fifo;
+  Reports reports, ends;
+  MessageRunner runner({"(echo $FILE; cat; cat $FILE) > " + fifo.path() + "; exit $STATUS", 60},
+                       reports.hear());
+  runner.add_file("one\ntwo", {{"STATUS", "0"}}, "FILE", ends.hear());
+  const std::string said = fifo.read();
+  const std::string path = said.substr(0, said.find('\n'));
+  EXPECT_EQ(path + "\none\ntwo", said);
+  EXPECT_EQ(ends.wait_for(1), (std::vector<std::string>{""}));
+  runner.add_file("", {{"STATUS", "7"}}, "FILE", ends.hear());
+  (void)fifo.read();
+  EXPECT_NE(ends.wait_for(2)[1].find("exit status 7"), std::string::npos);
+  EXPECT_NE(0, access(path.c_str(), F_OK));
+}
+
 TEST(MessageRunner, the_command_gets_the_message_and_its_environment) {
   const Fifo fifo;
   Reports reports;

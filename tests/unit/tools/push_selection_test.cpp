@@ -52,6 +52,16 @@ TEST(NameFilter, a_tree_loses_names_with_their_directories_and_complaints) {
   EXPECT_EQ(tree.left_out[0].name, "huge");
 }
 
+TEST(NameFilter, an_empty_directory_stays_unless_it_is_left_out) {
+  lead::FileTree tree;
+  tree.walked = {{".", 0755, 1}, {"cache", 0755, 1}, {"empty", 0755, 1}};
+  tree.directories = {"cache", "empty"};
+  select(tree, {{"cache"}, {}});
+  EXPECT_EQ(tree.directories, (Names{"empty"}));
+  ASSERT_EQ(tree.walked.size(), 2u);
+  EXPECT_EQ(tree.walked[1].name, "empty");
+}
+
 TEST(NamesFrom, a_file_has_one_name_in_a_line) {
   const std::string path =
       (std::filesystem::temp_directory_path() / ("names" + std::to_string(::getpid()))).string();

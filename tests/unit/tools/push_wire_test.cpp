@@ -21,6 +21,10 @@ QueuedPush example() {
   for (int i = 0; i < 4500; ++i)
     push.request.files.push_back({"f\xfe" + std::to_string(i), static_cast<uint64_t>(i)});
   push.request.directories = {"d", "d/\xff"};
+  push.tree.directories = {{".", 0755, 1}, {"d/\xff", 02750, -7}};
+  push.tree.mirror = push.tree.only_list = true;
+  push.tree.others = {"d/\xfd"};
+  push.tree.filter = {{"*.o"}, {"keep.o"}};
   return push;
 }
 
@@ -47,6 +51,12 @@ TEST(PushWire, a_request_arrives_as_it_was_sent) {
   ASSERT_EQ(got.request.files.size(), sent.request.files.size());
   EXPECT_EQ(got.request.files[4321].name, sent.request.files[4321].name);
   EXPECT_EQ(got.request.files[4321].size, 4321u);
+  EXPECT_EQ(got.tree.directories, sent.tree.directories);
+  EXPECT_TRUE(got.tree.mirror);
+  EXPECT_TRUE(got.tree.only_list);
+  EXPECT_EQ(got.tree.others, sent.tree.others);
+  EXPECT_EQ(got.tree.filter.exclude, sent.tree.filter.exclude);
+  EXPECT_EQ(got.tree.filter.include, sent.tree.filter.include);
 }
 
 TEST(PushWire, a_request_that_makes_no_sense_is_refused) {

@@ -1,0 +1,102 @@
+#include "tree_service.h"
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "lead_talk.h"
+#include "tree_work.h"
+
+namespace pkgdist::node_program {
+
+class TreeService::Work {
+ public:
+  Work(const NodeOptions& options, Removed removed)
+      : options_(options), removed_(std::move(removed)), thread_([this] { run(); }) {}
+
+  // Waits for what is being done, which a stop signal cuts short.
+  ~Work() {
+    {
+      const std::lock_guard lock(mutex_);
+      ended_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+
+  // What is too much gets no answer.
+  void add(const cli::NodeQuestion& question) {
+    constexpr size_t kMostWaiting = 256;
+    const std::lock_guard lock(mutex_);
+    if (waiting_.size() < kMostWaiting) waiting_.push_back(question);
+    changed_.notify_all();
+  }
+
+ private:
+  // --- On the thread ---
+
+  void run() {
+    (void)pthread_setname_np(pthread_self(), "TREES");
+    for (;;) {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [this] { return ended_ || !waiting_.empty(); });
+      if (ended_) return;
+      const cli::NodeQuestion question = std::move(waiting_.front());
+      waiting_.pop_front();
+      lock.unlock();
+      for (const cli::NodeAnswer& piece : pieces_of(answer(question)))
+        send_to_lead(cli::answer_text(piece));
+    }
+  }
+
+  cli::NodeAnswer answer(const cli::NodeQuestion& question) const {
+    using Kind = cli::NodeQuestion::Kind;
+    constexpr unsigned kPermissions = 0777, kAllBits = 07777;
+    const auto location = options_.common.locations.find(question.location);
+    if (location == options_.common.locations.end())
+      return {.number = question.number, .states = {cli::kStateNoLocation}};
+    if (location->second.memory)
+      return {.number = question.number, .states = {"the location is in shared memory"}};
+    const TreePlace place{.directory = location->second.path,
+                          .mode_mask = options_.allow_setuid ? kAllBits : kPermissions,
+                          .umask = options_.umask};
+    if (question.kind == Kind::kDirectories) return set_directories(place, question);
+    if (question.kind == Kind::kList) return list_other_names(place, question);
+    cli::NodeAnswer said = remove_names(place, question);
+    tell_removed(question, said);
+    return said;
+  }
+
+  void tell_removed(const cli::NodeQuestion& question, const cli::NodeAnswer& said) const {
+    std::vector<std::string> names;
+    for (size_t i = 0; i < question.names.size(); ++i)
+      if (said.states[i] == cli::kStateAbsent) names.push_back(question.names[i]);
+    if (!names.empty()) removed_(question.location, names);
+  }
+
+  const NodeOptions& options_;
+  const Removed removed_;
+  std::mutex mutex_;  // of these
+  std::condition_variable changed_;
+  std::deque<cli::NodeQuestion> waiting_;
+  bool ended_ = false;
+  std::thread thread_;  // the last: it uses the others
+};
+
+TreeService::TreeService(const NodeOptions& options, Removed removed)
+    : work_(std::make_unique<Work>(options, std::move(removed))) {}
+
+TreeService::~TreeService() = default;
+
+bool TreeService::take(const cli::NodeQuestion& question) {
+  using Kind = cli::NodeQuestion::Kind;
+  const bool mine = question.kind == Kind::kDirectories || question.kind == Kind::kList ||
+                    (question.kind == Kind::kRemove && question.files_too);
+  if (mine) work_->add(question);
+  return mine;
+}
+
+}  // namespace pkgdist::node_program

@@ -1,0 +1,36 @@
+// Answers the lead's questions about the trees of its pushes (tree_work.h has what is done).
+//
+// A large tree takes long, so each question has a thread of its own; one at a time works, in the
+// order in which the lead asks, which waits for each answer.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "introduction.h"
+#include "node_options.h"
+
+namespace pkgdist::node_program {
+
+class TreeService {
+ public:
+  // Hears which names are gone; on a thread of the service.
+  using Removed = std::function<void(uint32_t location, const std::vector<std::string>& names)>;
+
+  TreeService(const NodeOptions& options, Removed removed);
+  // No question is worked on, and none will be.
+  ~TreeService();
+  TreeService(const TreeService&) = delete;
+  TreeService& operator=(const TreeService&) = delete;
+
+  // False when the question is about something else.
+  bool take(const cli::NodeQuestion& question);
+
+ private:
+  class Work;
+  const std::unique_ptr<Work> work_;
+};
+
+}  // namespace pkgdist::node_program
