@@ -95,7 +95,7 @@ void LeadTalk::introduce() const {
   own.version = cli::version();
   own.answers = true;
   for (const auto& [number, location] : options_.locations)
-    own.places.push_back({number, location.memory, free_bytes(location)});
+    own.places.push_back({number, location.memory, free_bytes(location), std::nullopt});
   send(cli::introduction_text(own));
 }
 
