@@ -1,19 +1,15 @@
 // --on-message: runs a shell command for each message, one after the other, on a thread of its own,
 // so that neither a lead nor a node ever waits for a command. The message is the command's standard
-// input, by a file in memory.
-//
-// A command that fails is reported, with its exit status or signal. One that takes longer than the
-// time limit is ended with all processes of its group: SIGTERM, and SIGKILL after kKillSeconds.
+// input. A command that fails or takes longer than the time limit is reported (shell_command.h).
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "cli_common.h"
+#include "shell_command.h"
 
 namespace pkgdist::cli {
 
@@ -27,17 +23,13 @@ void add_runner_options(CLI::App& command, RunnerOptions& options, const std::st
 
 class MessageRunner {
  public:
-  // From SIGTERM to SIGKILL.
-  static constexpr double kKillSeconds = 2;
   // Bytes of messages that may wait while a command runs; more are told and dropped.
   static constexpr size_t kMaxQueuedBytes = size_t{64} << 20;
 
-  // Names and values, beside the environment of this program.
-  using Environment = std::vector<std::pair<std::string, std::string>>;
   // Hears what went wrong; on the runner's thread, or on that of the caller of add().
   using Report = std::function<void(const std::string&)>;
 
-  MessageRunner(RunnerOptions options, Report report);
+  MessageRunner(const RunnerOptions& options, Report report);
   // Sends a command that runs SIGTERM, without waiting for it, and drops the messages that wait;
   // both is reported.
   ~MessageRunner();
