@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -13,6 +14,7 @@
 #include "node_options.h"
 #include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
+#include "release_messages.h"
 
 namespace pkgdist::node_program {
 
@@ -44,7 +46,8 @@ class EventPrinter {
   void location_unset(uint32_t location);
   void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
-  // From any thread.
+  // Both from any thread.
+  void release(const cli::ReleaseState& state);
   void error(const std::string& text);
   // A stop signal ends what has no end of its own.
   void stopped();
@@ -53,6 +56,10 @@ class EventPrinter {
 
   bool lead_is_known() const { return lead_is_known_; }
   uint32_t lead() const { return lead_; }  // the address, 0 before there is one
+
+  // Hears of each file that the lead pushed: "" when it has come, or why it has not.
+  std::function<void(uint32_t location, const std::string& path, const std::string& trouble)>
+      on_file_ended;
 
   // Hears of leads and transactions, too, when there is one. It must outlive this object.
   void set_lead_talk(LeadTalk* talk) { lead_talk_ = talk; }

@@ -34,12 +34,6 @@ std::optional<uint64_t> free_bytes(const cli::Location& location) {
   return uint64_t{info.f_bavail} * info.f_frsize;
 }
 
-// Repeated by the library until the lead has it.
-void send(const std::string& text) {
-  (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kProgramClass, nullptr,
-                                            nullptr, nullptr);
-}
-
 std::string error_text(int error) {
   return std::generic_category().message(error);
 }
@@ -88,15 +82,22 @@ const char* what(cli::NodeQuestion::Kind kind) {
 
 }  // namespace
 
+void send_to_lead(const std::string& text) {
+  (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kProgramClass, nullptr,
+                                            nullptr, nullptr);
+}
+
 void LeadTalk::introduce() const {
   cli::Introduction own;
   own.pid = static_cast<uint32_t>(::getpid());
   own.host = host_name();
   own.version = cli::version();
   own.answers = true;
-  for (const auto& [number, location] : options_.locations)
+  for (const auto& [number, location] : options_.locations) {
     own.places.push_back({number, location.memory, free_bytes(location), std::nullopt});
-  send(cli::introduction_text(own));
+    if (!releases_.name.empty()) own.places.back().releases = releases_.name;
+  }
+  send_to_lead(cli::introduction_text(own));
 }
 
 bool LeadTalk::on_message(uint32_t msg_class, std::span<const uint8_t> bytes) {
@@ -120,7 +121,7 @@ void LeadTalk::answer(const cli::NodeQuestion& question) const {
   for (const std::string& name : question.names)
     said.states.push_back(
         state_of(question.location, name, question.kind == cli::NodeQuestion::Kind::kRemove));
-  send(cli::answer_text(said));
+  send_to_lead(cli::answer_text(said));
 }
 
 // Removes a directory first, if that is asked for: beneath its location, links as links.
@@ -134,6 +135,7 @@ std::string LeadTalk::state_of(uint32_t number, const std::string& name, bool re
   if (is_absent(seen) && parent)
     return state_text(seen_on_disk(location->second.path, name + ".tmp", parent));
   if (!remove || seen.error != 0 || !S_ISDIR(seen.mode)) return state_text(seen);
+  if (!releases_.name.empty()) return error_text(EPERM);
   const std::string last = name.substr(name.rfind('/') + 1);
   if (last == "." || last == "..") return "not a name";
   std::error_code error;

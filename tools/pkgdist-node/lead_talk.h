@@ -16,9 +16,13 @@
 
 namespace pkgdist::node_program {
 
+// Repeated by the library until the lead has it; lost when there is no lead. From any thread.
+void send_to_lead(const std::string& text);
+
 class LeadTalk {
  public:
-  explicit LeadTalk(const cli::CommonOptions& options) : options_(options) {}
+  explicit LeadTalk(const NodeOptions& options)
+      : options_(options.common), releases_(options.releases) {}
 
   // A lead was heard that was not before.
   void introduce() const;
@@ -38,6 +42,7 @@ class LeadTalk {
   std::string state_of(uint32_t location, const std::string& name, bool remove) const;
 
   const cli::CommonOptions& options_;
+  const ReleaseOptions& releases_;
   std::set<uint32_t> open_;  // transactions of leads
 };
 

@@ -8,41 +8,12 @@
 #include <cerrno>
 #include <memory>
 
-#include "release_signer.h"
-#include "release_support.h"
-#include "tree.h"
+#include "built_release.h"
 
 using namespace release_test;
 using namespace pkgdist::release;
 
 namespace {
-
-using Files = std::map<std::string, std::string>;
-
-// A release as the lead has it.
-struct Built {
-  Built(uint64_t version, const Files& files, const ReleaseSigner& signer, uint64_t floor = 0,
-        const std::string& name = "base") {
-    for (const auto& [path, content] : files) tree.write(path, content);
-    EXPECT_EQ(0, symlink("elsewhere", (tree / "link").c_str()));
-    const ScannedTree scanned = scan_tree(tree.path(), {kLeafBytes, 1, nullptr});
-    manifest.name = name;
-    manifest.version = version;
-    manifest.leaf = kLeafBytes;
-    manifest.floor = floor;
-    manifest.entries = scanned.entries;
-    text = format(manifest);
-    leaves = format_leaves(scanned);
-    signature = signer.sign(text);
-  }
-  InstalledRelease release() const { return {manifest.version, sha256(bytes_of(text))}; }
-
-  TempTree tree{"/dev/shm"};
-  Manifest manifest;
-  std::string text;
-  std::string leaves;
-  std::string signature;
-};
 
 // A process that was killed.
 struct Stopped : std::runtime_error {
