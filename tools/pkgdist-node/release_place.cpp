@@ -83,17 +83,22 @@ std::string time_now() {
   return text;
 }
 
+// A file that is here ends when its transfer begins, as it does on any node: a lead takes the end
+// of a file that it has not sent yet for a failure.
+int answer_listed(const release::Installer& installer, const std::string& name) {
+  const int answer = installer.ask(name, std::nullopt);
+  return answer == release::Installer::kPresent ? PKGDIST_GATE_ACCEPT : answer;
+}
+
 int answer(const release::Installer& installer, const GateQuestion& question) {
   if (question.operation == PKGDIST_GATE_DELETE) return EPERM;
-  if (question.operation == PKGDIST_GATE_LISTED) {
-    // A file that is here ends when its transfer begins, as it does on any node: a lead takes the
-    // end of a file that it has not sent yet for a failure.
-    const int listed = installer.ask(std::string(question.name), std::nullopt);
-    return listed == release::Installer::kPresent ? PKGDIST_GATE_ACCEPT : listed;
-  }
-  return installer.ask(std::string(question.name),
-                       release::Installer::Announced{question.size, question.mode,
-                                                     question.kind == PKGDIST_FILE_TYPE_SYMLINK});
+  const std::string name = question.name;
+  if (question.operation == PKGDIST_GATE_LISTED) return answer_listed(installer, name);
+  const release::Installer::Announced announced{question.size, question.mode,
+                                                question.kind == PKGDIST_FILE_TYPE_SYMLINK};
+  const int answer = installer.ask(name, announced);
+  if (answer == release::Installer::kAccept) installer.make_way(name);
+  return answer;
 }
 
 }  // namespace

@@ -92,6 +92,9 @@ class Installer {
     bool link = false;
   };
   int ask(const std::string& path, const std::optional<Announced>& announced) const;
+  // From any thread, when the transfer of a file begins that may be written. A manifest of the
+  // same size and time as an earlier one would be taken for that one.
+  void make_way(const std::string& path) const;
 
   const InstallState& state() const { return state_; }
   // The release that is being fetched, or is ready.

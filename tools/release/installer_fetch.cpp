@@ -1,6 +1,7 @@
 // What the network may bring, and what becomes of it.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,6 +76,11 @@ int Installer::ask(const std::string& path, const std::optional<Announced>& anno
   const bool as_signed = !announced->link && announced->size == entry.size &&
                          (announced->mode & kPermissions) == entry.mode;
   return as_signed ? answer : EPERM;
+}
+
+void Installer::make_way(const std::string& path) const {
+  if (is_release_file(path))
+    (void)unlinkat(place_.get(), (std::string(kIncoming) + "/" + path).c_str(), 0);
 }
 
 // A file of the candidate that is missing.

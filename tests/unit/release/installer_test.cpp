@@ -250,6 +250,16 @@ TEST_F(Install, the_gate_lets_through_what_the_manifest_names_and_nothing_else) 
   EXPECT_EQ(EFBIG, node_->ask(kManifestPath, Installer::Announced{UINT32_MAX, 0644, false}));
 }
 
+TEST_F(Install, a_manifest_that_comes_anew_finds_none_in_its_place) {
+  start();
+  bring(kManifestPath, "an earlier one");
+  bring("a/one", "1");
+  node_->make_way(kManifestPath);
+  node_->make_way("a/one");
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/.pkgdist/manifest"));
+  EXPECT_TRUE(std::filesystem::exists(place_ / ".pkgdist/incoming/a/one"));
+}
+
 TEST_F(Install, a_file_with_another_content_is_refused_and_asked_for_again) {
   start();
   bring_manifest(six_);
