@@ -15,10 +15,12 @@ _pkgdist() {
   commands=$(_pkgdist_section Subcommands "$help" | awk '/^  [a-z]/ { print $1 }')
   options=$(grep -oE '(^|[ ,])--[a-z][a-z-]*' <<<"$help" | tr -d ' ,')
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    if grep -qxF -e "$word" <<<"$commands"; then command=$word; fi
+    if grep -qxF -e "$word" <<<"$commands"; then command=$word; break; fi
   done
   if [ -n "$command" ]; then
-    help+=$'\n'$("$program" "$command" --help 2>/dev/null)
+    word=$("$program" "$command" --help 2>/dev/null)
+    commands=$(_pkgdist_section Subcommands "$word" | awk '/^  [a-z]/ { print $1 }')
+    help+=$'\n'$word
     options=$(grep -oE '(^|[ ,])--[a-z][a-z-]*' <<<"$help" | tr -d ' ,' | sort -u)
   fi
   # The value of an option: of "N=DIR", what follows the sign.
@@ -27,7 +29,7 @@ _pkgdist() {
   fi
   case $current in
     -*) mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current") ;;
-    *) [ -n "$command" ] || mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
+    *) [ -z "$commands" ] || mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
   esac
 }
 

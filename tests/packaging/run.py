@@ -289,6 +289,8 @@ class Service(unittest.TestCase):
                          {"push", "serve", "message", "cancel", "delete", "report", "top", "status",
                           "nodes", "pushes"})
         self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
+        self.assertEqual(self.complete("pkgdist-node", "release", ""),
+                         {"status", "activate", "rollback", "verify", "downgrade"})
         self.assertEqual(self.complete("pkgdist-doctor", "--inter"), {"--interface"})
         self.assertIn("--standby", self.complete("pkgdist-lead", "serve", "--"))
         self.assertIn("--interface", self.complete("pkgdist-lead", "serve", "--"))

@@ -1,49 +1,22 @@
 #include "introduction.h"
 
-#include <fmt/core.h>
-
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
-#include <stdexcept>
 
 #include "base64.h"
+#include "program_messages.h"
 
 namespace pkgdist::cli {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using program_messages::Json;
+using program_messages::line;
+using program_messages::parse;
+using program_messages::short_text;
 
-constexpr size_t kMaxText = 256;
 constexpr size_t kMaxPlaces = 6;
 constexpr double kMaxCommandSeconds = 1e6;
-
-std::string line(const char* kind, const Json& object) {
-  return fmt::format("pkgdist-{} 1 {}\n", kind,
-                     object.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
-// What `read` makes of the object in a message of this kind; nothing when it is another message or
-// `read` throws.
-template <class Read>
-auto parse(std::span<const uint8_t> bytes, const char* kind, Read&& read)
-    -> std::optional<decltype(read(Json()))> {
-  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  const std::string start = fmt::format("pkgdist-{} 1 ", kind);
-  if (!text.starts_with(start) || !text.ends_with('\n')) return std::nullopt;
-  const Json object = Json::parse(text.substr(start.size()), nullptr, false);
-  if (!object.is_object()) return std::nullopt;
-  try {
-    return read(object);
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
-}
-
-std::string short_text(const Json& value) {
-  return value.get<std::string>().substr(0, kMaxText);
-}
 
 std::string name_in(const Json& object) {
   return decode_base64_text(object.get<std::string>());
@@ -165,6 +138,7 @@ std::string introduction_text(const Introduction& introduction) {
   for (const Introduction::Place& place : introduction.places) {
     Json entry{{"location", place.location}, {"memory", place.memory}};
     if (place.free_bytes) entry["free"] = *place.free_bytes;
+    if (place.releases) entry["releases"] = *place.releases;
     places.push_back(entry);
   }
   Json object{{"pid", introduction.pid},         {"host", introduction.host},
@@ -191,6 +165,7 @@ std::optional<Introduction> parse_introduction(std::span<const uint8_t> bytes) {
       place.location = entry.at("location").get<uint32_t>();
       place.memory = entry.value("memory", false);
       if (entry.contains("free")) place.free_bytes = entry.at("free").get<uint64_t>();
+      if (entry.contains("releases")) place.releases = short_text(entry.at("releases"));
     }
     return found;
   });

@@ -4,7 +4,7 @@
 // Each is one line, "pkgdist-KIND 1 " and a JSON object; strings that need not be UTF-8 are in
 // base64:
 //   introduction  {"pid":7,"host":"web-3","version":"0.1.0","answers":true,"trees":true,
-//                  "locations":[{"location":1,"memory":false,"free":123456}],
+//                  "locations":[{"location":1,"memory":false,"free":123456,"releases":"base"}],
 //                  "complete_seconds":300}
 //                 of a node to each lead that it begins to follow; "answers": it answers questions,
 //                 "trees": also directories and list; "complete_seconds": it has a command for the
@@ -50,7 +50,8 @@ struct Introduction {
   struct Place {
     uint32_t location = 0;
     bool memory = false;
-    std::optional<uint64_t> free_bytes;  // that this user may write
+    std::optional<uint64_t> free_bytes;   // that this user may write
+    std::optional<std::string> releases;  // takes signed releases of this name, nothing else
   };
   uint32_t pid = 0;
   std::string host;

@@ -2,64 +2,28 @@
 
 #include <fcntl.h>
 #include <fmt/core.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstring>
+#include <condition_variable>
 #include <deque>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <thread>
 
-#include "stop_signals.h"
-
 namespace pkgdist::cli {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 struct Message {
   std::string bytes;
-  MessageRunner::Environment environment;
+  Environment environment;
   std::string variable;  // names the file with the bytes; empty: they are the standard input
   MessageRunner::OnEnd on_end;
 };
-
-// Fills a file, to be read from its start. False when there is no room for it.
-bool fill(int file, std::string_view bytes) {
-  for (size_t written = 0; written < bytes.size();) {
-    const ssize_t some = ::write(file, bytes.data() + written, bytes.size() - written);
-    if (some <= 0) return false;
-    written += static_cast<size_t>(some);
-  }
-  return ::lseek(file, 0, SEEK_SET) == 0;
-}
 
 // A file with a name, for one command.
 class NamedFile {
@@ -69,8 +33,8 @@ class NamedFile {
     std::error_code error;
     path_ = std::filesystem::temp_directory_path(error).string() + "/pkgdist-XXXXXX";
     if (error) return error.value();
-    const Descriptor file(::mkostemp(path_.data(), O_CLOEXEC));
-    made_ = file.get() >= 0;
+    const Fd file(::mkostemp(path_.data(), O_CLOEXEC));
+    made_ = static_cast<bool>(file);
     return made_ && fill(file.get(), bytes) ? 0 : errno;
   }
   ~NamedFile() {
@@ -82,82 +46,45 @@ class NamedFile {
   const std::string& path() const { return path_; }
 
  private:
+  // False when there is no room for it.
+  static bool fill(int file, std::string_view bytes) {
+    for (size_t written = 0; written < bytes.size();) {
+      const ssize_t some = ::write(file, bytes.data() + written, bytes.size() - written);
+      if (some <= 0) return false;
+      written += static_cast<size_t>(some);
+    }
+    return true;
+  }
+
   std::string path_;
   bool made_ = false;
 };
-
-// "NAME=value", those of this program first unless the message has the name too.
-std::vector<std::string> environment_of(const Message& message) {
-  std::vector<std::string> all;
-  for (const auto& [name, value] : message.environment) all.push_back(name + "=" + value);
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string_view text = *entry;
-    const std::string_view name = text.substr(0, text.find('='));
-    const bool replaced = std::any_of(message.environment.begin(), message.environment.end(),
-                                      [&](const auto& own) { return own.first == name; });
-    if (!replaced) all.emplace_back(text);
-  }
-  return all;
-}
-
-// The shell in a process group of its own, with the usual signals: this program's threads keep some
-// to themselves. An errno, or 0 and the child.
-int spawn_shell(const std::string& command, const Message& message, int input, pid_t& child) {
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t set;
-  sigemptyset(&set);
-  posix_spawnattr_setsigmask(&attributes, &set);
-  // The server of --metrics ignores broken pipes; a command shall not.
-  sigaddset(&set, SIGPIPE);
-  posix_spawnattr_setsigdefault(&attributes, &set);
-  posix_spawnattr_setpgroup(&attributes, 0);
-  posix_spawnattr_setflags(&attributes,
-                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-  std::string shell = "sh", option = "-c", text = command;
-  char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
-  std::vector<std::string> environment = environment_of(message);
-  std::vector<char*> pointers;
-  for (std::string& entry : environment) pointers.push_back(entry.data());
-  pointers.push_back(nullptr);
-  const int error =
-      ::posix_spawn(&child, "/bin/sh", &files, &attributes, arguments, pointers.data());
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&files);
-  return error;
-}
 
 }  // namespace
 
 class MessageRunner::Impl {
  public:
-  Impl(RunnerOptions options, Report report)
-      : options_(std::move(options)),
-        report_(std::move(report)),
-        wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wake_.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-    if (!options_.command.empty()) thread_ = std::thread([this] { run(); });
+  Impl(const RunnerOptions& options, Report report)
+      : command_{options.command, options.limit_seconds, options.limit_option},
+        report_(std::move(report)) {
+    if (!command_.text.empty()) thread_ = std::thread([this] { run(); });
   }
 
   ~Impl() {
     if (!thread_.joinable()) return;
     {
       const std::lock_guard lock(mutex_);
-      ended_ = true;
+      end_.set();
     }
-    wake();
+    changed_.notify_one();
     thread_.join();
     if (!queue_.empty())
-      report_(fmt::format("{} messages were not handed to '{}'", queue_.size(), options_.command));
+      report_(fmt::format("{} messages were not handed to '{}'", queue_.size(), command_.text));
   }
 
   void add(std::string_view bytes, Message message) {
-    if (options_.command.empty() || take(bytes, message)) return;
-    report(message,
-           fmt::format("too many messages wait for '{}': one is dropped", options_.command));
+    if (command_.text.empty() || take(bytes, message)) return;
+    report(message, fmt::format("too many messages wait for '{}': one is dropped", command_.text));
   }
 
  private:
@@ -167,7 +94,7 @@ class MessageRunner::Impl {
     queued_bytes_ += bytes.size();
     message.bytes = bytes;
     queue_.push_back(std::move(message));
-    wake();
+    changed_.notify_one();
     return true;
   }
 
@@ -176,21 +103,13 @@ class MessageRunner::Impl {
     if (message.on_end) message.on_end(failure);
   }
 
-  void wake() {
-    const uint64_t one = 1;
-    (void)!::write(wake_.get(), &one, sizeof one);
-  }
-
   // --- On the thread ---
 
-  bool ended() {
-    const std::lock_guard lock(mutex_);
-    return ended_;
-  }
-
+  // Waits for it; nothing at the end.
   std::optional<Message> next() {
-    const std::lock_guard lock(mutex_);
-    if (ended_ || queue_.empty()) return std::nullopt;
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return end_.is_set() || !queue_.empty(); });
+    if (end_.is_set()) return std::nullopt;
     Message message = std::move(queue_.front());
     queue_.pop_front();
     queued_bytes_ -= message.bytes.size();
@@ -199,89 +118,33 @@ class MessageRunner::Impl {
 
   void run() {
     (void)pthread_setname_np(pthread_self(), "MESSAGES");
-    while (!ended()) {
-      if (std::optional<Message> message = next())
-        run_for(*message);
-      else
-        wait(-1, -1);
-    }
-  }
-
-  // Until `fd` (-1: nothing) is readable, somebody calls wake(), or the time is over (-1: no
-  // limit).
-  void wait(int fd, int milliseconds) {
-    pollfd fds[2] = {{fd, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-    if (::poll(fds, 2, milliseconds) <= 0) return;
-    uint64_t count = 0;
-    if (fds[1].revents != 0) (void)!::read(wake_.get(), &count, sizeof count);
+    while (std::optional<Message> message = next()) run_for(*message);
   }
 
   void run_for(Message& message) {
-    const Descriptor input(::memfd_create("pkgdist-message", MFD_CLOEXEC));
     NamedFile file;
-    pid_t child = 0;
-    const bool named = !message.variable.empty();
-    int error = input.get() >= 0 && fill(input.get(), named ? "" : message.bytes) ? 0 : errno;
-    if (error == 0 && named) {
-      error = file.make(message.bytes);
+    ShellOutcome outcome;
+    if (message.variable.empty()) {
+      outcome = run_shell(command_, message.bytes, message.environment, end_);
+    } else if (const int error = file.make(message.bytes); error != 0) {
+      outcome = {ShellOutcome::End::kNotStarted, error};
+    } else {
       message.environment.emplace_back(message.variable, file.path());
+      outcome = run_shell(command_, "", message.environment, end_);
     }
-    if (error == 0) error = spawn_shell(options_.command, message, input.get(), child);
-    if (error != 0)
-      return report(message, fmt::format("'{}' could not be started: {}", options_.command,
-                                         std::strerror(error)));
-    await(child, message);
+    const std::string trouble = trouble_text(command_, outcome);
+    if (outcome.end == ShellOutcome::End::kLeft) return report_(trouble);
+    if (!trouble.empty()) return report(message, trouble);
+    if (message.on_end) message.on_end("");
   }
 
-  void await(pid_t child, const Message& message) {
-    constexpr int kLookMs = 20;  // where the system has no descriptors of processes
-    const Descriptor end(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-    auto deadline = Clock::now() + seconds(options_.limit_seconds);
-    int ends_sent = 0;
-    for (;;) {
-      int status = 0;
-      if (::waitpid(child, &status, WNOHANG) != 0) return tell(message, status, ends_sent != 0);
-      if (ended()) return leave(child);
-      if (Clock::now() >= deadline) {
-        ::kill(-child, ends_sent++ == 0 ? SIGTERM : SIGKILL);
-        deadline = Clock::now() + seconds(kKillSeconds);
-      }
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-      const auto wait_ms = static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));
-      wait(end.get(), end.get() < 0 ? std::min(kLookMs, wait_ms) : wait_ms);
-    }
-  }
-
-  void leave(pid_t child) {
-    ::kill(-child, SIGTERM);
-    report_(fmt::format("'{}' still runs: it is told to end (SIGTERM)", options_.command));
-  }
-
-  void tell(const Message& message, int status, bool too_long) {
-    if (too_long)
-      report(message, fmt::format("'{}' was ended: it took longer than {} s ({})", options_.command,
-                                  options_.limit_seconds, options_.limit_option));
-    else if (WIFSIGNALED(status))
-      report(message,
-             fmt::format("'{}' was ended by {}", options_.command, signal_name(WTERMSIG(status))));
-    else if (WEXITSTATUS(status) != 0)
-      report(message,
-             fmt::format("'{}' ended with exit status {}", options_.command, WEXITSTATUS(status)));
-    else if (message.on_end)
-      message.on_end("");
-  }
-
-  static Clock::duration seconds(double value) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(value));
-  }
-
-  const RunnerOptions options_;
+  const ShellCommand command_;
   const Report report_;
-  const Descriptor wake_;
+  Interruption end_;
   std::mutex mutex_;  // of these
+  std::condition_variable changed_;
   std::deque<Message> queue_;
   size_t queued_bytes_ = 0;
-  bool ended_ = false;
   std::thread thread_;
 };
 

@@ -1,26 +1,23 @@
 // --on-message and --on-complete: runs a shell command for each message or push, one after the
 // other, on a thread of its own, so that neither a lead nor a node ever waits for a command. The
-// message is the command's standard input, by a file in memory.
-//
-// A command that fails is reported, with its exit status or signal. One that takes longer than the
-// time limit is ended with all processes of its group: SIGTERM, and SIGKILL after kKillSeconds.
+// message is the command's standard input. A command that fails or takes longer than the time limit
+// is reported (shell_command.h).
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "cli_common.h"
+#include "shell_command.h"
 
 namespace pkgdist::cli {
 
 struct RunnerOptions {
   std::string command;  // empty: messages are not handed to anything
   double limit_seconds = 300;
-  std::string limit_option = "--message-timeout";
+  const char* limit_option = "--message-timeout";
 };
 
 // Adds --on-message and --message-timeout. `help` says what the command gets.
@@ -30,13 +27,9 @@ void add_completion_options(CLI::App& command, RunnerOptions& options, const std
 
 class MessageRunner {
  public:
-  // From SIGTERM to SIGKILL.
-  static constexpr double kKillSeconds = 2;
   // Bytes of messages that may wait while a command runs; more are told and dropped.
   static constexpr size_t kMaxQueuedBytes = size_t{64} << 20;
 
-  // Names and values, beside the environment of this program.
-  using Environment = std::vector<std::pair<std::string, std::string>>;
   // Hears what went wrong; on the runner's thread, or on that of the caller of add().
   using Report = std::function<void(const std::string&)>;
 

@@ -9,6 +9,7 @@ int run_command(const NodeOptions& options);
 int get_command(const NodeOptions& options);
 int send_command(const NodeOptions& options);
 int status_command(const NodeOptions& options);
+int release_command(const NodeOptions& options);
 int firewall_command(const NodeOptions& options);
 
 }  // namespace pkgdist::node_program

@@ -8,6 +8,7 @@
 
 #include "last_error.h"
 #include "pkgdist/statistics.h"
+#include "release_report.h"
 #include "stop_signals.h"
 
 namespace pkgdist::node_program {
@@ -67,9 +68,11 @@ nlohmann::ordered_json identity_fields(const NodeOptions& options) {
   const cli::CommonOptions& common = options.common;
   const std::array<uint32_t, 3> id = node_id_of(options);
   Json locations = Json::array();
-  for (const auto& [number, location] : common.locations)
+  for (const auto& [number, location] : common.locations) {
     locations.push_back(
         {{"location", number}, {"path", path_of(location)}, {"memory", location.memory}});
+    if (!options.releases.name.empty()) locations.back()["releases"] = options.releases.name;
+  }
   return {{"address", cli::format_address(common.interface)},
           {"node_id", fmt::format("{}/{}/{}", id[0], id[1], id[2])},
           {"card_class", options.card_class},
@@ -124,6 +127,9 @@ void EventPrinter::listening(const NodeOptions& options) {
                   cli::format_address(common.interface), id[0], id[1], id[2], options.card_class,
                   cli::format_endpoint(common.ctrl_group), cli::format_endpoint(common.data_group),
                   common.node_port));
+  if (!options.releases.name.empty())
+    say(fmt::format("takes releases of '{}' and nothing else, installed in {}",
+                    options.releases.name, options.releases.place));
   for (const auto& [number, location] : common.locations)
     say(fmt::format("location {}: {}{}", number,
                     location.memory ? "shared memory, names with " : "", path_of(location)));
@@ -170,6 +176,7 @@ void EventPrinter::file_ended(uint64_t status, const char* path, uint32_t locati
   // Before the partial file goes and makes room.
   const std::string text = storage_trouble_->text(location, path, status);
   partial_files_->on_ended(location, path, status);
+  if (on_file_ended) on_file_ended(location, path, status == 0 ? "" : text);
   file_told(status, text, path, location, xact_id);
   if (status == 0 && on_file_complete) on_file_complete(xact_id, path);
 }
@@ -236,6 +243,11 @@ void EventPrinter::interface_changed(const cli::InterfaceChange& change) {
                                 {"interface", change.now.name},
                                 {"state", change.state()}});
   cli::complain(change.text());
+}
+
+void EventPrinter::release(const cli::ReleaseState& state) {
+  json_.print("installation", release_fields(state));
+  say(release_line(state));
 }
 
 void EventPrinter::error(const std::string& text) {

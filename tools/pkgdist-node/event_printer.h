@@ -15,6 +15,7 @@
 #include "node_options.h"
 #include "partial_files.h"
 #include "pkgdist/pkgdist_recv.h"
+#include "release_messages.h"
 
 namespace pkgdist::node_program {
 
@@ -48,7 +49,8 @@ class EventPrinter {
   void removed(uint32_t location, const std::vector<std::string>& names);
   void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
-  // From any thread.
+  // Both from any thread.
+  void release(const cli::ReleaseState& state);
   void error(const std::string& text);
   // A stop signal ends what has no end of its own.
   void stopped();
@@ -57,6 +59,10 @@ class EventPrinter {
 
   bool lead_is_known() const { return lead_is_known_; }
   uint32_t lead() const { return lead_; }  // the address, 0 before there is one
+
+  // Hears of each file that the lead pushed: "" when it has come, or why it has not.
+  std::function<void(uint32_t location, const std::string& path, const std::string& trouble)>
+      on_file_ended;
 
   // Hears of leads and transactions, too, when there is one. It must outlive this object.
   void set_lead_talk(LeadTalk* talk) { lead_talk_ = talk; }

@@ -90,8 +90,10 @@ void LeadTalk::introduce() const {
   own.answers = true;
   own.trees = static_cast<bool>(takes_question);
   own.complete_seconds = complete_seconds;
-  for (const auto& [number, location] : options_.locations)
-    own.places.push_back({number, location.memory, free_bytes(location)});
+  for (const auto& [number, location] : options_.locations) {
+    own.places.push_back({number, location.memory, free_bytes(location), std::nullopt});
+    if (!releases_.name.empty()) own.places.back().releases = releases_.name;
+  }
   send_to_lead(cli::introduction_text(own));
 }
 
@@ -130,6 +132,7 @@ std::string LeadTalk::state_of(uint32_t number, const std::string& name, bool re
   if (is_absent(seen) && parent)
     return state_text(seen_on_disk(location->second.path, name + ".tmp", parent));
   if (!remove || seen.error != 0 || !S_ISDIR(seen.mode)) return state_text(seen);
+  if (!releases_.name.empty()) return error_text(EPERM);
   const std::string last = name.substr(name.rfind('/') + 1);
   if (last == "." || last == "..") return "not a name";
   std::error_code error;

@@ -17,12 +17,14 @@
 
 namespace pkgdist::node_program {
 
-// A message of class 5, which the library repeats until the lead has it. From any thread.
+// A message of class 5, which the library repeats until the lead has it; lost when there is no
+// lead. From any thread.
 void send_to_lead(const std::string& text);
 
 class LeadTalk {
  public:
-  explicit LeadTalk(const cli::CommonOptions& options) : options_(options) {}
+  explicit LeadTalk(const NodeOptions& options)
+      : options_(options.common), releases_(options.releases) {}
 
   // A lead was heard that was not before.
   void introduce() const;
@@ -46,6 +48,7 @@ class LeadTalk {
   std::string state_of(uint32_t location, const std::string& name, bool remove) const;
 
   const cli::CommonOptions& options_;
+  const ReleaseOptions& releases_;
   std::set<uint32_t> open_;  // transactions of leads
 };
 

@@ -1,6 +1,6 @@
 // pkgdist-node: receives what the lead pushes (run), asks it for files (get), sends it a message
-// (send), or shows the state of the running node (status); or prints packet filter rules for its host
-// (firewall).
+// (send), or shows the state of the running node (status, release); or prints packet filter rules
+// for its host (firewall).
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
@@ -18,6 +18,8 @@ int main(int argc, char** argv) {
         return node_program::send_command(options);
       case node_program::Command::kStatus:
         return node_program::status_command(options);
+      case node_program::Command::kRelease:
+        return node_program::release_command(options);
       case node_program::Command::kFirewall:
         return node_program::firewall_command(options);
       default:

@@ -15,8 +15,13 @@ using Json = nlohmann::ordered_json;
 
 constexpr double kAnswerSeconds = 15;
 
-// The next line; a refusal is thrown. Nothing when a stop signal came.
-std::optional<Json> next(cli::LineConnection& node) {
+void print(const std::string& line) {
+  cli::standard_output().line(line, cli::Output::Kind::kResult);
+}
+
+}  // namespace
+
+std::optional<Json> next_line(cli::LineConnection& node) {
   std::optional<Json> line;
   try {
     line = node.next(-1);
@@ -28,11 +33,10 @@ std::optional<Json> next(cli::LineConnection& node) {
   return line;
 }
 
-void print(const std::string& line) {
-  cli::standard_output().line(line, cli::Output::Kind::kResult);
+std::string no_node_text(const NodeOptions& options) {
+  return fmt::format("no node runs here with {}:{}", cli::format_address(options.common.interface),
+                     options.common.node_port);
 }
-
-}  // namespace
 
 int get_through(cli::LineConnection& node, const NodeOptions& options) {
   Json paths = Json::array();
@@ -49,7 +53,7 @@ int get_through(cli::LineConnection& node, const NodeOptions& options) {
   node.send(request);
   EventPrinter printer(options);
   size_t ended = 0;
-  while (const auto line = next(node)) {
+  while (const auto line = next_line(node)) {
     if (line->value("event", "") == "file") {
       ++ended;
       printer.file_told(line->at("status"), line->at("text"),
@@ -76,7 +80,7 @@ int send_through(cli::LineConnection& node, const NodeOptions& options,
              {"data", cli::encode_base64(std::string_view(message))},
              {"timeout", options.timeout_seconds}});
   EventPrinter printer(options);
-  const auto line = next(node);
+  const auto line = next_line(node);
   if (!line || line->at("silent").get<bool>()) {
     printer.gave_up("the lead has not acknowledged the message", options.timeout_seconds);
     return cli::kExitFailure;
@@ -88,10 +92,7 @@ int send_through(cli::LineConnection& node, const NodeOptions& options,
 
 int status_command(const NodeOptions& options) {
   auto node = connect_to_node(options);
-  if (!node)
-    throw std::runtime_error(fmt::format("no node runs here with {}:{}",
-                                         cli::format_address(options.common.interface),
-                                         options.common.node_port));
+  if (!node) throw std::runtime_error(no_node_text(options));
   node->send({{"command", "status"}});
   Json status = node->answer(kAnswerSeconds);
   status.erase("event");

@@ -6,6 +6,9 @@
 #include <charconv>
 #include <cstdio>
 
+#include "manifest.h"
+#include "refusal.h"
+
 namespace pkgdist::node_program {
 
 namespace {
@@ -32,10 +35,65 @@ uint32_t parse_umask(const std::string& text) {
   return mask;
 }
 
+// "NAME=DIR", or "2:NAME=DIR" for another location than 1.
+void parse_releases(const std::string& text, ReleaseOptions& options) {
+  constexpr uint32_t kLastLocation = 6;
+  const size_t equals = text.find('=');
+  const std::string head = text.substr(0, equals);
+  const size_t colon = head.find(':');
+  const size_t start = colon == std::string::npos ? 0 : colon + 1;
+  bool good = equals != std::string::npos && equals + 1 < text.size() && start < head.size();
+  if (start != 0) {
+    const auto result = std::from_chars(head.data(), head.data() + colon, options.location);
+    good = good && result.ec == std::errc() && result.ptr == head.data() + colon &&
+           options.location >= 1 && options.location <= kLastLocation;
+  }
+  if (!good)
+    throw CLI::ValidationError(
+        fmt::format("--releases: not NAME=DIR or N:NAME=DIR with N from 1 to 6: '{}'", text));
+  options.name = head.substr(start);
+  options.place = text.substr(equals + 1);
+  try {
+    release::check_name(options.name);
+  } catch (const release::Refused& refused) {
+    throw CLI::ValidationError(fmt::format("--releases: {}", refused.what()));
+  }
+}
+
 void add_timeout(CLI::App& command, NodeOptions& options, const std::string& help) {
   command.add_option("--timeout", options.timeout_seconds, help)
       ->type_name("SECONDS [60]")
       ->check(CLI::Range(0.1, kLongestTimeoutSeconds));
+}
+
+// What makes the node take signed releases and nothing else.
+void add_release_mode(CLI::App& run, ReleaseOptions& options) {
+  CLI::Option* releases = run.add_option_function<std::string>(
+      "--releases", [&options](const std::string& text) { parse_releases(text, options); },
+      "take signed releases of this name, nothing else, and install them in this directory");
+  releases->type_name("[N:]NAME=DIR");
+  CLI::Option* keys =
+      run.add_option("--keys", options.keys,
+                     "public key of minisign, or a directory of which all NAME.pub are trusted");
+  keys->type_name("FILE|DIR");
+  releases->needs(keys);
+  const auto needing = [&](CLI::Option* option) { return option->needs(releases); };
+  keys->needs(releases);
+  needing(run.add_option("--state", options.state_directory,
+                         "where the installed version is remembered; outside of the releases"))
+      ->type_name("DIR [/var/lib/pkgdist/release, $STATE_DIRECTORY]");
+  needing(run.add_flag("--hardlink", options.hard_links,
+                       "releases share unchanged files: for trees that nobody writes"));
+  needing(run.add_flag("--enforce-expiry", options.enforce_expiry,
+                       "refuse releases that have expired by this host's clock"));
+  needing(run.add_option("--health", options.health,
+                         "shell command that decides whether an activated release stays; "
+                         "PKGDIST_RELEASE_DIRECTORY, _NAME and _VERSION say which it is"))
+      ->type_name("COMMAND");
+  needing(run.add_option("--health-timeout", options.health_seconds,
+                         "how long the command of --health may take"))
+      ->type_name("SECONDS [60]")
+      ->check(CLI::Range(0.1, 1e6));
 }
 
 void add_run(CLI::App& app, NodeOptions& options) {
@@ -53,6 +111,7 @@ void add_run(CLI::App& app, NodeOptions& options) {
       "shell command to run when a push has ended; PKGDIST_NAMES_FILE is a file with the names of "
       "what this node has of it, each with a zero byte behind it, PKGDIST_STATUS is 0 when that is "
       "everything, otherwise 1, PKGDIST_TRANSACTION and PKGDIST_LOCATION are numbers");
+  add_release_mode(*run, options.releases);
   run->callback([&options] { options.command = Command::kRun; });
 }
 
@@ -90,6 +149,32 @@ void add_status(CLI::App& app, NodeOptions& options) {
   CLI::App* status = app.add_subcommand("status", "show the state of the node of this host");
   status->fallthrough();
   status->callback([&options] { options.command = Command::kStatus; });
+}
+
+void add_release(CLI::App& app, NodeOptions& options) {
+  CLI::App* release =
+      app.add_subcommand("release", "tell how releases stand on this host, activate, go back");
+  release->fallthrough();
+  release->require_subcommand(1);
+  const auto add = [&](ReleaseCommand command, const char* help) {
+    CLI::App* one =
+        release->add_subcommand(kReleaseCommands.at(static_cast<size_t>(command)), help);
+    one->fallthrough();
+    one->callback([&options, command] {
+      options.command = Command::kRelease;
+      options.release_command = command;
+    });
+    return one;
+  };
+  add(ReleaseCommand::kStatus, "tell which release is current, and which is coming");
+  add(ReleaseCommand::kActivate, "switch to the release that is ready");
+  add(ReleaseCommand::kRollback, "switch to the previous release");
+  add(ReleaseCommand::kVerify, "read every file of the current release again");
+  add(ReleaseCommand::kDowngrade,
+      "let this version be installed once, although it is older or has failed")
+      ->add_option("VERSION", options.release_version, "version")
+      ->required()
+      ->check(CLI::PositiveNumber);
 }
 
 void add_firewall(CLI::App& app, NodeOptions& options) {
@@ -137,6 +222,7 @@ void add_node_options(CLI::App& app, NodeOptions& options) {
   add_get(app, options);
   add_send(app, options);
   add_status(app, options);
+  add_release(app, options);
   add_firewall(app, options);
 }
 

@@ -11,7 +11,26 @@
 
 namespace pkgdist::node_program {
 
-enum class Command { kRun, kGet, kSend, kFirewall, kStatus };
+enum class Command { kRun, kGet, kSend, kFirewall, kStatus, kRelease };
+
+// Of run, when the node takes signed releases and nothing else.
+struct ReleaseOptions {
+  uint32_t location = 1;
+  std::string name;   // of the releases; empty: no release mode
+  std::string place;  // directory where they are installed
+  std::string keys;   // file or directory
+  std::string state_directory;
+  bool hard_links = false;
+  bool enforce_expiry = false;
+  std::string health;  // shell command; empty: none
+  double health_seconds = 60;
+};
+
+// What `release` asks the node for that runs.
+enum class ReleaseCommand { kStatus, kActivate, kRollback, kVerify, kDowngrade };
+// Their names, in this order.
+inline constexpr std::array kReleaseCommands{"status", "activate", "rollback", "verify",
+                                             "downgrade"};
 
 struct NodeOptions {
   cli::CommonOptions common;
@@ -28,6 +47,7 @@ struct NodeOptions {
   uint32_t repair_interval_ms = 100;
   cli::RunnerOptions on_message;
   cli::RunnerOptions on_complete;
+  ReleaseOptions releases;
 
   // get
   std::vector<std::string> paths;
@@ -39,6 +59,10 @@ struct NodeOptions {
   // send
   uint32_t message_class = 2;
   std::string message;
+
+  // release
+  ReleaseCommand release_command = ReleaseCommand::kStatus;
+  uint64_t release_version = 0;  // of downgrade
 
   // firewall
   std::vector<uint32_t> leads;

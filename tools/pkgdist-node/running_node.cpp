@@ -2,12 +2,14 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <stdexcept>
 
 #include "base64.h"
 #include "last_error.h"
+#include "release_report.h"
 
 namespace pkgdist::node_program {
 
@@ -70,21 +72,24 @@ class RunningNode::Job {
 
 class RunningNode::GetJob : public Job {
  public:
-  GetJob(Client client, const Json& request, const NodeOptions& options, Node& node)
+  GetJob(Client client, const Json& request, const NodeOptions& options, Node& node,
+         const EventPrinter& printer)
       : Job(std::move(client)),
-        files_(
-            wanted(request, options), node.loop(),
-            [this, &node](uint64_t status, const char* path, uint32_t location, uint32_t number) {
-              // Before the partial file goes and makes room.
-              const std::string text = node.storage_trouble().text(location, path, status);
-              node.partial_files().on_ended(location, path, status);
-              client_->say({{"event", "file"},
-                            {"path", cli::encode_base64(std::string_view(path))},
-                            {"location", location},
-                            {"transaction", number},
-                            {"status", status},
-                            {"text", text}});
-            }),
+        files_(wanted(request, options), node.loop(),
+               [this, &node, &printer](uint64_t status, const char* path, uint32_t location,
+                                       uint32_t number) {
+                 // Before the partial file goes and makes room.
+                 const std::string text = node.storage_trouble().text(location, path, status);
+                 node.partial_files().on_ended(location, path, status);
+                 if (printer.on_file_ended)
+                   printer.on_file_ended(location, path, status == 0 ? "" : text);
+                 client_->say({{"event", "file"},
+                               {"path", cli::encode_base64(std::string_view(path))},
+                               {"location", location},
+                               {"transaction", number},
+                               {"status", status},
+                               {"text", text}});
+               }),
         silence_(timeout_of(request), heard_about_files) {}
 
   void run(bool lead_is_known) override {
@@ -168,18 +173,56 @@ class RunningNode::SendJob : public Job {
   bool waits_ = false;
 };
 
+class RunningNode::ReleaseJob : public Job {
+ public:
+  ReleaseJob(Client client, const Json& request, ReleaseService* service)
+      : Job(std::move(client)), done_(ask(request, service)) {}
+
+  void run(bool) override {
+    if (ended() || done_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return;
+    try {
+      Json answer{{"event", "installation"}};
+      answer.update(release_fields(done_.get()));
+      client_->finish(answer);
+    } catch (const std::future_error&) {
+      client_->refuse("the node ends");
+    }
+  }
+  bool called_back() const override { return false; }
+
+ private:
+  static std::future<cli::ReleaseState> ask(const Json& request, ReleaseService* service) {
+    if (service == nullptr)
+      throw std::runtime_error("the node that runs here takes no releases (--releases)");
+    const std::string what = request.at("what").get<std::string>();
+    const auto found = std::find(std::begin(kReleaseCommands), std::end(kReleaseCommands), what);
+    if (found == std::end(kReleaseCommands)) throw std::runtime_error("no such release command");
+    const auto command = static_cast<ReleaseCommand>(found - std::begin(kReleaseCommands));
+    if (command != ReleaseCommand::kStatus)
+      return service->command(command, request.value("version", uint64_t{0}));
+    std::promise<cli::ReleaseState> now;
+    now.set_value(service->state());
+    return now.get_future();
+  }
+
+  std::future<cli::ReleaseState> done_;
+};
+
 // --- The node's side ---
 
 RunningNode::RunningNode(const NodeOptions& options, Node& node, EventPrinter& printer,
-                         const LeadTalk& talk)
+                         const LeadTalk& talk, ReleaseService* releases)
     : options_(options),
       node_(node),
       printer_(printer),
       talk_(talk),
+      releases_(releases),
       server_(
           path_for(options), poller_, kMaxLine,
           [this](const Client& client, const std::string& line) { return on_line(client, line); },
           [this](const std::string& text) { printer_.error(text); }) {
+  if (releases_ != nullptr)
+    poller_.add(releases_->wake_fd(), EPOLLIN, [this] { releases_->take_wake(); });
   node_.run_beside(&poller_, [this] { run(); });
 }
 
@@ -196,9 +239,11 @@ bool RunningNode::on_line(const Client& client, const std::string& line) {
     say_status(*client);
     client->finish();
   } else if (command == "get") {
-    jobs_.push_back(std::make_unique<GetJob>(client, request, options_, node_));
+    jobs_.push_back(std::make_unique<GetJob>(client, request, options_, node_, printer_));
   } else if (command == "send") {
     jobs_.push_back(std::make_unique<SendJob>(client, request, node_));
+  } else if (command == "release") {
+    jobs_.push_back(std::make_unique<ReleaseJob>(client, request, releases_));
   } else {
     throw std::runtime_error("no such command");
   }
@@ -221,9 +266,10 @@ void RunningNode::run() {
 }
 
 std::unique_ptr<RunningNode> open_control(const NodeOptions& options, Node& node,
-                                          EventPrinter& printer, const LeadTalk& talk) {
+                                          EventPrinter& printer, const LeadTalk& talk,
+                                          ReleaseService* releases) {
   try {
-    return std::make_unique<RunningNode>(options, node, printer, talk);
+    return std::make_unique<RunningNode>(options, node, printer, talk, releases);
   } catch (const cli::SocketTaken&) {
     throw;
   } catch (const std::runtime_error& error) {

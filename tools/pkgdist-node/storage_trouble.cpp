@@ -104,6 +104,7 @@ std::string StorageTrouble::reason(uint32_t location, const std::string& name,
   // What becomes of a file when its directory cannot be made, or its partial file is gone.
   if (!is_status_of(status, ENOENT) && !is_status_of(status, EACCES)) return "";
   if (at.read_only) return at.sealed();
+  if (at.free_bytes == 0 && at.bytes != 0) return at.full();
   return at.no_inodes ? at.out_of_inodes() : "";
 }
 

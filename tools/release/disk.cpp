@@ -56,6 +56,21 @@ void Disk::rename(int from_at, const std::string& from, int to_at, const std::st
   if (renameat(from_at, from.c_str(), to_at, to.c_str()) != 0) throw_errno("renaming", from);
 }
 
+void Disk::replace(int at, const std::string& directory, const std::string& path) const {
+  before("replace");
+  if (renameat2(at, directory.c_str(), at, path.c_str(), RENAME_EXCHANGE) == 0)
+    return remove(at, directory);
+  if (errno != ENOENT) remove(at, path);
+  rename(at, directory, at, path);
+}
+
+bool Disk::hard_link(int file, int at, const std::string& path) const {
+  remove(at, path);
+  before("hard link");
+  const std::string name = "/proc/self/fd/" + std::to_string(file);
+  return linkat(AT_FDCWD, name.c_str(), at, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
 void Disk::make_link(const std::string& target, int at, const std::string& path) const {
   before("make link");
   if (symlinkat(target.c_str(), at, path.c_str()) != 0) throw_errno("making link", path);

@@ -26,6 +26,10 @@ class Disk {
   void remove(int at, const std::string& path) const;
   // Replaces the file at once, and is on the disk when this returns.
   void write_file(int at, const std::string& path, std::string_view text) const;
+  // The directory takes the name, at once where the file system can; what has it now is removed.
+  void replace(int at, const std::string& directory, const std::string& path) const;
+  // Another name of the file. False when the file system does not want that.
+  bool hard_link(int file, int at, const std::string& path) const;
   // A new file with the content of the other: shared blocks where the file system can, else a copy.
   void copy(int from, int at, const std::string& path) const;
   void set_mode(int at, const std::string& path, unsigned mode) const;

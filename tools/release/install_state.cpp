@@ -35,6 +35,8 @@ void read_line(InstallState& state, const std::string& line) {
     uint64_t version = 0;
     fields >> key >> version;
     state.floors[key] = version;
+  } else if (what == "allowed") {
+    fields >> state.allowed.emplace();
   } else if (what == "bad") {
     std::string digest;
     fields >> digest;
@@ -60,6 +62,7 @@ std::string format(const InstallState& state) {
     text += fmt::format("trial {} {}\n", state.trial->version, to_hex(state.trial->manifest));
   for (const auto& [key, version] : state.floors)
     text += fmt::format("floor {} {}\n", key, version);
+  if (state.allowed) text += fmt::format("allowed {}\n", *state.allowed);
   for (const Digest& digest : state.bad) text += fmt::format("bad {}\n", to_hex(digest));
   return text + "end\n";
 }

@@ -24,6 +24,7 @@ struct InstallState {
   std::optional<InstalledRelease> trial;      // activated and not confirmed
   std::map<std::string, uint64_t> floors;     // by key
   std::set<Digest> bad;                       // manifests that failed
+  std::optional<uint64_t> allowed;            // version that is taken once by the owner's command
   bool operator==(const InstallState&) const = default;
 };
 

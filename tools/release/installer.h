@@ -2,30 +2,32 @@
 // `current` names one whole and checked tree.
 //
 //   PLACE/current -> .pkgdist/releases/7-...     PLACE/previous -> .pkgdist/releases/6-...
-//   PLACE/.pkgdist/incoming/                     what the network delivers; nothing there is
-//   believed PLACE/.pkgdist/staging/7-.../                the tree that is being made, mode 0700
-//   PLACE/.pkgdist/releases/7-.../               whole and checked trees
+//   PLACE/.pkgdist/incoming/       what the network delivers; nothing there is believed
+//   PLACE/.pkgdist/staging/7-.../  the tree that is being made, mode 0700
+//   PLACE/.pkgdist/releases/7-.../ whole and checked trees
 //
 //   check()      the manifest, its signature and leaf file come out of incoming, and everything
-//   that
-//                `current` has already is copied into staging
+//                that `current` has already is copied into staging
 //   arrived()    a file came: it is checked and moved to staging. The last one makes the release
 //                ready: staging is compared with the manifest, written to the disk, and renamed
 //   activate()   on trial: `current` names the release
 //   confirm()    it stays: its floor counts from now on
-//   fail()       `current` names the previous one again, and this manifest is never taken again
+//   fail()       `current` names the previous one again, and this manifest is not taken again
 //
 // A trial that a restart interrupts has failed. The files of staging are hashed again after a
-// restart, whatever an earlier process knew of them.
+// restart, whatever an earlier process knew of them, and after a failure of the disk: the next
+// check() goes on with what is whole.
 //
 // ask() may be called from any thread; everything else from one. Functions throw Refused with the
 // reason, std::runtime_error when the disk fails; what was current stays.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "content.h"
@@ -43,24 +45,39 @@ struct InstallerOptions {
   std::string state_directory;  // exists; outside of the place
   std::vector<PublicKey> keys;
   SetId set_id = SetId::kRefused;
-  // 2027-11-21T00:00:00Z: releases that have expired by then are refused.
-  std::optional<std::string> now;
+  // Files that a release has in common with the current one share their inodes: for trees that
+  // nobody writes. Otherwise they share blocks where the file system can, and are copied elsewhere.
+  bool hard_links = false;
+  // Bytes of the longest path that the network can deliver.
+  size_t longest_path = kMaxPathBytes;
+  // The time, as 2027-11-21T00:00:00Z: releases that have expired are refused. Null: they are not.
+  std::function<std::string()> now;
 };
 
 class Installer {
  public:
   Installer(InstallerOptions options, Disk disk);
 
-  // Once, first: ends what a crash interrupted.
+  // Once, first: ends what a crash interrupted. Quick.
   void recover();
+  // Once, next: goes on with a release that an earlier process was making. May take long.
+  void resume();
 
-  void check();
+  // `ordered`: the release that is expected. Nothing is done when it is the installed one or the
+  // candidate already, and one that was begun earlier needs no manifest in incoming.
+  void check(const std::optional<InstalledRelease>& ordered = std::nullopt);
+  // A path that is not expected, or not there, is passed over. Refused(kContent): it has another
+  // content, and is deleted.
   void arrived(const std::string& path);
+  // arrived() for everything of the candidate that stands in incoming. What was refused, and why.
+  std::vector<std::pair<std::string, std::string>> collect();
   void activate();
   void confirm();
   void fail();
   // By command of the host's owner: the previous release is the installed one. Returns it.
   InstalledRelease roll_back();
+  // By command: this version is taken once, although it is older, below the floor, or failed.
+  void allow(uint64_t version);
   // By command: every file of the current release is read again. What differs; nothing when it is
   // whole.
   std::vector<std::string> verify() const;
@@ -75,12 +92,21 @@ class Installer {
     bool link = false;
   };
   int ask(const std::string& path, const std::optional<Announced>& announced) const;
+  // From any thread, when the transfer of a file begins that may be written. A manifest of the
+  // same size and time as an earlier one would be taken for that one.
+  void make_way(const std::string& path) const;
 
   const InstallState& state() const { return state_; }
   // The release that is being fetched, or is ready.
   const std::optional<InstalledRelease>& candidate() const { return candidate_; }
   bool ready() const { return ready_; }
+  // What the link `current` names.
+  std::optional<InstalledRelease> current() const;
+  // Both from any thread, too.
   size_t missing() const;  // files
+  // A bit for each file of the candidate in the order of its manifest, set when it is missing, from
+  // the least significant bit of the first byte.
+  std::vector<uint8_t> missing_files() const;
   // Target of a link of the place, "" when there is none.
   std::string link(const char* name) const;
 
@@ -94,29 +120,62 @@ class Installer {
     std::string signature;
     std::string leaves;
   };
+  // A file of the current release.
+  struct Reusable {
+    std::string path;
+    uint32_t mode = 0;
+    uint32_t mtime = 0;
+  };
+  using Contents = std::unordered_map<std::string, Reusable>;  // by digest
 
+  // check
   Incoming take_incoming() const;
   void check_rules(const Manifest& manifest, const InstalledRelease& release,
                    const std::string& key) const;
-  Manifest read_release(const std::string& directory) const;
-  std::string key_of(const std::string& directory) const;
-  void expect(const Manifest& manifest, bool present);
+  void check_paths(const Manifest& manifest) const;
   void stage(const Incoming& incoming, const Manifest& manifest, const InstalledRelease& release);
+  bool resume_staged(const InstalledRelease& release);
+
+  // staging
+  void expect(const Manifest& manifest, bool present);
   void build_staging(const Manifest& manifest);
+  void make_entry(const Entry& entry, const Contents& current);
+  void require_room() const;
   bool is_staged(const Entry& entry) const;
-  bool reuse(const Entry& entry, const std::unordered_map<std::string, std::string>& current) const;
-  std::unordered_map<std::string, std::string> contents_of_current() const;
+  bool reuse(const Entry& entry, const Contents& current) const;
+  Contents contents_of_current() const;
   void seal(const Entry& entry, int fd) const;
   std::string staging_problem(const Manifest& manifest) const;
   void complete();
+
+  // fetching
+  std::optional<Entry> wanted(const std::string& path) const;
+  void take(const Entry& entry, const Fd& file);
+  void mark_present(const std::string& path);
+  Expected* find(const std::string& path);
+  const Expected* find(const std::string& path) const;
+
+  // switching
   void point(const char* name, const std::string& target) const;
-  void save() const;
+  void switch_to(const std::string& target) const;
+  void save(const InstallState& state);
   void remove_old_releases() const;
-  void forget_candidate();
+
+  // recovering
+  void clear_incoming() const;
   void find_candidate();
   bool adopt(const std::string& directory, bool ready);
-  std::string staging() const;
+  void go_on_with(const std::string& directory, bool ready);
+  void forget_candidate();
+
+  bool is_installed(const InstalledRelease& release) const;
+  bool has_manifest(const std::string& directory) const;
+  Manifest read_release(const std::string& directory) const;
+  InstalledRelease release_in(const std::string& directory) const;
+  std::string key_of(const std::string& directory) const;
+  std::string staging_of(const InstalledRelease& release) const;
   std::string target_of(const InstalledRelease& release) const;
+  std::vector<std::string> directories_in(const char* where) const;
 
   const InstallerOptions options_;
   const Disk disk_;
@@ -126,8 +185,9 @@ class Installer {
   std::optional<InstalledRelease> candidate_;
   uint32_t leaf_ = kLeafBytes;  // of the candidate
   bool ready_ = false;
-  mutable std::mutex mutex_;  // guards what ask() reads
-  std::unordered_map<std::string, Expected> expected_;
+  mutable std::mutex mutex_;        // guards what ask() reads:
+  std::vector<Expected> expected_;  // in the order of the manifest, which is that of the paths
+  size_t missing_ = 0;              // files
 };
 
 }  // namespace pkgdist::release

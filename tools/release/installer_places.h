@@ -8,6 +8,5 @@ inline constexpr char kPrevious[] = "previous";
 inline constexpr char kIncoming[] = ".pkgdist/incoming";
 inline constexpr char kStaging[] = ".pkgdist/staging";
 inline constexpr char kReleases[] = ".pkgdist/releases";
-inline constexpr unsigned kReleaseMode = 0755;  // of a release's own directory
 
 }  // namespace pkgdist::release

@@ -1,10 +1,8 @@
 // From a release that is ready to one that is confirmed, and back.
 #include <fcntl.h>
-#include <fmt/core.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "installer.h"
 #include "installer_places.h"
@@ -13,25 +11,6 @@
 
 namespace pkgdist::release {
 
-namespace {
-
-constexpr size_t kMaxStateBytes = 1 << 20;
-
-std::string state_name(const std::string& name) {
-  return name + ".state";
-}
-
-// In order, so that two runs do the same.
-std::vector<std::string> directories_in(const std::string& place, const char* where) {
-  std::vector<std::string> directories;
-  for (const auto& item : std::filesystem::directory_iterator(place + "/" + where))
-    directories.push_back(std::string(where) + "/" + item.path().filename().string());
-  std::sort(directories.begin(), directories.end());
-  return directories;
-}
-
-}  // namespace
-
 std::string Installer::link(const char* name) const {
   std::string target(kMaxPathBytes, '\0');
   const ssize_t length = readlinkat(place_.get(), name, target.data(), target.size());
@@ -39,27 +18,17 @@ std::string Installer::link(const char* name) const {
   return target;
 }
 
-std::string Installer::target_of(const InstalledRelease& release) const {
-  return std::string(kReleases) + "/" + directory_name(release);
+std::optional<InstalledRelease> Installer::current() const {
+  const std::string target = link(kCurrent);
+  for (const auto& release : {state_.installed, state_.trial})
+    if (release && target == target_of(*release)) return release;
+  return std::nullopt;
 }
 
-Manifest Installer::read_release(const std::string& directory) const {
-  return parse(
-      read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes),
-      SetId::kAllowed);
-}
-
-// The key that the release was signed with, checked again: what is stored may be old.
-std::string Installer::key_of(const std::string& directory) const {
-  const std::string text =
-      read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes);
-  const std::string signature = read_beneath(
-      place_.get(), (directory + "/" + kSignaturePath).c_str(), kMaxSignatureFileBytes);
-  return key_text(verify_signature(text, signature, options_.keys, first_line(text)).id);
-}
-
-void Installer::save() const {
-  disk_.write_file(state_directory_.get(), state_name(options_.name), format(state_));
+// What cannot be written does not hold.
+void Installer::save(const InstallState& state) {
+  disk_.write_file(state_directory_.get(), options_.name + ".state", format(state));
+  state_ = state;
 }
 
 void Installer::point(const char* name, const std::string& target) const {
@@ -70,88 +39,36 @@ void Installer::point(const char* name, const std::string& target) const {
   disk_.sync_directory(place_.get(), ".");
 }
 
-void Installer::forget_candidate() {
-  candidate_.reset();
-  ready_ = false;
-  const std::lock_guard lock(mutex_);
-  expected_.clear();
-}
-
-void Installer::recover() {
-  constexpr unsigned kPrivate = 0700;
-  constexpr unsigned kPlace = 0711;
-  disk_.make_directory(place_.get(), kReleaseDirectory, kPlace);
-  for (const char* directory : {kIncoming, kStaging})
-    disk_.make_directory(place_.get(), directory, kPrivate);
-  disk_.make_directory(place_.get(), kReleases, kPlace);
-  struct stat status {};
-  if (fstatat(state_directory_.get(), state_name(options_.name).c_str(), &status, 0) == 0)
-    state_ = parse_state(
-        read_beneath(state_directory_.get(), state_name(options_.name).c_str(), kMaxStateBytes));
-  if (state_.trial) {
-    // Only a release that was switched to can be to blame.
-    if (link(kCurrent) == target_of(*state_.trial)) {
-      fail();
-    } else {
-      state_.trial.reset();
-      save();
-    }
-  }
-  find_candidate();
-}
-
-// What an earlier process had staged, or made ready.
-void Installer::find_candidate() {
-  for (const char* where : {kReleases, kStaging}) {
-    for (const std::string& directory : directories_in(options_.place, where)) {
-      try {
-        if (adopt(directory, where == std::string_view(kReleases))) return;
-      } catch (const Refused&) {  // its key may have been taken away since
-        forget_candidate();
-        disk_.remove(place_.get(), directory);
-      }
-    }
-  }
-  if (const std::string current = link(kCurrent); !current.empty())
-    expect(read_release(current), true);
-}
-
-// False when the directory holds no release that could follow the installed one.
-bool Installer::adopt(const std::string& directory, bool ready) {
-  const std::string path = directory + "/" + kManifestPath;
-  if (!Fd(open_beneath(place_.get(), path.c_str(), O_RDONLY))) return false;
-  const std::string text = read_beneath(place_.get(), path.c_str(), kMaxManifestBytes);
-  const Manifest manifest = parse(text, options_.set_id);
-  const InstalledRelease release{manifest.version, sha256(bytes_of(text))};
-  if (state_.installed && release.version <= state_.installed->version) return false;
-  if (state_.bad.contains(release.manifest)) return false;
-  check_rules(manifest, release, key_of(directory));
-  candidate_ = release;
-  ready_ = ready;
-  if (ready)
-    expect(manifest, true);
-  else
-    build_staging(manifest);
-  return true;
+void Installer::switch_to(const std::string& target) const {
+  if (const std::string current = link(kCurrent); !current.empty() && current != target)
+    point(kPrevious, current);
+  point(kCurrent, target);
 }
 
 void Installer::activate() {
   if (!ready_ || !candidate_) throw Refused(Reason::kNoRelease, "no release is ready");
   (void)key_of(target_of(*candidate_));
-  state_.trial = candidate_;
-  save();
-  if (const std::string current = link(kCurrent); !current.empty()) point(kPrevious, current);
-  point(kCurrent, target_of(*candidate_));
+  InstallState next = state_;
+  next.trial = candidate_;
+  save(next);
+  switch_to(target_of(*candidate_));
 }
 
 void Installer::confirm() {
   if (!state_.trial) throw Refused(Reason::kNoRelease, "no release is on trial");
-  const std::string directory = target_of(*state_.trial);
-  uint64_t& floor = state_.floors[key_of(directory)];
+  const InstalledRelease release = *state_.trial;
+  const std::string directory = target_of(release);
+  InstallState next = state_;
+  uint64_t& floor = next.floors[key_of(directory)];
   floor = std::max(floor, read_release(directory).floor);
-  state_.installed = state_.trial;
-  state_.trial.reset();
-  save();
+  if (next.allowed == release.version) {
+    floor = std::min(floor, release.version);
+    next.bad.erase(release.manifest);
+    next.allowed.reset();
+  }
+  next.installed = release;
+  next.trial.reset();
+  save(next);
   candidate_.reset();
   ready_ = false;
   remove_old_releases();
@@ -159,34 +76,42 @@ void Installer::confirm() {
 
 void Installer::fail() {
   if (!state_.trial) throw Refused(Reason::kNoRelease, "no release is on trial");
-  state_.bad.insert(state_.trial->manifest);
-  save();
-  if (state_.installed) {
-    point(kCurrent, target_of(*state_.installed));
+  InstallState next = state_;
+  next.bad.insert(next.trial->manifest);
+  if (next.allowed == next.trial->version) next.allowed.reset();
+  save(next);
+  if (next.installed) {
+    point(kCurrent, target_of(*next.installed));
   } else {
     disk_.remove(place_.get(), kCurrent);
     disk_.sync_directory(place_.get(), ".");
   }
-  state_.trial.reset();
-  save();
+  next.trial.reset();
+  save(next);
   forget_candidate();
 }
 
+// The state first: a crash before the links are changed is mended by recover().
 InstalledRelease Installer::roll_back() {
   const std::string previous = link(kPrevious);
-  const std::string current = link(kCurrent);
-  if (state_.trial || previous.empty() || previous == current)
+  if (state_.trial || previous.empty() || previous == link(kCurrent) || !has_manifest(previous))
     throw Refused(Reason::kNoRelease, "there is no previous release to go back to");
-  const std::string text =
-      read_beneath(place_.get(), (previous + "/" + kManifestPath).c_str(), kMaxManifestBytes);
-  const InstalledRelease release{parse(text, SetId::kAllowed).version, sha256(bytes_of(text))};
-  if (state_.installed) state_.bad.insert(state_.installed->manifest);
-  point(kCurrent, previous);
-  point(kPrevious, current);
-  state_.installed = release;
-  save();
+  const InstalledRelease release = release_in(previous);
+  (void)key_of(previous);
+  InstallState next = state_;
+  if (next.installed) next.bad.insert(next.installed->manifest);
+  next.bad.erase(release.manifest);
+  next.installed = release;
+  save(next);
+  switch_to(previous);
   forget_candidate();
   return release;
+}
+
+void Installer::allow(uint64_t version) {
+  InstallState next = state_;
+  next.allowed = version;
+  save(next);
 }
 
 std::vector<std::string> Installer::verify() const {
@@ -199,7 +124,7 @@ std::vector<std::string> Installer::verify() const {
 
 // All but the current and the previous one.
 void Installer::remove_old_releases() const {
-  for (const std::string& directory : directories_in(options_.place, kReleases)) {
+  for (const std::string& directory : directories_in(kReleases)) {
     if (directory != link(kCurrent) && directory != link(kPrevious))
       disk_.remove(place_.get(), directory);
   }

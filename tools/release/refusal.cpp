@@ -46,6 +46,10 @@ const char* reason_name(Reason reason) {
       return "bad-tree";
     case Reason::kNoRelease:
       return "no-release";
+    case Reason::kNotOrdered:
+      return "not-ordered";
+    case Reason::kNoSpace:
+      return "no-space";
   }
   return "unknown";
 }

@@ -29,6 +29,8 @@ enum class Reason {
   kContent,        // a file does not have the content that the manifest says
   kTree,           // something stands in the tree that the manifest does not say, or is missing
   kNoRelease,      // there is no release to do this with
+  kNotOrdered,     // the manifest that came is not that of the release that was announced
+  kNoSpace,        // what is missing has no room on the disk
 };
 
 // One word for each reason: "bad-signature".

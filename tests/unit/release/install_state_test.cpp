@@ -14,6 +14,7 @@ InstallState full_state() {
   state.trial = {8, sha256(bytes_of("eight"))};
   state.floors = {{"0101010101010101", 5}, {"0202020202020202", UINT64_MAX}};
   state.bad = {sha256(bytes_of("six")), sha256(bytes_of("five"))};
+  state.allowed = 5;
   return state;
 }
 

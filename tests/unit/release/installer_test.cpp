@@ -8,39 +8,12 @@
 #include <cerrno>
 #include <memory>
 
-#include "release_signer.h"
-#include "release_support.h"
-#include "tree.h"
+#include "built_release.h"
 
 using namespace release_test;
 using namespace pkgdist::release;
 
 namespace {
-
-using Files = std::map<std::string, std::string>;
-
-// A release as the lead has it.
-struct Built {
-  Built(uint64_t version, const Files& files, const ReleaseSigner& signer, uint64_t floor = 0,
-        const std::string& name = "base") {
-    for (const auto& [path, content] : files) tree.write(path, content);
-    EXPECT_EQ(0, symlink("elsewhere", (tree / "link").c_str()));
-    const ScannedTree scanned = scan_tree(tree.path(), {kLeafBytes, 1, nullptr});
-    manifest.name = name;
-    manifest.version = version;
-    manifest.leaf = kLeafBytes;
-    manifest.floor = floor;
-    manifest.entries = scanned.entries;
-    text = format(manifest);
-    leaves = format_leaves(scanned);
-    signature = signer.sign(text);
-  }
-  TempTree tree{"/dev/shm"};
-  Manifest manifest;
-  std::string text;
-  std::string leaves;
-  std::string signature;
-};
 
 // A process that was killed.
 struct Stopped : std::runtime_error {
@@ -57,10 +30,20 @@ class Install : public testing::Test {
     const auto before = [this, stop_at](const char*) {
       if (operations_++ >= stop_at) throw Stopped();
     };
-    node_ = std::make_unique<Installer>(
-        InstallerOptions{"base", place_.path(), state_.path(), keys_, SetId::kRefused, now_},
-        Disk(before));
+    node_ = std::make_unique<Installer>(options(), Disk(before));
     node_->recover();
+    node_->resume();
+  }
+  InstallerOptions options() const {
+    InstallerOptions options;
+    options.name = "base";
+    options.place = place_.path();
+    options.state_directory = state_.path();
+    options.keys = keys_;
+    options.hard_links = hard_links_;
+    options.longest_path = longest_path_;
+    if (now_) options.now = [this] { return *now_; };
+    return options;
   }
 
   void bring(const std::string& path, const std::string& content) {
@@ -105,6 +88,9 @@ class Install : public testing::Test {
   const TempTree place_{"/dev/shm"};
   const TempTree state_{"/dev/shm"};
   std::optional<std::string> now_;
+  bool hard_links_ = false;
+  size_t longest_path_ = kMaxPathBytes;
+  const Built five_{5, {{"a/one", "0"}}, signer_, 3};
   const Built six_{6, {{"a/one", "1"}, {"same", kSame}, {"gone", "x"}}, signer_, 5};
   const Built seven_{7, {{"a/one", "2"}, {"same", kSame}, {"new/file", "y"}}, signer_, 6};
   std::unique_ptr<Installer> node_;
@@ -264,6 +250,16 @@ TEST_F(Install, the_gate_lets_through_what_the_manifest_names_and_nothing_else) 
   EXPECT_EQ(EFBIG, node_->ask(kManifestPath, Installer::Announced{UINT32_MAX, 0644, false}));
 }
 
+TEST_F(Install, a_manifest_that_comes_anew_finds_none_in_its_place) {
+  start();
+  bring(kManifestPath, "an earlier one");
+  bring("a/one", "1");
+  node_->make_way(kManifestPath);
+  node_->make_way("a/one");
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/.pkgdist/manifest"));
+  EXPECT_TRUE(std::filesystem::exists(place_ / ".pkgdist/incoming/a/one"));
+}
+
 TEST_F(Install, a_file_with_another_content_is_refused_and_asked_for_again) {
   start();
   bring_manifest(six_);
@@ -313,6 +309,160 @@ TEST_F(Install, what_changes_in_staging_is_found_before_the_release_is_ready) {
     EXPECT_FALSE(node_->ready());
     EXPECT_EQ("", node_->link("current"));
   }
+}
+
+TEST_F(Install, another_manifest_than_the_one_that_was_ordered_is_refused) {
+  start();
+  bring(kManifestPath, six_.text);
+  bring(kSignaturePath, six_.signature);
+  bring(kLeavesPath, six_.leaves);
+  EXPECT_EQ(Reason::kNotOrdered, refusal([&] { node_->check(seven_.release()); }));
+  EXPECT_EQ(std::nullopt, node_->candidate());
+  EXPECT_EQ(Reason::kNoRelease, refusal([&] { node_->check(six_.release()); })) << "it was taken";
+}
+
+TEST_F(Install, an_order_for_what_is_there_needs_no_manifest) {
+  start();
+  bring_manifest(six_);
+  node_->check(six_.release());
+  EXPECT_EQ(3u, node_->missing());
+  bring_files(six_);
+  node_->check(six_.release());
+  EXPECT_TRUE(node_->ready());
+  node_->activate();
+  node_->confirm();
+  node_->check(six_.release());
+  EXPECT_EQ(std::nullopt, node_->candidate());
+  EXPECT_EQ(six_.release(), node_->current());
+}
+
+TEST_F(Install, the_installed_release_is_taken_again_when_the_place_was_emptied) {
+  start();
+  install(six_);
+  std::filesystem::remove_all(place_ / ".pkgdist");
+  std::filesystem::remove(place_ / "current");
+  start();
+  EXPECT_EQ(std::nullopt, node_->current());
+  install(six_);
+  EXPECT_TRUE(current_is(six_));
+}
+
+TEST_F(Install, the_files_that_are_missing_have_bits_in_the_order_of_the_manifest) {
+  start();
+  bring_manifest(six_);  // a, a/one, gone, link, same
+  EXPECT_EQ(std::vector<uint8_t>{0b111}, node_->missing_files());
+  bring("gone", "x");
+  node_->arrived("gone");
+  EXPECT_EQ(std::vector<uint8_t>{0b101}, node_->missing_files());
+}
+
+TEST_F(Install, files_that_came_unnoticed_are_collected_and_wrong_ones_are_named) {
+  start();
+  bring_manifest(six_);
+  bring("a/one", "0");
+  bring("gone", "x");
+  const auto refused = node_->collect();
+  ASSERT_EQ(1u, refused.size());
+  EXPECT_EQ("a/one", refused[0].first);
+  EXPECT_EQ(2u, node_->missing());
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/a/one"));
+  node_->arrived("stranger");
+  node_->arrived("same");
+  EXPECT_EQ(2u, node_->missing()) << "what did not come is passed over";
+}
+
+TEST_F(Install, what_came_before_a_restart_is_taken_and_other_leftovers_go) {
+  start();
+  bring_manifest(six_);
+  bring("gone", "x");
+  bring("a/one.tmp", "");
+  bring("stranger", "s");
+  bring(kManifestPath, "half of a");
+  start();
+  EXPECT_EQ(2u, node_->missing());
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/a"));
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/stranger"));
+  EXPECT_TRUE(std::filesystem::exists(place_ / ".pkgdist/incoming/.pkgdist/manifest"));
+}
+
+TEST_F(Install, a_path_that_cannot_be_delivered_is_refused_at_once) {
+  longest_path_ = 5;
+  start();
+  EXPECT_EQ(std::nullopt, refused(six_));
+  EXPECT_EQ(Reason::kPath, refused(seven_));  // new/file
+}
+
+TEST_F(Install, hard_links_share_what_has_the_same_mode_and_time) {
+  hard_links_ = true;
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  bring_files(seven_);
+  struct stat old_file {
+  }, new_file{};
+  const std::string next = place_ / (".pkgdist/releases/" + directory_name(seven_.release()));
+  ASSERT_EQ(0, stat((place_ / "current/same").c_str(), &old_file));
+  ASSERT_EQ(0, stat((next + "/same").c_str(), &new_file));
+  EXPECT_EQ(old_file.st_mtime == new_file.st_mtime, old_file.st_ino == new_file.st_ino);
+  node_->activate();
+  node_->confirm();
+  EXPECT_TRUE(current_is(seven_));
+}
+
+// --- By the owner's command ---
+
+TEST_F(Install, an_allowed_version_is_taken_once_though_it_is_older_and_below_the_floor) {
+  start();
+  install(seven_);
+  EXPECT_EQ(Reason::kNotNewer, refused(five_));
+  node_->allow(5);
+  start();
+  install(five_);
+  EXPECT_TRUE(current_is(five_));
+  EXPECT_EQ(5u, node_->state().floors.at("0101010101010101")) << "or nothing could follow it";
+  EXPECT_EQ(std::nullopt, node_->state().allowed);
+  install(seven_);
+  EXPECT_EQ(Reason::kNotNewer, refused(five_));
+}
+
+TEST_F(Install, an_allowed_version_that_fails_is_not_allowed_any_more) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  bring_files(seven_);
+  node_->activate();
+  node_->fail();
+  node_->allow(7);
+  bring_manifest(seven_);
+  bring_files(seven_);
+  node_->activate();
+  node_->fail();
+  EXPECT_TRUE(current_is(six_));
+  EXPECT_EQ(Reason::kKnownBad, refused(seven_));
+}
+
+TEST_F(Install, a_rollback_that_is_killed_at_any_moment_is_done_or_not) {
+  for (size_t stop_at = 0;; ++stop_at) {
+    std::filesystem::remove_all(place_ / "");
+    std::filesystem::create_directories(place_.path());
+    std::filesystem::remove(state_ / "base.state");
+    start();
+    install(six_);
+    install(seven_);
+    bool stopped = false;
+    try {
+      start(stop_at);
+      node_->roll_back();
+    } catch (const Stopped&) {
+      stopped = true;
+    }
+    start();
+    const uint64_t version = node_->state().installed->version;
+    ASSERT_TRUE(version == 6 ? current_is(six_) : current_is(seven_)) << stop_at;
+    ASSERT_EQ(node_->state().installed, node_->current()) << stop_at;
+    if (!stopped) break;
+  }
+  EXPECT_TRUE(current_is(six_));
 }
 
 // --- Crashes ---
@@ -365,19 +515,19 @@ TEST_F(Install, a_failing_disk_leaves_the_current_release_and_is_reported) {
   install(six_);
   for (size_t fail_at = 1;; ++fail_at) {
     size_t count = 0;
-    node_ = std::make_unique<Installer>(
-        InstallerOptions{"base", place_.path(), state_.path(), keys_, SetId::kRefused, now_},
-        Disk([&](const char* operation) {
-          if (++count == fail_at) throw std::runtime_error(operation);
-        }));
+    node_ = std::make_unique<Installer>(options(), Disk([&](const char* operation) {
+                                          if (++count == fail_at)
+                                            throw std::runtime_error(operation);
+                                        }));
     try {
       node_->recover();
+      node_->resume();
       bring_manifest(seven_);
       bring_files(seven_);
-      break;  // nothing failed
     } catch (const std::runtime_error&) {
-      ASSERT_TRUE(current_is(six_)) << fail_at;
     }
+    ASSERT_TRUE(current_is(six_)) << fail_at;
+    if (count < fail_at) break;  // nothing failed
   }
   EXPECT_TRUE(node_->ready());
   EXPECT_TRUE(current_is(six_));

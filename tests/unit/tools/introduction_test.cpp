@@ -17,7 +17,7 @@ TEST(Introduction, arrives_as_it_was_sent) {
   own.version = "0.1.0";
   own.answers = own.trees = true;
   own.complete_seconds = 2.5;
-  own.places = {{1, false, 123'456'789'012}, {3, true, std::nullopt}};
+  own.places = {{1, false, 123'456'789'012, "base"}, {3, true, std::nullopt, std::nullopt}};
   const auto found = parse_introduction(bytes(introduction_text(own)));
   ASSERT_TRUE(found);
   EXPECT_EQ(found->pid, 4711u);
@@ -28,7 +28,9 @@ TEST(Introduction, arrives_as_it_was_sent) {
   EXPECT_EQ(found->complete_seconds, 2.5);
   ASSERT_EQ(found->places.size(), 2u);
   EXPECT_EQ(found->places[0].free_bytes, 123'456'789'012u);
+  EXPECT_EQ(found->places[0].releases, "base");
   EXPECT_FALSE(found->places[1].free_bytes);
+  EXPECT_FALSE(found->places[1].releases);
   EXPECT_TRUE(found->has(3));
   EXPECT_FALSE(found->has(2));
 }
@@ -51,7 +53,7 @@ TEST(Introduction, that_makes_no_sense_is_another_message) {
 TEST(Introduction, keeps_long_texts_and_lists_short) {
   Introduction own;
   own.host = std::string(10'000, 'x');
-  for (uint32_t i = 0; i < 100; ++i) own.places.push_back({i, false, 1});
+  for (uint32_t i = 0; i < 100; ++i) own.places.push_back({i, false, 1, std::nullopt});
   const auto found = parse_introduction(bytes(introduction_text(own)));
   ASSERT_TRUE(found);
   EXPECT_EQ(found->host.size(), 256u);

@@ -1,0 +1,91 @@
+"""A node that installs releases is killed (SIGKILL) at random moments: `current` is a whole tree at each of them,
+and the next process goes on.
+
+PKGDIST_KILLS=1000 for a long run; PKGDIST_SEED repeats the moments of an earlier one.
+"""
+
+import collections
+import os
+import random
+import threading
+import time
+
+import lab
+from release_node import ReleaseNode
+
+KILLS = int(os.environ.get("PKGDIST_KILLS", "24"))
+SEED = int(os.environ.get("PKGDIST_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 32)
+ROUND_SECONDS = 60
+HEALTH = ("--health", "sleep 0.1")
+
+
+class Kills(ReleaseNode):
+    def setUp(self):
+        super().setUp()
+        self.random = random.Random(SEED)
+        self.at = collections.Counter()  # in which state it was killed
+
+    def release_files(self, version):
+        """Some change, some stay."""
+        return {"big": self.kept, "changes": self.random.randbytes(200_000), f"only/{version}": b"x",
+                "settings": str(version).encode()}
+
+    def test_current_is_a_whole_tree_whenever_the_node_is_killed(self):
+        print(f"seed {SEED}, {KILLS} kills")
+        self.kept = self.random.randbytes(400_000)
+        self.start_both(*HEALTH)
+        began = time.monotonic()
+        self.install(1, self.release_files(1))
+        whole = time.monotonic() - began
+        current = 1
+        for version in range(2, KILLS + 2):
+            self.build(version, self.release_files(version))
+            killer = threading.Thread(target=self.kill_after, args=(self.random.uniform(0, whole), current, version))
+            self.trouble = None
+            killer.start()
+            installed = self.install_somehow()
+            killer.join()
+            if self.trouble is not None:
+                raise self.trouble
+            # A trial that was killed has failed; anything else goes on to the end.
+            current = version if installed else current
+            self.assertEqual(self.check_tree(), current)
+            self.assertEqual(self.ask("status")["current"]["version"], current)
+        print("killed while", dict(self.at))
+
+    def kill_after(self, seconds, old, new):
+        time.sleep(seconds)
+        self.kill_node()
+        try:
+            self.at[self.states()[-1]["state"]] += 1
+            version = self.check_tree()
+            self.assertIn(version, (old, new))
+        except AssertionError as trouble:
+            self.trouble = trouble
+        self.start(*HEALTH)
+
+    def install_somehow(self):
+        """Until the release is current (true), or has failed because it was killed on trial (false)."""
+        end = time.monotonic() + ROUND_SECONDS
+        while True:
+            try:
+                return self.attempt()
+            except (AssertionError, lab.subprocess.TimeoutExpired):
+                if time.monotonic() > end:
+                    raise
+
+    def attempt(self):
+        self.push("--max-time", "5", paths=[".pkgdist"])
+        state = self.next_state("check", "fetching", "ready", "confirmed", "refused")
+        if state["state"] == "refused":
+            self.assertIn("was activated before and failed", state["problem"])
+            return False
+        if state["state"] == "fetching":
+            self.push("--max-time", "5", paths=["."])
+            state = self.next_state("fetched", "ready", "confirmed")
+        if state["state"] == "ready":
+            state = self.next_state("activate", "confirmed", "failed")
+        return state["state"] == "confirmed"
+
+    def next_state(self, what, *wanted):
+        return self.answer(self.order(what), *wanted, seconds=4)

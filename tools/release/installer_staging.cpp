@@ -1,0 +1,175 @@
+// The tree that is being made: directories and links are made here, files are taken from the
+// current release where it has them, the rest has to come.
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "installer.h"
+#include "installer_places.h"
+#include "refusal.h"
+#include "tree.h"
+
+namespace pkgdist::release {
+
+namespace {
+
+constexpr unsigned kPrivateDirectory = 0700;
+
+}  // namespace
+
+void Installer::expect(const Manifest& manifest, bool present) {
+  std::vector<Expected> expected;
+  expected.reserve(manifest.entries.size());
+  size_t missing = 0;
+  for (const Entry& entry : manifest.entries) {
+    expected.push_back({entry, present || entry.kind != Kind::kFile});
+    if (!expected.back().present) ++missing;
+  }
+  const std::lock_guard lock(mutex_);
+  expected_ = std::move(expected);
+  missing_ = missing;
+}
+
+// Without a candidate when it cannot be built: what is whole stays where it is.
+void Installer::build_staging(const Manifest& manifest) {
+  try {
+    leaf_ = manifest.leaf;
+    const Contents current = contents_of_current();
+    disk_.set_mode(place_.get(), staging_of(*candidate_), kPrivateDirectory);
+    expect(manifest, false);
+    for (const Entry& entry : manifest.entries) make_entry(entry, current);
+    if (missing() == 0) return complete();
+    require_room();
+  } catch (...) {
+    forget_candidate();
+    throw;
+  }
+}
+
+void Installer::make_entry(const Entry& entry, const Contents& current) {
+  const std::string path = staging_of(*candidate_) + "/" + entry.path;
+  if (entry.kind == Kind::kDirectory) {
+    disk_.make_directory(place_.get(), path, kPrivateDirectory);
+    disk_.set_mode(place_.get(), path, kPrivateDirectory);  // of an attempt that nearly ended
+  } else if (entry.kind == Kind::kLink) {
+    disk_.remove(place_.get(), path);
+    disk_.make_link(entry.target, place_.get(), path);
+  } else if (is_staged(entry) || reuse(entry, current)) {
+    mark_present(entry.path);
+  }
+}
+
+// Before anything travels that cannot be stored.
+void Installer::require_room() const {
+  uint64_t bytes = 0;
+  for (const Expected& expected : expected_)
+    if (!expected.present) bytes += expected.entry.size;
+  struct statvfs room {};
+  if (fstatvfs(place_.get(), &room) != 0) return;
+  const uint64_t blocks = geteuid() == 0 ? room.f_bfree : room.f_bavail;
+  const uint64_t free_bytes = blocks * room.f_frsize;
+  if (bytes > free_bytes)
+    throw Refused(
+        Reason::kNoSpace,
+        fmt::format("the disk is full: {} bytes are missing, {} are free", bytes, free_bytes));
+}
+
+bool Installer::is_staged(const Entry& entry) const {
+  const std::string path = staging_of(*candidate_) + "/" + entry.path;
+  const Fd file(open_beneath(place_.get(), path.c_str(), O_RDONLY));
+  if (!file) return false;
+  try {
+    seal(entry, file.get());
+    return true;
+  } catch (const Refused&) {
+    disk_.remove(place_.get(), path);
+    return false;
+  }
+}
+
+// Checks the content behind the descriptor, and gives it the mode and time that it has to have.
+void Installer::seal(const Entry& entry, int fd) const {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
+  if (!S_ISREG(status.st_mode)) throw Refused(Reason::kTree, "'" + entry.path + "' is no file");
+  if (hash_content(fd, entry.size, leaf_).digest != entry.digest)
+    throw Refused(Reason::kContent, "'" + entry.path + "' has another content than signed");
+  disk_.set_mode_and_time(fd, entry.mode, entry.mtime);
+}
+
+Installer::Contents Installer::contents_of_current() const {
+  Contents contents;
+  const std::string target = link(kCurrent);
+  if (target.empty() || !has_manifest(target)) return contents;
+  for (const Entry& entry : read_release(target).entries)
+    if (entry.kind == Kind::kFile)
+      contents.emplace(to_hex(entry.digest),
+                       Reusable{target + "/" + entry.path, entry.mode, entry.mtime});
+  return contents;
+}
+
+// What was copied is checked, not what it was copied from. A file that cannot be copied, because
+// the disk is full or has become unreadable there, has to come like any other.
+bool Installer::reuse(const Entry& entry, const Contents& current) const {
+  const auto at = current.find(to_hex(entry.digest));
+  if (at == current.end()) return false;
+  const Reusable& source = at->second;
+  const Fd from(open_beneath(place_.get(), source.path.c_str(), O_RDONLY));
+  if (!from) return false;
+  const std::string to = staging_of(*candidate_) + "/" + entry.path;
+  const bool same = source.mode == entry.mode && source.mtime == entry.mtime;
+  try {
+    if (!options_.hard_links || !same || !disk_.hard_link(from.get(), place_.get(), to))
+      disk_.copy(from.get(), place_.get(), to);
+    return is_staged(entry);
+  } catch (const std::runtime_error&) {
+    disk_.remove(place_.get(), to);
+    return false;
+  }
+}
+
+// In what the staged tree is not that of the manifest; empty when it is.
+std::string Installer::staging_problem(const Manifest& manifest) const {
+  try {
+    const ScannedTree tree =
+        scan_tree(options_.place + "/" + staging_of(*candidate_), {manifest.leaf, 0, nullptr});
+    const auto different = differences(manifest, tree);
+    return different.empty() ? "" : different.front();
+  } catch (const Refused& refused) {
+    return refused.what();
+  }
+}
+
+// The tree as a whole, since single files were checked one after the other. Everything is on the
+// disk before the rename makes it a release.
+void Installer::complete() {
+  constexpr unsigned kReleaseMode = 0755;
+  constexpr unsigned kReleaseFileMode = 0644;
+  const std::string staging = staging_of(*candidate_);
+  const std::string target = target_of(*candidate_);
+  const Manifest manifest = read_release(staging);
+  for (auto entry = manifest.entries.rbegin(); entry != manifest.entries.rend(); ++entry)
+    if (entry->kind == Kind::kDirectory)
+      disk_.set_mode(place_.get(), staging + "/" + entry->path, entry->mode);
+  if (const std::string problem = staging_problem(manifest); !problem.empty()) {
+    disk_.remove(place_.get(), staging);
+    throw Refused(Reason::kTree, "the staged tree is not that of the manifest: " + problem);
+  }
+  const Fd directory(open_beneath(place_.get(), staging.c_str(), O_RDONLY | O_DIRECTORY));
+  if (!directory) throw_errno("opening", staging);
+  for (const char* file : {kManifestPath, kSignaturePath, kLeavesPath})
+    disk_.set_mode(place_.get(), staging + "/" + file, kReleaseFileMode);
+  disk_.set_mode(place_.get(), staging + "/" + kReleaseDirectory, kReleaseMode);
+  disk_.set_mode(place_.get(), staging, kReleaseMode);
+  disk_.sync_everything(directory.get());
+  disk_.replace(place_.get(), staging, target);
+  disk_.sync_directory(place_.get(), kReleases);
+  disk_.sync_directory(place_.get(), kStaging);
+  ready_ = true;
+}
+
+}  // namespace pkgdist::release
