@@ -21,7 +21,8 @@ void throw_errno(std::string_view doing, std::string_view name) {
 
 int open_beneath(int directory, const char* path, int flags, unsigned mode) {
   open_how how = {};
-  how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+  const int nonblock = (flags & O_PATH) != 0 ? 0 : O_NONBLOCK;  // nothing is opened with O_PATH
+  how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | nonblock | O_NOFOLLOW);
   how.mode = (flags & O_CREAT) != 0 ? mode : 0;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
   for (;;) {

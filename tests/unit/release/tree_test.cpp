@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "file_io.h"
+#include "quick_check.h"
 #include "release_support.h"
 
 using namespace release_test;
@@ -46,6 +47,24 @@ TEST_F(Tree, one_tree_has_one_manifest_whatever_the_number_of_threads) {
   EXPECT_NE(std::string::npos, text.find(" list256:"));
   EXPECT_NE(std::string::npos, text.find("l - 7 - - link a/small\n"));
   EXPECT_EQ(std::string::npos, text.find(".pkgdist"));
+}
+
+TEST_F(Tree, what_differs_can_be_told_without_reading) {
+  const Manifest manifest = manifest_of(scan());
+  EXPECT_TRUE(quick_differences(manifest, tree_.path()).empty());
+  ASSERT_EQ(0, unlink((tree_ / "link").c_str()));
+  ASSERT_EQ(0, symlink("elsewhere", (tree_ / "link").c_str()));
+  ASSERT_EQ(0, unlink((tree_ / "exact").c_str()));
+  ASSERT_EQ(0, chmod((tree_ / "big").c_str(), 0600));
+  tree_.write("a/small", "hello, longer");
+  EXPECT_EQ(quick_differences(manifest, tree_.path()),
+            (std::vector<std::string>{"size differs: a/small", "mode differs: big",
+                                      "missing: exact", "target differs: link"}));
+  ASSERT_EQ(0, rename((tree_ / "a").c_str(), (tree_ / "b").c_str()));
+  ASSERT_EQ(0, symlink("b", (tree_ / "a").c_str()));
+  const auto behind_a_link = quick_differences(manifest, tree_.path());
+  EXPECT_EQ(behind_a_link.at(0), "kind differs: a");
+  EXPECT_EQ(behind_a_link.at(1), "missing: a/small");
 }
 
 // Computed beside this library, with Python's hashlib.
