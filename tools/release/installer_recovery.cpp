@@ -116,9 +116,7 @@ void Installer::go_on_with(const std::string& directory, bool ready) {
 void Installer::forget_candidate() {
   candidate_.reset();
   ready_ = false;
-  const std::lock_guard lock(mutex_);
-  expected_.clear();
-  missing_ = 0;
+  expect(Manifest(), false);
 }
 
 // In order, so that two runs do the same.

@@ -30,7 +30,7 @@ void Installer::expect(const Manifest& manifest, bool present) {
     if (!expected.back().present) ++missing;
   }
   const std::lock_guard lock(mutex_);
-  expected_ = std::move(expected);
+  expected_.swap(expected);  // what was there goes without the lock
   missing_ = missing;
 }
 
