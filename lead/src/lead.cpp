@@ -292,6 +292,10 @@ uint32_t Lead::other_lead() const {
   return impl_->parts().leadership.other();
 }
 
+bool Lead::push_brings(uint32_t location, const std::string& name) const {
+  return push_running() && impl_->push()->brings(location, name);
+}
+
 uint32_t Lead::push_transaction() const {
   return impl_->xact();
 }

@@ -58,6 +58,19 @@ class CancelAndDelete(SystemTest):
             self.assertEqual(failures(end)[node.address], {tree.BIG: DELETED})
             self.assertEqual(names_below(self.directory_of(node)), {"later"})
 
+    def test_a_delete_in_the_middle_of_a_push_of_what_is_nowhere_ends_with_1(self):
+        push = self.start_large_push()
+        lab.wait_until(lambda: len(push.events("node-introduced")) == len(self.net.nodes), 20, "the introductions")
+        status, events, _ = push.request("delete", "never there", "later")
+        self.assertEqual(status, 1)
+        left_out = "no such file; the push that runs leaves it out"
+        self.assertEqual([{n["name"]: n["text"] for n in e["names"]} for e in events if e["event"] == "outcome"],
+                         [{"never there": "no such file", "later": left_out}] * len(self.net.nodes))
+        end = push.finish(expect=1, seconds=60)
+        for node in self.net.nodes:
+            self.assertEqual(failures(end)[node.address], {"later": DELETED})
+            self.assertEqual(names_below(self.directory_of(node)), {tree.BIG})
+
     def test_a_delete_outside_of_a_push_removes_files_that_are_there(self):
         for name in ("kept", "gone", "directory/gone"):
             tree.add(self.content, name, 100)

@@ -17,6 +17,7 @@ constexpr const char* kNotSaid = "acknowledged; its program does not say more";
 constexpr const char* kNoAnswer = "no answer about it in time";
 constexpr const char* kAnswered = "answered";
 constexpr const char* kNoFile = "no such file";
+constexpr const char* kNotBrought = "no such file; the push that runs leaves it out";
 constexpr const char* kNoTransaction = "no such transaction under way";
 
 }  // namespace
@@ -30,8 +31,7 @@ ControlRequest::ControlRequest(std::shared_ptr<cli::LineClient> client, Request 
       reporter_(reporter) {}
 
 bool ControlRequest::asks_first() const {
-  // What a running push still brings is deleted before it stands anywhere.
-  if (request_.kind == Kind::kDelete) return !lead_.push_running();
+  if (request_.kind == Kind::kDelete) return true;
   return request_.kind == Kind::kCancel && request_.transaction != lead_.push_transaction();
 }
 
@@ -50,6 +50,10 @@ void ControlRequest::start(lead::Time now) {
   for (const lead::Lead::NodeView& node : lead_.nodes())
     if (!node.silent && request_.audience.includes(node.info.address, node.info.card_class))
       nodes_.push_back(node.info);
+  // What a running push still brings is deleted before it stands anywhere.
+  if (request_.kind == Kind::kDelete)
+    for (size_t i = 0; i < request_.names.size(); ++i)
+      if (lead_.push_brings(request_.location, request_.names[i])) brought_.insert(i);
   if (asks_first())
     question_ = ask(request_.kind == Kind::kDelete ? cli::NodeQuestion::Kind::kFiles
                                                    : cli::NodeQuestion::Kind::kTransaction,
@@ -134,7 +138,7 @@ void ControlRequest::send(lead::Time now) {
   } else {
     std::vector<std::string> names;
     for (size_t i = 0; i < request_.names.size(); ++i)
-      if (!all_were_asked() || some_node_says(i, cli::kStateFile))
+      if (!all_were_asked() || some_node_says(i, cli::kStateFile) || brought_.contains(i))
         names.push_back(request_.names[i]);
     if (names.empty()) return finish();
     id_ = lead_.delete_files(request_.location, names, request_.audience, now, limit);
@@ -163,7 +167,7 @@ std::string ControlRequest::outcome_of(uint32_t node, size_t name) const {
   if (before == before_.end()) return kNotSaid;
   if (name >= before->second.size()) return kNoAnswer;
   const std::string& state = before->second[name];
-  if (state == cli::kStateAbsent) return kNoFile;
+  if (state == cli::kStateAbsent) return brought_.contains(name) ? kNotBrought : kNoFile;
   if (state == cli::kStateDirectory) {
     if (!request_.recursive) return "is a directory: --recursive deletes it";
     const auto removed = removed_.find(node);
@@ -181,10 +185,10 @@ std::string ControlRequest::outcome_of(uint32_t node, size_t name) const {
 // A name that is on no node was not deleted anywhere; one that only some nodes had, was.
 bool ControlRequest::worked(size_t name) const {
   if (before_.empty()) return true;
-  if (all_were_asked() && !some_node_has(name)) return false;
+  if (all_were_asked() && !some_node_has(name) && !brought_.contains(name)) return false;
   return std::all_of(nodes_.begin(), nodes_.end(), [&](const lead::NodeInfo& node) {
     const std::string said = outcome_of(node.address, name);
-    return said == kDeleted || said == kNoFile || said == kNotSaid;
+    return said == kDeleted || said == kNoFile || said == kNotBrought || said == kNotSaid;
   });
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,7 @@ class ControlRequest {
   States before_, after_;   // of the names, or of the transaction
   std::map<uint32_t, std::map<std::string, std::string>> removed_;  // by node and name
   std::vector<std::string> removing_;
+  std::set<size_t> brought_;  // names of files that a push brought when this began
 };
 
 }  // namespace pkgdist::lead_program

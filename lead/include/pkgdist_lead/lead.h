@@ -107,6 +107,8 @@ class Lead {
   PushReport push_progress() const;
   PushReport push_report() const;
   bool push_running() const;
+  // Whether the running push is of this location and has a file of this name.
+  bool push_brings(uint32_t location, const std::string& name) const;
 
   // Ends the running push for one node: what it lacks has this status. False when the push does not
   // have the node, or not yet.

@@ -66,6 +66,9 @@ class PushJob {
   bool on_unlisted(const Transfer& transfer, NodeIndex node);
   // Whether a node that had no information yet can have ended the file so in this push.
   bool ends_unknown(const Transfer& transfer, uint64_t status) const;
+  bool brings(uint32_t location, const std::string& name) const {
+    return location == plan_.request().location && plan_.find(name).has_value();
+  }
   // Nodes are told to delete these files.
   void note_deleted(uint32_t location, const std::vector<std::string>& names);
   void on_closed(const Transfer& transfer) { walk_.on_closed(file_of(transfer)); }
