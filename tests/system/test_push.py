@@ -129,13 +129,14 @@ class Push(SystemTest):
         for node in self.net.nodes:
             self.assertEqual(lab.manifest(self.directory_of(node)).keys(), expected)
 
-    def test_empty_directories_do_not_travel(self):
+    def test_empty_directories_travel(self):
         self.start_nodes()
         os.makedirs(os.path.join(self.content, "nothing/in here"))
         tree.add(self.content, "file", 10)
         self.push()
         for node in self.net.nodes:
-            self.assertEqual(os.listdir(self.directory_of(node)), ["file"])
+            self.assertEqual(sorted(os.listdir(self.directory_of(node))), ["file", "nothing"])
+            self.assertEqual(os.listdir(os.path.join(self.directory_of(node), "nothing")), ["in here"])
 
     def test_links_in_directories_of_their_own_arrive(self):
         for i in range(300):

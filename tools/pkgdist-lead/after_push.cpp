@@ -117,6 +117,8 @@ void AfterPush::tell_directories() {
   const auto count = std::count_if(push_.tree.directories.begin(), push_.tree.directories.end(),
                                    [](const auto& directory) { return directory.name != "."; });
   if (count == 0 || push_.tree.only_list) return;
+  // Of --keep-directory-links: then a link in the place of a directory is no failure.
+  const bool links_stay = push_.request.directories.empty();
   for (const Node& node : nodes_) {
     const char* why = why_not_asked(node);
     std::string text = why != nullptr ? why : "";
@@ -130,7 +132,7 @@ void AfterPush::tell_directories() {
           {"node", node.info.address},
           {"set", done ? static_cast<size_t>(count) - said.problems.size() : 0},
           {"failed", encode_texts(said.problems)},
-          {"good", why != nullptr || (done && said.problems.empty())},
+          {"good", why != nullptr || (done && (said.problems.empty() || links_stay))},
           {"text", text}});
   }
 }
