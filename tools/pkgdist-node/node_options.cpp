@@ -153,7 +153,7 @@ void add_status(CLI::App& app, NodeOptions& options) {
 
 void add_release(CLI::App& app, NodeOptions& options) {
   CLI::App* release =
-      app.add_subcommand("release", "tell how releases stand on this host, activate, go back");
+      app.add_subcommand("release", "show the state of releases on this host, activate, go back");
   release->fallthrough();
   release->require_subcommand(1);
   const auto add = [&](ReleaseCommand command, const char* help) {
@@ -166,7 +166,7 @@ void add_release(CLI::App& app, NodeOptions& options) {
     });
     return one;
   };
-  add(ReleaseCommand::kStatus, "tell which release is current, and which is coming");
+  add(ReleaseCommand::kStatus, "show which release is current, and which is coming");
   add(ReleaseCommand::kActivate, "switch to the release that is ready");
   add(ReleaseCommand::kRollback, "switch to the previous release");
   add(ReleaseCommand::kVerify, "read every file of the current release again");
