@@ -15,7 +15,7 @@ from release_node import ReleaseNode
 
 KILLS = int(os.environ.get("PKGDIST_KILLS", "24"))
 SEED = int(os.environ.get("PKGDIST_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 32)
-ROUND_SECONDS = 60
+ROUND_SECONDS = 180
 HEALTH = ("--health", "sleep 0.1")
 
 
@@ -88,4 +88,4 @@ class Kills(ReleaseNode):
         return state["state"] == "confirmed"
 
     def next_state(self, what, *wanted):
-        return self.answer(self.order(what), *wanted, seconds=4)
+        return self.answer(self.order(what), *wanted, seconds=10)

@@ -166,7 +166,7 @@ void add_release(CLI::App& app, NodeOptions& options) {
     });
     return one;
   };
-  add(ReleaseCommand::kStatus, "tell which release is current, and which is coming");
+  add(ReleaseCommand::kStatus, "show which release is current, and which is coming");
   add(ReleaseCommand::kActivate, "switch to the release that is ready");
   add(ReleaseCommand::kRollback, "switch to the previous release");
   add(ReleaseCommand::kVerify, "read every file of the current release again");

@@ -1,5 +1,5 @@
-// Carries out orders about the releases of one place, one after the other, and says how the place
-// stands.
+// Carries out orders about the releases of one place, one after the other, and tells the state of
+// the place.
 //
 // Everything runs on one thread and may take long: it hashes, copies, and waits for the health
 // command. What fails becomes the phase and the problem of the state; Interrupted passes through.

@@ -1,4 +1,4 @@
-// How releases stand, for people and as JSON.
+// The state of releases, for people and as JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -98,8 +98,9 @@ int run_command(const NodeOptions& given) {
   TreeService trees(options, [&](uint32_t location, const std::vector<std::string>& names) {
     printer.removed(location, names);
   });
+  // What the network may write of releases, the gate says; nobody works on directories there.
   talk.takes_question = [&](const cli::NodeQuestion& question) {
-    return trees.take(question) || completion.take(question);
+    return (releases == nullptr && trees.take(question)) || completion.take(question);
   };
   if (!options.on_complete.command.empty())
     talk.complete_seconds = options.on_complete.limit_seconds;
