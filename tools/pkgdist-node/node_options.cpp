@@ -153,7 +153,7 @@ void add_status(CLI::App& app, NodeOptions& options) {
 
 void add_release(CLI::App& app, NodeOptions& options) {
   CLI::App* release =
-      app.add_subcommand("release", "tell how releases stand on this host, activate, go back");
+      app.add_subcommand("release", "show the state of releases on this host, activate, go back");
   release->fallthrough();
   release->require_subcommand(1);
   const auto add = [&](ReleaseCommand command, const char* help) {
