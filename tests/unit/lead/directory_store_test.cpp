@@ -274,7 +274,8 @@ TEST_F(UnreadableTree, costs_what_is_unreadable_and_names_it) {
               if (tree.left_out.size() != 3 || !tree.problems.empty()) return 2;
               if (tree.left_out[0].name != "closed") return 3;
               if (tree.left_out[1].name != "open/deep/closed") return 4;
-              return tree.left_out[2].name == "secret" ? 0 : 5;
+              if (tree.left_out[2].name != "secret") return 5;
+              return tree.all_read || !collect({"a", "secret"}).all_read ? 6 : 0;
             }),
             0);
   for (const char* name : {"closed", "open/deep/closed"})
