@@ -12,7 +12,8 @@ SCHEMA = ROOT / "packaging" / "schema" / "events.schema.json"
 # Events are printed by their names.
 PRINTED = re.compile(r"""(?:\bprint\(|\bnode_event\(|"event", )\s*"([a-z][a-z-]+)\"""")
 # What a lead says to a client of its control socket about a push; the client prints events of it.
-BETWEEN_PROGRAMS = {"begins", "command", "ended", "host", "mirror", "mirrored", "queued", "started", "state"}
+BETWEEN_PROGRAMS = {"begins", "command", "ended", "host", "mirror", "mirrored", "queued", "started", "state",
+                    "heard", "release-told"}
 PROGRAMS = ("pkgdist-lead", "pkgdist-node", "common")
 
 

@@ -287,7 +287,7 @@ class Service(unittest.TestCase):
     def test_bash_completes_commands_and_options_of_every_program(self):
         self.assertEqual(self.complete("pkgdist-lead", ""),
                          {"push", "serve", "message", "cancel", "delete", "report", "top", "status",
-                          "nodes", "pushes"})
+                          "nodes", "pushes", "activate", "releases"})
         self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
         self.assertEqual(self.complete("pkgdist-node", "release", ""),
                          {"status", "activate", "rollback", "verify", "downgrade"})

@@ -133,6 +133,11 @@ const char* subject_text(NodeQuestion::Kind kind) {
   return kSubjects[static_cast<size_t>(kind)];
 }
 
+std::optional<std::string> Introduction::releases(uint32_t location) const {
+  const Place* found = place(location);
+  return found != nullptr ? found->releases : std::nullopt;
+}
+
 std::string introduction_text(const Introduction& introduction) {
   Json places = Json::array();
   for (const Introduction::Place& place : introduction.places) {

@@ -64,6 +64,8 @@ struct Introduction {
   // Null: not set there.
   const Place* place(uint32_t location) const;
   bool has(uint32_t location) const { return place(location) != nullptr; }
+  // The name of the releases that the location takes.
+  std::optional<std::string> releases(uint32_t location) const;
 };
 
 // A directory of a tree that is pushed.

@@ -6,6 +6,10 @@
 namespace pkgdist::lead_program {
 
 int push_command(const LeadOptions& options);
+// push --release
+int push_release_command(const LeadOptions& options);
+int activate_command(const LeadOptions& options);
+int releases_command(const LeadOptions& options);
 int serve_command(const LeadOptions& options);
 int top_command(const LeadOptions& options);
 // message, cancel and delete: handed to a running lead.

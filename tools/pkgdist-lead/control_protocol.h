@@ -9,6 +9,7 @@
 //             {"command":"cancel","push":"release-7"}
 //             {"command":"status"}, {"command":"nodes"}, {"command":"pushes"}
 //             {"command":"push",...}                                             push_wire.h
+//             {"command":"releases"}                                         release_relay.h
 //   answers   {"event":"sent","id":3,"nodes":2}
 //             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"text":"acknowledged",
 //              "deleted":1,"names":[{"name":"a","text":"no such file"}]}

@@ -1,8 +1,11 @@
 #include "control_server.h"
 
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
@@ -41,7 +44,9 @@ ControlServer::ControlServer(const std::string& path, const LeadOptions& options
       server_(
           path, session.poller(), kMaxRequestLine,
           [this](const Client& client, const std::string& line) { return on_line(client, line); },
-          [this](const std::string& text) { reporter_.error(text); }) {}
+          [this](const std::string& text) { reporter_.error(text); }) {
+  if (queue_ != nullptr) releases_.emplace(lead_, programs_);
+}
 
 bool ControlServer::on_line(const Client& client, const std::string& line) {
   const Json request = Json::parse(line, nullptr, false);
@@ -51,7 +56,7 @@ bool ControlServer::on_line(const Client& client, const std::string& line) {
     return true;
   }
   if (client->begun()) {
-    if (queue_ == nullptr) return true;
+    if (queue_ == nullptr || releases_->on_line(client, request, now_)) return true;
     if (request.contains("stop")) queue_->stop(client, now_);
     if (request.contains("stop_for"))
       queue_->stop_for(client, request.at("stop_for").get<uint32_t>(), now_);
@@ -94,6 +99,12 @@ bool ControlServer::on_command(const Client& client, const std::string& command,
     (void)readers_[client].add(request);
     return true;
   }
+  if (command == "releases") {
+    if (!releases_)
+      throw std::runtime_error("this lead has a push of its own: ask when it has ended");
+    releases_->begin(client);
+    return true;
+  }
   if (command == "cancel" && request.contains("push") && cancel_push(client, request)) return true;
   ControlRequest& entry =
       requests_.emplace_back(client, decode_request(line), lead_, programs_, reporter_);
@@ -124,6 +135,11 @@ void ControlServer::on_push_line(const Client& client, const Json& line) {
 
 void ControlServer::check_root(const QueuedPush& push) const {
   namespace fs = std::filesystem;
+  if (push.own_root) {
+    if (::access(push.root.c_str(), R_OK | X_OK) == 0) return;
+    throw std::runtime_error(fmt::format("the lead that serves here cannot read {}: {}", push.root,
+                                         std::strerror(errno)));
+  }
   const std::string own = session_.store().root(push.request.location);
   std::error_code error;
   if (own.empty())
@@ -214,6 +230,7 @@ void ControlServer::run(lead::Time now) {
   now_ = now;
   server_.run();
   if (queue_ != nullptr) queue_->run(now);
+  if (releases_) releases_->run();
   for (ControlRequest& request : requests_) request.run(now);
   requests_.remove_if([](const ControlRequest& request) { return request.ended(); });
   server_.flush();

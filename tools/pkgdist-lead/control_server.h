@@ -5,11 +5,13 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "control_request.h"
 #include "line_server.h"
 #include "push_queue.h"
+#include "release_relay.h"
 #include "session.h"
 
 namespace pkgdist::lead_program {
@@ -44,6 +46,7 @@ class ControlServer {
   NodePrograms& programs_;
   Reporter& reporter_;
   PushQueue* const queue_;
+  std::optional<ReleaseRelay> releases_;  // with a queue
   const lead::Time began_at_;
   std::map<Client, PushReader> readers_;  // pushes that are not whole yet
   std::list<ControlRequest> requests_;

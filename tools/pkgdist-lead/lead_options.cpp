@@ -6,7 +6,7 @@
 #include <cmath>
 #include <map>
 
-#include "node_list.h"
+#include "option_parts.h"
 
 namespace pkgdist::lead_program {
 
@@ -15,15 +15,6 @@ namespace {
 constexpr double kBitsPerMegabit = 1e6;
 // Files of this type are received although the node has them.
 constexpr uint32_t kTypeOfPresentFiles = 6;
-constexpr const char* kNodesHelp =
-    "NODE is an address, a host name, names with a range as in node[01-32], or @FILE or\n"
-    "@FILE:GROUP for the nodes that a file lists.";
-
-void set_nodes(LeadOptions& options, NodeList list) {
-  options.node_count = list.count;
-  options.nodes = std::move(list.addresses);
-  options.node_names = std::move(list.names);
-}
 
 // "500M", "2.5G", "800K" in bits per second; a number alone is in Mbit/s.
 uint64_t parse_rate(const std::string& text) {
@@ -71,12 +62,6 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
   command.add_flag("--multi-homed", options.multi_homed,
                    "nodes send from other addresses than their --interface: take the address that "
                    "their datagrams name");
-}
-
-CLI::Option* add_location(CLI::App& command, LeadOptions& options) {
-  return command.add_option("--to", options.location, "storage location")
-      ->type_name("1..6 [1]")
-      ->check(CLI::Range(1, 6));
 }
 
 // What of the content travels.
@@ -153,8 +138,12 @@ void add_push(CLI::App& app, LeadOptions& options) {
                  "push nothing when something of the tree cannot be sent, instead of the rest");
   push->add_flag("--top", options.top, "show the push full screen (see the command top)");
   add_selection(*push, options);
+  add_release_options(*push, options);
   add_stream_options(*push, options);
-  push->callback([o] { o->command = Command::kPush; });
+  push->callback([o, push] {
+    check_release_options(*push);
+    o->command = Command::kPush;
+  });
 }
 
 void add_serve(CLI::App& app, LeadOptions& options) {
@@ -289,6 +278,7 @@ void add_lead_options(CLI::App& app, LeadOptions& options) {
   add_push(app, options);
   add_serve(app, options);
   add_requests(app, options);
+  add_release_commands(app, options);
   add_lists(app, options);
   add_report(app, options);
   add_top(app, options);

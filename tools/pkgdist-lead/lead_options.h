@@ -9,6 +9,7 @@
 #include "message_runner.h"
 #include "pkgdist_lead/push.h"
 #include "push_selection.h"
+#include "release_policy.h"
 
 namespace pkgdist::lead_program {
 
@@ -22,7 +23,9 @@ enum class Command {
   kTop,
   kStatus,
   kNodes,
-  kPushes
+  kPushes,
+  kActivate,
+  kReleases
 };
 
 struct LeadOptions {
@@ -54,9 +57,14 @@ struct LeadOptions {
   std::vector<std::string> paths;  // of delete, too
   std::string files_from;          // a file with more of them, empty: none
   NameFilter filter;
+  std::string release;  // directory of one; empty: paths are pushed. activate: its name
+  ActivationPolicy activation;
+  bool verify = false;  // the tree of the release, and with `releases` what the nodes run
   bool dry_run = false;
   bool mirror = false;  // what the lead does not have goes
   bool quiet = false;
+
+  uint64_t release_version = 0;  // activate
 
   // serve
   bool standby = false;
@@ -69,7 +77,7 @@ struct LeadOptions {
   std::string message;
   std::string cancelled;       // name or number of a push, or number of a transaction
   bool recursive = false;      // delete
-  double answer_seconds = 10;  // of delete, too
+  double answer_seconds = 10;  // of delete, activate and releases, too
 
   // report, top
   std::string events_path;  // "-": standard input

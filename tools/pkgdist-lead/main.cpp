@@ -12,7 +12,11 @@ int main(int argc, char** argv) {
   lead_program::LeadOptions options;
   lead_program::add_lead_options(app, options);
   return cli::run_cli(app, argc, argv, [&] {
-    if (options.command == Command::kPush) return lead_program::push_command(options);
+    if (options.command == Command::kPush)
+      return options.release.empty() ? lead_program::push_command(options)
+                                     : lead_program::push_release_command(options);
+    if (options.command == Command::kActivate) return lead_program::activate_command(options);
+    if (options.command == Command::kReleases) return lead_program::releases_command(options);
     if (options.command == Command::kServe) return lead_program::serve_command(options);
     if (options.command == Command::kReport)
       return lead_program::report_command(options.events_path, options.page_path);

@@ -10,11 +10,14 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <unordered_map>
 
 #include "poller.h"
+#include "printable.h"
 #include "push_figures.h"
+#include "release_counts.h"
 
 namespace pkgdist::lead_program {
 
@@ -22,6 +25,8 @@ namespace {
 
 constexpr lead::Time kPublishPeriod = lead::kSecond;
 constexpr double kBitsPerByte = 8;
+// Names and versions are what nodes say: a number that no fleet has.
+constexpr size_t kMaxReleaseSeries = 1000;
 
 struct CounterText {
   uint64_t lead::Counters::*value;
@@ -107,7 +112,8 @@ class Metrics::Impl {
     exposer_->RegisterCollectable(registry_);
   }
 
-  void run(const lead::Lead& lead, uint64_t send_errors, lead::Time now) {
+  void run(const lead::Lead& lead, const NodePrograms& programs, uint64_t send_errors,
+           lead::Time now) {
     if (published_ != 0 && lead::elapsed(now, published_) < kPublishPeriod) return;
     published_ = now;
     for (size_t i = 0; i < counters_.size(); ++i)
@@ -118,6 +124,7 @@ class Metrics::Impl {
     const lead::Lead::NodeCounts nodes = lead.node_counts();
     heard_.Set(static_cast<double>(nodes.heard));
     silent_.Set(static_cast<double>(nodes.silent));
+    publish_releases(programs);
     const lead::PushReport report = lead.push_progress();
     if (!report.started) return;
     if (!push_) push_.emplace(*this);
@@ -207,6 +214,26 @@ class Metrics::Impl {
     std::unordered_map<uint32_t, Node> nodes;  // by address; as many as the lead can know
   };
 
+  // One series for each release and state that any node has told of; 0 when none is left.
+  void publish_releases(const NodePrograms& programs) {
+    std::map<Labels, double> counts;
+    for (const auto& [labels, gauge] : releases_) counts[labels] = 0;
+    for (const auto& [place, state] : programs.releases())
+      for (const ReleaseCount& one : release_counts(state))
+        ++counts[{
+            {"name", cli::printable(state.name)}, {"version", one.version}, {"state", one.state}}];
+    for (const auto& [labels, count] : counts) {
+      if (releases_.size() >= kMaxReleaseSeries && !releases_.contains(labels)) continue;
+      if (!release_nodes_)
+        release_nodes_ = &gauges("pkgdist_release_nodes",
+                                 "Nodes by their current release, and by the state of the one that "
+                                 "they prepare, as each told it last.");
+      Gauge*& gauge = releases_[labels];
+      if (gauge == nullptr) gauge = &release_nodes_->Add(labels);
+      gauge->Set(count);
+    }
+  }
+
   prometheus::Family<Gauge>& gauges(const std::string& name, const std::string& help) {
     return prometheus::BuildGauge().Name(name).Help(help).Register(*registry_);
   }
@@ -225,6 +252,8 @@ class Metrics::Impl {
   Gauge& leading_ = gauge("pkgdist_lead_leading", "1 while this lead leads, 0 while it listens.");
   Gauge& heard_ = gauge("pkgdist_lead_nodes_heard", "Nodes that were heard, silent ones included.");
   Gauge& silent_ = gauge("pkgdist_lead_nodes_silent", "Of these, nodes that have fallen silent.");
+  prometheus::Family<Gauge>* release_nodes_ = nullptr;  // with the first node that takes releases
+  std::map<Labels, Gauge*> releases_;
   std::optional<Push> push_;
   lead::Time published_ = 0;
   std::unique_ptr<prometheus::Exposer> exposer_;  // the first to go
@@ -234,8 +263,9 @@ Metrics::Metrics(const cli::Endpoint& endpoint) : impl_(std::make_unique<Impl>(e
 
 Metrics::~Metrics() = default;
 
-void Metrics::run(const lead::Lead& lead, uint64_t send_errors, lead::Time now) {
-  impl_->run(lead, send_errors, now);
+void Metrics::run(const lead::Lead& lead, const NodePrograms& programs, uint64_t send_errors,
+                  lead::Time now) {
+  impl_->run(lead, programs, send_errors, now);
 }
 
 std::unique_ptr<Metrics> open_metrics(const std::optional<cli::Endpoint>& endpoint,

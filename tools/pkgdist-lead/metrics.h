@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "cli_common.h"
+#include "node_programs.h"
 #include "pkgdist_lead/lead.h"
 #include "reporter.h"
 
@@ -23,7 +24,8 @@ class Metrics {
   Metrics& operator=(const Metrics&) = delete;
 
   // Brings the numbers up to date, once a second at most.
-  void run(const lead::Lead& lead, uint64_t send_errors, lead::Time now);
+  void run(const lead::Lead& lead, const NodePrograms& programs, uint64_t send_errors,
+           lead::Time now);
 
  private:
   class Impl;

@@ -12,6 +12,7 @@ namespace {
 
 // Addresses of nodes whose introductions are kept: as many as a lead knows, and those of a push.
 constexpr size_t kMaxIntroductions = 8192;
+constexpr size_t kMaxPlaces = 6 * kMaxIntroductions;
 
 // How long a push that has ended waits for nodes to hear why.
 constexpr lead::Time kTellPatience = lead::kSecond;
@@ -62,6 +63,10 @@ bool NodePrograms::on_message(const lead::NodeInfo& node, uint32_t msg_class,
     on_answer(node.address, std::move(*answer));
     return true;
   }
+  if (auto state = cli::parse_release_state(bytes)) {
+    on_release(node.address, std::move(*state));
+    return true;
+  }
   return false;
 }
 
@@ -72,6 +77,9 @@ void NodePrograms::on_introduction(const lead::NodeInfo& node, cli::Introduction
   reporter_.node_introduced(node, introduction);
   if (on_host) on_host(node.address, introduction.host);
   check_location(node.address, introduction);
+  for (const cli::Introduction::Place& place : introduction.places)
+    if (follows_releases_ && place.releases)
+      to_ask_[{node.address, place.location}] = *place.releases;
   introductions_[node.address] = std::move(introduction);
 }
 
@@ -110,6 +118,7 @@ void NodePrograms::push_begins(uint32_t location) {
 }
 
 void NodePrograms::run(lead::Time now) {
+  ask_for_releases(now);
   if (without_location_.empty() || !lead_.push_running()) return;
   std::erase_if(without_location_, [&](uint32_t node) {
     if (!lead_.leave_out(node, cli::kStatusNoLocation, now)) return false;
@@ -130,7 +139,44 @@ bool NodePrograms::busy(lead::Time now) const {
          });
 }
 
+// --- Releases ---
+
+void NodePrograms::on_release(uint32_t node, cli::ReleaseState state) {
+  const Place place{node, state.location};
+  if (releases_.size() >= kMaxPlaces && !releases_.contains(place)) return;
+  if (on_release_state) on_release_state(node, state);
+  // An order that was not for this node tells nothing of its releases.
+  if (state.phase == cli::ReleasePhase::kRefused && !state.current && !state.candidate &&
+      releases_.contains(place))
+    return;
+  state.files = {};
+  releases_[place] = std::move(state);
+}
+
+bool NodePrograms::order(const std::string& text, std::vector<uint32_t> nodes, lead::Time now) {
+  const lead::MessageId id = lead_.send_message(cli::kProgramClass, bytes_of(text),
+                                                lead::Audience::only(std::move(nodes)), now);
+  if (id != 0) hide(id);
+  return id != 0;
+}
+
+// Only a lead that leads can ask; the others do when it is their turn.
+void NodePrograms::ask_for_releases(lead::Time now) {
+  std::erase_if(to_ask_, [&](const auto& entry) {
+    const auto& [place, name] = entry;
+    cli::ReleaseQuestion question;
+    question.location = place.location;
+    question.name = name;
+    return order(cli::release_order_text(question), {place.node}, now);
+  });
+}
+
 // --- Questions ---
+
+void NodePrograms::hide(lead::MessageId id) {
+  asking_.insert(id);
+  if (asking_.size() > kMaxAsking) asking_.erase(asking_.begin());
+}
 
 // Everyone, when that is the same and the list would be long.
 lead::Audience NodePrograms::audience_of(std::vector<uint32_t> nodes) const {
@@ -158,8 +204,7 @@ uint32_t NodePrograms::ask(cli::NodeQuestion question, const std::vector<lead::N
       lead_.send_message(cli::kProgramClass, bytes_of(cli::question_text(question)),
                          audience_of(std::move(asked)), now, limit);
   if (id == 0) return 0;
-  asking_.insert(id);
-  if (asking_.size() > kMaxAsking) asking_.erase(asking_.begin());
+  hide(id);
   questions_[question.number] = std::move(entry);
   return question.number;
 }

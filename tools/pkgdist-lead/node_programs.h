@@ -1,10 +1,14 @@
 // What the programs of nodes tell this lead's program beside the files: who they are, and what they
 // answer to questions (introduction.h).
 //
+// How their releases stand is remembered as each node told it last (release_messages.h).
+//
 // A node that introduces itself and has not set the location of the running push ends at once in
 // it, and is told why. What a node said counts as long as its process runs.
 #pragma once
 
+#include <compare>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -14,6 +18,7 @@
 
 #include "introduction.h"
 #include "pkgdist_lead/lead.h"
+#include "release_messages.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -52,6 +57,21 @@ class NodePrograms {
   const std::map<uint32_t, std::string>& hosts() const { return reporter_.hosts(); }
   // Hears of each that is told; may be null.
   std::function<void(uint32_t node, const std::string& host)> on_host;
+  // How the releases of a node's location stood when it was told last, without the lists of files.
+  struct Place {
+    uint32_t node = 0;
+    uint32_t location = 0;
+    auto operator<=>(const Place&) const = default;
+  };
+  const std::map<Place, cli::ReleaseState>& releases() const { return releases_; }
+  // Asks nodes that introduce themselves how their releases stand.
+  void follow_releases() { follows_releases_ = true; }
+  // Sends nodes an order about their releases; false while this lead does not lead. What becomes of
+  // the message is not reported.
+  bool order(const std::string& text, std::vector<uint32_t> nodes, lead::Time now);
+  // Hears what nodes say of their releases; may be null.
+  std::function<void(uint32_t node, const cli::ReleaseState&)> on_release_state;
+
   // Hears of each node that a push goes on without; may be null.
   std::function<void(uint32_t node, uint32_t location)> on_location_missing;
   // Hears a message that is none of these; with true it is not reported either.
@@ -72,7 +92,10 @@ class NodePrograms {
   void on_introduction(const lead::NodeInfo& node, cli::Introduction introduction);
   void on_answer(uint32_t node, cli::NodeAnswer answer);
   lead::Audience audience_of(std::vector<uint32_t> nodes) const;
+  void hide(lead::MessageId id);
+  void on_release(uint32_t node, cli::ReleaseState state);
   void check_location(uint32_t node, const cli::Introduction& introduction);
+  void ask_for_releases(lead::Time now);
 
   lead::Lead& lead_;
   Reporter& reporter_;
@@ -83,9 +106,12 @@ class NodePrograms {
   std::unordered_set<uint32_t> without_location_;      // nodes that the push does not have yet
   std::vector<lead::MessageId> told_;                  // to nodes without the location
   lead::Time told_at_ = 0;
+  std::map<Place, cli::ReleaseState> releases_;
+  bool follows_releases_ = false;
+  std::map<Place, std::string> to_ask_;  // for the release of this name
   std::map<uint32_t, Question> questions_;
   uint32_t next_question_ = 0;
-  std::set<lead::MessageId> asking_;  // messages of questions
+  std::set<lead::MessageId> asking_;  // messages of questions and orders
 };
 
 }  // namespace pkgdist::lead_program

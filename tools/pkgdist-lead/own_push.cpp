@@ -1,16 +1,13 @@
 // A push in a lead of this process.
 #include <fmt/core.h>
 
-#include <CLI/Error.hpp>
 #include <algorithm>
+#include <functional>
 
 #include "after_push.h"
 #include "after_report.h"
-#include "control_server.h"
-#include "metrics.h"
 #include "node_programs.h"
-#include "push_description.h"
-#include "push_display.h"
+#include "own_lead.h"
 #include "push_run.h"
 #include "session.h"
 
@@ -18,29 +15,12 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-// Whether another lead is in the way. A push waits for it to fall silent, as long as it waits for
-// nodes, and is given up when a lead that began earlier turns up.
-class Course {
- public:
-  Course(const lead::Lead& lead, lead::Time patience)
-      : lead_(lead), until_(lead::monotonic_now() + patience) {}
-
-  bool blocked(lead::Time now) const { return stands_by() && now >= until_; }
-  // The other lead; 0: none.
-  uint32_t in_the_way() const { return stands_by() ? lead_.other_lead() : 0; }
-
- private:
-  bool stands_by() const { return lead_.role() == lead::Role::kStandingBy; }
-
-  const lead::Lead& lead_;
-  lead::Time until_;
-};
+// Runs a lead until the function says so; false when a signal came first.
+using Run = std::function<bool(const std::function<bool(lead::Time)>&, lead::Time tick)>;
 
 // What comes behind the files. True when everything was done.
-bool do_the_rest(
-    const QueuedPush& push, lead::PushReport report, Session& session, NodePrograms& programs,
-    Reporter& reporter, const std::function<void(lead::Time)>& beside = [](lead::Time) {}) {
-  lead::Lead& lead = session.lead();
+bool do_the_rest(const QueuedPush& push, lead::PushReport report, lead::Lead& lead,
+                 NodePrograms& programs, Reporter& reporter, const Run& run) {
   AfterReport shown(reporter, push.tree.only_list);
   AfterPush after(lead, programs, push, lead.push_transaction(), std::move(report),
                   [&](const Json& line) { shown.line(line); });
@@ -48,10 +28,9 @@ bool do_the_rest(
                                std::span<const uint8_t> bytes) {
     return after.on_message(node.address, msg_class, bytes);
   };
-  const bool ran = session.run(
+  const bool ran = run(
       [&](lead::Time now) {
         after.run(now);
-        beside(now);
         return after.ended();
       },
       lead::kSecond / 10);
@@ -86,7 +65,9 @@ bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& rep
   programs.push_begins(push.request.location);
   if (!gather(push.request, *session, programs)) return false;
   const lead::PushReport report = listed_nodes(session->lead(), push.request);
-  const bool listed = do_the_rest(push, report, *session, programs, reporter);
+  const bool listed =
+      do_the_rest(push, report, session->lead(), programs, reporter,
+                  [&](const auto& done, lead::Time tick) { return session->run(done, tick); });
   if (report.nodes.size() >= report.expected_nodes) return listed;
   reporter.say(fmt::format("{} of {} nodes never appeared",
                            report.expected_nodes - report.nodes.size(), report.expected_nodes),
@@ -95,50 +76,14 @@ bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& rep
 }
 
 bool push_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter) {
-  const lead::PushRequest& request = push.request;
-  const std::unique_ptr<Session> opened = open_session(options, reporter, reporter);
-  Session& session = *opened;
-  lead::Lead& lead = session.lead();
-  if (const char* problem = lead.start_push(request, lead::monotonic_now()))
-    throw CLI::ValidationError(problem);
-  reporter.json().print("push-requested", push_description(options, request),
-                        cli::Output::Kind::kResult);
-  (void)session.hears_leads(reporter);
-  NodePrograms programs(lead, reporter);
-  programs.push_begins(request.location);
-  const std::unique_ptr<ControlServer> control = open_control(options, session, programs, reporter);
-  const std::unique_ptr<Metrics> metrics = open_metrics(options.metrics, reporter);
-  const Course course(lead, request.node_timeout);
-  OwnPush own(lead);
+  OwnLead own(options, reporter);
   PushView view(reporter);
-  const auto beside = [&](lead::Time now) {
-    programs.run(now);
-    if (control) control->run(now);
-    if (metrics) metrics->run(lead, session.transport().send_errors(), now);
-  };
-  bool ran = false;
-  {
-    PushDisplay display(reporter, view, options, request.node_timeout);
-    ran = session.run(
-        [&](lead::Time now) {
-          display.run(own, now);
-          beside(now);
-          return course.blocked(now) ||
-                 (!lead.push_running() && !programs.busy(now) && (!control || !control->busy()));
-        },
-        display.period());
-  }
-  const uint32_t in_the_way = course.in_the_way();
-  if (lead.push_running()) lead.stop_push(lead::monotonic_now());
-  const bool complete = tell_end(options, request, reporter, view,
-                                 {.report = lead.push_report(),
-                                  .counters = lead.counters(),
-                                  .send_errors = session.transport().send_errors(),
-                                  .interrupted = !ran,
-                                  .blocked_by = in_the_way,
-                                  .nodes_heard = lead.node_counts().heard});
-  const bool rest = ran && in_the_way == 0 &&
-                    do_the_rest(push, lead.push_report(), session, programs, reporter, beside);
+  const PushEnd end = own.push(options, push.request, view);
+  const bool complete = tell_end(options, push.request, reporter, view, end);
+  const bool rest =
+      !end.interrupted && end.blocked_by == 0 &&
+      do_the_rest(push, end.report, own.lead(), own.programs(), reporter,
+                  [&](const auto& done, lead::Time tick) { return own.run(done, tick); });
   return complete && rest;
 }
 

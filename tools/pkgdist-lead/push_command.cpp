@@ -65,29 +65,6 @@ std::string name_of(const LeadOptions& options, const std::vector<std::string>& 
   return name.substr(0, kMaxName);
 }
 
-// What a lead that serves has been told at its start.
-const char* setting_of_the_lead(const LeadOptions& options) {
-  const LeadOptions usual;
-  return options.rate_bits != 0       ? "--rate"
-         : options.max_rate_bits != 0 ? "--max-rate"
-         : options.metrics            ? "--metrics"
-         : options.ttl != usual.ttl   ? "--ttl"
-         : options.multi_homed        ? "--multi-homed"
-                                      : nullptr;
-}
-
-// The options as the push has them: what the lead that serves was told at its start counts there.
-LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
-  cli::CommonOptions& common = options.common;
-  common.interface = lead.address();
-  common.ctrl_group = lead.group("ctrl_group");
-  common.data_group = lead.group("data_group");
-  if (const std::string root = lead.root(options.location);
-      common.locations.count(options.location) == 0 && !root.empty())
-    common.locations[options.location] = {.number = options.location, .path = root};
-  return options;
-}
-
 // Why nothing may be removed on nodes, although it was asked for; null when it may.
 const char* why_no_mirror(const LeadOptions& options, const lead::FileTree& tree) {
   if (!options.files_from.empty()) return "--delete: not with --files-from, which is a part of it";
@@ -114,7 +91,7 @@ int preview_all(const LeadOptions& options, bool serving, const lead::FileTree& 
   const int status = preview(options, tree, reporter);
   if (!push.tree.mirror) return status;
   const bool listed =
-      serving ? push_through(options, push, reporter) : list_here(options, push, reporter);
+      serving ? list_through(options, push, reporter) : list_here(options, push, reporter);
   return listed ? status : cli::kExitFailure;
 }
 
@@ -144,7 +121,7 @@ int push_files(const LeadOptions& options, bool serving, const std::string& root
   if (options.dry_run) return preview_all(options, serving, shown, push, reporter);
   left_out_events(tree, reporter);
   const bool complete =
-      serving ? push_through(options, push, reporter) : push_here(options, push, reporter);
+      serving ? push_through(options, push, reporter).good() : push_here(options, push, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
   return complete && tree.left_out.empty() && mirror == options.mirror ? cli::kExitOk

@@ -48,9 +48,13 @@ Json listed(uint32_t number, const std::string& name, const std::string& state,
 
 }  // namespace
 
-PushQueue::PushQueue(lead::Lead& lead, EventTee& events, NodePrograms& programs,
-                     std::function<uint64_t()> send_errors)
-    : lead_(lead), events_(events), programs_(programs), send_errors_(std::move(send_errors)) {
+PushQueue::PushQueue(lead::Lead& lead, lead::DirectoryStore& store, EventTee& events,
+                     NodePrograms& programs, std::function<uint64_t()> send_errors)
+    : lead_(lead),
+      store_(store),
+      events_(events),
+      programs_(programs),
+      send_errors_(std::move(send_errors)) {
   programs_.takes_message = [this](const lead::NodeInfo& node, uint32_t msg_class,
                                    std::span<const uint8_t> bytes) {
     return !waiting_.empty() && waiting_.front().after &&
@@ -130,6 +134,10 @@ void PushQueue::begin(Entry& entry, lead::Time now) {
     waiting_.pop_front();
     return;
   }
+  if (entry.push.own_root) {
+    entry.usual_root = store_.root(entry.push.request.location);
+    store_.set_root(entry.push.request.location, entry.push.root);
+  }
   entry.began_at = now;
   entry.transaction = lead_.push_transaction();
   entry.before = lead_.counters();
@@ -164,10 +172,12 @@ bool PushQueue::blocked(Entry& entry, lead::Time now) {
 }
 
 void PushQueue::stream_ended(Entry& entry) {
+  if (entry.push.own_root) store_.set_root(entry.push.request.location, entry.usual_root);
   entry.report = lead_.push_report();
   events_.show_to(nullptr);
   say_end(entry, difference(lead_.counters(), entry.before));
-  if (!entry.stopped) begin_after(entry, *entry.report);
+  // The manifest of a release says what its directories are.
+  if (!entry.stopped && !entry.push.own_root) begin_after(entry, *entry.report);
 }
 
 void PushQueue::begin_after(Entry& entry, lead::PushReport report) {

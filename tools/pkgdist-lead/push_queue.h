@@ -15,6 +15,7 @@
 #include "lead_events.h"
 #include "line_server.h"
 #include "node_programs.h"
+#include "pkgdist_lead/directory_store.h"
 #include "push_wire.h"
 
 namespace pkgdist::lead_program {
@@ -26,7 +27,7 @@ class PushQueue {
   static constexpr lead::Time kTellPeriod = 200 * lead::kMillisecond;
 
   // `send_errors`: of the transport, so far.
-  PushQueue(lead::Lead& lead, EventTee& events, NodePrograms& programs,
+  PushQueue(lead::Lead& lead, lead::DirectoryStore& store, EventTee& events, NodePrograms& programs,
             std::function<uint64_t()> send_errors);
 
   // Throws std::runtime_error when the push cannot be taken.
@@ -66,6 +67,7 @@ class PushQueue {
     bool stopped = false;                    // by its client, or cancelled before it began
     std::optional<lead::PushReport> report;  // since the stream has ended
     std::unique_ptr<AfterPush> after;
+    std::string usual_root;  // of the location, while a push with a root of its own runs
   };
   // What is remembered of a push that has ended.
   struct Past {
@@ -88,6 +90,7 @@ class PushQueue {
   void remember(const Entry& entry, lead::Time now);
 
   lead::Lead& lead_;
+  lead::DirectoryStore& store_;
   EventTee& events_;
   NodePrograms& programs_;
   const std::function<uint64_t()> send_errors_;

@@ -17,19 +17,4 @@ class PushSource {
   virtual void stop_for(uint32_t node, lead::Time now) = 0;
 };
 
-class OwnPush : public PushSource {
- public:
-  explicit OwnPush(lead::Lead& lead) : lead_(lead) {}
-  uint32_t push_transaction() const override { return lead_.push_transaction(); }
-  lead::PushReport push_progress() const override { return lead_.push_progress(); }
-  uint64_t rate_bits() const override { return lead_.rate_bits(); }
-  const lead::Counters& counters() const override { return lead_.counters(); }
-  void stop_for(uint32_t node, lead::Time now) override {
-    (void)lead_.cancel_transaction(push_transaction(), lead::Audience::one(node), now);
-  }
-
- private:
-  lead::Lead& lead_;
-};
-
 }  // namespace pkgdist::lead_program

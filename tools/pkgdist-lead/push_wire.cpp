@@ -154,6 +154,7 @@ std::vector<Json> encode_push(const QueuedPush& push) {
     head["mirror"] = {{"only_list", push.tree.only_list},
                       {"exclude", encode_names(push.tree.filter.exclude)},
                       {"include", encode_names(push.tree.filter.include)}};
+  if (push.own_root) head["own_root"] = true;
   std::vector<Json> lines{head};
   in_lines(lines, "files", request.files, [](const lead::PushFile& file) {
     return Json{cli::encode_base64(file.name), file.size};
@@ -185,6 +186,7 @@ bool PushReader::add(const Json& line) {
     if (slow > static_cast<unsigned>(lead::SlowNodes::kAfter))
       throw std::runtime_error("no such way with slow nodes");
     request.slow_nodes = static_cast<lead::SlowNodes>(slow);
+    push_.own_root = line.value("own_root", false);
     if (line.contains("durable")) push_.durable_seconds = line.at("durable").get<double>();
     if (line.contains("mirror")) decode_mirror(line.at("mirror"), push_.tree);
     return false;

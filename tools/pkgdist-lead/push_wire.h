@@ -26,8 +26,9 @@ using Json = nlohmann::ordered_json;
 
 // What a push is asked to do, beyond the request to the lead.
 struct QueuedPush {
-  std::string name;  // by which it is listed and cancelled
-  std::string root;  // of its location; the lead must have the same
+  std::string name;       // by which it is listed and cancelled
+  std::string root;       // of its location; the lead must have the same, unless:
+  bool own_root = false;  // for this push the location has its root there
   lead::PushRequest request;
   std::optional<double> durable_seconds = std::nullopt;
   PushTree tree = {};

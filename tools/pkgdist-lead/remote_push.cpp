@@ -148,6 +148,12 @@ void RemotePush::show_rest(AfterReport& report) {
   }
 }
 
+cli::LineConnection connect(const LeadOptions& options) {
+  auto socket = cli::connect_to(control_path(options), !options.control_path.empty());
+  if (!socket) throw std::runtime_error("the lead that served here has ended");
+  return {std::move(*socket), "lead"};
+}
+
 }  // namespace
 
 std::string ServingLead::root(uint32_t location) const {
@@ -181,28 +187,51 @@ std::optional<ServingLead> find_serving_lead(const LeadOptions& options) {
   return lead;
 }
 
-bool push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter) {
-  auto socket = cli::connect_to(control_path(options), !options.control_path.empty());
-  if (!socket) throw std::runtime_error("the lead that served here has ended");
+const char* setting_of_the_lead(const LeadOptions& options) {
+  const LeadOptions usual;
+  return options.rate_bits != 0       ? "--rate"
+         : options.max_rate_bits != 0 ? "--max-rate"
+         : options.metrics            ? "--metrics"
+         : options.ttl != usual.ttl   ? "--ttl"
+         : options.multi_homed        ? "--multi-homed"
+                                      : nullptr;
+}
+
+LeadOptions with_settings_of(const ServingLead& lead, LeadOptions options) {
+  cli::CommonOptions& common = options.common;
+  common.interface = lead.address();
+  common.ctrl_group = lead.group("ctrl_group");
+  common.data_group = lead.group("data_group");
+  if (const std::string root = lead.root(options.location);
+      common.locations.count(options.location) == 0 && !root.empty())
+    common.locations[options.location] = {.number = options.location, .path = root};
+  return options;
+}
+
+bool list_through(const LeadOptions& options, QueuedPush push, Reporter& reporter) {
+  Json description = push_description(options, push.request);
+  RemotePush remote(connect(options), std::move(push), std::move(description), reporter);
+  AfterReport after(reporter, true);
+  remote.send_only();
+  remote.show_rest(after);
+  return after.finish();
+}
+
+PushEnd push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter) {
   const lead::PushRequest request = push.request;
-  const bool only_list = push.tree.only_list;
-  RemotePush remote(cli::LineConnection(std::move(*socket), "lead"), std::move(push),
-                    push_description(options, request), reporter);
-  AfterReport after(reporter, only_list);
-  if (only_list) {
-    remote.send_only();
-    remote.show_rest(after);
-    return after.finish();
-  }
+  RemotePush remote(connect(options), std::move(push), push_description(options, request),
+                    reporter);
   PushView view(reporter);
   PushEnd end;
   {
     PushDisplay display(reporter, view, options, request.node_timeout);
     end = remote.run(display);
   }
-  const bool complete = tell_end(options, request, reporter, view, end);
+  (void)tell_end(options, request, reporter, view, end);
+  AfterReport after(reporter, false);
   remote.show_rest(after);
-  return after.finish() && complete && !end.interrupted;
+  end.rest = after.finish() && !end.interrupted;
+  return end;
 }
 
 }  // namespace pkgdist::lead_program

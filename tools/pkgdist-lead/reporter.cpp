@@ -27,10 +27,12 @@ std::string node_id_text(uint32_t id) {
 
 Json locations_of(const cli::Introduction& introduction) {
   Json places = Json::array();
-  for (const cli::Introduction::Place& place : introduction.places)
+  for (const cli::Introduction::Place& place : introduction.places) {
     places.push_back({{"location", place.location},
                       {"memory", place.memory},
                       {"free", place.free_bytes ? Json(*place.free_bytes) : Json()}});
+    if (place.releases) places.back()["releases"] = *place.releases;
+  }
   return places;
 }
 

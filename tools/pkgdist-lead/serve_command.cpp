@@ -23,7 +23,8 @@ int serve_command(const LeadOptions& options) {
   Session& session = *opened;
   if (!session.hears_leads(reporter) && options.standby) return cli::kExitNotStarted;
   NodePrograms programs(session.lead(), reporter);
-  PushQueue queue(session.lead(), events, programs,
+  programs.follow_releases();
+  PushQueue queue(session.lead(), session.store(), events, programs,
                   [&] { return session.transport().send_errors(); });
   const std::unique_ptr<ControlServer> control =
       open_control(options, session, programs, reporter, &queue);
@@ -42,7 +43,7 @@ int serve_command(const LeadOptions& options) {
       [&](lead::Time now) {
         if (control) control->run(now);
         programs.run(now);
-        if (metrics) metrics->run(session.lead(), session.transport().send_errors(), now);
+        if (metrics) metrics->run(session.lead(), programs, session.transport().send_errors(), now);
         return false;
       },
       PushQueue::kTellPeriod);

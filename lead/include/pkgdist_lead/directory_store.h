@@ -12,6 +12,7 @@ namespace pkgdist::lead {
 
 class DirectoryStore : public ContentStore {
  public:
+  // Empty: the location has none any longer.
   void set_root(uint32_t location, std::string directory);
   // The root of a location, empty when it has none.
   std::string root(uint32_t location) const;

@@ -96,7 +96,10 @@ int open_link(int root, const std::string& name, FileAttributes& attributes,
 }  // namespace
 
 void DirectoryStore::set_root(uint32_t location, std::string directory) {
-  roots_[location] = std::move(directory);
+  if (directory.empty())
+    roots_.erase(location);
+  else
+    roots_[location] = std::move(directory);
 }
 
 std::string DirectoryStore::root(uint32_t location) const {

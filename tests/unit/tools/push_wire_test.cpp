@@ -10,6 +10,7 @@ QueuedPush example() {
   QueuedPush push;
   push.name = "release 7";
   push.root = "/srv/p\xff";
+  push.own_root = true;
   push.request.location = 3;
   push.request.type = 6;
   push.request.priority = 1;
@@ -39,6 +40,7 @@ TEST(PushWire, a_request_arrives_as_it_was_sent) {
   const QueuedPush got = reader.take();
   EXPECT_EQ(got.name, sent.name);
   EXPECT_EQ(got.root, sent.root);
+  EXPECT_TRUE(got.own_root);
   EXPECT_EQ(got.durable_seconds, sent.durable_seconds);
   EXPECT_EQ(got.request.location, 3u);
   EXPECT_EQ(got.request.type, 6u);
