@@ -106,8 +106,13 @@ class Gate(ReleaseNode):
         self.begin()
         self.forge("etc/settings")
         for _ in range(2):
-            fetching = self.fetch("fetching", "refused")
-            self.assertEqual((fetching["state"], fetching["missing"]), ("fetching", 1))
+            self.push(paths=["."])
+            place = self.order("fetched")
+            # States about the files themselves may still be said before the one about the order.
+            lab.wait_until(lambda place=place: self.states()[place:] and self.states()[-1]["missing"] == 1, 20,
+                           "one file to be missing")
+            fetching = self.states()[-1]
+            self.assertEqual(fetching["state"], "fetching")
             self.assertIn("'etc/settings' has another content than signed", fetching["problem"])
             self.assertNotIn("etc/settings", names_below(os.path.join(self.place, ".pkgdist")))
         refused = self.fetch("refused")
