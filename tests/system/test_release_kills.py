@@ -50,8 +50,12 @@ class Kills(ReleaseNode):
             # A trial that was killed has failed; anything else goes on to the end.
             current = version if installed else current
             self.assertEqual(self.check_tree(), current)
+            lab.wait_until(self.answers, 20, "the node, which may have been killed at the very end")
             self.assertEqual(self.ask("status")["current"]["version"], current)
         print("killed while", dict(self.at))
+
+    def answers(self):
+        return self.node.run(self.node_command("release", "status"), capture_output=True, timeout=20).returncode == 0
 
     def kill_after(self, seconds, old, new):
         time.sleep(seconds)
