@@ -115,7 +115,7 @@ IDENTITIES = [
     (tasks("CTRL_RX"), "==", lambda _: 1, "the control thread is one"),
     (lambda node: len(node.tasks), "==",
      plus(tasks("DATA_RX"), tasks("DATA_FILE"), tasks("CTRL_RX"), tasks("SIGNALS"), tasks("STDOUT"),
-          tasks("STDERR"), tasks("MESSAGES"), lambda _: 1),
+          tasks("STDERR"), tasks("MESSAGES"), tasks("TREES"), lambda _: 1),
      "there are no threads but these and the program's"),
     (_TAKEN, "<=", count(_DRT, "MC RX RECV"), "nothing was counted that did not come"),
     (less(count(_DRT, "MC RX RECV"), _TAKEN), "<=",

@@ -26,7 +26,7 @@ WITHOUT_EFFECT_HERE = {
     "RestartSec", "DynamicUser", "User", "StateDirectory", "RuntimeDirectory", "RuntimeDirectoryMode", "WantedBy",
     "ProtectHome", "ProtectProc", "ProtectClock", "ProtectHostname", "ProtectKernelLogs", "ProtectKernelModules",
     "ProtectKernelTunables", "ProtectControlGroups", "PrivateDevices", "RestrictRealtime", "LockPersonality",
-    "MemoryDenyWriteExecute", "RestrictNamespaces", "UMask"}
+    "MemoryDenyWriteExecute", "RestrictNamespaces", "UMask", "Environment"}
 APPLIED = {
     "NoNewPrivileges": ["yes"], "CapabilityBoundingSet": [""], "ProtectSystem": ["strict"], "PrivateTmp": ["yes"],
     "PrivateUsers": ["yes"], "SystemCallArchitectures": ["native"], "SystemCallFilter": None,

@@ -1,6 +1,7 @@
 """Nodes that take signed releases and nothing else: pushed by a lead, checked, activated, taken back."""
 
 import os
+import signal
 
 import lab
 from release_node import ReleaseNode
@@ -232,14 +233,18 @@ class Restart(ReleaseNode):
     def test_a_trial_that_ends_with_the_process_has_failed(self):
         self.start_both()
         self.install(6, SIX)
+        health = os.path.join(ROOT, "health")
         for end in (self.kill_node, self.stop_node):
-            self.restart("--health", "sleep 1000")
+            self.restart("--health", f"echo $$ >{health}; exec sleep 1000 >{health}.out 2>&1")
             self.build(self.release["version"] + 1, {**SIX, "etc/settings": os.urandom(10)})
             self.begin()
             self.fetch()
             self.order("activate")
             lab.wait_until(lambda: self.check_tree() == self.release["version"], 10, "the trial")
             end()
+            if end == self.kill_node:
+                with open(health, encoding="utf-8") as file:
+                    os.kill(int(file.read()), signal.SIGKILL)
             if end == self.stop_node:
                 self.assertEqual(self.check_tree(), 6, "the node goes back before it ends")
             self.start()
