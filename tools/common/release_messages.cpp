@@ -65,6 +65,7 @@ bool names_release(ReleaseOrder order) {
 ReleaseState decode_state(const Json& object) {
   ReleaseState state;
   state.number = number<uint32_t>(object.at("number"));
+  if (object.contains("serial")) state.serial = number<uint64_t>(object.at("serial"));
   state.location = number<uint32_t>(object.at("location"));
   state.name = short_text(object.at("name"));
   state.phase = value_of<ReleasePhase>(object, "state", kPhases);
@@ -94,6 +95,7 @@ std::string release_order_text(const ReleaseQuestion& question) {
 
 std::string release_state_text(const ReleaseState& state) {
   Json object{{"number", state.number},
+              {"serial", state.serial},
               {"location", state.location},
               {"name", state.name},
               {"state", phase_name(state.phase)}};

@@ -4,7 +4,7 @@
 //   release-order   of a lead: {"number":3,"location":1,"name":"base","version":7,
 //                              "manifest":"<64 hex digits>","order":"check"}
 //   release-state   of a node, to each order at once, and again whenever its state changes:
-//                   {"number":3,"location":1,"name":"base","state":"fetching",
+//                   {"number":3,"serial":17,"location":1,"name":"base","state":"fetching",
 //                    "current":{"version":6,"manifest":"..."},
 //                    "candidate":{"version":7,"manifest":"..."},
 //                    "missing":12,"files":"<base64>","problem":"","drift":["etc/settings"]}
@@ -59,6 +59,8 @@ enum class ReleasePhase : uint8_t {
 
 struct ReleaseState {
   uint32_t number = 0;  // of the last order, 0 before the first
+  // Grows with each state of a node's process: one with a lower number is older, and was late.
+  uint64_t serial = 0;
   uint32_t location = 0;
   std::string name;
   ReleasePhase phase = ReleasePhase::kIdle;

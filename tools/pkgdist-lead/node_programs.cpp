@@ -64,7 +64,7 @@ bool NodePrograms::on_message(const lead::NodeInfo& node, uint32_t msg_class,
     return true;
   }
   if (auto state = cli::parse_release_state(bytes)) {
-    on_release(node.address, std::move(*state));
+    on_release(node, std::move(*state));
     return true;
   }
   return false;
@@ -141,10 +141,20 @@ bool NodePrograms::busy(lead::Time now) const {
 
 // --- Releases ---
 
-void NodePrograms::on_release(uint32_t node, cli::ReleaseState state) {
-  const Place place{node, state.location};
+// A node repeats what an earlier lead did not acknowledge: that comes late.
+bool NodePrograms::is_late(const Place& place, uint32_t pid, const cli::ReleaseState& state) const {
+  const auto known = releases_.find(place);
+  const auto teller = tellers_.find(place);
+  return known != releases_.end() && teller != tellers_.end() && teller->second == pid &&
+         state.serial < known->second.serial;
+}
+
+void NodePrograms::on_release(const lead::NodeInfo& node, cli::ReleaseState state) {
+  const Place place{node.address, state.location};
   if (releases_.size() >= kMaxPlaces && !releases_.contains(place)) return;
-  if (on_release_state) on_release_state(node, state);
+  if (is_late(place, node.pid, state)) return;
+  tellers_[place] = node.pid;
+  if (on_release_state) on_release_state(node.address, state);
   // An order that was not for this node tells nothing of its releases.
   if (state.phase == cli::ReleasePhase::kRefused && !state.current && !state.candidate &&
       releases_.contains(place))

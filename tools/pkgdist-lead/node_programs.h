@@ -93,7 +93,8 @@ class NodePrograms {
   void on_answer(uint32_t node, cli::NodeAnswer answer);
   lead::Audience audience_of(std::vector<uint32_t> nodes) const;
   void hide(lead::MessageId id);
-  void on_release(uint32_t node, cli::ReleaseState state);
+  void on_release(const lead::NodeInfo& node, cli::ReleaseState state);
+  bool is_late(const Place& place, uint32_t pid, const cli::ReleaseState& state) const;
   void check_location(uint32_t node, const cli::Introduction& introduction);
   void ask_for_releases(lead::Time now);
 
@@ -107,6 +108,7 @@ class NodePrograms {
   std::vector<lead::MessageId> told_;                  // to nodes without the location
   lead::Time told_at_ = 0;
   std::map<Place, cli::ReleaseState> releases_;
+  std::map<Place, uint32_t> tellers_;  // processes that told them
   bool follows_releases_ = false;
   std::map<Place, std::string> to_ask_;  // for the release of this name
   std::map<uint32_t, Question> questions_;

@@ -194,6 +194,7 @@ ReleaseState ReleaseService::state() const {
 
 ReleaseState ReleaseService::told() const {
   ReleaseState state = state_;
+  state.serial = ++serial_;
   state.location = options_.location;
   state.name = options_.name;
   if (!orders_.empty()) {

@@ -100,8 +100,9 @@ class ReleaseService {
   std::optional<cli::ReleaseQuestion> running_;
   std::deque<std::string> arrivals_;
   std::set<std::string> known_arrivals_;
-  cli::ReleaseState state_;   // as the handler told it last, with the number of the last order
-  std::string file_trouble_;  // why a file has not come, the last one
+  cli::ReleaseState state_;      // as the handler told it last, with the number of the last order
+  mutable uint64_t serial_ = 0;  // of the states that were told
+  std::string file_trouble_;     // why a file has not come, the last one
   std::thread thread_;
 };
 

@@ -92,6 +92,7 @@ TEST(ReleaseState, arrives_as_it_was_sent) {
   state.problem = "bad \"content\"";
   state.drifted = 1;
   state.drift = {"etc/settings"};
+  state.serial = 17;
   const auto found = parse_release_state(bytes(release_state_text(state)));
   ASSERT_TRUE(found);
   EXPECT_EQ(found->number, 3u);
@@ -105,6 +106,7 @@ TEST(ReleaseState, arrives_as_it_was_sent) {
   EXPECT_EQ(found->problem, state.problem);
   EXPECT_EQ(found->drifted, 1u);
   EXPECT_EQ(found->drift, state.drift);
+  EXPECT_EQ(found->serial, 17u);
 }
 
 TEST(ReleaseState, of_a_node_that_has_nothing_has_nothing) {
