@@ -1,7 +1,8 @@
 #include "release_course.h"
 
 #include <fmt/core.h>
-#include <sys/random.h>
+
+#include <chrono>
 
 #include "pkgdist_lead/udp_transport.h"
 #include "push_figures.h"
@@ -35,11 +36,12 @@ uint64_t bytes_of(const std::vector<lead::PushFile>& files) {
 }  // namespace
 
 uint32_t first_order_number() {
-  constexpr uint32_t kMost = 0x3fffffff;  // orders count up from there
-  uint32_t number = 0;
-  if (::getrandom(&number, sizeof number, 0) != sizeof number)
-    number = static_cast<uint32_t>(lead::monotonic_now() / lead::kMillisecond);
-  return (number & kMost) + 1;
+  using EighthsOfSeconds = std::chrono::duration<uint64_t, std::ratio<1, 8>>;
+  const auto time = std::chrono::system_clock::now().time_since_epoch();
+  constexpr uint64_t kLatest = UINT32_MAX / 2;  // eight years and a half, then from the beginning
+  return static_cast<uint32_t>(std::chrono::duration_cast<EighthsOfSeconds>(time).count() %
+                               kLatest) +
+         1;
 }
 
 ReleaseCourse::ReleaseCourse(const LeadOptions& options, const ReleaseSource* source,
