@@ -384,8 +384,7 @@ extern "C" int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, ti
 // openat2(), which the C library has no function for; other calls pass.
 extern "C" long __real_syscall(long, ...);
 extern "C" long __wrap_syscall(long, ...);
-// It reads as many arguments as a call can have, those that this one has not, too.
-extern "C" __attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...) {
+extern "C" long __wrap_syscall(long number, ...) {
   if (number == SYS_openat2) {
     if (int error = failing(Call::kOpenat2); error != 0) {
       errno = error;
