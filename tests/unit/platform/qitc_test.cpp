@@ -145,7 +145,13 @@ TEST(Qitc, create_without_descriptors_reports_it_and_leaves_the_result_alone) {
   EXPECT_EQ(0, child.wait());
 }
 
-// The sanitizers' own memory makes a limit on address space meaningless.
+// The sanitizers' own memory makes a limit on address space meaningless. Each compiler has its own
+// way to tell that they are there.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // Fills the channel until memory runs out. What is in it by then must come out in order.
 int fill_up_and_drain() {
