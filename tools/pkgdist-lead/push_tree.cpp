@@ -90,7 +90,6 @@ PushTree push_tree(const lead::FileTree& selected, const std::optional<lead::Fil
   for (const lead::PushFile& file : whole->files) note(file.name);
   for (const lead::FileTree::Walked& walked : whole->walked) note(walked.name);
   for (const lead::FileTree::LeftOut& left_out : whole->left_out) note(left_out.name);
-  for (const std::string& other : whole->others) note(other);
   return tree;
 }
 

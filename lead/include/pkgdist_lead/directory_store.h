@@ -41,7 +41,6 @@ struct FileTree {
     int64_t mtime = 0;  // seconds
   };
   std::vector<Walked> walked;         // sorted by name
-  std::vector<std::string> others;    // special files in them
   bool all_read = true;               // each of them could be read
   std::vector<std::string> warnings;  // times that do not travel
   // What cannot travel or be read, by name; the rest can be pushed without it.

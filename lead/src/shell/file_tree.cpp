@@ -105,19 +105,26 @@ class Collector {
         else
           add_entry(at->path());
       }
-      if (!error) continue;
-      tree_.all_read = false;
-      leave_out(name_of(directory), "the directory cannot be read: " + error.message());
+      if (error) leave_out_directory(directory, error.message());
     }
   }
 
-  // False when it was walked already.
+  void leave_out_directory(const fs::path& directory, const std::string& why) {
+    tree_.all_read = false;
+    leave_out(name_of(directory), "the directory cannot be read: " + why);
+  }
+
+  // False when it was walked already, or cannot be.
   bool note_walked(const fs::path& directory) {
     constexpr mode_t kModeBits = 07777;
     const std::string name = name_of(directory);
     if (walked_.contains(name)) return false;
+    if (name_problem(name) != nullptr) return true;  // so have all names in it
     struct stat status {};
-    if (name_problem(name) != nullptr || ::lstat(directory.c_str(), &status) != 0) return true;
+    if (::lstat(directory.c_str(), &status) != 0) {
+      leave_out_directory(directory, error_text(errno));
+      return false;
+    }
     walked_[name] = {name, status.st_mode & kModeBits, int64_t{status.st_mtime}};
     return true;
   }
@@ -128,10 +135,7 @@ class Collector {
     const std::string name = name_of(path);
     if (::lstat(text.c_str(), &status) != 0) return leave_out(name, error_text(errno));
     const bool link = S_ISLNK(status.st_mode);
-    if (!S_ISREG(status.st_mode) && !link) {
-      tree_.others.push_back(name);
-      return leave_out(name, kind_problem(status.st_mode));
-    }
+    if (!S_ISREG(status.st_mode) && !link) return leave_out(name, kind_problem(status.st_mode));
     const auto size = static_cast<uint64_t>(status.st_size);
     if (const char* problem = problem_of(name, size, link)) return leave_out(name, problem);
     if (!link && ::faccessat(AT_FDCWD, text.c_str(), R_OK, AT_EACCESS) != 0)

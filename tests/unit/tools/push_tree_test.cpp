@@ -112,7 +112,7 @@ TEST(PushTree, knows_what_the_lead_has_and_does_not_push) {
   whole.files = {{"d/a", 1}, {"d/b.log", 1}};
   whole.walked = {{"d", 0750, 9}, {"d/cache", 0755, 1}};
   whole.left_out = {{"d/huge", "too large"}};
-  whole.others = {"d/pipe"};
+  whole.left_out.push_back({"d/pipe", "a named pipe cannot be sent"});
   const NameFilter filter{{"*.log", "cache"}, {}};
   lead::FileTree selected = whole;
   select(selected, filter);
