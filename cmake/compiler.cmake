@@ -28,10 +28,11 @@ endif()
 # Paths in assertions and trace catalogues are relative to the tree.
 add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# pkgdist_precompile(TARGET HEADER...): reading large headers is a third of the time that a source
-# file takes to compile. A compiler cache does better without.
+# pkgdist_precompile(TARGET HEADER...): reading large headers is a third of the time that a test's
+# source file takes to compile. A compiler cache does better without, and g++ warns of code of a
+# precompiled library header as if it were ours: only where those warnings are off.
 function(pkgdist_precompile target)
-  if(NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  if(PKGDIST_SANITIZE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     target_precompile_headers(${target} PRIVATE ${ARGN} <algorithm> <functional> <map> <memory>
       <optional> <string> <vector>)
   endif()
