@@ -186,10 +186,13 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
   return true;
 }
 
-// Repairs and the stream take turns.
+// Repairs and the stream take turns of many datagrams: what changes files with each of them goes
+// out in as many batches, and is as many writes of the nodes.
 bool DataSender::send_next(Time now) {
+  constexpr uint32_t kTurn = 32;  // datagrams, as many as a node takes at once
   if (send_announcement(Lane::kPush, now)) return true;
-  const bool repair_first = std::exchange(repair_next_, !repair_next_);
+  if (++turn_ >= 2 * kTurn) turn_ = 0;
+  const bool repair_first = turn_ < kTurn;
   if (repair_first && send_repair(now)) return true;
   return send_stream(now) || (!repair_first && send_repair(now));
 }
@@ -213,6 +216,7 @@ void DataSender::poll_for_arrival(Time now) {
 void DataSender::run(Time now) {
   pacer_.refill(now);
   schedule_.set_rate(pace());
+  window_.set_loss(loss_.loss());
   if (pacer_.next_ready(now) > now) return;  // woken early: less would go out than a call is worth
   while (pacer_.ready()) {
     if (poll_if_due(false, now) || settling_.run(now)) continue;

@@ -136,7 +136,7 @@ class DataSender {
   Settling settling_;
   Recipients recipients_;
   SegmentRequests requests_;
-  bool repair_next_ = false;  // the stream had the last turn
+  uint32_t turn_ = 0;  // datagrams since repairs had their turn
 };
 
 }  // namespace pkgdist::lead

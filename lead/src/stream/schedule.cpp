@@ -61,15 +61,18 @@ Time Schedule::announcement_due(Lane lane) const {
   const Files& files = lanes_[static_cast<size_t>(lane)];
   if (files.announcing.empty()) return kNever;
   const Transfer* const next = table_.at(files.announcing.front());
+  const double ahead = rate_ * (files.filling ? kAheadSeconds : kLeastAheadSeconds);
   const bool near = files.announced_files < (skipping_ ? kLeastAheadOfSkips : kLeastAhead) ||
-                    static_cast<double>(files.announced_bytes) < rate_ * kAheadSeconds;
+                    static_cast<double>(files.announced_bytes) < ahead;
   if (next == nullptr || near || lane == Lane::kRequests) return 0;
   return next->started + kMostHeldBack;
 }
 
 Transfer* Schedule::next_announcement(Time now, Lane lane) {
-  if (announcement_due(lane) > now) return nullptr;
-  Line& line = of(lane).announcing;
+  Files& files = of(lane);
+  files.filling = announcement_due(lane) <= now;
+  if (!files.filling) return nullptr;
+  Line& line = files.announcing;
   Transfer* const transfer = head(line);
   if (transfer != nullptr) line.pop_front();
   return transfer;

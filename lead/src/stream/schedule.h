@@ -80,10 +80,14 @@ class Schedule {
     // Those of them that are announced.
     size_t announced_files = 0;
     uint64_t announced_bytes = 0;
+    bool filling = false;  // announcements go on until they are far enough ahead
   };
   // How far the stream is behind the announcements. Nodes ask for the segments of a file after a
   // tenth of a second.
   static constexpr double kAheadSeconds = 0.08;
+  // Announcements go out in groups: between the segments of a file each of them would end a batch
+  // of the sender, and a write of the nodes.
+  static constexpr double kLeastAheadSeconds = 0.075;
   // But so many are announced in any case, and more while nodes say that they have what they hear
   // of: nothing of it is streamed.
   static constexpr size_t kLeastAhead = 1;

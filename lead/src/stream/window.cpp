@@ -24,11 +24,12 @@ uint64_t Window::unhandled(NodeIndex node, uint64_t up_to) const {
   return up_to - std::min(up_to, polled->handled);
 }
 
-// The only node that has not handled all that was polled; kNoNode when there are several, or none.
+// The only node without which the window would be open; kNoNode when there are several, or none.
 NodeIndex Window::holder() const {
   NodeIndex holder = kNoNode;
   for (const Polled& polled : polled_) {
-    if (polled.excused() || !busy_.contains(polled.node) || polled.handled >= asked_) continue;
+    if (polled.excused() || !busy_.contains(polled.node) || has_room_behind(polled.handled))
+      continue;
     if (holder != kNoNode) return kNoNode;
     holder = polled.node;
   }
@@ -82,7 +83,8 @@ void Window::choose(Time now) {
 // --- Polls ---
 
 double Window::poll_gap() const {
-  return std::clamp(size_ / 4, kLeastPollGap, kMostPollGap);
+  const bool answers_come = loss_ * static_cast<double>(polled_.size()) < kRareLoss;
+  return std::clamp(size_ / (answers_come ? 2 : 4), kLeastPollGap, kMostPollGap);
 }
 
 Time Window::patience() const {
@@ -149,7 +151,7 @@ bool Window::would_name_only_nodes_of(const Transfer& file) const {
 }
 
 void Window::expect_reports(const Transfer& file, Time now) {
-  if (static_cast<double>(position_ - asked_) < poll_gap() / 2) return;
+  if (static_cast<double>(position_ - asked_) < size_ / 8) return;
   if (stale_choice(now) || !would_name_only_nodes_of(file)) return;
   repeats_ = 0;
   for (Polled& polled : polled_)

@@ -4,13 +4,14 @@
 //
 // A poll is a question under a number of its own about a file that no node has, in the stream like
 // every other datagram. A node answers it from the same queue as the data, so the answer says that
-// all before was taken and handled, whichever file it belonged to. Polls follow each other at a
-// quarter of the window, and one closes the stream whenever it stops. The report of a file that has
-// just been sent says the same, so where files are small and reports are expected from all who are
-// polled, these take the place of polls. Up to eight nodes are polled;
-// of more, eight for a while, then others. A node that owes an answer is asked again; one that owes
-// it for long is excused: nothing waits for it until it is heard. Where all are excused the stream
-// creeps, a quarter of a window for each poll that nobody answered.
+// all before was taken and handled, whichever file it belonged to. Polls follow each other at half
+// of the window, or at a quarter where answers are lost often enough that the next poll's have to
+// do; one closes the stream whenever it stops. The report of a file that has just been sent says
+// the same, so where files are small and reports are expected from all who are polled, these take
+// the place of polls. Up to eight nodes are polled; of more, eight for a while, then others. A node
+// that owes an answer is asked again; one that owes it for long is excused: nothing waits for it
+// until it is heard. Where all are excused the stream creeps, a quarter of a window for each poll
+// that nobody answered.
 //
 // The window begins at what fits into the sockets and switches that are usual, and grows while it
 // limits the stream. Loss alone never slows the stream; loss that a smaller window cures does, see
@@ -46,7 +47,7 @@ class Window {
   // Bytes up to this position that the node is not known to have handled; 0 for one that is not
   // polled.
   uint64_t unhandled(NodeIndex node, uint64_t up_to) const;
-  bool open() const { return position_ - handled() < static_cast<uint64_t>(size_); }
+  bool open() const { return has_room_behind(handled()); }
   // More would be sent if it were open.
   void note_full(Time now) {
     limited_ = true;
@@ -83,6 +84,8 @@ class Window {
   Time round_trip() const { return round_trip_.known() ? round_trip_.mean() : kUnknownRoundTrip; }
 
   // --- Loss ---
+  // The share of datagrams that a node loses, on average.
+  void set_loss(double loss) { loss_ = loss; }
   void sent_segment() { judge_.sent(1); }
   // A node misses a run that it has not asked for before.
   void lost(NodeIndex node, uint32_t segments);
@@ -99,6 +102,9 @@ class Window {
   static constexpr double kTriedPipe = 1.25;
   // A cured overrun is tried again after so much of the stream, with an eighth more.
   static constexpr uint64_t kCuredFor = 256 * 1024 * 1024;
+  // The share of polls that some node does not hear, and the share of those whose answer is lost,
+  // below which polls are few.
+  static constexpr double kRareLoss = 0.02;
   static constexpr double kLeastPollGap = 12'000;
   static constexpr double kMostPollGap = 120'000;
   static constexpr Time kUnknownRoundTrip = kMillisecond;
@@ -132,6 +138,9 @@ class Window {
     bool is_file = false;  // of which reports are expected
   };
 
+  bool has_room_behind(uint64_t handled) const {
+    return position_ - handled < static_cast<uint64_t>(size_);
+  }
   const Poll* find(TransferId number, bool is_file) const;
   bool would_name_only_nodes_of(const Transfer& file) const;
   void remember(const Poll& poll);
@@ -175,6 +184,7 @@ class Window {
   double size_before_ = 0;  // the present trial; 0: none
   uint64_t cured_at_ = 0;
   bool limited_ = false;  // the window was full since it grew
+  double loss_ = 0;
   double rate_ = 0;
   double latest_rate_ = 0;
   uint64_t rated_ = 0;  // position handled at rated_at_

@@ -71,9 +71,23 @@ TEST_F(ScheduleTest, announces_no_more_than_the_stream_comes_to_in_time) {
   size_t announced = 0;
   table_.each([&](const Transfer& transfer) { announced += transfer.stage == Stage::kAnnounced; });
   EXPECT_EQ(announced, 80u);
+}
+
+TEST_F(ScheduleTest, announces_several_files_at_once_when_as_many_were_streamed) {
+  schedule_.set_rate(10'000'000);  // 800 kB in the time
+  for (int i = 0; i < 300; ++i) add(std::to_string(i));
+  announce_all();  // 80 files of 10 kB
   now_ += kLeastWait;
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(schedule_.next_announcement(now_), nullptr) << i;
+    Transfer& streamed = *schedule_.streamable(now_);
+    begin_stream(streamed);
+    schedule_.end_turn(streamed);
+  }
   begin_stream(*schedule_.streamable(now_));
-  EXPECT_NE(schedule_.next_announcement(now_), nullptr);
+  size_t announced = 0;
+  for (; Transfer* const next = schedule_.next_announcement(now_); ++announced) announce(*next);
+  EXPECT_EQ(announced, 6u);
 }
 
 TEST_F(ScheduleTest, announces_one_file_ahead_however_large_it_is) {
