@@ -12,6 +12,7 @@
 #include "pkgdist_ctrl_recv_msg.h"
 #include "pkgdist_export.h"
 #include "pkgdist_log.h"
+#include "pkgdist_request_limit.h"
 #include "pkgdist_stats.h"
 
 extern "C" {
@@ -26,14 +27,10 @@ namespace {
 // forged total size in the gigabytes would otherwise keep CTRL_RX sending for minutes.
 constexpr uint32_t kNacksPerScanLimit = 4096;
 
-// NACKs of this node, over all messages: one forged datagram must not draw a flood from every node.
-// A gap of as many messages is still asked for at once.
+// NACKs of this node, over all messages. A gap of as many messages is still asked for at once.
 constexpr uint32_t kNacksPerPeriodLimit = 4096;
 constexpr uint64_t kNackPeriod = 100'000'000;  // nanoseconds
-
-// When the last ones were sent, as a ring; 0 before as many were.
-uint64_t nack_stamps[kNacksPerPeriodLimit] = {};
-uint32_t oldest_nack = 0;
+RequestLimit<kNacksPerPeriodLimit, kNackPeriod> nack_limit;
 
 Index<CTRL_RECV_RX_MSG, &CTRL_RECV_RX_MSG::by_sequence> by_sequence;
 uint64_t next_serial = 1;
@@ -57,22 +54,15 @@ bool is_late(const CTRL_RECV_RX_MSG& entry, uint64_t now) {
   return idle >= load(G_ctrl_rto.segment_timeout) * (uint64_t{entry.nack_count} + 1);
 }
 
-// Whether another NACK may be sent now.
-bool has_nack_left() {
-  const uint64_t stamp = nack_stamps[oldest_nack];
-  return stamp == 0 || fts_get_stamp_fast() - stamp >= kNackPeriod;
-}
-
 void send_nack(const CTRL_RECV_RX_MSG& entry, bool has_segment, uint32_t segment) {
-  nack_stamps[oldest_nack] = fts_get_stamp_fast();
-  oldest_nack = (oldest_nack + 1) % kNacksPerPeriodLimit;
+  nack_limit.note();
   (void)pkgdist_ctrl_recv_ack_send(false, entry.sequence, has_segment, segment, entry.unicast,
                                    G_ctrl_mc_last_ack_sequence);
 }
 
 // Asks for a whole message. What cannot be asked for now is late at the next scan that finds room.
 void ask_for_message(CTRL_RECV_RX_MSG& entry) {
-  if (!has_nack_left()) return;
+  if (!nack_limit.has_room()) return;
   send_nack(entry, false, 0);
   ++entry.nack_count;
 }
@@ -85,7 +75,7 @@ void ask_for_missing_segments(CTRL_RECV_RX_MSG& entry) {
   uint32_t i = entry.next_nack;
   for (; i < entry.segments && sent < kNacksPerScanLimit; ++i) {
     if (pkgdist_ctrl_recv_is_segment_set(entry, i)) continue;
-    if (!has_nack_left()) break;
+    if (!nack_limit.has_room()) break;
     send_nack(entry, true, i);
     ++sent;
   }
@@ -232,7 +222,7 @@ void rx_msg_scan() {
       give_up(at);
       at = G_ctrl_recv_rx_msg_db.head;
     } else {
-      if (has_nack_left()) ask_again(*at, now);
+      if (nack_limit.has_room()) ask_again(*at, now);
       at = at->next;
     }
   }

@@ -12,6 +12,11 @@
 //   not done    the whole stream is silent: the file is requested again
 //
 // A file that lacks much and has asked for nothing waits for the stream to come round.
+//
+// File requests that the lead's lists draw are limited in number: nobody can have every node send
+// one for each name that a list has room for, at once and again at each time-out. A file whose turn
+// finds no room keeps its count and its times and has its turn in a later pass. The caller's own
+// requests are sent at once (pkgdist_data_recv_req.h).
 #include "pkgdist_data_recv_repair.h"
 
 #include <cerrno>
@@ -27,8 +32,10 @@
 #include "pkgdist_data_recv_rx_thread.h"
 #include "pkgdist_datagram.h"
 #include "pkgdist_log.h"
+#include "pkgdist_request_limit.h"
 #include "pkgdist_stats.h"
 #include "pkgdist_status.h"
+#include "pkgdist_thread.h"
 
 using namespace pkgdist;
 using Entry = pkgdist_file_recv_entry;
@@ -42,6 +49,11 @@ constexpr size_t kPacketBytes = 34;
 // A file that lacks this many segments or more is not asked for piece by piece.
 constexpr uint32_t kTailSegments = 200;
 
+// File requests of this node that nobody calls for: again at time-outs, and of a new lead. A
+// working lead keeps fewer files on their way, and heeds fewer requests. Receive lock held.
+constexpr uint32_t kFileRequestsPerPeriodLimit = 4096;
+RequestLimit<kFileRequestsPerPeriodLimit, kNanosecondsPerSecond> file_request_limit;
+
 // What the time-out pass makes of an entry.
 enum class Verdict { kWaits, kFails };
 
@@ -54,6 +66,7 @@ bool is_exhausted(const Entry& entry) {
 }
 
 void request_again(Entry& entry, uint64_t now) {
+  file_request_limit.note();
   (void)pkgdist_data_send_file_req(entry.path, entry.type, entry.location, entry.priority);
   entry.start_time = now;
 }
@@ -63,6 +76,7 @@ Verdict file_info_timeout(Entry& entry, uint64_t now) {
     PKGDIST_WARN("DATA File Info Receive Max Timeout - Name %s\n", entry.path);
     return Verdict::kFails;
   }
+  if (!file_request_limit.has_room()) return Verdict::kWaits;
   PKGDIST_WARN("DATA File Info Receive Timeout - Name %s - send again\n", entry.path);
   count(DrtCounter::kFileInfoTimeout);
   ++entry.timeout_count;
@@ -136,6 +150,7 @@ Verdict not_done_timeout(Entry& entry, uint64_t now) {
     PKGDIST_WARN("DATA File Not Done Max Timeout - Name %s\n", entry.path);
     return Verdict::kFails;
   }
+  if (!file_request_limit.has_room()) return Verdict::kWaits;
   PKGDIST_WARN("DATA File Not Done Timeout - Name %s - send request again\n", entry.path);
   count(DrtCounter::kFileNotDoneTimeout);
   ++entry.timeout_count;
@@ -284,7 +299,8 @@ void pkgdist_data_recv_new_lead() {
   for (Entry* at = G_file_recv_db.head; at != nullptr; at = at->next) {
     file_recv_set_id(*at, 0);
     at->timeout_count = 0;
-    request_again(*at, fts_get_stamp_fast());
     at->info_pending = 1;
+    at->start_time = fts_get_stamp_fast();  // what finds no room has its time-out from here
+    if (file_request_limit.has_room()) request_again(*at, at->start_time);
   }
 }

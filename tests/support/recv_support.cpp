@@ -275,7 +275,7 @@ void reset_library() {
 void RecvTest::SetUp() {
   // Later each time: what the library remembers of an earlier test is long ago.
   static uint64_t resets = 0;
-  now_ns = 3600 * kSecond + ++resets * kSecond;
+  now_ns = (3600 + ++resets * 100) * kSecond;
   reset_library();
   char pattern[] = "/tmp/pkgdist-test-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);

@@ -143,7 +143,7 @@ inline constexpr uint32_t kLeadAddress = 0x7F000001;
 inline constexpr uint32_t kOtherAddress = 0x7F000009;
 
 // A library at rest: value blocks registered, databases empty, a known lead (kLeadAddress, pid
-// 100), this node kMyAddress, clock a little after one hour, the wire captured, the data threads
+// 100), this node kMyAddress, clock some time after one hour, the wire captured, the data threads
 // marked as running so that adding a file starts none. Location 1 is a fresh directory, location 2
 // a memory prefix.
 class RecvTest : public testing::Test {

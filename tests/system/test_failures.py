@@ -107,6 +107,42 @@ class FailuresOfOneNode(SystemTest):
         self.push()
         self.assert_received()
 
+    def test_a_disk_that_is_full_and_is_freed_during_a_push(self):
+        """What came meanwhile failed and is named, what came later is there, and the next push brings
+        the rest and nothing else."""
+        disk = self.at_troubled("small disk")
+        self.mount(disk, "size=4m")
+        tree.write(disk, "of somebody else", b"x" * 3_900_000)
+        names = [f"small disk/{number:02}" for number in range(80)]
+        for name in names:
+            tree.add(self.content, name, 30_000)
+        self.start_nodes()
+        lead = self.start_push("--rate", "4")
+
+        def failed_at_node():
+            return {e["name"] for e in self.node_events(self.troubled, "file") if e["status"] != 0}
+
+        lab.wait_until(lambda: len(failed_at_node()) > 3, 20, "files that find no room")
+        os.unlink(os.path.join(disk, "of somebody else"))
+        end = lead.finish(expect=1)
+        failed = failures(end)[self.troubled.address]
+        self.assertLess(len(failed), len(names) - 10, "the rest found room")
+        # Of a second attempt, after the partial file has gone, the last one.
+        self.assertLessEqual(set(failed.values()), {SHORT_WRITE, errno_status(errno.ENOSPC),
+                                                    errno_status(errno.ENOENT)})
+        self.assertEqual(failed_at_node(), failed.keys())
+        lab.wait_until(lambda: not [name for name in os.listdir(disk) if name.endswith(".tmp")],
+                       what="the partial files to be removed")
+        self.assert_received_but(*failed)
+        self.assertFalse({os.path.basename(name) for name in failed} & set(os.listdir(disk)))
+        self.assert_received(*self.others)
+        arrived = {name: os.stat(os.path.join(disk, name)).st_ino for name in os.listdir(disk)}
+        self.push()
+        self.assert_received()
+        for name, inode in arrived.items():
+            self.assertEqual(os.stat(os.path.join(disk, name)).st_ino, inode, f"{name} was received again")
+        self.assert_alive()
+
     def test_a_directory_that_cannot_be_written(self):
         self.mount(self.at_troubled("sealed"), "ro")
         tree.add(self.content, "sealed/file", 3000)

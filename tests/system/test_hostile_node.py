@@ -6,6 +6,7 @@ its files and can therefore reach further.
 
 import itertools
 import os
+import time
 
 import hostile
 import tree
@@ -17,6 +18,7 @@ BURST = 4000
 # Sent without a pause; below what the receive buffers hold.
 CHUNK = 100
 MOST_SEGMENTS = 1 << 24  # of one file
+REQUESTS_PER_SECOND = 4096  # for files of a list
 MEMORY_LIMIT = 100_000_000  # resident bytes of a node, whatever it is told
 
 
@@ -312,6 +314,33 @@ class ForgedLeadAtANode(SystemTest):
         self.list_files("good")
         self.assert_good(7, "good", tree.content("good", 3000))
         self.assert_works()
+
+    def assert_requests_are_few(self, seconds):
+        """For so long."""
+        label = "UC SNDREQ SENT"
+        before, start = self.count(label), time.monotonic()
+        lab.wait_until(lambda: time.monotonic() - start > seconds, seconds + 5, "the time to pass")
+        sent, elapsed = self.count(label) - before, time.monotonic() - start
+        self.assertLessEqual(sent, REQUESTS_PER_SECOND * (int(elapsed) + 1))
+        return sent
+
+    def test_a_list_of_many_names_draws_a_limited_number_of_requests(self):
+        """And so do new processes of its lead, each of which is asked for every file anew."""
+        self.list_files(*[f"f{i}" for i in range(30_000)])
+        self.assertGreater(self.assert_requests_are_few(3), REQUESTS_PER_SECOND)
+        for pid in range(100, 150):
+            self.lead.pid = pid
+            self.lead.ping()
+        self.wait_for_count("NEW PID", 50, "CRS_Counters")
+        self.assertGreater(self.assert_requests_are_few(2), 0)
+        # Its report may get lost among the requests.
+        content, path = tree.content("good", 3000), os.path.join(self.place, "good")
+        self.list_files("good")
+        lab.wait_until(lambda: self.lead.whole_file(7, "good", content) or os.path.exists(path), 20,
+                       "another file to arrive meanwhile")
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), content)
+        self.assertLess(resident_bytes(self.process), MEMORY_LIMIT)
 
     def test_the_processes_restart_again_and_again(self):
         """Each new process number restarts what is under way."""

@@ -314,6 +314,116 @@ TEST_F(Timeouts, files_that_fail_do_not_keep_others_from_their_turn) {
   EXPECT_EQ(traffic.reports.size(), 2u);
 }
 
+// --- Long lists ---
+
+// As many file requests as a node repeats in a second.
+constexpr uint32_t kRequestsPerSecond = 4096;
+
+class LongList : public Timeouts {
+ protected:
+  void want_files(uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) want(std::to_string(i));
+  }
+  // The names asked for since the last call.
+  static std::vector<std::string> asked() {
+    std::vector<std::string> names;
+    for (const FileRequest& request : take_traffic().requests) names.push_back(request.name);
+    return names;
+  }
+};
+
+TEST_F(LongList, of_its_files_4096_are_asked_for_in_a_second_and_the_next_ones_after_that) {
+  constexpr uint32_t kFiles = 10'000;
+  want_files(kFiles);
+  pass_after(kSecond);
+  std::vector<std::string> names = asked();
+  ASSERT_EQ(names.size(), kRequestsPerSecond);
+  EXPECT_EQ(names.front(), "0");
+  EXPECT_EQ(names.back(), "4095");
+  pass_after(kSecond - 1);
+  EXPECT_TRUE(wire::sent().empty());
+  pass_after(1);
+  names = asked();
+  ASSERT_EQ(names.size(), kRequestsPerSecond);
+  EXPECT_EQ(names.front(), "4096") << "the first ones wait for two time-outs by now";
+  EXPECT_EQ(names.back(), "8191");
+  EXPECT_EQ(value(DrtCounter::kFileInfoTimeout), 2 * kRequestsPerSecond);
+  EXPECT_EQ(value(DrtCounter::kUcSendReqSent), 2 * kRequestsPerSecond);
+}
+
+TEST_F(LongList, a_file_that_finds_no_room_keeps_its_count_and_its_time) {
+  want_files(kRequestsPerSecond + 1);
+  pass_after(kSecond);
+  const std::string last = std::to_string(kRequestsPerSecond);
+  EXPECT_EQ(find("0")->timeout_count, 1u);
+  EXPECT_EQ(find(last)->timeout_count, 0u);
+  EXPECT_EQ(find(last)->start_time, clock::now() - kSecond);
+  EXPECT_EQ(logs::count("DATA File Info Receive Timeout - Name " + last + " - send again\n"), 0u);
+  asked();
+  pass_after(kSecond);
+  EXPECT_EQ(asked(), (std::vector<std::string>{last}));
+  EXPECT_EQ(find(last)->timeout_count, 1u);
+}
+
+TEST_F(LongList, that_nobody_sends_ends_by_itself) {
+  want_files(kRequestsPerSecond + 1);
+  size_t requests = 0;
+  for (int i = 0; i < 40 && !G_file_recv_db.empty(); ++i) {
+    pass_after(kSecond);
+    requests += asked().size();
+  }
+  EXPECT_TRUE(G_file_recv_db.empty());
+  EXPECT_EQ(requests, kRetries * (kRequestsPerSecond + 1));
+  EXPECT_EQ(value(DrtCounter::kFileTimeout), kRequestsPerSecond + 1);
+}
+
+TEST_F(LongList, whose_stream_falls_silent_is_asked_for_at_the_same_pace) {
+  want_files(kRequestsPerSecond + 1);
+  for (uint32_t i = 0; i <= kRequestsPerSecond; ++i)
+    announce({.id = i + 1, .name = std::to_string(i)});
+  hear_something();
+  pass_after(2 * kSecond);
+  EXPECT_EQ(asked().size(), kRequestsPerSecond);
+  EXPECT_EQ(value(DrtCounter::kFileNotDoneTimeout), kRequestsPerSecond);
+  EXPECT_EQ(find(std::to_string(kRequestsPerSecond))->info_pending, 0);
+  pass_after(kSecond);
+  EXPECT_EQ(asked(), (std::vector<std::string>{std::to_string(kRequestsPerSecond)}));
+}
+
+TEST_F(LongList, does_not_hold_up_repairs) {
+  want_files(kRequestsPerSecond);
+  pass_after(kSecond);
+  begin(10);
+  for (const uint32_t segment : {0u, 1u, 2u, 5u}) give(segment);
+  take_traffic();
+  find()->repair_time = clock::now() - 2 * kSecond;
+  want_files(1);
+  pass();
+  EXPECT_EQ(take_traffic().singles, (std::vector<Single>{{7, 3, 2}}));
+}
+
+TEST_F(LongList, of_another_lead_is_asked_for_at_the_same_pace) {
+  want_files(kRequestsPerSecond + 1);
+  const std::string last = std::to_string(kRequestsPerSecond);
+  find(last)->timeout_count = 3;
+  pkgdist_data_recv_new_lead();
+  EXPECT_EQ(asked().size(), kRequestsPerSecond);
+  pkgdist_data_recv_new_lead();
+  EXPECT_TRUE(wire::sent().empty()) << "leads that take turns draw no more";
+  EXPECT_EQ(find(last)->timeout_count, 0u);
+  EXPECT_EQ(find(last)->info_pending, 1);
+  pass_after(kSecond);
+  EXPECT_EQ(asked().size(), kRequestsPerSecond);
+}
+
+TEST_F(LongList, holds_up_no_request_of_the_caller) {
+  want_files(kRequestsPerSecond);
+  pass_after(kSecond);
+  asked();
+  EXPECT_EQ(instcomm_pkgdist_get_file("mine", 1, 1, 1, 9, nullptr, nullptr, nullptr), 0u);
+  EXPECT_EQ(asked(), (std::vector<std::string>{"mine"}));
+}
+
 // --- The end ---
 
 TEST_F(Timeouts, stat_entries_expire_and_then_the_threads_stop) {
