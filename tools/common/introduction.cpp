@@ -67,7 +67,8 @@ Json encode_known(const std::vector<KnownNames>& known) {
   return list;
 }
 
-constexpr std::array kSubjects{"files", "remove", "transaction", "directories", "list", "complete"};
+constexpr std::array kSubjects{"files", "remove",   "transaction", "directories",
+                               "list",  "complete", "compare"};
 
 Json encode_subject(const NodeQuestion& question) {
   using Kind = NodeQuestion::Kind;
@@ -84,6 +85,10 @@ Json encode_subject(const NodeQuestion& question) {
     case Kind::kComplete:
       subject["transaction"] = question.transaction;
       subject["status"] = question.status;
+      break;
+    case Kind::kCompare:
+      subject["manifest"] = encode_base64(question.manifest);
+      if (!question.signature.empty()) subject["signature"] = encode_base64(question.signature);
       break;
     default:
       subject["names"] = encode_list(question.names);
@@ -114,6 +119,10 @@ void decode_subject(const Json& subject, NodeQuestion& question) {
     case Kind::kComplete:
       question.transaction = subject.at("transaction").get<uint32_t>();
       question.status = subject.at("status").get<uint32_t>();
+      break;
+    case Kind::kCompare:
+      question.manifest = name_in(subject.at("manifest"));
+      if (subject.contains("signature")) question.signature = name_in(subject.at("signature"));
       break;
     default:
       question.names = decode_list(subject.at("names"));
@@ -146,9 +155,13 @@ std::string introduction_text(const Introduction& introduction) {
     if (place.releases) entry["releases"] = *place.releases;
     places.push_back(entry);
   }
-  Json object{{"pid", introduction.pid},         {"host", introduction.host},
-              {"version", introduction.version}, {"answers", introduction.answers},
-              {"trees", introduction.trees},     {"locations", places}};
+  Json object{{"pid", introduction.pid},
+              {"host", introduction.host},
+              {"version", introduction.version},
+              {"answers", introduction.answers},
+              {"trees", introduction.trees},
+              {"compares", introduction.compares},
+              {"locations", places}};
   if (introduction.complete_seconds) object["complete_seconds"] = *introduction.complete_seconds;
   return line("introduction", object);
 }
@@ -161,6 +174,7 @@ std::optional<Introduction> parse_introduction(std::span<const uint8_t> bytes) {
     found.version = short_text(object.at("version"));
     found.answers = object.value("answers", false);
     found.trees = object.value("trees", false);
+    found.compares = object.value("compares", false);
     if (object.contains("complete_seconds"))
       found.complete_seconds =
           std::clamp(object.at("complete_seconds").get<double>(), 0.0, kMaxCommandSeconds);

@@ -4,11 +4,11 @@
 // Each is one line, "pkgdist-KIND 1 " and a JSON object; strings that need not be UTF-8 are in
 // base64:
 //   introduction  {"pid":7,"host":"web-3","version":"0.1.0","answers":true,"trees":true,
-//                  "locations":[{"location":1,"memory":false,"free":123456,"releases":"base"}],
+//                  "compares":true,"locations":[{"location":1,"memory":false,"free":123456,"releases":"base"}],
 //                  "complete_seconds":300}
 //                 of a node to each lead that it begins to follow; "answers": it answers questions,
-//                 "trees": also directories and list; "complete_seconds": it has a command for the
-//                 end of a push, which may take so long
+//                 "trees": also directories and list; "compares": also compare; "complete_seconds":
+//                 it has a command for the end of a push, which may take so long
 //   question      {"number":3,"files":{"location":1,"names":[...]}}     what stands there?
 //                 {"number":4,"remove":{"location":1,"names":[...]}}    remove directories, too;
 //                              with "files":true files as well
@@ -21,6 +21,10 @@
 //                              "." is the location; "deep": with all that is in other directories
 //                 {"number":8,"complete":{"location":1,"transaction":2147483655,"status":0}}
 //                              a push has ended; status 0: you have every file of it
+//                 {"number":9,"compare":{"location":1,"manifest":TEXT,"signature":TEXT}}
+//                              does the content of these files agree? What does not is received
+//                              again first. The texts are those of push_manifest.h and of
+//                              signatures; without "signature" nobody has signed
 //   answer        {"number":3,"states":["file","directory","absent",...]}
 //                 {"number":4,"states":["absent",...]}    what stands there now
 //                 {"number":5,"states":["open"]}          or "unknown"
@@ -29,6 +33,8 @@
 //                  "piece":0,"pieces":3}                  pieces come in any order
 //                 {"number":8,"states":["done"]}          when the command has ended, or why it
 //                                                         has failed, in words
+//                 {"number":9,"states":["done"],"names":[[NAME,"received again"],...],
+//                  "problems":[[NAME,TEXT],...]}          these agree now, and these do not
 //   unset         {"location":3}    of a lead: it pushes to a location that the node has not set
 // A program that does not know them takes them for messages like any other.
 #pragma once
@@ -58,6 +64,7 @@ struct Introduction {
   std::string version;
   bool answers = false;
   bool trees = false;
+  bool compares = false;
   std::optional<double> complete_seconds;
   std::vector<Place> places;
 
@@ -86,7 +93,15 @@ struct KnownNames {
 };
 
 struct NodeQuestion {
-  enum class Kind : uint8_t { kFiles, kRemove, kTransaction, kDirectories, kList, kComplete };
+  enum class Kind : uint8_t {
+    kFiles,
+    kRemove,
+    kTransaction,
+    kDirectories,
+    kList,
+    kComplete,
+    kCompare
+  };
   uint32_t number = 0;
   Kind kind = Kind::kFiles;
   uint32_t location = 0;                   // of all but kTransaction
@@ -97,6 +112,7 @@ struct NodeQuestion {
   std::vector<TreeDirectory> directories;  // of kDirectories
   std::vector<KnownNames> known;           // of kList
   bool deep = false;                       // the same
+  std::string manifest, signature;         // of kCompare; no signature: empty
 };
 
 struct NamedText {
@@ -108,7 +124,7 @@ struct NamedText {
 struct NodeAnswer {
   uint32_t number = 0;
   std::vector<std::string> states = {};  // one for each name, or one
-  std::vector<NamedText> names = {};     // of kList, with what they are
+  std::vector<NamedText> names = {};     // of kList and kCompare, with what they are
   std::vector<NamedText> problems = {};  // what could not be done, and why
   uint32_t piece = 0;
   uint32_t pieces = 1;
@@ -118,6 +134,7 @@ struct NodeAnswer {
 inline constexpr const char* kStateFile = "file";
 inline constexpr const char* kStateDirectory = "directory";
 inline constexpr const char* kStateAbsent = "absent";
+inline constexpr const char* kStateReceivedAgain = "received again";
 inline constexpr const char* kStateNoLocation = "no such location";
 // Of whole questions.
 inline constexpr const char* kStateDone = "done";

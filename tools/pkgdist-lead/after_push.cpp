@@ -3,30 +3,17 @@
 #include <algorithm>
 #include <unordered_map>
 
-#include "base64.h"
 #include "push_figures.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
 
-constexpr lead::Time kDirectoriesLimit = 60 * lead::kSecond;
-constexpr lead::Time kListLimit = 60 * lead::kSecond;
-constexpr lead::Time kRemoveLimit = 300 * lead::kSecond;
 // Beyond the time of a command: for SIGKILL, and for the answer.
 constexpr double kCommandGraceSeconds = 5;
 
-constexpr const char* kNoAnswer = "no answer in time";
-
 lead::Time duration(double seconds) {
   return static_cast<lead::Time>(seconds * static_cast<double>(lead::kSecond));
-}
-
-Json encode_texts(const std::vector<cli::NamedText>& texts) {
-  Json list = Json::array();
-  for (const cli::NamedText& entry : texts)
-    list.push_back({cli::encode_base64(entry.name), entry.text});
-  return list;
 }
 
 }  // namespace
@@ -71,6 +58,7 @@ bool AfterPush::step_ended(lead::Time now) {
 
 void AfterPush::begin(Step step, lead::Time now) {
   step_ = step;
+  if (step == Step::kComparing) begin_comparing();
   if (step == Step::kDirectories) begin_directories();
   if (step == Step::kListing) begin_listing();
   if (step == Step::kRemoving) begin_removing();
@@ -79,6 +67,7 @@ void AfterPush::begin(Step step, lead::Time now) {
 }
 
 void AfterPush::tell() {
+  if (step_ == Step::kComparing) tell_comparing();
   if (step_ == Step::kDirectories) tell_directories();
   if (step_ == Step::kListing) tell_listing();
   if (step_ == Step::kRemoving) tell_removing();
@@ -101,112 +90,6 @@ const char* AfterPush::why_not_asked(const Node& node) const {
   const auto* place = introduction->place(push_.request.location);
   if (place == nullptr) return cli::kStateNoLocation;
   return place->memory ? "the location is in shared memory" : nullptr;
-}
-
-// --- Directories ---
-
-void AfterPush::begin_directories() {
-  if (push_.tree.only_list) return;
-  std::vector<lead::NodeInfo> asked;
-  for (const Node& node : nodes_)
-    if (why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(directory_questions(push_.tree, push_.request.location), asked, kDirectoriesLimit);
-}
-
-void AfterPush::tell_directories() {
-  const auto count = std::count_if(push_.tree.directories.begin(), push_.tree.directories.end(),
-                                   [](const auto& directory) { return directory.name != "."; });
-  if (count == 0 || push_.tree.only_list) return;
-  // Of --keep-directory-links: then a link in the place of a directory is no failure.
-  const bool links_stay = push_.request.directories.empty();
-  for (const Node& node : nodes_) {
-    const char* why = why_not_asked(node);
-    std::string text = why != nullptr ? why : "";
-    Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
-    if (why == nullptr && !said.all) text = kNoAnswer;
-    for (const std::string& state : said.states)
-      if (state != cli::kStateDone) text = state;
-    const bool done = text.empty();
-    say_({{"event", "directories"},
-          {"node", node.info.address},
-          {"set", done ? static_cast<size_t>(count) - said.problems.size() : 0},
-          {"failed", encode_texts(said.problems)},
-          {"good", why != nullptr || (done && (said.problems.empty() || links_stay))},
-          {"text", text}});
-  }
-}
-
-// --- Names that the lead does not have ---
-
-void AfterPush::mirror_line(uint32_t node, const std::vector<std::string>& names,
-                            const std::string& text) {
-  Json list = Json::array();
-  for (const std::string& name : names) list.push_back(cli::encode_base64(name));
-  say_({{"event", "mirror"},
-        {"node", node},
-        {"names", list},
-        {"good", text.empty()},
-        {"text", text}});
-}
-
-void AfterPush::begin_listing() {
-  if (!push_.tree.mirror) return;
-  std::vector<lead::NodeInfo> asked;
-  for (const Node& node : nodes_)
-    if (node.complete && why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(list_questions(push_.tree, push_.request.files, push_.request.location), asked, kListLimit);
-}
-
-void AfterPush::tell_listing() {
-  if (!push_.tree.mirror) return;
-  for (const lead::PushNodeReport& node : report_.nodes)
-    if (!node.heard || node.silent)
-      mirror_line(node.address, {}, node.heard ? "silent" : "never heard");
-  for (const Node& node : nodes_) {
-    const uint32_t address = node.info.address;
-    const char* why =
-        node.complete ? why_not_asked(node) : "it does not have every file of the push";
-    if (why != nullptr || inquiries_.empty()) {
-      mirror_line(address, {}, why != nullptr ? why : kNoAnswer);
-      continue;
-    }
-    const Inquiry::Said& said = inquiries_[0]->said().at(address);
-    std::string text = said.all ? "" : kNoAnswer;
-    for (const std::string& state : said.states)
-      if (state != cli::kStateDone) text = state;
-    for (const cli::NamedText& problem : said.problems)
-      if (push_.tree.filter.takes(problem.name)) text = problem.name + ": " + problem.text;
-    if (text.empty()) going_[address] = names_to_remove(said.names, push_.tree.filter);
-    mirror_line(address, text.empty() ? going_[address] : std::vector<std::string>(), text);
-  }
-}
-
-// Nodes with the same names are asked together.
-void AfterPush::begin_removing() {
-  if (push_.tree.only_list) return;
-  std::map<std::vector<std::string>, std::vector<lead::NodeInfo>> together;
-  for (const Node& node : nodes_)
-    if (const auto found = going_.find(node.info.address); found != going_.end())
-      together[found->second].push_back(node.info);
-  for (auto& [names, nodes] : together)
-    ask(remove_questions(names, push_.request.location), nodes, kRemoveLimit);
-}
-
-void AfterPush::tell_removing() {
-  for (const auto& inquiry : inquiries_)
-    for (const auto& [node, said] : inquiry->said()) {
-      const std::vector<std::string>& names = going_.at(node);
-      std::vector<cli::NamedText> failed;
-      for (size_t i = 0; i < names.size(); ++i) {
-        const std::string state = i < said.states.size() ? said.states[i] : kNoAnswer;
-        if (state != cli::kStateAbsent) failed.push_back({names[i], state});
-      }
-      say_({{"event", "mirrored"},
-            {"node", node},
-            {"removed", names.size() - failed.size()},
-            {"failed", encode_texts(failed)}});
-    }
 }
 
 // --- Disks ---

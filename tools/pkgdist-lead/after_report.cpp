@@ -33,11 +33,38 @@ void AfterReport::say(uint32_t node, const std::string& text) {
 
 void AfterReport::line(const Json& line) {
   const std::string event = line.value("event", "");
+  if (event == "compared") compared(line);
   if (event == "directories") directories(line);
   if (event == "mirror") mirror(line);
   if (event == "mirrored") mirrored(line);
   if (event == "durable") durable(line);
   if (event == "command") command(line);
+}
+
+void AfterReport::compared(const Json& line) {
+  const auto node = line.at("node").get<uint32_t>();
+  const bool good = line.at("good").get<bool>();
+  const std::string text = line.at("text").get<std::string>();
+  std::vector<std::string> again;
+  for (const Json& name : line.at("again"))
+    again.push_back(cli::decode_base64_text(name.get<std::string>()));
+  const Json failed = decode_texts(line.at("failed"));
+  reporter_.json().print("compared",
+                         {{"node", cli::format_address(node)},
+                          {"good", good},
+                          {"received_again", again},
+                          {"failed", failed},
+                          {"text", text}},
+                         kResult);
+  good_ = good_ && good;
+  ++compared_;
+  agree_ += good ? 1 : 0;
+  if (!text.empty()) say(node, "contents are not compared: " + text);
+  for (const std::string& name : again)
+    say(node, name + " had another content and was received again");
+  for (const Json& one : failed)
+    say(node, fmt::format("{}: {}", one.at("name").get<std::string>(),
+                          one.at("text").get<std::string>()));
 }
 
 void AfterReport::directories(const Json& line) {
@@ -114,6 +141,8 @@ void AfterReport::command(const Json& line) {
 bool AfterReport::finish() {
   if (lines_ > kMaxLines)
     reporter_.say(fmt::format("and {} more lines like these", lines_ - kMaxLines), kResult);
+  if (compared_ != 0)
+    reporter_.say(fmt::format("contents agree on {} of {} nodes", agree_, compared_), kResult);
   if (names_ != 0)
     reporter_.say(fmt::format("{} {} names on {} nodes, with all that is in them",
                               only_list_ ? "would remove" : "to remove:", names_, name_nodes_),

@@ -20,6 +20,7 @@ class AfterReport {
   bool finish();
 
  private:
+  void compared(const Json& line);
   void directories(const Json& line);
   void mirror(const Json& line);
   void mirrored(const Json& line);
@@ -30,8 +31,9 @@ class AfterReport {
   Reporter& reporter_;
   const bool only_list_;
   bool good_ = true;
-  size_t lines_ = 0;               // for people
-  std::vector<uint32_t> unasked_;  // nodes whose directories were left as they are
+  size_t lines_ = 0;                 // for people
+  size_t compared_ = 0, agree_ = 0;  // nodes with --checksum
+  std::vector<uint32_t> unasked_;    // nodes whose directories were left as they are
   std::string why_unasked_;
   size_t names_ = 0, name_nodes_ = 0;  // that go, or would
 };

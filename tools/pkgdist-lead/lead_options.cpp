@@ -131,6 +131,14 @@ void add_push(CLI::App& app, LeadOptions& options) {
                    "how long nodes may take to write it")
       ->type_name("SECONDS [60]")
       ->check(CLI::Range(0.1, 1e6));
+  CLI::Option* checksum =
+      push->add_flag("--checksum", options.checksum,
+                     "nodes compare the content of every file of the push, those too that they "
+                     "had, and receive again what differs");
+  push->add_option("--checksum-key", options.checksum_key,
+                   "sign what they compare with this secret key of minisign, without a password")
+      ->type_name("FILE")
+      ->needs(checksum);
   push->add_flag("--keep-directory-links", options.keep_directory_links,
                  "a link or file on a node stays where the tree has a directory, and links are "
                  "written through");

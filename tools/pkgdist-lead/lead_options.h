@@ -40,6 +40,8 @@ struct LeadOptions {
   lead::SlowNodes slow_nodes = lead::SlowNodes::kWait;
   bool durable = false;
   double durable_seconds = 60;  // how long nodes may take
+  bool checksum = false;
+  std::string checksum_key;  // file of a secret key; empty: nothing is signed
   bool keep_directory_links = false;
   bool strict = false;  // no push of a tree of which something cannot be sent
   bool top = false;     // full screen

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "push_checksums.h"
 #include "push_preview.h"
 #include "push_run.h"
 
@@ -117,15 +118,18 @@ int push_files(const LeadOptions& options, bool serving, const std::string& root
   else if (mirror && !options.filter.exclude.empty())
     reporter.say("--delete: names that --exclude leaves out stay on the nodes");
   const lead::FileTree shown = options.dry_run ? tree : lead::FileTree();
-  const QueuedPush push = queued_push(options, root, paths, tree, whole);
+  QueuedPush push = queued_push(options, root, paths, tree, whole);
   if (options.dry_run) return preview_all(options, serving, shown, push, reporter);
   left_out_events(tree, reporter);
+  PushChecksums checksums;
+  if (options.checksum) checksums = make_checksums(root, push.request.files, options, reporter);
+  push.tree.checksums = std::move(checksums.parts);
   const bool complete =
       serving ? push_through(options, push, reporter).good() : push_here(options, push, reporter);
   if (!tree.left_out.empty())
     reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
-  return complete && tree.left_out.empty() && mirror == options.mirror ? cli::kExitOk
-                                                                       : cli::kExitFailure;
+  const bool whole_tree = tree.left_out.empty() && checksums.left_out == 0;
+  return complete && whole_tree && mirror == options.mirror ? cli::kExitOk : cli::kExitFailure;
 }
 
 }  // namespace

@@ -46,6 +46,7 @@ Json given_options(const LeadOptions& options) {
   note("--slow-nodes", options.slow_nodes, usual.slow_nodes, slow_nodes_text);
   note("--durable", options.durable, usual.durable, flag);
   note("--durable-timeout", options.durable_seconds, usual.durable_seconds, number);
+  note("--checksum", options.checksum, usual.checksum, flag);
   note("--keep-directory-links", options.keep_directory_links, usual.keep_directory_links, flag);
   note("--delete", options.mirror, usual.mirror, flag);
   note("--strict", options.strict, usual.strict, flag);

@@ -246,7 +246,10 @@ void PushQueue::finish(std::list<Entry>& list) {
 
 void PushQueue::remember(const Entry& entry, lead::Time now) {
   const lead::PushReport report = entry.report.value_or(lead::PushReport{});
-  const char* state = entry.stopped ? "cancelled" : report.complete() ? "done" : "incomplete";
+  const std::set<uint32_t> wrong =
+      entry.after ? entry.after->wrong_content() : std::set<uint32_t>();
+  const bool good = report.complete() && wrong.empty();
+  const char* state = entry.stopped ? "cancelled" : good ? "done" : "incomplete";
   past_.push_back({.number = entry.number,
                    .name = entry.push.name,
                    .state = state,
@@ -259,7 +262,8 @@ void PushQueue::remember(const Entry& entry, lead::Time now) {
                    .ended_at = now});
   if (past_.size() > kMaxPast) past_.pop_front();
   for (const lead::PushNodeReport& node : report.nodes)
-    if (is_complete(node)) complete_[node.address] = entry.push.name;
+    if (is_complete(node) && !wrong.contains(node.address))
+      complete_[node.address] = entry.push.name;
 }
 
 std::vector<Json> PushQueue::list(lead::Time now) const {

@@ -93,6 +93,18 @@ PushTree push_tree(const lead::FileTree& selected, const std::optional<lead::Fil
   return tree;
 }
 
+std::vector<Question> compare_questions(const PushTree& tree, uint32_t location) {
+  std::vector<Question> questions;
+  for (const Checksums& part : tree.checksums) {
+    Question& question = questions.emplace_back();
+    question.kind = Question::Kind::kCompare;
+    question.location = location;
+    question.manifest = part.manifest;
+    question.signature = part.signature;
+  }
+  return questions;
+}
+
 // What is inside a directory comes before it.
 std::vector<Question> directory_questions(const PushTree& tree, uint32_t location) {
   Questions questions(Question::Kind::kDirectories, location);

@@ -166,6 +166,10 @@ std::vector<Json> encode_push(const QueuedPush& push) {
   });
   in_lines(lines, "others", push.tree.others,
            [](const std::string& name) { return Json(cli::encode_base64(name)); });
+  for (const Checksums& part : push.tree.checksums)
+    lines.push_back(
+        {{"checksums",
+          {cli::encode_base64(part.manifest), cli::encode_base64(part.signature), part.bytes}}});
   lines.push_back({{"start", true}});
   return lines;
 }
@@ -205,6 +209,12 @@ bool PushReader::add(const Json& line) {
   if (line.contains("others"))
     for (std::string& name : decode_names(line.at("others")))
       push_.tree.others.push_back(std::move(name));
+  if (line.contains("checksums")) {
+    const Json& part = line.at("checksums");
+    push_.tree.checksums.push_back({cli::decode_base64_text(part.at(0).get<std::string>()),
+                                    cli::decode_base64_text(part.at(1).get<std::string>()),
+                                    part.at(2).get<uint64_t>()});
+  }
   return line.contains("start");
 }
 

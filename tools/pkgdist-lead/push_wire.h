@@ -3,7 +3,8 @@
 // answer says which.
 //
 //   push     {"command":"push",...}, then {"files":[[NAME,SIZE],...]} and
-//   {"directories":[NAME,...]}, {"tree":[[NAME,MODE,MTIME],...]}, {"others":[NAME,...]}
+//   {"directories":[NAME,...]}, {"tree":[[NAME,MODE,MTIME],...]}, {"others":[NAME,...]},
+//   {"checksums":[MANIFEST,SIGNATURE,BYTES]}
 //            as often as needed, then {"start":true}; later perhaps {"stop":true},
 //            or {"stop_for":NODE} to end it for one node
 //   answers  {"event":"queued",...}, {"event":"begins"}, {"event":"state",...} again and again,

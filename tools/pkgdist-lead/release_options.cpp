@@ -8,7 +8,7 @@ namespace {
 constexpr const char* kOfOtherPushes[] = {"PATH",      "--files-from", "--exclude",
                                           "--include", "--dry-run",    "--type",
                                           "--force",   "--durable",    "--keep-directory-links",
-                                          "--strict"};
+                                          "--strict",  "--checksum"};
 
 void add_policy(CLI::App& command, LeadOptions& options, const char* values) {
   command

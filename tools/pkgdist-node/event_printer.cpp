@@ -233,6 +233,20 @@ void EventPrinter::removed(uint32_t location, const std::vector<std::string>& na
                   location, names.size(), names[0]));
 }
 
+void EventPrinter::compared(uint32_t location, const cli::NodeAnswer& answer) {
+  Json again = Json::array(), failed = Json::array();
+  for (const cli::NamedText& one : answer.names) again.push_back(one.name);
+  for (const cli::NamedText& one : answer.problems)
+    failed.push_back({{"name", one.name}, {"text", one.text}});
+  json_.print("compared",
+              Json{{"location", location}, {"received_again", again}, {"failed", failed}});
+  for (const cli::NamedText& one : answer.names)
+    say(fmt::format("location {}: {} had another content and was received again", location,
+                    one.name));
+  for (const cli::NamedText& one : answer.problems)
+    say(fmt::format("location {}: {}: {}", location, one.name, one.text));
+}
+
 void EventPrinter::message_outcome(uint64_t status, const std::string& text) {
   json_.print("message-outcome", Json{{"status", status}, {"text", text}});
   say(fmt::format("message: {}", text));

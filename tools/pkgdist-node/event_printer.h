@@ -47,6 +47,8 @@ class EventPrinter {
   void location_unset(uint32_t location);
   // Names are gone that the lead does not have. From any thread.
   void removed(uint32_t location, const std::vector<std::string>& names);
+  // Contents were not those that the lead has pushed: some are now, others not. From any thread.
+  void compared(uint32_t location, const cli::NodeAnswer& answer);
   void message_outcome(uint64_t status, const std::string& text);
   void interface_changed(const cli::InterfaceChange& change);
   // Both from any thread.

@@ -88,7 +88,7 @@ void LeadTalk::introduce() const {
   own.host = host_name();
   own.version = cli::version();
   own.answers = true;
-  own.trees = takes_question && releases_.name.empty();
+  own.trees = own.compares = takes_question && releases_.name.empty();
   own.complete_seconds = complete_seconds;
   for (const auto& [number, location] : options_.locations) {
     own.places.push_back({number, location.memory, free_bytes(location), std::nullopt});

@@ -111,6 +111,11 @@ void add_run(CLI::App& app, NodeOptions& options) {
       "shell command to run when a push has ended; PKGDIST_NAMES_FILE is a file with the names of "
       "what this node has of it, each with a zero byte behind it, PKGDIST_STATUS is 0 when that is "
       "everything, otherwise 1, PKGDIST_TRANSACTION and PKGDIST_LOCATION are numbers");
+  run->add_option(
+         "--push-keys", options.push_keys,
+         "what 'push --checksum' compares must be signed by such a public key of minisign, "
+         "or one of a directory")
+      ->type_name("FILE|DIR");
   add_release_mode(*run, options.releases);
   run->callback([&options] { options.command = Command::kRun; });
 }

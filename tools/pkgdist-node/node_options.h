@@ -48,6 +48,7 @@ struct NodeOptions {
   cli::RunnerOptions on_message;
   cli::RunnerOptions on_complete;
   ReleaseOptions releases;
+  std::string push_keys;  // file or directory; empty: nobody has to sign a push
 
   // get
   std::vector<std::string> paths;

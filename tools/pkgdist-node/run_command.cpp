@@ -95,9 +95,12 @@ int run_command(const NodeOptions& given) {
   printer.on_file_complete = [&](uint32_t xact_id, const std::string& name) {
     completion.file_complete(xact_id, name);
   };
-  TreeService trees(options, [&](uint32_t location, const std::vector<std::string>& names) {
-    printer.removed(location, names);
-  });
+  TreeService trees(options, {[&](uint32_t location, const std::vector<std::string>& names) {
+                                printer.removed(location, names);
+                              },
+                              [&](uint32_t location, const cli::NodeAnswer& answer) {
+                                printer.compared(location, answer);
+                              }});
   // What the network may write of releases, the gate says; nobody works on directories there.
   talk.takes_question = [&](const cli::NodeQuestion& question) {
     return (releases == nullptr && trees.take(question)) || completion.take(question);

@@ -7,15 +7,20 @@
 #include <mutex>
 #include <thread>
 
+#include "content_work.h"
 #include "lead_talk.h"
+#include "repeated_requests.h"
 #include "tree_work.h"
 
 namespace pkgdist::node_program {
 
 class TreeService::Work {
  public:
-  Work(const NodeOptions& options, Removed removed)
-      : options_(options), removed_(std::move(removed)), thread_([this] { run(); }) {}
+  Work(const NodeOptions& options, Told told)
+      : options_(options),
+        keys_(keys_of(options)),
+        told_(std::move(told)),
+        thread_([this] { run(); }) {}
 
   // Waits for what is being done, which a stop signal cuts short.
   ~Work() {
@@ -36,6 +41,11 @@ class TreeService::Work {
   }
 
  private:
+  static std::vector<release::PublicKey> keys_of(const NodeOptions& options) {
+    if (options.push_keys.empty()) return {};
+    return release::read_public_keys(options.push_keys);
+  }
+
   // --- On the thread ---
 
   void run() {
@@ -52,7 +62,7 @@ class TreeService::Work {
     }
   }
 
-  cli::NodeAnswer answer(const cli::NodeQuestion& question) const {
+  cli::NodeAnswer answer(const cli::NodeQuestion& question) {
     using Kind = cli::NodeQuestion::Kind;
     constexpr unsigned kPermissions = 0777, kAllBits = 07777;
     const auto location = options_.common.locations.find(question.location);
@@ -65,8 +75,19 @@ class TreeService::Work {
                           .umask = options_.umask};
     if (question.kind == Kind::kDirectories) return set_directories(place, question);
     if (question.kind == Kind::kList) return list_other_names(place, question);
+    if (question.kind == Kind::kCompare) return compare(place, question);
     cli::NodeAnswer said = remove_names(place, question);
     tell_removed(question, said);
+    return said;
+  }
+
+  cli::NodeAnswer compare(const TreePlace& place, const cli::NodeQuestion& question) {
+    cli::NodeAnswer said =
+        compare_contents(place.directory, question, keys_,
+                         [this](uint32_t location, const std::vector<std::string>& names) {
+                           requests_.receive(location, names);
+                         });
+    if (!said.names.empty() || !said.problems.empty()) told_.compared(question.location, said);
     return said;
   }
 
@@ -74,11 +95,13 @@ class TreeService::Work {
     std::vector<std::string> names;
     for (size_t i = 0; i < question.names.size(); ++i)
       if (said.states[i] == cli::kStateAbsent) names.push_back(question.names[i]);
-    if (!names.empty()) removed_(question.location, names);
+    if (!names.empty()) told_.removed(question.location, names);
   }
 
   const NodeOptions& options_;
-  const Removed removed_;
+  const std::vector<release::PublicKey> keys_;  // of pushes
+  const Told told_;
+  RepeatedRequests requests_;
   std::mutex mutex_;  // of these
   std::condition_variable changed_;
   std::deque<cli::NodeQuestion> waiting_;
@@ -86,14 +109,15 @@ class TreeService::Work {
   std::thread thread_;  // the last: it uses the others
 };
 
-TreeService::TreeService(const NodeOptions& options, Removed removed)
-    : work_(std::make_unique<Work>(options, std::move(removed))) {}
+TreeService::TreeService(const NodeOptions& options, Told told)
+    : work_(std::make_unique<Work>(options, std::move(told))) {}
 
 TreeService::~TreeService() = default;
 
 bool TreeService::take(const cli::NodeQuestion& question) {
   using Kind = cli::NodeQuestion::Kind;
   const bool mine = question.kind == Kind::kDirectories || question.kind == Kind::kList ||
+                    question.kind == Kind::kCompare ||
                     (question.kind == Kind::kRemove && question.files_too);
   if (mine) work_->add(question);
   return mine;

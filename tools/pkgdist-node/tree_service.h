@@ -1,4 +1,5 @@
-// Answers the lead's questions about the trees of its pushes (tree_work.h has what is done).
+// Answers the lead's questions about the trees of its pushes (tree_work.h and content_work.h have
+// what is done).
 //
 // A large tree takes long, so each question has a thread of its own; one at a time works, in the
 // order in which the lead asks, which waits for each answer.
@@ -16,10 +17,15 @@ namespace pkgdist::node_program {
 
 class TreeService {
  public:
-  // Hears which names are gone; on a thread of the service.
-  using Removed = std::function<void(uint32_t location, const std::vector<std::string>& names)>;
+  // Hear which names are gone, and which contents were not those that the lead has pushed; on a
+  // thread of the service.
+  struct Told {
+    std::function<void(uint32_t location, const std::vector<std::string>& names)> removed;
+    std::function<void(uint32_t location, const cli::NodeAnswer& answer)> compared;
+  };
 
-  TreeService(const NodeOptions& options, Removed removed);
+  // Throws for keys that cannot be used.
+  TreeService(const NodeOptions& options, Told told);
   // No question is worked on, and none will be.
   ~TreeService();
   TreeService(const TreeService&) = delete;

@@ -17,6 +17,16 @@ EVP_MD_CTX* context_of(void* context) {
   return static_cast<EVP_MD_CTX*>(context);
 }
 
+using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using Context = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
+
+Key key_of(const Ed25519Seed& seed) {
+  Key key(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, seed.data(), seed.size()),
+          EVP_PKEY_free);
+  must(key != nullptr, "Ed25519");
+  return key;
+}
+
 int hex_value(char digit) {
   if (digit >= '0' && digit <= '9') return digit - '0';
   if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
@@ -60,16 +70,34 @@ std::array<uint8_t, 64> blake2b512(Bytes bytes) {
 
 bool ed25519_holds(std::span<const uint8_t, kEd25519KeyBytes> key, Bytes message,
                    std::span<const uint8_t, kEd25519SignatureBytes> signature) {
-  const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> pkey(
-      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, key.data(), key.size()),
-      EVP_PKEY_free);
+  const Key pkey(EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, key.data(), key.size()),
+                 EVP_PKEY_free);
   if (pkey == nullptr) return false;
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
-                                                                        EVP_MD_CTX_free);
+  const Context context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
   must(context != nullptr, "EVP_MD_CTX_new");
   if (EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, pkey.get()) != 1) return false;
   return EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(),
                           message.size()) == 1;
+}
+
+std::array<uint8_t, kEd25519KeyBytes> ed25519_public(const Ed25519Seed& seed) {
+  const Key key = key_of(seed);
+  std::array<uint8_t, kEd25519KeyBytes> bytes;
+  size_t size = bytes.size();
+  must(EVP_PKEY_get_raw_public_key(key.get(), bytes.data(), &size) == 1, "Ed25519");
+  return bytes;
+}
+
+std::array<uint8_t, kEd25519SignatureBytes> ed25519_sign(const Ed25519Seed& seed, Bytes message) {
+  const Key key = key_of(seed);
+  const Context context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  must(context != nullptr, "EVP_MD_CTX_new");
+  must(EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1, "Ed25519");
+  std::array<uint8_t, kEd25519SignatureBytes> signature;
+  size_t size = signature.size();
+  must(EVP_DigestSign(context.get(), signature.data(), &size, message.data(), message.size()) == 1,
+       "Ed25519");
+  return signature;
 }
 
 std::string to_hex(Bytes bytes) {

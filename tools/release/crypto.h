@@ -1,5 +1,5 @@
-// What releases need of cryptography, on libcrypto: SHA-256, BLAKE2b-512, Ed25519 verification, and
-// the two text encodings. Functions throw std::runtime_error when libcrypto itself fails.
+// What releases need of cryptography, on libcrypto: SHA-256, BLAKE2b-512, Ed25519, and the two
+// text encodings. Functions throw std::runtime_error when libcrypto itself fails.
 #pragma once
 
 #include <array>
@@ -42,6 +42,10 @@ inline constexpr size_t kEd25519KeyBytes = 32;
 inline constexpr size_t kEd25519SignatureBytes = 64;
 bool ed25519_holds(std::span<const uint8_t, kEd25519KeyBytes> key, Bytes message,
                    std::span<const uint8_t, kEd25519SignatureBytes> signature);
+
+using Ed25519Seed = std::array<uint8_t, 32>;  // the secret half of a key
+std::array<uint8_t, kEd25519KeyBytes> ed25519_public(const Ed25519Seed& seed);
+std::array<uint8_t, kEd25519SignatureBytes> ed25519_sign(const Ed25519Seed& seed, Bytes message);
 
 std::string to_hex(Bytes bytes);
 // Lower case only: one text for one digest.

@@ -84,10 +84,10 @@ std::string_view first_line(std::string_view text) {
   return text.substr(0, text.find('\n'));
 }
 
-std::string format(const Manifest& manifest) {
+std::string format(const Manifest& manifest, Names names) {
   check_name(manifest.name);
   if (manifest.expires) check_expiry(*manifest.expires);
-  check_entries(manifest, SetId::kAllowed);
+  check_entries(manifest, SetId::kAllowed, names);
   std::string text = head_line(manifest) + "\n";
   text += fmt::format("floor {}\n", manifest.floor);
   if (manifest.expires) text += fmt::format("expires {}\n", *manifest.expires);

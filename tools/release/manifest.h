@@ -65,6 +65,8 @@ inline constexpr uint32_t kSmallestLeaf = 4096;
 inline constexpr uint32_t kLargestLeaf = 16u << 20;
 
 enum class SetId { kRefused, kAllowed };
+// What the release itself uses is no name of its tree; a push may bring such names, too.
+enum class Names { kOfRelease, kAny };
 
 // Leaves that a file has in the leaf file: none when it is not larger than one leaf.
 uint32_t leaf_count(uint32_t size, uint32_t leaf);
@@ -76,10 +78,11 @@ uint64_t total_bytes(const Manifest& manifest);
 std::string head_line(const Manifest& manifest);
 
 // The text. Entries have to be as parse() demands them; throws Refused when they are not.
-std::string format(const Manifest& manifest);
+std::string format(const Manifest& manifest, Names names = Names::kOfRelease);
 
 // To be called with verified text only. Throws Refused.
-Manifest parse(std::string_view text, SetId set_id = SetId::kRefused);
+Manifest parse(std::string_view text, SetId set_id = SetId::kRefused,
+               Names names = Names::kOfRelease);
 
 // Paths and targets as the manifest writes them, and back; nothing for what escape() never writes.
 std::string escape(std::string_view text);
@@ -89,7 +92,7 @@ std::optional<std::string> unescape(std::string_view text);
 std::string_view first_line(std::string_view text);
 
 // Throws Refused unless the entries are in order and each stands in a directory of the manifest.
-void check_entries(const Manifest& manifest, SetId set_id);
+void check_entries(const Manifest& manifest, SetId set_id, Names names = Names::kOfRelease);
 
 // Throws Refused unless it is a release name: a to z, 0 to 9, '.', '_', '-', beginning with a
 // letter or digit.

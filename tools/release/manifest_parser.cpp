@@ -174,12 +174,12 @@ class Parser {
 
 }  // namespace
 
-Manifest parse(std::string_view text, SetId set_id) {
+Manifest parse(std::string_view text, SetId set_id, Names names) {
   if (text.size() > kMaxManifestBytes)
     throw Refused(Reason::kTooLarge,
                   fmt::format("the manifest has more than {} bytes", kMaxManifestBytes));
   Manifest manifest = Parser(text).parse();
-  check_entries(manifest, set_id);
+  check_entries(manifest, set_id, names);
   return manifest;
 }
 

@@ -24,7 +24,7 @@ void check_component(std::string_view path, std::string_view component) {
   if (component.size() > kMaxComponentBytes) refuse_path(path, "has a component that is too long");
 }
 
-void check_path(std::string_view path) {
+void check_path(std::string_view path, Names names) {
   if (path.empty() || path.size() > kMaxPathBytes) refuse_path(path, "is empty or too long");
   if (path.find('\0') != std::string_view::npos) refuse_path(path, "has a zero byte");
   for (size_t at = 0; at <= path.size();) {
@@ -32,7 +32,8 @@ void check_path(std::string_view path) {
     check_component(path, path.substr(at, end - at));
     at = end + 1;
   }
-  if (path == kReleaseDirectory || path.starts_with(std::string(kReleaseDirectory) + "/"))
+  if (names == Names::kOfRelease &&
+      (path == kReleaseDirectory || path.starts_with(std::string(kReleaseDirectory) + "/")))
     refuse_path(path, "is reserved for the release itself");
 }
 
@@ -80,13 +81,13 @@ void check_expiry(std::string_view text) {
                   fmt::format("'{}' is no expiry date, like 2027-11-21T00:00:00Z", text));
 }
 
-void check_entries(const Manifest& manifest, SetId set_id) {
+void check_entries(const Manifest& manifest, SetId set_id, Names names) {
   if (manifest.entries.size() > kMaxEntries)
     throw Refused(Reason::kTooLarge, fmt::format("more than {} entries", kMaxEntries));
   std::unordered_set<std::string_view> directories;
   const Entry* before = nullptr;
   for (const Entry& entry : manifest.entries) {
-    check_path(entry.path);
+    check_path(entry.path, names);
     if (before != nullptr && entry.path <= before->path)
       refuse_path(entry.path, "is not in order, or there twice");
     const size_t slash = entry.path.rfind('/');

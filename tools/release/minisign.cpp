@@ -85,6 +85,39 @@ std::string read_text(const std::filesystem::path& path) {
   return text;
 }
 
+// The second line of a secret key file: algorithms of the signature, of the password and of the
+// check, what the password's needs, then these.
+constexpr size_t kPasswordAt = kAlgorithmBytes;
+constexpr size_t kSecretIdAt = 3 * kAlgorithmBytes + 48;
+constexpr size_t kSeedAt = kSecretIdAt + std::tuple_size_v<KeyId>;
+constexpr size_t kPublicAt = kSeedAt + std::tuple_size_v<Ed25519Seed>;
+constexpr size_t kSecretBytes = kPublicAt + kEd25519KeyBytes + 32;  // the check is last
+
+SecretKey parse_secret_key(std::string_view text) {
+  if (text.starts_with(kUntrusted)) (void)take_line(text);
+  const auto line = take_line(text);
+  const auto bytes = line ? from_base64(*line) : std::nullopt;
+  if (!bytes || bytes->size() != kSecretBytes ||
+      !std::equal(kPlainAlgorithm.begin(), kPlainAlgorithm.end(), bytes->begin()))
+    throw Refused(Reason::kKey, "this is no minisign secret key");
+  if ((*bytes)[kPasswordAt] != 0 || (*bytes)[kPasswordAt + 1] != 0)
+    throw Refused(Reason::kKey, "the secret key has a password (minisign -G -W makes one without)");
+  SecretKey key;
+  std::copy_n(bytes->begin() + kSecretIdAt, key.id.size(), key.id.begin());
+  std::copy_n(bytes->begin() + kSeedAt, key.seed.size(), key.seed.begin());
+  const auto own = ed25519_public(key.seed);
+  if (!std::equal(own.begin(), own.end(), bytes->begin() + kPublicAt))
+    throw Refused(Reason::kKey, "the secret key is damaged");
+  return key;
+}
+
+std::string line_of(std::string_view algorithm, const KeyId& id, Bytes bytes) {
+  std::vector<uint8_t> all(algorithm.begin(), algorithm.end());
+  all.insert(all.end(), id.begin(), id.end());
+  all.insert(all.end(), bytes.begin(), bytes.end());
+  return to_base64(all);
+}
+
 }  // namespace
 
 std::string key_text(const KeyId& id) {
@@ -150,6 +183,27 @@ const PublicKey& verify_signature(std::string_view signed_bytes, std::string_vie
   if (signature.comment != expected_comment)
     throw Refused(Reason::kRelabelled, "the trusted comment is not the first line of the manifest");
   return *key;
+}
+
+SecretKey read_secret_key(const std::filesystem::path& path) {
+  using std::filesystem::perms;
+  if ((std::filesystem::status(path).permissions() & perms::others_all) != perms::none)
+    throw Refused(Reason::kKey, path.string() + ": others may read or write the secret key");
+  try {
+    return parse_secret_key(read_text(path));
+  } catch (const Refused& refused) {
+    throw Refused(refused.reason(), path.string() + ": " + refused.what());
+  }
+}
+
+std::string sign(std::string_view bytes, const SecretKey& key, std::string_view trusted_comment) {
+  const auto signature = ed25519_sign(key.seed, blake2b512(bytes_of(bytes)));
+  std::string commented(signature.begin(), signature.end());
+  commented += trusted_comment;
+  std::string file(kUntrusted);
+  file += "signature from pkgdist\n" + line_of(kHashedAlgorithm, key.id, signature) + "\n";
+  file += std::string(kTrusted) + std::string(trusted_comment) + "\n";
+  return file + to_base64(ed25519_sign(key.seed, bytes_of(commented))) + "\n";
 }
 
 }  // namespace pkgdist::release

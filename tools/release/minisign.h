@@ -1,4 +1,5 @@
-// Signatures in minisign's format, made with `minisign -S` and verified here.
+// Signatures in minisign's format. Those of releases are made with `minisign -S` where no network
+// reaches; a lead signs what it pushes itself, with a key without a password (minisign -G -W).
 //
 // A signature file has four lines: a comment that nothing protects, the signature of the
 // BLAKE2b-512 hash of the signed file, a trusted comment, and the signature of the first signature
@@ -39,6 +40,18 @@ std::vector<PublicKey> read_public_keys(const std::filesystem::path& path);
 const PublicKey& verify_signature(std::string_view signed_bytes, std::string_view signature_file,
                                   const std::vector<PublicKey>& keys,
                                   std::string_view expected_comment);
+
+struct SecretKey {
+  KeyId id{};
+  Ed25519Seed seed{};
+};
+
+// Throws Refused(kKey) for a file that is no secret key, has a password, or can be read by others
+// than its owner and group; std::runtime_error when it cannot be read.
+SecretKey read_secret_key(const std::filesystem::path& path);
+
+// A signature file, as `minisign -S` writes it.
+std::string sign(std::string_view bytes, const SecretKey& key, std::string_view trusted_comment);
 
 // Largest signature file that is looked at; minisign's own have some hundred bytes.
 inline constexpr size_t kMaxSignatureFileBytes = 16384;

@@ -6,16 +6,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <ctime>
-#include <exception>
 #include <limits>
 #include <memory>
-#include <mutex>
-#include <numeric>
-#include <thread>
 
 #include "file_io.h"
+#include "in_parallel.h"
 #include "refusal.h"
 
 namespace pkgdist::release {
@@ -111,27 +107,9 @@ class Scan {
   }
 
   void hash_all() {
-    unsigned count = options_.threads;
-    if (count == 0) count = std::max(1u, std::thread::hardware_concurrency());
-    std::vector<std::jthread> threads;
-    for (unsigned i = 0; i < count; ++i) threads.emplace_back([this] { hash_some(); });
-    threads.clear();
-    if (failure_ != nullptr) std::rethrow_exception(failure_);
-  }
-
-  void hash_some() {
-    for (;;) {
-      const size_t at = next_.fetch_add(1);
-      if (at >= tree_.entries.size()) return;
-      if (tree_.entries[at].kind != Kind::kFile) continue;
-      try {
-        hash(at);
-      } catch (...) {
-        const std::lock_guard lock(failure_mutex_);
-        if (failure_ == nullptr) failure_ = std::current_exception();
-        next_ = tree_.entries.size();
-      }
-    }
+    in_parallel(tree_.entries.size(), options_.threads, [this](size_t at) {
+      if (tree_.entries[at].kind == Kind::kFile) hash(at);
+    });
   }
 
   void hash(size_t at) {
@@ -161,9 +139,6 @@ class Scan {
   const ScanOptions options_;
   const Fd root_;
   ScannedTree tree_;
-  std::atomic<size_t> next_{0};
-  std::mutex failure_mutex_;
-  std::exception_ptr failure_;  // the first one
 };
 
 }  // namespace

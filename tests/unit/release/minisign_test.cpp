@@ -145,4 +145,35 @@ TEST_F(MinisignProgram, it_accepts_what_is_accepted_here_and_refuses_what_is_ref
   EXPECT_EQ(Reason::kBadSignature, verify(text_ + "x", signature_));
 }
 
+TEST_F(MinisignProgram, it_accepts_what_is_signed_here_with_its_own_key) {
+  ASSERT_EQ(0, run("-G -W -p key.pub -s key.sec"));
+  const SecretKey key = read_secret_key(tree_ / "key.sec");
+  tree_.write("manifest", text_);
+  tree_.write("manifest.minisig", sign(text_, key, "a comment"));
+  EXPECT_EQ(0, run("-V -p key.pub -m manifest"));
+  const auto keys = read_public_keys(tree_ / "key.pub");
+  EXPECT_EQ(keys[0].id, key.id);
+  // It is no signature of a release.
+  EXPECT_EQ(Reason::kRelabelled, verify(text_, tree_.read("manifest.minisig"), keys));
+  EXPECT_EQ(std::nullopt, verify(text_, sign(text_, key, first_line(text_)), keys));
+}
+
+TEST_F(MinisignProgram, secret_keys_that_cannot_be_used_are_refused) {
+  ASSERT_EQ(0, run("-G -W -p key.pub -s key.sec"));
+  const auto refused = [&](const std::string& name) {
+    return refusal([&] { (void)read_secret_key(tree_ / name); });
+  };
+  const std::string text = tree_.read("key.sec");
+  for (const size_t at : {text.find('\n') + 1, text.size() - 70}) {
+    std::string damaged = text;
+    damaged[at] = damaged[at] == 'A' ? 'B' : 'A';
+    tree_.write("damaged", damaged);
+    ASSERT_EQ(0, chmod((tree_ / "damaged").c_str(), 0600));
+    EXPECT_EQ(Reason::kKey, refused("damaged")) << at;
+  }
+  EXPECT_EQ(Reason::kKey, refused("key.pub"));
+  ASSERT_EQ(0, chmod((tree_ / "key.sec").c_str(), 0604));
+  EXPECT_EQ(Reason::kKey, refused("key.sec"));
+}
+
 }  // namespace

@@ -15,7 +15,7 @@ TEST(Introduction, arrives_as_it_was_sent) {
   own.pid = 4711;
   own.host = "web-3";
   own.version = "0.1.0";
-  own.answers = own.trees = true;
+  own.answers = own.trees = own.compares = true;
   own.complete_seconds = 2.5;
   own.places = {{1, false, 123'456'789'012, "base"}, {3, true, std::nullopt, std::nullopt}};
   const auto found = parse_introduction(bytes(introduction_text(own)));
@@ -25,6 +25,7 @@ TEST(Introduction, arrives_as_it_was_sent) {
   EXPECT_EQ(found->version, "0.1.0");
   EXPECT_TRUE(found->answers);
   EXPECT_TRUE(found->trees);
+  EXPECT_TRUE(found->compares);
   EXPECT_EQ(found->complete_seconds, 2.5);
   ASSERT_EQ(found->places.size(), 2u);
   EXPECT_EQ(found->places[0].free_bytes, 123'456'789'012u);
@@ -107,6 +108,23 @@ TEST(NodeQuestion, for_a_list_has_the_known_names) {
   EXPECT_EQ(found->kind, NodeQuestion::Kind::kList);
   EXPECT_TRUE(found->deep);
   EXPECT_EQ(found->known, asked.known);
+}
+
+TEST(NodeQuestion, that_compares_contents_has_the_manifest_and_a_signature_when_there_is_one) {
+  NodeQuestion asked;
+  asked.kind = NodeQuestion::Kind::kCompare;
+  asked.location = 2;
+  asked.manifest = "names may have any byte: \xff\n";
+  auto found = parse_question(bytes(question_text(asked)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->kind, NodeQuestion::Kind::kCompare);
+  EXPECT_EQ(found->location, 2u);
+  EXPECT_EQ(found->manifest, asked.manifest);
+  EXPECT_EQ(found->signature, "");
+  asked.signature = "of somebody\n";
+  found = parse_question(bytes(question_text(asked)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->signature, asked.signature);
 }
 
 TEST(NodeQuestion, about_the_end_of_a_push_says_how_it_ended) {

@@ -26,6 +26,7 @@ QueuedPush example() {
   push.tree.mirror = push.tree.only_list = true;
   push.tree.others = {"d/\xfd"};
   push.tree.filter = {{"*.o"}, {"keep.o"}};
+  push.tree.checksums = {{"manifest \xff", "signature", 1ull << 33}, {"another", "", 7}};
   return push;
 }
 
@@ -59,6 +60,7 @@ TEST(PushWire, a_request_arrives_as_it_was_sent) {
   EXPECT_EQ(got.tree.others, sent.tree.others);
   EXPECT_EQ(got.tree.filter.exclude, sent.tree.filter.exclude);
   EXPECT_EQ(got.tree.filter.include, sent.tree.filter.include);
+  EXPECT_EQ(got.tree.checksums, sent.tree.checksums);
 }
 
 TEST(PushWire, a_request_that_makes_no_sense_is_refused) {

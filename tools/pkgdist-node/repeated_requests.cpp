@@ -1,0 +1,45 @@
+#include "repeated_requests.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "event_printer.h"
+#include "pkgdist/wire_data.h"
+#include "stop_signals.h"
+
+namespace pkgdist::node_program {
+
+namespace {
+
+constexpr std::chrono::seconds kSilence{10};
+constexpr int kLookMs = 50;  // for a stop signal
+constexpr uint32_t kPriority = 2;
+
+// One for the process and never destroyed: the library may still queue an outcome for it.
+levm_handle_t own_loop() {
+  static const levm_handle_t loop = levm_create();
+  if (loop == nullptr) throw std::runtime_error("no event loop could be created");
+  return loop;
+}
+
+}  // namespace
+
+RepeatedRequests::RepeatedRequests() : loop_(own_loop()) {}
+
+void RepeatedRequests::receive(uint32_t location, const std::vector<std::string>& names) {
+  using Clock = std::chrono::steady_clock;
+  requests_.remove_if([](const FileRequests& old) { return !old.waits(); });
+  FileRequests& files =
+      requests_.emplace_back(Wanted{names, location, PKGDIST_FILE_TYPE_ALWAYS, kPriority}, loop_,
+                             [](uint64_t, const char*, uint32_t, uint32_t) {});
+  uint64_t heard = heard_about_files();
+  auto end = Clock::now() + kSilence;
+  while (!files.run() && cli::stop_signal() == 0 && Clock::now() < end) {
+    (void)levm_run_once(loop_, kLookMs);
+    if (const uint64_t now = heard_about_files(); std::exchange(heard, now) != now)
+      end = Clock::now() + kSilence;
+  }
+}
+
+}  // namespace pkgdist::node_program
