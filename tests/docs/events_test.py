@@ -13,7 +13,7 @@ SCHEMA = ROOT / "packaging" / "schema" / "events.schema.json"
 PRINTED = re.compile(r"""(?:\bprint\(|\bnode_event\(|"event", )\s*"([a-z][a-z-]+)\"""")
 # What a lead says to a client of its control socket about a push; the client prints events of it.
 BETWEEN_PROGRAMS = {"begins", "command", "ended", "host", "mirror", "mirrored", "queued", "started", "state",
-                    "heard", "release-told"}
+                    "heard", "release-told", "watching", "idle", "listed"}
 PROGRAMS = ("pkgdist-lead", "pkgdist-node", "common")
 
 

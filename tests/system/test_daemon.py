@@ -136,6 +136,74 @@ class ServingLead(SystemTest):
         self.assertIn("cancelled", " ".join(terminal.screen()))
         self.assertEqual(self.states(), {".": "incomplete"})
 
+    def watch(self, *arguments):
+        return Terminal(self.net.lead, [self.programs.lead, "--interface", self.net.lead.address, *arguments, "top"])
+
+    def test_top_follows_one_push_after_the_other_and_stops_a_node(self):
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "8")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        view = self.watch()
+        view.wait_for("no push runs; 2 nodes are heard")
+        tree.add(self.content, "first", 6_000_000)
+        tree.add(self.content, "second", 100)
+        first = self.in_background("--name", "release-7", "first")
+        view.wait_for("push release-7  0 of 2 nodes done, 8.0 Mbit/s")
+        second = self.in_background("--name", "release-8", "second")
+        view.wait_for("1 push waits: release-8")
+        view.type("\x1b[C")
+        view.wait_for(f"{self.net.nodes[0].address}: ")
+        view.type("k")
+        view.wait_for("end the push for")
+        view.type("y")
+        view.wait_for("1 of 2 nodes done")
+        view.type("\x1b")
+        view.wait_for("push release-8  2 of 2 nodes done", 30)
+        view.wait_for("no push runs; 2 nodes are heard")
+        self.assertEqual((first.wait(timeout=10), second.wait(timeout=10)), (1, 0))
+        self.assert_received_name(self.net.nodes[1], "first")
+        self.serving.stop()
+        view.wait_for("the lead has ended")
+        view.type("q")
+        self.assertEqual(view.finish(), 0)
+
+    def assert_received_name(self, node, name):
+        self.assertEqual(lab.sha256(os.path.join(self.directory_of(node), name)),
+                         lab.sha256(os.path.join(self.content, name)))
+
+    def test_top_sees_a_push_without_a_serving_lead_which_does_not_wait_for_it(self):
+        self.serving.stop()
+        tree.add(self.content, "file", 4_000_000)
+        lead = self.start_push("--rate", "8")
+        lead.wait_for("push-started")
+        view = self.watch()
+        view.wait_for("0 of 2 nodes done, 8.0 Mbit/s")
+        self.assertTrue(lead.finish()["complete"])
+        view.wait_for("the lead has ended")
+        view.type("q")
+        self.assertEqual(view.finish(), 0)
+
+    def test_top_without_a_lead_says_so(self):
+        self.serving.stop()
+        view = self.watch()
+        self.assertEqual(view.finish(), 3)
+        self.assertIn("none is running with this interface and port", "".join(view.screen()))
+        alone = self.net.lead.run([self.programs.lead, "top"], capture_output=True, text=True, timeout=10)
+        self.assertEqual(alone.returncode, 2)
+        self.assertIn("EVENTS, or --interface of a lead that runs here, is required", alone.stderr)
+
+    def test_a_view_that_is_left_or_suspended_holds_up_nobody(self):
+        tree.add(self.content, "file", 100)
+        view = self.watch()
+        view.wait_for("no push runs")
+        view.process.send_signal(signal.SIGSTOP)
+        self.pushed()
+        view.process.send_signal(signal.SIGCONT)
+        view.wait_for("2 of 2 nodes done")
+        view.type("q")
+        self.assertEqual(view.finish(), 0)
+        self.pushed()
+
     def test_a_cancel_for_one_node_leaves_the_push_to_the_others(self):
         tree.add(self.content, "large", 60_000_000)
         self.serving.stop()
@@ -182,6 +250,62 @@ class ServingLead(SystemTest):
         self.kill(push)
         lab.wait_until(lambda: self.states() == {"file": "done"}, 60, "its end")
         self.assert_received()
+
+    def test_a_queued_push_is_cancelled_by_its_number(self):
+        tree.add(self.content, "large", 12_000_000)
+        tree.add(self.content, "small", 100)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "8")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        first = self.in_background("--name", "first", "large")
+        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        second = self.start_push_through("--name", "second", "small")
+        lab.wait_until(lambda: "second" in self.states(), 20, "the second push")
+        third = self.in_background("--name", "third", "small")
+        lab.wait_until(lambda: "third" in self.states(), 20, "the third push")
+        status, events, errors = self.serving.request("cancel", "2")
+        self.assertEqual((status, events[0]["text"]), (0, "push 2 (second) is cancelled before it began"), errors)
+        out, said = second.communicate(timeout=10)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("the push was cancelled", said)
+        self.assertEqual([e["number"] for e in lab.parse_events(out) if e["event"] == "push-queued"], [2])
+        self.assertEqual(self.states(), {"first": "running", "second": "cancelled", "third": "queued"})
+        self.assertEqual((first.wait(timeout=60), third.wait(timeout=20)), (0, 0))
+        status, events, errors = self.serving.request("cancel", "2")
+        self.assertEqual((status, events[0]["text"]), (1, "push 2 (second) has ended already"), errors)
+
+    def start_push_through(self, *arguments):
+        return self.net.lead.spawn([self.programs.lead, "--interface", self.net.lead.address, "--json", "push",
+                                    "--nodes", self.addresses(), *arguments],
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def test_a_second_push_says_behind_which_it_waits(self):
+        tree.add(self.content, "large", 4_000_000)
+        tree.add(self.content, "small", 100)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "8")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        first = self.in_background("--name", "first", "large")
+        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        second = self.net.lead.run(self.plain("push", "--nodes", self.addresses(), "small"), capture_output=True,
+                                   text=True, timeout=60)
+        self.assertEqual((first.wait(timeout=1), second.returncode), (0, 0))
+        self.assertIn("push 2 waits for the end of first\n", second.stdout)
+        self.assert_received()
+
+    def test_a_push_whose_reader_is_gone_ends_with_every_file(self):
+        """As of `push ... | head`, and of a terminal that is closed."""
+        tree.add(self.content, "file", 3_000_000)
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", "8")
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        push = self.start_push_through("file")
+        push.stdout.readline()
+        push.stdout.close()
+        self.assertIn(push.wait(timeout=60), (0, 1))
+        lab.wait_until(lambda: self.states() == {"file": "done"}, 30, "its end")
+        self.assert_received()
+        self.assertIsNone(self.serving.process.poll())
 
     def test_another_root_for_the_location_is_refused_before_anything_is_sent(self):
         other = self.directory("other")

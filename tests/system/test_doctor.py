@@ -103,7 +103,7 @@ class Doctor(SystemTest):
         self.assertEqual((result.returncode, result.stderr), (PROBLEMS, ""))
         self.assertRegex(result.stdout, r"PROBLEM  location 1 /no/such: no file can be made: No such "
                                         r"file or directory\n +why: .+\n +fix: mkdir -p /no/such\n")
-        self.assertRegex(result.stdout, r"\n\d problems, \d warnings, \d notes\n$")
+        self.assertRegex(result.stdout, r"\n\d problems?, \d warnings?, \d notes?\n$")
 
     def test_wrong_arguments_are_refused(self):
         for arguments in ([], ["lead"], ["--interface", "10.71.0.1"],
@@ -156,6 +156,20 @@ class Doctor(SystemTest):
         at_lead, at_node = self.both()
         self.assertEqual((at_lead.levels(), at_node.levels()), (set(), set()))
 
+    def test_rules_of_which_the_end_is_not_known_close_nothing_and_are_named(self):
+        host = self.net.nodes[0]
+        self.addCleanup(self.sh, host, "nft", "delete table inet guard")
+        self.sh(host, "nft", "add table inet guard; add chain inet guard incoming { type filter hook input "
+                             "priority 0; policy drop; }; add rule inet guard incoming ct state established accept; "
+                             "add rule inet guard incoming ct mark 7 accept; "
+                             "add rule inet guard incoming ip saddr 192.0.2.0/24 udp dport 7100-7104 accept")
+        examined = self.examine(host, "node", *HERE_ONLY)
+        finding = self.assert_finding(examined, "filter", "note", "'inet guard incoming'",
+                                      "UDP to ports 7100, 7101, 7103", "(ct mark)", "(ip saddr)")
+        self.assertIn("is not known", finding["what"])
+        self.assertEqual(finding["mend"], "nft -a list chain inet guard incoming")
+        self.assertEqual(examined.findings("filter", "problem"), [])
+
     def test_ports_that_go_out_are_looked_at_too(self):
         host = self.net.nodes[0]
         self.addCleanup(self.sh, host, "nft", "delete table ip guard")
@@ -175,8 +189,23 @@ class Doctor(SystemTest):
         table = lines[lines.index(next(line for line in lines if line.startswith("host "))):]
         for node in self.net.nodes:
             self.assertRegex("\n".join(table), rf"{node.address} +10/10 +0.0 %  -")
+        self.assertEqual(table[3], "2 hosts, 2 without trouble")
         self.assertTrue(any(line.startswith("ok       this host  interface, ") for line in lines), lines)
         self.assertEqual([one.status for one in nodes], [OK, OK])
+
+    def test_three_hundred_nodes_that_are_not_heard_are_one_finding_and_one_table(self):
+        host = self.net.lead
+        nodes = [f"10.71.{200 + i // 250}.{i % 250 + 1}" for i in range(300)]
+        lead = host.run([self.programs.doctor, "--interface", host.address, "--seconds", "1", "--receive-buffer", "4096",
+                         "--peer", ",".join(nodes), "lead"], capture_output=True, text=True, timeout=60)
+        self.assertEqual(lead.returncode, 1, lead.stderr)
+        lines = lead.stdout.splitlines()
+        self.assertEqual([line for line in lines if line.startswith("PROBLEM  network")],
+                         [f"PROBLEM  network    nothing was heard of nodes {', '.join(nodes[:5])} and 295 more"])
+        table = lines[lines.index(next(line for line in lines if line.startswith("host "))) + 1:]
+        self.assertEqual([line.split()[0] for line in table[:300]], nodes)
+        self.assertEqual(table[300], "300 hosts, 0 without trouble")
+        self.assertLess(len(lines), 330)
 
     def test_answers_that_a_packet_filter_drops_are_told(self):
         self.filter(self.net.lead, "udp dport 7104 drop")

@@ -1,10 +1,12 @@
 """What a push is told: nodes by name, what of the content travels, how much it says."""
 
 import os
+import signal
 import subprocess
 
 import lab
 import tree
+from forger import Forger
 from support import ROOT, BackgroundLead, SystemTest, summary
 
 
@@ -78,6 +80,40 @@ class NamesOfNodes(Lead):
         self.assertEqual(result.returncode, 0, result.stderr)
         rows = [line.split()[0] for line in result.stdout.splitlines() if line.endswith("  complete")]
         self.assertEqual(rows, ["n01", "n02", "n03"])
+
+    def test_results_of_delete_cancel_and_message_stand_under_the_names(self):
+        serving = BackgroundLead(self, "serve")
+        lab.wait_until(lambda: len(serving.events("node-introduced")) == 3, 20, "the introductions")
+        tree.add(self.directory_of(self.names["n02"]), "gone", 10)
+
+        def said(*arguments):
+            done = self.lead(*arguments)
+            rows = [line.split("  ", 1) for line in done.stdout.splitlines() if line.startswith("n0")]
+            return done.returncode, [(name.strip(), why.strip()) for name, why in rows]
+
+        status, rows = said("delete", "--nodes", "n[01-03]", "gone")
+        self.assertEqual((status, rows), (0, [("n01", "gone: no such file"), ("n03", "gone: no such file")]))
+        status, rows = said("cancel", "--nodes", "n03,n01", "4711")
+        self.assertEqual((status, rows), (1, [(name, "no such transaction under way") for name in ("n01", "n03")]))
+        self.node_processes[self.names["n03"].name].send_signal(signal.SIGSTOP)
+        self.addCleanup(self.node_processes[self.names["n03"].name].send_signal, signal.SIGCONT)
+        status, rows = said("message", "--nodes", "n01,n03", "--timeout", "1", "hello")
+        self.assertEqual((status, rows), (1, [("n03", "no acknowledgement in time")]))
+        scripts = serving.request("cancel", "--nodes", "n01", "4711")[1]
+        self.assertEqual([e["node"] for e in scripts if e["event"] == "outcome"], [self.names["n01"].address])
+
+    def test_a_node_that_does_not_introduce_itself_is_called_as_the_resolver_has_it(self):
+        node = self.names["n02"]
+        self.kill(self.node_processes[node.name])
+        serving = BackgroundLead(self, "serve")
+        forger = Forger(node, self.net.lead)
+        self.addCleanup(forger.close)
+        forger.answer(node.address, forger.ping(), 4711)
+
+        def name():
+            return {e["node"]: e["name"] for e in serving.request("nodes")[1] if e["event"] == "node"}.get(node.address)
+
+        lab.wait_until(lambda: name() == "n02", 20, "the name of the node")
 
     def test_a_name_without_an_address_is_refused(self):
         result = self.lead("push", "--nodes", "n01,n04", ".")

@@ -5,7 +5,10 @@ import json
 import os
 import re
 import subprocess
+import unittest
 
+import browser
+import many_nodes
 import tree
 from support import ROOT, SystemTest, summary
 
@@ -114,7 +117,7 @@ class PushPage(SystemTest):
             of("silent", "node-silent", 104), of("silent", "node-returned", 106.5), of("silent", "node-restarted", 107),
             {"event": "push-finished", "complete": True, "seconds": 9, "nodes": nodes}])
         self.assertIn("late complete 9.00 0 joined 3.5 s after the start", text)
-        self.assertIn("silent complete 9.00 0 restarted 1 times; silent for 2.5 s", text)
+        self.assertIn("silent complete 9.00 0 restarted 1 time; silent for 2.5 s", text)
         self.assertRegex(text, r"early complete 9\.00 0 Repairs")
         self.assertIn("4.0 s: silent: silent", text)
         self.assertIn("6.5 s: silent: heard again", text)
@@ -152,6 +155,56 @@ class PushPage(SystemTest):
         # The goodput of each second is 8 Mbit/s: one level line.
         curve = re.search(r'points="([^"]*)"><title>Goodput', content).group(1).split()
         self.assertEqual(len({point.split(",")[1] for point in curve}), 1, curve)
+
+    def test_the_options_that_were_given_are_told_all_of_them(self):
+        tree.add(self.content, "kept", 100)
+        tree.add(self.content, "left.log", 100)
+        names = os.path.join(self.directory("list"), "names")
+        with open(names, "w", encoding="utf-8") as file:
+            file.write("kept\nleft.log\n")
+        self.start_nodes()
+        result = self.programs.push(self.net.lead, self.content, "--nodes", self.addresses(), "--exclude", "*.log",
+                                    "--exclude", "*.tmp", "--include", "a.log", "--files-from", names, "--force",
+                                    "--slow-nodes", "drop", "--rate", "100M", "--durable", paths=())
+        self.assertEqual(result.returncode, 0, result.stderr)
+        asked = next(e for e in result.events if e["event"] == "push-requested")
+        self.assertEqual(asked["options"], {"--exclude": "*.log, *.tmp", "--include": "a.log", "--files-from": names,
+                                            "--force": "", "--slow-nodes": "drop", "--rate": "100M", "--durable": ""})
+        text, _ = self.page(result.events)
+        for told in ("--exclude *.log, *.tmp", f"--files-from {names}", "--slow-nodes drop", "--force"):
+            self.assertIn(told, text)
+
+    @unittest.skipUnless(browser.BROWSER, "needs the package chromium")
+    def test_a_page_fits_a_narrow_and_a_wide_screen_with_few_and_with_many_nodes(self):
+        work = self.directory("browser")
+        for nodes in (8, 300):
+            _, content = self.page(many_nodes.events(nodes, 25))
+            heights = {}
+            for width in (400, 1280):
+                measured = browser.measure(content, width, work)
+                self.assertEqual((measured["width"], measured["out"]), (width, []), f"{nodes} nodes")
+                heights[width] = measured["height"]
+            self.assertGreater(heights[400], heights[1280] * 0.8)
+            self.assertLess(heights[400], 16_000, "a page of 300 nodes can still be read on a telephone")
+
+    def test_a_page_about_300_nodes_names_those_that_matter(self):
+        text, content = self.page([*many_nodes.events(300, 24), many_nodes.summary(300, 24)])
+        self.assertIn("not complete", text)
+        self.assertIn("299 of 300", text)
+        self.assertLess(len(content), 400_000)
+        self.assertLess(content.count("<tr"), 120)
+        self.assertRegex(text, r"and \d+ more Missing node files why 10\.71\.0\.1 ")
+
+    def test_numbers_and_words_agree(self):
+        end = {"event": "push-finished", "complete": False, "seconds": 5, "nodes": [
+            {"node": "10.0.0.1", "state": "failed", "seconds": 5, "open": [], "failed": [
+                {"name": f"file {i}", "status": 5, "text": "No space left on device"} for i in range(30)]},
+            {"node": "10.0.0.2", "state": "complete", "seconds": 2},
+            {"node": "10.0.0.3", "state": "complete", "seconds": 2}]}
+        text, content = self.page([{"event": "push-started", "transaction": 7, "time": 100}, end])
+        self.assertIn("30 files", text)
+        for page in (text, content):
+            self.assertEqual(re.findall(r"\b1 (?:files|nodes|names|times|repairs|segments)\b", page), [])
 
     def test_events_without_the_end_of_a_push_make_no_page(self):
         self.assertIn("no push has ended", self.page([{"event": "push-started"}], expect=3))

@@ -114,7 +114,7 @@ class Release(SystemTest):
         diff = self.program("diff", old, self.content)
         self.assertEqual(diff.stdout.splitlines(),
                          ["+ same", "~ etc/settings",
-                          "0 removed, 1 added, 1 changed; 1 files with 15 bytes travel"])
+                          "0 removed, 1 added, 1 changed; to send: 1 file, 15 bytes"])
         self.assertEqual(json.loads(self.program("diff", old, self.content, "--json").stdout)["sent"],
                          ["etc/settings"])
         shown = json.loads(self.program("show", self.content, "--json", "--entries").stdout)

@@ -82,6 +82,7 @@ class LineServer {
   void flush();
   // A request has not been answered, or not wholly.
   bool busy() const { return !clients_.empty(); }
+  size_t clients() const { return clients_.size(); }
 
  private:
   void accept();

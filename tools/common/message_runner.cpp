@@ -14,6 +14,8 @@
 #include <optional>
 #include <thread>
 
+#include "counted.h"
+
 namespace pkgdist::cli {
 
 namespace {
@@ -79,7 +81,8 @@ class MessageRunner::Impl {
     changed_.notify_one();
     thread_.join();
     if (!queue_.empty())
-      report_(fmt::format("{} messages were not handed to '{}'", queue_.size(), command_.text));
+      report_(fmt::format("{} not handed to '{}'",
+                          counted(queue_.size(), "message was", "messages were"), command_.text));
   }
 
   void add(std::string_view bytes, Message message) {

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "counted.h"
 #include "json_events.h"
 #include "printable.h"
 #include "stop_signals.h"
@@ -190,9 +191,9 @@ int finish_output(int status, int failure) {
   if (const Output::LeftOut left = out.left_out(); left.progress + left.events != 0) {
     print_left_out(left.progress, left.events);
     complain(
-        fmt::format("standard output was not read in time: {} lines of progress and {} events "
+        fmt::format("standard output was not read in time: {} of progress and {} "
                     "were left out",
-                    left.progress, left.events));
+                    counted(left.progress, "line"), counted(left.events, "event")));
   }
   const bool whole = out.wait_written(enough);
   if (!whole && out.error() == 0)

@@ -1,9 +1,11 @@
 #include "filter_rules.h"
 
-#include <arpa/inet.h>
-
+#include <algorithm>
 #include <optional>
+#include <set>
 #include <vector>
+
+#include "filter_match.h"
 
 namespace pkgdist::doctor {
 
@@ -11,42 +13,33 @@ namespace {
 
 using Json = nlohmann::json;
 
-enum class Match { kNo, kMaybe, kYes };
-
-Match known(bool yes) {
-  return yes ? Match::kYes : Match::kNo;
-}
-Match negated(Match match) {
-  return match == Match::kMaybe ? match : known(match == Match::kNo);
-}
-
-std::optional<uint32_t> address_of(const Json& text) {
-  in_addr address{};
-  if (!text.is_string() || ::inet_pton(AF_INET, text.get<std::string>().c_str(), &address) != 1)
-    return std::nullopt;
-  return ntohl(address.s_addr);
-}
-
 // Chains that call each other deeper than this call themselves.
 constexpr int kMaxDepth = 16;
+
+// Targets of iptables after which the next rule comes.
+const std::set<std::string> kHarmlessTargets{"AUDIT",  "CHECKSUM", "CONNMARK", "CT",
+                                             "DSCP",   "LOG",      "MARK",     "NFLOG",
+                                             "TCPMSS", "TOS",      "TRACE",    "TTL"};
 
 // The way of one packet through the rules.
 class Walk {
  public:
-  Walk(const Json& objects, const FilteredPacket& packet) : objects_(objects), packet_(packet) {}
+  Walk(const Json& objects, const FilteredPacket& packet)
+      : objects_(objects), conditions_(objects, packet) {}
 
   FilterVerdict through(const Json& chain) {
     maybe_accepted_ = maybe_dropped_ = false;
+    open_.clear();
     Outcome outcome = run(chain.at("family"), chain.at("table"), chain.at("name"), 0);
     if (outcome.end == End::kOpen && chain.value("policy", "accept") == "drop")
       outcome = {End::kDrop, "policy drop"};
     const bool dropped = outcome.end == End::kDrop;
-    if (dropped ? maybe_accepted_ : maybe_dropped_) return {Fate::kUnknown, "", ""};
+    const std::string name = chain.at("family").get<std::string>() + " " +
+                             chain.at("table").get<std::string>() + " " +
+                             chain.at("name").get<std::string>();
+    if (dropped ? maybe_accepted_ : maybe_dropped_) return {Fate::kUnknown, name, "", open_};
     if (!dropped) return {};
-    return {Fate::kDropped,
-            chain.at("family").get<std::string>() + " " + chain.at("table").get<std::string>() +
-                " " + chain.at("name").get<std::string>(),
-            outcome.reason};
+    return {Fate::kDropped, name, outcome.reason};
   }
 
  private:
@@ -58,7 +51,7 @@ class Walk {
 
   Outcome run(const Json& family, const Json& table, const Json& chain, int depth) {
     if (depth > kMaxDepth) {
-      maybe_accepted_ = maybe_dropped_ = true;
+      leave_open("chains that call themselves");
       return {};
     }
     for (const Json& object : objects_) {
@@ -86,15 +79,75 @@ class Walk {
   // One expression or statement of a rule; `match` is what those before it came to.
   Outcome apply_part(const Json& rule, const Json& part, Match& match, int depth) {
     if (part.contains("match")) {
-      match = std::min(match, matches(rule, part["match"]));
+      match = std::min(match, conditions_.matches(rule, part["match"]));
       return {};
     }
     if (part.contains("vmap")) return apply_map(rule, part["vmap"], match, depth);
     for (const char* harmless : {"counter", "log", "comment", "mangle"})
       if (part.contains(harmless)) return {};
     if (const auto outcome = verdict(rule, part, match, depth)) return *outcome;
-    match = std::min(match, Match::kMaybe);  // a limit, a quota, an extension
+    if (part.contains("xt")) return apply_extension(rule, part["xt"], match);
+    if (part.contains("queue")) leave_open(name_of(rule, "queue"));
+    match = std::min(match, Match::kMaybe);  // a limit, a quota
     return {};
+  }
+
+  // Of iptables. Older versions of nft do not say which one it is.
+  Outcome apply_extension(const Json& rule, const Json& extension, Match& match) {
+    const std::string name = text_of(extension, "name"), type = text_of(extension, "type");
+    if (type == "target" && name == "REJECT") return ended(End::kDrop, match, rule);
+    const bool may_be_target = type.empty() && !decides(rule);
+    if (may_be_target || (type == "target" && !kHarmlessTargets.contains(name)))
+      leave_open(name_of(rule, name.empty() ? "xt" : "xt " + name));
+    if (type != "target") match = std::min(match, Match::kMaybe);
+    return {};
+  }
+
+  static std::string text_of(const Json& object, const char* key) {
+    return object.is_object() ? object.value(key, "") : std::string();
+  }
+
+  static bool decides(const Json& rule) {
+    for (const Json& part : rule.at("expr"))
+      for (const char* verdict : {"accept", "drop", "reject", "return", "jump", "goto", "vmap"})
+        if (part.contains(verdict)) return true;
+    return false;
+  }
+
+  static std::string name_of(const Json& rule, const std::string& part) {
+    return "rule " + std::to_string(rule.value("handle", 0)) + " (" + part + ")";
+  }
+
+  void leave_open(const std::string& what) {
+    maybe_accepted_ = maybe_dropped_ = true;
+    if (std::find(open_.begin(), open_.end(), what) == open_.end()) open_.push_back(what);
+  }
+
+  // What of the rule may be so or not: "xt conntrack", "ip saddr", "limit".
+  std::string open_part(const Json& rule) const {
+    for (const Json& part : rule.at("expr")) {
+      if (part.contains("match")) {
+        if (conditions_.matches(rule, part["match"]) == Match::kMaybe)
+          return name_of_left(part["match"].at("left"));
+      } else if (part.contains("xt")) {
+        const std::string name = text_of(part["xt"], "name");
+        return name.empty() ? "xt" : "xt " + name;
+      } else if (part.contains("vmap")) {
+        return "vmap of " + name_of_left(part["vmap"].at("key"));
+      } else if (!part.contains("counter") && !part.contains("log") && !part.empty()) {
+        return part.begin().key();
+      }
+    }
+    return "its conditions";
+  }
+
+  static std::string name_of_left(const Json& left) {
+    if (!left.is_object() || left.empty()) return "its conditions";
+    const std::string kind = left.begin().key();
+    const Json& of = left.begin().value();
+    if (kind == "payload") return text_of(of, "protocol") + " " + text_of(of, "field");
+    const std::string key = text_of(of, "key");
+    return key.empty() ? kind : kind + " " + key;
   }
 
   // A verdict statement, also one that may not be reached; nothing when it is another statement.
@@ -115,19 +168,22 @@ class Walk {
   Outcome ended(End end, Match match, const Json& rule) {
     if (match == Match::kYes) return {end, "rule " + std::to_string(rule.value("handle", 0))};
     // After an uncertain "return" either may come.
-    maybe_accepted_ |= end != End::kDrop;
-    maybe_dropped_ |= end != End::kAccept;
+    const bool accepted = maybe_accepted_ || end != End::kDrop;
+    const bool dropped = maybe_dropped_ || end != End::kAccept;
+    leave_open(name_of(rule, open_part(rule)));
+    maybe_accepted_ = accepted;
+    maybe_dropped_ = dropped;
     return {};
   }
 
   Outcome apply_map(const Json& rule, const Json& map, Match match, int depth) {
     const Json& data = map.at("data");
     if (!data.is_object() || !data.contains("set")) {
-      maybe_accepted_ = maybe_dropped_ = true;  // a named map
+      leave_open(name_of(rule, "a named map"));
       return {};
     }
     for (const Json& pair : data["set"]) {
-      const Match here = std::min(match, compare(rule, map.at("key"), pair.at(0)));
+      const Match here = std::min(match, conditions_.compare(rule, map.at("key"), pair.at(0)));
       if (here == Match::kNo) continue;
       const auto outcome = verdict(rule, pair.at(1), here, depth);
       if (outcome && outcome->end != End::kOpen) return *outcome;
@@ -135,112 +191,10 @@ class Walk {
     return {};
   }
 
-  Match matches(const Json& rule, const Json& match) const {
-    const std::string op = match.value("op", "==");
-    const Match found = compare(rule, match.at("left"), match.at("right"));
-    if (op == "==" || op == "in") return found;
-    return op == "!=" ? negated(found) : Match::kMaybe;
-  }
-
-  Match compare(const Json& rule, const Json& left, const Json& right) const {
-    if (right.is_string() && right.get<std::string>().starts_with("@"))
-      return in_named_set(rule, left, right.get<std::string>().substr(1));
-    const Json* list = right.is_array() ? &right : nullptr;
-    if (right.is_object() && right.contains("set")) list = &right["set"];
-    if (list == nullptr) return is(left, right);
-    Match best = Match::kNo;
-    for (const Json& one : *list) best = std::max(best, is(left, one));
-    return best;
-  }
-
-  Match in_named_set(const Json& rule, const Json& left, const std::string& name) const {
-    for (const Json& object : objects_) {
-      if (!object.contains("set")) continue;
-      const Json& set = object["set"];
-      if (set.at("name") != name || set.at("table") != rule.at("table") ||
-          set.at("family") != rule.at("family"))
-        continue;
-      Match best = Match::kNo;
-      for (const Json& one : set.value("elem", Json::array())) best = std::max(best, is(left, one));
-      return best;
-    }
-    return Match::kMaybe;
-  }
-
-  Match is(const Json& left, const Json& value) const {
-    if (value.is_object() && value.contains("elem"))  // with a time-out or a counter
-      return is(left, value["elem"].value("val", Json()));
-    if (left.contains("payload")) return payload_is(left["payload"], value);
-    if (left.contains("ct"))
-      return left["ct"].value("key", "") == "state" ? known(value == "new") : Match::kMaybe;
-    if (left.contains("meta")) return meta_is(left["meta"].value("key", ""), value);
-    return Match::kMaybe;
-  }
-
-  Match meta_is(const std::string& key, const Json& value) const {
-    if (key == "l4proto") return protocol_is(value);
-    if (key == "iifname" || key == "iif")
-      return !packet_.incoming ? Match::kMaybe : interface_is(value);
-    if (key == "oifname" || key == "oif")
-      return packet_.incoming ? Match::kMaybe : interface_is(value);
-    if (key == "nfproto") return known(value == "ipv4" || value == 2);
-    return Match::kMaybe;
-  }
-
-  Match interface_is(const Json& value) const {
-    if (!value.is_string()) return Match::kMaybe;
-    const std::string name = value.get<std::string>();
-    if (name.ends_with("*"))
-      return known(packet_.interface_name.starts_with(name.substr(0, name.size() - 1)));
-    return known(packet_.interface_name == name);
-  }
-
-  Match protocol_is(const Json& value) const {
-    if (value.is_number()) return known(value == (packet_.igmp ? IPPROTO_IGMP : IPPROTO_UDP));
-    return known(value == (packet_.igmp ? "igmp" : "udp"));
-  }
-
-  Match payload_is(const Json& payload, const Json& value) const {
-    const std::string protocol = payload.value("protocol", "");
-    const std::string field = payload.value("field", "");
-    if (protocol == "ip" && field == "protocol") return protocol_is(value);
-    if (protocol == "ip" && field == "daddr") return address_is(packet_.destination, value);
-    if (protocol == "ip" && field == "saddr") return address_is(packet_.source, value);
-    if (protocol == "ip6" || protocol == "tcp" || protocol == "icmp" || protocol == "icmpv6")
-      return Match::kNo;
-    if ((protocol == "udp" || protocol == "th") && packet_.igmp) return Match::kNo;
-    if ((protocol == "udp" || protocol == "th") && field == "dport")
-      return number_is(packet_.port, value);
-    return Match::kMaybe;
-  }
-
-  static Match number_is(uint32_t number, const Json& value) {
-    if (value.is_number()) return known(value == number);
-    if (value.is_object() && value.contains("range") && value["range"].at(0).is_number())
-      return known(number >= value["range"].at(0).get<uint32_t>() &&
-                   number <= value["range"].at(1).get<uint32_t>());
-    return Match::kMaybe;
-  }
-
-  static Match address_is(uint32_t address, const Json& value) {
-    if (address == 0) return Match::kMaybe;
-    if (const auto wanted = address_of(value)) return known(*wanted == address);
-    if (!value.is_object()) return Match::kMaybe;
-    if (value.contains("prefix")) {
-      const auto base = address_of(value["prefix"].at("addr"));
-      const auto bits = value["prefix"].at("len").get<uint32_t>();
-      if (!base || bits > 32) return Match::kMaybe;
-      const uint32_t mask = bits == 0 ? 0 : ~uint32_t{0} << (32 - bits);
-      return known((address & mask) == (*base & mask));
-    }
-    if (!value.contains("range")) return Match::kMaybe;
-    const auto first = address_of(value["range"].at(0)), last = address_of(value["range"].at(1));
-    return first && last ? known(address >= *first && address <= *last) : Match::kMaybe;
-  }
-
   const Json& objects_;
-  const FilteredPacket& packet_;
+  const FilterMatch conditions_;
   bool maybe_accepted_ = false, maybe_dropped_ = false;
+  std::vector<std::string> open_;  // the rules that make it so
 };
 
 bool concerns(const Json& chain, bool incoming) {
@@ -267,10 +221,10 @@ FilterVerdict FilterRules::verdict(const FilteredPacket& packet) const {
       if (!object.contains("chain") || !concerns(object["chain"], packet.incoming)) continue;
       const FilterVerdict here = Walk(objects_, packet).through(object["chain"]);
       if (here.fate == Fate::kDropped) return here;
-      if (here.fate == Fate::kUnknown) worst = here;
+      if (here.fate == Fate::kUnknown && worst.fate == Fate::kAccepted) worst = here;
     }
   } catch (const Json::exception&) {
-    return {Fate::kUnknown, "", ""};  // a form that this program does not know
+    return {Fate::kUnknown, "", "", {"rules of a form that is not known here"}};
   }
   return worst;
 }

@@ -2,13 +2,14 @@
 // a default of "drop" is found at once, before anything was sent.
 //
 // Understands what rules usually say of ports, addresses, protocols, interfaces and states of
-// connections. What else a rule asks for may be so or not: then it is not known what becomes of the
-// datagram, and nothing is said.
+// connections. What else a rule asks for may be so or not, the matches and targets of iptables (xt)
+// among it: then it is not known what becomes of the datagram, but which rules leave it open.
 #pragma once
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 namespace pkgdist::doctor {
 
@@ -26,9 +27,12 @@ enum class Fate { kAccepted, kDropped, kUnknown };
 
 struct FilterVerdict {
   Fate fate = Fate::kAccepted;
-  // Of a packet that is dropped: "inet filter input", and "policy drop" or "rule 7".
-  std::string chain;
-  std::string reason;
+  // Of a packet that is or may be dropped: "inet filter input".
+  std::string chain = {};
+  // Of one that is: "policy drop" or "rule 7".
+  std::string reason = {};
+  // Of one that may be, the rules that leave it open: "rule 7 (xt conntrack)".
+  std::vector<std::string> open = {};
 };
 
 class FilterRules {

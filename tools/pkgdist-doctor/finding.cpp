@@ -8,6 +8,8 @@
 #include <algorithm>
 
 #include "cli_common.h"
+#include "counted.h"
+#include "host_table.h"
 
 namespace pkgdist::doctor {
 
@@ -99,12 +101,7 @@ void Findings::print_well() const {
 
 void Findings::print_hosts() const {
   if (hosts_.size() < kHostsOfTable) return;
-  print_line(fmt::format("{:<16} {:>7} {:>8}  {}", "host", "ways", "lost", "trouble"));
-  for (const HostLine& one : hosts_)
-    print_line(
-        fmt::format("{:<16} {:>7} {:>6.1f} %  {}", one.host,
-                    fmt::format("{}/{}", one.good_ways, one.ways), one.lost_percent,
-                    one.troubles.empty() ? "-" : fmt::format("{}", fmt::join(one.troubles, ", "))));
+  for (const std::string& line : host_table(hosts_)) print_line(line);
 }
 
 int Findings::finish() {
@@ -129,7 +126,8 @@ int Findings::finish() {
     if (finding.level == Level::kNote || verbose_) print(finding);
   if (!verbose_) print_well();
   print_hosts();
-  print_line(fmt::format("{} problems, {} warnings, {} notes", problems, warnings, notes));
+  print_line(fmt::format("{}, {}, {}", cli::counted(problems, "problem"),
+                         cli::counted(warnings, "warning"), cli::counted(notes, "note")));
   return status;
 }
 

@@ -154,9 +154,9 @@ void check_routes(const DoctorOptions& options, const Interface& interface,
                         ", "));
     if (hosts.size() > kNamed) to += fmt::format(" and {} more", hosts.size() - kNamed);
     const std::string what =
-        error != 0
-            ? fmt::format("{} cannot be reached: {}", to, std::strerror(error))
-            : fmt::format("{} is reached from {} and not from {}", to, format_address(source), own);
+        error != 0 ? fmt::format("{} cannot be reached: {}", to, std::strerror(error))
+                   : fmt::format("{} {} reached from {} and not from {}", to,
+                                 hosts.size() == 1 ? "is" : "are", format_address(source), own);
     std::string why = "acknowledgements and requests for repair go to single hosts";
     if (filtered) why += "; and rp_filter drops multicast of hosts that are reached another way";
     findings.add({error != 0 || filtered ? Level::kProblem : Level::kWarning, "route", what, why,

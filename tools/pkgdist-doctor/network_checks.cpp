@@ -7,6 +7,7 @@
 #include <cstring>
 #include <set>
 
+#include "counted.h"
 #include "ways.h"
 
 namespace pkgdist::doctor {
@@ -288,9 +289,10 @@ class NetworkReport {
     else if (rules == 0)
       findings_.ok("filter", "this host's packet filter drops nothing");
     else
-      findings_.note("filter", fmt::format("{} rules of this host's packet filter may drop, none "
-                                           "with a counter that has grown; the first: {}",
-                                           rules, e_.filter_after.drops()[0]));
+      findings_.note("filter",
+                     fmt::format("{} of this host's packet filter may drop, none "
+                                 "with a counter that has grown; the first: {}",
+                                 cli::counted(rules, "rule"), e_.filter_after.drops()[0]));
   }
 
   void querier() {

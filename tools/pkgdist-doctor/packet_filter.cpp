@@ -9,6 +9,8 @@
 #include <map>
 #include <optional>
 
+#include "counted.h"
+
 namespace pkgdist::doctor {
 
 namespace {
@@ -61,6 +63,11 @@ struct Blocked {
   bool igmp = false;
   std::vector<uint16_t> ports;
 
+  void add(const Wanted& wanted) {
+    incoming = wanted.incoming;
+    igmp |= wanted.port == 0;
+    if (wanted.port != 0) ports.push_back(wanted.port);
+  }
   std::string what() const {
     std::string text = ports.empty() ? ""
                                      : fmt::format("UDP to port{} {}", ports.size() == 1 ? "" : "s",
@@ -84,6 +91,20 @@ struct Blocked {
     return text;
   }
 };
+
+// Rules that could not be read to their end: nothing is claimed of them.
+void tell_open(const std::string& chain, const std::vector<std::string>& rules, const Blocked& one,
+               Findings& findings) {
+  constexpr size_t kNamed = 5;
+  const auto end = rules.begin() + static_cast<std::ptrdiff_t>(std::min(rules.size(), kNamed));
+  findings.note(
+      "filter",
+      fmt::format(
+          "whether chain '{}' drops {} is not known; it depends on {}{}", chain, one.what(),
+          fmt::join(rules.begin(), end, ", "),
+          rules.size() > kNamed ? " and " + cli::counted(rules.size() - kNamed, "more rule") : ""),
+      chain.empty() ? "nft -a list ruleset" : "nft -a list chain " + chain);
+}
 
 }  // namespace
 
@@ -113,7 +134,8 @@ std::vector<std::string> PacketFilter::counted_since(const PacketFilter& before)
 
 std::vector<BlockedPort> check_filter(const DoctorOptions& options, const Interface& interface,
                                       const PacketFilter& filter, Findings& findings) {
-  std::map<std::pair<std::string, std::string>, Blocked> blocked;  // by chain and reason
+  std::map<std::pair<std::string, std::string>, Blocked> blocked;            // by chain and reason
+  std::map<std::pair<std::string, std::vector<std::string>>, Blocked> open;  // by chain and rules
   std::vector<BlockedPort> ports;
   for (const Wanted& wanted : wanted_by(options)) {
     FilteredPacket packet;
@@ -124,13 +146,10 @@ std::vector<BlockedPort> check_filter(const DoctorOptions& options, const Interf
     packet.interface_name = interface.name;
     if (!wanted.incoming) packet.source = options.common.interface;
     const FilterVerdict verdict = filter.rules().verdict(packet);
+    if (verdict.fate == Fate::kUnknown) open[{verdict.chain, verdict.open}].add(wanted);
     if (verdict.fate != Fate::kDropped) continue;
-    Blocked& here = blocked[{verdict.chain, verdict.reason}];
-    here.incoming = wanted.incoming;
-    here.igmp |= packet.igmp;
-    if (packet.igmp) continue;
-    here.ports.push_back(wanted.port);
-    ports.push_back({wanted.incoming, wanted.port});
+    blocked[{verdict.chain, verdict.reason}].add(wanted);
+    if (!packet.igmp) ports.push_back({wanted.incoming, wanted.port});
   }
   for (const auto& [where, one] : blocked)
     findings.add({one.ports.empty() ? Level::kWarning : Level::kProblem, "filter",
@@ -140,6 +159,7 @@ std::vector<BlockedPort> check_filter(const DoctorOptions& options, const Interf
                   : one.incoming    ? "what the other side sends to this host is lost"
                                     : "what this host sends is lost",
                   one.mend(where.first)});
+  for (const auto& [where, one] : open) tell_open(where.first, where.second, one, findings);
   return ports;
 }
 

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "counted.h"
 #include "descriptor.h"
 
 namespace pkgdist::doctor {
@@ -125,8 +126,8 @@ class Trial {
                    fmt::format("{} takes files; {} MB are left", location_.path, free / 1'000'000));
     if (space.f_files != 0 && space.f_favail < 1000)
       findings_.add({Level::kWarning, check_,
-                     fmt::format("{} has room for {} more files", location_.path,
-                                 static_cast<uint64_t>(space.f_favail)),
+                     fmt::format("{} has room for {}", location_.path,
+                                 cli::counted(space.f_favail, "more file")),
                      "each file needs an inode", "df -i " + space_place()});
   }
 

@@ -4,6 +4,7 @@
 
 #include "base64.h"
 #include "cli_common.h"
+#include "counted.h"
 #include "durability.h"
 
 namespace pkgdist::lead_program {
@@ -140,20 +141,24 @@ void AfterReport::command(const Json& line) {
 
 bool AfterReport::finish() {
   if (lines_ > kMaxLines)
-    reporter_.say(fmt::format("and {} more lines like these", lines_ - kMaxLines), kResult);
+    reporter_.say(fmt::format("and {} like these", cli::counted(lines_ - kMaxLines, "more line")),
+                  kResult);
   if (compared_ != 0)
-    reporter_.say(fmt::format("contents agree on {} of {} nodes", agree_, compared_), kResult);
+    reporter_.say(
+        fmt::format("contents agree on {} of {}", agree_, cli::counted(compared_, "node")),
+        kResult);
   if (names_ != 0)
-    reporter_.say(fmt::format("{} {} names on {} nodes, with all that is in them",
-                              only_list_ ? "would remove" : "to remove:", names_, name_nodes_),
+    reporter_.say(fmt::format("{} {} on {}, with all that is in them",
+                              only_list_ ? "would remove" : "to remove:",
+                              cli::counted(names_, "name"), cli::counted(name_nodes_, "node")),
                   kResult);
   if (!unasked_.empty()) {
     std::string nodes;
     for (size_t i = 0; i < std::min(unasked_.size(), kMaxUnasked); ++i)
       nodes += (i == 0 ? "" : ", ") + reporter_.label(unasked_[i]);
     if (unasked_.size() > kMaxUnasked) nodes += ", ...";
-    reporter_.say(fmt::format("modes and times of directories are not set on {} nodes ({}): {}",
-                              unasked_.size(), nodes, why_unasked_));
+    reporter_.say(fmt::format("modes and times of directories are not set on {} ({}): {}",
+                              cli::counted(unasked_.size(), "node"), nodes, why_unasked_));
   }
   return good_;
 }

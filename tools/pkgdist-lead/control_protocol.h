@@ -9,8 +9,10 @@
 //             {"command":"cancel","push":"release-7"}
 //             {"command":"status"}, {"command":"nodes"}, {"command":"pushes"}
 //             {"command":"push",...}                                             push_wire.h
+//             {"command":"watch"}                                                push_watch.h
 //             {"command":"releases"}                                         release_relay.h
 //   answers   {"event":"sent","id":3,"nodes":2}
+//             {"event":"host","node":ADDRESS,"name":TEXT}     what people call the nodes
 //             {"event":"outcome","node":"10.0.0.2","acknowledged":true,"text":"acknowledged",
 //              "deleted":1,"names":[{"name":"a","text":"no such file"}]}
 //             {"event":"done","complete":true,"sent":true,"acknowledged":2,"missing":0}   the end

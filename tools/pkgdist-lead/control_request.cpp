@@ -219,6 +219,9 @@ void ControlRequest::finish() {
   size_t acknowledged = 0, nodes = nodes_.size();
   bool complete = false;
   size_t deleted_on = 0;
+  for (const lead::NodeInfo& node : nodes_)
+    if (const auto host = programs_.hosts().find(node.address); host != programs_.hosts().end())
+      client_->say({{"event", "host"}, {"node", node.address}, {"name", host->second}});
   const auto say_outcome = [&](const lead::NodeInfo& node, bool good, const std::string& reason) {
     const Json line = outcome(node, good, reason);
     deleted_on += line.value("deleted", size_t{0}) != 0;

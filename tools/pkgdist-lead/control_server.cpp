@@ -40,6 +40,7 @@ ControlServer::ControlServer(const std::string& path, const LeadOptions& options
       programs_(programs),
       reporter_(reporter),
       queue_(queue),
+      watch_(lead_, programs_, queue),
       began_at_(lead::monotonic_now()),
       server_(
           path, session.poller(), kMaxRequestLine,
@@ -56,6 +57,7 @@ bool ControlServer::on_line(const Client& client, const std::string& line) {
     return true;
   }
   if (client->begun()) {
+    if (watch_.on_line(client, request, now_)) return true;
     if (queue_ == nullptr || releases_->on_line(client, request, now_)) return true;
     if (request.contains("stop")) queue_->stop(client, now_);
     if (request.contains("stop_for"))
@@ -88,6 +90,10 @@ bool ControlServer::on_command(const Client& client, const std::string& command,
     else
       say_pushes(*client);
     client->finish();
+    return true;
+  }
+  if (command == "watch") {
+    watch_.begin(client);
     return true;
   }
   if (lead_.role() == lead::Role::kListening) return false;  // decided in a moment
@@ -201,10 +207,13 @@ void ControlServer::say_nodes(cli::LineClient& client) const {
             [](const auto& a, const auto& b) { return a.info.address < b.info.address; });
   for (const lead::Lead::NodeView& node : nodes) {
     const cli::Introduction* who = programs_.find(node.info);
+    const auto host = programs_.hosts().find(node.info.address);
     const std::string has = queue_ != nullptr ? queue_->last_complete(node.info.address) : "";
     Json line{{"event", "node"},
               {"node", cli::format_address(node.info.address)},
-              {"name", who != nullptr ? Json(who->host) : Json()},
+              {"name", who != nullptr                    ? Json(who->host)
+                       : host != programs_.hosts().end() ? Json(host->second)
+                                                         : Json()},
               {"node_id", node_id_text(node.info.node_id)},
               {"pid", node.info.pid},
               {"card_class", node.info.card_class},
@@ -229,6 +238,7 @@ void ControlServer::say_pushes(cli::LineClient& client) const {
 void ControlServer::run(lead::Time now) {
   now_ = now;
   server_.run();
+  watch_.run(now);  // before the queue lets go of a push that has ended
   if (queue_ != nullptr) queue_->run(now);
   if (releases_) releases_->run();
   for (ControlRequest& request : requests_) request.run(now);

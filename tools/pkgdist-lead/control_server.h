@@ -11,6 +11,7 @@
 #include "control_request.h"
 #include "line_server.h"
 #include "push_queue.h"
+#include "push_watch.h"
 #include "release_relay.h"
 #include "session.h"
 
@@ -24,8 +25,8 @@ class ControlServer {
 
   // Starts what waited, pushes among it, and answers what has ended.
   void run(lead::Time now);
-  // A request has not been answered, or not wholly.
-  bool busy() const { return server_.busy(); }
+  // A request has not been answered, or not wholly. Those who watch ask for nothing.
+  bool busy() const { return server_.clients() > watch_.watchers(); }
 
  private:
   using Client = cli::LineServer::Client;
@@ -47,6 +48,7 @@ class ControlServer {
   Reporter& reporter_;
   PushQueue* const queue_;
   std::optional<ReleaseRelay> releases_;  // with a queue
+  PushWatch watch_;
   const lead::Time began_at_;
   std::map<Client, PushReader> readers_;  // pushes that are not whole yet
   std::list<ControlRequest> requests_;

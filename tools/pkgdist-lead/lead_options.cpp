@@ -13,6 +13,13 @@ namespace pkgdist::lead_program {
 namespace {
 
 constexpr double kBitsPerMegabit = 1e6;
+// Options of a push of which its description has the meaning, or that are none of its matter.
+const std::vector<std::string> kToldOfPush{"--interface", "--ctrl-group", "--data-group",
+                                           "--location",  "--to",         "--nodes",
+                                           "--json",      "--control"};
+const std::map<std::string, lead::SlowNodes> kSlowNodes{{"wait", lead::SlowNodes::kWait},
+                                                        {"drop", lead::SlowNodes::kDrop},
+                                                        {"after", lead::SlowNodes::kAfter}};
 // Files of this type are received although the node has them.
 constexpr uint32_t kTypeOfPresentFiles = 6;
 
@@ -115,16 +122,12 @@ void add_push(CLI::App& app, LeadOptions& options) {
                    "end the push after so many seconds, whatever is left")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 1e7));
-  using lead::SlowNodes;
-  push->add_option("--slow-nodes", options.slow_nodes,
-                   "a node at less than half the pace of the others: wait for it, drop it, or "
-                   "serve it after them")
+  push->add_option_function<std::string>(
+          "--slow-nodes", [o](const std::string& text) { o->slow_nodes = kSlowNodes.at(text); },
+          "a node at less than half the pace of the others: wait for it, drop it, or "
+          "serve it after them")
       ->type_name("wait|drop|after [wait]")
-      ->transform(
-          CLI::CheckedTransformer(std::map<std::string, SlowNodes>{{"wait", SlowNodes::kWait},
-                                                                   {"drop", SlowNodes::kDrop},
-                                                                   {"after", SlowNodes::kAfter}})
-              .description(""));
+      ->check(CLI::IsMember(kSlowNodes).description(""));
   push->add_flag("--durable", options.durable,
                  "end only when the nodes have written what they received to their disks");
   push->add_option("--durable-timeout", options.durable_seconds,
@@ -150,6 +153,7 @@ void add_push(CLI::App& app, LeadOptions& options) {
   add_stream_options(*push, options);
   push->callback([o, push] {
     check_release_options(*push);
+    o->given = given_options(*push, kToldOfPush);
     o->command = Command::kPush;
   });
 }
@@ -256,14 +260,18 @@ void add_report(CLI::App& app, LeadOptions& options) {
 void add_top(CLI::App& app, LeadOptions& options) {
   LeadOptions* o = &options;
   CLI::App* top = app.add_subcommand(
-      "top", "show a push full screen, from the events that it prints or has printed");
-  top->add_option("EVENTS", options.events_path,
-                  "what 'push --json' prints, also while it grows; - for standard input")
-      ->required();
+      "top",
+      "show full screen the pushes of the lead that runs here, or one from the events that it "
+      "prints or has printed");
+  top->fallthrough();
+  CLI::Option* events =
+      top->add_option("EVENTS", options.events_path,
+                      "what 'push --json' prints, also while it grows; - for standard input");
   top->add_option("--replay", options.replay_speed,
                   "play the events back, so many times as fast as they came")
       ->type_name("SPEED")
-      ->check(CLI::Range(0.01, 1000.0));
+      ->check(CLI::Range(0.01, 1000.0))
+      ->needs(events);
   top->callback([o] { o->command = Command::kTop; });
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli_common.h"
+#include "given_options.h"
 #include "message_runner.h"
 #include "pkgdist_lead/push.h"
 #include "push_selection.h"
@@ -49,6 +50,7 @@ struct LeadOptions {
   bool multi_homed = false;
 
   // push
+  GivenOptions given;                          // but for those that it tells in other ways
   std::string push_name;                       // empty: made of the paths
   uint32_t node_count = 0;                     // with a number
   std::vector<uint32_t> nodes;                 // with a list

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "control_path.h"
+#include "counted.h"
 #include "json_events.h"
 #include "reporter.h"
 
@@ -52,7 +53,8 @@ void print_status(const Json& status) {
                         ? ": " + text_of(status.at("other")) + " leads"
                         : "",
                     format_duration(status.value("seconds", 0.0))));
-  print(fmt::format("{} nodes heard, {} of them silent; {}", status.value("nodes", uint64_t{0}),
+  print(fmt::format("{} heard, {} silent; {}",
+                    cli::counted(status.value("nodes", uint64_t{0}), "node"),
                     status.value("nodes_silent", uint64_t{0}),
                     !status.value("takes_pushes", false)  ? "pushes, and takes no other pushes"
                     : status.value("push_running", false) ? "a push runs"

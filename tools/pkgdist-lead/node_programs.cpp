@@ -22,6 +22,9 @@ constexpr lead::Time kTellPatience = lead::kSecond;
 // that does not do it is waited for once.
 constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
 
+// How often nodes without a name are looked for.
+constexpr lead::Time kNamePeriod = lead::kSecond;
+
 // A message is sent again for so many addresses of its list as one datagram has room for.
 constexpr size_t kFewNodes = 48;
 
@@ -117,8 +120,23 @@ void NodePrograms::push_begins(uint32_t location) {
       check_location(node.info.address, *introduction);
 }
 
+// A node that was just heard has a moment to introduce itself, which names it better.
+void NodePrograms::name_nodes(lead::Time now) {
+  if (named_at_ == 0) named_at_ = now;
+  if (lead::elapsed(now, named_at_) < kNamePeriod) return;
+  named_at_ = now;
+  for (const lead::Lead::NodeView& node : lead_.nodes())
+    if (!introductions_.contains(node.info.address)) resolver_.ask(node.info.address);
+  for (const auto& [node, name] : resolver_.take()) {
+    if (introductions_.contains(node)) continue;
+    reporter_.set_host(node, name);
+    if (on_host) on_host(node, name);
+  }
+}
+
 void NodePrograms::run(lead::Time now) {
   ask_for_releases(now);
+  name_nodes(now);
   if (without_location_.empty() || !lead_.push_running()) return;
   std::erase_if(without_location_, [&](uint32_t node) {
     if (!lead_.leave_out(node, cli::kStatusNoLocation, now)) return false;

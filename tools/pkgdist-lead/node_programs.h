@@ -1,6 +1,8 @@
 // What the programs of nodes tell this lead's program beside the files: who they are, and what they
 // answer to questions (introduction.h).
 //
+// What a node that does not introduce itself is called, the resolver is asked.
+//
 // How their releases stand is remembered as each node told it last (release_messages.h).
 //
 // A node that introduces itself and has not set the location of the running push ends at once in
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "introduction.h"
+#include "name_resolver.h"
 #include "pkgdist_lead/lead.h"
 #include "release_messages.h"
 #include "reporter.h"
@@ -53,7 +56,7 @@ class NodePrograms {
   // By address: what each said, without states for those that did not. The question is forgotten.
   std::map<uint32_t, cli::NodeAnswer> take_answers(uint32_t question);
 
-  // What the nodes' hosts are called, as far as they have said it, by address.
+  // What the nodes' hosts are called, as far as they or the resolver have said it, by address.
   const std::map<uint32_t, std::string>& hosts() const { return reporter_.hosts(); }
   // Hears of each that is told; may be null.
   std::function<void(uint32_t node, const std::string& host)> on_host;
@@ -97,10 +100,13 @@ class NodePrograms {
   bool is_late(const Place& place, uint32_t pid, const cli::ReleaseState& state) const;
   void check_location(uint32_t node, const cli::Introduction& introduction);
   void ask_for_releases(lead::Time now);
+  void name_nodes(lead::Time now);
 
   lead::Lead& lead_;
   Reporter& reporter_;
   std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
+  cli::NameResolver resolver_;
+  lead::Time named_at_ = 0;                            // when it was asked last
   std::unordered_map<uint32_t, uint32_t> waited_for_;  // processes that have not, by address
   uint32_t push_location_ = 0;                         // 0: before the first push
   lead::Time listening_since_ = 0;                     // the push's begin

@@ -8,6 +8,7 @@
 #include "after_report.h"
 #include "node_programs.h"
 #include "own_lead.h"
+#include "push_display.h"
 #include "push_run.h"
 #include "session.h"
 
@@ -38,12 +39,37 @@ bool do_the_rest(const QueuedPush& push, lead::PushReport report, lead::Lead& le
   return shown.finish() && ran;
 }
 
-// Waits for the nodes of a push that sends nothing, as long as a push waits for them.
-bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs) {
+// A push that sends nothing waits for its nodes as others do, as far as the display is concerned.
+class Gathering : public PushSource {
+ public:
+  Gathering(lead::Lead& lead, const lead::PushRequest& request)
+      : lead_(lead), request_(request), began_at_(lead::monotonic_now()) {}
+  uint32_t push_transaction() const override { return 0; }
+  lead::PushReport push_progress() const override {
+    lead::PushReport report = listed_nodes(lead_, request_);
+    report.started_at = began_at_;
+    return report;
+  }
+  uint64_t rate_bits() const override { return 0; }
+  const lead::Counters& counters() const override { return nothing_; }
+  void stop_for(uint32_t, lead::Time) override {}
+
+ private:
+  lead::Lead& lead_;
+  const lead::PushRequest& request_;
+  const lead::Time began_at_;
+  const lead::Counters nothing_;
+};
+
+// Waits for its nodes, as long as a push waits for them.
+bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs,
+            PushDisplay& display) {
+  Gathering gathering(session.lead(), request);
   const lead::Time until = lead::monotonic_now() + request.node_timeout;
   return session.run(
       [&](lead::Time now) {
-        const lead::PushReport report = listed_nodes(session.lead(), request);
+        display.run(gathering, now);
+        const lead::PushReport report = gathering.push_progress();
         std::vector<lead::NodeInfo> heard;
         for (const lead::Lead::NodeView& node : session.lead().nodes()) heard.push_back(node.info);
         const size_t wanted =
@@ -56,6 +82,16 @@ bool gather(const lead::PushRequest& request, Session& session, NodePrograms& pr
       lead::kSecond / 10);
 }
 
+// True when no signal came.
+bool gather_shown(const LeadOptions& options, const lead::PushRequest& request, Session& session,
+                  NodePrograms& programs, Reporter& reporter) {
+  LeadOptions shown = options;
+  shown.top = false;  // there is nothing to see
+  PushView view(reporter);
+  PushDisplay display(reporter, view, shown, request.node_timeout);
+  return gather(request, session, programs, display);
+}
+
 }  // namespace
 
 bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter) {
@@ -63,16 +99,12 @@ bool list_here(const LeadOptions& options, const QueuedPush& push, Reporter& rep
   (void)session->hears_leads(reporter);
   NodePrograms programs(session->lead(), reporter);
   programs.push_begins(push.request.location);
-  if (!gather(push.request, *session, programs)) return false;
+  if (!gather_shown(options, push.request, *session, programs, reporter)) return false;
   const lead::PushReport report = listed_nodes(session->lead(), push.request);
   const bool listed =
       do_the_rest(push, report, session->lead(), programs, reporter,
                   [&](const auto& done, lead::Time tick) { return session->run(done, tick); });
-  if (report.nodes.size() >= report.expected_nodes) return listed;
-  reporter.say(fmt::format("{} of {} nodes never appeared",
-                           report.expected_nodes - report.nodes.size(), report.expected_nodes),
-               cli::Output::Kind::kResult);
-  return false;
+  return !tell_absent(reporter, report, options.common) && listed;
 }
 
 bool push_here(const LeadOptions& options, const QueuedPush& push, Reporter& reporter) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "counted.h"
+
 namespace pkgdist::lead_program {
 
 namespace {
@@ -35,8 +37,8 @@ std::string folded(const std::vector<std::string>& files) {
   if (files.size() > kMaxRows)
     names += fmt::format("<li>and {} more</li>", files.size() - kMaxRows);
   if (files.size() > kMaxNames)
-    return fmt::format("<details><summary>{} files</summary><ul>{}</ul></details>", files.size(),
-                       names);
+    return fmt::format("<details><summary>{}</summary><ul>{}</ul></details>",
+                       cli::counted(files.size(), "file"), names);
   std::string out;
   for (const std::string& file : files) out += (out.empty() ? "" : "<br/>") + escaped(file);
   return out;

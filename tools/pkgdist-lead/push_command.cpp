@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "counted.h"
 #include "output.h"
 #include "push_checksums.h"
 #include "push_preview.h"
@@ -127,7 +128,8 @@ int push_files(const LeadOptions& options, bool serving, const std::string& root
   const bool complete =
       serving ? push_through(options, push, reporter).good() : push_here(options, push, reporter);
   if (!tree.left_out.empty())
-    reporter.say(fmt::format("{} entries of the tree were left out", tree.left_out.size()));
+    reporter.say(cli::counted(tree.left_out.size(), "entry of the tree was left out",
+                              "entries of the tree were left out"));
   const bool whole_tree = tree.left_out.empty() && checksums.left_out == 0;
   return complete && whole_tree && mirror == options.mirror ? cli::kExitOk : cli::kExitFailure;
 }

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "cli_common.h"
+#include "counted.h"
 #include "page_drawing.h"
 #include "page_style.h"
 #include "page_tables.h"
@@ -220,8 +221,10 @@ class PushPage {
     for (size_t i = 0; i < kBins; ++i) {
       const double from = width * static_cast<double>(i);
       if (bins[i] > 0)
-        drawing.bar(from, from + width, bins[i],
-                    fmt::format("{} nodes in {:.2f} to {:.2f} s", bins[i], from, from + width));
+        drawing.bar(
+            from, from + width, bins[i],
+            fmt::format("{} in {:.2f} to {:.2f} s",
+                        cli::counted(static_cast<uint64_t>(bins[i]), "node"), from, from + width));
     }
     return "<h2>When nodes were complete</h2>\n" +
            drawing.html("Completion times", "seconds", "nodes");

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include "counted.h"
 #include "output.h"
 
 namespace pkgdist::lead_program {
@@ -49,7 +50,7 @@ int preview(const LeadOptions& options, const lead::FileTree& tree, Reporter& re
           kResult);
   }
   reporter.json().print("dry-run", {{"files", tree.files.size()}, {"bytes", bytes}}, kResult);
-  reporter.say(fmt::format("would push {} files, {}{}", tree.files.size(),
+  reporter.say(fmt::format("would push {}, {}{}", cli::counted(tree.files.size(), "file"),
                            format_bytes(static_cast<double>(bytes)), least_time(bytes, options)),
                kResult);
   return tree.left_out.empty() ? cli::kExitOk : cli::kExitFailure;

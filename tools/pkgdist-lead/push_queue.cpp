@@ -72,8 +72,7 @@ PushQueue::PushQueue(lead::Lead& lead, lead::DirectoryStore& store, EventTee& ev
 void PushQueue::add(QueuedPush push, Client client, lead::Time now) {
   if (waiting_.size() >= kMaxWaiting)
     throw std::runtime_error(fmt::format("{} pushes wait already", waiting_.size()));
-  Json before = Json::array();
-  for (const Entry& entry : waiting_) before.push_back(entry.push.name);
+  const std::vector<std::string> before = names();
   Entry& entry = waiting_.emplace_back();
   entry.number = ++last_number_;
   entry.push = std::move(push);
@@ -126,6 +125,8 @@ void PushQueue::begin(Entry& entry, lead::Time now) {
     entry.began_at = now;
     programs_.push_begins(entry.push.request.location);
     entry.report = listed_nodes(lead_, entry.push.request);
+    say_hosts(entry);
+    entry.client->say({{"event", "listed"}, {"report", encode_report(*entry.report)}});
     begin_after(entry, *entry.report);
     return;
   }
@@ -145,6 +146,10 @@ void PushQueue::begin(Entry& entry, lead::Time now) {
   programs_.push_begins(entry.push.request.location);
   events_.show_to(entry.client);
   entry.client->say({{"event", "begins"}, {"transaction", entry.transaction}});
+  say_hosts(entry);
+}
+
+void PushQueue::say_hosts(const Entry& entry) const {
   for (const auto& [node, host] : programs_.hosts())
     entry.client->say({{"event", "host"}, {"node", node}, {"name", host}});
 }
@@ -199,11 +204,7 @@ void PushQueue::say_end(Entry& entry, const lead::Counters& counted) {
 
 void PushQueue::run(lead::Time now) {
   run_commands(now);
-  while (!waiting_.empty() && waiting_.front().stopped && waiting_.front().began_at == 0) {
-    say_end(waiting_.front(), {});
-    remember(waiting_.front(), now);
-    finish(waiting_);
-  }
+  drop_stopped(now);
   if (waiting_.empty()) return;
   Entry& entry = waiting_.front();
   if (entry.began_at == 0) return begin(entry, now);
@@ -223,6 +224,20 @@ void PushQueue::run(lead::Time now) {
   }
   if (!entry.push.tree.only_list) remember(entry, now);
   finish(waiting_);
+}
+
+// Those that did not begin end at once, wherever they wait.
+void PushQueue::drop_stopped(lead::Time now) {
+  std::list<Entry> ended;
+  for (auto entry = waiting_.begin(); entry != waiting_.end();) {
+    const auto next = std::next(entry);
+    if (entry->stopped && entry->began_at == 0) ended.splice(ended.end(), waiting_, entry);
+    entry = next;
+  }
+  for (; !ended.empty(); finish(ended)) {
+    say_end(ended.front(), {});
+    remember(ended.front(), now);
+  }
 }
 
 void PushQueue::run_commands(lead::Time now) {
@@ -286,6 +301,12 @@ std::vector<Json> PushQueue::list(lead::Time now) const {
                            complete_nodes(report), began ? seconds(entry.began_at, now) : 0));
   }
   return lines;
+}
+
+std::vector<std::string> PushQueue::names() const {
+  std::vector<std::string> names;
+  for (const Entry& entry : waiting_) names.push_back(entry.push.name);
+  return names;
 }
 
 std::string PushQueue::last_complete(uint32_t node) const {

@@ -48,6 +48,8 @@ class PushQueue {
 
   // Those that run and wait, and the last that have ended, as lines for the client.
   std::vector<Json> list(lead::Time now) const;
+  // The names of those that run and wait, in this order.
+  std::vector<std::string> names() const;
   // The name of the last push of which the node has every file; empty: none.
   std::string last_complete(uint32_t node) const;
   bool busy() const { return !waiting_.empty(); }
@@ -80,11 +82,13 @@ class PushQueue {
   };
 
   void begin(Entry& entry, lead::Time now);
+  void say_hosts(const Entry& entry) const;
   void tell(Entry& entry, lead::Time now);
   bool blocked(Entry& entry, lead::Time now);
   void stream_ended(Entry& entry);
   void begin_after(Entry& entry, lead::PushReport report);
   void say_end(Entry& entry, const lead::Counters& counted);
+  void drop_stopped(lead::Time now);
   void run_commands(lead::Time now);
   static void finish(std::list<Entry>& list);
   void remember(const Entry& entry, lead::Time now);

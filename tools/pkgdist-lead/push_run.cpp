@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "cli_common.h"
+#include "counted.h"
 
 namespace pkgdist::lead_program {
 
@@ -70,10 +71,22 @@ void tell_others(Reporter& reporter, const PushEnd& end, const lead::PushRequest
   if (end.nodes_heard <= listed) return;
   const size_t others = end.nodes_heard - listed;
   reporter.json().print("others-heard", {{"nodes", others}}, cli::Output::Kind::kResult);
-  reporter.say(fmt::format("{} other nodes were heard; the push was not for them", others));
+  reporter.say(fmt::format("{} heard; the push was not for {}",
+                           cli::counted(others, "other node was", "other nodes were"),
+                           others == 1 ? "it" : "them"));
 }
 
 }  // namespace
+
+bool tell_absent(Reporter& reporter, const lead::PushReport& report,
+                 const cli::CommonOptions& common) {
+  const size_t absent = absent_nodes(report);
+  if (absent == 0) return false;
+  reporter.say(fmt::format("{} of {} nodes never appeared", absent, report.expected_nodes),
+               cli::Output::Kind::kResult);
+  tell_doctor(reporter, report, common);
+  return true;
+}
 
 bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter,
               PushView& view, PushEnd end) {

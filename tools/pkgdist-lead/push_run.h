@@ -28,6 +28,11 @@ struct PushEnd {
 bool tell_end(const LeadOptions& options, const lead::PushRequest& request, Reporter& reporter,
               PushView& view, PushEnd end);
 
+// Of nodes that are only asked: how many are not there; false when all are. When nobody is, the
+// network is what to look at.
+bool tell_absent(Reporter& reporter, const lead::PushReport& report,
+                 const cli::CommonOptions& common);
+
 // The lead that serves at --control. Nothing when none is there. Throws when the one that is there
 // takes no push.
 struct ServingLead {

@@ -31,7 +31,8 @@ struct NodeState {
 
 struct PushState {
   uint32_t transaction = 0;
-  double seconds = 0;  // since the start
+  std::string name = {};  // by which the lead lists it; empty: by its transaction
+  double seconds = 0;     // since the start
   uint64_t files = 0;
   uint64_t bytes = 0;       // of content, once
   size_t nodes_in_all = 0;  // those that were never heard too

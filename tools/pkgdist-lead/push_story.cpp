@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "counted.h"
 #include "pkgdist/status.h"
 
 namespace pkgdist::lead_program {
@@ -163,7 +164,7 @@ std::vector<Trouble> PushStory::troubles() const {
   }
   for (size_t i = 0; i < all.size(); ++i) {
     const std::string who =
-        nodes[i].size() == 1 ? nodes[i][0] : fmt::format("{} nodes", nodes[i].size());
+        nodes[i].size() == 1 ? nodes[i][0] : cli::counted(nodes[i].size(), "node");
     if (!who.empty()) all[i].text = who + ": " + all[i].text;
   }
   return all;
@@ -175,7 +176,7 @@ std::string PushStory::why(const Json& node) const {
   if (text(node, "state") == "never heard") reasons.push_back("the lead never heard it");
   if (story.appeared > kLateSeconds)
     reasons.push_back(fmt::format("joined {:.1f} s after the start", story.appeared));
-  if (story.restarts > 0) reasons.push_back(fmt::format("restarted {} times", story.restarts));
+  if (story.restarts > 0) reasons.push_back("restarted " + cli::counted(story.restarts, "time"));
   if (story.silent_seconds > 0)
     reasons.push_back(fmt::format("silent for {:.1f} s", story.silent_seconds));
   if (story.silent_since >= 0)

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "cli_common.h"
+#include "counted.h"
 #include "status_text.h"
 #include "stop_signals.h"
 
@@ -13,6 +14,7 @@ namespace pkgdist::lead_program {
 
 namespace {
 
+using cli::counted;
 using cli::format_address;
 using cli::kRatioDecimals;
 using cli::kSecondDecimals;
@@ -101,16 +103,16 @@ void PushView::lines(const PushState& state) {
   for (const NodeState* node : by_trouble(state)) {
     if (node->ended || ++count > kMaxProgressLines) continue;
     const std::string note = note_of(*node);
-    reporter_.say(
-        fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} repairs ({}){}",
-                    state.seconds, reporter_.label(node->address), node->files_done, state.files,
-                    format_bytes(static_cast<double>(node->bytes)),
-                    format_bytes(static_cast<double>(state.bytes)), format_bytes(node->rate),
-                    node->repairs, percent(node->repair_ratio), note.empty() ? "" : ", " + note),
-        Kind::kProgress);
+    reporter_.say(fmt::format("{:6.1f} s  {}  {} of {} files, {} of {}, {}/s, {} ({}){}",
+                              state.seconds, reporter_.label(node->address), node->files_done,
+                              state.files, format_bytes(static_cast<double>(node->bytes)),
+                              format_bytes(static_cast<double>(state.bytes)),
+                              format_bytes(node->rate), counted(node->repairs, "repair"),
+                              percent(node->repair_ratio), note.empty() ? "" : ", " + note),
+                  Kind::kProgress);
   }
   if (count > kMaxProgressLines)
-    reporter_.say(fmt::format("{:8}  and {} more nodes", "", count - kMaxProgressLines),
+    reporter_.say(fmt::format("{:8}  and {}", "", counted(count - kMaxProgressLines, "more node")),
                   Kind::kProgress);
 }
 
@@ -165,12 +167,13 @@ void PushView::interrupted(const lead::PushReport& report) {
                        node.files_left, report.files,
                        format_bytes(static_cast<double>(node.bytes_left))));
   }
-  if (lines > kMaxLines) result(fmt::format("and {} more nodes", lines - kMaxLines));
+  if (lines > kMaxLines) result("and " + counted(lines - kMaxLines, "more node"));
   if (lines != 0)
     result("push the same tree again to bring the rest: what a node has is not sent again");
 }
 
 void PushView::table(const lead::PushReport& report) {
+  if (report.nodes.empty()) return;
   result(fmt::format("{:<16}{:<12}{:>8}{:>9}{:>12}{:>9}{:>10}{:>10}  {}", "node", "id", "files",
                      "present", "bytes", "seconds", "MB/s", "repairs", "state"));
   std::vector<const lead::PushNodeReport*> rows;
@@ -191,7 +194,7 @@ void PushView::table(const lead::PushReport& report) {
                        node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
                        duration, rate, node.repairs, state_of(node)));
   }
-  if (rows.size() > kMaxLines) result(fmt::format("and {} more nodes", rows.size() - kMaxLines));
+  if (rows.size() > kMaxLines) result("and " + counted(rows.size() - kMaxLines, "more node"));
 }
 
 void PushView::figures_lines(const lead::PushReport& report, const PushFigures& figures) {
@@ -202,9 +205,9 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
     std::string slowest;
     for (const size_t i : figures.slowest) {
       const lead::PushNodeReport& node = report.nodes[i];
-      slowest += fmt::format("{}{} {:.2f} s, {} repairs ({})", slowest.empty() ? "" : "; ",
-                             reporter_.label(node.address), seconds_of(report, node), node.repairs,
-                             percent(repair_ratio(node)));
+      slowest += fmt::format("{}{} {:.2f} s, {} ({})", slowest.empty() ? "" : "; ",
+                             reporter_.label(node.address), seconds_of(report, node),
+                             counted(node.repairs, "repair"), percent(repair_ratio(node)));
     }
     result("slowest: " + slowest);
   }
@@ -214,8 +217,8 @@ void PushView::figures_lines(const lead::PushReport& report, const PushFigures& 
                        format_bytes(static_cast<double>(report.bytes_received)), figures.seconds,
                        *figures.wire_per_content));
   result(fmt::format(
-      "sent {} segments, {} of them repairs ({}); {} on the data channel", figures.segments_sent,
-      figures.repairs_sent,
+      "sent {}, {} ({}); {} on the data channel", counted(figures.segments_sent, "segment"),
+      counted(figures.repairs_sent, "of them a repair", "of them repairs"),
       percent(figures.segments_sent != 0 ? static_cast<double>(figures.repairs_sent) /
                                                static_cast<double>(figures.segments_sent)
                                          : 0),
@@ -226,13 +229,13 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   size_t lines = 0;
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
+    if (lines == 0) result("missing:");
     if (lines++ < kMaxLines)
       result(fmt::format("{:<16}{:<40}  {}", reporter_.label(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
     result(fmt::format("{} of {} nodes never appeared", report.expected_nodes - report.nodes.size(),
                        report.expected_nodes));
-  if (!report.nodes.empty()) result("missing:");
   for (const lead::PushNodeReport& node : report.nodes) {
     for (const auto& [file, status] : node.failed)
       line(node, request.files[file].name, status_text(status));

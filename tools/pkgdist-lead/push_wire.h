@@ -9,7 +9,8 @@
 //            or {"stop_for":NODE} to end it for one node
 //   answers  {"event":"queued",...}, {"event":"begins"}, {"event":"state",...} again and again,
 //            what happens meanwhile ("node", "file", ...), {"event":"ended",...}, what comes
-//            behind the files (after_push.h), {"event":"done"}
+//            behind the files (after_push.h), {"event":"done"}; when nodes are only asked,
+//            {"event":"listed","report":{}} in place of all that
 //
 // Names travel in base64. Times are those of the monotonic clock, which the two share.
 #pragma once

@@ -6,6 +6,8 @@
 #include <array>
 #include <utility>
 
+#include "counted.h"
+
 namespace pkgdist::lead_program {
 
 namespace {
@@ -53,7 +55,7 @@ void add_bits(std::vector<uint8_t>& bits, const std::vector<uint8_t>& more) {
 }
 
 std::string missing_text(uint64_t files) {
-  return files == 1 ? "1 file is missing" : fmt::format("{} files are missing", files);
+  return cli::counted(files, "file is missing", "files are missing");
 }
 
 std::string given_up_text(const ReleaseState& state) {

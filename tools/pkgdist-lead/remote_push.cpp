@@ -6,6 +6,7 @@
 #include "after_report.h"
 #include "cli_common.h"
 #include "control_path.h"
+#include "counted.h"
 #include "lead_events.h"
 #include "line_connection.h"
 #include "pkgdist_lead/udp_transport.h"
@@ -137,12 +138,14 @@ void RemotePush::show_rest(AfterReport& report) {
     if (!line) continue;
     const std::string event = line->value("event", "");
     done = event == "done";
+    if (event == "host") reporter_.set_host(line->at("node"), line->at("name"));
+    if (event == "listed") report_ = decode_report(line->at("report"));
     if (event == "error") throw std::runtime_error(line->value("text", "refused"));
     if (event == "left-out") {
       cli::print_left_out(line->at("progress"), line->at("events"));
-      reporter_.error(fmt::format("{} lines of progress and {} events of the push were left out",
-                                  line->at("progress").get<uint64_t>(),
-                                  line->at("events").get<uint64_t>()));
+      reporter_.error(fmt::format("{} of progress and {} of the push were left out",
+                                  cli::counted(line->at("progress").get<uint64_t>(), "line"),
+                                  cli::counted(line->at("events").get<uint64_t>(), "event")));
     }
     report.line(*line);
   }
@@ -214,7 +217,8 @@ bool list_through(const LeadOptions& options, QueuedPush push, Reporter& reporte
   AfterReport after(reporter, true);
   remote.send_only();
   remote.show_rest(after);
-  return after.finish();
+  const bool listed = after.finish();
+  return !tell_absent(reporter, remote.push_progress(), options.common) && listed;
 }
 
 PushEnd push_through(const LeadOptions& options, QueuedPush push, Reporter& reporter) {

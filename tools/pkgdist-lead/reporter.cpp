@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "cli_common.h"
+#include "counted.h"
 #include "printable.h"
 #include "status_text.h"
 
@@ -15,6 +16,7 @@ namespace pkgdist::lead_program {
 
 namespace {
 
+using cli::counted;
 using cli::format_address;
 using cli::status_text;
 using Json = nlohmann::ordered_json;
@@ -143,8 +145,8 @@ void Reporter::push_started(uint32_t transaction, uint64_t files, uint64_t bytes
   json_.print(
       "push-started",
       Json{{"transaction", transaction}, {"files", files}, {"bytes", bytes}, {"nodes", nodes}});
-  say(fmt::format("transaction {}: pushing {} files, {}, to {} nodes", transaction, files,
-                  format_bytes(static_cast<double>(bytes)), nodes));
+  say(fmt::format("transaction {}: pushing {}, {}, to {}", transaction, counted(files, "file"),
+                  format_bytes(static_cast<double>(bytes)), counted(nodes, "node")));
 }
 
 void Reporter::file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
@@ -169,7 +171,7 @@ void Reporter::file_requested(const lead::NodeInfo& node, uint32_t location,
                                 {"location", location},
                                 {"name", name},
                                 {"status", status}});
-  say(fmt::format("{} asks for {} of location {}{}", format_address(node.address), name, location,
+  say(fmt::format("{} asks for {} of location {}{}", label(node.address), name, location,
                   status != 0 ? ": " + status_text(status) : std::string()));
 }
 
@@ -180,7 +182,7 @@ void Reporter::request_ended(const lead::NodeInfo& node, uint32_t location, cons
                                     {"name", name},
                                     {"status", status},
                                     {"text", status_text(status)}});
-  say(fmt::format("{}: {} of location {}: {}", format_address(node.address), name, location,
+  say(fmt::format("{}: {} of location {}: {}", label(node.address), name, location,
                   status_text(status)));
 }
 
@@ -192,8 +194,8 @@ void Reporter::message_received(const lead::NodeInfo& node, uint32_t msg_class,
   json_.print(
       "message",
       Json{{"node", format_address(node.address)}, {"class", msg_class}, {"size", bytes.size()}});
-  say(fmt::format("{}: message of class {}, {} bytes", format_address(node.address), msg_class,
-                  bytes.size()));
+  say(fmt::format("{}: message of class {}, {}", label(node.address), msg_class,
+                  counted(bytes.size(), "byte")));
   if (on_message) on_message(node, msg_class, bytes);
 }
 
@@ -202,16 +204,17 @@ void Reporter::request_taken(lead::MessageId id, const Request& request, size_t 
   std::string what;
   if (request.kind == lead::MessageKind::kMessage) {
     fields.update(Json{{"class", request.msg_class}, {"size", request.bytes.size()}});
-    what = fmt::format("of class {}, {} bytes", request.msg_class, request.bytes.size());
+    what = fmt::format("of class {}, {}", request.msg_class, counted(request.bytes.size(), "byte"));
   } else if (request.kind == lead::MessageKind::kCancel) {
     fields["transaction"] = request.transaction;
     what = fmt::format("of transaction {}", request.transaction);
   } else {
     fields.update(Json{{"location", request.location}, {"names", request.names}});
-    what = fmt::format("of {} names in location {}", request.names.size(), request.location);
+    what = fmt::format("of {} in location {}", counted(request.names.size(), "name"),
+                       request.location);
   }
   json_.print(fmt::format("{}-sent", kind_text(request.kind)), fields);
-  say(fmt::format("{} {}: {}, to {} nodes", kind_text(request.kind), id, what, nodes));
+  say(fmt::format("{} {}: {}, to {}", kind_text(request.kind), id, what, counted(nodes, "node")));
 }
 
 void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
@@ -223,8 +226,7 @@ void Reporter::message_outcome(const lead::NodeInfo& node, lead::MessageId id,
                                       {"acknowledged", good},
                                       {"text", delivery_text(delivery)}});
   if (!good || verbosity_ > 0)
-    say(fmt::format("message {}: {}: {}", id, format_address(node.address),
-                    delivery_text(delivery)));
+    say(fmt::format("message {}: {}: {}", id, label(node.address), delivery_text(delivery)));
 }
 
 void Reporter::message_acknowledged(const lead::NodeInfo& node, lead::MessageId id) {
@@ -301,8 +303,8 @@ void Reporter::role_changed(lead::Role role, uint32_t other) {
 void Reporter::other_lead_heard(uint32_t address, uint32_t pid, uint64_t datagrams) {
   json_.print("other-lead",
               Json{{"other", format_address(address)}, {"pid", pid}, {"datagrams", datagrams}});
-  say(fmt::format("another lead is heard: {} (process {}), {} datagrams", format_address(address),
-                  pid, datagrams));
+  say(fmt::format("another lead is heard: {} (process {}), {}", format_address(address), pid,
+                  counted(datagrams, "datagram")));
 }
 
 void Reporter::sender_mismatch(uint32_t named, uint32_t from, uint64_t datagrams) {

@@ -3,14 +3,20 @@
 #include <fmt/core.h>
 
 #include <CLI/Error.hpp>
+#include <algorithm>
 #include <charconv>
+#include <cstring>
+#include <map>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "control_path.h"
 #include "control_protocol.h"
 #include "json_events.h"
 #include "line_connection.h"
+#include "reporter.h"
 #include "stop_signals.h"
 
 namespace pkgdist::lead_program {
@@ -64,27 +70,51 @@ void print(const std::string& line) {
   cli::standard_output().line(line, cli::Output::Kind::kResult);
 }
 
-// The tables of those who did not acknowledge, and of names that were not deleted.
+// The tables of those who did not acknowledge, and of names that were not deleted: by the names of
+// the nodes.
 class Table {
  public:
+  explicit Table(const std::map<uint32_t, std::string>& names) { names_.names = names; }
+
+  void host(const Json& host) { names_.set_host(host.at("node"), host.at("name")); }
+
   void outcome(const Json& outcome) {
-    const std::string node = outcome.value("node", "");
+    const uint32_t node = cli::parse_address(outcome.value("node", ""));
     const Json names = outcome.value("names", Json::array());
     if (!outcome.value("acknowledged", false) && names.empty())
-      line(outcome.value("cancelled", true) ? "not acknowledged" : "not cancelled", node,
-           outcome.value("text", ""));
+      rows_.push_back({outcome.value("cancelled", true) ? "not acknowledged" : "not cancelled",
+                       node, outcome.value("text", "")});
     for (const Json& name : names)
-      line("not deleted", node,
-           fmt::format("{}: {}", name.value("name", ""), name.value("text", "")));
+      rows_.push_back({"not deleted", node,
+                       fmt::format("{}: {}", name.value("name", ""), name.value("text", ""))});
+  }
+
+  void show() {
+    const auto label = [&](const Row& row) { return names_.label(row.node); };
+    std::stable_sort(rows_.begin(), rows_.end(), [&](const Row& a, const Row& b) {
+      if (a.head != b.head) return a.head < b.head;
+      return ::strverscmp(label(a).c_str(), label(b).c_str()) < 0;
+    });
+    size_t width = kLeastColumns;
+    for (const Row& row : rows_) width = std::max(width, label(row).size());
+    std::string head;
+    for (const Row& row : rows_) {
+      if (std::exchange(head, row.head) != row.head)
+        print(fmt::format("{:<{}}  {}", head, width, "why"));
+      print(fmt::format("{:<{}}  {}", label(row), width, row.why));
+    }
   }
 
  private:
-  void line(const std::string& head, const std::string& node, const std::string& why) {
-    if (std::exchange(head_, head) != head) print(fmt::format("{:<16}  {}", head, "why"));
-    print(fmt::format("{:<16}  {}", node, why));
-  }
+  static constexpr size_t kLeastColumns = 16;
+  struct Row {
+    std::string head;
+    uint32_t node = 0;
+    std::string why;
+  };
 
-  std::string head_;
+  Reporter names_{false, 0};  // knows what nodes are called
+  std::vector<Row> rows_;
 };
 
 void tell_end(const Json& end) {
@@ -111,17 +141,23 @@ Json next_answer(cli::LineConnection& connection, double patience, bool begun) {
   }
 }
 
-int show_answers(cli::LineConnection& connection, double patience, const cli::JsonEvents& json) {
-  Table table;
+int show_answers(cli::LineConnection& connection, double patience, const LeadOptions& options) {
+  const cli::JsonEvents json(options.common.json);
+  Table table(options.node_names);
   for (bool sent = false;; sent = true) {
     Json answer = next_answer(connection, patience, sent);
     const std::string event = answer.value("event", "");
     answer.erase("event");
+    if (event == "host") {
+      table.host(answer);
+      continue;
+    }
     json.print(event, answer, cli::Output::Kind::kResult);
     if (event == "error") throw std::runtime_error(answer.value("text", "refused"));
     if (event == "outcome" && !json.enabled()) table.outcome(answer);
     if (event == "cancelled" && !json.enabled()) print(answer.value("text", ""));
     if (event != "done") continue;
+    table.show();
     if (!json.enabled() && answer.contains("missing")) tell_end(answer);
     return answer.value("complete", false) ? cli::kExitOk : cli::kExitFailure;
   }
@@ -141,8 +177,7 @@ int request_command(const LeadOptions& options) {
   const Json request = encode(options);
   cli::LineConnection connection = connect_to_lead(options);
   connection.send(request);
-  return show_answers(connection, options.answer_seconds + kPatienceSeconds,
-                      cli::JsonEvents(options.common.json));
+  return show_answers(connection, options.answer_seconds + kPatienceSeconds, options);
 }
 
 }  // namespace pkgdist::lead_program

@@ -1,19 +1,22 @@
-// `pkgdist-lead top`: the full-screen view of a push, fed by its events: of a file, also while it
-// grows, or of a pipe.
+// `pkgdist-lead top`: the full-screen view of the pushes of a lead that runs on this host, or of
+// one that is fed by its events: of a file, also while it grows, or of a pipe.
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include <CLI/Error.hpp>
 #include <array>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
 
 #include "commands.h"
+#include "control_path.h"
 #include "event_state.h"
 #include "stop_signals.h"
 #include "top_screen.h"
+#include "watched_lead.h"
 
 namespace pkgdist::lead_program {
 
@@ -109,9 +112,7 @@ class Replay {
   double first_ = 0;
 };
 
-}  // namespace
-
-int top_command(const LeadOptions& options) {
+void follow_events(const LeadOptions& options) {
   const bool piped = options.events_path == "-";
   const std::unique_ptr<Descriptor> file =
       piped ? nullptr : std::make_unique<Descriptor>(options.events_path, O_RDONLY);
@@ -125,6 +126,34 @@ int top_command(const LeadOptions& options) {
     replay.run(events, [&](const PushState& state) { screen.show(state); });
     if (!events.last().empty()) screen.tell(events.last());
   }
+}
+
+// What the lead told last stays on the screen when it ends.
+void follow_lead(const LeadOptions& options) {
+  if (options.control_path.empty() && options.common.interface == 0)
+    throw CLI::RequiredError("EVENTS, or --interface of a lead that runs here,");
+  WatchedLead lead(connect_to_lead(options));
+  TopScreen screen(STDIN_FILENO, true);
+  try {
+    while (!screen.left() && cli::stop_signal() == 0) {
+      if (lead.follow(kTickSeconds)) screen.show(lead.state());
+      screen.tell(lead.news());
+      for (const uint32_t node : screen.take_stops()) lead.stop_for(node);
+    }
+  } catch (const std::runtime_error& error) {
+    screen.tell(error.what());
+    while (!screen.left() && !cli::wait_for_stop(kTickSeconds)) {
+    }
+  }
+}
+
+}  // namespace
+
+int top_command(const LeadOptions& options) {
+  if (options.events_path.empty())
+    follow_lead(options);
+  else
+    follow_events(options);
   return cli::kExitOk;
 }
 

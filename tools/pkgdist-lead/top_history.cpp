@@ -13,6 +13,8 @@ constexpr double kRateSeconds = 5;
 }  // namespace
 
 void TopHistory::add(const PushState& state) {
+  if (state.transaction != transaction_) *this = {};
+  transaction_ = state.transaction;
   const double before = samples_.empty() ? 0 : samples_.back().seconds;
   const double passed = state.seconds - before;
   if (!samples_.empty() && passed <= 0) return;

@@ -14,7 +14,7 @@ class TopHistory {
  public:
   static constexpr double kSeconds = 60;
 
-  // How the push stands; at any intervals, seconds of the push rising.
+  // How the push stands; at any intervals, seconds of the push rising. Another push begins anew.
   void add(const PushState& state);
 
   // Over the last minute in so many steps, the latest last: content that arrived on a node on
@@ -38,6 +38,7 @@ class TopHistory {
   template <class Value>
   std::vector<double> rates(size_t steps, Value&& value) const;
 
+  uint32_t transaction_ = 0;
   std::deque<Sample> samples_;
   std::unordered_map<uint32_t, Node> nodes_;
 };

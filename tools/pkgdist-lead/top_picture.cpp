@@ -6,6 +6,7 @@
 #include <array>
 
 #include "cli_common.h"
+#include "counted.h"
 #include "reporter.h"
 
 namespace pkgdist::lead_program {
@@ -64,10 +65,10 @@ std::string reason_of(const NodeState& node) {
 
 std::string detail(const NodeState& node, uint64_t files) {
   const std::string note = note_of(node);
-  return fmt::format("{}: {:.1f} %, {}/{} files, {}/s, {} repairs ({:.1f} %){}{}", label_of(node),
+  return fmt::format("{}: {:.1f} %, {}/{} files, {}/s, {} ({:.1f} %){}{}", label_of(node),
                      node.share * 100, node.files_done + node.files_failed, files,
-                     format_bytes(node.rate), node.repairs, node.repair_ratio * 100,
-                     note.empty() ? "" : ", ", note);
+                     format_bytes(node.rate), cli::counted(node.repairs, "repair"),
+                     node.repair_ratio * 100, note.empty() ? "" : ", ", note);
 }
 
 // --- The parts ---
@@ -144,7 +145,10 @@ std::vector<Line> side_lines(const PushState& state, const TopHistory& history, 
 }
 
 Line head(const PushState& state, size_t columns) {
-  const std::string name = fmt::format("push {}  ", state.transaction);
+  constexpr size_t kMaxName = 24;
+  const std::string name =
+      fmt::format("push {}  ", state.name.empty() ? std::to_string(state.transaction)
+                                                  : cut(state.name, kMaxName));
   const size_t left = columns - std::min(columns, name.size());
   return {{cut(name, columns), Style::kTitle},
           {cut(overall_line(state, left), left), Style::kTitle}};

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "counted.h"
 #include "last_error.h"
 #include "pkgdist/statistics.h"
 #include "release_report.h"
@@ -149,7 +150,8 @@ void EventPrinter::transaction_started(uint32_t xact_id, uint32_t location,
                                        const char* const* paths, uint32_t count) {
   json_.print("transaction-start",
               Json{{"transaction", xact_id}, {"location", location}, {"files", count}});
-  say(fmt::format("transaction {}: {} files for location {}", xact_id, count, location));
+  say(fmt::format("transaction {}: {} for location {}", xact_id, cli::counted(count, "file"),
+                  location));
   if (lead_talk_ != nullptr) lead_talk_->transaction_started(xact_id);
   tell_refusals(xact_id, location, paths, count);
 }
@@ -205,14 +207,14 @@ void EventPrinter::transaction_done(uint64_t status, uint32_t xact_id) {
                                        {"files", transaction.files},
                                        {"failed", transaction.failed},
                                        {"repaired_segments", repaired_segments()}});
-  say(fmt::format("transaction {} has ended: {} files, {} failed", xact_id, transaction.files,
-                  transaction.failed));
+  say(fmt::format("transaction {} has ended: {}, {} failed", xact_id,
+                  cli::counted(transaction.files, "file"), transaction.failed));
   if (lead_talk_ != nullptr) lead_talk_->transaction_ended(xact_id);
 }
 
 void EventPrinter::message(uint32_t message_class, uint64_t size) {
   json_.print("message", Json{{"class", message_class}, {"size", size}});
-  say(fmt::format("message of class {}, {} bytes", message_class, size));
+  say(fmt::format("message of class {}, {}", message_class, cli::counted(size, "byte")));
 }
 
 void EventPrinter::question(const char* what) {
@@ -229,8 +231,8 @@ void EventPrinter::location_unset(uint32_t location) {
 
 void EventPrinter::removed(uint32_t location, const std::vector<std::string>& names) {
   json_.print("removed", Json{{"location", location}, {"names", names}});
-  say(fmt::format("location {}: {} names are removed that the lead does not have, such as {}",
-                  location, names.size(), names[0]));
+  say(fmt::format("location {}: {} removed that the lead does not have, such as {}", location,
+                  cli::counted(names.size(), "name is", "names are"), names[0]));
 }
 
 void EventPrinter::compared(uint32_t location, const cli::NodeAnswer& answer) {

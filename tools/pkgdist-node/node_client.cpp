@@ -3,6 +3,7 @@
 
 #include "base64.h"
 #include "commands.h"
+#include "counted.h"
 #include "printable.h"
 #include "running_node.h"
 #include "stop_signals.h"
@@ -105,9 +106,10 @@ int status_command(const NodeOptions& options) {
   print(status.at("lead").is_string() ? "lead " + status.at("lead").get<std::string>()
                                       : std::string("no lead was heard"));
   for (const Json& location : status.at("locations"))
-    print(
-        fmt::format("location {}: {}", location.value("location", 0), location.value("path", "")));
-  print(fmt::format("{} transactions under way", status.at("transactions").size()));
+    print(fmt::format("location {}: {}{}", location.value("location", 0),
+                      location.value("memory", false) ? "shared memory, names with " : "",
+                      location.value("path", "")));
+  print(cli::counted(status.at("transactions").size(), "transaction") + " under way");
   return cli::kExitOk;
 }
 

@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include "counted.h"
+
 namespace pkgdist::node_program {
 
 namespace {
@@ -14,12 +16,12 @@ Json release_json(const std::optional<cli::ReleaseId>& release) {
 }
 
 std::string files_text(uint64_t count) {
-  return count == 1 ? "1 file is missing" : fmt::format("{} files are missing", count);
+  return cli::counted(count, "file is missing", "files are missing");
 }
 
 std::string drift_text(uint64_t count) {
   if (count == 0) return "nothing differs";
-  return count == 1 ? "1 entry differs" : fmt::format("{} entries differ", count);
+  return cli::counted(count, "entry differs", "entries differ");
 }
 
 std::string release_text(const Json& release) {

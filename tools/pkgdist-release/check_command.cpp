@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "commands.h"
+#include "counted.h"
 #include "minisign.h"
 #include "output.h"
 #include "refusal.h"
@@ -53,11 +54,13 @@ int check_command(const ReleaseOptions& options) {
   const auto different = release::differences(manifest, tree);
   for (const std::string& line : different) say(line);
   if (!different.empty())
-    throw release::Refused(release::Reason::kTree,
-                           fmt::format("{} of the entries differ", different.size()));
-  say(fmt::format("{} version {}: {} entries, {} bytes, as the manifest says; {}", manifest.name,
-                  manifest.version, manifest.entries.size(), release::total_bytes(manifest),
-                  signed_by));
+    throw release::Refused(
+        release::Reason::kTree,
+        fmt::format("{} from the manifest",
+                    cli::counted(different.size(), "entry differs", "entries differ")));
+  say(fmt::format("{} version {}: {}, {}, as the manifest says; {}", manifest.name,
+                  manifest.version, cli::counted(manifest.entries.size(), "entry", "entries"),
+                  cli::counted(release::total_bytes(manifest), "byte"), signed_by));
   return cli::kExitOk;
 }
 

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "counted.h"
 #include "output.h"
 #include "printable.h"
 #include "stored_release.h"
@@ -36,9 +37,10 @@ std::string as_text(const release::Update& update) {
   add('-', update.removed);
   add('+', update.added);
   add('~', update.changed);
-  return text + fmt::format("{} removed, {} added, {} changed; {} files with {} bytes travel\n",
+  return text + fmt::format("{} removed, {} added, {} changed; to send: {}, {}\n",
                             update.removed.size(), update.added.size(), update.changed.size(),
-                            update.sent.size(), update.bytes);
+                            cli::counted(update.sent.size(), "file"),
+                            cli::counted(update.bytes, "byte"));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "commands.h"
+#include "counted.h"
 #include "output.h"
 #include "refusal.h"
 #include "stored_release.h"
@@ -58,11 +59,11 @@ int make_command(const ReleaseOptions& options) {
   replace_file(directory.get(), release::kManifestPath, text);
   cache.save();
   const std::string path = options.path + "/" + release::kManifestPath;
-  cli::standard_output().line(
-      fmt::format("{}: {} entries, {} bytes; sign it with\nminisign -Sm {} -t '{}'", path,
-                  manifest.entries.size(), release::total_bytes(manifest), path,
-                  release::head_line(manifest)),
-      cli::Output::Kind::kResult);
+  cli::standard_output().line(fmt::format("{}: {}, {}; sign it with\nminisign -Sm {} -t '{}'", path,
+                                          cli::counted(manifest.entries.size(), "entry", "entries"),
+                                          cli::counted(release::total_bytes(manifest), "byte"),
+                                          path, release::head_line(manifest)),
+                              cli::Output::Kind::kResult);
   return cli::kExitOk;
 }
 

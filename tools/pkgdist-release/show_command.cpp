@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "counted.h"
 #include "output.h"
 #include "printable.h"
 #include "stored_release.h"
@@ -64,10 +65,12 @@ std::string as_json(const release::Manifest& manifest, const std::string& digest
 std::string as_text(const release::Manifest& manifest, const std::string& digest) {
   const Counts counts = count(manifest);
   return fmt::format(
-      "name      {}\nversion   {}\nfloor     {}\nexpires   {}\nmanifest  {}\ncontent   {} "
-      "directories, {} files, {} links, {} bytes",
+      "name      {}\nversion   {}\nfloor     {}\nexpires   {}\nmanifest  {}\ncontent   {}, {}, {}, "
+      "{}",
       manifest.name, manifest.version, manifest.floor, manifest.expires.value_or("never"), digest,
-      counts.directories, counts.files, counts.links, release::total_bytes(manifest));
+      cli::counted(counts.directories, "directory", "directories"),
+      cli::counted(counts.files, "file"), cli::counted(counts.links, "link"),
+      cli::counted(release::total_bytes(manifest), "byte"));
 }
 
 // The manifest, which has names and bytes from outside.

@@ -6,6 +6,8 @@
 #include <initializer_list>
 #include <numeric>
 
+#include "counted.h"
+
 namespace pkgdist::stat {
 
 namespace {
@@ -101,8 +103,9 @@ Health kernel_drops(const Sample& sample, const Sample* earlier) {
   const std::string now =
       earlier != nullptr && earlier->sockets ? added(drops, drops_of(*earlier)) : "";
   if (drops == 0) {
-    health.text = fmt::format("0 datagrams dropped, {} bytes wait, {} sockets", queued,
-                              sample.sockets->size());
+    health.text =
+        fmt::format("0 datagrams dropped, {}, {}", cli::counted(queued, "byte waits", "bytes wait"),
+                    cli::counted(sample.sockets->size(), "socket"));
     return health;
   }
   health.level = HealthLevel::kWarning;
@@ -127,8 +130,9 @@ Health disk(const Counts& counts) {
   const Entry& times = counts.entry("DRS_Histograms", "FILE WRITE TIME");
   Health health{
       "disk", HealthLevel::kOk,
-      fmt::format("{} errors{}, {} files; writes {}", errors, errors == 0 ? "" : " (pkgdist-trace)",
-                  counts.sum("DRS_Counters", {"FILE ADD"}), slowest(times))};
+      fmt::format("{}{}, {}; writes {}", cli::counted(errors, "error"),
+                  errors == 0 ? "" : " (pkgdist-trace)",
+                  cli::counted(counts.sum("DRS_Counters", {"FILE ADD"}), "file"), slowest(times))};
   if (errors != 0)
     health.level = HealthLevel::kProblem;
   else if (often_slow(times))
@@ -153,10 +157,10 @@ Health time_outs(const Counts& counts, const Sample* earlier) {
     const Counts then(*earlier);
     before = then.files_given_up() + then.messages_given_up();
   }
-  Health health{
-      "time-outs", HealthLevel::kOk,
-      fmt::format("gave up {} files, {} messages{}; {} time-outs", counts.files_given_up(),
-                  counts.messages_given_up(), added(given_up, before), counts.waits())};
+  Health health{"time-outs", HealthLevel::kOk,
+                fmt::format("gave up {}, {}{}; {}", cli::counted(counts.files_given_up(), "file"),
+                            cli::counted(counts.messages_given_up(), "message"),
+                            added(given_up, before), cli::counted(counts.waits(), "time-out"))};
   if (given_up == 0) return health;
   health.level = HealthLevel::kProblem;
   return health;

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "cli_common.h"
+#include "counted.h"
 #include "json_events.h"
 #include "printable.h"
 #include "process_name.h"
@@ -216,7 +217,8 @@ int run(const Options& options) {
     print_wanted(printer, reader.next(running ? kPatience : 0), 0);  // the last words too
   }
   if (reader.missed() > 0)
-    cli::complain(fmt::format("{} records were overwritten or left out", reader.missed()));
+    cli::complain(fmt::format("{} overwritten or left out",
+                              cli::counted(reader.missed(), "record was", "records were")));
   return cli::kExitOk;
 }
 

@@ -129,6 +129,49 @@ TEST(FilterRules, what_cannot_be_known_is_not_called_dropped) {
   EXPECT_EQ(Fate::kUnknown, fate(rules_with("drop", {rule({extension, kAccept})})));
 }
 
+TEST(FilterRules, rules_that_leave_it_open_are_named) {
+  const std::string conntrack = R"({"xt":{"type":"match","name":"conntrack"}})";
+  const std::string source =
+      match(R"({"payload":{"protocol":"ip","field":"saddr"}})", R"("192.0.2.1")");
+  const std::string mark = match(R"({"ct":{"key":"mark"}})", "7");
+  const FilterVerdict verdict =
+      rules_with("drop", {rule({match(kPort, "22"), kAccept}), rule({conntrack, kAccept}),
+                          rule({match(kPort, "7100"), source, kAccept}), rule({mark, kAccept})})
+          .verdict(to_port(7100));
+  EXPECT_EQ(Fate::kUnknown, verdict.fate);
+  EXPECT_EQ("inet guard in", verdict.chain);
+  EXPECT_EQ(
+      (std::vector<std::string>{"rule 2 (xt conntrack)", "rule 3 (ip saddr)", "rule 4 (ct mark)"}),
+      verdict.open);
+}
+
+TEST(FilterRules, new_conversations_that_conntrack_lets_through_are_accepted) {
+  const std::string not_invalid = match(kState, R"("invalid")", "!=");
+  EXPECT_EQ(Fate::kAccepted, fate(rules_with("drop", {rule({not_invalid, kAccept})})));
+  const std::string some = match(kState, R"(["established","related","new"])", "in");
+  EXPECT_EQ(Fate::kAccepted,
+            fate(rules_with("drop", {rule({match(kPort, "7100"), some, kAccept})})));
+  EXPECT_EQ(Fate::kAccepted,
+            fate(rules_with("drop", {rule({match(kState, R"({"set":["invalid"]})"), kDrop}),
+                                     rule({match(kPort, "7100"), kAccept})})));
+}
+
+// Older versions of nft print what iptables added as "xt" without a name.
+TEST(FilterRules, targets_of_iptables_drop_pass_or_leave_it_open) {
+  const auto target = [](const std::string& name) {
+    return rule({R"({"xt":{"type":"target","name":")" + name + R"("}})"});
+  };
+  EXPECT_EQ(Fate::kDropped, fate(rules_with("accept", {target("REJECT")})));
+  EXPECT_EQ(Fate::kAccepted, fate(rules_with("accept", {target("LOG")})));
+  EXPECT_EQ(Fate::kDropped, fate(rules_with("drop", {target("LOG")})));
+  EXPECT_EQ(Fate::kUnknown, fate(rules_with("accept", {target("TARPIT")})));
+  const FilterVerdict verdict = rules_with("accept", {R"([{"xt":null}])"}).verdict(to_port(7100));
+  EXPECT_EQ(Fate::kUnknown, verdict.fate);
+  EXPECT_EQ(std::vector<std::string>{"rule 1 (xt)"}, verdict.open);
+  EXPECT_EQ(Fate::kUnknown, fate(rules_with("drop", {rule({R"({"xt":null})", kAccept})})));
+  EXPECT_EQ(Fate::kAccepted, fate(rules_with("accept", {rule({R"({"xt":null})", kAccept})})));
+}
+
 TEST(FilterRules, chains_are_followed_back_and_forth) {
   const std::string jump = R"([{"jump":{"target":"other"}}])";
   EXPECT_EQ(Fate::kAccepted,

@@ -141,7 +141,7 @@ TEST(StatHealth, what_was_given_up_is_a_problem_and_time_outs_alone_are_none) {
   expect_only(sample, "time-outs", HealthLevel::kOk, "4 time-outs");
   entry_of(sample, "FILE TIMEOUT").count = 1;
   entry_of(sample, "UC ACK TO MAX").count = 2;
-  expect_only(sample, "time-outs", HealthLevel::kProblem, "gave up 1 files, 2 messages");
+  expect_only(sample, "time-outs", HealthLevel::kProblem, "gave up 1 file, 2 messages");
 }
 
 TEST(StatHealth, what_cannot_be_known_is_not_called_good) {

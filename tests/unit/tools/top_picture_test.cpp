@@ -165,5 +165,30 @@ TEST(TopHistory, rates_of_the_last_minute_stand_where_they_were) {
   EXPECT_NEAR(repairs[59], 10, 1e-6);
 }
 
+TEST(TopHistory, another_push_begins_anew) {
+  TopHistory history;
+  PushState state = state_of(1);
+  for (int second = 0; second <= 100; ++second) {
+    state.seconds = second;
+    state.nodes[0].bytes += 1'000'000;
+    history.add(state);
+  }
+  state = state_of(1);
+  state.transaction += 1;
+  history.add(state);
+  EXPECT_NEAR(history.goodput_bits(60)[59], 0, 1);
+  state.seconds = 1;
+  state.nodes[0].bytes = 3'000'000;
+  history.add(state);
+  EXPECT_NEAR(history.goodput_bits(60)[59], 24e6, 1);
+  EXPECT_NEAR(history.goodput_bits(60)[58], 0, 1);
+}
+
+TEST_F(TopPicture, a_push_with_a_name_is_called_by_it) {
+  EXPECT_TRUE(lines()[0].starts_with("push 2147483650  "));
+  state.name = "release-7";
+  EXPECT_TRUE(lines()[0].starts_with("push release-7  0 of 1000 nodes done"));
+}
+
 }  // namespace
 }  // namespace pkgdist::lead_program
