@@ -4,17 +4,12 @@
 #include <unordered_map>
 
 #include "base64.h"
+#include "pkgdist_lead/udp_transport.h"
 #include "push_figures.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
-
-constexpr lead::Time kDirectoriesLimit = 60 * lead::kSecond;
-constexpr lead::Time kListLimit = 60 * lead::kSecond;
-constexpr lead::Time kRemoveLimit = 300 * lead::kSecond;
-// Beyond the time of a command: for SIGKILL, and for the answer.
-constexpr double kCommandGraceSeconds = 5;
 
 constexpr const char* kNoAnswer = "no answer in time";
 
@@ -63,7 +58,7 @@ bool AfterPush::step_ended(lead::Time now) {
     for (const Node& node : nodes_) nodes.push_back(node.info);
     return programs_.introduced(nodes, now);
   }
-  if (step_ == Step::kDisks) return !durability_ || durability_->ended(now);
+  if (step_ == Step::kDisks) return !durability_ || durability_->run(lead_, now);
   bool all = true;
   for (const auto& inquiry : inquiries_) all = inquiry->run(now) && all;
   return all;
@@ -86,11 +81,18 @@ void AfterPush::tell() {
   if (step_ == Step::kCommands) tell_commands();
 }
 
-void AfterPush::ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes,
-                    lead::Time limit) {
+void AfterPush::ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes) {
   if (questions.empty() || nodes.empty()) return;
   inquiries_.push_back(
-      std::make_unique<Inquiry>(programs_, std::move(questions), std::move(nodes), limit));
+      std::make_unique<Inquiry>(programs_, std::move(questions), std::move(nodes)));
+}
+
+// To the questions of a step with one inquiry. Nothing when the node was not asked: its program may
+// have introduced itself after the others were.
+Inquiry::Said AfterPush::said_by(uint32_t node) const {
+  if (inquiries_.empty()) return {};
+  const auto found = inquiries_[0]->said().find(node);
+  return found == inquiries_[0]->said().end() ? Inquiry::Said() : found->second;
 }
 
 // Null: it answers questions about trees, in a directory.
@@ -110,7 +112,7 @@ void AfterPush::begin_directories() {
   std::vector<lead::NodeInfo> asked;
   for (const Node& node : nodes_)
     if (why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(directory_questions(push_.tree, push_.request.location), asked, kDirectoriesLimit);
+  ask(directory_questions(push_.tree, push_.request.location), asked);
 }
 
 void AfterPush::tell_directories() {
@@ -122,8 +124,7 @@ void AfterPush::tell_directories() {
   for (const Node& node : nodes_) {
     const char* why = why_not_asked(node);
     std::string text = why != nullptr ? why : "";
-    Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
+    const Inquiry::Said said = why == nullptr ? said_by(node.info.address) : Inquiry::Said();
     if (why == nullptr && !said.all) text = kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -155,7 +156,7 @@ void AfterPush::begin_listing() {
   std::vector<lead::NodeInfo> asked;
   for (const Node& node : nodes_)
     if (node.complete && why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(list_questions(push_.tree, push_.request.files, push_.request.location), asked, kListLimit);
+  ask(list_questions(push_.tree, push_.request.files, push_.request.location), asked);
 }
 
 void AfterPush::tell_listing() {
@@ -171,7 +172,7 @@ void AfterPush::tell_listing() {
       mirror_line(address, {}, why != nullptr ? why : kNoAnswer);
       continue;
     }
-    const Inquiry::Said& said = inquiries_[0]->said().at(address);
+    const Inquiry::Said said = said_by(address);
     std::string text = said.all ? "" : kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -189,8 +190,7 @@ void AfterPush::begin_removing() {
   for (const Node& node : nodes_)
     if (const auto found = going_.find(node.info.address); found != going_.end())
       together[found->second].push_back(node.info);
-  for (auto& [names, nodes] : together)
-    ask(remove_questions(names, push_.request.location), nodes, kRemoveLimit);
+  for (auto& [names, nodes] : together) ask(remove_questions(names, push_.request.location), nodes);
 }
 
 void AfterPush::tell_removing() {
@@ -213,12 +213,13 @@ void AfterPush::tell_removing() {
 
 void AfterPush::begin_disks(lead::Time now) {
   if (!push_.durable_seconds || push_.tree.only_list) return;
-  durability_ = std::make_unique<Durability>(transaction_, push_.request.location);
-  durability_->ask(lead_, report_, duration(*push_.durable_seconds), now);
+  durability_ = std::make_unique<Durability>(transaction_, push_.request.location,
+                                             duration(*push_.durable_seconds));
+  durability_->ask(lead_, report_, now);
 }
 
 bool AfterPush::on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes) {
-  return durability_ && durability_->on_message(node, msg_class, bytes);
+  return durability_ && durability_->on_message(node, msg_class, bytes, lead::monotonic_now());
 }
 
 void AfterPush::tell_disks() {
@@ -234,21 +235,19 @@ void AfterPush::begin_commands() {
   if (push_.tree.only_list) return;
   for (const bool complete : {true, false}) {
     std::vector<lead::NodeInfo> asked;
-    double longest = 0;
     for (const Node& node : nodes_) {
       const cli::Introduction* introduction = programs_.find(node.info);
       if (node.complete != complete || introduction == nullptr || !introduction->complete_seconds ||
           !introduction->has(push_.request.location))
         continue;
       asked.push_back(node.info);
-      longest = std::max(longest, *introduction->complete_seconds);
     }
     cli::NodeQuestion question;
     question.kind = cli::NodeQuestion::Kind::kComplete;
     question.location = push_.request.location;
     question.transaction = transaction_;
     question.status = complete ? 0 : 1;
-    ask({question}, asked, duration(longest + kCommandGraceSeconds));
+    ask({question}, asked);
   }
 }
 

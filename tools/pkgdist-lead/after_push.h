@@ -66,8 +66,8 @@ class AfterPush {
   void tell_commands();
   void mirror_line(uint32_t node, const std::vector<std::string>& names, const std::string& text);
   const char* why_not_asked(const Node& node) const;
-  void ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes,
-           lead::Time limit);
+  Inquiry::Said said_by(uint32_t node) const;
+  void ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes);
 
   lead::Lead& lead_;
   NodePrograms& programs_;

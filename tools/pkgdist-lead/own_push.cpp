@@ -8,6 +8,7 @@
 #include "after_report.h"
 #include "node_programs.h"
 #include "own_lead.h"
+#include "pkgdist_lead/patience.h"
 #include "push_run.h"
 #include "session.h"
 
@@ -38,9 +39,9 @@ bool do_the_rest(const QueuedPush& push, lead::PushReport report, lead::Lead& le
   return shown.finish() && ran;
 }
 
-// Waits for the nodes of a push that sends nothing, as long as a push waits for them.
+// Waits for the nodes of a push that sends nothing, as a push waits for them.
 bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs) {
-  const lead::Time until = lead::monotonic_now() + request.node_timeout;
+  lead::Patience patience(request.node_timeout, lead::monotonic_now());
   return session.run(
       [&](lead::Time now) {
         const lead::PushReport report = listed_nodes(session.lead(), request);
@@ -48,10 +49,11 @@ bool gather(const lead::PushRequest& request, Session& session, NodePrograms& pr
         for (const lead::Lead::NodeView& node : session.lead().nodes()) heard.push_back(node.info);
         const size_t wanted =
             request.nodes.empty() ? std::max(1u, request.node_count) : request.nodes.size();
-        const auto here = std::count_if(report.nodes.begin(), report.nodes.end(),
-                                        [](const auto& node) { return node.heard; });
-        return now >= until ||
-               (static_cast<size_t>(here) >= wanted && programs.introduced(heard, now));
+        const auto here = static_cast<size_t>(std::count_if(
+            report.nodes.begin(), report.nodes.end(), [](const auto& node) { return node.heard; }));
+        patience.note(here, now);
+        programs.heard(heard, now);
+        return patience.over(now) || (here >= wanted && programs.introduced(heard, now));
       },
       lead::kSecond / 10);
 }
