@@ -8,9 +8,8 @@ its own, the file system that the unit describes, which can be written only belo
 same calls, as systemd makes them. Directives that are not known here end this program, so that a unit cannot be
 hardened without this test.
 
-What of a unit cannot be had without systemd: the devices that a control group lets through (with PrivateDevices
-no other device is in /dev, and no privilege to make one), and the accounts and directories of DynamicUser, for
-which UID and WRITABLE stand.
+Not to be had without systemd: the devices that a control group lets through (with PrivateDevices no other is in
+/dev, nor a privilege to make one), and the account and directories of DynamicUser: UID and WRITABLE stand for them.
 """
 
 import ctypes
