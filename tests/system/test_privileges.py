@@ -9,7 +9,7 @@ import unittest
 
 import node_statistics
 import tree
-from support import USER, SystemTest, is_root_of_the_machine, lab
+from support import USER, BackgroundLead, SystemTest, is_root_of_the_machine, lab
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 UNITS = os.path.join(HERE, "..", "..", "packaging", "systemd")
@@ -88,6 +88,15 @@ class WithoutPrivileges(SystemTest):
             place = os.path.join(self.directory_of(node), "directory")
             self.assertFalse(os.path.exists(os.path.join(place, "stray")))
             self.assertEqual(os.stat(os.path.join(place, "3")).st_mode & 0o7777, 0o705)
+        self.assert_directories_can_be_deleted("directory/3")
+
+    def assert_directories_can_be_deleted(self, name):
+        lead = BackgroundLead(self, "serve")
+        lead.wait_for_all_nodes()
+        status, events, errors = lead.request("delete", "--recursive", name)
+        self.assertEqual(status, 0, f"{errors}{events}")
+        for node in self.net.nodes:
+            self.assertFalse(os.path.exists(os.path.join(self.directory_of(node), name)))
 
     def leave_behind(self, node, name):
         """A file that the lead does not have, with its directories."""
