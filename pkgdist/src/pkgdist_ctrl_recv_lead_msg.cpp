@@ -316,7 +316,8 @@ void pkgdist_ctrl_recv_process_msg_ack(const Header& header, bool is_ack) {
     PKGDIST_INFO("CTRL UC ACK - Sequence %d\n", header.sequence);
     count(CrtCounter::kUcAckRecv);
   } else {
-    PKGDIST_INFO("CTRL UC NACK - Sequence %d Segment %d\n", header.sequence, header.segment);
+    PKGDIST_INFO("CTRL UC NACK - Sequence %d Segment %d\n", header.sequence,
+                 qidl::has<&Header::segment>(header) ? header.segment : 0);
     count(CrtCounter::kUcNackRecv);
   }
   LeadMsgDbGuard lock;

@@ -13,10 +13,9 @@
 //
 // A file that lacks much and has asked for nothing waits for the stream to come round.
 //
-// File requests that the lead's lists draw are limited in number: nobody can have every node send
-// one for each name that a list has room for, at once and again at each time-out. A file whose turn
-// finds no room keeps its count and its times and has its turn in a later pass. The caller's own
-// requests are sent at once (pkgdist_data_recv_req.h).
+// File requests that lists draw are limited: nobody can have every node send one for each name of a
+// list at once. A file whose turn finds no room keeps its count and times for a later pass. The
+// caller's own requests are sent at once (pkgdist_data_recv_req.h).
 #include "pkgdist_data_recv_repair.h"
 
 #include <cerrno>
@@ -49,8 +48,7 @@ constexpr size_t kPacketBytes = 34;
 // A file that lacks this many segments or more is not asked for piece by piece.
 constexpr uint32_t kTailSegments = 200;
 
-// File requests of this node that nobody calls for: again at time-outs, and of a new lead. A
-// working lead keeps fewer files on their way, and heeds fewer requests. Receive lock held.
+// Of a new lead, and again at time-outs. A working lead heeds fewer. Receive lock held.
 constexpr uint32_t kFileRequestsPerPeriodLimit = 4096;
 RequestLimit<kFileRequestsPerPeriodLimit, kNanosecondsPerSecond> file_request_limit;
 

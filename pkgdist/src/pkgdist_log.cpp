@@ -69,15 +69,53 @@ void print_prefix(const TracePoint& point) {
   }
 }
 
-// Names come from the network and may hold anything: what a terminal would obey becomes '?'. Line
-// ends at the end are the statement's own.
-void make_printable(char* text, size_t size) {
-  while (size > 0 && text[size - 1] == '\n') --size;
-  for (size_t i = 0; i < size; ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const bool second_byte = i > 0 && static_cast<unsigned char>(text[i - 1]) == 0xC2;
-    if (c < ' ' || c == 0x7F || (second_byte && c >= 0x80 && c < 0xA0)) text[i] = '?';
+struct Character {
+  uint32_t code;
+  size_t bytes;  // 0: no UTF-8
+};
+
+Character first_of(const char* text, size_t size) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(0);
+  if (lead < 0x80) return {lead, 1};
+  const size_t bytes = lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 0;
+  if (bytes == 0 || bytes > size) return {0, 0};
+  uint32_t code = lead & (0x7Fu >> bytes);
+  for (size_t i = 1; i < bytes; ++i) {
+    if (byte(i) >> 6 != 2) return {0, 0};
+    code = code << 6 | (byte(i) & 0x3Fu);
   }
+  constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  return {code, code < kSmallest[bytes] ? 0 : bytes};
+}
+
+// A terminal obeys it: control characters, and marks that end lines or turn the direction of text.
+bool acts(uint32_t code) {
+  if (code < ' ' || (code >= 0x7F && code < 0xA0)) return true;
+  if (code == 0x200E || code == 0x200F || (code >= 0x2028 && code <= 0x202E)) return true;
+  return code >= 0x2066 && code <= 0x2069;
+}
+
+// Names come from the network and may hold anything: a character that a terminal would obey becomes
+// '?', and so does a byte that is no UTF-8, which a terminal of another character set may obey.
+// Line ends at the end are the statement's own.
+void make_printable(char* text) {
+  size_t size = std::strlen(text);
+  const size_t end = size;
+  while (size > 0 && text[size - 1] == '\n') --size;
+  char* to = text;
+  for (size_t i = 0; i < size;) {
+    const auto [code, bytes] = first_of(text + i, size - i);
+    const size_t taken = bytes == 0 ? 1 : bytes;
+    if (bytes == 0 || acts(code)) {
+      *to++ = '?';
+    } else {
+      std::memmove(to, text + i, taken);
+      to += taken;
+    }
+    i += taken;
+  }
+  std::memmove(to, text + size, end - size + 1);
 }
 
 // FNV-1a, 64 bits, from a given start.
@@ -151,7 +189,7 @@ void copy_to_stderr(const TracePoint& point, const char* format, ...) {
   va_end(again);
   va_end(arguments);
   if (size < 0) usual[0] = '\0';
-  make_printable(text, std::strlen(text));
+  make_printable(text);
   flockfile(stderr);
   print_prefix(point);
   (void)std::fprintf(stderr, "%s\n", text);

@@ -29,6 +29,7 @@ namespace {
 
 std::atomic<uint64_t> now_ns{0};
 std::atomic<bool> real_time{false};
+std::atomic<bool> codec_leaves_residue{false};
 
 std::mutex guard;  // of the two below
 std::vector<Sent> sent_datagrams;
@@ -129,6 +130,13 @@ void* block_of(void** handle) {
 }
 
 }  // namespace
+
+CodecResidue::CodecResidue() {
+  codec_leaves_residue = true;
+}
+CodecResidue::~CodecResidue() {
+  codec_leaves_residue = false;
+}
 
 uint64_t clock::now() {
   if (!real_time) return now_ns;
@@ -390,11 +398,40 @@ PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_ctrl_msg)
 PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req)
 PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req_done)
 PKGDIST_WRAP_ENCODE(Call::kEncodeBody, pkgdist_data_send_req_single)
+
+namespace support {
+
+template <auto Field>
+void leave_in(auto& message) {
+  if (!qidl::has<Field>(message)) message.*Field = 1;
+}
+void leave_residue_in(const auto& /*message*/) {}
+void leave_residue_in(pkgdist_ctrl_msg_hdr& header) {
+  leave_in<&pkgdist_ctrl_msg_hdr::segment>(header);
+  leave_in<&pkgdist_ctrl_msg_hdr::status>(header);
+  leave_in<&pkgdist_ctrl_msg_hdr::node_id>(header);
+}
+void leave_residue_in(pkgdist_ctrl_msg& body) {
+  leave_in<&pkgdist_ctrl_msg::rxmt>(body);
+}
+void leave_residue_in(pkgdist_data_send_segment& segment) {
+  leave_in<&pkgdist_data_send_segment::repair>(segment);
+}
+
+}  // namespace support
+
 #define PKGDIST_WRAP_DECODE(type)                                                                  \
-  PKGDIST_WRAP_RESULT(                                                                             \
-      Call::kDecode, qidl_##type##_decode_ext,                                                     \
-      (const uint8_t* data, size_t length, struct type* message, const qidl_allocator* allocator), \
-      (data, length, message, allocator))
+  extern "C" int __real_qidl_##type##_decode_ext(const uint8_t*, size_t, type*,                    \
+                                                 const qidl_allocator*);                           \
+  extern "C" int __wrap_qidl_##type##_decode_ext(const uint8_t*, size_t, type*,                    \
+                                                 const qidl_allocator*);                           \
+  extern "C" int __wrap_qidl_##type##_decode_ext(const uint8_t* data, size_t length,               \
+                                                 type* message, const qidl_allocator* allocator) { \
+    if (int error = failing(Call::kDecode); error != 0) return error;                              \
+    const int result = __real_qidl_##type##_decode_ext(data, length, message, allocator);          \
+    if (result == 0 && support::codec_leaves_residue) support::leave_residue_in(*message);         \
+    return result;                                                                                 \
+  }
 PKGDIST_WRAP_DECODE(pkgdist_ctrl_msg_hdr)
 PKGDIST_WRAP_DECODE(pkgdist_ctrl_msg)
 PKGDIST_WRAP_DECODE(pkgdist_data_msg_hdr)

@@ -37,6 +37,17 @@ void advance(uint64_t nanoseconds);
 void follow_real_time();  // for real threads: from here on the process's monotonic clock
 }  // namespace clock
 
+// --- The codec. ---
+// As long as there is one, decoding leaves values in optional fields that did not travel, as a
+// codec may that does not clear them.
+class CodecResidue {
+ public:
+  CodecResidue();
+  ~CodecResidue();
+  CodecResidue(const CodecResidue&) = delete;
+  CodecResidue& operator=(const CodecResidue&) = delete;
+};
+
 // --- The platform's registries: what the library asked them for. ---
 // Both are replaced: value blocks are the ones that value() and samples() read, trace handles are
 // 1, 2 ... in the order of their opening. Identities made by nodeid_create() live until the next

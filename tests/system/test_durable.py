@@ -1,7 +1,13 @@
 """push --durable: nodes write what they received to their disks and say so."""
 
+import shutil
+import time
+import unittest
+
 import tree
 from support import SystemTest, summary
+
+SLOW_DISK_SECONDS = 6
 
 
 class Durable(SystemTest):
@@ -27,6 +33,20 @@ class Durable(SystemTest):
     def test_a_push_asks_for_nothing_of_the_kind_unless_told_to(self):
         self.start_nodes()
         self.assertEqual(self.outcomes(self.push()), {})
+
+    @unittest.skipIf(shutil.which("strace") is None, "needs strace")
+    def test_a_node_that_writes_for_longer_than_the_time_out_is_waited_for(self):
+        """The call that writes the disk is held up."""
+        slow, usual = self.net.nodes
+        plain = slow.prefix
+        slow.prefix = [*plain, "strace", "-D", "-f", "-o", "/dev/null", "--seccomp-bpf", "-e", "trace=syncfs",
+                       "-e", f"inject=syncfs:delay_enter={SLOW_DISK_SECONDS}s"]
+        self.addCleanup(setattr, slow, "prefix", plain)
+        self.start_nodes()
+        begin = time.monotonic()
+        result = self.push("--durable", "--durable-timeout", "2")
+        self.assertGreater(time.monotonic() - begin, SLOW_DISK_SECONDS)
+        self.assertEqual(self.outcomes(result), {node.address: (True, "") for node in (slow, usual)})
 
     def test_a_node_that_does_not_answer_in_time_is_reported(self):
         heard, unheard = self.net.nodes

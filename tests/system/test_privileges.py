@@ -1,6 +1,7 @@
 """Lead and node without privileges: as an ordinary user in a namespace that the user does not own, and under
 the restrictions of the packaged units. Hosts and links are made by this process beforehand, as root."""
 
+import errno
 import os
 import subprocess
 import sys
@@ -8,7 +9,7 @@ import unittest
 
 import node_statistics
 import tree
-from support import USER, SystemTest, is_root_of_the_machine, lab
+from support import USER, BackgroundLead, SystemTest, is_root_of_the_machine, lab
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 UNITS = os.path.join(HERE, "..", "..", "packaging", "systemd")
@@ -37,11 +38,11 @@ class WithoutPrivileges(SystemTest):
                                   f"1={self.directory_of(node)}", "--json", "run"], stdout=log)
         self.node_processes[node.name] = process
 
-    def push_as(self, *prefix):
+    def push_as(self, *prefix, options=()):
         """What the push printed; it has ended well."""
         result = self.net.lead.run(
             [*prefix, self.programs.lead, "--interface", self.net.lead.address, "--location",
-             f"1={self.content}", "--json", "push", "--nodes", self.addresses(), "."],
+             f"1={self.content}", "--json", "push", "--nodes", self.addresses(), *options, "."],
             capture_output=True, text=True, timeout=120)
         self.assertEqual(result.returncode, 0, result.stderr + result.stdout[-2000:])
 
@@ -77,19 +78,71 @@ class WithoutPrivileges(SystemTest):
         for node in self.net.nodes:
             self.assert_node_has_started(node)
             self.assert_powerless(self.node_processes[node.name], 1)
-        self.push_as(*confined, unit("pkgdist-lead"), str(USER), scratch)
+            self.leave_behind(node, "directory/stray/file")
+        os.chmod(os.path.join(self.content, "big"), 0o4755)  # which no service of DynamicUser may make
+        os.chmod(os.path.join(self.content, "directory", "3"), 0o705)
+        self.push_as(*confined, unit("pkgdist-lead"), str(USER), scratch, options=["--delete", "--durable"])
+        os.chmod(os.path.join(self.content, "big"), 0o755)
         self.assert_received()
+        for node in self.net.nodes:
+            place = os.path.join(self.directory_of(node), "directory")
+            self.assertFalse(os.path.exists(os.path.join(place, "stray")))
+            self.assertEqual(os.stat(os.path.join(place, "3")).st_mode & 0o7777, 0o705)
+        self.assert_directories_can_be_deleted("directory/3")
+
+    def assert_directories_can_be_deleted(self, name):
+        lead = BackgroundLead(self, "serve")
+        lead.wait_for_all_nodes()
+        status, events, errors = lead.request("delete", "--recursive", name)
+        self.assertEqual(status, 0, f"{errors}{events}")
+        for node in self.net.nodes:
+            self.assertFalse(os.path.exists(os.path.join(self.directory_of(node), name)))
+
+    def leave_behind(self, node, name):
+        """A file that the lead does not have, with its directories."""
+        tree.write(self.directory_of(node), name, b"x")
+        while name:
+            os.chown(os.path.join(self.directory_of(node), name), USER, USER)
+            name = os.path.dirname(name)
 
     def test_the_restrictions_are_real(self):
         scratch = self.directory("scratch")
         os.chown(scratch, USER, USER)
-        script = ("import os, socket\n"
+        tried = {
+            "writing where it may": f"open('{scratch}/x', 'w')",
+            "writing elsewhere": f"open('{self.content}/x', 'w')",
+            "its priority": "os.setpriority(os.PRIO_PROCESS, 0, 5)",
+            "another family": "socket.socket(socket.AF_INET6)",
+            "a socket": "socket.socket()",
+            "homes": "os.listdir('/root')",
+            "other processes": "os.stat('/proc/1')",
+            "kernel modules": "os.listdir('/usr/lib/modules')",
+            "kernel messages": "os.stat('/dev/kmsg')",
+            "block devices": "os.stat('/dev/loop-control')",
+            "a namespace": "call(libc.unshare(0x10000000))",
+            "writable code": "mmap.mmap(-1, 4096, prot=mmap.PROT_WRITE | mmap.PROT_EXEC)",
+            "a personality": "call(libc.personality(0x40000))",
+            "the clock": "time.clock_settime(time.CLOCK_REALTIME, 0)",
+            "a set-user-ID file": f"os.chmod('{scratch}/x', 0o4755)",
+            "a file of its own": f"os.chmod('{scratch}/x', 0o755)",
+            "openat2": "call(libc.syscall(437, -100, b'/', b'', 0))",
+            "a tunable": "os.statvfs('/proc/sys').f_flag & os.ST_RDONLY and call_of(30)",
+        }
+        script = ("import ctypes, mmap, os, socket, time\n"
+                  "libc = ctypes.CDLL(None, use_errno=True)\n"
+                  "def call_of(error): raise OSError(error, '')\n"
+                  "def call(result):\n"
+                  "    if result < 0: call_of(ctypes.get_errno())\n"
                   "def tried(act):\n"
                   "    try: act(); return 0\n"
                   "    except OSError as error: return error.errno\n"
-                  f"print(tried(lambda: open('{scratch}/x', 'w')), tried(lambda: open('{self.content}/x', 'w')),\n"
-                  "      tried(lambda: os.setpriority(os.PRIO_PROCESS, 0, 5)),\n"
-                  "      tried(lambda: socket.socket(socket.AF_INET6)), tried(lambda: socket.socket()))\n")
+                  f"print({', '.join(f'tried(lambda: {act})' for act in tried.values())})\n")
         result = subprocess.run([sys.executable, os.path.join(HERE, "confine.py"), unit("pkgdist-node"), str(USER),
                                  scratch, "/usr/bin/python3", "-c", script], capture_output=True, text=True, timeout=60)
-        self.assertEqual(result.stdout.split(), ["0", "30", "1", "97", "0"], result.stderr)
+        self.assertEqual(dict(zip(tried, (errno.errorcode.get(int(e), "done") for e in result.stdout.split()))), {
+            "writing where it may": "done", "writing elsewhere": "EROFS", "its priority": "EPERM",
+            "another family": "EAFNOSUPPORT", "a socket": "done", "homes": "EACCES", "other processes": "ENOENT",
+            "kernel modules": "EACCES" if os.path.isdir("/usr/lib/modules") else "ENOENT", "kernel messages": "ENOENT",
+            "block devices": "ENOENT", "a namespace": "EPERM", "writable code": "EPERM", "a personality": "EPERM",
+            "the clock": "EPERM", "a set-user-ID file": "EPERM", "a file of its own": "done", "openat2": "ENOSYS",
+            "a tunable": "EROFS"}, result.stderr)

@@ -63,6 +63,19 @@ class Waiting(SystemTest):
         self.assertEqual([(e["nodes_absent"], e["nodes"]) for e in events if e["event"] == "waiting"], [(3, 3)])
         self.assertEqual(len([e for e in events if e["event"] == "nobody-heard"]), 1, alone.stderr)
 
+    def test_nodes_that_come_one_after_the_other_are_waited_for_longer_than_the_time_out(self):
+        """By a push that only lists, too."""
+        tree.add(self.content, "file", 10)
+        for arguments in (), ("--delete", "--dry-run"):
+            with self.subTest(arguments=arguments):
+                push = self.start_push("--timeout", "4", *arguments)
+                for node in self.net.nodes:
+                    start = time.monotonic()
+                    lab.wait_until(lambda: time.monotonic() > start + 2.5, 4, "the next node's turn")
+                    self.start_node(node)
+                self.assertEqual(push.process.wait(timeout=30), 0, push.errors())
+                self.stop_processes()
+
     def test_a_push_to_nobody_ends_with_a_doctor_that_runs(self):
         tree.add(self.content, "file", 10)
         command = self.push_command("--timeout", "2", nodes="3")

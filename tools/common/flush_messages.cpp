@@ -11,6 +11,7 @@ namespace pkgdist::cli {
 namespace {
 
 constexpr std::string_view kQuestion = "pkgdist-flush 1";
+constexpr std::string_view kProgress = "pkgdist-flushing 1";
 constexpr std::string_view kAnswer = "pkgdist-flushed 1";
 
 // The numbers behind `start`, each after one space, up to one end of line.
@@ -31,10 +32,24 @@ std::optional<std::array<uint32_t, count>> numbers(std::span<const uint8_t> byte
   return at == end ? std::optional(found) : std::nullopt;
 }
 
+std::string text_of(std::string_view start, const FlushQuestion& question) {
+  return fmt::format("{} {} {}\n", start, question.number, question.location);
+}
+
+std::optional<FlushQuestion> question_in(std::span<const uint8_t> bytes, std::string_view start) {
+  const auto found = numbers<2>(bytes, start);
+  if (!found) return std::nullopt;
+  return FlushQuestion{(*found)[0], (*found)[1]};
+}
+
 }  // namespace
 
 std::string flush_question_text(const FlushQuestion& question) {
-  return fmt::format("{} {} {}\n", kQuestion, question.number, question.location);
+  return text_of(kQuestion, question);
+}
+
+std::string flush_progress_text(const FlushQuestion& question) {
+  return text_of(kProgress, question);
 }
 
 std::string flush_answer_text(const FlushAnswer& answer) {
@@ -43,9 +58,11 @@ std::string flush_answer_text(const FlushAnswer& answer) {
 }
 
 std::optional<FlushQuestion> parse_flush_question(std::span<const uint8_t> bytes) {
-  const auto found = numbers<2>(bytes, kQuestion);
-  if (!found) return std::nullopt;
-  return FlushQuestion{(*found)[0], (*found)[1]};
+  return question_in(bytes, kQuestion);
+}
+
+std::optional<FlushQuestion> parse_flush_progress(std::span<const uint8_t> bytes) {
+  return question_in(bytes, kProgress);
 }
 
 std::optional<FlushAnswer> parse_flush_answer(std::span<const uint8_t> bytes) {

@@ -5,6 +5,9 @@
 // A node writes the file system of the location to its disk (syncfs) and sends the lead a message
 // of class 5, with the error number or 0:
 //   "pkgdist-flushed 1 NUMBER LOCATION ERROR\n"
+// The lead asks again, with the same number, a node that has said nothing for a few seconds. One
+// that still writes says so:
+//   "pkgdist-flushing 1 NUMBER LOCATION\n"
 // NUMBER is the lead's choice, all are decimal. A program that does not know the question takes it
 // for a message like any other.
 #pragma once
@@ -29,9 +32,11 @@ struct FlushAnswer {
 };
 
 std::string flush_question_text(const FlushQuestion& question);
+std::string flush_progress_text(const FlushQuestion& question);
 std::string flush_answer_text(const FlushAnswer& answer);
 // Nothing when the bytes are another message.
 std::optional<FlushQuestion> parse_flush_question(std::span<const uint8_t> bytes);
+std::optional<FlushQuestion> parse_flush_progress(std::span<const uint8_t> bytes);
 std::optional<FlushAnswer> parse_flush_answer(std::span<const uint8_t> bytes);
 
 }  // namespace pkgdist::cli

@@ -211,8 +211,16 @@ std::string answer_text(const NodeAnswer& answer) {
   Json object{{"number", answer.number}, {"states", answer.states}};
   if (!answer.names.empty()) object["names"] = encode_texts(answer.names);
   if (!answer.problems.empty()) object["problems"] = encode_texts(answer.problems);
+  if (answer.working) object["working"] = true;
   if (answer.pieces > 1) object.update(Json{{"piece", answer.piece}, {"pieces", answer.pieces}});
   return line("answer", object);
+}
+
+std::string working_text(uint32_t question) {
+  NodeAnswer answer;
+  answer.number = question;
+  answer.working = true;
+  return answer_text(answer);
 }
 
 std::optional<NodeAnswer> parse_answer(std::span<const uint8_t> bytes) {
@@ -224,6 +232,7 @@ std::optional<NodeAnswer> parse_answer(std::span<const uint8_t> bytes) {
     answer.problems = decode_texts(object, "problems");
     answer.piece = object.value("piece", 0u);
     answer.pieces = object.value("pieces", 1u);
+    answer.working = object.value("working", false);
     return answer;
   });
 }

@@ -35,7 +35,10 @@
 //                                                         has failed, in words
 //                 {"number":9,"states":["done"],"names":[[NAME,"received again"],...],
 //                  "problems":[[NAME,TEXT],...]}          these agree now, and these do not
+//                 {"number":8,"states":[],"working":true}    to a question that is asked again
+//                                                            while it is worked on
 //   unset         {"location":3}    of a lead: it pushes to a location that the node has not set
+// A question is asked again, with the same number, when a node has said nothing for a few seconds.
 // A program that does not know them takes them for messages like any other.
 #pragma once
 
@@ -128,6 +131,7 @@ struct NodeAnswer {
   std::vector<NamedText> problems = {};  // what could not be done, and why
   uint32_t piece = 0;
   uint32_t pieces = 1;
+  bool working = false;  // no answer yet; nothing else counts
 };
 
 // States of names in answers. What else is said is an error in words.
@@ -148,6 +152,8 @@ const char* subject_text(NodeQuestion::Kind kind);
 std::string introduction_text(const Introduction& introduction);
 std::string question_text(const NodeQuestion& question);
 std::string answer_text(const NodeAnswer& answer);
+// That the question is worked on.
+std::string working_text(uint32_t question);
 std::string unset_text(uint32_t location);
 
 // Nothing when the bytes are another message, or make no sense. Texts are cut to a sensible length.

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "pkgdist_lead/udp_transport.h"
 #include "push_figures.h"
 
 namespace pkgdist::lead_program {
 
 namespace {
-
-// Beyond the time of a command: for SIGKILL, and for the answer.
-constexpr double kCommandGraceSeconds = 5;
 
 lead::Time duration(double seconds) {
   return static_cast<lead::Time>(seconds * static_cast<double>(lead::kSecond));
@@ -50,7 +48,7 @@ bool AfterPush::step_ended(lead::Time now) {
     for (const Node& node : nodes_) nodes.push_back(node.info);
     return programs_.introduced(nodes, now);
   }
-  if (step_ == Step::kDisks) return !durability_ || durability_->ended(now);
+  if (step_ == Step::kDisks) return !durability_ || durability_->run(lead_, now);
   bool all = true;
   for (const auto& inquiry : inquiries_) all = inquiry->run(now) && all;
   return all;
@@ -75,11 +73,18 @@ void AfterPush::tell() {
   if (step_ == Step::kCommands) tell_commands();
 }
 
-void AfterPush::ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes,
-                    lead::Time limit) {
+void AfterPush::ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes) {
   if (questions.empty() || nodes.empty()) return;
   inquiries_.push_back(
-      std::make_unique<Inquiry>(programs_, std::move(questions), std::move(nodes), limit));
+      std::make_unique<Inquiry>(programs_, std::move(questions), std::move(nodes)));
+}
+
+// To the questions of a step with one inquiry. Nothing when the node was not asked: its program may
+// have introduced itself after the others were.
+Inquiry::Said AfterPush::said_by(uint32_t node) const {
+  if (inquiries_.empty()) return {};
+  const auto found = inquiries_[0]->said().find(node);
+  return found == inquiries_[0]->said().end() ? Inquiry::Said() : found->second;
 }
 
 // Null: it answers questions about trees, in a directory.
@@ -96,12 +101,13 @@ const char* AfterPush::why_not_asked(const Node& node) const {
 
 void AfterPush::begin_disks(lead::Time now) {
   if (!push_.durable_seconds || push_.tree.only_list) return;
-  durability_ = std::make_unique<Durability>(transaction_, push_.request.location);
-  durability_->ask(lead_, report_, duration(*push_.durable_seconds), now);
+  durability_ = std::make_unique<Durability>(transaction_, push_.request.location,
+                                             duration(*push_.durable_seconds));
+  durability_->ask(lead_, report_, now);
 }
 
 bool AfterPush::on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes) {
-  return durability_ && durability_->on_message(node, msg_class, bytes);
+  return durability_ && durability_->on_message(node, msg_class, bytes, lead::monotonic_now());
 }
 
 void AfterPush::tell_disks() {
@@ -117,21 +123,19 @@ void AfterPush::begin_commands() {
   if (push_.tree.only_list) return;
   for (const bool complete : {true, false}) {
     std::vector<lead::NodeInfo> asked;
-    double longest = 0;
     for (const Node& node : nodes_) {
       const cli::Introduction* introduction = programs_.find(node.info);
       if (node.complete != complete || introduction == nullptr || !introduction->complete_seconds ||
           !introduction->has(push_.request.location))
         continue;
       asked.push_back(node.info);
-      longest = std::max(longest, *introduction->complete_seconds);
     }
     cli::NodeQuestion question;
     question.kind = cli::NodeQuestion::Kind::kComplete;
     question.location = push_.request.location;
     question.transaction = transaction_;
     question.status = complete ? 0 : 1;
-    ask({question}, asked, duration(longest + kCommandGraceSeconds));
+    ask({question}, asked);
   }
 }
 

@@ -34,9 +34,9 @@ class AfterPush {
 
   void run(lead::Time now);
   bool ended() const { return step_ == Step::kEnded; }
-  // Nothing is left but the commands of nodes, which may take minutes.
   // Nodes that have, or may have, a file with another content.
   const std::set<uint32_t>& wrong_content() const { return wrong_content_; }
+  // Nothing is left but the commands of nodes, which may take minutes.
   bool waits_for_commands() const { return step_ == Step::kCommands; }
   // A message of a node; false when it is none that was waited for.
   bool on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes);
@@ -78,8 +78,8 @@ class AfterPush {
   void mirror_line(uint32_t node, const std::vector<std::string>& names, const std::string& text);
   const char* why_not_asked(const Node& node) const;
   const char* why_not_compared(const Node& node) const;
-  void ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes,
-           lead::Time limit);
+  Inquiry::Said said_by(uint32_t node) const;
+  void ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes);
 
   lead::Lead& lead_;
   NodePrograms& programs_;

@@ -8,13 +8,6 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-// To hash what one question is about, and to receive some of it again.
-constexpr lead::Time kCompareLimit = 60 * lead::kSecond;
-constexpr uint64_t kCompareRate = 10'000'000;  // bytes a second, of a slow node
-constexpr lead::Time kDirectoriesLimit = 60 * lead::kSecond;
-constexpr lead::Time kListLimit = 60 * lead::kSecond;
-constexpr lead::Time kRemoveLimit = 300 * lead::kSecond;
-
 constexpr const char* kNotEveryFile = "it does not have every file of the push";
 
 Json encode_texts(const std::vector<cli::NamedText>& texts) {
@@ -39,10 +32,7 @@ void AfterPush::begin_comparing() {
   std::vector<lead::NodeInfo> asked;
   for (const Node& node : nodes_)
     if (why_not_compared(node) == nullptr) asked.push_back(node.info);
-  uint64_t most = 0;  // bytes of a question
-  for (const Checksums& part : push_.tree.checksums) most = std::max(most, part.bytes);
-  ask(compare_questions(push_.tree, push_.request.location), asked,
-      kCompareLimit + most / kCompareRate * lead::kSecond);
+  ask(compare_questions(push_.tree, push_.request.location), asked);
 }
 
 void AfterPush::compared_line(uint32_t node, const Inquiry::Said& said, const std::string& text) {
@@ -66,8 +56,7 @@ void AfterPush::tell_comparing() {
   for (Node& node : nodes_) {
     const char* why = why_not_compared(node);
     std::string text = why != nullptr ? why : "";
-    Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
+    const Inquiry::Said said = why == nullptr ? said_by(node.info.address) : Inquiry::Said();
     if (why == nullptr && !said.all) text = kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -83,7 +72,7 @@ void AfterPush::begin_directories() {
   std::vector<lead::NodeInfo> asked;
   for (const Node& node : nodes_)
     if (why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(directory_questions(push_.tree, push_.request.location), asked, kDirectoriesLimit);
+  ask(directory_questions(push_.tree, push_.request.location), asked);
 }
 
 void AfterPush::tell_directories() {
@@ -95,8 +84,7 @@ void AfterPush::tell_directories() {
   for (const Node& node : nodes_) {
     const char* why = why_not_asked(node);
     std::string text = why != nullptr ? why : "";
-    Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
+    const Inquiry::Said said = why == nullptr ? said_by(node.info.address) : Inquiry::Said();
     if (why == nullptr && !said.all) text = kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -128,7 +116,7 @@ void AfterPush::begin_listing() {
   std::vector<lead::NodeInfo> asked;
   for (const Node& node : nodes_)
     if (node.complete && why_not_asked(node) == nullptr) asked.push_back(node.info);
-  ask(list_questions(push_.tree, push_.request.files, push_.request.location), asked, kListLimit);
+  ask(list_questions(push_.tree, push_.request.files, push_.request.location), asked);
 }
 
 void AfterPush::tell_listing() {
@@ -143,7 +131,7 @@ void AfterPush::tell_listing() {
       mirror_line(address, {}, why != nullptr ? why : kNoAnswer);
       continue;
     }
-    const Inquiry::Said& said = inquiries_[0]->said().at(address);
+    const Inquiry::Said said = said_by(address);
     std::string text = said.all ? "" : kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -161,8 +149,7 @@ void AfterPush::begin_removing() {
   for (const Node& node : nodes_)
     if (const auto found = going_.find(node.info.address); found != going_.end())
       together[found->second].push_back(node.info);
-  for (auto& [names, nodes] : together)
-    ask(remove_questions(names, push_.request.location), nodes, kRemoveLimit);
+  for (auto& [names, nodes] : together) ask(remove_questions(names, push_.request.location), nodes);
 }
 
 void AfterPush::tell_removing() {

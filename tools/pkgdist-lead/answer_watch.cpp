@@ -1,7 +1,5 @@
 #include "answer_watch.h"
 
-#include <algorithm>
-
 namespace pkgdist::lead_program {
 
 void AnswerWatch::begin(const std::vector<uint32_t>& nodes, lead::Time now) {

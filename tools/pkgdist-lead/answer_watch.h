@@ -3,6 +3,7 @@
 // it answers.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -13,8 +14,14 @@ namespace pkgdist::lead_program {
 
 class AnswerWatch {
  public:
+  // Often enough for an answer that got lost, and for nodes to show that they are at work.
+  static constexpr lead::Time kAskAgain = 3 * lead::kSecond;
+
   AnswerWatch(lead::Time ask_again, lead::Time silence)
       : ask_again_(ask_again), silence_(silence) {}
+  // Asks at least twice before a node is given up.
+  explicit AnswerWatch(lead::Time silence)
+      : AnswerWatch(std::min(kAskAgain, silence / 3), silence) {}
 
   // These were asked just now; nobody else is waited for.
   void begin(const std::vector<uint32_t>& nodes, lead::Time now);

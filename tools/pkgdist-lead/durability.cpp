@@ -9,29 +9,40 @@
 
 namespace pkgdist::lead_program {
 
-void Durability::ask(lead::Lead& lead, const lead::PushReport& report, lead::Time limit,
-                     lead::Time now) {
+bool Durability::send(lead::Lead& lead, std::vector<uint32_t> nodes, lead::Time now) {
+  const std::string text = flush_question_text(question_);
+  return lead.send_message(cli::kFlushClass, {text.begin(), text.end()},
+                           lead::Audience::only(std::move(nodes)), now, silence_) != 0;
+}
+
+void Durability::ask(lead::Lead& lead, const lead::PushReport& report, lead::Time now) {
   std::vector<uint32_t> asked;
   for (const lead::PushNodeReport& node : report.nodes) {
     nodes_[node.address] = kNoAnswer;
     if (node.heard && !node.silent) asked.push_back(node.address);
   }
-  deadline_ = now + limit;
-  if (asked.empty()) return;
-  const std::string text = flush_question_text(question_);
-  if (lead.send_message(cli::kFlushClass, {text.begin(), text.end()}, lead::Audience::only(asked),
-                        now, limit) != 0)
-    waiting_ = asked.size();
+  if (!asked.empty() && send(lead, asked, now)) watch_.begin(asked, now);
 }
 
-bool Durability::on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes) {
+bool Durability::run(lead::Lead& lead, lead::Time now) {
+  (void)watch_.take_silent(now);
+  if (std::vector<uint32_t> due = watch_.take_due(now); !due.empty())
+    (void)send(lead, std::move(due), now);
+  return !watch_.waits();
+}
+
+bool Durability::on_message(uint32_t node, uint32_t msg_class, std::span<const uint8_t> bytes,
+                            lead::Time now) {
   if (msg_class != cli::kFlushClass) return false;
+  if (cli::parse_flush_progress(bytes) == question_) {
+    watch_.heard(node, now);
+    return true;
+  }
   const auto answer = cli::parse_flush_answer(bytes);
   if (!answer || answer->question != question_) return false;
-  const auto found = nodes_.find(node);
-  if (found == nodes_.end() || found->second != kNoAnswer) return true;
-  found->second = answer->error;
-  if (waiting_ != 0) --waiting_;
+  if (!watch_.waits_for(node)) return true;
+  nodes_[node] = answer->error;
+  watch_.answered(node);
   return true;
 }
 

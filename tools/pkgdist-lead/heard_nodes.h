@@ -15,6 +15,7 @@ struct HeardNodes {
   std::vector<uint32_t> others;  // have said that they take no releases there
   std::map<uint32_t, std::string> names;  // of the releases that takers take, as far as is known
 
+  size_t count() const { return takers.size() + others.size(); }
   bool has(const std::vector<uint32_t>& wanted, size_t count) const;
   bool takes(uint32_t node) const;
   // Why it does not take releases, or may not; empty when it does, as far as is known.

@@ -7,6 +7,9 @@ namespace pkgdist::lead_program {
 
 namespace {
 
+// Far longer than a node takes to say that it is at work.
+constexpr lead::Time kSilence = 60 * lead::kSecond;
+
 template <class Entries>
 void append(Entries& to, Entries& from) {
   to.insert(to.end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
@@ -15,11 +18,8 @@ void append(Entries& to, Entries& from) {
 }  // namespace
 
 Inquiry::Inquiry(NodePrograms& programs, std::vector<cli::NodeQuestion> questions,
-                 std::vector<lead::NodeInfo> nodes, lead::Time limit)
-    : programs_(programs),
-      questions_(std::move(questions)),
-      nodes_(std::move(nodes)),
-      limit_(limit) {
+                 std::vector<lead::NodeInfo> nodes)
+    : programs_(programs), questions_(std::move(questions)), nodes_(std::move(nodes)) {
   for (const lead::NodeInfo& node : nodes_) said_[node.address].all = true;
 }
 
@@ -37,7 +37,7 @@ void Inquiry::take(std::map<uint32_t, cli::NodeAnswer> answers) {
 }
 
 void Inquiry::ask_next(lead::Time now) {
-  question_ = programs_.ask(std::move(questions_[next_++]), nodes_, now, limit_);
+  question_ = programs_.ask(std::move(questions_[next_++]), nodes_, now, kSilence);
   if (question_ == 0) take({});  // nobody is there who could be asked
 }
 

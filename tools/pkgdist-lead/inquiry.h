@@ -1,5 +1,5 @@
-// Questions to the programs of nodes, one after the other. A node that leaves one unanswered is not
-// asked the next.
+// Questions to the programs of nodes, one after the other. A node that falls silent before it has
+// answered one is not asked the next.
 #pragma once
 
 #include <map>
@@ -19,9 +19,8 @@ class Inquiry {
     std::vector<cli::NamedText> names, problems;
   };
 
-  // `limit`: for the answers to one question.
   Inquiry(NodePrograms& programs, std::vector<cli::NodeQuestion> questions,
-          std::vector<lead::NodeInfo> nodes, lead::Time limit);
+          std::vector<lead::NodeInfo> nodes);
 
   // True when it has ended.
   bool run(lead::Time now);
@@ -35,9 +34,8 @@ class Inquiry {
   NodePrograms& programs_;
   std::vector<cli::NodeQuestion> questions_;
   std::vector<lead::NodeInfo> nodes_;  // that have answered so far
-  const lead::Time limit_;
-  size_t next_ = 0;        // question
-  uint32_t question_ = 0;  // that waits for answers, 0: none
+  size_t next_ = 0;                    // question
+  uint32_t question_ = 0;              // that waits for answers, 0: none
   std::map<uint32_t, Said> said_;
 };
 

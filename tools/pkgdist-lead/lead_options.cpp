@@ -55,7 +55,8 @@ void add_stream_options(CLI::App& command, LeadOptions& options) {
       ->type_name("RATE");
   command
       .add_option("--timeout", options.timeout_seconds,
-                  "how long to wait for absent or silent nodes, and a push for another lead to end")
+                  "how long to wait for the next absent node, or a silent one, and a push for "
+                  "another lead to end")
       ->type_name("SECONDS [30]")
       ->check(CLI::Range(0.1, 1e6));
   command
@@ -131,7 +132,7 @@ void add_push(CLI::App& app, LeadOptions& options) {
   push->add_flag("--durable", options.durable,
                  "end only when the nodes have written what they received to their disks");
   push->add_option("--durable-timeout", options.durable_seconds,
-                   "how long nodes may take to write it")
+                   "how long a node may say nothing while it writes")
       ->type_name("SECONDS [60]")
       ->check(CLI::Range(0.1, 1e6));
   CLI::Option* checksum =

@@ -17,7 +17,7 @@ constexpr size_t kMaxPlaces = 6 * kMaxIntroductions;
 // How long a push that has ended waits for nodes to hear why.
 constexpr lead::Time kTellPatience = lead::kSecond;
 
-// How long after the begin of a push nodes are waited for to introduce themselves. It takes a node
+// How long nodes that were heard are waited for to introduce themselves. It takes a node
 // milliseconds after the first ping, and half a second more when the message is lost. A program
 // that does not do it is waited for once.
 constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
@@ -93,15 +93,30 @@ const cli::Introduction* NodePrograms::find(const lead::NodeInfo& node) const {
   return found != introductions_.end() && found->second.pid == node.pid ? &found->second : nullptr;
 }
 
+NodePrograms::Process* NodePrograms::silent_process(const lead::NodeInfo& node) {
+  const auto found = silent_.find(node.address);
+  return found != silent_.end() && found->second.pid == node.pid ? &found->second : nullptr;
+}
+
+void NodePrograms::wait_for(const lead::NodeInfo& node, lead::Time since) {
+  if (silent_.size() < kMaxIntroductions || silent_.contains(node.address))
+    silent_[node.address] = {node.pid, since};
+}
+
+void NodePrograms::heard(const std::vector<lead::NodeInfo>& nodes, lead::Time now) {
+  for (const lead::NodeInfo& node : nodes)
+    if (find(node) == nullptr && silent_process(node) == nullptr) wait_for(node, now);
+}
+
 bool NodePrograms::introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now) {
   const auto owes = [&](const lead::NodeInfo& node) {
-    const auto waited = waited_for_.find(node.address);
-    return find(node) == nullptr && (waited == waited_for_.end() || waited->second != node.pid);
+    const Process* process = silent_process(node);
+    const lead::Time since = process != nullptr ? process->waited_since : listening_since_;
+    return find(node) == nullptr && lead::elapsed(now, since) < kIntroductionPatience;
   };
-  if (std::none_of(nodes.begin(), nodes.end(), owes)) return true;
-  if (lead::elapsed(now, listening_since_) < kIntroductionPatience) return false;
+  if (std::any_of(nodes.begin(), nodes.end(), owes)) return false;
   for (const lead::NodeInfo& node : nodes)
-    if (owes(node) && waited_for_.size() < kMaxIntroductions) waited_for_[node.address] = node.pid;
+    if (find(node) == nullptr && silent_process(node) == nullptr) wait_for(node, listening_since_);
   return true;
 }
 
@@ -213,10 +228,18 @@ lead::Audience NodePrograms::audience_of(std::vector<uint32_t> nodes) const {
   return lead::Audience::only(std::move(nodes));
 }
 
+bool NodePrograms::send(const Question& question, std::vector<uint32_t> nodes, lead::Time now) {
+  const lead::MessageId id =
+      lead_.send_message(cli::kProgramClass, bytes_of(question.text), audience_of(std::move(nodes)),
+                         now, question.silence);
+  if (id != 0) hide(id);
+  return id != 0;
+}
+
 uint32_t NodePrograms::ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes,
-                           lead::Time now, lead::Time limit) {
+                           lead::Time now, lead::Time silence) {
+  Question entry{{}, silence, {}, AnswerWatch(silence)};
   std::vector<uint32_t> asked;
-  Question entry;
   for (const lead::NodeInfo& node : nodes) {
     const cli::Introduction* introduction = find(node);
     if (introduction == nullptr || !introduction->answers) continue;
@@ -224,31 +247,23 @@ uint32_t NodePrograms::ask(cli::NodeQuestion question, const std::vector<lead::N
     (void)entry.answers[node.address];
   }
   if (asked.empty()) return 0;
-  question.number = ++next_question_;
-  entry.waiting = asked.size();
-  entry.limit = limit;
-  entry.deadline = now + limit;
-  const lead::MessageId id =
-      lead_.send_message(cli::kProgramClass, bytes_of(cli::question_text(question)),
-                         audience_of(std::move(asked)), now, limit);
-  if (id == 0) return 0;
-  hide(id);
-  questions_[question.number] = std::move(entry);
+  question.number = next_question_++;
+  entry.text = cli::question_text(question);
+  entry.watch.begin(asked, now);
+  if (!send(entry, std::move(asked), now)) return 0;
+  questions_.emplace(question.number, std::move(entry));
   return question.number;
 }
 
-// A piece shows that the node is at work: the others have the time of a whole answer again.
+// A piece of an answer shows that the node is at work, as does what it says to that.
 void NodePrograms::on_answer(uint32_t node, cli::NodeAnswer answer) {
   const auto question = questions_.find(answer.number);
-  if (question == questions_.end()) return;
-  const auto found = question->second.answers.find(node);
-  if (found == question->second.answers.end() || !found->second.said.states.empty() ||
-      answer.states.empty() || answer.piece >= answer.pieces)
-    return;
-  auto& [said, pieces] = found->second;
+  if (question == questions_.end() || !question->second.watch.waits_for(node)) return;
+  if (answer.working) return question->second.watch.heard(node, lead::monotonic_now());
+  if (answer.states.empty() || answer.piece >= answer.pieces) return;
+  auto& [said, pieces] = question->second.answers[node];
   if (!pieces.insert(answer.piece).second) return;
-  question->second.deadline =
-      std::max(question->second.deadline, lead::monotonic_now() + question->second.limit);
+  question->second.watch.heard(node, lead::monotonic_now());
   const auto append = [](auto& to, auto& from) {
     const size_t room = kMaxListed - std::min(kMaxListed, to.size());
     std::move(from.begin(), from.begin() + static_cast<ptrdiff_t>(std::min(room, from.size())),
@@ -258,12 +273,17 @@ void NodePrograms::on_answer(uint32_t node, cli::NodeAnswer answer) {
   append(said.problems, answer.problems);
   if (pieces.size() < answer.pieces) return;
   said.states = std::move(answer.states);
-  --question->second.waiting;
+  question->second.watch.answered(node);
 }
 
-bool NodePrograms::answered(uint32_t question, lead::Time now) const {
+bool NodePrograms::answered(uint32_t question, lead::Time now) {
   const auto found = questions_.find(question);
-  return found == questions_.end() || found->second.waiting == 0 || now >= found->second.deadline;
+  if (found == questions_.end()) return true;
+  AnswerWatch& watch = found->second.watch;
+  (void)watch.take_silent(now);
+  if (std::vector<uint32_t> due = watch.take_due(now); !due.empty())
+    (void)send(found->second, std::move(due), now);
+  return !watch.waits();
 }
 
 std::map<uint32_t, cli::NodeAnswer> NodePrograms::take_answers(uint32_t question) {

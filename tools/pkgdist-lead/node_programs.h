@@ -18,8 +18,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "answer_watch.h"
 #include "introduction.h"
 #include "name_resolver.h"
+#include "order_numbers.h"
 #include "pkgdist_lead/lead.h"
 #include "release_messages.h"
 #include "reporter.h"
@@ -45,14 +47,18 @@ class NodePrograms {
   // A node has not confirmed yet what it was told; for a moment.
   bool busy(lead::Time now) const;
 
-  // Every node of a list has introduced itself, or will not: so long after the push began.
+  // These are there. Those that are new since the push began have the time from here on to
+  // introduce themselves, the others from its begin.
+  void heard(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
+  // Every node of a list has introduced itself, or will not: it had the time.
   bool introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
 
   // Asks those of the nodes that answer questions. The number of the question; 0: nobody is asked.
+  // A node that is at work says so; one that says nothing for `silence` is given up.
   uint32_t ask(cli::NodeQuestion question, const std::vector<lead::NodeInfo>& nodes, lead::Time now,
-               lead::Time limit);
-  // All that were asked have answered, or their time is over.
-  bool answered(uint32_t question, lead::Time now) const;
+               lead::Time silence);
+  // All that were asked have answered, or fell silent. Asks again those that say nothing.
+  bool answered(uint32_t question, lead::Time now);
   // By address: what each said, without states for those that did not. The question is forgotten.
   std::map<uint32_t, cli::NodeAnswer> take_answers(uint32_t question);
 
@@ -85,16 +91,23 @@ class NodePrograms {
     cli::NodeAnswer said;            // without states until it is whole
     std::set<uint32_t> pieces = {};  // that have come
   };
+  struct Process {
+    uint32_t pid = 0;
+    lead::Time waited_since = 0;
+  };
   struct Question {
+    std::string text;
+    lead::Time silence = 0;
     std::map<uint32_t, Answer> answers;
-    size_t waiting = 0;
-    lead::Time limit = 0;
-    lead::Time deadline = 0;
+    AnswerWatch watch;
   };
   bool on_message(const lead::NodeInfo& node, uint32_t msg_class, std::span<const uint8_t> bytes);
+  Process* silent_process(const lead::NodeInfo& node);
+  void wait_for(const lead::NodeInfo& node, lead::Time since);
   void on_introduction(const lead::NodeInfo& node, cli::Introduction introduction);
   void on_answer(uint32_t node, cli::NodeAnswer answer);
   lead::Audience audience_of(std::vector<uint32_t> nodes) const;
+  bool send(const Question& question, std::vector<uint32_t> nodes, lead::Time now);
   void hide(lead::MessageId id);
   void on_release(const lead::NodeInfo& node, cli::ReleaseState state);
   bool is_late(const Place& place, uint32_t pid, const cli::ReleaseState& state) const;
@@ -106,19 +119,19 @@ class NodePrograms {
   Reporter& reporter_;
   std::unordered_map<uint32_t, cli::Introduction> introductions_;  // by address
   cli::NameResolver resolver_;
-  lead::Time named_at_ = 0;                            // when it was asked last
-  std::unordered_map<uint32_t, uint32_t> waited_for_;  // processes that have not, by address
-  uint32_t push_location_ = 0;                         // 0: before the first push
-  lead::Time listening_since_ = 0;                     // the push's begin
-  std::unordered_set<uint32_t> without_location_;      // nodes that the push does not have yet
-  std::vector<lead::MessageId> told_;                  // to nodes without the location
+  lead::Time named_at_ = 0;                        // when it was asked last
+  std::unordered_map<uint32_t, Process> silent_;   // have not introduced themselves, by address
+  uint32_t push_location_ = 0;                     // 0: before the first push
+  lead::Time listening_since_ = 0;                 // the push's begin
+  std::unordered_set<uint32_t> without_location_;  // nodes that the push does not have yet
+  std::vector<lead::MessageId> told_;              // to nodes without the location
   lead::Time told_at_ = 0;
   std::map<Place, cli::ReleaseState> releases_;
   std::map<Place, uint32_t> tellers_;  // processes that told them
   bool follows_releases_ = false;
   std::map<Place, std::string> to_ask_;  // for the release of this name
   std::map<uint32_t, Question> questions_;
-  uint32_t next_question_ = 0;
+  uint32_t next_question_ = first_order_number();
   std::set<lead::MessageId> asking_;  // messages of questions and orders
 };
 

@@ -8,6 +8,7 @@
 #include "after_report.h"
 #include "node_programs.h"
 #include "own_lead.h"
+#include "pkgdist_lead/patience.h"
 #include "push_display.h"
 #include "push_run.h"
 #include "session.h"
@@ -61,11 +62,11 @@ class Gathering : public PushSource {
   const lead::Counters nothing_;
 };
 
-// Waits for its nodes, as long as a push waits for them.
+// Waits for the nodes of a push that sends nothing, as a push waits for them.
 bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs,
             PushDisplay& display) {
   Gathering gathering(session.lead(), request);
-  const lead::Time until = lead::monotonic_now() + request.node_timeout;
+  lead::Patience patience(request.node_timeout, lead::monotonic_now());
   return session.run(
       [&](lead::Time now) {
         display.run(gathering, now);
@@ -74,10 +75,11 @@ bool gather(const lead::PushRequest& request, Session& session, NodePrograms& pr
         for (const lead::Lead::NodeView& node : session.lead().nodes()) heard.push_back(node.info);
         const size_t wanted =
             request.nodes.empty() ? std::max(1u, request.node_count) : request.nodes.size();
-        const auto here = std::count_if(report.nodes.begin(), report.nodes.end(),
-                                        [](const auto& node) { return node.heard; });
-        return now >= until ||
-               (static_cast<size_t>(here) >= wanted && programs.introduced(heard, now));
+        const auto here = static_cast<size_t>(std::count_if(
+            report.nodes.begin(), report.nodes.end(), [](const auto& node) { return node.heard; }));
+        patience.note(here, now);
+        programs.heard(heard, now);
+        return patience.over(now) || (here >= wanted && programs.introduced(heard, now));
       },
       lead::kSecond / 10);
 }

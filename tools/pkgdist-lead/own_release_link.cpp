@@ -1,4 +1,5 @@
 #include "own_lead.h"
+#include "pkgdist_lead/patience.h"
 #include "release_link.h"
 
 namespace pkgdist::lead_program {
@@ -35,13 +36,14 @@ class OwnReleaseLink : public ReleaseLink {
   }
 
   HeardNodes gather(const std::vector<uint32_t>& wanted, size_t count,
-                    lead::Time patience) override {
-    const lead::Time until = lead::monotonic_now() + patience;
+                    lead::Time silence) override {
+    lead::Patience patience(silence, lead::monotonic_now());
     HeardNodes nodes;
     own_.run(
         [&](lead::Time now) {
           nodes = heard_nodes(own_.lead(), own_.programs(), options_.location);
-          return now >= until || nodes.has(wanted, count);
+          patience.note(nodes.count(), now);
+          return patience.over(now) || nodes.has(wanted, count);
         },
         kTick);
     return nodes;

@@ -98,7 +98,8 @@ void PushDisplay::wait(const lead::PushReport& report, PushSource& push, lead::T
   if (report.finished || waited < kSoon || absent_nodes(report) == 0) return;
   if (lead::elapsed(now, waiting_shown_) < (on_terminal_ ? kDrawPeriod : kLinePeriod)) return;
   waiting_shown_ = now;
-  const double left = static_cast<double>(node_timeout_ - std::min(waited, node_timeout_)) /
+  const lead::Time silence = lead::elapsed(now, report.waits_since);
+  const double left = static_cast<double>(node_timeout_ - std::min(silence, node_timeout_)) /
                       static_cast<double>(lead::kSecond);
   const std::string line = waiting_line(report, left);
   if (screen_) {

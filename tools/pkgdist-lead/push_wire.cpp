@@ -79,6 +79,7 @@ void visit_totals(Report& report, Visit&& visit) {
   visit(report.started);
   visit(report.finished);
   visit(report.started_at);
+  visit(report.waits_since);
   visit(report.finished_at);
   visit(report.files);
   visit(report.bytes);

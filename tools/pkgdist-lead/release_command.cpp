@@ -5,6 +5,7 @@
 #include <set>
 
 #include "commands.h"
+#include "order_numbers.h"
 #include "output.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "release_course.h"

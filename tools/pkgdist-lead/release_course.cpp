@@ -2,8 +2,6 @@
 
 #include <fmt/core.h>
 
-#include <chrono>
-
 #include "pkgdist_lead/udp_transport.h"
 #include "push_figures.h"
 #include "status_text.h"
@@ -34,15 +32,6 @@ uint64_t bytes_of(const std::vector<lead::PushFile>& files) {
 }
 
 }  // namespace
-
-uint32_t first_order_number() {
-  using EighthsOfSeconds = std::chrono::duration<uint64_t, std::ratio<1, 8>>;
-  const auto time = std::chrono::system_clock::now().time_since_epoch();
-  constexpr uint64_t kLatest = UINT32_MAX / 2;  // eight years and a half, then from the beginning
-  return static_cast<uint32_t>(std::chrono::duration_cast<EighthsOfSeconds>(time).count() %
-                               kLatest) +
-         1;
-}
 
 ReleaseCourse::ReleaseCourse(const LeadOptions& options, const ReleaseSource* source,
                              ReleaseLink& link, ReleasePush& push, ReleaseView& view)

@@ -44,8 +44,4 @@ class ReleaseCourse {
   uint64_t bytes_sent_ = 0;
 };
 
-// Of the orders of a push of a release, an activation or a survey. From the clock: nodes repeat
-// what an earlier lead did not acknowledge, and say the number of its order with it, a lower one.
-uint32_t first_order_number();
-
 }  // namespace pkgdist::lead_program

@@ -24,10 +24,10 @@ class ReleaseLink {
   // Hears what nodes say until `done` says so, which is asked after each state and at `until`.
   // False when a signal came first.
   virtual bool wait(const std::function<bool()>& done, lead::Time until) = 0;
-  // The nodes that are heard, as soon as there are so many and all of `wanted`, and after this time
-  // at the latest.
+  // The nodes that are heard, as soon as there are so many and all of `wanted`, or when none has
+  // come for so long.
   virtual HeardNodes gather(const std::vector<uint32_t>& wanted, size_t count,
-                            lead::Time patience) = 0;
+                            lead::Time silence) = 0;
 
   // Called by push(), wait() and gather(). May be null.
   std::function<void(uint32_t node, const cli::ReleaseState&)> on_state;

@@ -95,7 +95,7 @@ class ReleasePush {
   // Every node did all that was asked for.
   bool complete() const;
 
-  static constexpr lead::Time kAskAgain = 3 * lead::kSecond;
+  static constexpr lead::Time kAskAgain = AnswerWatch::kAskAgain;
   // So long after its last change an answer stands, when it is that something is missing.
   static constexpr lead::Time kSettle = lead::kSecond;
   static constexpr unsigned kMaxRounds = 3;  // of fetching

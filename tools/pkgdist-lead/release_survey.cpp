@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "answer_watch.h"
+#include "order_numbers.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "release_course.h"
 

@@ -5,6 +5,7 @@
 
 #include "control_path.h"
 #include "line_connection.h"
+#include "pkgdist_lead/patience.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "release_link.h"
 #include "stop_signals.h"
@@ -50,8 +51,8 @@ class RemoteReleaseLink : public ReleaseLink {
   }
 
   HeardNodes gather(const std::vector<uint32_t>& wanted, size_t count,
-                    lead::Time patience) override {
-    const lead::Time until = lead::monotonic_now() + patience;
+                    lead::Time silence) override {
+    lead::Patience patience(silence, lead::monotonic_now());
     for (;;) {
       heard_.reset();
       connection_.send({{"heard", options_.location}});
@@ -59,8 +60,10 @@ class RemoteReleaseLink : public ReleaseLink {
           wait([&] { return heard_.has_value(); }, lead::monotonic_now() + kAnswerPatience);
       HeardNodes nodes = heard_.value_or(HeardNodes());
       const lead::Time now = lead::monotonic_now();
-      if (!went_on || now >= until || nodes.has(wanted, count)) return nodes;
-      if (!wait([] { return false; }, std::min(until, now + kGatherPeriod))) return nodes;
+      patience.note(nodes.count(), now);
+      if (!went_on || patience.over(now) || nodes.has(wanted, count)) return nodes;
+      const lead::Time next = std::min(patience.deadline(), now + kGatherPeriod);
+      if (!wait([] { return false; }, next)) return nodes;
     }
   }
 

@@ -1,22 +1,19 @@
 #include "beneath.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <system_error>
 
+#include "file_io.h"
+
 namespace pkgdist::node_program {
 
 cli::Fd open_directory_beneath(int top, const std::string& name, int flags) {
-  open_how how{};
-  how.flags = static_cast<uint64_t>(flags | O_DIRECTORY | O_CLOEXEC);
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-  return cli::Fd(static_cast<int>(::syscall(SYS_openat2, top, name.c_str(), &how, sizeof how)));
+  return cli::Fd(release::open_beneath(top, name.c_str(), flags | O_DIRECTORY));
 }
 
 Place open_place_beneath(int top, const std::string& name) {

@@ -34,22 +34,41 @@ void Completion::file_complete(uint32_t transaction, const std::string& name) {
                     kMostBytes >> 20, transaction));
 }
 
+void Completion::say(uint32_t question, const std::string& state) {
+  send_to_lead(cli::answer_text({.number = question, .states = {state}}));
+}
+
+// The question has come again: doubled by the network, or because the answer takes long.
+void Completion::say_again(uint32_t question, Outcome& outcome) {
+  const std::lock_guard lock(outcome.mutex);
+  if (outcome.said)
+    say(question, *outcome.said);
+  else
+    send_to_lead(cli::working_text(question));
+}
+
 bool Completion::take(const cli::NodeQuestion& question) {
   if (question.kind != cli::NodeQuestion::Kind::kComplete) return false;
   if (!wanted_) {
-    send_to_lead(cli::answer_text({.number = question.number, .states = {cli::kStateDone}}));
+    say(question.number, cli::kStateDone);
     return true;
   }
   Push& push = push_of(question.transaction);
-  if (std::exchange(push.ended, true)) return true;  // the network has doubled the message
+  if (push.outcome) {
+    say_again(question.number, *push.outcome);
+    return true;
+  }
+  push.outcome = std::make_shared<Outcome>();
   const std::string names = std::exchange(push.names, {});
   runner_.add_file(names,
                    {{"PKGDIST_STATUS", std::to_string(question.status)},
                     {"PKGDIST_TRANSACTION", std::to_string(question.transaction)},
                     {"PKGDIST_LOCATION", std::to_string(question.location)}},
-                   "PKGDIST_NAMES_FILE", [number = question.number](const std::string& failure) {
-                     const std::string said = failure.empty() ? cli::kStateDone : failure;
-                     send_to_lead(cli::answer_text({.number = number, .states = {said}}));
+                   "PKGDIST_NAMES_FILE",
+                   [number = question.number, outcome = push.outcome](const std::string& failure) {
+                     const std::lock_guard lock(outcome->mutex);
+                     outcome->said = failure.empty() ? cli::kStateDone : failure;
+                     say(number, *outcome->said);
                    });
   return true;
 }

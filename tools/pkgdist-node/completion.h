@@ -3,11 +3,15 @@
 //
 // The names are those that the library has told as received, or as present already, since this
 // process began: a process that is replaced in the middle of a push knows only its own. When the
-// lead says that the push has ended, the command runs once; the lead is told how it ended.
+// lead says that the push has ended, the command runs once; the lead is told how it ended, and when
+// it asks again, that the command still runs.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "introduction.h"
@@ -30,13 +34,20 @@ class Completion {
   bool take(const cli::NodeQuestion& question);
 
  private:
+  // How a command ended: what the lead was told. The runner's thread sets it.
+  struct Outcome {
+    std::mutex mutex;
+    std::optional<std::string> said;
+  };
   struct Push {
     uint32_t transaction = 0;
     std::string names = {};  // each with a zero byte behind it
     bool too_many = false;
-    bool ended = false;  // the command was handed its names
+    std::shared_ptr<Outcome> outcome = {};  // since the command was handed its names
   };
   Push& push_of(uint32_t transaction);
+  static void say(uint32_t question, const std::string& state);
+  static void say_again(uint32_t question, Outcome& outcome);
 
   const bool wanted_;
   const cli::MessageRunner::Report report_;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <thread>
@@ -15,6 +16,12 @@ namespace pkgdist::node_program {
 namespace {
 
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+// The library repeats it until the lead has it; one that is lost all the same is asked for again.
+void send(const std::string& text) {
+  (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kFlushClass, nullptr,
+                                            nullptr, nullptr);
+}
 
 }  // namespace
 
@@ -44,16 +51,30 @@ void FlushService::flush(const std::shared_ptr<Disks>& disks, const cli::FlushQu
     const std::lock_guard lock(disks->busy);
     error = write_disk(found->second);
   }
-  const std::string answer = cli::flush_answer_text({question, error});
-  // The library repeats it until the lead has it; an answer that is lost is none in time.
-  (void)instcomm_pkgdist_ctrl_send_lead_msg(answer.data(), answer.size(), cli::kFlushClass, nullptr,
-                                            nullptr, nullptr);
+  {
+    const std::lock_guard lock(disks->under_way_mutex);
+    std::erase(disks->under_way, question);
+  }
+  send(cli::flush_answer_text({question, error}));
+}
+
+// False when it is under way already.
+bool FlushService::begin(Disks& disks, const cli::FlushQuestion& question) {
+  const std::lock_guard lock(disks.under_way_mutex);
+  if (std::find(disks.under_way.begin(), disks.under_way.end(), question) != disks.under_way.end())
+    return false;
+  disks.under_way.push_back(question);
+  return true;
 }
 
 bool FlushService::on_message(uint32_t msg_class, std::span<const uint8_t> bytes) {
   if (msg_class != cli::kFlushClass) return false;
   const auto question = cli::parse_flush_question(bytes);
   if (!question) return false;
+  if (!begin(*disks_, *question)) {
+    send(cli::flush_progress_text(*question));
+    return true;
+  }
   try {
     std::thread(flush, disks_, *question).detach();
   } catch (const std::system_error&) {

@@ -1,6 +1,7 @@
 // Answers the lead's question of `push --durable`: writes a location's file system to its disk and
 // says so. That may take long, so each question has a thread of its own; one at a time works, since
-// they would only wait for the same disk.
+// they would only wait for the same disk. To a question that comes again meanwhile it says that it
+// is at work.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "flush_messages.h"
 
@@ -32,8 +34,11 @@ class FlushService {
   struct Disks {  // outlives the process's other objects, because threads may still use it
     std::map<uint32_t, Place> places;  // by location
     std::mutex busy;
+    std::mutex under_way_mutex;  // of the next one
+    std::vector<cli::FlushQuestion> under_way;
   };
   static int write_disk(const Place& place);
+  static bool begin(Disks& disks, const cli::FlushQuestion& question);
   static void flush(const std::shared_ptr<Disks>& disks, const cli::FlushQuestion& question);
 
   const std::shared_ptr<Disks> disks_;

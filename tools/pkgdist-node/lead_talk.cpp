@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "file_io.h"
 #include "pkgdist/pkgdist_recv.h"
 #include "poller.h"
 
@@ -53,6 +54,10 @@ Seen seen_on_disk(const std::string& directory, const std::string& name, cli::Fd
   how.resolve = RESOLVE_BENEATH;
   parent = cli::Fd(
       static_cast<int>(::syscall(SYS_openat2, top.get(), inside.c_str(), &how, sizeof how)));
+  // Then no link is followed, not even one that stays inside.
+  if (!parent && errno == ENOSYS)
+    parent =
+        cli::Fd(release::open_beneath_by_steps(top.get(), inside.c_str(), O_PATH | O_DIRECTORY));
   if (!parent) return {errno, 0};
   struct stat status {};
   const std::string last = name.substr(slash == std::string::npos ? 0 : slash + 1);

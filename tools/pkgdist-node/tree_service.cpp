@@ -2,9 +2,11 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "content_work.h"
@@ -32,15 +34,28 @@ class TreeService::Work {
     thread_.join();
   }
 
-  // What is too much gets no answer.
   void add(const cli::NodeQuestion& question) {
-    constexpr size_t kMostWaiting = 256;
-    const std::lock_guard lock(mutex_);
-    if (waiting_.size() < kMostWaiting) waiting_.push_back(question);
-    changed_.notify_all();
+    for (const std::string& text : enter(question)) send_to_lead(text);
   }
 
  private:
+  // What is known of the question already; nothing when it is new. What is too much gets no answer.
+  std::vector<std::string> enter(const cli::NodeQuestion& question) {
+    constexpr size_t kMostWaiting = 256;
+    const std::lock_guard lock(mutex_);
+    if (last_ == question.number) return answer_.empty() ? working(question) : answer_;
+    if (std::any_of(waiting_.begin(), waiting_.end(),
+                    [&](const cli::NodeQuestion& one) { return one.number == question.number; }))
+      return working(question);
+    if (waiting_.size() < kMostWaiting) waiting_.push_back(question);
+    changed_.notify_all();
+    return {};
+  }
+
+  static std::vector<std::string> working(const cli::NodeQuestion& question) {
+    return {cli::working_text(question.number)};
+  }
+
   static std::vector<release::PublicKey> keys_of(const NodeOptions& options) {
     if (options.push_keys.empty()) return {};
     return release::read_public_keys(options.push_keys);
@@ -56,9 +71,15 @@ class TreeService::Work {
       if (ended_) return;
       const cli::NodeQuestion question = std::move(waiting_.front());
       waiting_.pop_front();
+      last_ = question.number;
+      answer_.clear();
       lock.unlock();
+      std::vector<std::string> texts;
       for (const cli::NodeAnswer& piece : pieces_of(answer(question)))
-        send_to_lead(cli::answer_text(piece));
+        texts.push_back(cli::answer_text(piece));
+      for (const std::string& text : texts) send_to_lead(text);
+      lock.lock();
+      answer_ = std::move(texts);
     }
   }
 
@@ -105,6 +126,8 @@ class TreeService::Work {
   std::mutex mutex_;  // of these
   std::condition_variable changed_;
   std::deque<cli::NodeQuestion> waiting_;
+  std::optional<uint32_t> last_;     // question that was worked on
+  std::vector<std::string> answer_;  // to it, in pieces; empty while it is under way
   bool ended_ = false;
   std::thread thread_;  // the last: it uses the others
 };

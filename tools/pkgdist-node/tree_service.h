@@ -1,8 +1,9 @@
 // Answers the lead's questions about the trees of its pushes (tree_work.h and content_work.h have
 // what is done).
 //
-// A large tree takes long, so each question has a thread of its own; one at a time works, in the
-// order in which the lead asks, which waits for each answer.
+// A large tree takes long, so the questions have a thread of their own, which works on one after
+// the other in the order in which the lead asks. A question that is asked again is not worked on
+// again: the lead hears that it is under way, or the answer once more, which may have got lost.
 #pragma once
 
 #include <functional>
@@ -31,7 +32,7 @@ class TreeService {
   TreeService(const TreeService&) = delete;
   TreeService& operator=(const TreeService&) = delete;
 
-  // False when the question is about something else.
+  // False when the question is about something else. On the thread of the event loop.
   bool take(const cli::NodeQuestion& question);
 
  private:

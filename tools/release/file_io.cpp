@@ -19,15 +19,54 @@ void throw_errno(std::string_view doing, std::string_view name) {
                            std::strerror(error));
 }
 
+namespace {
+
+// Beside those of the caller. Nothing is opened with O_PATH, and no FIFO waits there.
+int flags_beneath(int flags) {
+  return flags | O_CLOEXEC | O_NOFOLLOW | ((flags & O_PATH) != 0 ? 0 : O_NONBLOCK);
+}
+
+int refused(int error) {
+  errno = error;
+  return -1;
+}
+
+// The directory of this name, which is no link. openat() says of a link that it is no directory.
+int enter(int directory, const std::string& name) {
+  const int fd = openat(directory, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd >= 0 || errno != ENOTDIR) return fd;
+  struct stat found {};
+  const bool link =
+      fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(found.st_mode);
+  return refused(link ? ELOOP : ENOTDIR);
+}
+
+}  // namespace
+
 int open_beneath(int directory, const char* path, int flags, unsigned mode) {
   open_how how = {};
-  const int nonblock = (flags & O_PATH) != 0 ? 0 : O_NONBLOCK;  // nothing is opened with O_PATH
-  how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | nonblock | O_NOFOLLOW);
+  how.flags = static_cast<uint64_t>(flags_beneath(flags));
   how.mode = (flags & O_CREAT) != 0 ? mode : 0;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
   for (;;) {
     const long fd = syscall(SYS_openat2, directory, path, &how, sizeof how);
-    if (fd >= 0 || (errno != EINTR && errno != EAGAIN)) return static_cast<int>(fd);
+    if (fd >= 0) return static_cast<int>(fd);
+    if (errno == ENOSYS) return open_beneath_by_steps(directory, path, flags, mode);
+    if (errno != EINTR && errno != EAGAIN) return -1;
+  }
+}
+
+int open_beneath_by_steps(int directory, const char* path, int flags, unsigned mode) {
+  if (*path == '/') return refused(EXDEV);
+  for (Fd at;;) {
+    const size_t length = std::strcspn(path, "/");
+    const std::string name(path, length);
+    path += length + std::strspn(path + length, "/");
+    if (name == "..") return refused(EXDEV);
+    const int from = at ? at.get() : directory;
+    if (*path == '\0') return openat(from, name.c_str(), flags_beneath(flags), mode);
+    at = Fd(enter(from, name));
+    if (!at) return -1;
   }
 }
 

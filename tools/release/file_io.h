@@ -38,6 +38,9 @@ class Fd {
 // Opens beneath a directory: no component may be a symbolic link, and the path may not lead out of
 // the directory. Opening a FIFO does not wait. -1 and errno when that fails.
 int open_beneath(int directory, const char* path, int flags, unsigned mode = 0);
+// The same step by step, where openat2() is not to be had: on kernels before 5.6, and for services
+// that systemd keeps from making set-user-ID files (RestrictSUIDSGID=, which DynamicUser= implies).
+int open_beneath_by_steps(int directory, const char* path, int flags, unsigned mode = 0);
 
 // The content of a regular file beneath a directory. Throws std::runtime_error when it cannot be
 // read, Refused(kTooLarge) when it has more than `most` bytes, Refused(kTree) when it is no file.

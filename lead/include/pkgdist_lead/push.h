@@ -32,7 +32,8 @@ struct PushRequest {
   // The nodes that must have every file; empty: every node that is heard, at least `node_count`.
   std::vector<uint32_t> nodes;
   uint32_t node_count = 1;
-  // How long to wait for absent nodes at the start, and how long a node may be silent later.
+  // At the start, how long after the last node that came others are waited for; later, how long a
+  // node may be silent.
   Time node_timeout = 30 * kSecond;
   // The push ends after this, whatever is left; 0: no limit. Counted from start_push().
   Time max_time = 0;
@@ -70,6 +71,7 @@ struct PushReport {
   bool started = false;
   bool finished = false;
   Time started_at = 0;
+  Time waits_since = 0;  // before it started: when the last node came, or the waiting began
   Time finished_at = 0;
   uint64_t files = 0;
   uint64_t bytes = 0;           // of content, once

@@ -33,7 +33,8 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
       members_(plan_),
       announcer_(plan_, members_, nodes, control),
       walk_(plan_, members_, announcer_, data),
-      reachability_(members_, announcer_, nodes, data) {
+      reachability_(members_, announcer_, nodes, data),
+      patience_(plan_.request().node_timeout, 0) {
   summary_.files = plan_.files();
   summary_.bytes = plan_.bytes();
 }
@@ -42,6 +43,7 @@ PushJob::PushJob(PushRequest request, uint32_t xact, const NodeTable& nodes, Con
 
 void PushJob::begin(Time now) {
   now_ = summary_.started_at = now;
+  patience_ = Patience(node_timeout(), now);
   walk_.begin(now);
   if (plan_.request().max_time != 0) ends_at_ = now + plan_.request().max_time;
   for (NodeIndex i = 0; i < nodes_.size(); ++i)
@@ -50,7 +52,8 @@ void PushJob::begin(Time now) {
 
 void PushJob::gather() {
   const bool gathered = members_.present() >= plan_.expected_nodes();
-  if (!gathered && elapsed(now_, summary_.started_at) < node_timeout()) return;
+  patience_.note(members_.present(), now_);
+  if (!gathered && !patience_.over(now_)) return;
   phase_ = Phase::kRunning;
   summary_.started = true;
   summary_.started_at = now_;
@@ -77,7 +80,7 @@ void PushJob::run(Time now) {
 
 Time PushJob::next_deadline() const {
   if (finished()) return kNever;
-  if (gathering()) return std::min(ends_at_, summary_.started_at + node_timeout());
+  if (gathering()) return std::min(ends_at_, patience_.deadline());
   return std::min({ends_at_, walk_.next_deadline(), announcer_.next_deadline(now_)});
 }
 
@@ -306,6 +309,7 @@ void PushJob::count_unfinished() {
 PushReport PushJob::progress() const {
   PushReport report = summary_;
   report.finished = finished();
+  report.waits_since = patience_.since();
   report.bytes_received = members_.bytes_received();
   add_nodes(report, plan_, members_, nodes_, data_, walk_.streamed());
   return report;

@@ -16,6 +16,7 @@
 // on every present node. Nor is one sent beside a transfer that somebody else has asked for.
 #pragma once
 
+#include "pkgdist_lead/patience.h"
 #include "push/file_walk.h"
 #include "push/reachability.h"
 #include "push/second_tries.h"
@@ -111,6 +112,7 @@ class PushJob {
   Phase phase_ = Phase::kGathering;
   Time now_ = 0;           // of the event being handled
   Time ends_at_ = kNever;  // whatever is left
+  Patience patience_;      // with nodes that it gathers
   PushReport summary_;     // without nodes
 };
 

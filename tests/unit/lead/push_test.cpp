@@ -293,6 +293,27 @@ TEST(Push, serves_the_present_nodes_and_reports_the_absent_one) {
   EXPECT_FALSE(report.nodes[1].heard);
 }
 
+TEST(Push, waits_for_nodes_that_come_one_after_the_other_for_as_long_as_they_do) {
+  LeadCluster cluster;
+  cluster.store.add("file", pattern(1000, 1));
+  for (int i = 0; i < 5; ++i) cluster.add_host(false);
+  lead::PushRequest request = cluster.push_all();
+  request.nodes.clear();
+  for (size_t i = 0; i < 5; ++i) request.nodes.push_back(cluster.host(i).address);
+  request.node_timeout = 4 * kSecond;
+  ASSERT_EQ(cluster.lead().start_push(request, cluster.now()), nullptr);
+  for (size_t i = 0; i < 4; ++i) {
+    cluster.run_for(3 * kSecond);
+    EXPECT_FALSE(cluster.lead().push_progress().started);
+    cluster.start_node(i);
+  }
+  cluster.run_for(3 * kSecond);
+  EXPECT_FALSE(cluster.lead().push_progress().started) << "15 s after the begin";
+  ASSERT_TRUE(cluster.run_until([&] { return !cluster.lead().push_running(); }, 2 * kSecond));
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(cluster.host(i).disk, cluster.store.files());
+  EXPECT_FALSE(cluster.lead().push_report().nodes[4].heard);
+}
+
 TEST(Push, gives_up_on_a_node_that_falls_silent_and_finishes_the_others) {
   LeadCluster cluster;
   cluster.store.add("file", pattern(5'000'000, 1));

@@ -242,6 +242,14 @@ TEST_F(Ping, of_an_older_sequence_changes_nothing) {
   EXPECT_EQ(G_ctrl_mc_last_sequence, 9u);
 }
 
+TEST_F(Ping, without_a_status_is_replied_to_without_one_whatever_the_codec_left) {
+  {
+    const CodecResidue residue;
+    receive(ping(9));
+  }
+  EXPECT_EQ(answers(), (Words{"REPLY 9"}));
+}
+
 TEST_F(Ping, echoes_a_status_and_only_one_that_was_there) {
   receive(ping(9, 5));
   receive(ping(9, 0));

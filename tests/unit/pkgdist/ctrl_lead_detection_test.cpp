@@ -86,6 +86,13 @@ TEST_F(LeadDetection, a_lead_without_identity_is_unknown) {
   EXPECT_TRUE(logs::contains("New Lead Node ip '127.0.0.9' (unknown) pid '200' on ctrl mcast\n"));
 }
 
+TEST_F(LeadDetection, an_identity_that_did_not_travel_is_none) {
+  forget_lead();
+  const CodecResidue residue;
+  receive(ping(9, {}, kOther));
+  EXPECT_EQ(lead_text(), "unknown");
+}
+
 TEST_F(LeadDetection, a_lead_without_process_keeps_the_process_known_before) {
   G_lead_uc_addr = 0;
   receive(ping(9, {}, {.address = kOtherAddress, .pid = 0}));

@@ -31,6 +31,16 @@ class LeadMsg : public CtrlTest {
                          "MSG 1 segment 2 size 220/3000 rxmt"};
 };
 
+TEST_F(LeadMsg, a_nack_whose_segment_did_not_travel_is_for_the_whole_message) {
+  send_three();
+  {
+    const CodecResidue residue;
+    receive(lead_nack(1), true);
+  }
+  EXPECT_EQ(answers(), all_again_);
+  EXPECT_TRUE(logs::contains("CTRL UC NACK - Sequence 1 Segment 0\n"));
+}
+
 // --- ACK ---
 
 TEST_F(LeadMsg, an_ack_of_the_lead_ends_the_message_with_success) {

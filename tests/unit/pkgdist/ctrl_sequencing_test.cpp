@@ -128,6 +128,17 @@ TEST_F(Sequencing, an_old_sequence_without_the_mark_of_retransmission_is_new) {
   EXPECT_EQ(G_ctrl_mc_last_ack_sequence, 9u);
 }
 
+TEST_F(Sequencing, a_mark_of_retransmission_that_did_not_travel_is_none) {
+  set_multicast_point(9);
+  {
+    const CodecResidue residue;
+    receive(control({.sequence = 7, .data = "again"}));
+  }
+  run();
+  EXPECT_EQ(messages(), (Words{"again"}));
+  EXPECT_EQ(value(CrtCounter::kMcDupDropRecv), 0u);
+}
+
 TEST_F(Sequencing, the_next_sequence_is_new_although_it_is_marked_as_retransmission) {
   set_multicast_point(9);
   receive(control({.sequence = 10, .data = "ten", .rxmt = true}));

@@ -51,14 +51,44 @@ class LogCopy : public RecvTest {
 const char kTime[] = "[A-Z][a-z]{2} [0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
 const char kError[] = "ERR:instcomm_pkgdist_ctrl_mc_hdlr_attach: levm passed is NULL\n\n";
 
+// The copy of a statement that names this.
+std::string copy_of_name(const std::string& name) {
+  testing::internal::CaptureStderr();
+  pkgdist::log::copy_to_stderr(pkgdist::log::catalogue()[0], "name [%s]\n", name.c_str());
+  const std::string copy = testing::internal::GetCapturedStderr();
+  const size_t begin = copy.find("name [");
+  return begin == std::string::npos ? copy : copy.substr(begin);
+}
+
 TEST_F(LogCopy, a_name_with_control_characters_is_printable) {
-  const auto log = [](const std::string& name) {
-    pkgdist::log::copy_to_stderr(pkgdist::log::catalogue()[0], "name %s\n", name.c_str());
-  };
-  EXPECT_NE(std::string::npos, copies_of(1, 0, [&] {
-                                 log("a\x1b[2J\nb\x7f\xc2\x9b"
-                                     "c\xc3\xbc");
-                               }).find("name a?[2J?b?\xc2?c\xc3\xbc\n\n"));
+  EXPECT_EQ(copy_of_name("a\x1b[2J\nb\x7f\xc2\x80\xc2\x9b\xc2\x9f"
+                         "c\xc2\xa0\xc3\xbc"),
+            "name [a?[2J?b????c\xc2\xa0\xc3\xbc]\n\n");
+}
+
+TEST_F(LogCopy, a_name_with_marks_that_turn_text_is_printable) {
+  for (const char* mark : {"\u202a", "\u202b", "\u202c", "\u202d", "\u202e", "\u2066", "\u2067",
+                           "\u2068", "\u2069", "\u200e", "\u200f", "\u2028", "\u2029"})
+    EXPECT_EQ(copy_of_name(std::string("a") + mark + "b"), "name [a?b]\n\n");
+  EXPECT_EQ(copy_of_name("\u2027\u202f\u2065\u206a\U0001f4e6"),
+            "name [\u2027\u202f\u2065\u206a\U0001f4e6]\n\n");
+}
+
+TEST_F(LogCopy, bytes_that_are_no_utf8_go_one_by_one) {
+  EXPECT_EQ(copy_of_name("a\x9b\x32J"), "name [a?2J]\n\n") << "a control character by itself";
+  EXPECT_EQ(copy_of_name("\xc3(\xe2\x80\xff"), "name [?(???]\n\n");
+  EXPECT_EQ(copy_of_name("\xc0\x9b\xe0\x82\x9b\xf0\x80\x82\x9b"), "name [?????????]\n\n")
+      << "longer than it need be";
+  EXPECT_EQ(copy_of_name("a\xe2\x80"), "name [a??]\n\n");
+}
+
+TEST_F(LogCopy, the_record_keeps_what_the_copy_does_not_show) {
+  const std::string name = "\x1b[2J\u202e\x9b";
+  copies_of(1, 0, [&] {
+    (void)instcomm_pkgdist_get_file(("../" + name).c_str(), 1, 1, 1, 7, nullptr, nullptr, nullptr);
+  });
+  EXPECT_TRUE(logs::contains("ERR:instcomm_pkgdist_get_file: file path '../" + name +
+                             "' passed leaves the storage location\n"));
 }
 
 TEST_F(LogCopy, a_long_text_is_copied_whole) {

@@ -312,6 +312,17 @@ TEST_F(Segments, a_repair_that_was_not_asked_for_only_sets_its_bit) {
   EXPECT_TRUE(take_traffic().singles.empty());
 }
 
+TEST_F(Segments, a_mark_of_repair_that_did_not_travel_is_none) {
+  begin(10);
+  give(0);
+  {
+    const CodecResidue residue;
+    give(2);
+  }
+  EXPECT_EQ(value(DrtCounter::kMcOutOfSeqRecv), 1u);
+  EXPECT_EQ(take_traffic().singles, (std::vector<Single>{{7, 1, 1}}));
+}
+
 TEST_F(Segments, repairs_complete_a_file) {
   begin(6);
   give_in_order({0, 1, 5});

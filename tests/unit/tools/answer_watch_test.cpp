@@ -37,6 +37,14 @@ TEST(AnswerWatch, a_node_that_goes_on_answering_is_waited_for_without_limit) {
   EXPECT_EQ(watch.take_silent(now + kSilence), Nodes{1});
 }
 
+TEST(AnswerWatch, asks_before_it_gives_up_however_short_the_silence_is) {
+  AnswerWatch watch(3 * lead::kMillisecond);
+  watch.begin({1}, kStart);
+  EXPECT_EQ(watch.take_due(kStart + lead::kMillisecond), Nodes{1});
+  EXPECT_EQ(watch.take_due(kStart + 2 * lead::kMillisecond), Nodes{1});
+  EXPECT_EQ(watch.take_silent(kStart + 3 * lead::kMillisecond), Nodes{1});
+}
+
 TEST(AnswerWatch, what_others_say_counts_for_nobody) {
   AnswerWatch watch(kAgain, kSilence);
   watch.begin({1}, kStart);

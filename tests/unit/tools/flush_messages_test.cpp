@@ -23,6 +23,16 @@ TEST(FlushMessages, say_the_same_on_both_sides) {
   EXPECT_EQ(parsed->error, EIO);
 }
 
+TEST(FlushMessages, that_a_node_is_at_work_are_no_answers) {
+  const FlushQuestion question{7, 2};
+  const std::string text = flush_progress_text(question);
+  EXPECT_EQ(text, "pkgdist-flushing 1 7 2\n");
+  EXPECT_EQ(parse_flush_progress(bytes_of(text)), question);
+  EXPECT_FALSE(parse_flush_answer(bytes_of(text)));
+  EXPECT_FALSE(parse_flush_question(bytes_of(text)));
+  EXPECT_FALSE(parse_flush_progress(bytes_of(flush_question_text(question))));
+}
+
 TEST(FlushMessages, leave_other_messages_alone) {
   for (const char* text :
        {"", "pkgdist-flush", "pkgdist-flush 1 2", "pkgdist-flush 1 2 3", "pkgdist-flush 1 2 3 \n",

@@ -154,6 +154,15 @@ TEST(NodeAnswer, comes_in_pieces) {
   EXPECT_EQ(found->pieces, 3u);
 }
 
+TEST(NodeAnswer, may_be_that_the_question_is_worked_on) {
+  const auto found = parse_answer(bytes(working_text(7)));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->number, 7u);
+  EXPECT_TRUE(found->working);
+  EXPECT_TRUE(found->states.empty());
+  EXPECT_FALSE(parse_answer(bytes(answer_text({7, {kStateDone}})))->working);
+}
+
 TEST(NodeAnswer, arrives_as_it_was_sent) {
   const auto found = parse_answer(bytes(answer_text({7, {kStateFile, "Permission denied"}})));
   ASSERT_TRUE(found);

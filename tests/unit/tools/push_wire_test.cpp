@@ -78,6 +78,7 @@ TEST(PushWire, a_report_arrives_as_it_was_sent) {
   lead::PushReport sent;
   sent.started = true;
   sent.started_at = 5 * lead::kSecond;
+  sent.waits_since = 4 * lead::kSecond;
   sent.files = 7;
   sent.bytes = 1ull << 40;
   sent.expected_nodes = 2;
@@ -94,6 +95,7 @@ TEST(PushWire, a_report_arrives_as_it_was_sent) {
   node.open = {1, 6};
   const lead::PushReport got = decode_report(Json::parse(encode_report(sent).dump()));
   EXPECT_EQ(got.started_at, sent.started_at);
+  EXPECT_EQ(got.waits_since, sent.waits_since);
   EXPECT_FALSE(got.finished);
   EXPECT_EQ(got.bytes, sent.bytes);
   EXPECT_EQ(got.expected_nodes, 2u);
