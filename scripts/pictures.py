@@ -67,7 +67,8 @@ class Stage:
 
     def __init__(self, programs, net, work):
         self.programs, self.net, self.work = programs, net, work
-        self.root = os.path.join(work, "packages")
+        lab.mount_memory("/srv")  # in this process's own mount namespace: a path that readers know
+        self.root = "/srv/packages"
         fill(os.path.join(self.root, "release-7"))
         self.net.nodes[2].lose(4)
 
@@ -82,7 +83,7 @@ class Stage:
     def command(self, *options, json=False):
         return [self.programs.lead, "--interface", self.net.lead.address, "--location", f"1={self.root}",
                 *(["--json"] if json else []), "push", "--nodes", str(NODES), "--rate", "20", *options,
-                os.path.join(self.root, "release-7")]
+                "release-7"]
 
     def on_terminal(self, *options):
         """The screen in the middle of a push, with one node stopped."""

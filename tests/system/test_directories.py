@@ -133,6 +133,16 @@ class Mirror(TreeTest):
             self.assertEqual(self.names(node), {"kept", "d/kept", "d/sub/kept"})
             self.assertFalse(os.path.exists(os.path.join(self.directory_of(node), "elsewhere")))
 
+    def test_a_quiet_push_removes_them_without_a_word(self):
+        self.add_on_nodes("d/gone")
+        self.start_nodes()
+        done = self.net.lead.run([self.programs.lead, "--interface", self.net.lead.address, "--location",
+                                  f"1={self.content}", "push", "--quiet", "--delete", "--nodes", self.addresses(), "d"],
+                                 capture_output=True, text=True, timeout=60)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
+        for node in self.net.nodes:
+            self.assertNotIn("d/gone", self.names(node))
+
     def test_a_dry_run_lists_them_and_changes_nothing(self):
         self.add_on_nodes("d/gone")
         self.start_nodes()

@@ -103,6 +103,7 @@ void AfterReport::mirror(const Json& line) {
   good_ = good_ && line.at("good").get<bool>();
   if (!text.empty()) say(node, fmt::format("nothing is removed: {}", text));
   if (names.empty()) return;
+  if (reporter_.quiet && !only_list_) return;
   names_ += names.size();
   ++name_nodes_;
   for (const std::string& name : names)

@@ -161,6 +161,7 @@ void NodePrograms::run(lead::Time now) {
     told_.push_back(lead_.send_message(cli::kProgramClass,
                                        bytes_of(cli::unset_text(push_location_)),
                                        lead::Audience::one(node), now));
+    hide(told_.back());
     return true;
   });
 }

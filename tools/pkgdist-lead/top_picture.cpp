@@ -58,9 +58,12 @@ double badness(const NodeState& node, const TopHistory& history, TopSettings::Ce
 
 std::string reason_of(const NodeState& node) {
   if (const std::string note = note_of(node); !note.empty()) return note;
-  // As wide as the others: the column has nine characters.
+  // The column has nine characters.
   if (node.repair_ratio >= 0.01) return fmt::format("rep. {:.0f}%", node.repair_ratio * 100);
-  return format_bytes(node.rate) + "/s";
+  constexpr size_t kColumns = 7;
+  std::string rate = format_bytes(node.rate);
+  if (rate.size() > kColumns) rate.erase(rate.find('.'), rate.find(' ') - rate.find('.'));
+  return rate + "/s";
 }
 
 std::string detail(const NodeState& node, uint64_t files) {

@@ -100,6 +100,8 @@ TEST_F(TopPicture, names_the_slowest_ten_with_the_reason) {
   EXPECT_EQ(count("10.200.1.246     0% rep. 20%"), 1u);
   EXPECT_EQ(count("10.200.3.232    99% 3 failed"), 1u);
   EXPECT_EQ(count("12.0 MB/s"), 7u) << "no reason is known: what arrives";
+  for (NodeState& node : state.nodes) node.rate = 932.4e3;
+  EXPECT_EQ(count("932 kB/s"), 7u) << "no unit is cut";
 }
 
 TEST_F(TopPicture, cells_show_repairs_of_the_last_seconds_when_asked_to) {
