@@ -76,6 +76,7 @@ class AfterPush {
   void begin_commands();
   void tell_commands();
   void mirror_line(uint32_t node, const std::vector<std::string>& names, const std::string& text);
+  Inquiry::Said said_by(const Node& node) const;
   const char* why_not_asked(const Node& node) const;
   const char* why_not_compared(const Node& node) const;
   void ask(std::vector<cli::NodeQuestion> questions, std::vector<lead::NodeInfo> nodes,

@@ -26,6 +26,13 @@ Json encode_texts(const std::vector<cli::NamedText>& texts) {
 
 }  // namespace
 
+// Nothing of a node that has introduced itself after the others were asked.
+Inquiry::Said AfterPush::said_by(const Node& node) const {
+  if (inquiries_.empty()) return {};
+  const auto found = inquiries_[0]->said().find(node.info.address);
+  return found != inquiries_[0]->said().end() ? found->second : Inquiry::Said();
+}
+
 // --- Contents ---
 
 const char* AfterPush::why_not_compared(const Node& node) const {
@@ -67,7 +74,7 @@ void AfterPush::tell_comparing() {
     const char* why = why_not_compared(node);
     std::string text = why != nullptr ? why : "";
     Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
+    if (why == nullptr) said = said_by(node);
     if (why == nullptr && !said.all) text = kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -96,7 +103,7 @@ void AfterPush::tell_directories() {
     const char* why = why_not_asked(node);
     std::string text = why != nullptr ? why : "";
     Inquiry::Said said;
-    if (why == nullptr && !inquiries_.empty()) said = inquiries_[0]->said().at(node.info.address);
+    if (why == nullptr) said = said_by(node);
     if (why == nullptr && !said.all) text = kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
@@ -139,11 +146,11 @@ void AfterPush::tell_listing() {
   for (const Node& node : nodes_) {
     const uint32_t address = node.info.address;
     const char* why = node.complete ? why_not_asked(node) : kNotEveryFile;
-    if (why != nullptr || inquiries_.empty()) {
-      mirror_line(address, {}, why != nullptr ? why : kNoAnswer);
+    if (why != nullptr) {
+      mirror_line(address, {}, why);
       continue;
     }
-    const Inquiry::Said& said = inquiries_[0]->said().at(address);
+    const Inquiry::Said said = said_by(node);
     std::string text = said.all ? "" : kNoAnswer;
     for (const std::string& state : said.states)
       if (state != cli::kStateDone) text = state;
