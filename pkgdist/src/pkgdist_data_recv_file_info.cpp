@@ -8,6 +8,7 @@
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -21,6 +22,8 @@
 #include "pkgdist_data_recv_file_write.h"
 #include "pkgdist_data_recv_gate.h"
 #include "pkgdist_data_recv_process.h"
+#include "pkgdist_data_recv_repair.h"
+#include "pkgdist_data_recv_resume.h"
 #include "pkgdist_log.h"
 #include "pkgdist_stats.h"
 
@@ -126,6 +129,19 @@ bool can_be_skipped(const Entry& entry, uint32_t lead) {
   return true;
 }
 
+// With what is there already, if the process says that some of it is good.
+Fate go_on(Entry& entry) {
+  if (entry.fd != -1) (void)close(entry.fd);
+  entry.fd = -1;
+  if (!resume_partial(entry)) return Fate::kStays;
+  if (!pkgdist_all_segments_set(entry)) {
+    ask_for_all_missing(entry, entry.start_time);
+    return Fate::kStays;
+  }
+  entry.status = pkgdist_data_file_rename(entry);
+  return Fate::kEnds;
+}
+
 Fate start_transfer(Entry& entry, const Info& info, uint32_t lead) {
   store_info(entry, info);
   if (entry.status != 0) {
@@ -145,8 +161,10 @@ Fate start_transfer(Entry& entry, const Info& info, uint32_t lead) {
   }
   entry.start_time = fts_get_stamp_fast();
   entry.timeout_count = 0;
+  const bool leftover_stays = may_resume(entry);
+  if (!leftover_stays) discard_leftover(entry);
+  if (!can_be_skipped(entry, lead)) return leftover_stays ? go_on(entry) : Fate::kStays;
   discard_leftover(entry);
-  if (!can_be_skipped(entry, lead)) return Fate::kStays;
   count(DrsCounter::kFileSkip);
   entry.status = 0;
   return Fate::kEnds;

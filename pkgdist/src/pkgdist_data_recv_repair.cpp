@@ -113,20 +113,8 @@ Verdict missing_timeout(Entry& entry, uint64_t now) {
   return Verdict::kWaits;
 }
 
-// Marks everything that is lacking as missing and asks for it.
 void ask_for_tail(Entry& entry, uint64_t now) {
-  RepairRuns runs(entry, now);
-  for (uint32_t k = next_segment(entry, entry.first_segment); k != entry.first_segment;
-       k = next_segment(entry, k)) {
-    if (pkgdist_is_segment_set(entry, k)) {
-      runs.close();
-      continue;
-    }
-    pkgdist_set_miss(entry, k);
-    runs.add(k);
-  }
-  runs.close();
-  entry.repair_time = now;
+  ask_for_all_missing(entry, now);
   entry.start_time = now;
 }
 
@@ -219,6 +207,21 @@ bool is_being_received(const pkgdist_data_send_miss_done& question) {
 }
 
 }  // namespace
+
+void pkgdist::ask_for_all_missing(Entry& entry, uint64_t now) {
+  RepairRuns runs(entry, now);
+  for (uint32_t k = next_segment(entry, entry.first_segment); k != entry.first_segment;
+       k = next_segment(entry, k)) {
+    if (pkgdist_is_segment_set(entry, k)) {
+      runs.close();
+      continue;
+    }
+    pkgdist_set_miss(entry, k);
+    runs.add(k);
+  }
+  runs.close();
+  entry.repair_time = now;
+}
 
 void RepairRuns::close() {
   if (length_ == 0) return;

@@ -22,6 +22,10 @@ void pkgdist_data_recv_new_lead();
 
 namespace pkgdist {
 
+// Marks everything that is lacking as missing and asks for it. The first segment of the reception
+// has come. Receive lock held.
+void ask_for_all_missing(pkgdist_file_recv_entry& entry, uint64_t now);
+
 // Gathers segments that are visited in walking order into runs and asks the lead for each run.
 // A run may go on across the end of the file; it is never split there.
 class RepairRuns {

@@ -453,9 +453,25 @@ void ModelNode::on_info(std::span<const uint8_t> body, uint64_t now) {
   entry.content.assign(entry.size, 0);
   entry.start = now;
   entry.time_outs = 0;
-  if (!skips(entry)) return;
+  if (!skips(entry)) return go_on(entry, now);
   ++counters_.skipped;
   end(at, 0, now);
+}
+
+// With what an earlier transfer has left; something is always missing.
+void ModelNode::go_on(Entry& entry, uint64_t now) {
+  const auto partial = disk_.find(disk_key(entry.location, entry.name + kPartialSuffix));
+  if (!good_ || entry.link || partial == disk_.end()) return;
+  entry.content = partial->second.content;
+  disk_.erase(partial);
+  for (uint32_t k = entry.segments; k-- > 0;) {
+    if (!good_(k)) continue;
+    entry.have[k] = true;
+    ++entry.received;
+    entry.first = entry.last = k;
+  }
+  entry.open = entry.received != 0;
+  if (entry.open) request_all(entry, true, now);
 }
 
 // Replaces what has the partial name, and makes the directories.

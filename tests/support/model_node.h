@@ -65,6 +65,10 @@ class ModelNode {
   // Longer names of a list are left out, as where their path would be too long.
   void limit_names(size_t longest) { longest_name_ = longest; }
 
+  // Which segments of a partial file on its disk are good, when a transfer of it begins.
+  using Good = std::function<bool(uint32_t segment)>;
+  void go_on_with(Good good) { good_ = std::move(good); }
+
   // Asks the lead for a file, as a caller of the library would.
   void get_file(const std::string& name, uint32_t location, uint32_t type, uint32_t priority,
                 uint64_t now);
@@ -173,6 +177,7 @@ class ModelNode {
   void on_segment(std::span<const uint8_t> body, uint64_t now);
   void on_miss_done(std::span<const uint8_t> body);
   bool skips(const Entry& entry) const;
+  void go_on(Entry& entry, uint64_t now);
   int open_partial(const Entry& entry);
   void store_whole(const Entry& entry);
   void store(Entry& entry, uint32_t segment, const uint8_t* data, uint64_t length);
@@ -195,6 +200,7 @@ class ModelNode {
   Send send_;
   FileLists file_lists_;
   size_t longest_name_ = SIZE_MAX;
+  Good good_;
   Counters counters_;
 
   uint32_t lead_ = 0, lead_pid_ = 0;

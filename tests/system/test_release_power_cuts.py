@@ -129,9 +129,10 @@ class PowerCuts(OnRecordedDisk, ReleaseNode):
         self.assertEqual(self.with_disk_after(log, len(log), None, self.tree_of), 2)
 
     def moments(self, log):
-        """Half of them beside flushes, where something has just become final."""
+        """The first and the last one, and others, half of them beside flushes, where something has just become final."""
         flushes = [i for i, entry in enumerate(log) if entry is None]
-        for i in range(CUTS):
+        yield from (0, len(log))
+        for i in range(CUTS - 2):
             if i % 2:
                 yield min(len(log), self.random.choice(flushes) + self.random.randrange(0, 3))
             else:

@@ -127,8 +127,8 @@ void AfterPush::tell_listing() {
   for (const Node& node : nodes_) {
     const uint32_t address = node.info.address;
     const char* why = node.complete ? why_not_asked(node) : kNotEveryFile;
-    if (why != nullptr || inquiries_.empty()) {
-      mirror_line(address, {}, why != nullptr ? why : kNoAnswer);
+    if (why != nullptr) {
+      mirror_line(address, {}, why);
       continue;
     }
     const Inquiry::Said said = said_by(address);

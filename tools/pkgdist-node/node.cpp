@@ -83,7 +83,8 @@ Node::Node(const NodeOptions& options)
     : loop_(levm_create()),
       nodeid_(make_identity(options)),
       interface_(options.common.interface),
-      membership_({options.common.ctrl_group.address, options.common.data_group.address}) {
+      membership_({options.common.ctrl_group.address, options.common.data_group.address}),
+      keeps_partial_files_(!options.releases.name.empty()) {
   if (loop_ == nullptr) throw std::runtime_error("no event loop could be created");
   if (options.common.verbosity > 1)
     g_inst_common_debug_verbosity_level = options.common.verbosity - 1;
@@ -99,7 +100,7 @@ Node::Node(const NodeOptions& options)
 }
 
 Node::~Node() {
-  partial_files_.remove_open();
+  if (!keeps_partial_files_) partial_files_.remove_open();
 }
 
 // A directory is made if it is missing, and ends with a slash; a memory prefix is taken as it is.

@@ -30,7 +30,7 @@ class Node {
  public:
   // Starts both sides of the library and sets the storage locations. The process has one Node.
   explicit Node(const NodeOptions& options);
-  // What is still being received is given up: its partial files go.
+  // What is still being received is given up: its partial files go, unless they belong to releases.
   ~Node();
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
@@ -85,7 +85,8 @@ class Node {
   GroupMembership membership_;
   cli::Poller* beside_ = nullptr;
   std::function<void()> run_beside_;
-  unsigned joined_ = 0;  // number of the interface on which the groups were joined last
+  const bool keeps_partial_files_;  // those of releases are of use to the next process
+  unsigned joined_ = 0;             // number of the interface on which the groups were joined last
   FlushService flush_service_;
   PartialFiles partial_files_;
   StorageTrouble storage_trouble_;

@@ -134,6 +134,19 @@ ReleasePlace open_release_place(const ReleaseOptions& options, bool allow_setuid
   return place;
 }
 
+// Of files that were being received when an earlier process was killed.
+void set_release_resume(uint32_t location, std::shared_ptr<const release::Installer> installer) {
+  const auto parts = [location, installer = std::move(installer)](uint32_t asked, const char* name,
+                                                                  uint32_t) {
+    std::vector<GoodPart> good;
+    if (asked != location) return good;
+    for (const auto& [first, size] : installer->take_good_parts(name))
+      good.push_back({first, size});
+    return good;
+  };
+  require(set_resume(parts).value(), "setting what receptions go on with");
+}
+
 void set_release_gate(uint32_t location, std::shared_ptr<const release::Installer> installer) {
   const auto gate = [location, installer = std::move(installer)](const GateQuestion& question) {
     return question.location == location ? answer(*installer, question) : EPERM;

@@ -26,5 +26,7 @@ ReleasePlace open_release_place(const ReleaseOptions& options, bool allow_setuid
 // The gate of the process, for good: what the installer expects is taken, and nothing else. To be
 // called before the Node is made.
 void set_release_gate(uint32_t location, std::shared_ptr<const release::Installer> installer);
+// The same: receptions go on with partial files, as far as the installer has found them right.
+void set_release_resume(uint32_t location, std::shared_ptr<const release::Installer> installer);
 
 }  // namespace pkgdist::node_program

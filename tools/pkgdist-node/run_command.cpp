@@ -50,6 +50,7 @@ std::unique_ptr<ReleaseService> open_releases(NodeOptions& options) {
   locations[number] = {number, place.incoming(), false};
   auto service = std::make_unique<ReleaseService>(options.releases, std::move(place));
   set_release_gate(number, service->installer());
+  set_release_resume(number, service->installer());
   return service;
 }
 

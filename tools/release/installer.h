@@ -18,13 +18,18 @@
 // restart, whatever an earlier process knew of them, and after a failure of the disk: the next
 // check() goes on with what is whole.
 //
+// Of a partial file that an earlier process has left in incoming, the leaves that are right need
+// not come again (take_good_parts()).
+//
 // ask() may be called from any thread; everything else from one. Functions throw Refused with the
 // reason, std::runtime_error when the disk fails; what was current stays.
 #pragma once
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -95,6 +100,11 @@ class Installer {
   // From any thread, when the transfer of a file begins that may be written. A manifest of the
   // same size and time as an earlier one would be taken for that one.
   void make_way(const std::string& path) const;
+  // The same: what of the partial file of a missing one is good, each once.
+  struct Part {
+    uint64_t first = 0, size = 0;  // bytes
+  };
+  std::vector<Part> take_good_parts(const std::string& path) const;
 
   const InstallState& state() const { return state_; }
   // The release that is being fetched, or is ready.
@@ -162,7 +172,9 @@ class Installer {
   void remove_old_releases() const;
 
   // recovering
+  void find_good_parts();
   void clear_incoming() const;
+  void clear_incoming(const std::string& below, const std::set<std::string>& kept) const;
   void find_candidate();
   bool adopt(const std::string& directory, bool ready);
   void go_on_with(const std::string& directory, bool ready);
@@ -188,6 +200,7 @@ class Installer {
   mutable std::mutex mutex_;        // guards what ask() reads:
   std::vector<Expected> expected_;  // in the order of the manifest, which is that of the paths
   size_t missing_ = 0;              // files
+  mutable std::map<std::string, std::vector<Part>> parts_;  // of partial files, by path
 };
 
 }  // namespace pkgdist::release

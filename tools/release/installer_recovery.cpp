@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <stdexcept>
 
 #include "installer.h"
 #include "installer_places.h"
@@ -45,27 +46,11 @@ void Installer::recover() {
 void Installer::resume() {
   find_candidate();
   if (candidate_ && !ready_) (void)collect();
+  try {
+    find_good_parts();
+  } catch (const std::runtime_error&) {  // then everything comes again
+  }
   clear_incoming();
-}
-
-// All but the files of a release that wait for their check.
-void Installer::clear_incoming() const {
-  namespace fs = std::filesystem;
-  const fs::path incoming = fs::path(options_.place) / kIncoming;
-  const std::string release_files[] = {kManifestPath, kSignaturePath, kLeavesPath};
-  std::vector<std::string> rest;
-  for (const auto& item : fs::directory_iterator(incoming))
-    if (item.path().filename() != kReleaseDirectory) rest.push_back(item.path().filename());
-  if (fs::is_directory(fs::symlink_status(incoming / kReleaseDirectory)))
-    for (const auto& item : fs::directory_iterator(incoming / kReleaseDirectory)) {
-      const std::string name =
-          std::string(kReleaseDirectory) + "/" + item.path().filename().string();
-      if (std::find(std::begin(release_files), std::end(release_files), name) ==
-          std::end(release_files))
-        rest.push_back(name);
-    }
-  for (const std::string& name : rest)
-    disk_.remove(place_.get(), std::string(kIncoming) + "/" + name);
 }
 
 // What an earlier process had staged, or made ready.

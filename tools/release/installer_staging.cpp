@@ -32,6 +32,7 @@ void Installer::expect(const Manifest& manifest, bool present) {
   const std::lock_guard lock(mutex_);
   expected_.swap(expected);  // what was there goes without the lock
   missing_ = missing;
+  parts_.clear();
 }
 
 // Without a candidate when it cannot be built: what is whole stays where it is.

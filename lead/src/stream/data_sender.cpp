@@ -170,6 +170,11 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
     schedule_.end_turn(transfer);  // failed meanwhile
     return true;
   }
+  if (transfer.first_turn && requests_.ends_turn(transfer, now)) {
+    schedule_.end_turn(transfer);
+    settling_.begin(transfer, now);
+    return true;
+  }
   if (transfer.first_turn && informs_again_at(transfer.turn.done())) output_.info(transfer, now);
   if (transfer.streamed == 0) transfer.stream_begin = window_.position();
   if (!send_segment(transfer, transfer.turn.segment(), DataOutput::As::kFirst, now)) return true;

@@ -1,5 +1,8 @@
 #include "stream/segment_requests.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace pkgdist::lead {
 
 // Whether the node has only now found out that it lacks the run: what the stream has just sent, or
@@ -32,18 +35,65 @@ Transfer* SegmentRequests::file_of(uint32_t file_id, uint32_t first, uint32_t nu
   return nullptr;
 }
 
-// Returns how many of the run are repaired.
-uint32_t SegmentRequests::enter(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num,
+// Returns how many of the run are repaired. `coming`: its latest segments that are on their way.
+uint32_t SegmentRequests::enter(Transfer& transfer, const Transfer::Run& run, uint64_t coming,
                                 Time now) {
   uint32_t gone = 0;
   transfer.repairs.set_holdoff(2 * stream_.window.round_trip());
-  const uint64_t coming = on_the_way(transfer, node, first, num);
-  transfer.turn.behind(first, num, coming, [&](uint32_t from, uint32_t count) {
+  transfer.turn.behind(run.first, run.num, coming, [&](uint32_t from, uint32_t count) {
     transfer.repairs.request(from, count, now);
-    transfer.node(node).parts |= transfer.repairs.parts_of(from, count);
+    transfer.node(run.node).parts |= transfer.repairs.parts_of(from, count);
     gone += count;
   });
   return gone;
+}
+
+// Whether the run has something that the first turn still comes to. Nodes that have nothing never
+// ask for that; those of small files may, after a time-out.
+bool SegmentRequests::asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num) {
+  if (transfer.stage == Transfer::Stage::kAnnounced) return true;
+  return transfer.stage == Transfer::Stage::kStreaming && transfer.first_turn &&
+         transfer.segments > kFirstInformedAgain && uint64_t{first} + num > transfer.turn.done();
+}
+
+// Only of nodes that the file is for: others may be forged.
+void SegmentRequests::note_ahead(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) {
+  if (!asks_ahead(transfer, first, num) ||
+      transfer.node(node).state != TransferNode::State::kOpen ||
+      transfer.asked_ahead.size() >= kMostAhead)
+    return;
+  transfer.asked_ahead.push_back({node, first, num});
+  transfer.asked_ahead_more = true;
+  transfer.node(node).goes_on = true;
+}
+
+bool SegmentRequests::ends_turn(Transfer& transfer, Time now) {
+  if (!std::exchange(transfer.asked_ahead_more, false)) return false;
+  const bool all =
+      std::all_of(transfer.nodes.begin(), transfer.nodes.end(), [](const TransferNode& node) {
+        return node.state == TransferNode::State::kEnded ||
+               node.state == TransferNode::State::kAbsent || node.goes_on;
+      });
+  const uint64_t begun = transfer.turn.done();
+  if (transfer.asked_ahead.size() >= kMostAhead || !all || begun >= transfer.segments) return false;
+  transfer.turn.skip();
+  transfer.first_turn = false;
+  if (begun == 0) transfer.stream_begin = transfer.stream_end = stream_.window.position();
+  const auto enter_ahead = [&](NodeIndex node, uint64_t from, uint64_t to) {
+    from = std::max(from, begun);
+    if (from >= to) return;
+    const Transfer::Run run{node, static_cast<uint32_t>(from), static_cast<uint32_t>(to - from)};
+    const uint32_t gone = enter(transfer, run, 0, now);
+    counters_.segments_requested += gone;
+    stream_.arrival.lacks(node, uint64_t{gone} * segment_bytes_);
+  };
+  for (const auto& [node, first, num] : std::exchange(transfer.asked_ahead, {})) {
+    const uint64_t end = uint64_t{first} + num;
+    enter_ahead(node, first, std::min<uint64_t>(end, transfer.segments));
+    enter_ahead(node, 0, end - std::min<uint64_t>(end, transfer.segments));
+  }
+  stream_.repairs.enter(transfer);
+  return true;
 }
 
 uint32_t SegmentRequests::on_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num,
@@ -58,7 +108,9 @@ uint32_t SegmentRequests::on_request(NodeIndex node, uint32_t file_id, uint32_t 
     stream_.contact.asked(node);
   else
     stream_.contact.answered(node);  // the information has reached it
-  const uint32_t gone = enter(*transfer, node, first, num, now);
+  note_ahead(*transfer, node, first, num);
+  const uint64_t coming = on_the_way(*transfer, node, first, num);
+  const uint32_t gone = enter(*transfer, {node, first, num}, coming, now);
   if (state.state == TransferNode::State::kOpen) {
     const bool paced = stream_.table.busy().contains(node);
     if (paced && is_first_request(*transfer, node, first, num)) stream_.window.lost(node, gone);

@@ -1,7 +1,8 @@
 // What nodes ask for again: which of it is to be repaired, and what it tells of loss.
 //
 // A request for a segment that the stream still comes to is ignored, and so is one for what is
-// still on its way to the node: a run up to a file's end comes from a node's time-out.
+// still on its way to the node: a run up to a file's end comes from a node's time-out. Nodes that
+// ask before the stream has begun with a file have the rest of it.
 #pragma once
 
 #include "stream/arrival.h"
@@ -28,9 +29,18 @@ class SegmentRequests {
   // Returns how many segments of the file were asked for, 0 when the request makes no sense.
   uint32_t on_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num, Time now);
 
+  // Ahead of a segment of the first turn: true when every node goes on with a part that it has.
+  // What they have asked for is due as repairs then, and the turn has ended.
+  bool ends_turn(Transfer& transfer, Time now);
+
  private:
   Transfer* file_of(uint32_t file_id, uint32_t first, uint32_t num);
-  uint32_t enter(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num, Time now);
+  // Runs of all nodes together that are kept of one transfer; with more the stream has its turn.
+  static constexpr size_t kMostAhead = 65'536;
+
+  static bool asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num);
+  void note_ahead(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num);
+  uint32_t enter(Transfer& transfer, const Transfer::Run& run, uint64_t coming, Time now);
   uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
   bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
                         uint32_t num) const;

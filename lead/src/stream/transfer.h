@@ -90,6 +90,7 @@ struct TransferNode {
   bool asked = false;         // for segments, since the last poll
   bool has_info : 1 = false;  // asked for segments of this transfer at some time
   bool guest : 1 = false;     // the push does not wait for it
+  bool goes_on : 1 = false;   // has a part, and asked for the rest ahead of the stream
   uint16_t stale = 0;         // answers about an earlier transfer of the same file, in a row
   uint16_t unanswered = 0;    // polls in a row
   Time stale_since = 0;       // the first stale answer
@@ -143,6 +144,15 @@ struct Transfer {
   std::vector<TransferNode> nodes;  // by node index
   uint32_t open = 0;                // nodes in State::kOpen
   uint32_t unlisted = 0;            // nodes in State::kUnlisted
+
+  // What nodes asked for ahead of the first turn: they go on with what an earlier transfer has
+  // left. When all of them do, this is sent instead of the turn.
+  struct Run {
+    NodeIndex node = 0;
+    uint32_t first = 0, num = 0;
+  };
+  std::vector<Run> asked_ahead;
+  bool asked_ahead_more = false;  // since somebody looked
 
   uint64_t segments_sent = 0;
   bool first_turn = true;

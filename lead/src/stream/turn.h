@@ -16,6 +16,9 @@ class Turn {
   uint32_t segment() const { return static_cast<uint32_t>(cursor_ % segments_); }
   void advance() { ++cursor_; }
 
+  // Nothing of it is sent: nodes have said what they lack.
+  void skip() { cursor_ = stop_; }
+
   // One whole turn from here on, or from the first segment when the stream had ended.
   void extend() {
     if (!active()) cursor_ = 0;

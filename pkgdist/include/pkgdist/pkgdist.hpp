@@ -455,6 +455,31 @@ inline Status set_gate(Gate gate) {
   return status;
 }
 
+// A part of a partial file that is good.
+struct GoodPart {
+  uint64_t first = 0;
+  uint64_t size = 0;
+};
+// Which parts of the partial file of `name` are good; pkgdist_data_resume_cb has the details. Runs
+// on a thread of the library with a lock held: it must not throw, call the library or wait.
+using Resume =
+    std::function<std::vector<GoodPart>(uint32_t location, const char* name, uint32_t size)>;
+
+// Before start_data(). It stays until the process ends.
+inline Status set_resume(Resume resume) {
+  if (!resume) return PKGDIST_ERR_INVALID;
+  auto held = std::make_shared<const Resume>(std::move(resume));
+  const Status status = instcomm_pkgdist_data_set_resume(
+      [](uint32_t location, const char* name, uint32_t size, pkgdist_data_good_part_cb good,
+         void* parts, void* ctx) {
+        for (const GoodPart& part : (*static_cast<const Resume*>(ctx))(location, name, size))
+          good(part.first, part.size, parts);
+      },
+      const_cast<Resume*>(held.get()));
+  if (status.ok()) detail::keep(held);
+  return status;
+}
+
 inline Status start_data(const DataSettings& settings) {
   return instcomm_pkgdist_data_recv_init(settings.group, settings.group_port,
                                          settings.request_port);

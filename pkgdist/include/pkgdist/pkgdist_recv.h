@@ -9,6 +9,7 @@
  *   2. instcomm_pkgdist_ctrl_recv_set_nodeid      before traffic is expected
  *   3. the attach and register calls              for the results you want
  *   4. instcomm_pkgdist_data_set_gate             if it is to decide what the lead may write
+ *      instcomm_pkgdist_data_set_resume           if receptions may go on with partial files
  *   5. instcomm_pkgdist_data_recv_init            once
  *   6. instcomm_pkgdist_set_recv_repository       once per storage location
  *   7. instcomm_pkgdist_get_file and the rest     at any time after
@@ -249,6 +250,37 @@ typedef int (*pkgdist_data_gate_cb)(uint32_t operation, uint32_t location, const
  *
  * Returns 0, or PKGDIST_ERR_INVALID: `gate` is NULL, or the data side has been started. */
 PkgdistStatus instcomm_pkgdist_data_set_gate(pkgdist_data_gate_cb gate, void* ctx);
+
+/* Tells that `size` bytes of a partial file from byte `first` on are good. */
+typedef void (*pkgdist_data_good_part_cb)(uint64_t first, uint64_t size, void* parts);
+
+/* Says which parts of a partial file are good, such as one of a process that was killed.
+ *
+ *   location, name  of the file, as the gate has them; it stands under "NAME.tmp"
+ *   size            bytes that the file is going to have
+ *   good, parts     to be called for each part, with `parts` as it is, before this returns
+ *
+ * Asked when a transfer to a disk location begins, after the gate has accepted it, and something
+ * stands under the partial name that this process could have made: a file of its user with one
+ * name, without other permissions than the transfer's. The reception then goes on with it: of the
+ * segments that lie wholly inside of one part none is wanted any more, and the others are asked for
+ * at once. Parts that touch are to be told as one. When no segment is good, the file is made anew,
+ * as it is without this callback.
+ *
+ * What is told is believed: the process must have compared the bytes with what they have to be, and
+ * nobody else may write the file. A part may be told for one transfer only, since the next one may
+ * have emptied the file.
+ *
+ * Runs on DATA_FILE under the rules of the gate: with the lock of the file database held, it must
+ * not call the library, and must be quick, so whatever takes long is to be known before. */
+typedef void (*pkgdist_data_resume_cb)(uint32_t location, const char* name, uint32_t size,
+                                       pkgdist_data_good_part_cb good, void* parts, void* ctx);
+
+/* Sets this callback of the process. To be called before instcomm_pkgdist_data_recv_init; `resume`
+ * and `ctx` are used until the process ends.
+ *
+ * Returns 0, or PKGDIST_ERR_INVALID: `resume` is NULL, or the data side has been started. */
+PkgdistStatus instcomm_pkgdist_data_set_resume(pkgdist_data_resume_cb resume, void* ctx);
 
 /* Sets storage location `location` (1 to 6): where files that name this location are written.
  *

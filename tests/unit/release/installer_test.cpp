@@ -385,6 +385,49 @@ TEST_F(Install, what_came_before_a_restart_is_taken_and_other_leftovers_go) {
   EXPECT_TRUE(std::filesystem::exists(place_ / ".pkgdist/incoming/.pkgdist/manifest"));
 }
 
+TEST_F(Install, of_a_partial_file_the_leaves_that_are_right_are_told_once) {
+  start();
+  bring_manifest(six_);
+  std::string partial = kSame;
+  partial[kLeafBytes + 5] = 'x';
+  bring("same.tmp", partial);
+  bring("gone.tmp", "x");  // not larger than a leaf
+  bring("other/same.tmp", kSame);
+  start();
+  const std::string incoming = ".pkgdist/incoming/";
+  EXPECT_TRUE(std::filesystem::exists(place_ / (incoming + "same.tmp")));
+  EXPECT_FALSE(std::filesystem::exists(place_ / (incoming + "gone.tmp")));
+  EXPECT_FALSE(std::filesystem::exists(place_ / (incoming + "other")));
+  EXPECT_TRUE(node_->take_good_parts("gone").empty());
+  const auto parts = node_->take_good_parts("same");
+  ASSERT_EQ(2u, parts.size());
+  EXPECT_EQ(0u, parts[0].first);
+  EXPECT_EQ(kLeafBytes, parts[0].size);
+  EXPECT_EQ(2u * kLeafBytes, parts[1].first);
+  EXPECT_EQ(kLeafBytes, parts[1].size);
+  EXPECT_TRUE(node_->take_good_parts("same").empty());
+}
+
+TEST_F(Install, leaves_that_touch_are_one_part_and_half_a_leaf_is_none) {
+  start();
+  bring_manifest(six_);
+  bring("same.tmp", kSame.substr(0, 2 * kLeafBytes + 7));
+  start();
+  const auto parts = node_->take_good_parts("same");
+  ASSERT_EQ(1u, parts.size());
+  EXPECT_EQ(0u, parts[0].first);
+  EXPECT_EQ(2u * kLeafBytes, parts[0].size);
+}
+
+TEST_F(Install, no_part_is_told_of_what_no_release_that_is_coming_lacks) {
+  start();
+  install(six_);
+  bring("same.tmp", kSame);
+  start();
+  EXPECT_TRUE(node_->take_good_parts("same").empty());
+  EXPECT_FALSE(std::filesystem::exists(place_ / ".pkgdist/incoming/same.tmp"));
+}
+
 TEST_F(Install, a_path_that_cannot_be_delivered_is_refused_at_once) {
   longest_path_ = 5;
   start();

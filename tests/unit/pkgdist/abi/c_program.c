@@ -40,6 +40,10 @@ static PkgdistStatus (*const data_recv_init)(uint32_t, uint16_t,
 static PkgdistStatus (*const set_gate)(int (*)(uint32_t, uint32_t, const char*, uint32_t, uint32_t,
                                                uint32_t, void*),
                                        void*) = instcomm_pkgdist_data_set_gate;
+static PkgdistStatus (*const set_resume)(void (*)(uint32_t, const char*, uint32_t,
+                                                  void (*)(uint64_t, uint64_t, void*), void*,
+                                                  void*),
+                                         void*) = instcomm_pkgdist_data_set_resume;
 static PkgdistStatus (*const set_recv_repository)(const char*, uint32_t,
                                                   bool) = instcomm_pkgdist_set_recv_repository;
 static uint32_t (*const get_receive_xact_id)(void) = instcomm_pkgdist_get_receive_xact_id;
@@ -142,6 +146,7 @@ static void check_refusals(void) {
   CHECK(register_lead_change(NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
   CHECK(set_recv_repository(NULL, 1, false) == PKGDIST_ERR_INVALID);
   CHECK(set_gate(NULL, NULL) == PKGDIST_ERR_INVALID);
+  CHECK(set_resume(NULL, NULL) == PKGDIST_ERR_INVALID);
   CHECK(file_hdlr_attach(NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
   CHECK(xact_start_attach(NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
   CHECK(xact_done_attach(NULL, NULL, NULL) == PKGDIST_ERR_INVALID);
