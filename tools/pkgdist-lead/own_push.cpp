@@ -43,12 +43,13 @@ bool do_the_rest(const QueuedPush& push, lead::PushReport report, lead::Lead& le
 // A push that sends nothing waits for its nodes as others do, as far as the display is concerned.
 class Gathering : public PushSource {
  public:
-  Gathering(lead::Lead& lead, const lead::PushRequest& request)
-      : lead_(lead), request_(request), began_at_(lead::monotonic_now()) {}
+  Gathering(lead::Lead& lead, const lead::PushRequest& request, const lead::Patience& patience)
+      : lead_(lead), request_(request), patience_(patience), began_at_(patience.since()) {}
   uint32_t push_transaction() const override { return 0; }
   lead::PushReport push_progress() const override {
     lead::PushReport report = listed_nodes(lead_, request_);
     report.started_at = began_at_;
+    report.waits_since = patience_.since();
     return report;
   }
   uint64_t rate_bits() const override { return 0; }
@@ -58,6 +59,7 @@ class Gathering : public PushSource {
  private:
   lead::Lead& lead_;
   const lead::PushRequest& request_;
+  const lead::Patience& patience_;
   const lead::Time began_at_;
   const lead::Counters nothing_;
 };
@@ -65,8 +67,8 @@ class Gathering : public PushSource {
 // Waits for the nodes of a push that sends nothing, as a push waits for them.
 bool gather(const lead::PushRequest& request, Session& session, NodePrograms& programs,
             PushDisplay& display) {
-  Gathering gathering(session.lead(), request);
   lead::Patience patience(request.node_timeout, lead::monotonic_now());
+  Gathering gathering(session.lead(), request, patience);
   return session.run(
       [&](lead::Time now) {
         display.run(gathering, now);

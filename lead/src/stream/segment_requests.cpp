@@ -35,6 +35,38 @@ Transfer* SegmentRequests::file_of(uint32_t file_id, uint32_t first, uint32_t nu
   return nullptr;
 }
 
+// What was asked for ahead, from this segment on, in order.
+std::vector<Transfer::Run> SegmentRequests::ahead_of(const Transfer& transfer, uint64_t begun) {
+  std::vector<Transfer::Run> runs;
+  const auto add = [&](NodeIndex node, uint64_t from, uint64_t to) {
+    from = std::max(from, begun);
+    if (from < to)
+      runs.push_back({node, static_cast<uint32_t>(from), static_cast<uint32_t>(to - from)});
+  };
+  for (const auto& [node, first, num] : transfer.asked_ahead) {
+    const uint64_t end = uint64_t{first} + num;
+    const uint64_t behind = std::min<uint64_t>(end, transfer.segments);
+    add(node, first, behind);
+    add(node, 0, end - behind);
+  }
+  std::sort(runs.begin(), runs.end(),
+            [](const Transfer::Run& a, const Transfer::Run& b) { return a.first < b.first; });
+  return runs;
+}
+
+// How many segments runs in order have, those of several counted once.
+uint64_t SegmentRequests::length_of_all(const std::vector<Transfer::Run>& runs) {
+  uint64_t length = 0;
+  uint64_t counted_to = 0;
+  for (const Transfer::Run& run : runs) {
+    const uint64_t end = uint64_t{run.first} + run.num;
+    if (end <= counted_to) continue;
+    length += end - std::max<uint64_t>(run.first, counted_to);
+    counted_to = end;
+  }
+  return length;
+}
+
 // Returns how many of the run are repaired. `coming`: its latest segments that are on their way.
 uint32_t SegmentRequests::enter(Transfer& transfer, const Transfer::Run& run, uint64_t coming,
                                 Time now) {
@@ -48,8 +80,8 @@ uint32_t SegmentRequests::enter(Transfer& transfer, const Transfer::Run& run, ui
   return gone;
 }
 
-// Whether the run has something that the first turn still comes to. Nodes that have nothing never
-// ask for that; those of small files may, after a time-out.
+// Whether the run has something that the first turn still comes to: of a node that goes on with a
+// part, or that has heard nothing for longer than its time-out.
 bool SegmentRequests::asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num) {
   if (transfer.stage == Transfer::Stage::kAnnounced) return true;
   return transfer.stage == Transfer::Stage::kStreaming && transfer.first_turn &&
@@ -67,6 +99,8 @@ void SegmentRequests::note_ahead(Transfer& transfer, NodeIndex node, uint32_t fi
   transfer.node(node).goes_on = true;
 }
 
+// Nodes that all wait for the rest, after a pause of the stream, ask for nearly everything that it
+// comes to: that is no reason to send it as repairs.
 bool SegmentRequests::ends_turn(Transfer& transfer, Time now) {
   if (!std::exchange(transfer.asked_ahead_more, false)) return false;
   const bool all =
@@ -76,21 +110,17 @@ bool SegmentRequests::ends_turn(Transfer& transfer, Time now) {
       });
   const uint64_t begun = transfer.turn.done();
   if (transfer.asked_ahead.size() >= kMostAhead || !all || begun >= transfer.segments) return false;
+  const uint64_t rest = transfer.segments - begun;
+  const std::vector<Transfer::Run> runs = ahead_of(transfer, begun);
+  if (kLeastSaving * (rest - length_of_all(runs)) < rest) return false;
   transfer.turn.skip();
   transfer.first_turn = false;
+  transfer.asked_ahead.clear();
   if (begun == 0) transfer.stream_begin = transfer.stream_end = stream_.window.position();
-  const auto enter_ahead = [&](NodeIndex node, uint64_t from, uint64_t to) {
-    from = std::max(from, begun);
-    if (from >= to) return;
-    const Transfer::Run run{node, static_cast<uint32_t>(from), static_cast<uint32_t>(to - from)};
+  for (const Transfer::Run& run : runs) {
     const uint32_t gone = enter(transfer, run, 0, now);
     counters_.segments_requested += gone;
-    stream_.arrival.lacks(node, uint64_t{gone} * segment_bytes_);
-  };
-  for (const auto& [node, first, num] : std::exchange(transfer.asked_ahead, {})) {
-    const uint64_t end = uint64_t{first} + num;
-    enter_ahead(node, first, std::min<uint64_t>(end, transfer.segments));
-    enter_ahead(node, 0, end - std::min<uint64_t>(end, transfer.segments));
+    stream_.arrival.lacks(run.node, uint64_t{gone} * segment_bytes_);
   }
   stream_.repairs.enter(transfer);
   return true;

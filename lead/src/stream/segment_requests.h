@@ -5,6 +5,8 @@
 // ask before the stream has begun with a file have the rest of it.
 #pragma once
 
+#include <vector>
+
 #include "stream/arrival.h"
 #include "stream/data_contact.h"
 #include "stream/settling.h"
@@ -29,8 +31,9 @@ class SegmentRequests {
   // Returns how many segments of the file were asked for, 0 when the request makes no sense.
   uint32_t on_request(NodeIndex node, uint32_t file_id, uint32_t first, uint32_t num, Time now);
 
-  // Ahead of a segment of the first turn: true when every node goes on with a part that it has.
-  // What they have asked for is due as repairs then, and the turn has ended.
+  // Ahead of a segment of the first turn: true when every node goes on with a part that it has, so
+  // that much of the turn is asked for by nobody. What is asked for is due as repairs then, and the
+  // turn has ended.
   bool ends_turn(Transfer& transfer, Time now);
 
  private:
@@ -38,7 +41,12 @@ class SegmentRequests {
   // Runs of all nodes together that are kept of one transfer; with more the stream has its turn.
   static constexpr size_t kMostAhead = 65'536;
 
+  // Of the rest of a turn, at least so much has to be saved: one part in this many.
+  static constexpr uint64_t kLeastSaving = 16;
+
   static bool asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num);
+  static std::vector<Transfer::Run> ahead_of(const Transfer& transfer, uint64_t begun);
+  static uint64_t length_of_all(const std::vector<Transfer::Run>& runs);
   void note_ahead(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num);
   uint32_t enter(Transfer& transfer, const Transfer::Run& run, uint64_t coming, Time now);
   uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;

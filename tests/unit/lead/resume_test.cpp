@@ -58,6 +58,12 @@ TEST_F(Resume, a_node_that_has_nothing_gets_everything_and_the_others_no_more_th
   EXPECT_LE(sent(), kSegments + 2);
 }
 
+TEST_F(Resume, a_node_that_lacks_nearly_everything_gets_it_from_the_stream) {
+  add_node_with([](uint32_t k) { return k == 0; });
+  push();
+  EXPECT_EQ(cluster_.lead().counters().repairs_sent, 0u);
+}
+
 class ResumeUnderLoss : public Resume, public testing::WithParamInterface<uint64_t> {};
 
 TEST_P(ResumeUnderLoss, ends_whole) {
