@@ -98,11 +98,8 @@ class ServingLead(SystemTest):
     def test_pushes_queue_and_are_listed_and_cancelled_by_name(self):
         tree.add(self.content, "large", 40_000_000)
         tree.add(self.content, "small", 100)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "20")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
-        first = self.in_background("--name", "first", "large")
-        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        self.serve_at(20)
+        first = self.begin_first()
         second = self.in_background("--name", "second", "small")
         lab.wait_until(lambda: "second" in self.states(), 20, "the second push")
         self.assertEqual(self.states(), {"first": "running", "second": "queued"})
@@ -118,9 +115,7 @@ class ServingLead(SystemTest):
 
     def test_the_full_screen_view_shows_it_and_stops_a_node(self):
         tree.add(self.content, "file", 12_000_000)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "8")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        self.serve_at(8)
         terminal = Terminal(self.net.lead, [self.programs.lead, "--interface", self.net.lead.address, "push",
                                             "--nodes", self.addresses(), "--top", "."])
         terminal.wait_for("0 of 2 nodes done")
@@ -140,9 +135,7 @@ class ServingLead(SystemTest):
         return Terminal(self.net.lead, [self.programs.lead, "--interface", self.net.lead.address, *arguments, "top"])
 
     def test_top_follows_one_push_after_the_other_and_stops_a_node(self):
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "8")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        self.serve_at(8)
         view = self.watch()
         view.wait_for("no push runs; 2 nodes are heard")
         tree.add(self.content, "first", 6_000_000)
@@ -206,9 +199,7 @@ class ServingLead(SystemTest):
 
     def test_a_cancel_for_one_node_leaves_the_push_to_the_others(self):
         tree.add(self.content, "large", 60_000_000)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "100")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        self.serve_at(100)
         push = self.in_background("large")
         lab.wait_until(lambda: self.states().get("large") == "running", 20, "the push")
         first, second = self.net.nodes
@@ -254,11 +245,8 @@ class ServingLead(SystemTest):
     def test_a_queued_push_is_cancelled_by_its_number(self):
         tree.add(self.content, "large", 12_000_000)
         tree.add(self.content, "small", 100)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "8")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
-        first = self.in_background("--name", "first", "large")
-        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        self.serve_at(8)
+        first = self.begin_first()
         second = self.start_push_through("--name", "second", "small")
         lab.wait_until(lambda: "second" in self.states(), 20, "the second push")
         third = self.in_background("--name", "third", "small")
@@ -274,6 +262,17 @@ class ServingLead(SystemTest):
         status, events, errors = self.serving.request("cancel", "2")
         self.assertEqual((status, events[0]["text"]), (1, "push 2 (second) has ended already"), errors)
 
+    def serve_at(self, megabits):
+        """Instead of the lead that serves, one that is so slow."""
+        self.serving.stop()
+        self.serving = BackgroundLead(self, "serve", "--rate", str(megabits))
+        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+
+    def begin_first(self):
+        first = self.in_background("--name", "first", "large")
+        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        return first
+
     def start_push_through(self, *arguments):
         return self.net.lead.spawn([self.programs.lead, "--interface", self.net.lead.address, "--json", "push",
                                     "--nodes", self.addresses(), *arguments],
@@ -282,11 +281,8 @@ class ServingLead(SystemTest):
     def test_a_second_push_says_behind_which_it_waits(self):
         tree.add(self.content, "large", 4_000_000)
         tree.add(self.content, "small", 100)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "8")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
-        first = self.in_background("--name", "first", "large")
-        lab.wait_until(lambda: self.states().get("first") == "running", 20, "the first push")
+        self.serve_at(8)
+        first = self.begin_first()
         second = self.net.lead.run(self.plain("push", "--nodes", self.addresses(), "small"), capture_output=True,
                                    text=True, timeout=60)
         self.assertEqual((first.wait(timeout=1), second.returncode), (0, 0))
@@ -296,9 +292,7 @@ class ServingLead(SystemTest):
     def test_a_push_whose_reader_is_gone_ends_with_every_file(self):
         """As of `push ... | head`, and of a terminal that is closed."""
         tree.add(self.content, "file", 3_000_000)
-        self.serving.stop()
-        self.serving = BackgroundLead(self, "serve", "--rate", "8")
-        lab.wait_until(lambda: len(self.serving.events("node-introduced")) == 2, 20, "the introductions")
+        self.serve_at(8)
         push = self.start_push_through("file")
         push.stdout.readline()
         push.stdout.close()

@@ -17,7 +17,8 @@ namespace {
 
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-// The library repeats it until the lead has it; one that is lost all the same is asked for again.
+// The library retransmits the message until the lead acknowledges it. If it is given up, the lead
+// sends its question again.
 void send(const std::string& text) {
   (void)instcomm_pkgdist_ctrl_send_lead_msg(text.data(), text.size(), cli::kFlushClass, nullptr,
                                             nullptr, nullptr);

@@ -1,5 +1,5 @@
-// Patience with nodes that have to appear. It is over when none has come for so long; how long all
-// of them take has no limit.
+// A time-out for nodes to appear. It starts again with every node that appears, so the total time
+// has no limit.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ class Patience {
  public:
   Patience(Time limit, Time now) : limit_(limit), since_(now) {}
 
-  // So many are there now. One that went and came back is not new.
+  // The number of nodes that are present now. A node that left and came back does not count as new.
   void note(size_t nodes, Time now) {
     if (nodes <= most_) return;
     most_ = nodes;
@@ -20,7 +20,7 @@ class Patience {
   }
   bool over(Time now) const { return elapsed(now, since_) >= limit_; }
   Time deadline() const { return since_ + limit_; }
-  // When the last one came; before, when the waiting began.
+  // When the last node appeared, or when the waiting began if none has.
   Time since() const { return since_; }
 
  private:

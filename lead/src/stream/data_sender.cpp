@@ -191,8 +191,8 @@ bool DataSender::send_stream_of(Lane lane, Time now) {
   return true;
 }
 
-// Repairs and the stream take turns of many datagrams: what changes files with each of them goes
-// out in as many batches, and is as many writes of the nodes.
+// Repairs and the stream take turns of many datagrams. If they alternated one by one, each datagram
+// would belong to another file than the one before: a batch and a write of the nodes for each.
 bool DataSender::send_next(Time now) {
   constexpr uint32_t kTurn = 32;  // datagrams, as many as a node takes at once
   if (send_announcement(Lane::kPush, now)) return true;

@@ -85,8 +85,8 @@ class Schedule {
   // How far the stream is behind the announcements. Nodes ask for the segments of a file after a
   // tenth of a second.
   static constexpr double kAheadSeconds = 0.08;
-  // Announcements go out in groups: between the segments of a file each of them would end a batch
-  // of the sender, and a write of the nodes.
+  // Announcements go out in groups. One between two segments of a file would split the sender's
+  // batch and the nodes' write.
   static constexpr double kLeastAheadSeconds = 0.075;
   // But so many are announced in any case, and more while nodes say that they have what they hear
   // of: nothing of it is streamed.

@@ -35,7 +35,7 @@ Transfer* SegmentRequests::file_of(uint32_t file_id, uint32_t first, uint32_t nu
   return nullptr;
 }
 
-// What was asked for ahead, from this segment on, in order.
+// The runs that nodes asked for ahead of the first turn, cut off before segment `begun` and sorted.
 std::vector<Transfer::Run> SegmentRequests::ahead_of(const Transfer& transfer, uint64_t begun) {
   std::vector<Transfer::Run> runs;
   const auto add = [&](NodeIndex node, uint64_t from, uint64_t to) {
@@ -54,7 +54,7 @@ std::vector<Transfer::Run> SegmentRequests::ahead_of(const Transfer& transfer, u
   return runs;
 }
 
-// How many segments runs in order have, those of several counted once.
+// The number of different segments in sorted runs.
 uint64_t SegmentRequests::length_of_all(const std::vector<Transfer::Run>& runs) {
   uint64_t length = 0;
   uint64_t counted_to = 0;
@@ -80,8 +80,8 @@ uint32_t SegmentRequests::enter(Transfer& transfer, const Transfer::Run& run, ui
   return gone;
 }
 
-// Whether the run has something that the first turn still comes to: of a node that goes on with a
-// part, or that has heard nothing for longer than its time-out.
+// Whether the run has segments that the first turn has not sent yet. Nodes that resume a partial
+// file ask for these, and nodes whose time-out ended during a pause of the stream.
 bool SegmentRequests::asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num) {
   if (transfer.stage == Transfer::Stage::kAnnounced) return true;
   return transfer.stage == Transfer::Stage::kStreaming && transfer.first_turn &&
@@ -99,8 +99,8 @@ void SegmentRequests::note_ahead(Transfer& transfer, NodeIndex node, uint32_t fi
   transfer.node(node).goes_on = true;
 }
 
-// Nodes that all wait for the rest, after a pause of the stream, ask for nearly everything that it
-// comes to: that is no reason to send it as repairs.
+// After a pause of the stream all nodes may ask for everything that the turn has not sent yet. The
+// turn then goes on: sending the same segments as repairs would save nothing.
 bool SegmentRequests::ends_turn(Transfer& transfer, Time now) {
   if (!std::exchange(transfer.asked_ahead_more, false)) return false;
   const bool all =

@@ -38,10 +38,10 @@ class SegmentRequests {
 
  private:
   Transfer* file_of(uint32_t file_id, uint32_t first, uint32_t num);
-  // Runs of all nodes together that are kept of one transfer; with more the stream has its turn.
+  // Runs that are kept for one transfer, of all nodes together. With more, the turn is sent whole.
   static constexpr size_t kMostAhead = 65'536;
 
-  // Of the rest of a turn, at least so much has to be saved: one part in this many.
+  // The turn ends early only if this saves at least one part in so many of its rest.
   static constexpr uint64_t kLeastSaving = 16;
 
   static bool asks_ahead(const Transfer& transfer, uint32_t first, uint32_t num);
