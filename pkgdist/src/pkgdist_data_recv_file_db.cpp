@@ -305,14 +305,13 @@ void file_recv_drop_xact(Entry& entry, int32_t index) {
 }
 
 void file_stat_expire(uint64_t now) {
-  const auto is_old = [now](const Stat& entry) {
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed is out of the queue
-    return elapsed(now, entry.time) > load(G_data_rto.stat_age);
-  };
-  while (Stat* old = G_file_stat_db.find(is_old)) {
+  // Entries are in the order of their times: behind one that is young there is none that is old.
+  for (Stat* oldest = G_file_stat_db.head;
+       oldest != nullptr && elapsed(now, oldest->time) > load(G_data_rto.stat_age);
+       oldest = G_file_stat_db.head) {
     count(DrsCounter::kStatRemove);
-    take(old);
-    pkgdist_file_stat_db_free(old);
+    take(oldest);
+    pkgdist_file_stat_db_free(oldest);
   }
 }
 
