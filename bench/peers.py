@@ -14,7 +14,9 @@ import time
 
 import lab
 
-PROGRAMS = {"udpcast": ("udp-sender", "udp-receiver"), "uftp": ("uftp", "uftpd")}
+PROGRAMS = {"udpcast": ("udp-sender", "udp-receiver"),
+            "udpcast-half": ("udp-sender", "udp-receiver"),
+            "uftp": ("uftp", "uftpd")}
 PEERS = tuple(PROGRAMS)
 SETTLE_SECONDS = 0.2     # from the receivers' sockets to the start of the clock
 SAMPLE_SECONDS = 0.05    # between two readings of the receivers' memory
@@ -194,6 +196,7 @@ class Udpcast:
     repeat its greeting, since it gives up receivers whose answers are lost."""
 
     name = "udpcast"
+    DUPLEX = ("--full-duplex",)
     COMMON = ("--nokbd", "--no-progress", "--mcast-rdv-address", "239.255.1.1", "--interface", "eth0")
 
     def __init__(self, rate):
@@ -204,7 +207,7 @@ class Udpcast:
         for host, directory in zip(case.nodes, case.directories):
             receivers.add(*self._receiver(case, host, directory))
         receivers.wait_until_up(9000)
-        command = " ".join(["udp-sender", "--full-duplex", "--retries-until-drop", "2000",
+        command = " ".join(["udp-sender", *self.DUPLEX, "--retries-until-drop", "2000",
                             "--rexmit-hello-interval", "100", "--min-receivers",
                             str(len(case.nodes)), *self.COMMON, *self.rate])
         command = f"{command} --file {case.root}/{case.single}" if case.single else \
@@ -223,6 +226,14 @@ class Udpcast:
                               stderr=subprocess.DEVNULL)
         receiver.stdout.close()  # the unpacker has it now
         return [receiver, unpacker]
+
+
+class UdpcastHalf(Udpcast):
+    """It waits for all answers after each slice: slower, but no socket overruns, and a receiver that
+    loses datagrams gets the end of the file, where full duplex leaves it without."""
+
+    name = "udpcast-half"
+    DUPLEX = ("--half-duplex", "--slice-size", "64")
 
 
 class Uftp:

@@ -110,6 +110,7 @@ struct Options {
   double megabits = 2000;
   double loss = 10;
   double up_share = 0.1;
+  double round_trip = 0.4;
   std::vector<std::string> cases{"large", "small"};
   bool full = false;
   bool json = false;
@@ -137,6 +138,9 @@ Options parse(int argc, char** argv) {
   app.add_option("--up-share", options.up_share,
                  "loss of what a node sends over loss of what it receives")
       ->capture_default_str();
+  app.add_option("--round-trip", options.round_trip, "milliseconds")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 10'000.0));
   app.add_flag("--full", options.full, "a large file of 1 GB and 10,000 small files");
   app.add_flag("--json", options.json, "one JSON object for each case instead of the table");
   try {
@@ -157,6 +161,7 @@ ScaleCase case_of(const Options& options, const std::string& name, uint32_t node
   scale.rate_bits = static_cast<uint64_t>(options.megabits * 1e6);
   scale.worst_loss = options.loss / 100;
   scale.up_share = options.up_share;
+  scale.round_trip = static_cast<uint64_t>(options.round_trip * 1e6);
   return scale;
 }
 
@@ -189,6 +194,7 @@ void print_json(const std::string& name, const ScaleCase& scale, const ScaleResu
   line["file_bytes"] = scale.file_bytes;
   line["rate_bits"] = scale.rate_bits;
   line["worst_loss"] = scale.worst_loss;
+  line["round_trip_seconds"] = static_cast<double>(scale.round_trip) / 1e9;
   line["complete"] = result.complete;
   line["sent_over_content"] = result.sent_ratio;
   line["necessary_over_content"] = result.necessary_ratio;

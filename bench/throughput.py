@@ -68,7 +68,7 @@ def parse():
 
 
 def add_programs(parser):
-    parser.add_argument("--peers", nargs="*", choices=peers.PEERS, help="these, too; both")
+    parser.add_argument("--peers", nargs="*", choices=peers.PEERS, help="these, too; without names all")
     parser.add_argument("--raw", action="store_true",
                         help="a pair without a protocol, too, in runs of the large file without loss")
     parser.add_argument("--beside", metavar="BUILD_DIR", help="another build's pkgdist, too")
@@ -95,7 +95,7 @@ def programs_of(options):
         tools += [peers.Raw(options.build, 1), peers.Raw(options.build, 16)]
     if options.peers is not None:
         check_peers(options.peers or peers.PEERS)
-        tools += [make(options.rate) for make in (peers.Udpcast, peers.Uftp)
+        tools += [make(options.rate) for make in (peers.Udpcast, peers.UdpcastHalf, peers.Uftp)
                   if make.name in (options.peers or peers.PEERS)]
     return tools
 

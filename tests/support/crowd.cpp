@@ -157,7 +157,7 @@ const char* Crowd::start_push(lead::PushRequest request) {
 
 void Crowd::send(lead::Channel channel, uint32_t destination, size_t length) {
   watch_->pause();
-  next_->at = now_ + kLatency;
+  next_->at = now_ + latency_;
   next_->channel = channel;
   next_->destination = destination;
   next_->length = length;
@@ -174,7 +174,7 @@ void Crowd::send(lead::Channel channel, uint32_t destination, size_t length) {
 }
 
 void Crowd::from_node(uint32_t node, lead::Channel channel, Bytes bytes) {
-  if (!up_loss_.next(node)) ups_.push_back({now_ + kLatency, node, channel, std::move(bytes)});
+  if (!up_loss_.next(node)) ups_.push_back({now_ + latency_, node, channel, std::move(bytes)});
 }
 
 void Crowd::deliver(const Down& down) {

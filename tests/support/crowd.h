@@ -83,6 +83,8 @@ class Crowd : private lead::DatagramSink, private lead::Events {
   static lead::Settings default_settings(uint64_t rate_bits);
   // Share of datagrams that the node loses of what it receives, and the network of what it sends.
   void set_loss(uint32_t node, double down, double up, uint64_t start);
+  // One way, nanoseconds; before anything is sent.
+  void set_latency(uint64_t latency) { latency_ = latency; }
   void start_node(uint32_t node);
   void start_all();
 
@@ -110,7 +112,6 @@ class Crowd : private lead::DatagramSink, private lead::Events {
   const Traffic& traffic() const { return traffic_; }
 
  private:
-  static constexpr uint64_t kLatency = 200'000;           // ns, one way
   static constexpr uint64_t kScanPeriod = 250'000'000;    // of a node's control thread
   static constexpr uint32_t kFirstAddress = 0x0A000002u;  // 10.0.0.2
 
@@ -149,6 +150,7 @@ class Crowd : private lead::DatagramSink, private lead::Events {
   std::unique_ptr<Down> next_ = std::make_unique<Down>();
   std::deque<Up> ups_;
   std::vector<uint8_t> got_;  // of the datagram being delivered, by node
+  uint64_t latency_ = 200'000;
   uint64_t now_ = 1'000'000'000;
   uint64_t scans_ = 0;  // of single nodes, one after the other
   uint64_t next_scan_ = 0;

@@ -23,6 +23,7 @@ double ScaleResult::over_ideal(const ScaleCase& scale) const {
 ScaleResult run_scale(const ScaleCase& scale, LeadWatch* watch, double limit_seconds) {
   FormulaStore store(scale.files, scale.file_bytes);
   Crowd crowd(Crowd::default_settings(scale.rate_bits), store, scale.nodes, watch, scale.timeouts);
+  crowd.set_latency(scale.round_trip / 2);
   for (uint32_t i = 0; i < scale.nodes; ++i) {
     const double loss = scale.loss_of(i);
     crowd.set_loss(i, loss, loss * scale.up_share, scale.start * 1'000'000 + i);

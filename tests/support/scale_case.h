@@ -16,7 +16,8 @@ struct ScaleCase {
   // times up_share.
   double worst_loss = 0.1;
   double up_share = 1;
-  uint64_t start = 1;  // of the random numbers
+  uint64_t round_trip = 400'000;  // nanoseconds
+  uint64_t start = 1;             // of the random numbers
   NodeTimeouts timeouts = NodeTimeouts::of_the_node_program();
 
   uint64_t content() const { return files * file_bytes; }

@@ -232,7 +232,7 @@ void DataSender::run(Time now) {
     if (!send_next(now)) break;
   }
   poll_for_arrival(now);
-  poll_if_due(true, now);
+  poll_if_due(pacer_.ready(), now);  // the pacer's pauses are no stops
 }
 
 Time DataSender::next_deadline(Time now) const {

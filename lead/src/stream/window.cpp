@@ -84,7 +84,8 @@ void Window::choose(Time now) {
 
 double Window::poll_gap() const {
   const bool answers_come = loss_ * static_cast<double>(polled_.size()) < kRareLoss;
-  return std::clamp(size_ / (answers_come ? 2 : 4), kLeastPollGap, kMostPollGap);
+  const double most = std::max(kMostPollGap, size_ / kMostPolls);
+  return std::clamp(size_ / (answers_come ? 2 : 4), kLeastPollGap, most);
 }
 
 Time Window::patience() const {
@@ -220,9 +221,10 @@ double Window::limit(Time took) const {
   return std::min(kMaxQueued, ceiling_) + pipe() * (queued ? 1 : kTriedPipe);
 }
 
-// A smaller window than this is no trial: the way would run empty.
+// A smaller window than this is no trial: the way would run empty. During a trial the rate falls
+// with the window, so what is on the way is what was there when it began.
 double Window::least_trial() const {
-  return std::max(kFirstSize / 2, pipe() / 2);
+  return std::max(kFirstSize / 2, pipe_before_ / 2);
 }
 
 void Window::grow(uint64_t handled, Time took) {
@@ -241,13 +243,15 @@ void Window::lost(NodeIndex node, uint32_t segments) {
 
 void Window::follow_judge() {
   using Verdict = OverrunJudge::Verdict;
-  const bool last_trial = size_ <= least_trial();
+  if (size_before_ == 0) pipe_before_ = pipe();
+  const double least = least_trial();
+  const bool last_trial = size_ <= least;
   switch (judge_.judge(last_trial)) {
     case Verdict::kNone:
       return;
     case Verdict::kSuspected:
       if (size_before_ == 0) size_before_ = size_;
-      size_ = std::max(kLeastSize, last_trial ? size_ / 2 : std::max(least_trial(), size_ / 2));
+      size_ = std::max(kLeastSize, last_trial ? size_ / 2 : std::max(least, size_ / 2));
       return;
     case Verdict::kCured:
       ceiling_ = std::max(kLeastSize, size_ - pipe());

@@ -107,6 +107,8 @@ class Window {
   static constexpr double kRareLoss = 0.02;
   static constexpr double kLeastPollGap = 12'000;
   static constexpr double kMostPollGap = 120'000;
+  // In flight at a time; polls_ holds twice as many, for those that are sent because of a stop.
+  static constexpr double kMostPolls = 32;
   static constexpr Time kUnknownRoundTrip = kMillisecond;
   static constexpr Time kLeastPatience = 8 * kMillisecond;
   static constexpr Time kMostPatience = 500 * kMillisecond;
@@ -182,6 +184,7 @@ class Window {
   double ceiling_ = kNoCeiling;  // of what stands in queues, where an overrun was cured
   static constexpr double kNoCeiling = 1e18;
   double size_before_ = 0;  // the present trial; 0: none
+  double pipe_before_ = 0;  // when it began
   uint64_t cured_at_ = 0;
   bool limited_ = false;  // the window was full since it grew
   double loss_ = 0;

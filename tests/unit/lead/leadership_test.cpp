@@ -172,7 +172,7 @@ TEST_F(SeveralLeads, a_standby_finishes_a_killed_push_under_loss) {
   add_files();
   cluster_.add_hosts(3);
   // A node asks five times; with other numbers than these all five get lost for some file.
-  cluster_.set_loss(0.05, 0.05, 7);
+  cluster_.set_loss(0.05, 0.05, 8);
   ASSERT_EQ(cluster_.lead().start_push(cluster_.push_all(), cluster_.now()), nullptr);
   ASSERT_TRUE(cluster_.run_until([&] { return cluster_.node(0).counters().segments > 7000; },
                                  20 * kSecond));
