@@ -25,7 +25,7 @@ pthread_mutex_t atomic_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-struct Free {
+struct FreeText {
   void operator()(char* text) const noexcept { std::free(text); }
 };
 
@@ -58,7 +58,7 @@ int make_directories(char* path) noexcept {
 
 int make_directories_of(const char* path) noexcept {
   if (path == nullptr) return EINVAL;
-  const std::unique_ptr<char, Free> copy(strdup(path));
+  const std::unique_ptr<char, FreeText> copy(strdup(path));
   return copy ? make_directories(copy.get()) : ENOMEM;
 }
 

@@ -40,11 +40,11 @@ struct OpenRing {
   pid_t owner = 0;
 };
 
-std::mutex g_lock;           // opening and removing
-platform::TraceFile g_file;  // guarded by g_lock
+std::mutex g_trace_lock;     // opening and removing
+platform::TraceFile g_file;  // guarded by g_trace_lock
 OpenRing g_rings[kMostRings];
-std::atomic<uint32_t> g_ring_count{0};  // stored under g_lock; rings below it do not change
-bool g_hooks_registered = false;        // guarded by g_lock
+std::atomic<uint32_t> g_ring_count{0};  // stored under g_trace_lock; rings below it do not change
+bool g_hooks_registered = false;        // guarded by g_trace_lock
 
 thread_local pid_t t_thread_id = 0;  // 0: not asked for yet
 
@@ -59,12 +59,12 @@ class ErrnoKeeper {
   int saved_ = errno;
 };
 
-struct Free {
+struct FreeBytes {
   void operator()(uint8_t* bytes) const noexcept { std::free(bytes); }
 };
 
-void remove_at_exit() {
-  const std::scoped_lock guard(g_lock);
+void remove_file_at_exit() {
+  const std::scoped_lock guard(g_trace_lock);
   if (!g_file.is_ours() || platform::environment_switch("PKGDIST_KEEP_TRACE")) return;
   unlink(g_file.path());
 }
@@ -78,7 +78,7 @@ int own_file() {
   if (g_file.is_ours()) return 0;
   const int error = g_file.make();
   if (error != 0 || g_hooks_registered) return error;
-  std::atexit(remove_at_exit);
+  std::atexit(remove_file_at_exit);
   pthread_atfork(nullptr, nullptr, forget_thread_id);
   g_hooks_registered = true;
   return 0;
@@ -107,7 +107,8 @@ int add_ring(const char* name, uint32_t records, uint32_t points, const char* pa
   const uint32_t count = g_ring_count.load(std::memory_order_relaxed);
   if (count == kMostRings) return ENOSPC;
   const uint64_t chunks = platform::TraceRing::chunks_of(records);
-  std::unique_ptr<uint8_t, Free> chunk_has_space(static_cast<uint8_t*>(std::calloc(chunks, 1)));
+  std::unique_ptr<uint8_t, FreeBytes> chunk_has_space(
+      static_cast<uint8_t*>(std::calloc(chunks, 1)));
   if (!chunk_has_space) return ENOMEM;
 
   const uint64_t size = uint64_t{records} * sizeof(qtrace_layout_record);
@@ -168,7 +169,7 @@ int qtrace_open_internal(const char* name, uint32_t records, uint32_t points, co
     return EINVAL;
   if (name[0] == '\0' || std::strlen(name) >= QTRACE_LAYOUT_NAME_SIZE) return EINVAL;
   if (records == 0) return EINVAL;
-  const std::scoped_lock guard(g_lock);
+  const std::scoped_lock guard(g_trace_lock);
   const int error = own_file();
   if (error != 0) return error;
   const qtrace_handle_t known = find_own(name);
@@ -181,7 +182,7 @@ int qtrace_describe(qtrace_handle_t trace, const qtrace_point* points, uint32_t 
   if (points == nullptr || count == 0) return EINVAL;
   const platform::TraceCatalogue catalogue(points, count);
   if (!catalogue.is_complete()) return EINVAL;
-  const std::scoped_lock guard(g_lock);
+  const std::scoped_lock guard(g_trace_lock);
   const platform::TraceRing* ring = ring_of(trace);
   if (ring == nullptr || g_rings[trace - 1].owner != getpid()) return EINVAL;
   if (count > ring->entry().points) return EINVAL;

@@ -57,8 +57,8 @@ struct Object {
   }
 };
 
-std::mutex g_lock;
-Object g_object;  // guarded by g_lock
+std::mutex g_object_lock;
+Object g_object;  // guarded by g_object_lock
 
 struct ObjectName {
   char text[sizeof SHIP_LAYOUT_OBJECT_PREFIX + 16];
@@ -67,8 +67,8 @@ struct ObjectName {
   }
 };
 
-void remove_at_exit() {
-  const std::scoped_lock guard(g_lock);
+void remove_object_at_exit() {
+  const std::scoped_lock guard(g_object_lock);
   if (g_object.pid != getpid() || platform::environment_switch("PKGDIST_KEEP_STATS")) return;
   shm_unlink(ObjectName(g_object.pid).text);
 }
@@ -114,7 +114,8 @@ int own_object() {
   g_object.base = static_cast<std::byte*>(base);
   g_object.used = sizeof(ship_layout_header) + kTableCapacity * sizeof(ship_layout_table);
   write_header(g_object);
-  if (!g_object.removal_registered) g_object.removal_registered = std::atexit(remove_at_exit) == 0;
+  if (!g_object.removal_registered)
+    g_object.removal_registered = std::atexit(remove_object_at_exit) == 0;
   return 0;
 }
 
@@ -198,7 +199,7 @@ bool is_name(const char* text) {
 
 // Finds or adds the table and stores the address of its value block. 0 or an error number.
 int register_table(ship_layout_table& wanted, const ship_entry* entries, void** handle) {
-  const std::scoped_lock guard(g_lock);
+  const std::scoped_lock guard(g_object_lock);
   int error = own_object();
   if (error != 0) return error;
   const ship_layout_table* table = find_table(wanted);

@@ -7,7 +7,7 @@ namespace pkgdist::cli {
 
 namespace {
 
-constexpr std::string_view kDigits =
+constexpr std::string_view kBase64Digits =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 [[noreturn]] void refuse() {
@@ -15,7 +15,7 @@ constexpr std::string_view kDigits =
 }
 
 uint32_t digit_value(char digit) {
-  const size_t at = kDigits.find(digit);
+  const size_t at = kBase64Digits.find(digit);
   if (at == std::string_view::npos) refuse();
   return static_cast<uint32_t>(at);
 }
@@ -30,7 +30,7 @@ std::string encode_base64(std::span<const uint8_t> bytes) {
     uint32_t group = 0;
     for (size_t k = 0; k < 3; ++k) group = group << 8 | (k < some ? bytes[i + k] : 0u);
     for (size_t k = 0; k < 4; ++k)
-      out.push_back(k <= some ? kDigits[group >> (18 - 6 * k) & 63] : '=');
+      out.push_back(k <= some ? kBase64Digits[group >> (18 - 6 * k) & 63] : '=');
   }
   return out;
 }

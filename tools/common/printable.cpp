@@ -78,9 +78,8 @@ std::string printable(std::string_view text) {
 }
 
 std::string json_line(const nlohmann::ordered_json& object) {
-  using Json = nlohmann::ordered_json;
   // The library escapes what JSON demands; that is not all that acts on a terminal.
-  const std::string text = object.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string text = object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   return replaced(text, [](uint32_t code) {
     std::array<char, 8> escape;
     std::snprintf(escape.data(), escape.size(), "\\u%04x", code & 0xFFFFu);

@@ -79,7 +79,7 @@ int spawn_shell(const std::string& command, const Environment& own, int input, p
   return error;
 }
 
-Clock::duration seconds(double value) {
+Clock::duration clock_seconds(double value) {
   return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(value));
 }
 
@@ -98,7 +98,7 @@ void wait(int first, int second, int milliseconds) {
 ShellOutcome await(pid_t child, double limit_seconds, const Interruption& interruption) {
   constexpr int kLookMs = 20;  // where the system has no descriptors of processes
   const Fd end(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-  auto deadline = Clock::now() + seconds(limit_seconds);
+  auto deadline = Clock::now() + clock_seconds(limit_seconds);
   int ends_sent = 0;
   for (;;) {
     int status = 0;
@@ -109,7 +109,7 @@ ShellOutcome await(pid_t child, double limit_seconds, const Interruption& interr
     }
     if (Clock::now() >= deadline) {
       ::kill(-child, ends_sent++ == 0 ? SIGTERM : SIGKILL);
-      deadline = Clock::now() + seconds(kKillSeconds);
+      deadline = Clock::now() + clock_seconds(kKillSeconds);
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     const auto wait_ms = static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));

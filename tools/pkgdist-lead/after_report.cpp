@@ -14,7 +14,6 @@ namespace {
 // Lines for people about nodes and names; events have them all.
 constexpr size_t kMaxLines = 50;
 constexpr size_t kMaxUnasked = 5;
-constexpr auto kResult = cli::Output::Kind::kResult;
 
 // As events have them.
 Json decode_texts(const Json& texts) {

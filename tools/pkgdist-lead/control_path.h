@@ -16,4 +16,6 @@ std::string control_path(const LeadOptions& options);
 // To the lead that takes commands there. Throws std::runtime_error when none does.
 cli::LineConnection connect_to_lead(const LeadOptions& options);
 
+inline constexpr double kAnswerSeconds = 15;  // within which a lead that serves answers
+
 }  // namespace pkgdist::lead_program

@@ -22,7 +22,7 @@ constexpr size_t kMaxNodes = 4096;
   throw std::runtime_error(why);
 }
 
-uint32_t number(const Json& object, const char* key, uint32_t first, uint32_t last) {
+uint32_t whole_number(const Json& object, const char* key, uint32_t first, uint32_t last) {
   const auto found = object.find(key);
   if (found == object.end() || !found->is_number_unsigned() || found->get<uint64_t>() < first ||
       found->get<uint64_t>() > last)
@@ -50,14 +50,14 @@ lead::Audience decode_audience(const Json& object) {
   }
   const bool classed = object.contains("card_class");
   if (classed && !nodes.empty()) refuse("\"nodes\" and \"card_class\" exclude each other");
-  if (classed) return lead::Audience::of_class(number(object, "card_class", 1, UINT32_MAX));
+  if (classed) return lead::Audience::of_class(whole_number(object, "card_class", 1, UINT32_MAX));
   if (nodes.empty()) return lead::Audience::everyone();
   return lead::Audience::only(std::move(nodes));
 }
 
 void decode_message(const Json& object, Request& request) {
   request.kind = lead::MessageKind::kMessage;
-  request.msg_class = number(object, "class", 2, 5);
+  request.msg_class = whole_number(object, "class", 2, 5);
   request.bytes = cli::decode_base64(text(member(object, "data"), "data"));
   if (request.bytes.empty()) refuse("an empty message cannot be sent");
   if (request.bytes.size() > lead::kMaxMessageSize)
@@ -69,7 +69,7 @@ void decode_message(const Json& object, Request& request) {
 
 void decode_delete(const Json& object, Request& request) {
   request.kind = lead::MessageKind::kDelete;
-  request.location = number(object, "location", 1, 6);
+  request.location = whole_number(object, "location", 1, 6);
   request.recursive = object.value("recursive", false);
   const Json& names = member(object, "names");
   if (!names.is_array() || names.empty() || names.size() > UINT16_MAX)
@@ -133,7 +133,7 @@ Request decode_request(const std::string& line) {
     decode_message(object, request);
   } else if (command == "cancel") {
     request.kind = lead::MessageKind::kCancel;
-    request.transaction = number(object, "transaction", 1, UINT32_MAX);
+    request.transaction = whole_number(object, "transaction", 1, UINT32_MAX);
   } else if (command == "delete") {
     decode_delete(object, request);
   } else {

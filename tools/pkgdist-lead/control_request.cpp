@@ -14,7 +14,7 @@ using Kind = lead::MessageKind;
 
 constexpr const char* kDeleted = "deleted";
 constexpr const char* kNotSaid = "acknowledged; its program does not say more";
-constexpr const char* kNoAnswer = "no answer about it in time";
+constexpr const char* kNoAnswerInTime = "no answer about it in time";
 constexpr const char* kAnswered = "answered";
 constexpr const char* kNoFile = "no such file";
 constexpr const char* kNotBrought = "no such file; the push that runs leaves it out";
@@ -165,20 +165,20 @@ void ControlRequest::check(lead::Time now) {
 std::string ControlRequest::outcome_of(uint32_t node, size_t name) const {
   const auto before = before_.find(node);
   if (before == before_.end()) return kNotSaid;
-  if (name >= before->second.size()) return kNoAnswer;
+  if (name >= before->second.size()) return kNoAnswerInTime;
   const std::string& state = before->second[name];
   if (state == cli::kStateAbsent) return brought_.contains(name) ? kNotBrought : kNoFile;
   if (state == cli::kStateDirectory) {
     if (!request_.recursive) return "is a directory: --recursive deletes it";
     const auto removed = removed_.find(node);
-    if (removed == removed_.end()) return kNoAnswer;
+    if (removed == removed_.end()) return kNoAnswerInTime;
     const auto found = removed->second.find(request_.names[name]);
-    if (found == removed->second.end()) return kNoAnswer;
+    if (found == removed->second.end()) return kNoAnswerInTime;
     return found->second == cli::kStateAbsent ? kDeleted : found->second;
   }
   if (state != cli::kStateFile) return state;
   const auto after = after_.find(node);
-  if (after == after_.end() || name >= after->second.size()) return kNoAnswer;
+  if (after == after_.end() || name >= after->second.size()) return kNoAnswerInTime;
   return after->second[name] == cli::kStateAbsent ? kDeleted : "is still there";
 }
 

@@ -12,10 +12,10 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
 // 0 for what is no address.
-uint32_t address_in(const Json& event, const char* name) {
+uint32_t address_in(const ParsedJson& event, const char* name) {
   try {
     return cli::parse_address(text(event, name));
   } catch (const CLI::Error&) {
@@ -25,7 +25,7 @@ uint32_t address_in(const Json& event, const char* name) {
 
 }  // namespace
 
-NodeState& EventState::node(const Json& event) {
+NodeState& EventState::node(const ParsedJson& event) {
   const uint32_t address = address_in(event, "node");
   const auto [found, fresh] = places_.try_emplace(address, state_.nodes.size());
   if (fresh) {
@@ -37,7 +37,7 @@ NodeState& EventState::node(const Json& event) {
 }
 
 bool EventState::add(const std::string& line) {
-  const Json event = Json::parse(line, nullptr, false);
+  const ParsedJson event = ParsedJson::parse(line, nullptr, false);
   if (!event.is_object()) return false;
   const std::string name = text(event, "event");
   time_ = std::max(time_, number(event, "time"));
@@ -82,7 +82,7 @@ void EventState::name_node(NodeState& node, const std::string& name) {
     if (one.name == name) one.name.clear();
 }
 
-void EventState::add_progress(const Json& event) {
+void EventState::add_progress(const ParsedJson& event) {
   NodeState& one = node(event);
   one.bytes = count(event, "bytes");
   one.files_done = count(event, "files");
@@ -101,7 +101,7 @@ void EventState::add_progress(const Json& event) {
 }
 
 // A node that was quiet in its last event is so until there is another one.
-void EventState::add_whole(const Json& event) {
+void EventState::add_whole(const ParsedJson& event) {
   state_.seconds = number(event, "seconds");
   state_.nodes_in_all = count(event, "nodes");
   state_.nodes_done = count(event, "nodes_done");
@@ -118,12 +118,12 @@ void EventState::add_whole(const Json& event) {
   }
 }
 
-void EventState::add_summary(const Json& event) {
+void EventState::add_summary(const ParsedJson& event) {
   finished_ = true;
   state_.seconds = number(event, "seconds");
   state_.seconds_left = 0;
   state_.nodes_done = 0;
-  for (const Json& told : list(event, "nodes")) {
+  for (const ParsedJson& told : list(event, "nodes")) {
     NodeState& one = node(told);
     one.heard = text(told, "state") != "never heard";
     one.ended = count(told, "files_left") == 0;

@@ -20,8 +20,6 @@ const std::vector<std::string> kToldOfPush{"--interface", "--ctrl-group", "--dat
 const std::map<std::string, lead::SlowNodes> kSlowNodes{{"wait", lead::SlowNodes::kWait},
                                                         {"drop", lead::SlowNodes::kDrop},
                                                         {"after", lead::SlowNodes::kAfter}};
-// Files of this type are received although the node has them.
-constexpr uint32_t kTypeOfPresentFiles = 6;
 
 // "500M", "2.5G", "800K" in bits per second; a number alone is in Mbit/s.
 uint64_t parse_rate(const std::string& text) {

@@ -14,6 +14,10 @@
 
 namespace pkgdist::lead_program {
 
+// Files of this type are received although the node has them: what is left of an earlier push in
+// its place may have the same size and time.
+inline constexpr uint32_t kTypeOfPresentFiles = 6;
+
 enum class Command {
   kPush,
   kServe,

@@ -15,31 +15,29 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr double kAnswerSeconds = 15;
-
 void print(const std::string& line) {
   cli::standard_output().line(line, cli::Output::Kind::kResult);
 }
 
-std::string text_of(const Json& value) {
+std::string value_text(const Json& value) {
   return value.is_string() ? value.get<std::string>() : "-";
 }
 
-std::string bytes_of(const Json& value) {
+std::string size_text(const Json& value) {
   return format_bytes(value.get<double>());
 }
 
 std::string node_line(const Json& node) {
   return fmt::format(
-      "{:<16}{:<20}{:<13}{:<10}{:<24}{:<12}{}", node.value("node", ""), text_of(node.at("name")),
-      node.value("node_id", ""), text_of(node.at("version")), text_of(node.at("has")),
+      "{:<16}{:<20}{:<13}{:<10}{:<24}{:<12}{}", node.value("node", ""), value_text(node.at("name")),
+      node.value("node_id", ""), value_text(node.at("version")), value_text(node.at("has")),
       fmt::format("{:.0f} s ago", node.value("heard_seconds_ago", 0.0)), node.value("state", ""));
 }
 
 std::string push_line(const Json& push) {
   return fmt::format("{:>4}  {:<24}{:<18}{:>8}{:>11}  {:<10}{:>9}  {}", push.value("number", 0u),
                      push.value("name", ""), push.value("state", ""),
-                     push.value("files", uint64_t{0}), bytes_of(push.at("bytes")),
+                     push.value("files", uint64_t{0}), size_text(push.at("bytes")),
                      fmt::format("{} of {}", push.value("nodes_complete", uint64_t{0}),
                                  push.value("nodes", uint64_t{0})),
                      format_duration(push.value("seconds", 0.0)), push.value("transaction", 0u));
@@ -50,7 +48,7 @@ void print_status(const Json& status) {
   print(fmt::format("lead {} (process {}, version {}), {}{}, for {}", status.value("address", ""),
                     status.value("pid", 0), status.value("version", ""), role,
                     status.at("other").is_string() && role == "standing-by"
-                        ? ": " + text_of(status.at("other")) + " leads"
+                        ? ": " + value_text(status.at("other")) + " leads"
                         : "",
                     format_duration(status.value("seconds", 0.0))));
   print(fmt::format("{} heard, {} silent; {}",

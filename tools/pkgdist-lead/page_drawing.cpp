@@ -22,7 +22,7 @@ double tick(double range) {
   return unit;
 }
 
-double percent(double place) {
+double percentage(double place) {
   return place / kSize * 100;
 }
 
@@ -82,19 +82,19 @@ void Drawing::mark(double at, size_t number, const std::string& title) {
   body_ += fmt::format("<line class=\"mark\" x1=\"{0:.1f}\" x2=\"{0:.1f}\" y1=\"0\" y2=\"{1}\"/>\n",
                        x(at), kSize);
   marks_ += fmt::format("<span class=\"mark\" style=\"left:{:.2f}%\" title=\"{}\">{}</span>\n",
-                        percent(x(at)), escaped(title), number);
+                        percentage(x(at)), escaped(title), number);
 }
 
 std::string Drawing::html(const std::string& label, const std::string& x_unit,
                           const std::string& y_unit) const {
   std::string lines, labels;
   for (double at = 0; at <= x_end_ * 1.0001; at += tick(x_end_))
-    labels +=
-        fmt::format("<span class=\"x\" style=\"left:{:.2f}%\">{:.4g}</span>\n", percent(x(at)), at);
+    labels += fmt::format("<span class=\"x\" style=\"left:{:.2f}%\">{:.4g}</span>\n",
+                          percentage(x(at)), at);
   for (double at = 0; at <= y_end_ * 1.0001; at += tick(y_end_)) {
     lines += fmt::format("<line x1=\"0\" x2=\"{1}\" y1=\"{0:.1f}\" y2=\"{0:.1f}\"/>", y(at), kSize);
-    labels +=
-        fmt::format("<span class=\"y\" style=\"top:{:.2f}%\">{:.4g}</span>\n", percent(y(at)), at);
+    labels += fmt::format("<span class=\"y\" style=\"top:{:.2f}%\">{:.4g}</span>\n",
+                          percentage(y(at)), at);
   }
   return fmt::format(
       "<p class=\"unit\">{5}</p>\n<div class=\"plot\">\n<svg viewBox=\"0 0 {0} {0}\" "

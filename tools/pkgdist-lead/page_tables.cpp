@@ -10,12 +10,12 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
 constexpr size_t kMaxRows = 50;
-constexpr size_t kSlowest = 10;
+constexpr size_t kRows = 10;
 // More names are one row that can be opened.
-constexpr size_t kMaxNames = 3;
+constexpr size_t kMaxNamesInCell = 3;
 
 std::string cell(const char* style, const char* head, const std::string& content) {
   return fmt::format("<td class=\"{}\" data-head=\"{}\">{}</td>", style, head, content);
@@ -36,7 +36,7 @@ std::string folded(const std::vector<std::string>& files) {
     names += fmt::format("<li>{}</li>", escaped(files[i]));
   if (files.size() > kMaxRows)
     names += fmt::format("<li>and {} more</li>", files.size() - kMaxRows);
-  if (files.size() > kMaxNames)
+  if (files.size() > kMaxNamesInCell)
     return fmt::format("<details><summary>{}</summary><ul>{}</ul></details>",
                        cli::counted(files.size(), "file"), names);
   std::string out;
@@ -46,8 +46,8 @@ std::string folded(const std::vector<std::string>& files) {
 
 std::string slowest(const PushStory& story) {
   std::string rows;
-  for (size_t i = 0; i < std::min(story.nodes().size(), kSlowest); ++i) {
-    const Json& node = *story.nodes()[i];
+  for (size_t i = 0; i < std::min(story.nodes().size(), kRows); ++i) {
+    const ParsedJson& node = *story.nodes()[i];
     rows +=
         row(cell("", "", escaped(text(node, "node"))) + cell("", "", escaped(text(node, "state"))) +
             cell("n", "seconds", fmt::format("{:.2f}", number(node, "seconds"))) +
@@ -61,16 +61,16 @@ std::string slowest(const PushStory& story) {
 }
 
 std::string repairs(const PushStory& story) {
-  std::vector<const Json*> by_cost;
-  for (const Json* node : story.nodes())
+  std::vector<const ParsedJson*> by_cost;
+  for (const ParsedJson* node : story.nodes())
     if (number(*node, "repairs") > 0) by_cost.push_back(node);
   if (by_cost.empty()) return "<h2>Repairs</h2>\n<p>No node asked for anything again.</p>\n";
-  std::stable_sort(by_cost.begin(), by_cost.end(), [](const Json* a, const Json* b) {
+  std::stable_sort(by_cost.begin(), by_cost.end(), [](const ParsedJson* a, const ParsedJson* b) {
     return number(*a, "repairs") > number(*b, "repairs");
   });
   const uint64_t most = count(*by_cost[0], "repairs");
   std::string rows;
-  for (size_t i = 0; i < std::min(by_cost.size(), kSlowest); ++i) {
+  for (size_t i = 0; i < std::min(by_cost.size(), kRows); ++i) {
     const uint64_t repairs = count(*by_cost[i], "repairs");
     rows +=
         row(cell("", "", escaped(text(*by_cost[i], "node"))) +
@@ -84,14 +84,14 @@ std::string repairs(const PushStory& story) {
                "<th>node</th><th class=\"n\">asked for again</th><th></th><th class=\"n\">of its "
                "segments</th>",
                rows) +
-         more(by_cost.size(), kSlowest);
+         more(by_cost.size(), kRows);
 }
 
 // Nodes that were asked for and never came.
 std::string absent(const PushStory& story) {
   std::string names;
   size_t named = 0;
-  for (const Json* node : story.nodes())
+  for (const ParsedJson* node : story.nodes())
     if (text(*node, "state") == "never heard" && ++named <= kMaxRows)
       names += (named == 1 ? "" : ", ") + escaped(text(*node, "node"));
   const uint64_t expected = count(story.end(), "expected_nodes");
@@ -108,12 +108,12 @@ std::string absent(const PushStory& story) {
 std::string missing(const PushStory& story) {
   std::string rows;
   size_t all = 0;
-  for (const Json* node : story.nodes()) {
+  for (const ParsedJson* node : story.nodes()) {
     if (text(*node, "state") == "never heard") continue;
     std::map<std::string, std::vector<std::string>> names;
-    for (const Json& failed : list(*node, "failed"))
+    for (const ParsedJson& failed : list(*node, "failed"))
       names[text(failed, "text")].push_back(text(failed, "name"));
-    for (const Json& open : list(*node, "open"))
+    for (const ParsedJson& open : list(*node, "open"))
       if (open.is_string()) names[text(*node, "state")].push_back(open.get<std::string>());
     for (const auto& [reason, files] : names)
       if (++all <= kMaxRows)

@@ -14,14 +14,14 @@ constexpr lead::Time kDrawPeriod = 200 * lead::kMillisecond;
 // How often rates are measured. With many nodes a look at all of them takes milliseconds, in which
 // nothing is sent.
 constexpr lead::Time kLookPeriod = lead::kSecond;
-constexpr size_t kManyNodes = 100;
+constexpr size_t kManyToShow = 100;
 // Lines in a log: seldom enough to be read.
 constexpr lead::Time kLinePeriod = 5 * lead::kSecond;
 constexpr lead::Time kJsonPeriod = lead::kSecond;
 // Most nodes are heard within a second: that is not told.
 constexpr lead::Time kSoon = 1500 * lead::kMillisecond;
 // Lines that are said again after the full-screen view.
-constexpr size_t kMaxLines = 1000;
+constexpr size_t kMaxLinesKept = 1000;
 
 }  // namespace
 
@@ -47,7 +47,7 @@ void PushDisplay::open_screen() {
   screen_ = std::make_unique<TopScreen>(STDIN_FILENO, true);
   reporter_.takes_line = [this](const std::string& line) {
     screen_->tell(line);
-    if (lines_.size() < kMaxLines) lines_.push_back(line);
+    if (lines_.size() < kMaxLinesKept) lines_.push_back(line);
   };
 }
 
@@ -72,7 +72,7 @@ void PushDisplay::run(PushSource& push, lead::Time now) {
   if (!report.started) return wait(report, push, now);
   waiting_shown_ = 0;
   meter_.update(report, now);
-  if (report.nodes.size() > kManyNodes) look_period_ = kLookPeriod;
+  if (report.nodes.size() > kManyToShow) look_period_ = kLookPeriod;
   if (shown_ == 0) shown_ = report.started_at;
   if (lead::elapsed(now, shown_) < show_period_) return;
   shown_ = now;

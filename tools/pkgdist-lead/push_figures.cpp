@@ -7,7 +7,7 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-constexpr size_t kSlowest = 5;
+constexpr size_t kSlowestTold = 5;
 
 double share(uint64_t part, uint64_t whole) {
   return whole != 0 ? static_cast<double>(part) / static_cast<double>(whole) : 0;
@@ -58,7 +58,7 @@ PushFigures figures_of(const lead::PushReport& report, const lead::Counters& cou
     figures.completion = {ascending.size(), percentile(ascending, 50), percentile(ascending, 90),
                           percentile(ascending, 99), ascending.back()};
   }
-  figures.slowest.resize(std::min(figures.slowest.size(), kSlowest));
+  figures.slowest.resize(std::min(figures.slowest.size(), kSlowestTold));
 
   figures.seconds = seconds_between(report.started_at, report.finished_at);
   figures.repairs_sent = counters.repairs_sent;

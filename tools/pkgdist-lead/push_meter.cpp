@@ -8,14 +8,14 @@ namespace pkgdist::lead_program {
 namespace {
 
 // Ages at which something weighs a third of what is new.
-constexpr double kRateSeconds = 5;
+constexpr double kRateWindowSeconds = 5;
 constexpr double kEndSeconds = 2;
 // Less says nothing about a rate.
 constexpr lead::Time kMinTime = 2 * lead::kSecond;
 // Longer is no estimate: the node makes hardly any progress.
 constexpr double kMaxLeftSeconds = 100 * 3600.0;
 
-double to_seconds(lead::Time time) {
+double seconds_of(lead::Time time) {
   return static_cast<double>(time) / static_cast<double>(lead::kSecond);
 }
 
@@ -35,8 +35,8 @@ uint64_t unsent(const lead::PushNodeReport& node) {
 
 void PushMeter::add(Sample& sample, uint64_t received, uint64_t passed, lead::Time now) {
   if (sample.time != 0) {
-    const double seconds = to_seconds(lead::elapsed(now, sample.time));
-    const double kept = std::exp(-seconds / kRateSeconds);
+    const double seconds = seconds_of(lead::elapsed(now, sample.time));
+    const double kept = std::exp(-seconds / kRateWindowSeconds);
     sample.received_sum = sample.received_sum * kept + growth(sample.received, received);
     sample.passed_sum = sample.passed_sum * kept + growth(sample.passed, passed);
     sample.seconds = sample.seconds * kept + seconds;
@@ -55,13 +55,13 @@ void PushMeter::update(const lead::PushReport& report, lead::Time now) {
     add(samples_[node.address], received, report.bytes - std::min(report.bytes, unsent(node)), now);
   }
   const std::optional<double> left = estimate(report);
-  const double kept = left ? std::exp(-to_seconds(lead::elapsed(now, updated_)) / kEndSeconds) : 0;
+  const double kept = left ? std::exp(-seconds_of(lead::elapsed(now, updated_)) / kEndSeconds) : 0;
   updated_ = now;
   end_weight_ *= kept;
   end_sum_ *= kept;
   if (!left) return;
   end_weight_ += 1 - kept;
-  end_sum_ += (1 - kept) * (to_seconds(now) + *left);
+  end_sum_ += (1 - kept) * (seconds_of(now) + *left);
 }
 
 bool PushMeter::measured(const Sample& sample) {
@@ -100,7 +100,7 @@ double PushMeter::rate(uint32_t address) const {
 
 std::optional<double> PushMeter::seconds_left(lead::Time now) const {
   if (end_weight_ <= 0) return std::nullopt;
-  return std::max(0.0, end_sum_ / end_weight_ - to_seconds(now));
+  return std::max(0.0, end_sum_ / end_weight_ - seconds_of(now));
 }
 
 }  // namespace pkgdist::lead_program

@@ -20,7 +20,7 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
 // Curves, and those that have a colour.
 constexpr size_t kColours = 8;
@@ -49,7 +49,7 @@ class PushPage {
   }
 
  private:
-  const std::vector<const Json*>& nodes() const { return story_.nodes(); }
+  const std::vector<const ParsedJson*>& nodes() const { return story_.nodes(); }
 
   std::string head() const {
     const bool complete = end_.value("complete", false);
@@ -63,7 +63,7 @@ class PushPage {
 
   // When, where, what and how, as far as the events tell.
   std::string about() const {
-    const Json& asked = story_.requested();
+    const ParsedJson& asked = story_.requested();
     std::string out;
     const auto tell = [&](const char* name, const std::string& value) {
       if (!value.empty())
@@ -82,8 +82,8 @@ class PushPage {
     return out.empty() ? "" : "<dl class=\"small\">" + out + "</dl>\n";
   }
 
-  static std::string paths(const Json& asked) {
-    const Json& all = list(asked, "paths");
+  static std::string paths(const ParsedJson& asked) {
+    const ParsedJson& all = list(asked, "paths");
     std::string out;
     for (size_t i = 0; i < std::min(all.size(), kMaxPaths); ++i)
       if (all[i].is_string()) out += (out.empty() ? "" : " ") + all[i].get<std::string>();
@@ -91,7 +91,7 @@ class PushPage {
     return out;
   }
 
-  static std::string options(const Json& asked) {
+  static std::string options(const ParsedJson& asked) {
     if (!asked.contains("options") || !asked["options"].is_object()) return "";
     std::string out;
     for (const auto& [name, value] : asked["options"].items()) {
@@ -103,7 +103,7 @@ class PushPage {
   }
 
   std::string figures() const {
-    const auto& done = end_.contains("completion") ? end_["completion"] : Json::object();
+    const auto& done = end_.contains("completion") ? end_["completion"] : ParsedJson::object();
     std::string out = "<dl>";
     const auto figure = [&](const char* name, const std::string& value) {
       if (!value.empty()) out += fmt::format("<div><dt>{}</dt><dd>{}</dd></div>\n", name, value);
@@ -143,7 +143,7 @@ class PushPage {
     std::string keys;
     // The slowest are drawn last, above the others.
     for (size_t i = std::min(nodes().size(), kMaxCurves); i-- > 0;) {
-      const Json& node = *nodes()[i];
+      const ParsedJson& node = *nodes()[i];
       const NodeStory& story = story_.of(node);
       std::vector<Point> points = story.progress;
       points.insert(points.begin(), {story.appeared, 0});
@@ -210,7 +210,7 @@ class PushPage {
 
   std::string histogram() const {
     std::vector<double> times;
-    for (const Json* node : nodes())
+    for (const ParsedJson* node : nodes())
       if (text(*node, "state") == "complete") times.push_back(number(*node, "seconds"));
     if (times.size() < 2) return "";
     const double end = *std::max_element(times.begin(), times.end()) * 1.0001 + 1e-6;
@@ -231,7 +231,7 @@ class PushPage {
   }
 
   const PushStory& story_;
-  const Json& end_;
+  const ParsedJson& end_;
 };
 
 }  // namespace

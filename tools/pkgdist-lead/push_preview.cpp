@@ -13,10 +13,10 @@ constexpr size_t kMaxLeftOutLines = 50;
 
 // The shortest time for so many bytes, in words; empty when the nodes set the pace.
 std::string least_time(uint64_t bytes, const LeadOptions& options) {
-  constexpr double kBitsPerByte = 8;
+  constexpr double kBitsInByte = 8;
   const uint64_t rate = options.rate_bits != 0 ? options.rate_bits : options.max_rate_bits;
   if (rate == 0) return "";
-  const double bits = static_cast<double>(bytes) * kBitsPerByte;
+  const double bits = static_cast<double>(bytes) * kBitsInByte;
   return fmt::format("; at {} at least {}", format_bits(static_cast<double>(rate)),
                      format_duration(bits / static_cast<double>(rate)));
 }
@@ -38,7 +38,6 @@ void left_out_events(const lead::FileTree& tree, const Reporter& reporter) {
 }
 
 int preview(const LeadOptions& options, const lead::FileTree& tree, Reporter& reporter) {
-  constexpr auto kResult = cli::Output::Kind::kResult;
   left_out_events(tree, reporter);
   uint64_t bytes = 0;
   for (const lead::PushFile& file : tree.files) {

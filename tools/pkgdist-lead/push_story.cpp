@@ -13,7 +13,7 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
 // What is worth mentioning as a reason.
 constexpr double kLateSeconds = 0.5;
@@ -31,7 +31,7 @@ std::string trouble_text(const std::string& name) {
 }
 
 // A node whose disk was full deletes the partial file, and may miss that then.
-std::string disk_reason(const Json& failed) {
+std::string disk_reason(const ParsedJson& failed) {
   const auto status = failed.value("status", uint64_t{0});
   const std::string cause = text(failed, "text");
   if (status == PKGDIST_STATUS_FROM_ERRNO(uint64_t{ENOSPC}) ||
@@ -46,19 +46,19 @@ std::string disk_reason(const Json& failed) {
 
 PushStory::PushStory(std::istream& events) {
   for (std::string line; std::getline(events, line);) {
-    const Json event = Json::parse(line, nullptr, false);
+    const ParsedJson event = ParsedJson::parse(line, nullptr, false);
     if (event.is_object()) add(event);
   }
   if (!ended_) throw std::runtime_error("no push has ended in these events");
-  for (const Json& node : list(end_, "nodes")) nodes_.push_back(&node);
-  std::stable_sort(nodes_.begin(), nodes_.end(), [](const Json* a, const Json* b) {
+  for (const ParsedJson& node : list(end_, "nodes")) nodes_.push_back(&node);
+  std::stable_sort(nodes_.begin(), nodes_.end(), [](const ParsedJson* a, const ParsedJson* b) {
     const bool trouble = text(*a, "state") != "complete";
     if (trouble != (text(*b, "state") != "complete")) return trouble;
     return number(*a, "seconds") > number(*b, "seconds");
   });
 }
 
-void PushStory::add(const Json& event) {
+void PushStory::add(const ParsedJson& event) {
   const std::string name = text(event, "event");
   const double time = number(event, "time");
   const std::string node = text(event, "node");
@@ -84,7 +84,7 @@ void PushStory::add(const Json& event) {
 }
 
 // What came before the start of the push is about nodes that were there.
-void PushStory::begin(const Json& event, double time) {
+void PushStory::begin(const ParsedJson& event, double time) {
   start_ = event;
   began_ = time;
   stories_.clear();
@@ -93,8 +93,8 @@ void PushStory::begin(const Json& event, double time) {
   repairs_sent_ = polls_sent_ = bytes_ = 0;
 }
 
-void PushStory::add_of_node(const std::string& node, const std::string& name, const Json& event,
-                            double seconds) {
+void PushStory::add_of_node(const std::string& node, const std::string& name,
+                            const ParsedJson& event, double seconds) {
   NodeStory& story = stories_[node];
   if (name == "progress" && number(event, "of_bytes") > 0) {
     story.bytes = number(event, "bytes");
@@ -119,7 +119,7 @@ void PushStory::trouble(double seconds, const std::string& node, const std::stri
   happened_.push_back({seconds, node, what});
 }
 
-void PushStory::add_moment(const Json& event) {
+void PushStory::add_moment(const ParsedJson& event) {
   Moment now{.seconds = number(event, "seconds"), .stream_bits = number(event, "rate_bits")};
   double bytes = 0;
   for (const auto& [node, story] : stories_) bytes += story.bytes;
@@ -139,7 +139,7 @@ void PushStory::add_moment(const Json& event) {
   moments_.push_back(now);
 }
 
-const NodeStory& PushStory::of(const Json& node) const {
+const NodeStory& PushStory::of(const ParsedJson& node) const {
   static const NodeStory none;
   const auto found = stories_.find(text(node, "node"));
   return found != stories_.end() ? found->second : none;
@@ -170,7 +170,7 @@ std::vector<Trouble> PushStory::troubles() const {
   return all;
 }
 
-std::string PushStory::why(const Json& node) const {
+std::string PushStory::why(const ParsedJson& node) const {
   const NodeStory& story = of(node);
   std::vector<std::string> reasons;
   if (text(node, "state") == "never heard") reasons.push_back("the lead never heard it");
@@ -185,7 +185,7 @@ std::string PushStory::why(const Json& node) const {
     reasons.push_back(
         fmt::format("lost {:.1f} % of its segments, on the wire or in its socket buffer",
                     100 * number(node, "repair_ratio")));
-  for (const Json& failed : list(node, "failed"))
+  for (const ParsedJson& failed : list(node, "failed"))
     if (const std::string reason = disk_reason(failed); !reason.empty()) {
       reasons.push_back(reason);
       break;

@@ -20,15 +20,15 @@ using cli::kRatioDecimals;
 using cli::kSecondDecimals;
 using cli::rounded;
 using cli::status_text;
-using Kind = cli::Output::Kind;
+using OutputKind = cli::Output::Kind;
 using Json = nlohmann::ordered_json;
 
 // Lines for people about nodes or files; the events have them all.
-constexpr size_t kMaxLines = 50;
+constexpr size_t kMaxLinesOfReport = 50;
 // The same while the push runs.
 constexpr size_t kMaxProgressLines = 20;
 // Names of files in the summary's event; nodes tell how many there are in truth.
-constexpr size_t kMaxNames = 100'000;
+constexpr size_t kMaxNamesInEvent = 100'000;
 
 std::string percent(double share) {
   return fmt::format("{:.1f} %", share * 100);
@@ -68,8 +68,8 @@ void PushView::waiting(const lead::PushReport& report, const std::string& line,
                          Json{{"nodes_absent", absent_nodes(report)},
                               {"nodes", report.expected_nodes},
                               {"seconds_left", rounded(seconds_left, 1)}},
-                         Kind::kProgress);
-  reporter_.say(line, Kind::kProgress);
+                         OutputKind::kProgress);
+  reporter_.say(line, OutputKind::kProgress);
 }
 
 // --- While it runs ---
@@ -94,7 +94,7 @@ void PushView::node_events(const PushState& state) {
                                 {"seconds_since_heard",
                                  node.heard ? Json(rounded(node.seconds_since_heard, 1)) : Json()},
                                 {"rate_bits", std::llround(state.rate_bits)}},
-                           Kind::kProgress);
+                           OutputKind::kProgress);
   }
 }
 
@@ -109,18 +109,18 @@ void PushView::lines(const PushState& state) {
                               format_bytes(static_cast<double>(state.bytes)),
                               format_bytes(node->rate), counted(node->repairs, "repair"),
                               percent(node->repair_ratio), note.empty() ? "" : ", " + note),
-                  Kind::kProgress);
+                  OutputKind::kProgress);
   }
   if (count > kMaxProgressLines)
     reporter_.say(fmt::format("{:8}  and {}", "", counted(count - kMaxProgressLines, "more node")),
-                  Kind::kProgress);
+                  OutputKind::kProgress);
 }
 
 void PushView::progress(const PushState& state) {
   if (!reporter_.json().enabled()) {
     lines(state);
     return reporter_.say(fmt::format("{:6.1f} s  {}", state.seconds, overall_line(state)),
-                         Kind::kProgress);
+                         OutputKind::kProgress);
   }
   node_events(state);
   const auto count = [&](auto&& which) {
@@ -140,13 +140,13 @@ void PushView::progress(const PushState& state) {
            {"polls_sent", state.polls_sent},
            {"repair_share", rounded(state.repair_share, kRatioDecimals)},
            {"eta_seconds", left ? Json(rounded(*left, 1)) : Json()}},
-      Kind::kProgress);
+      OutputKind::kProgress);
 }
 
 // --- When it has ended ---
 
 void PushView::result(const std::string& line) {
-  reporter_.say(line, Kind::kResult);
+  reporter_.say(line, OutputKind::kResult);
 }
 
 void PushView::interrupted(const lead::PushReport& report) {
@@ -158,16 +158,16 @@ void PushView::interrupted(const lead::PushReport& report) {
                        {"bytes_left", node.bytes_left}});
   reporter_.json().print("interrupted",
                          Json{{"signal", cli::signal_name(cli::stop_signal())}, {"nodes", nodes}},
-                         Kind::kResult);
+                         OutputKind::kResult);
   result(cli::stop_text());
   size_t lines = 0;
   for (const lead::PushNodeReport& node : report.nodes) {
-    if (node.files_left == 0 || ++lines > kMaxLines) continue;
+    if (node.files_left == 0 || ++lines > kMaxLinesOfReport) continue;
     result(fmt::format("{:<16}lacks {} of {} files, {}", reporter_.label(node.address),
                        node.files_left, report.files,
                        format_bytes(static_cast<double>(node.bytes_left))));
   }
-  if (lines > kMaxLines) result("and " + counted(lines - kMaxLines, "more node"));
+  if (lines > kMaxLinesOfReport) result("and " + counted(lines - kMaxLinesOfReport, "more node"));
   if (lines != 0)
     result("push the same tree again to bring the rest: what a node has is not sent again");
 }
@@ -179,13 +179,13 @@ void PushView::table(const lead::PushReport& report) {
   std::vector<const lead::PushNodeReport*> rows;
   for (const lead::PushNodeReport& node : report.nodes) rows.push_back(&node);
   // When there are many, those with trouble first, then the slowest.
-  if (rows.size() > kMaxLines)
+  if (rows.size() > kMaxLinesOfReport)
     std::stable_sort(rows.begin(), rows.end(), [&](const auto* a, const auto* b) {
       const bool trouble = !is_complete(*a);
       if (trouble != !is_complete(*b)) return trouble;
       return seconds_of(report, *a) > seconds_of(report, *b);
     });
-  for (size_t i = 0; i < std::min(rows.size(), kMaxLines); ++i) {
+  for (size_t i = 0; i < std::min(rows.size(), kMaxLinesOfReport); ++i) {
     const lead::PushNodeReport& node = *rows[i];
     const double duration = seconds_of(report, node);
     const double rate = duration > 0 ? static_cast<double>(node.bytes_done) / duration / 1e6 : 0;
@@ -194,7 +194,8 @@ void PushView::table(const lead::PushReport& report) {
                        node.files_skipped, format_bytes(static_cast<double>(node.bytes_done)),
                        duration, rate, node.repairs, state_of(node)));
   }
-  if (rows.size() > kMaxLines) result("and " + counted(rows.size() - kMaxLines, "more node"));
+  if (rows.size() > kMaxLinesOfReport)
+    result("and " + counted(rows.size() - kMaxLinesOfReport, "more node"));
 }
 
 void PushView::figures_lines(const lead::PushReport& report, const PushFigures& figures) {
@@ -230,7 +231,7 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
   const auto line = [&](const lead::PushNodeReport& node, const std::string& name,
                         const std::string& why) {
     if (lines == 0) result("missing:");
-    if (lines++ < kMaxLines)
+    if (lines++ < kMaxLinesOfReport)
       result(fmt::format("{:<16}{:<40}  {}", reporter_.label(node.address), name, why));
   };
   if (report.nodes.size() < report.expected_nodes)
@@ -242,7 +243,7 @@ void PushView::missing(const lead::PushReport& report, const lead::PushRequest& 
     if (!node.heard) line(node, "every file", why_open(node));
     for (const uint32_t file : node.open) line(node, request.files[file].name, why_open(node));
   }
-  if (lines > kMaxLines) result(fmt::format("and {} more", lines - kMaxLines));
+  if (lines > kMaxLinesOfReport) result(fmt::format("and {} more", lines - kMaxLinesOfReport));
 }
 
 void PushView::summary_event(const lead::PushReport& report, const lead::PushRequest& request,
@@ -252,12 +253,12 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
   for (const lead::PushNodeReport& node : report.nodes) {
     Json failed = Json::array(), open = Json::array();
     for (const auto& [file, status] : node.failed)
-      if (names++ < kMaxNames)
+      if (names++ < kMaxNamesInEvent)
         failed.push_back({{"name", request.files[file].name},
                           {"status", status},
                           {"text", status_text(status)}});
     for (const uint32_t file : node.open)
-      if (names++ < kMaxNames) open.push_back(request.files[file].name);
+      if (names++ < kMaxNamesInEvent) open.push_back(request.files[file].name);
     nodes.push_back({{"node", format_address(node.address)},
                      {"node_id", node_id_text(node.node_id)},
                      {"state", state_of(node)},
@@ -297,7 +298,7 @@ void PushView::summary_event(const lead::PushReport& report, const lead::PushReq
   if (figures.wire_per_content)
     event["wire_per_content"] = rounded(*figures.wire_per_content, kRatioDecimals);
   event["nodes"] = std::move(nodes);
-  reporter_.json().print("push-finished", event, Kind::kResult);
+  reporter_.json().print("push-finished", event, OutputKind::kResult);
 }
 
 void PushView::summary(const lead::PushReport& report, const lead::PushRequest& request,

@@ -12,7 +12,7 @@ namespace {
 
 // With many nodes, telling how a push stands takes milliseconds, in which nothing is sent.
 constexpr lead::Time kManyPeriod = lead::kSecond;
-constexpr size_t kManyNodes = 100;
+constexpr size_t kManyToWatch = 100;
 
 }  // namespace
 
@@ -71,7 +71,7 @@ void PushWatch::tell_hosts(Watcher& watcher) const {
 bool PushWatch::due(lead::Time now) const {
   if (watchers_.empty()) return false;
   if (lead_.push_running() != ran_ || told_at_ == 0) return true;
-  const bool many = lead_.node_counts().heard > kManyNodes;
+  const bool many = lead_.node_counts().heard > kManyToWatch;
   return lead::elapsed(now, told_at_) >= (many ? kManyPeriod : PushQueue::kTellPeriod);
 }
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t kMaxDifferenceLines = 50;
 
-int usage_error(const std::string& text) {
+int release_usage_error(const std::string& text) {
   cli::complain(text);
   return cli::kExitUsage;
 }
@@ -138,7 +138,7 @@ int activate_command(const LeadOptions& given) {
   const ReleaseWay way = find_release_way(given);
   const LeadOptions& options = way.options;
   if (options.activation.kind == ActivationPolicy::Kind::kNever)
-    return usage_error("activate: --activate no leaves nothing to do");
+    return release_usage_error("activate: --activate no leaves nothing to do");
   Reporter reporter(options.common.json, options.common.verbosity);
   reporter.names = options.node_names;
   const std::unique_ptr<ReleaseLink> link = way.open(reporter);

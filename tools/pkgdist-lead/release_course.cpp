@@ -13,10 +13,6 @@ namespace {
 using Action = ReleasePush::Action;
 using Phase = ReleasePush::Phase;
 
-// Files of this type are received although the node has them: what is left of an earlier push in
-// its place may have the same size and time.
-constexpr uint32_t kTypeOfPresentFiles = 6;
-
 // Why a node lacks something of a push; empty when it has everything.
 std::string lack(const lead::PushNodeReport& node) {
   if (is_complete(node)) return "";

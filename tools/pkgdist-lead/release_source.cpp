@@ -59,7 +59,7 @@ std::vector<lead::PushFile> describe(int directory, const Manifest& manifest) {
 }  // namespace
 
 OpenedRelease open_release(const std::string& directory, bool verify) {
-  const Fd root(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Fd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root) release::throw_errno("opening", directory);
   const std::string text =
       release::read_beneath(root.get(), release::kManifestPath, release::kMaxManifestBytes);

@@ -15,8 +15,6 @@ using Json = nlohmann::ordered_json;
 using Phase = ReleasePush::Phase;
 using Stage = ReleasePush::Stage;
 
-constexpr auto kResult = cli::Output::Kind::kResult;
-
 std::string counted(size_t count, const char* one) {
   return fmt::format("{} {}{}", count, one, count == 1 ? "" : "s");
 }

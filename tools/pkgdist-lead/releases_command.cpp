@@ -17,8 +17,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using States = std::map<uint32_t, cli::ReleaseState>;
 
-constexpr auto kResult = cli::Output::Kind::kResult;
-constexpr const char* kNoAnswer = "no answer";
+constexpr const char* kNoReleaseAnswer = "no answer";
 
 // In words; empty when it was not verified.
 std::string drift_text(const cli::ReleaseState& state) {
@@ -109,7 +108,7 @@ int releases_command(const LeadOptions& given) {
     if (state != states->end())
       list.add(node, state->second);
     else
-      list.add_without(node, heard.takes(node) ? kNoAnswer : heard.lack(node));
+      list.add_without(node, heard.takes(node) ? kNoReleaseAnswer : heard.lack(node));
   }
   return list.good() ? cli::kExitOk : cli::kExitFailure;
 }

@@ -19,7 +19,6 @@ namespace pkgdist::lead_program {
 
 namespace {
 
-constexpr double kAnswerSeconds = 15;
 // After SIGINT: the lead says how the push stands, or the program ends without.
 constexpr double kStopPatienceSeconds = 1.2;
 

@@ -15,6 +15,9 @@
 
 namespace pkgdist::lead_program {
 
+// Lines and events that --quiet leaves.
+inline constexpr auto kResult = cli::Output::Kind::kResult;
+
 class Reporter : public lead::Events {
  public:
   Reporter(bool json, int verbosity) : json_(json), verbosity_(verbosity) {}

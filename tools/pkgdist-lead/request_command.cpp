@@ -66,7 +66,7 @@ Request make_request(const LeadOptions& options) {
   return request;
 }
 
-void print(const std::string& line) {
+void print_answer(const std::string& line) {
   cli::standard_output().line(line, cli::Output::Kind::kResult);
 }
 
@@ -100,8 +100,8 @@ class Table {
     std::string head;
     for (const Row& row : rows_) {
       if (std::exchange(head, row.head) != row.head)
-        print(fmt::format("{:<{}}  {}", head, width, "why"));
-      print(fmt::format("{:<{}}  {}", label(row), width, row.why));
+        print_answer(fmt::format("{:<{}}  {}", head, width, "why"));
+      print_answer(fmt::format("{:<{}}  {}", label(row), width, row.why));
     }
   }
 
@@ -121,14 +121,14 @@ void tell_end(const Json& end) {
   const auto acknowledged = end.value("acknowledged", uint64_t{0});
   const auto missing = end.value("missing", uint64_t{0});
   if (end.contains("deleted_on"))
-    print(fmt::format("deleted on {} of {} nodes", end.at("deleted_on").get<size_t>(),
-                      acknowledged + missing));
+    print_answer(fmt::format("deleted on {} of {} nodes", end.at("deleted_on").get<size_t>(),
+                             acknowledged + missing));
   else if (!end.value("sent", true))
-    print("nothing was sent to the nodes");
+    print_answer("nothing was sent to the nodes");
   else if (acknowledged + missing == 0)
-    print("the lead knows no node that this is for");
+    print_answer("the lead knows no node that this is for");
   else
-    print(fmt::format("{} of {} nodes acknowledged", acknowledged, acknowledged + missing));
+    print_answer(fmt::format("{} of {} nodes acknowledged", acknowledged, acknowledged + missing));
 }
 
 // Trouble after the first answer leaves something begun.
@@ -155,7 +155,7 @@ int show_answers(cli::LineConnection& connection, double patience, const LeadOpt
     json.print(event, answer, cli::Output::Kind::kResult);
     if (event == "error") throw std::runtime_error(answer.value("text", "refused"));
     if (event == "outcome" && !json.enabled()) table.outcome(answer);
-    if (event == "cancelled" && !json.enabled()) print(answer.value("text", ""));
+    if (event == "cancelled" && !json.enabled()) print_answer(answer.value("text", ""));
     if (event != "done") continue;
     table.show();
     if (!json.enabled() && answer.contains("missing")) tell_end(answer);

@@ -42,9 +42,9 @@ class Descriptor {
 };
 
 // Lines as they come; never waits.
-class Lines {
+class InputLines {
  public:
-  explicit Lines(int fd) : fd_(fd) {}
+  explicit InputLines(int fd) : fd_(fd) {}
 
   bool next(std::string& line) {
     size_t end = buffer_.find('\n', at_);
@@ -78,7 +78,7 @@ class Lines {
 // Gives events out at the pace at which they came, times `speed`; 0: at once.
 class Replay {
  public:
-  Replay(Lines& lines, double speed) : lines_(lines), speed_(speed) {}
+  Replay(InputLines& lines, double speed) : lines_(lines), speed_(speed) {}
 
   // Hands over what is due; `show` is called whenever the view has to follow.
   template <class Show>
@@ -104,7 +104,7 @@ class Replay {
     return (time - first_) / speed_ <= passed.count();
   }
 
-  Lines& lines_;
+  InputLines& lines_;
   double speed_;
   std::string line_;
   bool have_ = false;
@@ -118,7 +118,7 @@ void follow_events(const LeadOptions& options) {
       piped ? nullptr : std::make_unique<Descriptor>(options.events_path, O_RDONLY);
   const std::unique_ptr<Descriptor> keys =
       piped ? std::make_unique<Descriptor>("/dev/tty", O_RDWR) : nullptr;
-  Lines lines(piped ? STDIN_FILENO : file->get());
+  InputLines lines(piped ? STDIN_FILENO : file->get());
   Replay replay(lines, options.replay_speed);
   EventState events;
   TopScreen screen(piped ? keys->get() : STDIN_FILENO, false);

@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kSideColumns = 29;  // "10.200.100.100 99% heard 16 s"
 constexpr size_t kLeastSide = 60;    // columns of a screen that has room for it
-constexpr size_t kSlowest = 10;
+constexpr size_t kSlowestShown = 10;
 constexpr size_t kPlotRows = 3;
 constexpr size_t kHeadRows = 2, kFootRows = 2;
 
@@ -129,7 +129,7 @@ std::vector<Line> side_lines(const PushState& state, const TopHistory& history, 
   std::vector<Line> lines{{{"slowest", Style::kSoft}}};
   size_t count = 0;
   for (const NodeState* node : by_trouble(state)) {
-    if ((node->ended && !is_troubled(*node)) || ++count > kSlowest) break;
+    if ((node->ended && !is_troubled(*node)) || ++count > kSlowestShown) break;
     lines.push_back({{fmt::format("{:<15.15}{:>3.0f}% {}", label_of(*node),
                                   std::min(99.0, node->share * 100), reason_of(*node)),
                       is_troubled(*node) ? Style::kBad : Style::kPlain}});

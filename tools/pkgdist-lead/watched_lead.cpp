@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli_common.h"
+#include "control_path.h"
 #include "counted.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "printable.h"
@@ -15,8 +16,6 @@
 namespace pkgdist::lead_program {
 
 namespace {
-
-constexpr double kAnswerSeconds = 15;
 
 // The names behind the first.
 std::string waiting_text(const std::vector<std::string>& names) {

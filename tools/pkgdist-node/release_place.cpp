@@ -27,7 +27,7 @@ constexpr char kDefaultState[] = "/var/lib/pkgdist/release";
 // a partial file.
 constexpr size_t kMaxLocation = 127;
 constexpr size_t kMaxPath = 255;
-constexpr size_t kSuffix = sizeof ".tmp" - 1;
+constexpr size_t kSuffixBytes = sizeof ".tmp" - 1;
 
 fs::path existing_directory(const std::string& path, const char* option) {
   std::error_code error;
@@ -129,7 +129,7 @@ ReleasePlace open_release_place(const ReleaseOptions& options, bool allow_setuid
   installer.keys = keys_of(options);
   installer.set_id = allow_setuid ? release::SetId::kAllowed : release::SetId::kRefused;
   installer.hard_links = options.hard_links;
-  installer.longest_path = kMaxPath - kSuffix - place.incoming().size();
+  installer.longest_path = kMaxPath - kSuffixBytes - place.incoming().size();
   if (options.enforce_expiry) installer.now = time_now;
   return place;
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "beneath.h"
 #include "last_error.h"
 #include "pkgdist/status.h"
 
@@ -16,9 +17,8 @@ namespace pkgdist::node_program {
 namespace {
 
 constexpr char kMemoryDirectory[] = "/dev/shm";
-constexpr char kPartialSuffix[] = ".tmp";
 // Bytes of a whole path in the library.
-constexpr size_t kMaxPath = 255;
+constexpr size_t kMaxWholePath = 255;
 // A write that ended short with more room than this was not stopped by a full disk: a batch of
 // datagrams has less.
 constexpr uint64_t kRoomOfOneWrite = 1 << 20;
@@ -119,9 +119,9 @@ std::string StorageTrouble::refusal(uint32_t location, const std::string& name) 
   if (found == locations_.end()) return fmt::format("there is no --location {}", location);
   const size_t suffix = found->second.memory ? 0 : sizeof kPartialSuffix - 1;
   const size_t length = found->second.path.size() + name.size() + suffix;
-  if (length <= kMaxPath) return "";
+  if (length <= kMaxWholePath) return "";
   return fmt::format("the name is too long: {} bytes with its location{}, {} at most", length,
-                     suffix == 0 ? "" : " and .tmp", kMaxPath);
+                     suffix == 0 ? "" : " and .tmp", kMaxWholePath);
 }
 
 }  // namespace pkgdist::node_program

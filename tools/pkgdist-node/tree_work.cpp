@@ -30,7 +30,7 @@ constexpr char kNoName[] = "not a name";
 constexpr char kStopped[] = "the node was stopped";  // it has two seconds to end
 constexpr char kBeingReceived[] = "it is being received";
 
-std::string error_text(int error) {
+std::string text_of_error(int error) {
   return std::generic_category().message(error);
 }
 
@@ -120,7 +120,7 @@ class Lister {
   void list(int top, const cli::KnownNames& known) {
     const Fd directory = open_directory_beneath(top, known.directory, O_RDONLY);
     if (!directory) {
-      if (errno != ENOENT) problem(known.directory, error_text(errno));
+      if (errno != ENOENT) problem(known.directory, text_of_error(errno));
       return;
     }
     if (known.directory == "." && ::faccessat(top, kReleases, F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -147,7 +147,7 @@ class Lister {
     struct stat above {};
     (void)::fstat(fd.get(), &above);
     const Stream stream = stream_of(fd);
-    if (stream == nullptr) return problem(directory, error_text(errno));
+    if (stream == nullptr) return problem(directory, text_of_error(errno));
     for (;;) {
       if (cli::stop_signal() != 0) return problem(directory, kStopped);
       errno = 0;
@@ -156,7 +156,7 @@ class Lister {
       const std::string name = entry->d_name;
       if (is_name(name) && wanted(name) && !take(fd, above, directory, name)) return false;
     }
-    return errno == 0 || problem(directory, error_text(errno));
+    return errno == 0 || problem(directory, text_of_error(errno));
   }
 
   bool take(const Fd& at, const struct stat& above, const std::string& directory,
@@ -164,7 +164,7 @@ class Lister {
     struct stat status {};
     const std::string whole = join(directory, name);
     if (::fstatat(at.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-      return errno == ENOENT || problem(whole, error_text(errno));
+      return errno == ENOENT || problem(whole, text_of_error(errno));
     if (is_being_received(name, status)) return true;
     if (status.st_dev != above.st_dev) return problem(whole, kOtherFileSystem);
     if (answer_.names.size() == most_) {
@@ -175,7 +175,7 @@ class Lister {
     answer_.names.push_back({whole, is_directory ? cli::kStateDirectory : cli::kStateFile});
     if (!is_directory || !deep_) return true;
     const Fd inside = open_directory_beneath(at.get(), name, O_RDONLY);
-    if (!inside) return problem(whole, error_text(errno));
+    if (!inside) return problem(whole, text_of_error(errno));
     return read(inside, whole, [](const std::string&) { return true; });
   }
 
@@ -189,9 +189,9 @@ std::string remove_at(const Fd& parent, const std::string& name, dev_t device);
 
 std::string empty_directory(const Fd& parent, const std::string& name, dev_t device) {
   const Fd directory = open_directory_beneath(parent.get(), name, O_RDONLY);
-  if (!directory) return error_text(errno);
+  if (!directory) return text_of_error(errno);
   const Stream stream = stream_of(directory);
-  if (stream == nullptr) return error_text(errno);
+  if (stream == nullptr) return text_of_error(errno);
   std::string first;
   while (const dirent* entry = ::readdir(stream.get())) {
     const std::string inside = entry->d_name;
@@ -206,22 +206,22 @@ std::string remove_at(const Fd& parent, const std::string& name, dev_t device) {
   struct stat status {};
   if (cli::stop_signal() != 0) return kStopped;
   if (::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-    return errno == ENOENT ? "" : error_text(errno);
+    return errno == ENOENT ? "" : text_of_error(errno);
   if (status.st_dev != device) return kOtherFileSystem;
   if (is_being_received(name, status)) return kBeingReceived;
   const bool is_directory = S_ISDIR(status.st_mode);
   std::string why = is_directory ? empty_directory(parent, name, device) : "";
   if (!why.empty()) return why;
   if (::unlinkat(parent.get(), name.c_str(), is_directory ? AT_REMOVEDIR : 0) == 0) return "";
-  return errno == ENOENT ? "" : error_text(errno);
+  return errno == ENOENT ? "" : text_of_error(errno);
 }
 
 std::string remove_beneath(const Fd& top, const std::string& name) {
   if (components_of(name).empty()) return kNoName;
   const auto [parent, last] = open_place_beneath(top.get(), name);
   struct stat status {};
-  if (!parent) return errno == ENOENT || errno == ENOTDIR ? "" : error_text(errno);
-  if (::fstat(parent.get(), &status) != 0) return error_text(errno);
+  if (!parent) return errno == ENOENT || errno == ENOTDIR ? "" : text_of_error(errno);
+  if (::fstat(parent.get(), &status) != 0) return text_of_error(errno);
   return remove_at(parent, last, status.st_dev);
 }
 
@@ -231,12 +231,12 @@ NodeAnswer set_directories(const TreePlace& place, const cli::NodeQuestion& ques
   NodeAnswer answer{.number = question.number};
   const Fd top = open_top(place);
   if (!top) {
-    answer.states.push_back(error_text(errno));
+    answer.states.push_back(text_of_error(errno));
     return answer;
   }
   for (const cli::TreeDirectory& wanted : question.directories)
     if (const int error = set_directory(place, top, wanted); error != 0)
-      answer.problems.push_back({wanted.name, error_text(error)});
+      answer.problems.push_back({wanted.name, text_of_error(error)});
   answer.states.emplace_back(cli::kStateDone);
   return answer;
 }
@@ -246,7 +246,7 @@ NodeAnswer list_other_names(const TreePlace& place, const cli::NodeQuestion& que
   NodeAnswer answer{.number = question.number};
   const Fd top = open_top(place);
   if (!top) {
-    answer.states.push_back(error_text(errno));
+    answer.states.push_back(text_of_error(errno));
     return answer;
   }
   Lister lister(question, most, answer);
@@ -260,7 +260,7 @@ NodeAnswer remove_names(const TreePlace& place, const cli::NodeQuestion& questio
   const Fd top = open_top(place);
   const int error = errno;
   for (const std::string& name : question.names) {
-    std::string why = top ? remove_beneath(top, name) : error_text(error);
+    std::string why = top ? remove_beneath(top, name) : text_of_error(error);
     answer.states.push_back(why.empty() ? cli::kStateAbsent : std::move(why));
   }
   return answer;

@@ -73,14 +73,14 @@ struct Options {
   std::optional<cli::Endpoint> listen;
 };
 
-using Kind = cli::Output::Kind;
+using OutputKind = cli::Output::Kind;
 
 void print(std::string text) {
-  cli::standard_output().write(std::move(text), Kind::kResult);
+  cli::standard_output().write(std::move(text), OutputKind::kResult);
 }
 
 void print_line(const std::string& line) {
-  cli::standard_output().line(line, Kind::kResult);
+  cli::standard_output().line(line, OutputKind::kResult);
 }
 
 bool stopped() {
@@ -186,7 +186,8 @@ int clean() {
 
 void print_list(const Options& options, const std::vector<Statistics>& listing) {
   const cli::JsonEvents events(options.json);
-  for (const Statistics& one : listing) events.print("process", process_json(one), Kind::kResult);
+  for (const Statistics& one : listing)
+    events.print("process", process_json(one), OutputKind::kResult);
   if (options.json) return;
   for (const std::string& line : list_of(listing)) print_line(line);
 }

@@ -8,7 +8,6 @@ namespace pkgdist::stat {
 namespace {
 
 using Json = nlohmann::ordered_json;
-constexpr double kNsPerSecond = 1e9;
 
 double in_seconds(uint64_t ns) {
   return cli::rounded(static_cast<double>(ns) / kNsPerSecond, cli::kSecondDecimals);

@@ -170,11 +170,11 @@ Statistics read_statistics_of(const tools::FoundObject& found) {
 }
 
 uint64_t stamp_offset_ns() {
-  constexpr int64_t kNsPerSecond = 1'000'000'000;
+  constexpr int64_t kWholeNsPerSecond = 1'000'000'000;
   const auto now = [](clockid_t clock) {
     timespec time{};
     clock_gettime(clock, &time);
-    return time.tv_sec * kNsPerSecond + time.tv_nsec;
+    return time.tv_sec * kWholeNsPerSecond + time.tv_nsec;
   };
   return static_cast<uint64_t>(now(CLOCK_REALTIME) - now(CLOCK_MONOTONIC));
 }

@@ -12,6 +12,8 @@
 
 namespace pkgdist::stat {
 
+inline constexpr double kNsPerSecond = 1e9;
+
 inline constexpr size_t kBuckets = 8;
 // Bucket i of a histogram holds times below kBucketEndsNs[i]; the last has no end.
 inline constexpr std::array<uint64_t, kBuckets - 1> kBucketEndsNs = {

@@ -16,8 +16,6 @@ using prometheus::MetricFamily;
 using prometheus::MetricType;
 using Labels = std::vector<ClientMetric::Label>;
 
-constexpr double kNsPerSecond = 1e9;
-
 // A metric's name may only have these characters; foreign tables may be called anything.
 std::string metric_name(const std::string& text) {
   std::string name;

@@ -11,8 +11,6 @@ namespace pkgdist::stat {
 
 namespace {
 
-constexpr double kNsPerSecond = 1e9;
-
 struct Row {
   std::string label;  // with the table's short name: labels of several tables are alike
   uint64_t now = 0;

@@ -11,7 +11,6 @@ namespace pkgdist::stat {
 namespace {
 
 constexpr uint64_t kBarWidth = 40;
-constexpr double kNsPerSecond = 1e9;
 
 // "  +12  (4.0/s)"; nothing when nothing was added.
 std::string change(uint64_t now, uint64_t before, double seconds) {

@@ -19,7 +19,7 @@ namespace {
 
 constexpr auto kResult = cli::Output::Kind::kResult;
 
-void print(std::string text) {
+void write_out(std::string text) {
   cli::standard_output().write(std::move(text), kResult);
 }
 
@@ -47,7 +47,7 @@ bool View::show(const std::vector<tools::FoundObject>& chosen) {
     }
   }
   if (options_.format == Format::kPrometheus)
-    print(prometheus_text(samples));
+    write_out(prometheus_text(samples));
   else if (options_.format == Format::kJson)
     print_events(samples);
   else
@@ -108,7 +108,7 @@ void View::print_text(const std::vector<Sample>& samples) const {
     text += cli::printable(line) + (screen ? "\x1b[K\n" : "\n");
   if (screen) text += "\x1b[J";
   if (options_.watch && !screen) text += "\n";
-  print(std::move(text));
+  write_out(std::move(text));
 }
 
 }  // namespace pkgdist::stat

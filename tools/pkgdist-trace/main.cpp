@@ -25,7 +25,6 @@ namespace {
 
 constexpr double kFollowSeconds = 0.2;  // from one look at the file to the next
 constexpr int kPatience = 10;           // looks that a record may take to be finished
-constexpr double kNsPerSecond = 1e9;
 
 constexpr const char* kFooter = R"(
 SOURCE is the number or name of a process, or a file; by default the only process that runs. Traces are

@@ -10,7 +10,6 @@ namespace pkgdist::trace {
 
 namespace {
 
-constexpr double kNsPerSecond = 1e9;
 constexpr double kLatestSecond = 1e10;  // of the epoch; far enough and still exact in nanoseconds
 
 bool matches(const std::string& pattern, const std::string& text) {

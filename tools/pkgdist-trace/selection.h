@@ -9,6 +9,8 @@
 
 namespace pkgdist::trace {
 
+inline constexpr double kNsPerSecond = 1e9;
+
 enum class Level { kError, kWarning, kInfo };
 
 // The severity of a statement: errors have a ring of their own; of the others those are warnings

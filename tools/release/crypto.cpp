@@ -27,7 +27,7 @@ Key key_of(const Ed25519Seed& seed) {
   return key;
 }
 
-int hex_value(char digit) {
+int lower_hex_value(char digit) {
   if (digit >= '0' && digit <= '9') return digit - '0';
   if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
   return -1;
@@ -115,8 +115,8 @@ std::optional<Digest> digest_from_hex(std::string_view text) {
   Digest digest;
   if (text.size() != digest.size() * 2) return std::nullopt;
   for (size_t i = 0; i < digest.size(); ++i) {
-    const int high = hex_value(text[2 * i]);
-    const int low = hex_value(text[2 * i + 1]);
+    const int high = lower_hex_value(text[2 * i]);
+    const int low = lower_hex_value(text[2 * i + 1]);
     if (high < 0 || low < 0) return std::nullopt;
     digest[i] = static_cast<uint8_t>(high * 16 + low);
   }

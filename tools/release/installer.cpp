@@ -11,8 +11,6 @@ namespace pkgdist::release {
 
 namespace {
 
-constexpr size_t kMaxLeavesBytes = size_t{1} << 30;  // of 2 TiB
-constexpr unsigned kPrivateDirectory = 0700;
 constexpr unsigned kReleaseDirectoryMode = 0711;
 
 Fd open_place(const std::string& path) {

@@ -14,9 +14,6 @@ namespace pkgdist::release {
 
 namespace {
 
-constexpr size_t kMaxLeavesBytes = size_t{1} << 30;  // of 2 TiB
-constexpr uint32_t kPermissions = 07777;
-
 bool is_same_file(int at, const std::string& path, int fd) {
   struct stat by_path {};
   struct stat by_fd {};

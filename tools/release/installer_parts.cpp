@@ -20,8 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kMaxLeavesBytes = size_t{1} << 30;  // of 2 TiB
-constexpr char kPartialSuffix[] = ".tmp";            // of the receive library
+constexpr char kPartialSuffix[] = ".tmp";  // of the receive library
 
 bool holds_leaf(int fd, uint64_t at, std::vector<uint8_t>& block, const Digest& leaf) {
   return pread(fd, block.data(), block.size(), static_cast<off_t>(at)) ==

@@ -14,7 +14,6 @@ namespace pkgdist::release {
 namespace {
 
 constexpr size_t kMaxStateBytes = 1 << 20;
-constexpr unsigned kPrivateDirectory = 0700;
 constexpr unsigned kPlaceMode = 0711;
 
 }  // namespace

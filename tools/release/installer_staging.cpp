@@ -15,12 +15,6 @@
 
 namespace pkgdist::release {
 
-namespace {
-
-constexpr unsigned kPrivateDirectory = 0700;
-
-}  // namespace
-
 void Installer::expect(const Manifest& manifest, bool present) {
   std::vector<Expected> expected;
   expected.reserve(manifest.entries.size());

@@ -12,7 +12,7 @@ bool needs_escape(unsigned char byte) {
   return byte <= 0x20 || byte == 0x7F || byte == '%';
 }
 
-int hex_value(char digit) {
+int upper_hex_value(char digit) {
   if (digit >= '0' && digit <= '9') return digit - '0';
   if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
   return -1;
@@ -53,8 +53,8 @@ std::optional<std::string> unescape(std::string_view text) {
     auto byte = static_cast<unsigned char>(text[i]);
     const bool escaped = byte == '%';
     if (escaped) {
-      const int high = text.size() - i < 3 ? -1 : hex_value(text[i + 1]);
-      const int low = text.size() - i < 3 ? -1 : hex_value(text[i + 2]);
+      const int high = text.size() - i < 3 ? -1 : upper_hex_value(text[i + 1]);
+      const int low = text.size() - i < 3 ? -1 : upper_hex_value(text[i + 2]);
       if (high < 0 || low < 0) return std::nullopt;
       byte = static_cast<unsigned char>(high * 16 + low);
       i += 2;

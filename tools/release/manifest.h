@@ -27,6 +27,8 @@ namespace pkgdist::release {
 
 enum class Kind : char { kDirectory = 'd', kFile = 'f', kLink = 'l' };
 
+inline constexpr uint32_t kPermissions = 07777;  // of a mode, what an entry has
+
 struct Entry {
   Kind kind = Kind::kFile;
   uint32_t mode = 0;   // permission bits; not of links
@@ -56,6 +58,7 @@ inline constexpr char kLeavesPath[] = ".pkgdist/leaves";
 
 // Limits. A manifest is held in memory, twice while it is parsed.
 inline constexpr size_t kMaxManifestBytes = size_t{64} << 20;
+inline constexpr size_t kMaxLeavesBytes = size_t{1} << 30;  // of 2 TiB
 inline constexpr size_t kMaxEntries = 1'000'000;
 inline constexpr size_t kMaxPathBytes = 4095;
 inline constexpr size_t kMaxComponentBytes = 255;

@@ -82,7 +82,7 @@ void hash_name(int root, Entry& entry) {
 }
 
 // Null: nothing differs.
-const char* difference(const Entry& said, const Entry& found) {
+const char* why_another(const Entry& said, const Entry& found) {
   if (said.kind != found.kind) return said.kind == Kind::kLink ? "it is no link" : "it is a link";
   if (said.size != found.size) return "it has another size";
   if (said.digest != found.digest) return "it has another content";
@@ -202,7 +202,7 @@ std::vector<NamedProblem> content_differences(const std::vector<Entry>& said,
   std::vector<NamedProblem> problems = std::move(found.problems);
   for (const Entry& entry : said)
     if (const auto there = by_name.find(entry.path); there != by_name.end())
-      if (const char* what = difference(entry, *there->second); what != nullptr)
+      if (const char* what = why_another(entry, *there->second); what != nullptr)
         problems.push_back({entry.path, what});
   std::sort(problems.begin(), problems.end(),
             [](const NamedProblem& a, const NamedProblem& b) { return a.name < b.name; });

@@ -13,8 +13,6 @@ namespace pkgdist::release {
 
 namespace {
 
-constexpr mode_t kPermissions = 07777;
-
 mode_t type_of(Kind kind) {
   return kind == Kind::kDirectory ? S_IFDIR : kind == Kind::kLink ? S_IFLNK : S_IFREG;
 }
@@ -26,7 +24,7 @@ std::string target_of(int link) {
 }
 
 // What the first thing is in which the entry differs; null when nothing does.
-const char* difference(const Entry& entry, int fd) {
+const char* difference_on_disk(const Entry& entry, int fd) {
   struct stat status {};
   if (fstat(fd, &status) != 0) return "kind";
   if ((status.st_mode & S_IFMT) != type_of(entry.kind)) return "kind";
@@ -45,7 +43,7 @@ std::vector<std::string> quick_differences(const Manifest& manifest, const std::
     const Fd found(open_beneath(root.get(), entry.path.c_str(), O_PATH | O_NOFOLLOW));
     if (!found)
       texts.push_back("missing: " + entry.path);
-    else if (const char* what = difference(entry, found.get()); what != nullptr)
+    else if (const char* what = difference_on_disk(entry, found.get()); what != nullptr)
       texts.push_back(fmt::format("{} differs: {}", what, entry.path));
   }
   return texts;

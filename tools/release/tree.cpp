@@ -18,8 +18,6 @@ namespace pkgdist::release {
 
 namespace {
 
-constexpr uint32_t kPermissions = 07777;
-
 [[noreturn]] void refuse(const std::string& path, const char* why) {
   throw Refused(Reason::kTree, fmt::format("'{}' {}", path, why));
 }

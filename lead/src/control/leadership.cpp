@@ -13,7 +13,7 @@ constexpr uint32_t kQuestions = 3;
 // Above the 7.5 s of the nodes' patience.
 constexpr Time kSwitchTime = 8 * kSecond;
 // Who is heard again after a longer pause was not there all the time: three pings may get lost.
-constexpr Time kLongestPause = 3500 * kMillisecond;
+constexpr Time kRivalForgottenAfter = 3500 * kMillisecond;
 // However many others ask.
 constexpr Time kLongestListening = 2 * kSecond;
 
@@ -32,7 +32,7 @@ bool Leadership::yields_to(uint32_t address, uint32_t since, bool followed, Time
 
 // How long a rival has been heard without a long pause.
 Time Leadership::heard_for(uint32_t address, Time now) {
-  if (address != rival_ || elapsed(now, rival_heard_) > kLongestPause) rival_since_ = now;
+  if (address != rival_ || elapsed(now, rival_heard_) > kRivalForgottenAfter) rival_since_ = now;
   rival_ = address;
   rival_heard_ = now;
   return elapsed(now, rival_since_);

@@ -8,10 +8,10 @@ namespace {
 
 // Without an answer a message is sent again after this time, doubling up to the ceiling. A node
 // asks for single segments after a quarter of a second without one.
-constexpr Time kFirstRetry = 100 * kMillisecond;
-constexpr Time kMaxRetry = 400 * kMillisecond;
+constexpr Time kFirstRepeat = 100 * kMillisecond;
+constexpr Time kMaxRepeat = 400 * kMillisecond;
 // A message is not sent again as a whole within this time, nor within a round trip.
-constexpr Time kResendHoldoff = 20 * kMillisecond;
+constexpr Time kRepeatHoldoff = 20 * kMillisecond;
 
 }  // namespace
 
@@ -22,10 +22,10 @@ NodeStreams::NodeStreams(const Settings& self, const NodeTable& nodes, DatagramS
       sink_(sink),
       counters_(counters),
       acknowledged_(std::move(acknowledged)),
-      resend_holdoff_(kResendHoldoff) {}
+      resend_holdoff_(kRepeatHoldoff) {}
 
 void NodeStreams::set_round_trip(Time round_trip) {
-  resend_holdoff_ = std::max(kResendHoldoff, round_trip);
+  resend_holdoff_ = std::max(kRepeatHoldoff, round_trip);
 }
 
 void NodeStreams::post(MessageId id, NodeIndex node, uint32_t msg_class,
@@ -125,7 +125,7 @@ void NodeStreams::remove(NodeIndex node) {
 }
 
 Time NodeStreams::retry_at(const Waiting& waiting) {
-  return waiting.last_sent + backoff(kFirstRetry, waiting.attempts, kMaxRetry);
+  return waiting.last_sent + backoff(kFirstRepeat, waiting.attempts, kMaxRepeat);
 }
 
 void NodeStreams::run(Time now) {

@@ -8,7 +8,7 @@ namespace pkgdist::lead {
 
 namespace {
 
-constexpr Time kLookPeriod = kSecond;
+constexpr Time kReachPeriod = kSecond;
 // How long a node may leave all of its lists unacknowledged: they are sent again every second.
 constexpr Time kListPatience = 45 * kSecond;
 // One that is not heard at all for so long may be away and come back, which is for the node
@@ -20,7 +20,7 @@ constexpr Time kAway = 25 * kSecond;
 std::vector<std::pair<NodeIndex, uint64_t>> Reachability::look(Time now) {
   std::vector<std::pair<NodeIndex, uint64_t>> unreachable;
   if (now < next_look_) return unreachable;
-  next_look_ = now + kLookPeriod;
+  next_look_ = now + kReachPeriod;
   for (NodeIndex node = 0; node < members_.size(); ++node) {
     if (!members_[node].present || members_[node].left == 0) continue;
     if (const uint64_t status = judge(node, now); status != 0)
