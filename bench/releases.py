@@ -121,6 +121,16 @@ class Round:
             self.check(tree, [self.place(host, "pushes") for host in self.net.nodes])
         self.net.stop_processes()
 
+    def compared_pushes(self):
+        for host in self.net.nodes:
+            host.spawn([self.programs.node, "--interface", host.address, "--umask", "0", "--location",
+                        f"1={self.place(host, 'compared')}", "run"], stdout=subprocess.DEVNULL)
+        for name, tree in (("first --checksum", self.tree.first), ("second --checksum", self.tree.second)):
+            self.measure(name, lambda root=tree: self.lead("--location", f"1={root}", "push", "--durable", "--checksum",
+                                                           "--nodes", str(NODES), "--exclude", ".pkgdist", root))
+            self.check(tree, [self.place(host, "compared") for host in self.net.nodes])
+        self.net.stop_processes()
+
     def rsync(self):
         if shutil.which("rsync") is None:
             return
@@ -151,11 +161,19 @@ class Round:
             thread.join()
 
 
-def show(rounds):
-    print(f"\n{'':18}{'seconds':>9}{'lead sends':>14}{'nodes send':>14}")
+def stolen_seconds():
+    with open("/proc/stat", encoding="ascii") as file:
+        return int(file.readline().split()[8]) / os.sysconf("SC_CLK_TCK")
+
+
+def show(rounds, stolen):
+    print(f"\n{'':18}{'seconds':>9}{'(range)':>16}{'lead sends':>14}{'nodes send':>14}")
     for way in rounds[0]:
         seconds, lead_bytes, node_bytes = (statistics.median(r[way][i] for r in rounds) for i in range(3))
-        print(f"{way:18}{seconds:9.2f}{lead_bytes / 1e6:11.2f} MB{node_bytes / 1e6:11.2f} MB")
+        times = [r[way][0] for r in rounds]
+        spread = f"({min(times):.2f}-{max(times):.2f})"
+        print(f"{way:18}{seconds:9.2f}{spread:>16}{lead_bytes / 1e6:11.2f} MB{node_bytes / 1e6:11.2f} MB")
+    print(f"the hypervisor took {stolen_seconds() - stolen:.1f} s of processors meanwhile")
 
 
 def main():
@@ -168,7 +186,7 @@ def main():
     if shutil.which("rsync") is None:
         print("rsync is not installed: left out (scripts/setup peers)")
     programs = lab.Programs(options.build)
-    rounds = []
+    rounds, stolen = [], stolen_seconds()
     for _ in range(options.rounds):
         work = lab.work_directory()
         try:
@@ -183,13 +201,14 @@ def main():
                 one = Round(net, programs, work, tree)
                 one.releases()
                 one.pushes()
+                one.compared_pushes()
                 one.rsync()
             rounds.append(one.results)
         finally:
             lab.remove(work)
     print(f"{options.files} files of {FILE_BYTES} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
           f"{NODES} nodes; medians of {options.rounds}")
-    show(rounds)
+    show(rounds, stolen)
 
 
 main()

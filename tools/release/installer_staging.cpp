@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "installer.h"
@@ -32,13 +33,14 @@ void Installer::expect(const Manifest& manifest, bool present) {
   const std::lock_guard lock(mutex_);
   expected_.swap(expected);  // what was there goes without the lock
   missing_ = missing;
+  leaf_ = manifest.leaf;
+  coming_ = candidate_ && !present ? staging_of(*candidate_) : "";
   parts_.clear();
 }
 
 // Without a candidate when it cannot be built: what is whole stays where it is.
 void Installer::build_staging(const Manifest& manifest) {
   try {
-    leaf_ = manifest.leaf;
     const Contents current = contents_of_current();
     disk_.set_mode(place_.get(), staging_of(*candidate_), kPrivateDirectory);
     expect(manifest, false);
@@ -69,6 +71,7 @@ void Installer::require_room() const {
   uint64_t bytes = 0;
   for (const Expected& expected : expected_)
     if (!expected.present) bytes += expected.entry.size;
+  bytes -= std::min(bytes, partial_bytes());
   struct statvfs room {};
   if (fstatvfs(place_.get(), &room) != 0) return;
   const uint64_t blocks = geteuid() == 0 ? room.f_bfree : room.f_bavail;
