@@ -42,6 +42,7 @@
 #include "install_state.h"
 #include "manifest.h"
 #include "minisign.h"
+#include "settled_files.h"
 
 namespace pkgdist::release {
 
@@ -114,6 +115,8 @@ class Installer {
   bool ready() const { return ready_; }
   // What the link `current` names.
   std::optional<InstalledRelease> current() const;
+  // Of it; empty: never, or it cannot be read.
+  std::string expires() const;
   // Both from any thread, too.
   size_t missing() const;  // files
   // A bit for each file of the candidate in the order of its manifest, set when it is missing, from
@@ -153,10 +156,11 @@ class Installer {
   void build_staging(const Manifest& manifest);
   void make_entry(const Entry& entry, const Contents& current);
   void require_room() const;
-  bool is_staged(const Entry& entry) const;
+  void check_staged(const Manifest& manifest, const Contents& current);
+  bool is_staged(const Entry& entry);
   bool reuse(const Entry& entry, const Contents& current) const;
   Contents contents_of_current() const;
-  void seal(const Entry& entry, int fd) const;
+  void seal(const Entry& entry, int fd);
   std::string staging_problem(const Manifest& manifest) const;
   void complete();
 
@@ -211,6 +215,7 @@ class Installer {
   InstallState state_;
   std::optional<InstalledRelease> candidate_;
   bool ready_ = false;
+  SettledFiles settled_;            // of the tree that is being made
   mutable std::mutex mutex_;        // guards what ask() reads, which the one thread writes:
   uint32_t leaf_ = kLeafBytes;      // of the release that is listed here
   std::string coming_;              // directory of the tree that is being made, "" when none is

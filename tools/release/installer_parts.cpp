@@ -117,8 +117,8 @@ uint64_t Installer::partial_bytes() const {
     const Fd partial(open_beneath(place_.get(), partial_of(file.entry.path).c_str(), O_RDONLY));
     struct stat status {};
     if (partial && fstat(partial.get(), &status) == 0)
-      bytes += std::min<uint64_t>(static_cast<uint64_t>(status.st_blocks) * kBlock,
-                                  file.entry.size);
+      bytes +=
+          std::min<uint64_t>(static_cast<uint64_t>(status.st_blocks) * kBlock, file.entry.size);
   }
   return bytes;
 }

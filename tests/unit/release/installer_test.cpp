@@ -311,6 +311,20 @@ TEST_F(Install, what_changes_in_staging_is_found_before_the_release_is_ready) {
   }
 }
 
+TEST_F(Install, what_was_reused_and_changes_before_the_release_is_ready_is_found) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  const std::string staged = ".pkgdist/staging/" + directory_name(*node_->candidate()) + "/same";
+  std::string content = place_.read(staged);
+  ASSERT_EQ(kSame, content);
+  content[kLeafBytes] ^= 1;
+  place_.write(staged, content);
+  EXPECT_EQ(Reason::kTree, refusal([&] { bring_files(seven_); }));
+  EXPECT_FALSE(node_->ready());
+  EXPECT_TRUE(current_is(six_));
+}
+
 TEST_F(Install, another_manifest_than_the_one_that_was_ordered_is_refused) {
   start();
   bring(kManifestPath, six_.text);
