@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """What a signed release takes, in time and in bytes on the wire: the first one, and a second one of which 1 % of the
-bytes are other ones, to three nodes; beside a plain push of the same tree, and beside rsync to each node.
+bytes are other ones (hard links for the rest), to three nodes; beside a plain push of the same tree, and beside rsync to each node.
 
-    bench/releases.py BUILD [--files N] [--rounds N]
+    bench/releases.py BUILD [--files N] [--bytes N] [--rounds N]
 
 Everything runs in network namespaces of this process's own. Needs minisign; rsync is left out when it is not there
 (scripts/setup peers installs both).
@@ -21,7 +21,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import lab  # noqa: E402
 
 NODES = 3
-FILE_BYTES = 4000
 FILES_IN_A_DIRECTORY = 100
 CHANGED_SHARE = 0.01
 FIRST_TIME = 1_700_000_000
@@ -32,7 +31,8 @@ class Tree:
     """Two trees: the second has 1 % of its files changed, and later times for them: a push and rsync take files of
     one size and time for the same."""
 
-    def __init__(self, work, files):
+    def __init__(self, work, files, size):
+        self.size = size
         self.first, self.second = os.path.join(work, "tree-1"), os.path.join(work, "tree-2")
         for i in range(files):
             self._write(self.first, i, FIRST_TIME)
@@ -40,13 +40,12 @@ class Tree:
         for i in range(0, files, round(1 / CHANGED_SHARE)):
             self._write(self.second, i, FIRST_TIME + 1)
 
-    @staticmethod
-    def _write(root, i, time_of_change):
+    def _write(self, root, i, time_of_change):
         directory = os.path.join(root, f"{i // FILES_IN_A_DIRECTORY:03}")
         os.makedirs(directory, exist_ok=True)
         path = os.path.join(directory, f"{i:05}")
         with open(path, "wb") as file:
-            file.write(os.urandom(FILE_BYTES))
+            file.write(os.urandom(self.size))
         os.utime(path, (time_of_change, time_of_change))
 
 
@@ -104,7 +103,7 @@ class Round:
     def releases(self):
         for host in self.net.nodes:
             host.spawn([self.programs.node, "--interface", host.address, "run", "--releases",
-                        f"bench={self.place(host, 'releases')}", "--keys", self.keys, "--state",
+                        f"bench={self.place(host, 'releases')}", "--hardlink", "--keys", self.keys, "--state",
                         self.place(host, "state")], stdout=subprocess.DEVNULL)
         for name, tree in (("first release", self.tree.first), ("second release", self.tree.second)):
             self.measure(name, lambda root=tree: self.lead("push", "--release", root, "--nodes", str(NODES)))
@@ -119,6 +118,16 @@ class Round:
             self.measure(name, lambda root=tree: self.lead("--location", f"1={root}", "push", "--durable", "--nodes",
                                                            str(NODES), "--exclude", ".pkgdist", root))
             self.check(tree, [self.place(host, "pushes") for host in self.net.nodes])
+        self.net.stop_processes()
+
+    def compared_pushes(self):
+        for host in self.net.nodes:
+            host.spawn([self.programs.node, "--interface", host.address, "--umask", "0", "--location",
+                        f"1={self.place(host, 'compared')}", "run"], stdout=subprocess.DEVNULL)
+        for name, tree in (("first --checksum", self.tree.first), ("second --checksum", self.tree.second)):
+            self.measure(name, lambda root=tree: self.lead("--location", f"1={root}", "push", "--durable", "--checksum",
+                                                           "--nodes", str(NODES), "--exclude", ".pkgdist", root))
+            self.check(tree, [self.place(host, "compared") for host in self.net.nodes])
         self.net.stop_processes()
 
     def rsync(self):
@@ -151,24 +160,33 @@ class Round:
             thread.join()
 
 
-def show(rounds):
-    print(f"\n{'':18}{'seconds':>9}{'lead sends':>14}{'nodes send':>14}")
+def stolen_seconds():
+    with open("/proc/stat", encoding="ascii") as file:
+        return int(file.readline().split()[8]) / os.sysconf("SC_CLK_TCK")
+
+
+def show(rounds, stolen):
+    print(f"\n{'':18}{'seconds':>9}{'(range)':>16}{'lead sends':>14}{'nodes send':>14}")
     for way in rounds[0]:
         seconds, lead_bytes, node_bytes = (statistics.median(r[way][i] for r in rounds) for i in range(3))
-        print(f"{way:18}{seconds:9.2f}{lead_bytes / 1e6:11.2f} MB{node_bytes / 1e6:11.2f} MB")
+        times = [r[way][0] for r in rounds]
+        spread = f"({min(times):.2f}-{max(times):.2f})"
+        print(f"{way:18}{seconds:9.2f}{spread:>16}{lead_bytes / 1e6:11.2f} MB{node_bytes / 1e6:11.2f} MB")
+    print(f"the hypervisor took {stolen_seconds() - stolen:.1f} s of processors meanwhile")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build")
     parser.add_argument("--files", type=int, default=10_000)
+    parser.add_argument("--bytes", type=int, default=4000, help="of each file")
     parser.add_argument("--rounds", type=int, default=3)
     options = parser.parse_args()
     lab.enter()
     if shutil.which("rsync") is None:
         print("rsync is not installed: left out (scripts/setup peers)")
     programs = lab.Programs(options.build)
-    rounds = []
+    rounds, stolen = [], stolen_seconds()
     for _ in range(options.rounds):
         work = lab.work_directory()
         try:
@@ -176,20 +194,21 @@ def main():
             secret = os.path.join(work, "secret.key")
             subprocess.run(["minisign", "-G", "-W", "-p", os.path.join(work, "keys", "bench.pub"), "-s", secret],
                            check=True, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
-            tree = Tree(work, options.files)
+            tree = Tree(work, options.files, options.bytes)
             sign(programs, tree.first, 1, secret)
             sign(programs, tree.second, 2, secret)
             with lab.Lab(nodes=NODES) as net:
                 one = Round(net, programs, work, tree)
                 one.releases()
                 one.pushes()
+                one.compared_pushes()
                 one.rsync()
             rounds.append(one.results)
         finally:
             lab.remove(work)
-    print(f"{options.files} files of {FILE_BYTES} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
+    print(f"{options.files} files of {options.bytes} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
           f"{NODES} nodes; medians of {options.rounds}")
-    show(rounds)
+    show(rounds, stolen)
 
 
 main()

@@ -14,6 +14,7 @@
 #include "pkgdist_data_recv_ctx.h"
 #include "pkgdist_data_recv_done.h"
 #include "pkgdist_data_recv_file_write.h"
+#include "pkgdist_data_recv_resume.h"
 #include "pkgdist_data_recv_rx_thread.h"
 #include "pkgdist_export.h"
 #include "pkgdist_log.h"
@@ -77,12 +78,13 @@ void take(Stat* entry) {
   G_file_stat_db.remove(entry);
 }
 
-// Closes an unfinished file and deletes what it left. A new request for the same file may have
-// begun to write under the same partial name meanwhile: then only close.
+// Closes an unfinished file and deletes what it left. Then only close: when a new request for the
+// same file may have begun to write under the same partial name meanwhile, and when the next
+// transfer may go on with it.
 void discard_unfinished(Entry& entry) {
   const FileRecvDbGuard lock(Caller::here("pkgdist_file_recv_db_free"));
   const Entry* heir = file_recv_find(entry.path, entry.location);
-  if (heir == nullptr || heir->fd == -1) {
+  if (!keeps_partial(entry) && (heir == nullptr || heir->fd == -1)) {
     discard_partial(entry);
     return;
   }

@@ -68,6 +68,10 @@ bool pkgdist::may_resume(const Entry& entry) {
   return load(resume) != nullptr && entry.memory == 0 && entry.symlink == 0 && entry.size != 0;
 }
 
+bool pkgdist::keeps_partial(const Entry& entry) {
+  return load(resume) != nullptr && entry.memory == 0;
+}
+
 bool pkgdist::resume_partial(Entry& entry) {
   const FilePath path(entry.location, entry.path, kPartialSuffix);
   entry.fd = Beneath(path)(

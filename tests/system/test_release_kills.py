@@ -12,37 +12,48 @@ import time
 
 import lab
 from release_node import ReleaseNode
+from support import BackgroundLead
 
 KILLS = int(os.environ.get("PKGDIST_KILLS", "24"))
 SEED = int(os.environ.get("PKGDIST_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 32)
 ROUND_SECONDS = 180
 HEALTH = ("--health", "sleep 0.1")
+CHANGED_BYTES = 3_000_000
+RATE = "60M"  # a second takes the changed file most of the way: many kills find a part of it
 
 
 class Kills(ReleaseNode):
     def setUp(self):
         super().setUp()
         self.random = random.Random(SEED)
-        self.at = collections.Counter()  # in which state it was killed
+        self.at = collections.Counter()  # in which state it was killed, and beside a part of the large file
+        self.killer = None  # of the round, until its clock runs
 
     def release_files(self, version):
         """Some change, some stay."""
-        return {"big": self.kept, "changes": self.random.randbytes(200_000), f"only/{version}": b"x",
+        return {"big": self.kept, "changes": self.random.randbytes(CHANGED_BYTES), f"only/{version}": b"x",
                 "settings": str(version).encode()}
 
     def test_current_is_a_whole_tree_whenever_the_node_is_killed(self):
         print(f"seed {SEED}, {KILLS} kills")
         self.kept = self.random.randbytes(400_000)
-        self.start_both(*HEALTH)
+        self.start(*HEALTH)
+        self.lead = BackgroundLead(self, "serve", "--rate", RATE)
+        self.wait_for_lead()
+        self.wait_for_state("idle")
+        self.build(1, self.release_files(1))
+        self.push_description()
         began = time.monotonic()
-        self.install(1, self.release_files(1))
+        self.answer(self.order("check"), "fetching")
+        self.fetch()
+        self.activate()
         whole = time.monotonic() - began
         current = 1
         for version in range(2, KILLS + 2):
             self.build(version, self.release_files(version))
-            killer = threading.Thread(target=self.kill_after, args=(self.random.uniform(0, whole), current, version))
-            self.trouble = None
-            killer.start()
+            self.killer = threading.Thread(target=self.kill_after,
+                                           args=(self.random.uniform(0, whole), current, version))
+            killer, self.trouble = self.killer, None
             installed = self.install_somehow()
             killer.join()
             if self.trouble is not None:
@@ -62,6 +73,7 @@ class Kills(ReleaseNode):
         self.kill_node()
         try:
             self.at[self.states()[-1]["state"]] += 1
+            self.at["part of a file"] += os.path.exists(os.path.join(self.place, ".pkgdist/incoming/changes.tmp"))
             version = self.check_tree()
             self.assertIn(version, (old, new))
         except AssertionError as trouble:
@@ -80,6 +92,12 @@ class Kills(ReleaseNode):
 
     def attempt(self):
         self.push("--max-time", "5", paths=[".pkgdist"])
+        if self.killer is not None:
+            self.killer.start()
+            self.killer = None
+        return self.install_checked()
+
+    def install_checked(self):
         state = self.next_state("check", "fetching", "ready", "confirmed", "refused")
         if state["state"] == "refused":
             self.assertIn("was activated before and failed", state["problem"])

@@ -312,6 +312,22 @@ class ServedRelease(Fleet):
         self.assertEqual(result.returncode, 0, result.stderr)
         return result.stdout.split("\n", 1)[1]
 
+    def test_a_release_that_expires_is_told_by_every_program_and_stays(self):
+        self.start_takers()
+        self.serve()
+        self.build(6, SIX, "--expires", "2020-01-02T00:00:00Z")
+        pushed = self.push_release()
+        self.assertIn("the release expired on 2020-01-02T00:00:00Z", pushed.stderr)
+        listed = self.lead_command("releases")
+        self.assertEqual([e["expires"] for e in self.of(listed, "release")], ["2020-01-02T00:00:00Z"] * 3)
+        node = self.net.nodes[0]
+        status = node.run([self.programs.node, "--interface", node.address, "release", "status"], capture_output=True,
+                          text=True, timeout=20)
+        self.assertIn("current: version 6", status.stdout)
+        self.assertIn("expired on 2020-01-02T00:00:00Z", status.stdout)
+        line = 'pkgdist_release_expiry_timestamp_seconds{name="base",version="6"} 1577923200'
+        lab.wait_until(lambda: line in self.scrape(), 10, "the time in the metrics")
+
     def counts(self):
         """{(version, state): nodes}"""
         found = {}

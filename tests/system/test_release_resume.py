@@ -1,5 +1,6 @@
 """A node that ends in the middle of a large file asks for the rest of it afterwards, and nothing else is sent."""
 
+import glob
 import os
 import subprocess
 
@@ -13,8 +14,14 @@ SEGMENT = 1400
 MORE = 300
 
 
+def sent_bytes(host):
+    shown = host.run(["cat", "/sys/class/net/eth0/statistics/tx_bytes"], capture_output=True, text=True, check=True)
+    return int(shown.stdout)
+
+
 class Resume(ReleaseNode):
     NODES = 1
+    OTHERS = ("other",)
 
     def setUp(self):
         super().setUp()
@@ -74,6 +81,37 @@ class Resume(ReleaseNode):
     def test_a_node_that_is_stopped_keeps_what_it_has(self):
         received = self.end_in_the_middle(self.stop_node)
         self.assertLessEqual(self.go_on(), self.segments_beside(received // LEAF * LEAF) + MORE)
+
+    def wait_for_other_lead(self):
+        lab.wait_until(lambda: self.node_events(self.node, "lead-changed")[-1]["lead"] ==
+                       self.net.others["other"].address, 20, "the node to follow the other lead")
+
+    def test_a_lead_that_takes_over_sends_only_the_leaves_that_are_missing(self):
+        received = self.end_in_the_middle(self.lead.kill)
+        self.lead = BackgroundLead(self, "serve", host=self.net.others["other"])
+        before = sent_bytes(self.lead.host)
+        self.wait_for_other_lead()
+        lab.wait_until(lambda: glob.glob(os.path.join(self.place, ".pkgdist/[rs]*/1-*/big")), 20, "the rest of the file")
+        sent = sent_bytes(self.lead.host) - before
+        lacking = SIZE - received // LEAF * LEAF
+        self.assertGreater(sent, lacking)
+        self.assertLess(sent, 1.1 * lacking + MORE * SEGMENT)
+
+    def test_a_lead_that_does_not_know_the_file_leaves_its_part_for_a_push_of_the_release(self):
+        received = self.end_in_the_middle(self.lead.kill)
+        other = self.net.others["other"]
+        command = [self.programs.lead, "--interface", other.address, "--location", f"1={self.directory('empty')}"]
+        other.spawn([*command, "serve"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.wait_for_other_lead()
+        lab.wait_until(lambda: [e for e in self.node_events(self.node, "file") if e["name"] == "big"], 20,
+                       "the end of the reception")
+        self.assertEqual(self.received(), received)
+        before = sent_bytes(other)
+        pushed = other.run([*command, "push", "--release", self.content, "--nodes", self.node.address],
+                           capture_output=True, text=True, timeout=60)
+        self.assertEqual(pushed.returncode, 0, pushed.stderr)
+        self.assertEqual(self.check_tree(), 1)
+        self.assertLess(sent_bytes(other) - before, 1.1 * (SIZE - received // LEAF * LEAF) + MORE * SEGMENT)
 
     def test_a_leaf_that_was_damaged_meanwhile_comes_again(self):
         received = self.end_in_the_middle(self.kill_node)

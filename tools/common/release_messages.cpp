@@ -75,6 +75,7 @@ ReleaseState decode_state(const Json& object) {
   if (object.contains("files")) state.files = decode_base64(object.at("files").get<std::string>());
   if (state.files.size() > kMaxFilesBytes) throw std::length_error("more files than there can be");
   if (object.contains("problem")) state.problem = short_text(object.at("problem"));
+  if (object.contains("expires")) state.expires = short_text(object.at("expires"));
   if (object.contains("drifted")) state.drifted = number<uint64_t>(object.at("drifted"));
   if (!object.contains("drift")) return state;
   for (const Json& path : object.at("drift"))
@@ -104,6 +105,7 @@ std::string release_state_text(const ReleaseState& state) {
   object["missing"] = state.missing;
   if (!state.files.empty()) object["files"] = encode_base64(state.files);
   object["problem"] = state.problem;
+  if (!state.expires.empty()) object["expires"] = state.expires;
   if (state.drifted) object["drifted"] = *state.drifted;
   if (state.drifted) {
     const size_t told = std::min(state.drift.size(), kMaxDrift);

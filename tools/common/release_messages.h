@@ -71,6 +71,7 @@ struct ReleaseState {
   // the least significant bit of the first byte.
   std::vector<uint8_t> files;
   std::string problem;
+  std::string expires;  // when the current release does, "2027-11-21T00:00:00Z"; empty: never
   // After kVerify: whether it was verified, and the first paths that differ.
   std::optional<uint64_t> drifted;
   std::vector<std::string> drift;

@@ -10,10 +10,12 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <stdexcept>
 #include <unordered_map>
 
+#include "expiry.h"
 #include "poller.h"
 #include "printable.h"
 #include "push_figures.h"
@@ -232,6 +234,24 @@ class Metrics::Impl {
       if (gauge == nullptr) gauge = &release_nodes_->Add(labels);
       gauge->Set(count);
     }
+    publish_expiries(programs);
+  }
+
+  // A node that is kept from newer releases shows as one whose release expires.
+  void publish_expiries(const NodePrograms& programs) {
+    for (const auto& [place, state] : programs.releases()) {
+      const std::optional<std::time_t> end = cli::expiry_time(state.expires);
+      if (!state.current || !end) continue;
+      const Labels labels{{"name", cli::printable(state.name)},
+                          {"version", std::to_string(state.current->version)}};
+      if (expiries_.size() >= kMaxReleaseSeries && !expiries_.contains(labels)) continue;
+      if (!release_expiry_)
+        release_expiry_ = &gauges("pkgdist_release_expiry_timestamp_seconds",
+                                  "When a release that some node runs or ran expires.");
+      Gauge*& gauge = expiries_[labels];
+      if (gauge == nullptr) gauge = &release_expiry_->Add(labels);
+      gauge->Set(static_cast<double>(*end));
+    }
   }
 
   prometheus::Family<Gauge>& gauges(const std::string& name, const std::string& help) {
@@ -254,6 +274,8 @@ class Metrics::Impl {
   Gauge& silent_ = gauge("pkgdist_lead_nodes_silent", "Of these, nodes that have fallen silent.");
   prometheus::Family<Gauge>* release_nodes_ = nullptr;  // with the first node that takes releases
   std::map<Labels, Gauge*> releases_;
+  prometheus::Family<Gauge>* release_expiry_ = nullptr;  // with the first release that expires
+  std::map<Labels, Gauge*> expiries_;
   std::optional<Push> push_;
   lead::Time published_ = 0;
   std::unique_ptr<prometheus::Exposer> exposer_;  // the first to go

@@ -2,9 +2,11 @@
 #include <fmt/format.h>
 
 #include <CLI/Error.hpp>
+#include <ctime>
 #include <set>
 
 #include "commands.h"
+#include "expiry.h"
 #include "order_numbers.h"
 #include "output.h"
 #include "pkgdist_lead/udp_transport.h"
@@ -30,6 +32,9 @@ bool open(const LeadOptions& options, ReleaseSource& source) {
     for (size_t i = 0; i < std::min(different.size(), kMaxDifferenceLines); ++i)
       cli::complain(different[i]);
     source = std::move(opened.source);
+    const std::string warning = cli::expiry_warning(source.expires, std::time(nullptr));
+    if (!warning.empty())
+      cli::complain(fmt::format("{}: the release {}", options.release, warning));
     if (different.empty()) return true;
     cli::complain(
         fmt::format("{}: {} of the entries are not as the manifest says; nothing is pushed",

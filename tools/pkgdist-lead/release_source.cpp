@@ -69,6 +69,7 @@ OpenedRelease open_release(const std::string& directory, bool verify) {
   source.directory = std::filesystem::absolute(directory).lexically_normal().string();
   source.name = manifest.name;
   source.id = {manifest.version, release::to_hex(release::sha256(release::bytes_of(text)))};
+  source.expires = manifest.expires.value_or("");
   source.description = describe(root.get(), manifest);
   for (const Entry& entry : manifest.entries)
     if (entry.kind == release::Kind::kFile) source.files.push_back({entry.path, entry.size});

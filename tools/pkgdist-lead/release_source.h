@@ -13,6 +13,7 @@ struct ReleaseSource {
   std::string directory;  // absolute
   std::string name;
   cli::ReleaseId id;
+  std::string expires;                      // empty: never
   std::vector<lead::PushFile> description;  // the files of .pkgdist
   std::vector<lead::PushFile> files;        // of the manifest, in its order
 };

@@ -4,8 +4,10 @@
 
 #include <CLI/Error.hpp>
 #include <algorithm>
+#include <ctime>
 
 #include "commands.h"
+#include "expiry.h"
 #include "pkgdist_lead/udp_transport.h"
 #include "release_survey.h"
 #include "release_view.h"
@@ -18,6 +20,13 @@ using Json = nlohmann::ordered_json;
 using States = std::map<uint32_t, cli::ReleaseState>;
 
 constexpr const char* kNoReleaseAnswer = "no answer";
+
+// What is wrong with it, and that it expires.
+std::string why_text(const cli::ReleaseState& state) {
+  const std::string warning = cli::expiry_warning(state.expires, std::time(nullptr));
+  if (state.problem.empty() || warning.empty()) return state.problem + warning;
+  return state.problem + "; " + warning;
+}
 
 // In words; empty when it was not verified.
 std::string drift_text(const cli::ReleaseState& state) {
@@ -45,11 +54,12 @@ class List {
                {"candidate", release_json(state.candidate)},
                {"missing", state.missing},
                {"text", state.problem}};
+    if (!state.expires.empty()) event["expires"] = state.expires;
     if (options_.verify) event["drifted"] = state.drifted ? Json(*state.drifted) : Json();
     if (options_.verify) event["drift"] = state.drift;
     reporter_.json().print("release", event, kResult);
     line(node, state.name, release_text(state.current), release_text(state.candidate),
-         cli::phase_name(state.phase), options_.verify ? drift_text(state) : state.problem);
+         cli::phase_name(state.phase), options_.verify ? drift_text(state) : why_text(state));
     good_ = good_ && (!options_.verify || state.drifted.value_or(1) == 0);
   }
 

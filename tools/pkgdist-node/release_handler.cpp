@@ -192,6 +192,14 @@ std::string ReleaseHandler::problem() const {
   return outcome_ ? outcome_->problem : mismatch_;
 }
 
+// Read once for each release: manifests are large.
+std::string ReleaseHandler::expires() const {
+  const std::optional<InstalledRelease> current = installer_->current();
+  if (!current) return "";
+  if (expiry_.first != current) expiry_ = {current, installer_->expires()};
+  return expiry_.second;
+}
+
 cli::ReleaseState ReleaseHandler::state() const {
   cli::ReleaseState state;
   state.phase = phase();
@@ -200,6 +208,7 @@ cli::ReleaseState ReleaseHandler::state() const {
   state.candidate = id_of(installer_->candidate());
   if (installer_->candidate()) state.missing = installer_->missing();
   if (state.phase == ReleasePhase::kFetching) state.files = installer_->missing_files();
+  state.expires = expires();
   if (!drift_) return state;
   state.drifted = drift_->size();
   for (const std::string& difference : *drift_)

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "installer.h"
@@ -61,6 +62,7 @@ class ReleaseHandler {
   void go_back(const std::string& problem);
   cli::ReleasePhase phase() const;
   std::string problem() const;
+  std::string expires() const;
 
   const std::shared_ptr<release::Installer> installer_;
   const Health health_;
@@ -70,6 +72,8 @@ class ReleaseHandler {
   std::map<std::string, unsigned> mismatches_;  // by path
   std::string mismatch_;                        // the last one, in words
   std::optional<std::vector<std::string>> drift_;
+  // When the release that was current last expires.
+  mutable std::pair<std::optional<release::InstalledRelease>, std::string> expiry_;
 };
 
 }  // namespace pkgdist::node_program

@@ -134,14 +134,18 @@ ReleasePlace open_release_place(const ReleaseOptions& options, bool allow_setuid
   return place;
 }
 
-// Of files that were being received when an earlier process was killed.
+// Of files that were being received when an earlier process was killed, or the lead was lost.
 void set_release_resume(uint32_t location, std::shared_ptr<const release::Installer> installer) {
   const auto parts = [location, installer = std::move(installer)](uint32_t asked, const char* name,
                                                                   uint32_t) {
     std::vector<GoodPart> good;
     if (asked != location) return good;
-    for (const auto& [first, size] : installer->take_good_parts(name))
-      good.push_back({first, size});
+    try {
+      for (const auto& [first, size] : installer->take_good_parts(name))
+        good.push_back({first, size});
+    } catch (const std::exception&) {  // a thread of the library: everything comes again
+      good.clear();
+    }
     return good;
   };
   require(set_resume(parts).value(), "setting what receptions go on with");

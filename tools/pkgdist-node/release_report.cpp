@@ -2,7 +2,10 @@
 
 #include <fmt/core.h>
 
+#include <ctime>
+
 #include "counted.h"
+#include "expiry.h"
 
 namespace pkgdist::node_program {
 
@@ -41,6 +44,7 @@ Json release_fields(const cli::ReleaseState& state) {
               {"candidate", release_json(state.candidate)},
               {"missing", state.missing},
               {"problem", state.problem}};
+  if (!state.expires.empty()) fields["expires"] = state.expires;
   if (!state.drifted) return fields;
   fields["drifted"] = *state.drifted;
   fields["drift"] = state.drift;
@@ -53,6 +57,8 @@ std::string release_line(const cli::ReleaseState& state) {
   if (about) text += fmt::format(", version {}", about->version);
   if (state.phase == cli::ReleasePhase::kFetching) text += ", " + files_text(state.missing);
   if (state.drifted) text += ", " + drift_text(*state.drifted);
+  const std::string warning = cli::expiry_warning(state.expires, std::time(nullptr));
+  if (!warning.empty()) text += "; the current release " + warning;
   return state.problem.empty() ? text : text + ": " + state.problem;
 }
 
@@ -61,6 +67,10 @@ std::vector<std::string> release_lines(const Json& fields) {
       fmt::format("releases of '{}' in location {}: {}", fields.value("name", ""),
                   fields.value("location", 0), fields.value("state", "")),
       "current: " + release_text(fields.at("current"))};
+  if (const std::string expires = fields.value("expires", ""); !expires.empty()) {
+    const std::string warning = cli::expiry_warning(expires, std::time(nullptr));
+    lines.back() += ", " + (warning.empty() ? "expires on " + expires : warning);
+  }
   const uint64_t missing = fields.value("missing", uint64_t{0});
   if (!fields.at("candidate").is_null())
     lines.push_back("candidate: " + release_text(fields.at("candidate")) +

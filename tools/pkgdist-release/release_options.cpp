@@ -45,7 +45,8 @@ void add_make(CLI::App& app, ReleaseOptions& options) {
                    "nodes that have confirmed this release refuse versions below N")
       ->required()
       ->type_name("N");
-  make->add_option("--expires", options.expires, "nodes warn about it from then on")
+  make->add_option("--expires", options.expires,
+                   "programs warn from two weeks before; nodes may refuse it then")
       ->type_name("2027-11-21T00:00:00Z");
   make->add_flag("--allow-setuid", options.allow_setuid,
                  "files may have set-user-ID and set-group-ID bits");

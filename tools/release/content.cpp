@@ -60,11 +60,11 @@ Digest list_digest(uint64_t size, uint32_t leaf, std::span<const Digest> leaves)
 ContentHash hash_content(int fd, uint32_t size, uint32_t leaf) {
   ContentHash content;
   const uint32_t leaves = leaf_count(size, leaf);
-  std::vector<uint8_t> block(size_t{leaf} + 1);  // one byte more: a longer file is noticed
+  // One byte more than a small file has: a longer one is noticed.
+  std::vector<uint8_t> block(leaves == 0 ? size_t{size} + 1 : leaf);
   uint64_t total = 0;
   for (;;) {
-    const size_t wanted = leaves == 0 ? block.size() : leaf;
-    const size_t got = read_block(fd, std::span(block).first(wanted), static_cast<off_t>(total));
+    const size_t got = read_block(fd, block, static_cast<off_t>(total));
     total += got;
     if (leaves == 0) content.digest = sha256(std::span(block).first(got));
     if (leaves == 0 || got == 0 || total > size) break;

@@ -64,11 +64,9 @@ void Disk::replace(int at, const std::string& directory, const std::string& path
   rename(at, directory, at, path);
 }
 
-bool Disk::hard_link(int file, int at, const std::string& path) const {
-  remove(at, path);
+bool Disk::hard_link(int at, const std::string& from, const std::string& to) const {
   before("hard link");
-  const std::string name = "/proc/self/fd/" + std::to_string(file);
-  return linkat(AT_FDCWD, name.c_str(), at, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
+  return linkat(at, from.c_str(), at, to.c_str(), 0) == 0;
 }
 
 void Disk::make_link(const std::string& target, int at, const std::string& path) const {
@@ -108,13 +106,14 @@ void Disk::write_file(int at, const std::string& path, std::string_view text) co
   sync_directory(at, slash == std::string::npos ? "." : path.substr(0, slash));
 }
 
-void Disk::copy(int from, int at, const std::string& path) const {
-  remove(at, path);
+bool Disk::copy(int from, int at, const std::string& path, unsigned mode, uint32_t mtime) const {
   before("copy");
   const Fd to(open_beneath(at, path.c_str(), O_WRONLY | O_CREAT | O_EXCL, kPrivate));
+  if (!to && errno == EEXIST) return false;
   if (!to) throw_errno("making", path);
-  if (ioctl(to.get(), FICLONE, from) == 0) return;
-  copy_bytes(from, to.get(), path);
+  if (ioctl(to.get(), FICLONE, from) != 0) copy_bytes(from, to.get(), path);
+  set_mode_and_time(to.get(), mode, mtime);
+  return true;
 }
 
 void Disk::set_mode(int at, const std::string& path, unsigned mode) const {

@@ -28,10 +28,11 @@ class Disk {
   void write_file(int at, const std::string& path, std::string_view text) const;
   // The directory takes the name, at once where the file system can; what has it now is removed.
   void replace(int at, const std::string& directory, const std::string& path) const;
-  // Another name of the file. False when the file system does not want that.
-  bool hard_link(int file, int at, const std::string& path) const;
+  // Another name of the file. False when the file system does not want that, or the name is taken.
+  bool hard_link(int at, const std::string& from, const std::string& to) const;
   // A new file with the content of the other: shared blocks where the file system can, else a copy.
-  void copy(int from, int at, const std::string& path) const;
+  // False when the name is taken.
+  bool copy(int from, int at, const std::string& path, unsigned mode, uint32_t mtime) const;
   void set_mode(int at, const std::string& path, unsigned mode) const;
   void set_mode_and_time(int fd, unsigned mode, uint32_t mtime) const;
   void sync_directory(int at, const std::string& path) const;

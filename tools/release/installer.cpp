@@ -28,8 +28,10 @@ Installer::Installer(InstallerOptions options, Disk disk)
       state_directory_(open_place(options_.state_directory)) {}
 
 void Installer::check(const std::optional<InstalledRelease>& ordered) {
-  if (ordered && (candidate_ == ordered || is_installed(*ordered) || resume_staged(*ordered)))
+  if (ordered && (candidate_ == ordered || is_installed(*ordered) || resume_staged(*ordered))) {
+    find_good_parts();
     return disk_.remove(place_.get(), std::string(kIncoming) + "/" + kReleaseDirectory);
+  }
   const Incoming incoming = take_incoming();
   const PublicKey& key = verify_signature(incoming.manifest, incoming.signature, options_.keys,
                                           first_line(incoming.manifest));

@@ -18,13 +18,14 @@
 // restart, whatever an earlier process knew of them, and after a failure of the disk: the next
 // check() goes on with what is whole.
 //
-// Of a partial file that an earlier process has left in incoming, the leaves that are right need
-// not come again (take_good_parts()).
+// Of a partial file in incoming, of an earlier process or from an earlier lead, the leaves that are
+// right need not come again (take_good_parts()).
 //
 // ask() may be called from any thread; everything else from one. Functions throw Refused with the
 // reason, std::runtime_error when the disk fails; what was current stays.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -41,6 +42,7 @@
 #include "install_state.h"
 #include "manifest.h"
 #include "minisign.h"
+#include "settled_files.h"
 
 namespace pkgdist::release {
 
@@ -100,7 +102,8 @@ class Installer {
   // From any thread, when the transfer of a file begins that may be written. A manifest of the
   // same size and time as an earlier one would be taken for that one.
   void make_way(const std::string& path) const;
-  // The same: what of the partial file of a missing one is good, each once.
+  // The same: what of the partial file of a missing one is good, when a transfer goes on with it.
+  // Takes a second at most; what check() and resume() have found costs nothing.
   struct Part {
     uint64_t first = 0, size = 0;  // bytes
   };
@@ -112,6 +115,8 @@ class Installer {
   bool ready() const { return ready_; }
   // What the link `current` names.
   std::optional<InstalledRelease> current() const;
+  // Of it; empty: never, or it cannot be read.
+  std::string expires() const;
   // Both from any thread, too.
   size_t missing() const;  // files
   // A bit for each file of the candidate in the order of its manifest, set when it is missing, from
@@ -151,10 +156,11 @@ class Installer {
   void build_staging(const Manifest& manifest);
   void make_entry(const Entry& entry, const Contents& current);
   void require_room() const;
-  bool is_staged(const Entry& entry) const;
+  void check_staged(const Manifest& manifest, const Contents& current);
+  bool is_staged(const Entry& entry);
   bool reuse(const Entry& entry, const Contents& current) const;
   Contents contents_of_current() const;
-  void seal(const Entry& entry, int fd) const;
+  void seal(const Entry& entry, int fd);
   std::string staging_problem(const Manifest& manifest) const;
   void complete();
 
@@ -171,8 +177,21 @@ class Installer {
   void save(const InstallState& state);
   void remove_old_releases() const;
 
+  // partial files
+  struct LargeFile {
+    Entry entry;
+    std::string leaves;  // path of the leaf file
+    size_t first_leaf = 0;
+    uint32_t leaf = kLeafBytes;
+  };
+  std::vector<LargeFile> missing_large(const std::string* only) const;
+  std::vector<Part> look_at_partial(const LargeFile& file,
+                                    std::chrono::steady_clock::time_point end) const;
+  void find_good_parts() const;
+  void forget_parts_of_nothing(const std::string& path) const;
+  uint64_t partial_bytes() const;
+
   // recovering
-  void find_good_parts();
   void clear_incoming() const;
   void clear_incoming(const std::string& below, const std::set<std::string>& kept) const;
   void find_candidate();
@@ -195,9 +214,11 @@ class Installer {
   const Fd state_directory_;
   InstallState state_;
   std::optional<InstalledRelease> candidate_;
-  uint32_t leaf_ = kLeafBytes;  // of the candidate
   bool ready_ = false;
-  mutable std::mutex mutex_;        // guards what ask() reads:
+  SettledFiles settled_;            // of the tree that is being made
+  mutable std::mutex mutex_;        // guards what ask() reads, which the one thread writes:
+  uint32_t leaf_ = kLeafBytes;      // of the release that is listed here
+  std::string coming_;              // directory of the tree that is being made, "" when none is
   std::vector<Expected> expected_;  // in the order of the manifest, which is that of the paths
   size_t missing_ = 0;              // files
   mutable std::map<std::string, std::vector<Part>> parts_;  // of partial files, by path

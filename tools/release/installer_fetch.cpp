@@ -78,6 +78,7 @@ int Installer::ask(const std::string& path, const std::optional<Announced>& anno
 void Installer::make_way(const std::string& path) const {
   if (is_release_file(path))
     (void)unlinkat(place_.get(), (std::string(kIncoming) + "/" + path).c_str(), 0);
+  forget_parts_of_nothing(path);
 }
 
 // A file of the candidate that is missing.

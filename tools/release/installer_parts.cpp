@@ -1,9 +1,10 @@
-// Partial files that an earlier process has left in incoming: which leaves of them are good.
+// Partial files in incoming, of receptions that did not end: which leaves of them are good.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <span>
@@ -12,31 +13,37 @@
 #include "content.h"
 #include "installer.h"
 #include "installer_places.h"
-#include "refusal.h"
 
 namespace pkgdist::release {
 
 namespace {
 
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 
 constexpr char kPartialSuffix[] = ".tmp";  // of the receive library
+// So long the transfer of a file may be held up: more than a gibibyte is hashed in it.
+constexpr std::chrono::seconds kQuick{1};
 
-bool holds_leaf(int fd, uint64_t at, std::vector<uint8_t>& block, const Digest& leaf) {
-  return pread(fd, block.data(), block.size(), static_cast<off_t>(at)) ==
-             static_cast<ssize_t>(block.size()) &&
-         leaf_digest(block) == leaf;
+std::string partial_of(const std::string& path) {
+  return std::string(kIncoming) + "/" + path + kPartialSuffix;
 }
 
-// Parts that touch are one.
+// Fills the buffer, or says no.
+bool read_at(int fd, std::span<uint8_t> buffer, uint64_t at) {
+  return pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(at)) ==
+         static_cast<ssize_t>(buffer.size());
+}
+
+// Parts that touch are one. What is not reached in time counts as missing.
 std::vector<Installer::Part> good_parts(int fd, const Entry& entry, uint32_t leaf,
-                                        std::span<const Digest> leaves) {
+                                        std::span<const Digest> leaves, Clock::time_point end) {
   std::vector<Installer::Part> parts;
   std::vector<uint8_t> block(leaf);
-  for (size_t k = 0; k < leaves.size(); ++k) {
+  for (size_t k = 0; k < leaves.size() && Clock::now() < end; ++k) {
     const uint64_t at = uint64_t{leaf} * k;
     block.resize(std::min<uint64_t>(leaf, entry.size - at));
-    if (!holds_leaf(fd, at, block, leaves[k])) continue;
+    if (!read_at(fd, block, at) || leaf_digest(block) != leaves[k]) continue;
     if (parts.empty() || parts.back().first + parts.back().size != at) parts.push_back({at, 0});
     parts.back().size += block.size();
   }
@@ -45,38 +52,75 @@ std::vector<Installer::Part> good_parts(int fd, const Entry& entry, uint32_t lea
 
 }  // namespace
 
-void Installer::find_good_parts() {
-  if (!candidate_ || ready_) return;
-  Manifest manifest;
-  manifest.leaf = leaf_;
-  std::set<std::string> missing;
-  for (const Expected& expected : expected_) {
-    manifest.entries.push_back(expected.entry);
-    if (!expected.present) missing.insert(expected.entry.path);
+// Missing files that have leaves: all of them, or the one with this path.
+std::vector<Installer::LargeFile> Installer::missing_large(const std::string* only) const {
+  std::vector<LargeFile> files;
+  size_t first_leaf = 0;
+  const std::lock_guard lock(mutex_);
+  if (coming_.empty()) return files;
+  for (const auto& [entry, present] : expected_) {
+    const uint32_t leaves = leaf_count(entry.size, leaf_);
+    if (leaves != 0 && !present && (only == nullptr || entry.path == *only))
+      files.push_back({entry, coming_ + "/" + kLeavesPath, first_leaf, leaf_});
+    first_leaf += leaves;
   }
-  const std::string staged = staging_of(*candidate_) + "/" + kLeavesPath;
-  const std::vector<Digest> leaves =
-      parse_leaves(read_beneath(place_.get(), staged.c_str(), kMaxLeavesBytes), manifest);
-  std::span<const Digest> rest(leaves);
-  for (const Entry& entry : manifest.entries) {
-    const uint32_t own = leaf_count(entry.size, leaf_);
-    const auto of_entry = rest.first(own);
-    rest = rest.subspan(own);
-    if (own == 0 || !missing.contains(entry.path)) continue;
-    const std::string partial = std::string(kIncoming) + "/" + entry.path + kPartialSuffix;
-    const Fd file(open_beneath(place_.get(), partial.c_str(), O_RDONLY));
-    struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
-    std::vector<Part> parts = good_parts(file.get(), entry, leaf_, of_entry);
-    const std::lock_guard lock(mutex_);
-    if (!parts.empty()) parts_[entry.path] = std::move(parts);
-  }
+  return files;
 }
 
-std::vector<Installer::Part> Installer::take_good_parts(const std::string& path) const {
+std::vector<Installer::Part> Installer::look_at_partial(const LargeFile& file,
+                                                        Clock::time_point end) const {
+  const Fd partial(open_beneath(place_.get(), partial_of(file.entry.path).c_str(), O_RDONLY));
+  struct stat status {};
+  if (!partial || fstat(partial.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  const Fd list(open_beneath(place_.get(), file.leaves.c_str(), O_RDONLY));
+  std::vector<Digest> leaves(leaf_count(file.entry.size, file.leaf));
+  const std::span bytes(reinterpret_cast<uint8_t*>(leaves.data()), leaves.size() * sizeof(Digest));
+  if (!list || !read_at(list.get(), bytes, file.first_leaf * sizeof(Digest))) return {};
+  if (list_digest(file.entry.size, file.leaf, leaves) != file.entry.digest) return {};
+  return good_parts(partial.get(), file.entry, file.leaf, leaves, end);
+}
+
+void Installer::find_good_parts() const {
+  std::map<std::string, std::vector<Part>> found;
+  for (const LargeFile& file : missing_large(nullptr)) {
+    std::vector<Part> parts = look_at_partial(file, Clock::time_point::max());
+    if (!parts.empty()) found[file.entry.path] = std::move(parts);
+  }
   const std::lock_guard lock(mutex_);
-  auto taken = parts_.extract(path);
-  return taken.empty() ? std::vector<Part>() : std::move(taken.mapped());
+  parts_ = std::move(found);
+}
+
+// What was found before, or what is there now: another transfer may have ended since.
+std::vector<Installer::Part> Installer::take_good_parts(const std::string& path) const {
+  {
+    const std::lock_guard lock(mutex_);
+    if (auto taken = parts_.extract(path); !taken.empty()) return std::move(taken.mapped());
+  }
+  const std::vector<LargeFile> file = missing_large(&path);
+  if (file.empty()) return {};
+  return look_at_partial(file.front(), Clock::now() + kQuick);
+}
+
+// What was found in a partial file that has gone since is not in the next one.
+void Installer::forget_parts_of_nothing(const std::string& path) const {
+  const std::lock_guard lock(mutex_);
+  const auto known = parts_.find(path);
+  if (known == parts_.end()) return;
+  if (!Fd(open_beneath(place_.get(), partial_of(path).c_str(), O_PATH))) parts_.erase(known);
+}
+
+// Bytes on the disk that partial files of missing ones have already.
+uint64_t Installer::partial_bytes() const {
+  constexpr uint64_t kBlock = 512;  // of st_blocks
+  uint64_t bytes = 0;
+  for (const LargeFile& file : missing_large(nullptr)) {
+    const Fd partial(open_beneath(place_.get(), partial_of(file.entry.path).c_str(), O_RDONLY));
+    struct stat status {};
+    if (partial && fstat(partial.get(), &status) == 0)
+      bytes +=
+          std::min<uint64_t>(static_cast<uint64_t>(status.st_blocks) * kBlock, file.entry.size);
+  }
+  return bytes;
 }
 
 // All but the files of a release that wait for their check, and partial files that are of use.

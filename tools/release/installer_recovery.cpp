@@ -45,10 +45,7 @@ void Installer::recover() {
 void Installer::resume() {
   find_candidate();
   if (candidate_ && !ready_) (void)collect();
-  try {
-    find_good_parts();
-  } catch (const std::runtime_error&) {  // then everything comes again
-  }
+  find_good_parts();
   clear_incoming();
 }
 

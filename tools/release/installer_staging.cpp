@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "installer.h"
@@ -26,17 +27,20 @@ void Installer::expect(const Manifest& manifest, bool present) {
   const std::lock_guard lock(mutex_);
   expected_.swap(expected);  // what was there goes without the lock
   missing_ = missing;
+  leaf_ = manifest.leaf;
+  coming_ = candidate_ && !present ? staging_of(*candidate_) : "";
   parts_.clear();
 }
 
 // Without a candidate when it cannot be built: what is whole stays where it is.
 void Installer::build_staging(const Manifest& manifest) {
   try {
-    leaf_ = manifest.leaf;
     const Contents current = contents_of_current();
+    settled_.clear();
     disk_.set_mode(place_.get(), staging_of(*candidate_), kPrivateDirectory);
     expect(manifest, false);
     for (const Entry& entry : manifest.entries) make_entry(entry, current);
+    check_staged(manifest, current);
     if (missing() == 0) return complete();
     require_room();
   } catch (...) {
@@ -53,8 +57,19 @@ void Installer::make_entry(const Entry& entry, const Contents& current) {
   } else if (entry.kind == Kind::kLink) {
     disk_.remove(place_.get(), path);
     disk_.make_link(entry.target, place_.get(), path);
-  } else if (is_staged(entry) || reuse(entry, current)) {
-    mark_present(entry.path);
+  } else {
+    reuse(entry, current);
+  }
+}
+
+// After all of them were made: then they are settled, and need not be read again at the end.
+void Installer::check_staged(const Manifest& manifest, const Contents& current) {
+  SettledFiles::wait();
+  for (const Entry& entry : manifest.entries) {
+    if (entry.kind != Kind::kFile) continue;
+    bool staged = is_staged(entry);
+    if (!staged && reuse(entry, current)) staged = is_staged(entry);  // what stood there was wrong
+    if (staged) mark_present(entry.path);
   }
 }
 
@@ -63,6 +78,7 @@ void Installer::require_room() const {
   uint64_t bytes = 0;
   for (const Expected& expected : expected_)
     if (!expected.present) bytes += expected.entry.size;
+  bytes -= std::min(bytes, partial_bytes());
   struct statvfs room {};
   if (fstatvfs(place_.get(), &room) != 0) return;
   const uint64_t blocks = geteuid() == 0 ? room.f_bfree : room.f_bavail;
@@ -73,7 +89,7 @@ void Installer::require_room() const {
         fmt::format("the disk is full: {} bytes are missing, {} are free", bytes, free_bytes));
 }
 
-bool Installer::is_staged(const Entry& entry) const {
+bool Installer::is_staged(const Entry& entry) {
   const std::string path = staging_of(*candidate_) + "/" + entry.path;
   const Fd file(open_beneath(place_.get(), path.c_str(), O_RDONLY));
   if (!file) return false;
@@ -86,14 +102,23 @@ bool Installer::is_staged(const Entry& entry) const {
   }
 }
 
-// Checks the content behind the descriptor, and gives it the mode and time that it has to have.
-void Installer::seal(const Entry& entry, int fd) const {
+// Checks the content behind the descriptor, and gives it the mode and time that it has to have. A
+// large file is worth the wait after which it need not be read again.
+void Installer::seal(const Entry& entry, int fd) {
+  constexpr uint32_t kLarge = 16u << 20;  // read in about two ticks of the clock
   struct stat status {};
   if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
   if (!S_ISREG(status.st_mode)) throw Refused(Reason::kTree, "'" + entry.path + "' is no file");
+  if ((status.st_mode & kPermissions) != entry.mode || status.st_mtim.tv_sec != entry.mtime ||
+      status.st_mtim.tv_nsec != 0) {
+    disk_.set_mode_and_time(fd, entry.mode, entry.mtime);
+    if (entry.size >= kLarge) SettledFiles::wait();
+    if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
+  }
+  const timespec began = SettledFiles::clock();
   if (hash_content(fd, entry.size, leaf_).digest != entry.digest)
     throw Refused(Reason::kContent, "'" + entry.path + "' has another content than signed");
-  disk_.set_mode_and_time(fd, entry.mode, entry.mtime);
+  settled_.add(status, began, entry.digest);
 }
 
 Installer::Contents Installer::contents_of_current() const {
@@ -107,20 +132,19 @@ Installer::Contents Installer::contents_of_current() const {
   return contents;
 }
 
-// What was copied is checked, not what it was copied from. A file that cannot be copied, because
-// the disk is full or has become unreadable there, has to come like any other.
+// Takes a file from the current release, unless something stands under its name. What was copied is
+// checked later, not what it was copied from. A file that cannot be copied, because the disk is
+// full or has become unreadable there, has to come like any other.
 bool Installer::reuse(const Entry& entry, const Contents& current) const {
   const auto at = current.find(to_hex(entry.digest));
   if (at == current.end()) return false;
   const Reusable& source = at->second;
-  const Fd from(open_beneath(place_.get(), source.path.c_str(), O_RDONLY));
-  if (!from) return false;
   const std::string to = staging_of(*candidate_) + "/" + entry.path;
   const bool same = source.mode == entry.mode && source.mtime == entry.mtime;
   try {
-    if (!options_.hard_links || !same || !disk_.hard_link(from.get(), place_.get(), to))
-      disk_.copy(from.get(), place_.get(), to);
-    return is_staged(entry);
+    if (options_.hard_links && same && disk_.hard_link(place_.get(), source.path, to)) return true;
+    const Fd from(open_beneath(place_.get(), source.path.c_str(), O_RDONLY));
+    return from && disk_.copy(from.get(), place_.get(), to, entry.mode, entry.mtime);
   } catch (const std::runtime_error&) {
     disk_.remove(place_.get(), to);
     return false;
@@ -130,8 +154,8 @@ bool Installer::reuse(const Entry& entry, const Contents& current) const {
 // In what the staged tree is not that of the manifest; empty when it is.
 std::string Installer::staging_problem(const Manifest& manifest) const {
   try {
-    const ScannedTree tree =
-        scan_tree(options_.place + "/" + staging_of(*candidate_), {manifest.leaf, 0, nullptr});
+    const ScannedTree tree = scan_tree(options_.place + "/" + staging_of(*candidate_),
+                                       {manifest.leaf, 0, nullptr, &settled_});
     const auto different = differences(manifest, tree);
     return different.empty() ? "" : different.front();
   } catch (const Refused& refused) {

@@ -81,6 +81,8 @@ class Scan {
       entry.target = read_link(root_.get(), path);
     } else if (S_ISREG(status.st_mode)) {
       set_file(entry, status);
+      if (options_.settled != nullptr)
+        entry.digest = options_.settled->find(status).value_or(Digest{});
     } else {
       refuse(path, "is neither a file nor a directory nor a link");
     }
@@ -106,7 +108,8 @@ class Scan {
 
   void hash_all() {
     in_parallel(tree_.entries.size(), options_.threads, [this](size_t at) {
-      if (tree_.entries[at].kind == Kind::kFile) hash(at);
+      const Entry& entry = tree_.entries[at];
+      if (entry.kind == Kind::kFile && entry.digest == Digest{}) hash(at);
     });
   }
 

@@ -9,6 +9,7 @@
 #include "content.h"
 #include "hash_cache.h"
 #include "manifest.h"
+#include "settled_files.h"
 
 namespace pkgdist::release {
 
@@ -19,8 +20,9 @@ struct ScannedTree {
 
 struct ScanOptions {
   uint32_t leaf = kLeafBytes;
-  unsigned threads = 0;        // 0: as many as there are processors
-  HashCache* cache = nullptr;  // may be null
+  unsigned threads = 0;                   // 0: as many as there are processors
+  HashCache* cache = nullptr;             // may be null
+  const SettledFiles* settled = nullptr;  // files that need not be read, and have no leaves then
 };
 
 // Everything in the directory but its release directory. Throws Refused(kTree) for what a release

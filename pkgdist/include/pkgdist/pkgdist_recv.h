@@ -267,6 +267,9 @@ typedef void (*pkgdist_data_good_part_cb)(uint64_t first, uint64_t size, void* p
  * at once. Parts that touch are to be told as one. When no segment is good, the file is made anew,
  * as it is without this callback.
  *
+ * Therefore the partial file of a reception that fails stays, such as one that a new lead does not
+ * know; only a full disk removes it. The process removes those that it has no use for.
+ *
  * What is told is believed: the process must have compared the bytes with what they have to be, and
  * nobody else may write the file. A part may be told for one transfer only, since the next one may
  * have emptied the file.

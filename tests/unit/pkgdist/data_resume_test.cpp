@@ -154,6 +154,16 @@ TEST_F(Resume, a_new_transfer_goes_on_with_what_the_one_before_has_written) {
   expect_whole();
 }
 
+TEST_F(Resume, what_a_failed_transfer_has_written_stays_for_the_next_one) {
+  (void)begin_transfer();
+  for (uint32_t segment = 0; segment < 7; ++segment) give(segment);
+  announce({.id = 8, .status = PKGDIST_STATUS_FROM_ERRNO(ENOENT)});  // a new lead
+  EXPECT_TRUE(G_file_recv_db.empty());
+  EXPECT_EQ(bytes_of(path("file.tmp")).size(), 28u);
+  good = {{0, 28}};
+  EXPECT_EQ(begin_transfer(9), (std::vector<Single>{{9, 7, 4}}));
+}
+
 TEST_F(Resume, links_empty_files_and_files_that_are_present_are_no_question) {
   put_partial(28);
   good = {{0, 28}};

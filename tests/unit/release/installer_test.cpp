@@ -311,6 +311,20 @@ TEST_F(Install, what_changes_in_staging_is_found_before_the_release_is_ready) {
   }
 }
 
+TEST_F(Install, what_was_reused_and_changes_before_the_release_is_ready_is_found) {
+  start();
+  install(six_);
+  bring_manifest(seven_);
+  const std::string staged = ".pkgdist/staging/" + directory_name(*node_->candidate()) + "/same";
+  std::string content = place_.read(staged);
+  ASSERT_EQ(kSame, content);
+  content[kLeafBytes] ^= 1;
+  place_.write(staged, content);
+  EXPECT_EQ(Reason::kTree, refusal([&] { bring_files(seven_); }));
+  EXPECT_FALSE(node_->ready());
+  EXPECT_TRUE(current_is(six_));
+}
+
 TEST_F(Install, another_manifest_than_the_one_that_was_ordered_is_refused) {
   start();
   bring(kManifestPath, six_.text);
@@ -385,7 +399,7 @@ TEST_F(Install, what_came_before_a_restart_is_taken_and_other_leftovers_go) {
   EXPECT_TRUE(std::filesystem::exists(place_ / ".pkgdist/incoming/.pkgdist/manifest"));
 }
 
-TEST_F(Install, of_a_partial_file_the_leaves_that_are_right_are_told_once) {
+TEST_F(Install, of_a_partial_file_the_leaves_that_are_right_are_told) {
   start();
   bring_manifest(six_);
   std::string partial = kSame;
@@ -405,6 +419,32 @@ TEST_F(Install, of_a_partial_file_the_leaves_that_are_right_are_told_once) {
   EXPECT_EQ(kLeafBytes, parts[0].size);
   EXPECT_EQ(2u * kLeafBytes, parts[1].first);
   EXPECT_EQ(kLeafBytes, parts[1].size);
+}
+
+TEST_F(Install, parts_that_came_in_this_process_are_found_too) {
+  start();
+  bring_manifest(six_);
+  bring("same.tmp", kSame.substr(0, kLeafBytes));
+  EXPECT_EQ(1u, node_->take_good_parts("same").size());
+  EXPECT_TRUE(node_->take_good_parts("gone").empty());
+  // The next lead orders the same release, and more has come by then.
+  bring("same.tmp", kSame.substr(0, 2 * kLeafBytes));
+  node_->check(InstalledRelease{6, sha256(bytes_of(six_.text))});
+  const auto parts = node_->take_good_parts("same");
+  ASSERT_EQ(1u, parts.size());
+  EXPECT_EQ(2u * kLeafBytes, parts[0].size);
+}
+
+TEST_F(Install, what_was_found_in_a_partial_file_that_has_gone_is_forgotten) {
+  start();
+  bring_manifest(six_);
+  bring("same.tmp", kSame);
+  start();
+  std::filesystem::remove(place_ / ".pkgdist/incoming/same.tmp");
+  EXPECT_EQ(Installer::kAccept,
+            node_->ask("same", Installer::Announced{3 * kLeafBytes, 0644, false}));
+  node_->make_way("same");
+  bring("same.tmp", std::string(3 * kLeafBytes, '\0'));  // as a transfer makes it
   EXPECT_TRUE(node_->take_good_parts("same").empty());
 }
 

@@ -146,6 +146,24 @@ TEST_F(Tree, paths_are_not_opened_through_links) {
 
 // --- The cache ---
 
+TEST(SettledFiles, are_known_until_something_touches_them) {
+  const TempTree tree;
+  tree.write("file", "content");
+  const std::string path = tree / "file";
+  struct stat status {};
+  const auto look = [&] { return stat(path.c_str(), &status); };
+  SettledFiles files;
+  ASSERT_EQ(0, look());
+  files.add(status, status.st_ctim, sha256(bytes_of("content")));
+  EXPECT_EQ(std::nullopt, files.find(status)) << "a change might not show yet";
+  SettledFiles::wait();
+  files.add(status, SettledFiles::clock(), sha256(bytes_of("content")));
+  EXPECT_EQ(sha256(bytes_of("content")), files.find(status));
+  tree.write("file", "contenT");
+  ASSERT_EQ(0, look());
+  EXPECT_EQ(std::nullopt, files.find(status));
+}
+
 TEST(HashCache, remembers_what_was_settled_and_nothing_younger) {
   const TempTree tree;
   tree.write("file", "x");

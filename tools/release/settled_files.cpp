@@ -1,0 +1,43 @@
+#include "settled_files.h"
+
+#include <cerrno>
+
+namespace pkgdist::release {
+
+namespace {
+
+bool is_before(const timespec& one, const timespec& other) {
+  return std::tie(one.tv_sec, one.tv_nsec) < std::tie(other.tv_sec, other.tv_nsec);
+}
+
+}  // namespace
+
+timespec SettledFiles::clock() {
+  timespec now{};
+  (void)clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now;
+}
+
+void SettledFiles::wait() {
+  timespec tick{};
+  (void)clock_getres(CLOCK_REALTIME_COARSE, &tick);
+  while (nanosleep(&tick, &tick) != 0 && errno == EINTR) {
+  }
+}
+
+SettledFiles::Key SettledFiles::key_of(const struct stat& status) {
+  return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec,
+          status.st_ctim.tv_nsec};
+}
+
+void SettledFiles::add(const struct stat& status, const timespec& began, const Digest& digest) {
+  if (status.st_ctim.tv_nsec == 0 || !is_before(status.st_ctim, began)) return;
+  known_.insert_or_assign(key_of(status), digest);
+}
+
+std::optional<Digest> SettledFiles::find(const struct stat& status) const {
+  const auto at = known_.find(key_of(status));
+  return at == known_.end() ? std::nullopt : std::optional(at->second);
+}
+
+}  // namespace pkgdist::release
