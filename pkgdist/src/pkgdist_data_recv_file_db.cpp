@@ -78,9 +78,9 @@ void take(Stat* entry) {
   G_file_stat_db.remove(entry);
 }
 
-// Closes an unfinished file and deletes what it left. Then only close: when a new request for the
-// same file may have begun to write under the same partial name meanwhile, and when the next
-// transfer may go on with it.
+// Closes an unfinished file and deletes what it left, unless a new request for the same file may
+// have begun to write under the same partial name meanwhile, or the next transfer may go on with
+// it.
 void discard_unfinished(Entry& entry) {
   const FileRecvDbGuard lock(Caller::here("pkgdist_file_recv_db_free"));
   const Entry* heir = file_recv_find(entry.path, entry.location);

@@ -167,6 +167,7 @@ class Installer {
   // fetching
   std::optional<Entry> wanted(const std::string& path) const;
   void take(const Entry& entry, const Fd& file);
+  void check_taken(const Entry& entry, const Fd& file);
   void mark_present(const std::string& path);
   Expected* find(const std::string& path);
   const Expected* find(const std::string& path) const;

@@ -21,6 +21,11 @@ bool is_same_file(int at, const std::string& path, int fd) {
          by_path.st_dev == by_fd.st_dev && by_path.st_ino == by_fd.st_ino;
 }
 
+bool is_regular(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 bool is_release_file(const std::string& path) {
   return path == kManifestPath || path == kSignaturePath || path == kLeavesPath;
 }
@@ -102,31 +107,43 @@ void Installer::arrived(const std::string& path) {
   const Fd file(open_beneath(place_.get(), incoming.c_str(), O_RDONLY));
   if (!file && (errno == ENOENT || errno == ENOTDIR)) return;
   if (!file) throw_errno("opening", incoming);
-  try {
-    seal(*entry, file.get());
-  } catch (const Refused&) {
+  if (!is_regular(file.get())) {
     disk_.remove(place_.get(), incoming);
-    throw;
+    throw Refused(Reason::kTree, "'" + path + "' is no file");
   }
+  take(*entry, file);
+  check_taken(*entry, file);
+  if (missing() != 0) return;
   try {
-    take(*entry, file);
-    if (missing() == 0) complete();
-  } catch (const Refused& refused) {
-    if (refused.reason() != Reason::kContent) forget_candidate();
-    throw;
+    complete();
   } catch (...) {
     forget_candidate();
     throw;
   }
 }
 
-// From incoming into staging: the file that was checked, and not what stands under its name now.
+// From incoming into staging: the file that was opened, and not what stands under its name now.
 void Installer::take(const Entry& entry, const Fd& file) {
   const std::string staged = staging_of(*candidate_) + "/" + entry.path;
-  disk_.rename(place_.get(), std::string(kIncoming) + "/" + entry.path, place_.get(), staged);
-  if (!is_same_file(place_.get(), staged, file.get())) {
-    disk_.remove(place_.get(), staged);
-    throw Refused(Reason::kContent, "'" + entry.path + "' was exchanged while it was checked");
+  try {
+    disk_.rename(place_.get(), std::string(kIncoming) + "/" + entry.path, place_.get(), staged);
+  } catch (...) {
+    forget_candidate();
+    throw;
+  }
+  if (is_same_file(place_.get(), staged, file.get())) return;
+  disk_.remove(place_.get(), staged);
+  throw Refused(Reason::kContent, "'" + entry.path + "' was exchanged while it was taken");
+}
+
+// Where only this process writes, and behind the rename, which is a change of the file, too: so
+// what is hashed here can be settled. After a crash in between, what is staged is checked anew.
+void Installer::check_taken(const Entry& entry, const Fd& file) {
+  try {
+    seal(entry, file.get());
+  } catch (const Refused&) {
+    disk_.remove(place_.get(), staging_of(*candidate_) + "/" + entry.path);
+    throw;
   }
   mark_present(entry.path);
 }

@@ -1,7 +1,5 @@
 #include "settled_files.h"
 
-#include <cerrno>
-
 namespace pkgdist::release {
 
 namespace {
@@ -18,11 +16,15 @@ timespec SettledFiles::clock() {
   return now;
 }
 
+// Times of files may be finer than that clock, and the clock may tick late.
 void SettledFiles::wait() {
+  constexpr int kMostTicks = 100;  // a clock that was set back may not get there for long
+  timespec start{};
   timespec tick{};
+  (void)clock_gettime(CLOCK_REALTIME, &start);
   (void)clock_getres(CLOCK_REALTIME_COARSE, &tick);
-  while (nanosleep(&tick, &tick) != 0 && errno == EINTR) {
-  }
+  for (int i = 0; i < kMostTicks && !is_before(start, clock()); ++i)
+    (void)nanosleep(&tick, nullptr);  // a signal only has it look at the clock early
 }
 
 SettledFiles::Key SettledFiles::key_of(const struct stat& status) {

@@ -325,6 +325,33 @@ TEST_F(Install, what_was_reused_and_changes_before_the_release_is_ready_is_found
   EXPECT_TRUE(current_is(six_));
 }
 
+// Of this process, from files.
+uint64_t bytes_read() {
+  std::ifstream io("/proc/self/io");
+  std::string name;
+  uint64_t number = 0;
+  while (io >> name >> number)
+    if (name == "rchar:") return number;
+  ADD_FAILURE() << "the kernel does not say";
+  return 0;
+}
+
+TEST_F(Install, a_large_file_that_came_is_not_read_again_before_the_release_is_ready) {
+  const std::string large(size_t{16} << 20, 'l');
+  const Built big{7, {{"large", large}, {"small", "x"}}, signer_, 0};
+  start();
+  bring_manifest(big);
+  bring("large", large);
+  const uint64_t at_first = bytes_read();
+  node_->arrived("large");
+  const uint64_t checked = bytes_read();
+  EXPECT_GE(checked - at_first, large.size());
+  bring("small", "x");
+  node_->arrived("small");
+  EXPECT_TRUE(node_->ready());
+  EXPECT_LT(bytes_read() - checked, large.size());
+}
+
 TEST_F(Install, another_manifest_than_the_one_that_was_ordered_is_refused) {
   start();
   bring(kManifestPath, six_.text);
