@@ -308,9 +308,9 @@ void file_recv_drop_xact(Entry& entry, int32_t index) {
 
 void file_stat_expire(uint64_t now) {
   // Entries are in the order of their times: behind one that is young there is none that is old.
-  for (Stat* oldest = G_file_stat_db.head;
-       oldest != nullptr && elapsed(now, oldest->time) > load(G_data_rto.stat_age);
-       oldest = G_file_stat_db.head) {
+  while (Stat* oldest = G_file_stat_db.head) {
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed is out of the queue
+    if (elapsed(now, oldest->time) <= load(G_data_rto.stat_age)) return;
     count(DrsCounter::kStatRemove);
     take(oldest);
     pkgdist_file_stat_db_free(oldest);

@@ -30,6 +30,10 @@ class TerminalViews(SystemTest):
     def cells(terminal):
         return "".join(line[:50].rstrip() for line in terminal.shown()[2:22])
 
+    @staticmethod
+    def summaries(terminal):
+        return sum("nodes done" in line or "/3 done" in line for line in terminal.screen())
+
     def replay_file(self, nodes, seconds):
         path = os.path.join(self.directory("events"), "events")
         many_nodes.write(path, nodes, seconds)
@@ -45,11 +49,12 @@ class TerminalViews(SystemTest):
             terminal.resize(columns, rows)
             drawn = len(terminal.text)
             terminal.read(lambda text, drawn=drawn: text[drawn:].count("% ") >= 9, 20)
+            terminal.read(lambda _: self.summaries(terminal) == 1 and len(self.bars(terminal)) == 3, 10)
             bars = self.bars(terminal)
             self.assertEqual(len(bars), 3, "\n".join(terminal.screen()))
             self.assertGreaterEqual(max(map(len, bars)), min(columns * 3 // 4, 130), bars)
             self.assertLess(max(map(len, bars)), columns)
-            self.assertEqual(sum("nodes done" in line or "/3 done" in line for line in terminal.screen()), 1)
+            self.assertEqual(self.summaries(terminal), 1)
         self.assertEqual(terminal.finish(), 0, terminal.text)
         self.assertEqual(self.bars(terminal), [], "bars are gone in the end")
 
@@ -84,6 +89,7 @@ class TerminalViews(SystemTest):
         terminal = self.terminal("--rate", "8", "--top")
         terminal.wait_for("0 of 3 nodes done")
         terminal.wait_for("c:progress  s:address  f:all")
+        terminal.read(lambda _: re.match(r"[0-9]{3} +slowest", terminal.shown()[2]), 10)
         self.assertRegex(terminal.shown()[2], r"^[0-9]{3} +slowest")
         terminal.type("cs")
         terminal.wait_for("c:repairs  s:progress")

@@ -94,7 +94,11 @@ void Installer::find_good_parts() const {
 std::vector<Installer::Part> Installer::take_good_parts(const std::string& path) const {
   {
     const std::lock_guard lock(mutex_);
-    if (auto taken = parts_.extract(path); !taken.empty()) return std::move(taken.mapped());
+    if (const auto known = parts_.find(path); known != parts_.end()) {
+      std::vector<Part> parts = std::move(known->second);
+      parts_.erase(known);
+      return parts;
+    }
   }
   const std::vector<LargeFile> file = missing_large(&path);
   if (file.empty()) return {};
