@@ -46,7 +46,7 @@ bool AfterPush::step_ended(lead::Time now) {
   if (step_ == Step::kIntroductions) {
     std::vector<lead::NodeInfo> nodes;
     for (const Node& node : nodes_) nodes.push_back(node.info);
-    return programs_.introduced(nodes, now);
+    return programs_.introduced(nodes, now, NodePrograms::kLongIntroductionPatience);
   }
   if (step_ == Step::kDisks) return !durability_ || durability_->run(lead_, now);
   bool all = true;

@@ -17,11 +17,6 @@ constexpr size_t kMaxPlaces = 6 * kMaxIntroductions;
 // How long a push that has ended waits for nodes to hear why.
 constexpr lead::Time kTellPatience = lead::kSecond;
 
-// How long nodes that were heard are waited for to introduce themselves. It takes a node
-// milliseconds after the first ping, and half a second more when the message is lost. A program
-// that does not do it is waited for once.
-constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
-
 // How often nodes without a name are looked for.
 constexpr lead::Time kNamePeriod = lead::kSecond;
 
@@ -108,11 +103,12 @@ void NodePrograms::heard(const std::vector<lead::NodeInfo>& nodes, lead::Time no
     if (find(node) == nullptr && silent_process(node) == nullptr) wait_for(node, now);
 }
 
-bool NodePrograms::introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now) {
+bool NodePrograms::introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now,
+                              lead::Time patience) {
   const auto owes = [&](const lead::NodeInfo& node) {
     const Process* process = silent_process(node);
     const lead::Time since = process != nullptr ? process->waited_since : listening_since_;
-    return find(node) == nullptr && lead::elapsed(now, since) < kIntroductionPatience;
+    return find(node) == nullptr && lead::elapsed(now, since) < patience;
   };
   if (std::any_of(nodes.begin(), nodes.end(), owes)) return false;
   for (const lead::NodeInfo& node : nodes)

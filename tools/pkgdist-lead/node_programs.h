@@ -50,8 +50,14 @@ class NodePrograms {
   // These are there. Those that are new since the push began have the time from here on to
   // introduce themselves, the others from its begin.
   void heard(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
-  // Every node of a list has introduced itself, or will not: it had the time.
-  bool introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
+  // How long nodes that were heard are waited for to introduce themselves. It takes a node
+  // milliseconds after the first ping, and half a second more each time that the message is lost:
+  // once, or three times where a node would be left out of something else. A program that does not
+  // do it is waited for once.
+  static constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
+  static constexpr lead::Time kLongIntroductionPatience = 1700 * lead::kMillisecond;
+  // Every node of a list has introduced itself, or will not: it had `patience` for it.
+  bool introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now, lead::Time patience);
 
   // Asks those of the nodes that answer questions. The number of the question; 0: nobody is asked.
   // A node that is at work says so; one that says nothing for `silence` is given up.

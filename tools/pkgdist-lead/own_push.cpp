@@ -81,7 +81,9 @@ bool gather(const lead::PushRequest& request, Session& session, NodePrograms& pr
             report.nodes.begin(), report.nodes.end(), [](const auto& node) { return node.heard; }));
         patience.note(here, now);
         programs.heard(heard, now);
-        return patience.over(now) || (here >= wanted && programs.introduced(heard, now));
+        return patience.over(now) ||
+               (here >= wanted &&
+                programs.introduced(heard, now, NodePrograms::kIntroductionPatience));
       },
       lead::kSecond / 10);
 }
