@@ -116,6 +116,7 @@ struct NodeQuestion {
   std::vector<KnownNames> known;           // of kList
   bool deep = false;                       // the same
   std::string manifest, signature;         // of kCompare; no signature: empty
+  bool operator==(const NodeQuestion&) const = default;
 };
 
 struct NamedText {

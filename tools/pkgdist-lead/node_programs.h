@@ -12,6 +12,7 @@
 #include <compare>
 #include <functional>
 #include <map>
+#include <random>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -21,7 +22,6 @@
 #include "answer_watch.h"
 #include "introduction.h"
 #include "name_resolver.h"
-#include "order_numbers.h"
 #include "pkgdist_lead/lead.h"
 #include "release_messages.h"
 #include "reporter.h"
@@ -137,7 +137,9 @@ class NodePrograms {
   bool follows_releases_ = false;
   std::map<Place, std::string> to_ask_;  // for the release of this name
   std::map<uint32_t, Question> questions_;
-  uint32_t next_question_ = first_order_number();
+  // By chance: an answer to an earlier process may come late, and is not to be taken for one to
+  // this.
+  uint32_t next_question_ = std::random_device()() / 2 + 1;
   std::set<lead::MessageId> asking_;  // messages of questions and orders
 };
 

@@ -1,6 +1,6 @@
-// Numbers of what a lead asks of nodes' programs: questions, and orders about releases. They come
-// from the clock and grow from one process to the next: nodes tell a question that is repeated from
-// the first one of another process, and leads tell what is said to an earlier one.
+// Numbers of a lead's orders about releases. They come from the clock and grow from one process to
+// the next: nodes tell an order that is repeated from the first one of another process, and leads
+// tell what is said to an earlier one.
 #pragma once
 
 #include <chrono>

@@ -40,12 +40,12 @@ class TreeService::Work {
 
  private:
   // What is known of the question already; nothing when it is new. What is too much gets no answer.
+  // A number alone does not tell: another lead, or the next process of this one, may use it, too.
   std::vector<std::string> enter(const cli::NodeQuestion& question) {
     constexpr size_t kMostWaiting = 256;
     const std::lock_guard lock(mutex_);
-    if (last_ == question.number) return answer_.empty() ? working(question) : answer_;
-    if (std::any_of(waiting_.begin(), waiting_.end(),
-                    [&](const cli::NodeQuestion& one) { return one.number == question.number; }))
+    if (last_ == question) return answer_.empty() ? working(question) : answer_;
+    if (std::find(waiting_.begin(), waiting_.end(), question) != waiting_.end())
       return working(question);
     if (waiting_.size() < kMostWaiting) waiting_.push_back(question);
     changed_.notify_all();
@@ -71,7 +71,7 @@ class TreeService::Work {
       if (ended_) return;
       const cli::NodeQuestion question = std::move(waiting_.front());
       waiting_.pop_front();
-      last_ = question.number;
+      last_ = question;
       answer_.clear();
       lock.unlock();
       std::vector<std::string> texts;
@@ -126,8 +126,8 @@ class TreeService::Work {
   std::mutex mutex_;  // of these
   std::condition_variable changed_;
   std::deque<cli::NodeQuestion> waiting_;
-  std::optional<uint32_t> last_;     // question that was worked on
-  std::vector<std::string> answer_;  // to it, in pieces; empty while it is under way
+  std::optional<cli::NodeQuestion> last_;  // that was worked on
+  std::vector<std::string> answer_;        // to it, in pieces; empty while it is under way
   bool ended_ = false;
   std::thread thread_;  // the last: it uses the others
 };
