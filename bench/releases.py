@@ -110,24 +110,15 @@ class Round:
             self.check(tree, [os.path.join(self.place(host, "releases"), "current") for host in self.net.nodes])
         self.net.stop_processes()
 
-    def pushes(self):
+    def pushes(self, place, kind, *options):
         for host in self.net.nodes:
             host.spawn([self.programs.node, "--interface", host.address, "--umask", "0", "--location",
-                        f"1={self.place(host, 'pushes')}", "run"], stdout=subprocess.DEVNULL)
-        for name, tree in (("first push", self.tree.first), ("second push", self.tree.second)):
-            self.measure(name, lambda root=tree: self.lead("--location", f"1={root}", "push", "--durable", "--nodes",
-                                                           str(NODES), "--exclude", ".pkgdist", root))
-            self.check(tree, [self.place(host, "pushes") for host in self.net.nodes])
-        self.net.stop_processes()
-
-    def compared_pushes(self):
-        for host in self.net.nodes:
-            host.spawn([self.programs.node, "--interface", host.address, "--umask", "0", "--location",
-                        f"1={self.place(host, 'compared')}", "run"], stdout=subprocess.DEVNULL)
-        for name, tree in (("first --checksum", self.tree.first), ("second --checksum", self.tree.second)):
-            self.measure(name, lambda root=tree: self.lead("--location", f"1={root}", "push", "--durable", "--checksum",
-                                                           "--nodes", str(NODES), "--exclude", ".pkgdist", root))
-            self.check(tree, [self.place(host, "compared") for host in self.net.nodes])
+                        f"1={self.place(host, place)}", "run"], stdout=subprocess.DEVNULL)
+        for turn, tree in (("first", self.tree.first), ("second", self.tree.second)):
+            self.measure(f"{turn} {kind}", lambda root=tree: self.lead(
+                "--location", f"1={root}", "push", "--durable", *options, "--nodes", str(NODES), "--exclude", ".pkgdist",
+                root))
+            self.check(tree, [self.place(host, place) for host in self.net.nodes])
         self.net.stop_processes()
 
     def rsync(self):
@@ -200,8 +191,8 @@ def main():
             with lab.Lab(nodes=NODES) as net:
                 one = Round(net, programs, work, tree)
                 one.releases()
-                one.pushes()
-                one.compared_pushes()
+                one.pushes("pushes", "push")
+                one.pushes("compared", "--checksum", "--checksum")
                 one.rsync()
             rounds.append(one.results)
         finally:
