@@ -14,6 +14,13 @@ lead::Time duration(double seconds) {
   return static_cast<lead::Time>(seconds * static_cast<double>(lead::kSecond));
 }
 
+// Where the push lost something introductions get lost, too, even several times.
+lead::Time introduction_patience(const lead::PushReport& report) {
+  const bool lossy = std::any_of(report.nodes.begin(), report.nodes.end(),
+                                 [](const auto& node) { return node.repairs != 0; });
+  return lossy ? NodePrograms::kLossyIntroductionPatience : NodePrograms::kIntroductionPatience;
+}
+
 }  // namespace
 
 AfterPush::AfterPush(lead::Lead& lead, NodePrograms& programs, const QueuedPush& push,
@@ -46,7 +53,7 @@ bool AfterPush::step_ended(lead::Time now) {
   if (step_ == Step::kIntroductions) {
     std::vector<lead::NodeInfo> nodes;
     for (const Node& node : nodes_) nodes.push_back(node.info);
-    return programs_.introduced(nodes, now, NodePrograms::kLongIntroductionPatience);
+    return programs_.introduced(nodes, now, introduction_patience(report_));
   }
   if (step_ == Step::kDisks) return !durability_ || durability_->run(lead_, now);
   bool all = true;

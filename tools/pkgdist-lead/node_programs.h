@@ -51,11 +51,10 @@ class NodePrograms {
   // introduce themselves, the others from its begin.
   void heard(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
   // How long nodes that were heard are waited for to introduce themselves. It takes a node
-  // milliseconds after the first ping, and half a second more each time that the message is lost:
-  // once, or three times where a node would be left out of something else. A program that does not
-  // do it is waited for once.
+  // milliseconds after the first ping, half a second when the message is lost, and two seconds when
+  // that happens twice more. A program that does not do it is waited for once.
   static constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
-  static constexpr lead::Time kLongIntroductionPatience = 1700 * lead::kMillisecond;
+  static constexpr lead::Time kLossyIntroductionPatience = 4 * lead::kSecond;
   // Every node of a list has introduced itself, or will not: it had `patience` for it.
   bool introduced(const std::vector<lead::NodeInfo>& nodes, lead::Time now, lead::Time patience);
 
