@@ -148,16 +148,13 @@ void ReleaseHandler::allow(uint64_t version) {
 
 // --- Files ---
 
-void ReleaseHandler::arrived(const std::string& path) {
+void ReleaseHandler::arrived(const std::vector<std::string>& paths) {
   const std::pair before(phase(), problem());
   try {
-    installer_->arrived(path);
-    mismatches_.erase(path);
-  } catch (const release::Refused& refused) {
-    if (installer_->candidate())
-      mismatched(path, refused.what());
-    else
-      outcome_ = {ReleasePhase::kRefused, refused.what()};
+    const release::Installer::Refusals refusals = installer_->arrived(paths);
+    for (const std::string& path : paths)
+      if (!refusals.contains(path)) mismatches_.erase(path);
+    for (const auto& [path, problem] : refusals) mismatched(path, problem);
   } catch (const std::exception& error) {
     outcome_ = {ReleasePhase::kRefused, error.what()};
   }

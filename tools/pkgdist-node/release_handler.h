@@ -42,8 +42,8 @@ class ReleaseHandler {
   void verify();
   void roll_back();
   void allow(uint64_t version);
-  // A file stands in incoming.
-  void arrived(const std::string& path);
+  // Files stand in incoming.
+  void arrived(const std::vector<std::string>& paths);
 
   cli::ReleaseState state() const;
 

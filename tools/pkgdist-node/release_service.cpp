@@ -221,12 +221,12 @@ void ReleaseService::work() {
   try {
     handler_.resume();
     std::optional<Order> order;
-    std::string path;
-    while (next(order, path)) {
+    std::vector<std::string> paths;
+    while (next(order, paths)) {
       if (order)
         carry_out(*std::exchange(order, std::nullopt));
       else
-        handler_.arrived(path);
+        handler_.arrived(paths);
     }
   } catch (const Interrupted&) {
   }
@@ -247,7 +247,7 @@ void ReleaseService::carry_out(Order order) {
 }
 
 // Orders first: they are waited for, and take what has arrived by themselves. False at the end.
-bool ReleaseService::next(std::optional<Order>& order, std::string& path) {
+bool ReleaseService::next(std::optional<Order>& order, std::vector<std::string>& paths) {
   std::unique_lock lock(mutex_);
   more_.wait(lock, [this] { return ending_ || !orders_.empty() || !arrivals_.empty(); });
   if (ending_) return false;
@@ -260,9 +260,12 @@ bool ReleaseService::next(std::optional<Order>& order, std::string& path) {
     if (running_ && running_->order == ReleaseOrder::kCheck) file_trouble_.clear();
     return true;
   }
-  path = std::move(arrivals_.front());
-  arrivals_.pop_front();
-  known_arrivals_.erase(path);
+  paths.clear();
+  while (!arrivals_.empty() && paths.size() < release::Installer::kBatch) {
+    paths.push_back(std::move(arrivals_.front()));
+    arrivals_.pop_front();
+    known_arrivals_.erase(paths.back());
+  }
   return true;
 }
 

@@ -81,7 +81,7 @@ class ReleaseService {
   // On the thread.
   void work();
   void carry_out(Order order);
-  bool next(std::optional<Order>& order, std::string& path);
+  bool next(std::optional<Order>& order, std::vector<std::string>& paths);
   void changed(const cli::ReleaseState& state);
 
   const ReleaseOptions options_;

@@ -8,7 +8,7 @@
 //
 //   check()      the manifest, its signature and leaf file come out of incoming, and everything
 //                that `current` has already is copied into staging
-//   arrived()    a file came: it is checked and moved to staging. The last one makes the release
+//   arrived()    files came: they are moved to staging and checked. The last one makes the release
 //                ready: staging is compared with the manifest, written to the disk, and renamed
 //   activate()   on trial: `current` names the release
 //   confirm()    it stays: its floor counts from now on
@@ -25,12 +25,15 @@
 // reason, std::runtime_error when the disk fails; what was current stays.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -73,11 +76,14 @@ class Installer {
   // `ordered`: the release that is expected. Nothing is done when it is the installed one or the
   // candidate already, and one that was begun earlier needs no manifest in incoming.
   void check(const std::optional<InstalledRelease>& ordered = std::nullopt);
-  // A path that is not expected, or not there, is passed over. Refused(kContent): it has another
-  // content, and is deleted.
-  void arrived(const std::string& path);
-  // arrived() for everything of the candidate that stands in incoming. What was refused, and why.
-  std::vector<std::pair<std::string, std::string>> collect();
+  // Paths that are not expected, or not there, are passed over. What has another content than
+  // signed is deleted, and returned with the reason. Takes some milliseconds for each kBatch files,
+  // however small: so it is best called for all that have come.
+  static constexpr size_t kBatch = 64;
+  using Refusals = std::map<std::string, std::string>;  // reasons, by path
+  Refusals arrived(const std::vector<std::string>& paths);
+  // arrived() for everything of the candidate that stands in incoming.
+  Refusals collect();
   void activate();
   void confirm();
   void fail();
@@ -160,14 +166,20 @@ class Installer {
   bool is_staged(const Entry& entry);
   bool reuse(const Entry& entry, const Contents& current) const;
   Contents contents_of_current() const;
-  void seal(const Entry& entry, int fd);
+  void set_mode_and_time(const Entry& entry, const struct stat& status, int fd) const;
+  void check_content(const Entry& entry, int fd);
   std::string staging_problem(const Manifest& manifest) const;
   void complete();
 
   // fetching
+  struct Taken {  // from incoming into staging
+    Entry entry;
+    Fd file;
+  };
+  void take_batch(std::span<const std::string> paths, Refusals& refusals);
   std::optional<Entry> wanted(const std::string& path) const;
-  void take(const Entry& entry, const Fd& file);
-  void check_taken(const Entry& entry, const Fd& file);
+  std::optional<Taken> take(const std::string& path) const;
+  void check_taken(const Taken& taken);
   void mark_present(const std::string& path);
   Expected* find(const std::string& path);
   const Expected* find(const std::string& path) const;

@@ -14,16 +14,10 @@ namespace pkgdist::release {
 
 namespace {
 
-bool is_same_file(int at, const std::string& path, int fd) {
-  struct stat by_path {};
-  struct stat by_fd {};
-  return fstatat(at, path.c_str(), &by_path, AT_SYMLINK_NOFOLLOW) == 0 && fstat(fd, &by_fd) == 0 &&
-         by_path.st_dev == by_fd.st_dev && by_path.st_ino == by_fd.st_ino;
-}
-
-bool is_regular(int fd) {
+bool is_same_file(int at, const std::string& path, const struct stat& file) {
   struct stat status {};
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  return fstatat(at, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         status.st_dev == file.st_dev && status.st_ino == file.st_ino;
 }
 
 bool is_release_file(const std::string& path) {
@@ -100,71 +94,83 @@ void Installer::mark_present(const std::string& path) {
   --missing_;
 }
 
-void Installer::arrived(const std::string& path) {
-  const std::optional<Entry> entry = wanted(path);
-  if (!entry) return;
-  const std::string incoming = std::string(kIncoming) + "/" + path;
-  const Fd file(open_beneath(place_.get(), incoming.c_str(), O_RDONLY));
-  if (!file && (errno == ENOENT || errno == ENOTDIR)) return;
-  if (!file) throw_errno("opening", incoming);
-  if (!is_regular(file.get())) {
-    disk_.remove(place_.get(), incoming);
-    throw Refused(Reason::kTree, "'" + path + "' is no file");
-  }
-  take(*entry, file);
-  check_taken(*entry, file);
-  if (missing() != 0) return;
-  try {
-    complete();
-  } catch (...) {
-    forget_candidate();
-    throw;
-  }
-}
-
-// From incoming into staging: the file that was opened, and not what stands under its name now.
-void Installer::take(const Entry& entry, const Fd& file) {
-  const std::string staged = staging_of(*candidate_) + "/" + entry.path;
-  try {
-    disk_.rename(place_.get(), std::string(kIncoming) + "/" + entry.path, place_.get(), staged);
-  } catch (...) {
-    forget_candidate();
-    throw;
-  }
-  if (is_same_file(place_.get(), staged, file.get())) return;
-  disk_.remove(place_.get(), staged);
-  throw Refused(Reason::kContent, "'" + entry.path + "' was exchanged while it was taken");
-}
-
-// Where only this process writes, and behind the rename, which is a change of the file, too: so
-// what is hashed here can be settled. After a crash in between, what is staged is checked anew.
-void Installer::check_taken(const Entry& entry, const Fd& file) {
-  try {
-    seal(entry, file.get());
-  } catch (const Refused&) {
-    disk_.remove(place_.get(), staging_of(*candidate_) + "/" + entry.path);
-    throw;
-  }
-  mark_present(entry.path);
-}
-
-std::vector<std::pair<std::string, std::string>> Installer::collect() {
+Installer::Refusals Installer::collect() {
   std::vector<std::string> paths;
   {
     const std::lock_guard lock(mutex_);
     for (const Expected& expected : expected_)
       if (!expected.present) paths.push_back(expected.entry.path);
   }
-  std::vector<std::pair<std::string, std::string>> refused;
-  for (const std::string& path : paths) {
-    try {
-      arrived(path);
-    } catch (const Refused& why) {
-      if (!candidate_) throw;
-      refused.emplace_back(path, why.what());
-    }
+  return arrived(paths);
+}
+
+Installer::Refusals Installer::arrived(const std::vector<std::string>& paths) {
+  Refusals refusals;
+  try {
+    for (size_t at = 0; at < paths.size(); at += kBatch)
+      take_batch(std::span(paths).subspan(at, std::min(kBatch, paths.size() - at)), refusals);
+  } catch (...) {  // what is staged has to be checked anew
+    forget_candidate();
+    throw;
   }
-  return refused;
+  return refusals;
+}
+
+// All are moved, which is a change of theirs, before the first is read: so they have settled when
+// they are, and what was read need not be read again at the end.
+void Installer::take_batch(std::span<const std::string> paths, Refusals& refusals) {
+  std::vector<Taken> batch;
+  const auto unless_refused = [&refusals](const std::string& path, const auto& work) {
+    try {
+      work();
+    } catch (const Refused& why) {
+      refusals.insert_or_assign(path, why.what());
+    }
+  };
+  for (const std::string& path : paths)
+    unless_refused(path, [&] {
+      if (auto taken = take(path)) batch.push_back(std::move(*taken));
+    });
+  if (batch.empty()) return;
+  SettledFiles::wait();
+  for (const Taken& taken : batch) unless_refused(taken.entry.path, [&] { check_taken(taken); });
+  if (missing() == 0) complete();
+}
+
+// The file that was opened, and not what stands under its name when it is moved. Nothing when it is
+// not there.
+std::optional<Installer::Taken> Installer::take(const std::string& path) const {
+  const std::optional<Entry> entry = wanted(path);
+  if (!entry) return std::nullopt;
+  const std::string incoming = std::string(kIncoming) + "/" + path;
+  Fd file(open_beneath(place_.get(), incoming.c_str(), O_RDONLY));
+  if (!file && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
+  if (!file) throw_errno("opening", incoming);
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) throw_errno("looking at", incoming);
+  if (!S_ISREG(status.st_mode)) {
+    disk_.remove(place_.get(), incoming);
+    throw Refused(Reason::kTree, "'" + path + "' is no file");
+  }
+  const std::string staged = staging_of(*candidate_) + "/" + path;
+  disk_.rename(place_.get(), incoming, place_.get(), staged);
+  if (!is_same_file(place_.get(), staged, status)) {
+    disk_.remove(place_.get(), staged);
+    throw Refused(Reason::kContent, "'" + path + "' was exchanged while it was taken");
+  }
+  set_mode_and_time(*entry, status, file.get());
+  return Taken{*entry, std::move(file)};
+}
+
+// Where only this process writes.
+void Installer::check_taken(const Taken& taken) {
+  try {
+    check_content(taken.entry, taken.file.get());
+  } catch (const Refused&) {
+    disk_.remove(place_.get(), staging_of(*candidate_) + "/" + taken.entry.path);
+    throw;
+  }
+  mark_present(taken.entry.path);
 }
 
 }  // namespace pkgdist::release

@@ -93,8 +93,12 @@ bool Installer::is_staged(const Entry& entry) {
   const std::string path = staging_of(*candidate_) + "/" + entry.path;
   const Fd file(open_beneath(place_.get(), path.c_str(), O_RDONLY));
   if (!file) return false;
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) throw_errno("looking at", path);
   try {
-    seal(entry, file.get());
+    if (!S_ISREG(status.st_mode)) throw Refused(Reason::kTree, "'" + entry.path + "' is no file");
+    set_mode_and_time(entry, status, file.get());
+    check_content(entry, file.get());
     return true;
   } catch (const Refused&) {
     disk_.remove(place_.get(), path);
@@ -102,19 +106,17 @@ bool Installer::is_staged(const Entry& entry) {
   }
 }
 
-// Checks the content behind the descriptor, and gives it the mode and time that it has to have. A
-// large file is worth the wait after which it need not be read again.
-void Installer::seal(const Entry& entry, int fd) {
-  constexpr uint32_t kLarge = 16u << 20;  // read in about two ticks of the clock
+// Not again, which would be a change.
+void Installer::set_mode_and_time(const Entry& entry, const struct stat& status, int fd) const {
+  if ((status.st_mode & kPermissions) == entry.mode && status.st_mtim.tv_sec == entry.mtime &&
+      status.st_mtim.tv_nsec == 0)
+    return;
+  disk_.set_mode_and_time(fd, entry.mode, entry.mtime);
+}
+
+void Installer::check_content(const Entry& entry, int fd) {
   struct stat status {};
   if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
-  if (!S_ISREG(status.st_mode)) throw Refused(Reason::kTree, "'" + entry.path + "' is no file");
-  if ((status.st_mode & kPermissions) != entry.mode || status.st_mtim.tv_sec != entry.mtime ||
-      status.st_mtim.tv_nsec != 0) {
-    disk_.set_mode_and_time(fd, entry.mode, entry.mtime);
-    if (entry.size >= kLarge) SettledFiles::wait();
-    if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
-  }
   const timespec began = SettledFiles::clock();
   if (hash_content(fd, entry.size, leaf_).digest != entry.digest)
     throw Refused(Reason::kContent, "'" + entry.path + "' has another content than signed");

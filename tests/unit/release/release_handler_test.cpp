@@ -56,7 +56,7 @@ class Handler : public testing::Test {
     for (const Entry& entry : built.manifest.entries)
       if (entry.kind == Kind::kFile && installer_->ask(entry.path, std::nullopt) == 0) {
         bring(entry.path, built.tree.read(entry.path));
-        handler_->arrived(entry.path);
+        handler_->arrived({entry.path});
       }
   }
   void make_ready(const Built& built) {
@@ -145,7 +145,7 @@ TEST_F(Handler, a_wrong_file_is_told_and_given_up_after_three_times) {
   handler_->check(id_of(six_));
   for (unsigned time = 1; time < ReleaseHandler::kMaxMismatches; ++time) {
     bring("a", "x");
-    handler_->arrived("a");
+    handler_->arrived({"a"});
     EXPECT_EQ(ReleasePhase::kFetching, phase());
     EXPECT_EQ("'a' has another content than signed", problem());
   }
@@ -254,7 +254,7 @@ TEST_F(Handler, a_restart_goes_on_with_what_was_staged) {
   describe(six_);
   handler_->check(id_of(six_));
   bring("a", "1");
-  handler_->arrived("a");
+  handler_->arrived({"a"});
   start();
   EXPECT_EQ(ReleasePhase::kFetching, phase());
   EXPECT_EQ(std::vector<uint8_t>{0b10}, handler_->state().files);
