@@ -1,6 +1,7 @@
 #include "base64.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace pkgdist::cli {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "printable.h"
 

@@ -3,9 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
-#include <type_traits>
 
 #include "output.h"
 
@@ -20,12 +19,6 @@ class JsonEvents {
   // From any thread.
   void print(const std::string& event, const nlohmann::ordered_json& fields,
              Output::Kind kind = Output::Kind::kEvent) const;
-  // For what is told of every file: the fields are only made when they are printed.
-  template <class MakeFields>
-  requires std::is_invocable_v<MakeFields>
-  void print(const std::string& event, MakeFields make_fields) const {
-    if (enabled_) print(event, nlohmann::ordered_json(make_fields()));
-  }
 
  private:
   bool enabled_;

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "stop_signals.h"
 

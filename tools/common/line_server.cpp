@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "printable.h"

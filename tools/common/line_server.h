@@ -10,7 +10,7 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "control_socket.h"

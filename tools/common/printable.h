@@ -2,7 +2,7 @@
 // terminal, in a log, in a JSON line, on a page.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

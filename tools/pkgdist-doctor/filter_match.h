@@ -1,7 +1,7 @@
 // Whether a packet is what an expression of a rule asks for.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "filter_rules.h"
 

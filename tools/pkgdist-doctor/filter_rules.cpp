@@ -1,6 +1,7 @@
 #include "filter_rules.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <vector>

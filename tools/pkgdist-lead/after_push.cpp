@@ -1,6 +1,7 @@
 #include "after_push.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <unordered_map>
 
 #include "pkgdist_lead/udp_transport.h"

@@ -1,5 +1,6 @@
 // The parts of a push's end that are about its tree: contents, directories, names to remove.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "after_push.h"
 #include "base64.h"

@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
+
 #include "base64.h"
 #include "cli_common.h"
 #include "counted.h"

@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <array>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "base64.h"

@@ -1,6 +1,7 @@
 #include "control_request.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "cli_common.h"

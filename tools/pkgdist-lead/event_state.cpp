@@ -4,6 +4,7 @@
 
 #include <CLI/Error.hpp>
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "event_fields.h"

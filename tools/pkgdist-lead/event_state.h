@@ -1,7 +1,7 @@
 // How a push stands, from the events that it has printed.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <string>
 #include <unordered_map>

@@ -1,5 +1,6 @@
 #include "given_options.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 
 namespace pkgdist::lead_program {

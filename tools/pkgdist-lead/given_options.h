@@ -1,10 +1,13 @@
 // The options of a command as they were given, for those who read later how something was pushed.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace pkgdist::lead_program {
 

@@ -1,5 +1,7 @@
 #include "lead_events.h"
 
+#include <nlohmann/json.hpp>
+
 #include "base64.h"
 
 namespace pkgdist::lead_program {
@@ -10,7 +12,11 @@ constexpr auto kEvent = cli::Output::Kind::kEvent;
 
 }  // namespace
 
-void EventTee::say(const char* what, const lead::NodeInfo& node, Json more) {
+void EventTee::say(const char* what, const lead::NodeInfo& node) {
+  say(what, node, Json::object());
+}
+
+void EventTee::say(const char* what, const lead::NodeInfo& node, const Json& more) {
   if (!client_) return;
   Json line{{"event", what}, {"node", encode_node(node)}};
   line.update(more);

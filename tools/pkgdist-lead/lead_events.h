@@ -61,7 +61,8 @@ class EventTee : public lead::Events {
   }
 
  private:
-  void say(const char* what, const lead::NodeInfo& node, Json more = Json::object());
+  void say(const char* what, const lead::NodeInfo& node);
+  void say(const char* what, const lead::NodeInfo& node, const Json& more);
 
   lead::Events& own_;
   std::shared_ptr<cli::LineClient> client_;

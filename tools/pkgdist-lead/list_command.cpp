@@ -2,6 +2,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "control_path.h"

@@ -1,6 +1,7 @@
 #include "own_lead.h"
 
 #include <CLI/Error.hpp>
+#include <nlohmann/json.hpp>
 
 #include "push_description.h"
 #include "push_display.h"

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 #include "after_push.h"
 #include "after_report.h"

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "minisign.h"

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 namespace pkgdist::lead_program {
 

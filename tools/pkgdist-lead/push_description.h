@@ -2,7 +2,7 @@
 // version, for whoever looks at its events later.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "lead_options.h"
 

@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
+
 #include "counted.h"
 #include "output.h"
 

@@ -1,5 +1,6 @@
 // What is told of the pushes of a queue: lists, and what is remembered of those that have ended.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "push_figures.h"

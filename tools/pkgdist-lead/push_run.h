@@ -2,6 +2,8 @@
 // and what is told of it in the end.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include "lead_options.h"
 #include "pkgdist_lead/directory_store.h"
 #include "push_view.h"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "counted.h"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "counted.h"

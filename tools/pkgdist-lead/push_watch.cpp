@@ -1,6 +1,7 @@
 #include "push_watch.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "cli_common.h"

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <bit>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "base64.h"

@@ -15,7 +15,7 @@
 // Names travel in base64. Times are those of the monotonic clock, which the two share.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 

@@ -3,6 +3,7 @@
 
 #include <CLI/Error.hpp>
 #include <ctime>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "commands.h"

@@ -1,6 +1,7 @@
 #include "release_relay.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "heard_nodes.h"

@@ -5,6 +5,7 @@
 #include <CLI/Error.hpp>
 #include <algorithm>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "expiry.h"

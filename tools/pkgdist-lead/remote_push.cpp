@@ -1,6 +1,7 @@
 // A push that runs in the lead that serves on this host, seen from `pkgdist-lead push`.
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "after_report.h"

@@ -1,6 +1,7 @@
 // Orders and states go over one connection to the lead that serves here (release_relay.h), each
 // push over one of its own.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "control_path.h"

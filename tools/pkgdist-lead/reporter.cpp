@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "counted.h"
@@ -151,13 +152,12 @@ void Reporter::push_started(uint32_t transaction, uint64_t files, uint64_t bytes
 
 void Reporter::file_ended(const lead::NodeInfo& node, const std::string& name, uint64_t status,
                           bool skipped) {
-  json_.print("file", [&] {
-    return Json{{"node", format_address(node.address)},
-                {"name", name},
-                {"status", status},
-                {"text", status_text(status)},
-                {"skipped", skipped}};
-  });
+  if (json_.enabled())  // of every file: not even put together when nobody reads it
+    json_.print("file", Json{{"node", format_address(node.address)},
+                             {"name", name},
+                             {"status", status},
+                             {"text", status_text(status)},
+                             {"skipped", skipped}});
   if (status != 0)
     say(fmt::format("{}: {} failed: {}", label(node.address), name, status_text(status)));
   else if (verbosity_ > 0)

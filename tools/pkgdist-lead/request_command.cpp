@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 #include <vector>

@@ -1,5 +1,7 @@
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
 #include "control_server.h"
 #include "lead_events.h"

@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <vector>
 
@@ -49,6 +50,10 @@ bool WatchedLead::follow(double seconds) {
   for (auto line = connection_.next(seconds); line; line = connection_.next(0))
     fresh = take(*line) || fresh;
   return fresh;
+}
+
+void WatchedLead::stop_for(uint32_t node) {
+  connection_.send({{"stop_for", node}});
 }
 
 bool WatchedLead::take(const Json& line) {

@@ -25,7 +25,7 @@ class WatchedLead : private PushSource {
   // What there is to say beside it, in a line.
   const std::string& news() const { return news_; }
   // Ends the push that runs for this node.
-  void stop_for(uint32_t node) { connection_.send({{"stop_for", node}}); }
+  void stop_for(uint32_t node);
 
  private:
   bool take(const Json& line);

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "counted.h"
 #include "last_error.h"
@@ -188,13 +189,12 @@ void EventPrinter::file_told(uint64_t status, const std::string& text, const std
   Transaction& transaction = transactions_[xact_id];
   ++transaction.files;
   if (status != 0) ++transaction.failed;
-  json_.print("file", [&] {
-    return Json{{"transaction", xact_id},
-                {"location", location},
-                {"name", name},
-                {"status", status},
-                {"text", text}};
-  });
+  if (json_.enabled())  // of every file: not even put together when nobody reads it
+    json_.print("file", Json{{"transaction", xact_id},
+                             {"location", location},
+                             {"name", name},
+                             {"status", status},
+                             {"text", text}});
   if (status != 0 || verbosity_ > 0)
     say(fmt::format("transaction {}: {}: {}", xact_id, name, text));
 }

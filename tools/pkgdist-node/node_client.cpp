@@ -1,6 +1,8 @@
 // get, send and status through the node that runs on this host.
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
+
 #include "base64.h"
 #include "commands.h"
 #include "counted.h"

@@ -1,6 +1,8 @@
 // release: asks the node that runs on this host about its releases, or orders it to switch.
 #include <fmt/core.h>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
 #include "json_events.h"
 #include "release_report.h"

@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "counted.h"
 #include "expiry.h"

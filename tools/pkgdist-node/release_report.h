@@ -1,7 +1,7 @@
 // The state of releases, for people and as JSON.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

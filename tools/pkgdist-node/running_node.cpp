@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "base64.h"

@@ -1,5 +1,7 @@
 #include "stat_json.h"
 
+#include <nlohmann/json.hpp>
+
 #include "health.h"
 #include "json_events.h"
 

@@ -1,7 +1,7 @@
 // A sample as the fields of a JSON event; docs/operations.md has the list.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "sample.h"
 #include "stat_text.h"

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "cli_common.h"
 #include "counted.h"

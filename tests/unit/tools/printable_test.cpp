@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 using pkgdist::cli::json_line;
 using pkgdist::cli::printable;
 
