@@ -60,8 +60,10 @@ Digest list_digest(uint64_t size, uint32_t leaf, std::span<const Digest> leaves)
 ContentHash hash_content(int fd, uint32_t size, uint32_t leaf) {
   ContentHash content;
   const uint32_t leaves = leaf_count(size, leaf);
-  // One byte more than a small file has: a longer one is noticed.
-  std::vector<uint8_t> block(leaves == 0 ? size_t{size} + 1 : leaf);
+  // Kept: new memory for each of many small files would cost as much as reading them. One byte more
+  // than a small file has: a longer one is noticed.
+  thread_local std::vector<uint8_t> block;
+  block.resize(leaves == 0 ? size_t{size} + 1 : leaf);
   uint64_t total = 0;
   for (;;) {
     const size_t got = read_block(fd, block, static_cast<off_t>(total));

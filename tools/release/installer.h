@@ -16,7 +16,8 @@
 //
 // A trial that a restart interrupts has failed. The files of staging are hashed again after a
 // restart, whatever an earlier process knew of them, and after a failure of the disk: the next
-// check() goes on with what is whole.
+// check() goes on with what is whole. What this process has hashed and nobody has touched since is
+// not read again, also when a later release has it by a hard link.
 //
 // Of a partial file in incoming, of an earlier process or from an earlier lead, the leaves that are
 // right need not come again (take_good_parts()).
@@ -93,7 +94,7 @@ class Installer {
   void allow(uint64_t version);
   // By command: every file of the current release is read again. What differs; nothing when it is
   // whole.
-  std::vector<std::string> verify() const;
+  std::vector<std::string> verify();
 
   // What may be written into incoming: PKGDIST_GATE_ACCEPT, PKGDIST_GATE_PRESENT or an errno.
   static constexpr int kAccept = 0;
@@ -164,7 +165,8 @@ class Installer {
   void require_room() const;
   void check_staged(const Manifest& manifest, const Contents& current);
   bool is_staged(const Entry& entry);
-  bool reuse(const Entry& entry, const Contents& current) const;
+  bool reuse(const Entry& entry, const Contents& current);
+  bool link_known(const std::string& from, const std::string& to);
   Contents contents_of_current() const;
   void set_mode_and_time(const Entry& entry, const struct stat& status, int fd) const;
   void check_content(const Entry& entry, int fd);
@@ -188,7 +190,7 @@ class Installer {
   void point(const char* name, const std::string& target) const;
   void switch_to(const std::string& target) const;
   void save(const InstallState& state);
-  void remove_old_releases() const;
+  void remove_old_releases();
 
   // partial files
   struct LargeFile {
@@ -228,7 +230,8 @@ class Installer {
   InstallState state_;
   std::optional<InstalledRelease> candidate_;
   bool ready_ = false;
-  SettledFiles settled_;            // of the tree that is being made
+  SettledFiles settled_;            // of the tree that is being made, or was made last
+  SettledFiles earlier_;            // of the one before, while a tree is begun
   mutable std::mutex mutex_;        // guards what ask() reads, which the one thread writes:
   uint32_t leaf_ = kLeafBytes;      // of the release that is listed here
   std::string coming_;              // directory of the tree that is being made, "" when none is

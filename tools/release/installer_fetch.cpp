@@ -110,6 +110,7 @@ Installer::Refusals Installer::arrived(const std::vector<std::string>& paths) {
     for (size_t at = 0; at < paths.size(); at += kBatch)
       take_batch(std::span(paths).subspan(at, std::min(kBatch, paths.size() - at)), refusals);
   } catch (...) {  // what is staged has to be checked anew
+    settled_.clear();
     forget_candidate();
     throw;
   }

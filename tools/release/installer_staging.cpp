@@ -36,14 +36,17 @@ void Installer::expect(const Manifest& manifest, bool present) {
 void Installer::build_staging(const Manifest& manifest) {
   try {
     const Contents current = contents_of_current();
-    settled_.clear();
+    earlier_ = std::exchange(settled_, {});
     disk_.set_mode(place_.get(), staging_of(*candidate_), kPrivateDirectory);
     expect(manifest, false);
     for (const Entry& entry : manifest.entries) make_entry(entry, current);
     check_staged(manifest, current);
+    earlier_.clear();
     if (missing() == 0) return complete();
     require_room();
   } catch (...) {
+    settled_.clear();
+    earlier_.clear();
     forget_candidate();
     throw;
   }
@@ -117,6 +120,7 @@ void Installer::set_mode_and_time(const Entry& entry, const struct stat& status,
 void Installer::check_content(const Entry& entry, int fd) {
   struct stat status {};
   if (fstat(fd, &status) != 0) throw_errno("looking at", entry.path);
+  if (settled_.find(status) == entry.digest) return;
   const timespec began = SettledFiles::clock();
   if (hash_content(fd, entry.size, leaf_).digest != entry.digest)
     throw Refused(Reason::kContent, "'" + entry.path + "' has another content than signed");
@@ -137,20 +141,34 @@ Installer::Contents Installer::contents_of_current() const {
 // Takes a file from the current release, unless something stands under its name. What was copied is
 // checked later, not what it was copied from. A file that cannot be copied, because the disk is
 // full or has become unreadable there, has to come like any other.
-bool Installer::reuse(const Entry& entry, const Contents& current) const {
+bool Installer::reuse(const Entry& entry, const Contents& current) {
   const auto at = current.find(to_hex(entry.digest));
   if (at == current.end()) return false;
   const Reusable& source = at->second;
   const std::string to = staging_of(*candidate_) + "/" + entry.path;
   const bool same = source.mode == entry.mode && source.mtime == entry.mtime;
   try {
-    if (options_.hard_links && same && disk_.hard_link(place_.get(), source.path, to)) return true;
+    if (options_.hard_links && same && link_known(source.path, to)) return true;
     const Fd from(open_beneath(place_.get(), source.path.c_str(), O_RDONLY));
     return from && disk_.copy(from.get(), place_.get(), to, entry.mode, entry.mtime);
   } catch (const std::runtime_error&) {
     disk_.remove(place_.get(), to);
     return false;
   }
+}
+
+// What is known of the file stays known.
+bool Installer::link_known(const std::string& from, const std::string& to) {
+  struct stat status {};
+  std::optional<SettledFiles::Known> known;
+  if (fstatat(place_.get(), from.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    known = earlier_.take(status);
+    if (!known) known = settled_.take(status);  // of a file that the release has twice
+  }
+  const bool linked = disk_.hard_link(place_.get(), from, to);
+  if (known && fstatat(place_.get(), from.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+    settled_.put_back(*known, status);
+  return linked;
 }
 
 // In what the staged tree is not that of the manifest; empty when it is.

@@ -123,20 +123,33 @@ void Installer::allow(uint64_t version) {
   save(next);
 }
 
-std::vector<std::string> Installer::verify() const {
+std::vector<std::string> Installer::verify() {
   const std::string current = link(kCurrent);
   if (current.empty()) throw Refused(Reason::kNoRelease, "no release is installed");
   const Manifest manifest = read_release(current);
-  return differences(manifest,
-                     scan_tree(options_.place + "/" + current, {manifest.leaf, 0, nullptr}));
+  auto different =
+      differences(manifest, scan_tree(options_.place + "/" + current, {manifest.leaf, 0, nullptr}));
+  if (!different.empty()) settled_.clear();
+  return different;
 }
 
-// All but the current and the previous one.
-void Installer::remove_old_releases() const {
-  for (const std::string& directory : directories_in(kReleases)) {
-    if (directory != link(kCurrent) && directory != link(kPrevious))
-      disk_.remove(place_.get(), directory);
+// All but the current and the previous one. What is known of files that the current one shares with
+// them stays known.
+void Installer::remove_old_releases() {
+  const std::string current = link(kCurrent);
+  struct stat status {};
+  std::vector<std::pair<std::string, SettledFiles::Known>> known;
+  for (const Expected& expected : expected_) {
+    const std::string path = current + "/" + expected.entry.path;
+    if (fstatat(place_.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (const auto taken = settled_.take(status)) known.emplace_back(path, *taken);
   }
+  for (const std::string& directory : directories_in(kReleases)) {
+    if (directory != current && directory != link(kPrevious)) disk_.remove(place_.get(), directory);
+  }
+  for (const auto& [path, file] : known)
+    if (fstatat(place_.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+      settled_.put_back(file, status);
 }
 
 }  // namespace pkgdist::release

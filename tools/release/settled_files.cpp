@@ -37,6 +37,21 @@ void SettledFiles::add(const struct stat& status, const timespec& began, const D
   known_.insert_or_assign(key_of(status), digest);
 }
 
+std::optional<SettledFiles::Known> SettledFiles::take(const struct stat& status) {
+  const auto taken = known_.extract(key_of(status));
+  if (taken.empty()) return std::nullopt;
+  return Known{status.st_dev, status.st_ino, status.st_size, status.st_mtim, taken.mapped()};
+}
+
+void SettledFiles::put_back(const Known& known, const struct stat& status) {
+  const auto fields = [](uint64_t device, uint64_t inode, int64_t size, const timespec& modified) {
+    return std::tuple(device, inode, size, modified.tv_sec, modified.tv_nsec);
+  };
+  if (fields(known.device, known.inode, known.size, known.modified) ==
+      fields(status.st_dev, status.st_ino, status.st_size, status.st_mtim))
+    known_.insert_or_assign(key_of(status), known.digest);
+}
+
 std::optional<Digest> SettledFiles::find(const struct stat& status) const {
   const auto at = known_.find(key_of(status));
   return at == known_.end() ? std::nullopt : std::optional(at->second);

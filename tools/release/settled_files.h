@@ -4,6 +4,9 @@
 // A change within the resolution of that time would not show. So only files are remembered that
 // nobody had touched for a tick of the clock before they were hashed, and none of a file system
 // whose times are whole seconds.
+//
+// A link to a file, or the removal of one, is a change of the file. Around those of this process
+// take() and put_back() keep what is known.
 #pragma once
 
 #include <sys/stat.h>
@@ -29,6 +32,17 @@ class SettledFiles {
   void add(const struct stat& status, const timespec& began, const Digest& digest);
   std::optional<Digest> find(const struct stat& status) const;
   void clear() { known_.clear(); }
+
+  struct Known {
+    uint64_t device = 0, inode = 0;
+    int64_t size = 0;
+    timespec modified{};
+    Digest digest{};
+  };
+  // What is known of a file is no longer known here.
+  std::optional<Known> take(const struct stat& status);
+  // It is again, when the file is still the same one with the same size and time.
+  void put_back(const Known& known, const struct stat& status);
 
  private:
   // device, inode, size, change time

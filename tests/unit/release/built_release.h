@@ -1,6 +1,8 @@
 // A release as a lead has it: made and signed in a directory of its own.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -20,7 +22,11 @@ using Files = std::map<std::string, std::string>;
 struct Built {
   Built(uint64_t version, const Files& files, const ReleaseSigner& signer, uint64_t floor = 0,
         const std::string& name = "base") {
-    for (const auto& [path, content] : files) tree.write(path, content);
+    constexpr timespec kTimes[] = {{1'700'000'000, 0}, {1'700'000'000, 0}};
+    for (const auto& [path, content] : files) {
+      tree.write(path, content);
+      EXPECT_EQ(0, utimensat(AT_FDCWD, (tree / path).c_str(), kTimes, 0));
+    }
     EXPECT_EQ(0, symlink("elsewhere", (tree / "link").c_str()));
     const ScannedTree scanned = scan_tree(tree.path(), {kLeafBytes, 1, nullptr});
     manifest.name = name;

@@ -539,10 +539,63 @@ TEST_F(Install, hard_links_share_what_has_the_same_mode_and_time) {
   const std::string next = place_ / (".pkgdist/releases/" + directory_name(seven_.release()));
   ASSERT_EQ(0, stat((place_ / "current/same").c_str(), &old_file));
   ASSERT_EQ(0, stat((next + "/same").c_str(), &new_file));
-  EXPECT_EQ(old_file.st_mtime == new_file.st_mtime, old_file.st_ino == new_file.st_ino);
+  EXPECT_EQ(old_file.st_ino, new_file.st_ino);
   node_->activate();
   node_->confirm();
   EXPECT_TRUE(current_is(seven_));
+}
+
+class LinkedReleases : public Install {
+ protected:
+  void SetUp() override {
+    hard_links_ = true;
+    start();
+    install(release(7));
+  }
+  Built release(uint64_t version) const {
+    return {version,
+            {{"a", large_}, {"again", large_}, {"small", std::to_string(version)}},
+            signer_,
+            0};
+  }
+  const std::string large_ = std::string(size_t{1} << 20, 'l');
+};
+
+TEST_F(LinkedReleases, are_not_read_again_where_this_process_has_hashed_them) {
+  for (uint64_t version = 8; version < 12; ++version) {  // also once older releases are removed
+    const Built next = release(version);
+    const uint64_t before = bytes_read();
+    bring_manifest(next);
+    bring_files(next);
+    node_->activate();
+    node_->confirm();
+    EXPECT_LT(bytes_read() - before, large_.size()) << version;
+    EXPECT_TRUE(current_is(next));
+  }
+}
+
+TEST_F(LinkedReleases, are_read_where_something_was_touched) {
+  std::string other = large_;
+  other[17] ^= 1;
+  struct stat status {};
+  ASSERT_EQ(0, stat((place_ / "current/a").c_str(), &status));
+  place_.write("current/a", other);
+  const timespec times[] = {status.st_atim, status.st_mtim};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, (place_ / "current/a").c_str(), times, 0));
+  const Built next = release(8);
+  bring_manifest(next);
+  EXPECT_EQ(node_->missing_files(), std::vector<uint8_t>{0b111});
+  bring_files(next);
+  node_->activate();
+  node_->confirm();
+  EXPECT_TRUE(current_is(next));
+}
+
+TEST_F(LinkedReleases, are_read_by_the_next_process) {
+  start();
+  const uint64_t before = bytes_read();
+  bring_manifest(release(8));
+  EXPECT_GE(bytes_read() - before, 2 * large_.size());
 }
 
 // --- By the owner's command ---
