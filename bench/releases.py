@@ -2,7 +2,7 @@
 """What a signed release takes, in time and in bytes on the wire: the first one, and a second one of which 1 % of the
 bytes are other ones (hard links for the rest), to three nodes; beside a plain push of the same tree, and beside rsync to each node.
 
-    bench/releases.py BUILD [--files N] [--bytes N] [--rounds N]
+    bench/releases.py BUILD [--files N] [--bytes N] [--rounds N] [--link RATE]
 
 Everything runs in network namespaces of this process's own. Needs minisign; rsync is left out when it is not there
 (scripts/setup peers installs both).
@@ -19,6 +19,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "lab"))
 import lab  # noqa: E402
+import links  # noqa: E402
 
 NODES = 3
 FILES_IN_A_DIRECTORY = 100
@@ -172,6 +173,7 @@ def main():
     parser.add_argument("--files", type=int, default=10_000)
     parser.add_argument("--bytes", type=int, default=4000, help="of each file")
     parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--link", metavar="RATE", help="of the lead's link, as tc writes it: 400mbit (default: the machine's)")
     options = parser.parse_args()
     lab.enter()
     if shutil.which("rsync") is None:
@@ -189,6 +191,8 @@ def main():
             sign(programs, tree.first, 1, secret)
             sign(programs, tree.second, 2, secret)
             with lab.Lab(nodes=NODES) as net:
+                if options.link:
+                    links.limit_sending(net.lead, options.link)
                 one = Round(net, programs, work, tree)
                 one.releases()
                 one.pushes("pushes", "push")
@@ -198,7 +202,7 @@ def main():
         finally:
             lab.remove(work)
     print(f"{options.files} files of {options.bytes} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
-          f"{NODES} nodes; medians of {options.rounds}")
+          f"{NODES} nodes; {f'a link of {options.link}; ' if options.link else ''}medians of {options.rounds}")
     show(rounds, stolen)
 
 

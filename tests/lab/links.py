@@ -21,6 +21,12 @@ def limit_port(host, rate, buffer):
          "burst", "16kb", "limit", str(buffer))
 
 
+def limit_sending(host, rate):
+    """A link of this rate for what this host sends: the sender waits, nothing is dropped."""
+    _run(host.prefix, "tc", "qdisc", "add", "dev", "eth0", "root", "tbf", "rate", rate,
+         "burst", "64kb", "latency", "1s")
+
+
 def delay(host, milliseconds):
     """Holds back what this host sends."""
     _run(host.prefix, "tc", "qdisc", "add", "dev", "eth0", "root", "netem",
