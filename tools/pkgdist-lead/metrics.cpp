@@ -113,6 +113,11 @@ class Metrics::Impl {
     }
     exposer_->RegisterCollectable(registry_);
   }
+  // The server is left to the end of the process: its threads look every two seconds whether they
+  // are to end, longer than a lead that is stopped may take. They find no numbers from now on.
+  ~Impl() { (void)exposer_.release(); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
 
   void run(const lead::Lead& lead, const NodePrograms& programs, uint64_t send_errors,
            lead::Time now) {
