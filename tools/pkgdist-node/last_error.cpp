@@ -22,8 +22,10 @@ std::string reason_of(const std::string& text) {
 
 }  // namespace
 
-std::string last_error() {
-  std::string reason;
+std::string last_error(ErrorOf whose) {
+  const auto own_thread = static_cast<uint32_t>(::gettid());
+  std::string own;
+  std::string any;
   try {
     trace::TraceReader reader(tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX +
                               std::to_string(::getpid()));
@@ -31,17 +33,19 @@ std::string last_error() {
       const std::optional<trace::Catalogue> catalogue = reader.catalogue(record.ring);
       if (!catalogue || record.point >= catalogue->points.size()) continue;
       const trace::Point& point = catalogue->points[record.point];
-      if (point.second == 0) reason = reason_of(trace::render(point, record));
+      if (point.second != 0) continue;
+      any = reason_of(trace::render(point, record));
+      if (record.thread == own_thread) own = any;
     }
   } catch (const std::runtime_error&) {
     // Another platform library may keep no trace, or one without texts.
   }
-  return reason;
+  return whose == ErrorOf::kThisThread && !own.empty() ? own : any;
 }
 
 std::string status_with_error(uint64_t status) {
   if (status != PKGDIST_ERR_SYSTEM && status != PKGDIST_ERR_SEND) return cli::status_text(status);
-  const std::string reason = last_error();
+  const std::string reason = last_error(ErrorOf::kAnyThread);
   return reason.empty() ? cli::status_text(status) : pkgdist_status_str(status) + (": " + reason);
 }
 

@@ -7,8 +7,10 @@
 namespace pkgdist::node_program {
 
 // "ctrl mc rx bind failed: 98(Address already in use)"; empty when the trace has no error, or
-// cannot be read.
-std::string last_error();
+// cannot be read. For a call that has just failed, errors of the calling thread go before those of
+// others, which go on.
+enum class ErrorOf { kThisThread, kAnyThread };
+std::string last_error(ErrorOf whose);
 
 // A status in words. Where it says no more than that the system refused something, with what was
 // refused, and why.

@@ -65,7 +65,7 @@ void require(PkgdistStatus status, const char* what) {
   if (status == 0) return;
   // The status of failed system calls does not say which; the library's trace does.
   const bool unnamed = status == PKGDIST_ERR_SYSTEM || status == PKGDIST_ERR_SEND;
-  const std::string reason = unnamed ? last_error() : "";
+  const std::string reason = unnamed ? last_error(ErrorOf::kThisThread) : "";
   throw std::runtime_error(
       fmt::format("{}: {}", what, reason.empty() ? cli::status_text(status) : reason));
 }
