@@ -54,9 +54,28 @@ void Installer::switch_to(const std::string& target) const {
   point(kCurrent, target);
 }
 
+// Weeks may have passed since the release became ready: its key may have been taken away, its time
+// may be over, and who can write the place may have changed it.
+void Installer::require_still_ready() {
+  const std::string directory = target_of(*candidate_);
+  const std::string text =
+      read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes);
+  std::string problem = "another manifest";
+  if (sha256(bytes_of(text)) == candidate_->manifest) {
+    const Manifest manifest = parse(text, SetId::kAllowed);
+    check_rules(manifest, *candidate_, key_of(directory));
+    problem = tree_problem(directory, manifest);
+  }
+  if (problem.empty()) return;
+  forget_candidate();
+  if (directory != link(kCurrent) && directory != link(kPrevious))
+    disk_.remove(place_.get(), directory);
+  throw Refused(Reason::kTree, "the tree that was ready is not that of its manifest: " + problem);
+}
+
 void Installer::activate() {
   if (!ready_ || !candidate_) throw Refused(Reason::kNoRelease, "no release is ready");
-  (void)key_of(target_of(*candidate_));
+  require_still_ready();
   InstallState next = state_;
   next.trial = candidate_;
   save(next);
