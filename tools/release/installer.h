@@ -215,6 +215,7 @@ class Installer {
   void forget_candidate();
 
   bool is_installed(const InstalledRelease& release) const;
+  const InstalledRelease* installed_that_counts() const;
   bool has_manifest(const std::string& directory) const;
   Manifest read_release(const std::string& directory) const;
   InstalledRelease release_in(const std::string& directory) const;

@@ -87,7 +87,8 @@ void Installer::confirm() {
   const InstalledRelease release = *state_.trial;
   const std::string directory = target_of(release);
   InstallState next = state_;
-  uint64_t& floor = next.floors[key_of(directory)];
+  next.installed_key = key_of(directory);
+  uint64_t& floor = next.floors[next.installed_key];
   floor = std::max(floor, read_release(directory).floor);
   if (next.allowed == release.version) {
     floor = std::min(floor, release.version);
@@ -125,8 +126,8 @@ InstalledRelease Installer::roll_back() {
   if (state_.trial || previous.empty() || previous == link(kCurrent) || !has_manifest(previous))
     throw Refused(Reason::kNoRelease, "there is no previous release to go back to");
   const InstalledRelease release = release_in(previous);
-  (void)key_of(previous);
   InstallState next = state_;
+  next.installed_key = key_of(previous);
   if (next.installed) next.bad.insert(next.installed->manifest);
   next.bad.erase(release.manifest);
   next.installed = release;

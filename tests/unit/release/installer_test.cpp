@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "installer_fixture.h"
 
 using namespace release_test;
@@ -122,6 +124,63 @@ TEST_F(Install, the_floor_holds_when_the_place_was_emptied_for_its_key_alone) {
   start();
   EXPECT_EQ(Reason::kFloor, refused(Built(4, {{"a", "x"}}, signer_)));
   EXPECT_EQ(std::nullopt, refused(Built(4, {{"a", "x"}}, other)));
+}
+
+// Who had the key could sign the highest version there is.
+TEST_F(Install, a_version_of_a_key_that_was_taken_away_blocks_no_other) {
+  const ReleaseSigner other(2);
+  keys_.push_back(other.public_key());
+  const Built eight(8, {{"a", "8"}}, other, 8);
+  start();
+  install(six_);
+  install(Built(UINT64_MAX, {{"a", "x"}}, signer_, UINT64_MAX));
+  EXPECT_EQ(Reason::kNotNewer, refused(eight));
+  keys_ = {other.public_key()};
+  start();
+  install(eight);
+  EXPECT_TRUE(current_is(eight));
+  EXPECT_EQ(Reason::kNotNewer, refused(Built(7, {{"a", "7"}}, other)));
+  EXPECT_EQ(Reason::kUnknownKey, refused(Built(9, {{"a", "9"}}, signer_)));
+}
+
+TEST_F(Install, the_floor_of_a_key_holds_when_another_was_taken_away) {
+  const ReleaseSigner other(2);
+  keys_.push_back(other.public_key());
+  start();
+  install(Built(5, {{"a", "5"}}, other, 5));
+  install(six_);
+  keys_ = {other.public_key()};
+  start();
+  EXPECT_EQ(Reason::kFloor, refused(Built(4, {{"a", "4"}}, other)));
+  EXPECT_EQ(std::nullopt, refused(Built(5, {{"a", "five"}}, other)));
+}
+
+TEST_F(Install, what_a_trusted_key_signed_is_checked_like_anything_else) {
+  start();
+  install(six_);
+  const auto reason_for = [&](const std::string& what, const std::string& with) {
+    Built built(7, {{"file", "x"}}, signer_);
+    built.text.replace(built.text.find(what), what.size(), with);
+    built.signature = signer_.sign(built.text);
+    return refused(built);
+  };
+  EXPECT_EQ(std::nullopt, reason_for("", ""));
+  start();
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " ../file\n"));
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " /etc/passwd\n"));
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " .pkgdist/staging\n"));
+  EXPECT_EQ(Reason::kMode, reason_for("f 0644", "f 4755"));
+  EXPECT_EQ(Reason::kFormat, reason_for("version=7", "version=07"));
+  EXPECT_EQ(Reason::kFormat, reason_for("end 2 1", "end 3 1"));
+  EXPECT_TRUE(current_is(six_));
+}
+
+TEST(Reasons, have_a_name_each) {
+  std::set<std::string> names;
+  for (int reason = 0; reason <= static_cast<int>(Reason::kNoSpace); ++reason)
+    names.insert(reason_name(static_cast<Reason>(reason)));
+  EXPECT_EQ(static_cast<size_t>(Reason::kNoSpace) + 1, names.size());
+  EXPECT_FALSE(names.contains("unknown"));
 }
 
 TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
