@@ -147,8 +147,8 @@ std::vector<std::string> Installer::verify() const {
   const std::string current = link(kCurrent);
   if (current.empty()) throw Refused(Reason::kNoRelease, "no release is installed");
   const Manifest manifest = read_release(current);
-  return differences(manifest,
-                     scan_tree(options_.place + "/" + current, {manifest.leaf, 0, nullptr}));
+  return differences(manifest, scan_tree(options_.place + "/" + current,
+                                         {.leaf = manifest.leaf, .threads = 0, .tolerant = true}));
 }
 
 // All but the current and the previous one.

@@ -1,6 +1,7 @@
 // Orders about releases, and the states that come of them.
 #include "release_handler.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "built_release.h"
@@ -264,6 +265,19 @@ TEST_F(Handler, verification_names_what_differs_and_changes_nothing_else) {
   EXPECT_EQ((std::vector<std::string>{"a", "more"}), handler_->state().drift);
   handler_->check(id_of(six_));
   EXPECT_EQ(std::nullopt, handler_->state().drifted) << "that was then";
+}
+
+TEST_F(Handler, verification_names_what_no_release_can_have_beside_the_rest) {
+  make_ready(six_);
+  handler_->activate(std::nullopt);
+  std::filesystem::remove(place_ / "current/a");
+  ASSERT_EQ(0, mkfifo((place_ / "current/a").c_str(), 0644));
+  ASSERT_EQ(0, mkfifo((place_ / "current/fifo").c_str(), 0644));
+  const timespec old[2] = {{-1, 0}, {-1, 0}};  // before 1970
+  ASSERT_EQ(0, utimensat(AT_FDCWD, (place_ / "current/b").c_str(), old, 0));
+  handler_->verify();
+  EXPECT_EQ(ReleasePhase::kConfirmed, phase());
+  EXPECT_EQ((std::vector<std::string>{"a", "b", "fifo"}), handler_->state().drift);
 }
 
 TEST_F(Handler, the_owner_goes_back_and_allows_what_was_refused) {
