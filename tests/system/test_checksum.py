@@ -1,11 +1,12 @@
 """push --checksum: nodes compare the content of every file, and receive again what differs."""
 
+import contextlib
 import os
 import shutil
 import subprocess
 
 import tree
-from support import ROOT, BackgroundLead, SystemTest, lab
+from support import ROOT, BackgroundLead, SystemTest, lab, summary
 
 BIG = 1_000_000  # more than one leaf
 
@@ -115,6 +116,52 @@ class Checksum(ChecksumTest):
         self.assertTrue(compared[heard.address]["good"])
         self.assertEqual((compared[unheard.address]["good"], compared[unheard.address]["text"]),
                          (False, "its program does not do it"))
+
+    def test_a_repair_that_finds_the_disk_full_keeps_the_file_that_is_there_and_tells_why(self):
+        self.fill_disk()
+        troubled = self.net.nodes[0]
+        self.spoil("small disk/spoiled")
+        with self.nothing_changes_on(self.small_disk):
+            compared = self.compared(self.push("--checksum", expect=1))
+        self.assertTrue(compared[self.net.nodes[1].address]["good"])
+        told = compared[troubled.address]
+        self.assertEqual((told["good"], told["received_again"]), (False, []))
+        [failed] = told["failed"]
+        self.assertEqual(failed["name"], "small disk/spoiled")
+        self.assertRegex(failed["text"], "^it has another content; receiving it again: the disk is full")
+        # With room, the same push mends it.
+        subprocess.run(["mount", "-o", "remount,size=20m", self.small_disk], check=True)
+        self.assert_agree(self.push("--checksum"), "small disk/spoiled")
+        self.assert_received()
+
+    def test_a_new_file_that_has_no_room_leaves_the_old_one(self):
+        self.fill_disk()
+        with open(os.path.join(self.content, "small disk/good"), "ab") as file:
+            file.write(bytes(BIG))
+        with self.nothing_changes_on(self.small_disk):
+            result = self.push("--checksum", expect=1)
+        troubled = self.net.nodes[0].address
+        self.assertEqual(self.compared(result)[troubled]["text"], "it does not have every file of the push")
+        [failed] = next(node["failed"] for node in summary(result)["nodes"] if node["node"] == troubled)
+        self.assertEqual(failed["name"], "small disk/good")
+        self.assertIn("the disk is full", failed["text"])
+
+    @contextlib.contextmanager
+    def nothing_changes_on(self, directory):
+        """Not even by a partial file that stays."""
+        before = lab.manifest(directory)
+        yield
+        lab.wait_until(lambda: lab.differences(before, lab.manifest(directory)) == [],
+                       what="everything to be as it was")
+
+    def fill_disk(self):
+        """What both nodes have, the first on a disk with no room for one of the files more."""
+        for name in ("spoiled", "good"):
+            tree.add(self.content, f"small disk/{name}", BIG)
+        self.small_disk = os.path.join(self.directory_of(self.net.nodes[0]), "small disk")
+        self.mount(self.small_disk, f"size={2 * BIG + 500_000}")
+        self.start_nodes()
+        self.push()
 
     def test_a_push_through_a_lead_that_serves_compares_too(self):
         self.start_nodes()

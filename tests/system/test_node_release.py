@@ -60,6 +60,16 @@ class Releases(ReleaseNode):
         self.assertIn("not trusted here", self.begin("refused")["problem"])
         self.assertNotIn("current", os.listdir(self.place))
 
+    def test_what_has_expired_is_refused_where_that_is_asked_for(self):
+        self.start_both("--enforce-expiry")
+        self.build(6, SIX, "--expires", "2999-01-01T00:00:00Z")
+        self.begin()
+        self.fetch()
+        self.activate()
+        self.build(7, SEVEN, "--expires", "2020-01-02T00:00:00Z")
+        self.assertEqual(self.begin("refused")["problem"], "the release expired on 2020-01-02T00:00:00Z")
+        self.assertEqual(self.check_tree(), 6)
+
     def test_a_manifest_of_another_release_than_the_ordered_one_is_refused(self):
         self.start_both()
         self.build(6, SIX)

@@ -256,6 +256,33 @@ class ReleasePush(Fleet):
         self.lead_command("releases", expect=2)
 
 
+class FailingDisks(Fleet):
+    """The old release runs on, and the lead tells which node has what."""
+
+    def test_a_full_disk_one_without_inodes_and_one_that_is_read_only_are_told_and_switch_nothing(self):
+        full, without_inodes, read_only = self.net.nodes
+        for node, options in ((full, "size=3500k"), (without_inodes, f"nr_inodes={2 * len(SIX)}"),
+                              (read_only, "size=20m")):
+            lab.mount_memory(self.place_of(node), options)
+            self.addCleanup(lab.unmount, self.place_of(node))
+        self.start_takers()
+        self.build(6, SIX)
+        self.push_release()
+        subprocess.run(["mount", "-o", "remount,ro", self.place_of(read_only)], check=True)
+        self.build(7, {**{name + "-new": content for name, content in SIX.items()}, "huge": os.urandom(2_000_000)})
+        result = self.push_release("--activate", "those", expect=1)
+        problems = self.problems(result)
+        self.assertRegex(problems["node1"], "the disk is full: [0-9]+ bytes are missing, [0-9]+ are free")
+        self.assertRegex(problems["node2"], "No space left on device|no inodes are left")
+        self.assertIn("Read-only file system", problems["node3"])
+        self.assertEqual(self.versions(), [6, 6, 6])
+        # When they are mended, the same release goes everywhere.
+        for node, options in ((full, "size=20m"), (without_inodes, "nr_inodes=10000"), (read_only, "rw")):
+            subprocess.run(["mount", "-o", f"remount,{options}", self.place_of(node)], check=True)
+        self.push_release()
+        self.assertEqual(self.versions(), [7, 7, 7])
+
+
 class LaterActivation(Fleet):
     def test_nodes_get_ready_and_switch_when_told(self):
         self.start_takers()
@@ -370,6 +397,30 @@ class ServedRelease(Fleet):
             checked = subprocess.run(["promtool", "check", "metrics"], input=self.scrape(), capture_output=True,
                                      text=True, timeout=60)
             self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
+
+    def test_what_was_changed_on_a_node_stands_in_the_table_and_in_the_metrics(self):
+        self.start_takers()
+        self.serve()
+        self.build(6, SIX)
+        self.push_release()
+        changed = os.path.join(self.place_of(self.net.nodes[1]), "current", "etc", "settings")
+        with open(changed, "r+b") as file:
+            file.write(b"C")
+        table = self.net.lead.run([self.programs.lead, "--interface", self.net.lead.address, "releases", "--verify"],
+                                  capture_output=True, text=True, timeout=60)
+        self.assertEqual(table.returncode, 1, table.stderr)
+        rows = {line.split()[0]: line.split(None, 3)[3] for line in table.stdout.splitlines() if line[:1].isdigit()}
+        whole, drifted, also_whole = (rows[node.address] for node in self.net.nodes)
+        self.assertTrue(drifted.endswith("1 differ, etc/settings"), table.stdout)
+        self.assertEqual([row.split()[-1] for row in (whole, also_whole)], ["whole", "whole"], table.stdout)
+        lab.wait_until(lambda: self.counts() == {("6", "current"): 3, ("6", "drifted"): 1}, 10, "it in the metrics")
+        shutil.copystat(os.path.join(self.content, "etc", "settings"), changed)
+        with open(changed, "r+b") as file:
+            file.write(b"c")
+        self.lead_command("releases", "--verify", expect=1)  # the time differs
+        shutil.copystat(os.path.join(self.content, "etc", "settings"), changed)
+        self.lead_command("releases", "--verify")
+        lab.wait_until(lambda: self.counts() == {("6", "current"): 3}, 10, "it to be gone from the metrics")
 
     def test_two_pushes_at_a_time_do_not_disturb_each_other(self):
         self.start_takers()

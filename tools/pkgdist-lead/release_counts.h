@@ -1,5 +1,5 @@
-// What one node adds to the counts of nodes by release: its current one, and the one that it
-// prepares or could not take.
+// What one node adds to the counts of nodes by release: its current one, the same once more when
+// the last verification found it changed, and the one that it prepares or could not take.
 #pragma once
 
 #include <string>

@@ -29,9 +29,9 @@ std::string why_text(const cli::ReleaseState& state) {
   return state.problem + "; " + warning;
 }
 
-// In words; empty when it was not verified.
+// In words, or why it was not verified.
 std::string drift_text(const cli::ReleaseState& state) {
-  if (!state.drifted) return "";
+  if (!state.drifted) return why_text(state);
   if (*state.drifted == 0) return "whole";
   std::string text = fmt::format("{} differ", *state.drifted);
   for (const std::string& path : state.drift) text += fmt::format(", {}", path);

@@ -43,13 +43,17 @@ cli::NodeAnswer compare_contents(const std::string& directory, const cli::NodeQu
     std::vector<release::Entry> said = release::parse_push_manifest(question.manifest);
     const auto before = names_of(release::content_differences(said, directory, go_on));
     if (!before.empty()) {
-      receive_again(question.location, before);
+      const auto troubles = receive_again(question.location, before);
       std::erase_if(said, [&](const release::Entry& entry) {
         return !std::binary_search(before.begin(), before.end(), entry.path);
       });
       const auto left = release::content_differences(said, directory, go_on);
-      for (const NamedProblem& problem : left)
-        answer.problems.push_back({problem.name, problem.text});
+      for (const auto& [name, text] : left) {
+        const auto trouble = troubles.find(name);
+        answer.problems.push_back({name, trouble == troubles.end()
+                                             ? text
+                                             : text + "; receiving it again: " + trouble->second});
+      }
       const auto wrong = names_of(left);
       for (const std::string& name : before)
         if (!std::binary_search(wrong.begin(), wrong.end(), name))

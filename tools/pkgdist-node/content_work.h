@@ -7,6 +7,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,8 +16,10 @@
 
 namespace pkgdist::node_program {
 
-// Receives files, whatever stands under their names; returns when each has ended, well or not.
-using ReceiveAgain = std::function<void(uint32_t location, const std::vector<std::string>& names)>;
+// Receives files, whatever stands under their names; returns when each has ended, well or not, and
+// says why files have not come, by name, as far as that is known.
+using ReceiveAgain = std::function<std::map<std::string, std::string>(
+    uint32_t location, const std::vector<std::string>& names)>;
 
 // `keys`: one of these must have signed; empty: nobody has to.
 cli::NodeAnswer compare_contents(const std::string& directory, const cli::NodeQuestion& question,

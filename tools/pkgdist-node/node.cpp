@@ -151,6 +151,12 @@ void Node::run_once(double seconds) {
   if (run_beside_) run_beside_();
 }
 
+std::string Node::file_ended(uint32_t location, const std::string& name, uint64_t status) {
+  std::string text = storage_trouble_.text(location, name, status);
+  partial_files_.on_ended(location, name, status);
+  return text;
+}
+
 // What came back with the number that it had is still joined.
 void Node::follow_interface() {
   const std::optional<cli::InterfaceChange> change = interface_.take();

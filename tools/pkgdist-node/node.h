@@ -56,6 +56,9 @@ class Node {
     run_beside_ = std::move(run);
   }
 
+  // What became of a file, in words, before what a failure leaves of it is removed and makes room.
+  // From any thread.
+  std::string file_ended(uint32_t location, const std::string& name, uint64_t status);
   FlushService& flush_service() { return flush_service_; }
   PartialFiles& partial_files() { return partial_files_; }
   const StorageTrouble& storage_trouble() const { return storage_trouble_; }

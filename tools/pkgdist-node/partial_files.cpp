@@ -80,14 +80,21 @@ void PartialFiles::add_location(uint32_t number, const std::string& directory) {
 }
 
 void PartialFiles::note_listed(uint32_t location, const std::string& name) {
+  const std::lock_guard lock(mutex_);
   if (name.ends_with(kSuffix) && listed_.size() < kMaxListed) listed_.emplace(location, name);
+}
+
+// More names may have been listed than are remembered.
+bool PartialFiles::may_be_listed(uint32_t location, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  return listed_.size() >= kMaxListed || listed_.contains({location, name});
 }
 
 void PartialFiles::on_ended(uint32_t location, const std::string& name, uint64_t status) {
   const auto found = locations_.find(location);
   const std::string partial = name + kSuffix;
   if (found == locations_.end() || !may_leave_partial(status)) return;
-  if (listed_.size() >= kMaxListed || listed_.contains({location, partial})) return;
+  if (may_be_listed(location, partial)) return;
   remove_beneath(found->second, partial, [&](const struct stat& file) {
     return !is_before(file.st_ctim, since_) && !is_open_for_writing(file.st_dev, file.st_ino);
   });
@@ -100,13 +107,12 @@ void PartialFiles::remove_open_at(uint32_t location, int directory, int fd) {
   if (!path || !top || ::fstat(fd, &status) != 0) return;
   if (!path->ends_with(kSuffix) || !path->starts_with(*top + '/')) return;
   const std::string name = path->substr(top->size() + 1);
-  if (listed_.contains({location, name})) return;
+  if (may_be_listed(location, name)) return;
   remove_beneath(directory, name,
                  [&](const struct stat& file) { return identity_of(file) == identity_of(status); });
 }
 
 void PartialFiles::remove_open() {
-  if (listed_.size() >= kMaxListed) return;
   for (const int fd : own_descriptors())
     for (const auto& [number, directory] : locations_)
       if (writes(fd)) remove_open_at(number, directory, fd);

@@ -6,11 +6,14 @@
 // by this process's user and changed since this process began, beneath its location without a link
 // on the way. It stays when a newer reception has it open, and when the lead has listed a file of
 // that very name, which then is a file like any other.
+//
+// Locations are added before anything is received; everything else may be called from any thread.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -33,10 +36,12 @@ class PartialFiles {
   void remove_open();
 
  private:
+  bool may_be_listed(uint32_t location, const std::string& name) const;
   void remove_open_at(uint32_t location, int directory, int fd);
 
   timespec since_{};                                   // when this process began
   std::map<uint32_t, int> locations_;                  // descriptors of their directories
+  mutable std::mutex mutex_;                           // guards these
   std::set<std::pair<uint32_t, std::string>> listed_;  // names that end like a partial file's
 };
 

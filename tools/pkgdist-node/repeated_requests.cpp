@@ -25,14 +25,20 @@ levm_handle_t own_loop() {
 
 }  // namespace
 
-RepeatedRequests::RepeatedRequests() : loop_(own_loop()) {}
+RepeatedRequests::RepeatedRequests(Ended on_ended)
+    : on_ended_(std::move(on_ended)), loop_(own_loop()) {}
 
-void RepeatedRequests::receive(uint32_t location, const std::vector<std::string>& names) {
+std::map<std::string, std::string> RepeatedRequests::receive(
+    uint32_t location, const std::vector<std::string>& names) {
   using Clock = std::chrono::steady_clock;
   requests_.remove_if([](const FileRequests& old) { return !old.waits(); });
+  troubles_.clear();
   FileRequests& files =
       requests_.emplace_back(Wanted{names, location, PKGDIST_FILE_TYPE_ALWAYS, kPriority}, loop_,
-                             [](uint64_t, const char*, uint32_t, uint32_t) {});
+                             [this](uint64_t status, const char* path, uint32_t at, uint32_t) {
+                               std::string trouble = on_ended_(status, path, at);
+                               if (!trouble.empty()) troubles_[path] = std::move(trouble);
+                             });
   uint64_t heard = heard_about_files();
   auto end = Clock::now() + kSilence;
   while (!files.run() && cli::stop_signal() == 0 && Clock::now() < end) {
@@ -40,6 +46,7 @@ void RepeatedRequests::receive(uint32_t location, const std::vector<std::string>
     if (const uint64_t now = heard_about_files(); std::exchange(heard, now) != now)
       end = Clock::now() + kSilence;
   }
+  return std::exchange(troubles_, {});
 }
 
 }  // namespace pkgdist::node_program

@@ -101,6 +101,10 @@ int run_command(const NodeOptions& given) {
                               },
                               [&](uint32_t location, const cli::NodeAnswer& answer) {
                                 printer.compared(location, answer);
+                              },
+                              [&node](uint64_t status, const std::string& path, uint32_t location) {
+                                const std::string text = node.file_ended(location, path, status);
+                                return status == 0 ? "" : text;
                               }});
   // What the network may write of releases, the gate says; nobody works on directories there.
   talk.takes_question = [&](const cli::NodeQuestion& question) {

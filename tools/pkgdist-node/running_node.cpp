@@ -79,9 +79,7 @@ class RunningNode::GetJob : public Job {
         files_(wanted(request, options), node.loop(),
                [this, &node, &printer](uint64_t status, const char* path, uint32_t location,
                                        uint32_t number) {
-                 // Before the partial file goes and makes room.
-                 const std::string text = node.storage_trouble().text(location, path, status);
-                 node.partial_files().on_ended(location, path, status);
+                 const std::string text = node.file_ended(location, path, status);
                  if (printer.on_file_ended)
                    printer.on_file_ended(location, path, status == 0 ? "" : text);
                  client_->say({{"event", "file"},

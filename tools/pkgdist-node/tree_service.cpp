@@ -11,7 +11,6 @@
 
 #include "content_work.h"
 #include "lead_talk.h"
-#include "repeated_requests.h"
 #include "tree_work.h"
 
 namespace pkgdist::node_program {
@@ -22,6 +21,7 @@ class TreeService::Work {
       : options_(options),
         keys_(keys_of(options)),
         told_(std::move(told)),
+        requests_(told_.file_ended),
         thread_([this] { run(); }) {}
 
   // Waits for what is being done, which a stop signal cuts short.
@@ -106,7 +106,7 @@ class TreeService::Work {
     cli::NodeAnswer said =
         compare_contents(place.directory, question, keys_,
                          [this](uint32_t location, const std::vector<std::string>& names) {
-                           requests_.receive(location, names);
+                           return requests_.receive(location, names);
                          });
     if (!said.names.empty() || !said.problems.empty()) told_.compared(question.location, said);
     return said;

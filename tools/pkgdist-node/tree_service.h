@@ -13,16 +13,18 @@
 
 #include "introduction.h"
 #include "node_options.h"
+#include "repeated_requests.h"
 
 namespace pkgdist::node_program {
 
 class TreeService {
  public:
-  // Hear which names are gone, and which contents were not those that the lead has pushed; on a
-  // thread of the service.
+  // Hear which names are gone, which contents were not those that the lead has pushed, and the end
+  // of each file that is received again; on a thread of the service.
   struct Told {
     std::function<void(uint32_t location, const std::vector<std::string>& names)> removed;
     std::function<void(uint32_t location, const cli::NodeAnswer& answer)> compared;
+    RepeatedRequests::Ended file_ended;
   };
 
   // Throws for keys that cannot be used.

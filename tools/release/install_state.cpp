@@ -28,6 +28,7 @@ void read_line(InstallState& state, const std::string& line) {
   fields >> what;
   if (what == "installed") {
     state.installed = read_release(fields, line);
+    if (!(fields >> state.installed_key)) fields.clear();
   } else if (what == "trial") {
     state.trial = read_release(fields, line);
   } else if (what == "floor") {
@@ -56,8 +57,9 @@ void read_line(InstallState& state, const std::string& line) {
 std::string format(const InstallState& state) {
   std::string text = std::string(kHead) + "\n";
   if (state.installed)
-    text += fmt::format("installed {} {}\n", state.installed->version,
-                        to_hex(state.installed->manifest));
+    text += fmt::format("installed {} {}{}{}\n", state.installed->version,
+                        to_hex(state.installed->manifest), state.installed_key.empty() ? "" : " ",
+                        state.installed_key);
   if (state.trial)
     text += fmt::format("trial {} {}\n", state.trial->version, to_hex(state.trial->manifest));
   for (const auto& [key, version] : state.floors)

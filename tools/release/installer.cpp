@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 
+#include <algorithm>
+
 #include "installer_places.h"
 #include "refusal.h"
 
@@ -70,7 +72,7 @@ Installer::Incoming Installer::take_incoming() const {
 
 void Installer::check_rules(const Manifest& manifest, const InstalledRelease& release,
                             const std::string& key) const {
-  const auto& installed = state_.installed;
+  const InstalledRelease* const installed = installed_that_counts();
   if (manifest.name != options_.name)
     throw Refused(Reason::kName, fmt::format("this is a release of '{}', not of '{}'",
                                              manifest.name, options_.name));
@@ -89,6 +91,17 @@ void Installer::check_rules(const Manifest& manifest, const InstalledRelease& re
   if (floor != state_.floors.end() && release.version < floor->second)
     throw Refused(Reason::kFloor, fmt::format("version {} is below {}, the floor of key {}",
                                               release.version, floor->second, key));
+}
+
+// Later releases have to be above it. Null: there is none, or the key that signed it was taken
+// away: who stole it could have signed the highest version there is.
+const InstalledRelease* Installer::installed_that_counts() const {
+  const auto is_its_key = [this](const PublicKey& key) {
+    return key_text(key.id) == state_.installed_key;
+  };
+  const bool trusted = state_.installed_key.empty() ||
+                       std::any_of(options_.keys.begin(), options_.keys.end(), is_its_key);
+  return state_.installed && trusted ? &*state_.installed : nullptr;
 }
 
 void Installer::check_paths(const Manifest& manifest) const {

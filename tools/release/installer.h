@@ -10,7 +10,8 @@
 //                that `current` has already is copied into staging
 //   arrived()    files came: they are moved to staging and checked. The last one makes the release
 //                ready: staging is compared with the manifest, written to the disk, and renamed
-//   activate()   on trial: `current` names the release
+//   activate()   the tree is compared once more; what has settled is not read again. On trial:
+//                `current` names the release
 //   confirm()    it stays: its floor counts from now on
 //   fail()       `current` names the previous one again, and this manifest is not taken again
 //
@@ -170,7 +171,7 @@ class Installer {
   Contents contents_of_current() const;
   void set_mode_and_time(const Entry& entry, const struct stat& status, int fd) const;
   void check_content(const Entry& entry, int fd);
-  std::string staging_problem(const Manifest& manifest) const;
+  std::string tree_problem(const std::string& directory, const Manifest& manifest) const;
   void complete();
 
   // fetching
@@ -187,6 +188,7 @@ class Installer {
   const Expected* find(const std::string& path) const;
 
   // switching
+  void require_still_ready();
   void point(const char* name, const std::string& target) const;
   void switch_to(const std::string& target) const;
   void save(const InstallState& state);
@@ -215,6 +217,7 @@ class Installer {
   void forget_candidate();
 
   bool is_installed(const InstalledRelease& release) const;
+  const InstalledRelease* installed_that_counts() const;
   bool has_manifest(const std::string& directory) const;
   Manifest read_release(const std::string& directory) const;
   InstalledRelease release_in(const std::string& directory) const;
@@ -230,7 +233,7 @@ class Installer {
   InstallState state_;
   std::optional<InstalledRelease> candidate_;
   bool ready_ = false;
-  SettledFiles settled_;            // of the tree that is being made, or was made last
+  SettledFiles settled_;            // of the tree that is being made, or was made ready
   SettledFiles earlier_;            // of the one before, while a tree is begun
   mutable std::mutex mutex_;        // guards what ask() reads, which the one thread writes:
   uint32_t leaf_ = kLeafBytes;      // of the release that is listed here

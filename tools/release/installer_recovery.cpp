@@ -73,7 +73,8 @@ bool Installer::adopt(const std::string& directory, bool ready) {
   const InstalledRelease release = release_in(directory);
   if (is_installed(release) || link(kCurrent) == directory) return false;
   const bool allowed = state_.allowed == release.version;
-  if (!allowed && state_.installed && release.version < state_.installed->version) return false;
+  const InstalledRelease* const installed = installed_that_counts();
+  if (!allowed && installed != nullptr && release.version < installed->version) return false;
   if (!allowed && state_.bad.contains(release.manifest)) return false;
   go_on_with(directory, ready);
   return true;

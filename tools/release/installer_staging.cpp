@@ -171,11 +171,11 @@ bool Installer::link_known(const std::string& from, const std::string& to) {
   return linked;
 }
 
-// In what the staged tree is not that of the manifest; empty when it is.
-std::string Installer::staging_problem(const Manifest& manifest) const {
+// In what the tree is not that of its manifest; empty when it is.
+std::string Installer::tree_problem(const std::string& directory, const Manifest& manifest) const {
   try {
-    const ScannedTree tree = scan_tree(options_.place + "/" + staging_of(*candidate_),
-                                       {manifest.leaf, 0, nullptr, &settled_});
+    const ScannedTree tree =
+        scan_tree(options_.place + "/" + directory, {manifest.leaf, 0, nullptr, &settled_});
     const auto different = differences(manifest, tree);
     return different.empty() ? "" : different.front();
   } catch (const Refused& refused) {
@@ -194,7 +194,7 @@ void Installer::complete() {
   for (auto entry = manifest.entries.rbegin(); entry != manifest.entries.rend(); ++entry)
     if (entry->kind == Kind::kDirectory)
       disk_.set_mode(place_.get(), staging + "/" + entry->path, entry->mode);
-  if (const std::string problem = staging_problem(manifest); !problem.empty()) {
+  if (const std::string problem = tree_problem(staging, manifest); !problem.empty()) {
     disk_.remove(place_.get(), staging);
     throw Refused(Reason::kTree, "the staged tree is not that of the manifest: " + problem);
   }

@@ -54,9 +54,28 @@ void Installer::switch_to(const std::string& target) const {
   point(kCurrent, target);
 }
 
+// Weeks may have passed since the release became ready: its key may have been taken away, its time
+// may be over, and who can write the place may have changed it.
+void Installer::require_still_ready() {
+  const std::string directory = target_of(*candidate_);
+  const std::string text =
+      read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes);
+  std::string problem = "another manifest";
+  if (sha256(bytes_of(text)) == candidate_->manifest) {
+    const Manifest manifest = parse(text, SetId::kAllowed);
+    check_rules(manifest, *candidate_, key_of(directory));
+    problem = tree_problem(directory, manifest);
+  }
+  if (problem.empty()) return;
+  forget_candidate();
+  if (directory != link(kCurrent) && directory != link(kPrevious))
+    disk_.remove(place_.get(), directory);
+  throw Refused(Reason::kTree, "the tree that was ready is not that of its manifest: " + problem);
+}
+
 void Installer::activate() {
   if (!ready_ || !candidate_) throw Refused(Reason::kNoRelease, "no release is ready");
-  (void)key_of(target_of(*candidate_));
+  require_still_ready();
   InstallState next = state_;
   next.trial = candidate_;
   save(next);
@@ -68,7 +87,8 @@ void Installer::confirm() {
   const InstalledRelease release = *state_.trial;
   const std::string directory = target_of(release);
   InstallState next = state_;
-  uint64_t& floor = next.floors[key_of(directory)];
+  next.installed_key = key_of(directory);
+  uint64_t& floor = next.floors[next.installed_key];
   floor = std::max(floor, read_release(directory).floor);
   if (next.allowed == release.version) {
     floor = std::min(floor, release.version);
@@ -106,8 +126,8 @@ InstalledRelease Installer::roll_back() {
   if (state_.trial || previous.empty() || previous == link(kCurrent) || !has_manifest(previous))
     throw Refused(Reason::kNoRelease, "there is no previous release to go back to");
   const InstalledRelease release = release_in(previous);
-  (void)key_of(previous);
   InstallState next = state_;
+  next.installed_key = key_of(previous);
   if (next.installed) next.bad.insert(next.installed->manifest);
   next.bad.erase(release.manifest);
   next.installed = release;
@@ -128,7 +148,8 @@ std::vector<std::string> Installer::verify() {
   if (current.empty()) throw Refused(Reason::kNoRelease, "no release is installed");
   const Manifest manifest = read_release(current);
   auto different =
-      differences(manifest, scan_tree(options_.place + "/" + current, {manifest.leaf, 0, nullptr}));
+      differences(manifest, scan_tree(options_.place + "/" + current,
+                                      {.leaf = manifest.leaf, .threads = 0, .tolerant = true}));
   if (!different.empty()) settled_.clear();
   return different;
 }

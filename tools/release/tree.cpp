@@ -80,10 +80,10 @@ class Scan {
       entry.mode = 0;
       entry.target = read_link(root_.get(), path);
     } else if (S_ISREG(status.st_mode)) {
-      set_file(entry, status);
+      if (!options_.tolerant) set_file(entry, status);
       if (options_.settled != nullptr)
         entry.digest = options_.settled->find(status).value_or(Digest{});
-    } else {
+    } else if (!options_.tolerant) {
       refuse(path, "is neither a file nor a directory nor a link");
     }
     tree_.entries.push_back(std::move(entry));
@@ -109,7 +109,12 @@ class Scan {
   void hash_all() {
     in_parallel(tree_.entries.size(), options_.threads, [this](size_t at) {
       const Entry& entry = tree_.entries[at];
-      if (entry.kind == Kind::kFile && entry.digest == Digest{}) hash(at);
+      if (entry.kind != Kind::kFile || entry.digest != Digest{}) return;
+      try {
+        hash(at);
+      } catch (const std::runtime_error&) {
+        if (!options_.tolerant) throw;
+      }
     });
   }
 

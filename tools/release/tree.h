@@ -23,6 +23,9 @@ struct ScanOptions {
   unsigned threads = 0;                   // 0: as many as there are processors
   HashCache* cache = nullptr;             // may be null
   const SettledFiles* settled = nullptr;  // files that need not be read, and have no leaves then
+  // What a release cannot have, and files that cannot be read, are taken for files with a content
+  // that no file has, instead of ending it.
+  bool tolerant = false;
 };
 
 // Everything in the directory but its release directory. Throws Refused(kTree) for what a release

@@ -35,6 +35,7 @@ class ContentWork : public testing::Test {
                                                      for (const std::string& name : names)
                                                        if (name != never_comes_)
                                                          tree_.write(name, name);
+                                                     return troubles_;
                                                    });
   }
 
@@ -42,6 +43,7 @@ class ContentWork : public testing::Test {
   NodeQuestion question_;
   std::vector<Names> asked_;
   std::string never_comes_;
+  std::map<std::string, std::string> troubles_;
 };
 
 TEST_F(ContentWork, nothing_is_asked_for_when_everything_agrees) {
@@ -73,6 +75,16 @@ TEST_F(ContentWork, what_stays_wrong_is_named) {
   EXPECT_EQ(answer.states, Names{"done"});
   EXPECT_EQ(answer.names, (std::vector<NamedText>{{"a", "received again"}}));
   EXPECT_EQ(answer.problems, (std::vector<NamedText>{{"d/c", "it has another content"}}));
+}
+
+TEST_F(ContentWork, why_it_did_not_come_again_is_told) {
+  tree_.write("a", "x");
+  tree_.write("d/c", "d/x");
+  never_comes_ = "d/c";
+  troubles_ = {{"a", "it came all the same"}, {"d/c", "the disk is full"}};
+  EXPECT_EQ(compare().problems,
+            (std::vector<NamedText>{
+                {"d/c", "it has another content; receiving it again: the disk is full"}}));
 }
 
 TEST_F(ContentWork, with_keys_only_what_one_of_them_signed_for_the_location_counts) {

@@ -11,6 +11,7 @@ namespace {
 InstallState full_state() {
   InstallState state;
   state.installed = {7, sha256(bytes_of("seven"))};
+  state.installed_key = "0202020202020202";
   state.trial = {8, sha256(bytes_of("eight"))};
   state.floors = {{"0101010101010101", 5}, {"0202020202020202", UINT64_MAX}};
   state.bad = {sha256(bytes_of("six")), sha256(bytes_of("five"))};
@@ -21,6 +22,9 @@ InstallState full_state() {
 TEST(InstallState, what_was_written_is_read) {
   EXPECT_EQ(full_state(), parse_state(format(full_state())));
   EXPECT_EQ(InstallState(), parse_state(format(InstallState())));
+  InstallState of_unknown_key = full_state();
+  of_unknown_key.installed_key.clear();
+  EXPECT_EQ(of_unknown_key, parse_state(format(of_unknown_key)));
 }
 
 TEST(InstallState, no_shortening_is_taken_for_a_state) {

@@ -1,108 +1,16 @@
 // Installing releases: what is refused, the switch and the way back, and what a crash leaves
 // behind.
-#include "installer.h"
-
-#include <fmt/core.h>
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <memory>
+#include <set>
 
-#include "built_release.h"
+#include "installer_fixture.h"
 
 using namespace release_test;
 using namespace pkgdist::release;
 
 namespace {
-
-// A process that was killed.
-struct Stopped : std::runtime_error {
-  Stopped() : std::runtime_error("stopped") {}
-};
-
-const std::string kSame(3 * kLeafBytes, 's');
-
-class Install : public testing::Test {
- protected:
-  // A new process of the node. It is killed before its operation number `stop_at`.
-  void start(size_t stop_at = SIZE_MAX) {
-    operations_ = 0;
-    const auto before = [this, stop_at](const char*) {
-      if (operations_++ >= stop_at) throw Stopped();
-    };
-    node_ = std::make_unique<Installer>(options(), Disk(before));
-    node_->recover();
-    node_->resume();
-  }
-  InstallerOptions options() const {
-    InstallerOptions options;
-    options.name = "base";
-    options.place = place_.path();
-    options.state_directory = state_.path();
-    options.keys = keys_;
-    options.hard_links = hard_links_;
-    options.longest_path = longest_path_;
-    if (now_) options.now = [this] { return *now_; };
-    return options;
-  }
-
-  void bring(const std::string& path, const std::string& content) {
-    place_.write(".pkgdist/incoming/" + path, content);
-  }
-  void bring_manifest(const Built& built) {
-    bring(kManifestPath, built.text);
-    bring(kSignaturePath, built.signature);
-    if (!built.leaves.empty()) bring(kLeavesPath, built.leaves);
-    node_->check();
-  }
-  // As a push does: whatever the gate lets through.
-  void bring_files(const Built& built) {
-    for (const Entry& entry : built.manifest.entries) {
-      if (node_->ask(entry.path, std::nullopt) != Installer::kAccept) continue;
-      if (node_->ask(entry.path, Installer::Announced{entry.size, entry.mode, false}) !=
-          Installer::kAccept)
-        continue;
-      ++files_sent_;
-      bring(entry.path, built.tree.read(entry.path));
-      arrive(entry.path);
-    }
-  }
-  // Why it was refused, "" when it was not.
-  std::string arrive(const std::string& path) {
-    const auto refusals = node_->arrived({path});
-    return refusals.empty() ? "" : refusals.at(path);
-  }
-  void install(const Built& built) {
-    bring_manifest(built);
-    bring_files(built);
-    node_->activate();
-    node_->confirm();
-  }
-  std::optional<Reason> refused(const Built& built) {
-    return refusal([&] { bring_manifest(built); });
-  }
-  bool current_is(const Built& built) const {
-    std::error_code error;
-    if (!std::filesystem::exists(place_ / "current", error)) return false;
-    return differences(built.manifest, scan_tree(place_ / "current", {kLeafBytes, 1, nullptr}))
-        .empty();
-  }
-
-  const ReleaseSigner signer_{1};
-  std::vector<PublicKey> keys_ = {signer_.public_key()};
-  const TempTree place_{"/dev/shm"};
-  const TempTree state_{"/dev/shm"};
-  std::optional<std::string> now_;
-  bool hard_links_ = false;
-  size_t longest_path_ = kMaxPathBytes;
-  const Built five_{5, {{"a/one", "0"}}, signer_, 3};
-  const Built six_{6, {{"a/one", "1"}, {"same", kSame}, {"gone", "x"}}, signer_, 5};
-  const Built seven_{7, {{"a/one", "2"}, {"same", kSame}, {"new/file", "y"}}, signer_, 6};
-  std::unique_ptr<Installer> node_;
-  size_t operations_ = 0;
-  size_t files_sent_ = 0;
-};
 
 TEST_F(Install, a_release_is_installed_and_the_next_one_brings_only_what_is_new) {
   start();
@@ -218,6 +126,63 @@ TEST_F(Install, the_floor_holds_when_the_place_was_emptied_for_its_key_alone) {
   EXPECT_EQ(std::nullopt, refused(Built(4, {{"a", "x"}}, other)));
 }
 
+// Who had the key could sign the highest version there is.
+TEST_F(Install, a_version_of_a_key_that_was_taken_away_blocks_no_other) {
+  const ReleaseSigner other(2);
+  keys_.push_back(other.public_key());
+  const Built eight(8, {{"a", "8"}}, other, 8);
+  start();
+  install(six_);
+  install(Built(UINT64_MAX, {{"a", "x"}}, signer_, UINT64_MAX));
+  EXPECT_EQ(Reason::kNotNewer, refused(eight));
+  keys_ = {other.public_key()};
+  start();
+  install(eight);
+  EXPECT_TRUE(current_is(eight));
+  EXPECT_EQ(Reason::kNotNewer, refused(Built(7, {{"a", "7"}}, other)));
+  EXPECT_EQ(Reason::kUnknownKey, refused(Built(9, {{"a", "9"}}, signer_)));
+}
+
+TEST_F(Install, the_floor_of_a_key_holds_when_another_was_taken_away) {
+  const ReleaseSigner other(2);
+  keys_.push_back(other.public_key());
+  start();
+  install(Built(5, {{"a", "5"}}, other, 5));
+  install(six_);
+  keys_ = {other.public_key()};
+  start();
+  EXPECT_EQ(Reason::kFloor, refused(Built(4, {{"a", "4"}}, other)));
+  EXPECT_EQ(std::nullopt, refused(Built(5, {{"a", "five"}}, other)));
+}
+
+TEST_F(Install, what_a_trusted_key_signed_is_checked_like_anything_else) {
+  start();
+  install(six_);
+  const auto reason_for = [&](const std::string& what, const std::string& with) {
+    Built built(7, {{"file", "x"}}, signer_);
+    built.text.replace(built.text.find(what), what.size(), with);
+    built.signature = signer_.sign(built.text);
+    return refused(built);
+  };
+  EXPECT_EQ(std::nullopt, reason_for("", ""));
+  start();
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " ../file\n"));
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " /etc/passwd\n"));
+  EXPECT_EQ(Reason::kPath, reason_for(" file\n", " .pkgdist/staging\n"));
+  EXPECT_EQ(Reason::kMode, reason_for("f 0644", "f 4755"));
+  EXPECT_EQ(Reason::kFormat, reason_for("version=7", "version=07"));
+  EXPECT_EQ(Reason::kFormat, reason_for("end 2 1", "end 3 1"));
+  EXPECT_TRUE(current_is(six_));
+}
+
+TEST(Reasons, have_a_name_each) {
+  std::set<std::string> names;
+  for (int reason = 0; reason <= static_cast<int>(Reason::kNoSpace); ++reason)
+    names.insert(reason_name(static_cast<Reason>(reason)));
+  EXPECT_EQ(static_cast<size_t>(Reason::kNoSpace) + 1, names.size());
+  EXPECT_FALSE(names.contains("unknown"));
+}
+
 TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
   Built built(7, {{"a", "x"}}, signer_);
   built.manifest.expires = "2027-01-01T00:00:00Z";
@@ -229,6 +194,21 @@ TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
   now_ = "2026-12-31T23:59:59Z";
   start();
   EXPECT_EQ(std::nullopt, refused(built));
+}
+
+TEST_F(Install, a_release_that_expires_while_it_is_ready_is_not_switched_to) {
+  Built built(7, {{"a", "x"}}, signer_);
+  built.manifest.expires = "2027-01-01T00:00:00Z";
+  built.text = format(built.manifest);
+  built.signature = signer_.sign(built.text);
+  now_ = "2026-12-31T23:59:59Z";
+  start();
+  bring_manifest(built);
+  bring_files(built);
+  now_ = "2027-01-01T00:00:00Z";
+  EXPECT_EQ(Reason::kExpired, refusal([&] { node_->activate(); }));
+  EXPECT_EQ("", node_->link("current"));
+  now_.reset();
 }
 
 TEST_F(Install, a_damaged_state_is_not_taken_for_none) {
@@ -286,82 +266,6 @@ TEST_F(Install, a_link_directory_or_fifo_in_place_of_a_file_is_not_taken) {
   EXPECT_EQ("'gone' is no file", arrive("gone"));
   ASSERT_EQ(0, symlink((place_ / "secret").c_str(), path.c_str()));
   EXPECT_THROW(arrive("gone"), std::runtime_error);
-}
-
-// Between the check of a file and the end: whoever can write staging is not believed either.
-TEST_F(Install, what_changes_in_staging_is_found_before_the_release_is_ready) {
-  for (const auto& change : std::vector<std::function<void(const std::string&)>>{
-           [](const std::string& path) { std::ofstream(path) << "2"; },
-           [](const std::string& path) { EXPECT_EQ(0, chmod(path.c_str(), 0777)); },
-           [](const std::string& path) {
-             std::filesystem::remove(path);
-             EXPECT_EQ(0, symlink("/etc/passwd", path.c_str()));
-           },
-           [](const std::string& path) {
-             std::filesystem::remove(path);
-             EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
-           },
-           [](const std::string& path) { std::ofstream(path + "-more") << "x"; }}) {
-    start();
-    bring_manifest(six_);
-    bring("a/one", "1");
-    arrive("a/one");
-    change(place_ / (".pkgdist/staging/" + directory_name(*node_->candidate()) + "/a/one"));
-    bring("same", kSame);
-    arrive("same");
-    bring("gone", "x");
-    EXPECT_EQ(Reason::kTree, refusal([&] { arrive("gone"); }));
-    EXPECT_FALSE(node_->ready());
-    EXPECT_EQ("", node_->link("current"));
-  }
-}
-
-TEST_F(Install, what_was_reused_and_changes_before_the_release_is_ready_is_found) {
-  start();
-  install(six_);
-  bring_manifest(seven_);
-  const std::string staged = ".pkgdist/staging/" + directory_name(*node_->candidate()) + "/same";
-  std::string content = place_.read(staged);
-  ASSERT_EQ(kSame, content);
-  content[kLeafBytes] ^= 1;
-  place_.write(staged, content);
-  EXPECT_EQ(Reason::kTree, refusal([&] { bring_files(seven_); }));
-  EXPECT_FALSE(node_->ready());
-  EXPECT_TRUE(current_is(six_));
-}
-
-// Of this process, from files.
-uint64_t bytes_read() {
-  std::ifstream io("/proc/self/io");
-  std::string name;
-  uint64_t number = 0;
-  while (io >> name >> number)
-    if (name == "rchar:") return number;
-  ADD_FAILURE() << "the kernel does not say";
-  return 0;
-}
-
-TEST_F(Install, what_came_is_read_once_before_the_release_is_ready) {
-  const std::string large(size_t{256} << 10, 'l');
-  Files files{{"last", "x"}};
-  for (size_t i = 0; i < Installer::kBatch + 1; ++i) files[fmt::format("part/{}", i)] = large;
-  const Built big{7, files, signer_, 0};
-  start();
-  bring_manifest(big);
-  std::vector<std::string> paths;
-  for (size_t i = 0; i < Installer::kBatch + 1; ++i) {
-    paths.push_back(fmt::format("part/{}", i));
-    bring(paths.back(), large);
-  }
-  const uint64_t at_first = bytes_read();
-  EXPECT_TRUE(node_->arrived(paths).empty());
-  const uint64_t checked = bytes_read();
-  EXPECT_GE(checked - at_first, paths.size() * large.size());
-  EXPECT_EQ(1u, node_->missing());
-  bring("last", "x");
-  EXPECT_EQ("", arrive("last"));
-  EXPECT_TRUE(node_->ready());
-  EXPECT_LT(bytes_read() - checked, large.size());
 }
 
 TEST_F(Install, one_wrong_file_among_many_leaves_the_others) {

@@ -1,6 +1,7 @@
 // Orders about releases, and the states that come of them.
 #include "release_handler.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "built_release.h"
@@ -29,10 +30,11 @@ class Handler : public testing::Test {
     options.place = place_.path();
     options.state_directory = state_.path();
     options.keys = {signer_.public_key()};
-    installer_ = std::make_shared<Installer>(options, Disk([this](const char* operation) {
-                                               if (operation == failing_)
-                                                 throw std::runtime_error(failing_ + " failed");
-                                             }));
+    installer_ =
+        std::make_shared<Installer>(options, Disk([this](const char* operation) {
+                                      if (operation == failing_ || ++operations_ == fail_at_)
+                                        throw std::runtime_error(failing_ + " failed");
+                                    }));
     installer_->recover();
     handler_ = std::make_unique<ReleaseHandler>(
         installer_,
@@ -77,7 +79,9 @@ class Handler : public testing::Test {
   std::shared_ptr<Installer> installer_;
   std::unique_ptr<ReleaseHandler> handler_;
   std::string failing_;  // the disk's operation
-  std::string sick_;     // what the health check says
+  size_t operations_ = 0;
+  size_t fail_at_ = 0;  // number of one
+  std::string sick_;    // what the health check says
   std::vector<uint64_t> healths_;
   Phases phases_;
 };
@@ -214,6 +218,36 @@ TEST_F(Handler, a_disk_that_fails_at_the_end_is_refused_and_the_next_check_goes_
   EXPECT_EQ(ReleasePhase::kReady, phase()) << "without a file more";
 }
 
+TEST_F(Handler, a_disk_that_fails_at_any_step_leaves_a_whole_release_and_the_reason) {
+  size_t told = 0;
+  for (fail_at_ = 1;; ++fail_at_) {
+    const size_t fail_at = std::exchange(fail_at_, 0);
+    std::filesystem::remove_all(place_ / "");
+    std::filesystem::create_directories(place_.path());
+    std::filesystem::remove(state_ / "base.state");
+    start();
+    make_ready(six_);
+    handler_->activate(std::nullopt);
+    ASSERT_EQ(ReleasePhase::kConfirmed, phase());
+    operations_ = 0;
+    fail_at_ = fail_at;
+    make_ready(seven_);
+    if (phase() == ReleasePhase::kReady) handler_->activate(id_of(seven_));
+    const bool failed = operations_ >= fail_at_;
+    const bool switched = phase() == ReleasePhase::kConfirmed;
+    // What cannot be copied from the current release comes anew, with nothing to tell.
+    if (!switched) {
+      EXPECT_NE(std::string::npos, problem().find(" failed")) << fail_at << phase_name(phase());
+      ++told;
+    }
+    EXPECT_EQ(switched ? id_of(seven_) : id_of(six_), handler_->state().current) << fail_at;
+    handler_->verify();
+    EXPECT_EQ(0u, handler_->state().drifted) << fail_at;
+    if (!failed) break;
+  }
+  EXPECT_GT(told, 20u);
+}
+
 TEST_F(Handler, verification_names_what_differs_and_changes_nothing_else) {
   handler_->verify();
   EXPECT_EQ("no release is installed", problem());
@@ -231,6 +265,19 @@ TEST_F(Handler, verification_names_what_differs_and_changes_nothing_else) {
   EXPECT_EQ((std::vector<std::string>{"a", "more"}), handler_->state().drift);
   handler_->check(id_of(six_));
   EXPECT_EQ(std::nullopt, handler_->state().drifted) << "that was then";
+}
+
+TEST_F(Handler, verification_names_what_no_release_can_have_beside_the_rest) {
+  make_ready(six_);
+  handler_->activate(std::nullopt);
+  std::filesystem::remove(place_ / "current/a");
+  ASSERT_EQ(0, mkfifo((place_ / "current/a").c_str(), 0644));
+  ASSERT_EQ(0, mkfifo((place_ / "current/fifo").c_str(), 0644));
+  const timespec old[2] = {{-1, 0}, {-1, 0}};  // before 1970
+  ASSERT_EQ(0, utimensat(AT_FDCWD, (place_ / "current/b").c_str(), old, 0));
+  handler_->verify();
+  EXPECT_EQ(ReleasePhase::kConfirmed, phase());
+  EXPECT_EQ((std::vector<std::string>{"a", "b", "fifo"}), handler_->state().drift);
 }
 
 TEST_F(Handler, the_owner_goes_back_and_allows_what_was_refused) {
