@@ -9,10 +9,12 @@
 #ifndef PLATFORM_SRC_TRACE_FILE_H
 #define PLATFORM_SRC_TRACE_FILE_H
 
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,8 +37,8 @@ class TraceFile {
   int fd() const noexcept { return fd_; }
   const char* path() const noexcept { return path_; }
 
-  // Makes the file of this process in place of a leftover. 0 or an error number. The descriptor of
-  // a parent's file stays open: rings of the parent may still be written to.
+  // Makes the file of this process in place of a leftover, as far as it may. 0 or an error number.
+  // The descriptor of a parent's file stays open: rings of the parent may still be written to.
   int make() noexcept {
     char path[PATH_MAX];
     const pid_t pid = getpid();
@@ -47,6 +49,12 @@ class TraceFile {
     if (length < 0 || static_cast<size_t>(length) >= sizeof path) return ENAMETOOLONG;
     unlink(path);
     UniqueFd fd(open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kSharedFileMode));
+    // What another user's process left under the name stays, and this trace has none: it can be
+    // read through /proc/PID/fd only, and the process works.
+    if (!fd && errno == EEXIST) {
+      path[0] = '\0';
+      fd.reset(open(directory, O_RDWR | O_TMPFILE | O_CLOEXEC, kSharedFileMode));
+    }
     if (!fd) return errno;
     void* header = nullptr;
     const int error = add_area(fd.get(), 0, kHeaderArea, kHeaderArea, &header);

@@ -1,5 +1,6 @@
 // The life of the trace file: processes that end, crash, fork and run out of space.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -81,6 +82,19 @@ TEST(QtraceProcesses, a_leftover_of_a_recycled_pid_is_replaced) {
     if (record_one(dir, 5) != 0) return 1;
     const TraceReader trace(dir.path(), getpid());
     return trace && trace.header().ring_count == 1 ? 0 : 2;
+  });
+  EXPECT_EQ(0, child.wait());
+}
+
+// As another user's leftover does, which even the superuser of the test cannot remove this way.
+TEST(QtraceProcesses, a_leftover_that_cannot_be_removed_costs_the_name_and_not_the_trace) {
+  const TempDir dir;
+  Child child([&] {
+    const std::string name = dir / (QTRACE_LAYOUT_FILE_PREFIX + std::to_string(getpid()));
+    if (mkdir(name.c_str(), 0700) != 0) return 1;
+    if (record_one(dir, 5) != 0) return 2;
+    struct stat status {};
+    return stat(name.c_str(), &status) == 0 && S_ISDIR(status.st_mode) ? 0 : 3;
   });
   EXPECT_EQ(0, child.wait());
 }
