@@ -1,5 +1,6 @@
 #include "last_error.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <optional>
@@ -26,9 +27,13 @@ std::string last_error(ErrorOf whose) {
   const auto own_thread = static_cast<uint32_t>(::gettid());
   std::string own;
   std::string any;
+  const std::string path =
+      tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX + std::to_string(::getpid());
+  struct stat status {};
+  // What a dead process of another user left under this number tells nothing of this process.
+  if (::stat(path.c_str(), &status) != 0 || status.st_uid != ::geteuid()) return "";
   try {
-    trace::TraceReader reader(tools::trace_directory() + "/" QTRACE_LAYOUT_FILE_PREFIX +
-                              std::to_string(::getpid()));
+    trace::TraceReader reader(path);
     for (const trace::Record& record : reader.next(0)) {
       const std::optional<trace::Catalogue> catalogue = reader.catalogue(record.ring);
       if (!catalogue || record.point >= catalogue->points.size()) continue;

@@ -6,7 +6,8 @@
 // whose times are whole seconds.
 //
 // A link to a file, or the removal of one, is a change of the file. Around those of this process
-// take() and put_back() keep what is known.
+// take() and put_back() keep what is known: a write in between shows by its time, unless somebody
+// sets that back.
 #pragma once
 
 #include <sys/stat.h>

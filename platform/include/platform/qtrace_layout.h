@@ -1,9 +1,12 @@
 /* Layout of the trace file, for programs that read it from outside.
  *
  * Every process that opens a trace ring has one file "pkgdist-trace.<pid>" in the directory named
- * by PKGDIST_TRACE_DIR, by default /dev/shm. It is there while the process runs and stays after it
- * was killed or crashed. On orderly exit the process removes it, unless its environment has
- * PKGDIST_KEEP_TRACE=1. The file is sparse: only records that were written take space.
+ * by PKGDIST_TRACE_DIR, by default /dev/shm; it has no name where the file of another user's
+ * process, which had the number before, cannot be replaced. It is there while the process runs and
+ * stays after it
+ * stays after it was killed or crashed. On orderly exit the process removes it, unless its
+ * environment has PKGDIST_KEEP_TRACE=1. The file is sparse: only records that were written take
+ * space.
  *
  * Reading:
  *   1. Wait until `magic` is QTRACE_LAYOUT_MAGIC; it is stored last. Check `version`, and

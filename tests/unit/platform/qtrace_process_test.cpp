@@ -86,7 +86,7 @@ TEST(QtraceProcesses, a_leftover_of_a_recycled_pid_is_replaced) {
   EXPECT_EQ(0, child.wait());
 }
 
-// As another user's leftover does, which even the superuser of the test cannot remove this way.
+// A directory stands for another user's leftover: not even the superuser can unlink it.
 TEST(QtraceProcesses, a_leftover_that_cannot_be_removed_costs_the_name_and_not_the_trace) {
   const TempDir dir;
   Child child([&] {

@@ -56,6 +56,11 @@ class Install : public testing::Test {
     return options;
   }
 
+  void let_expire(Built& built, const std::string& time) const {
+    built.manifest.expires = time;
+    built.text = format(built.manifest);
+    built.signature = signer_.sign(built.text);
+  }
   void bring(const std::string& path, const std::string& content) {
     place_.write(".pkgdist/incoming/" + path, content);
   }

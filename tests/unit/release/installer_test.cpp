@@ -185,9 +185,7 @@ TEST(Reasons, have_a_name_each) {
 
 TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
   Built built(7, {{"a", "x"}}, signer_);
-  built.manifest.expires = "2027-01-01T00:00:00Z";
-  built.text = format(built.manifest);
-  built.signature = signer_.sign(built.text);
+  let_expire(built, "2027-01-01T00:00:00Z");
   now_ = "2027-01-01T00:00:00Z";
   start();
   EXPECT_EQ(Reason::kExpired, refused(built));
@@ -198,9 +196,7 @@ TEST_F(Install, an_expired_release_is_refused_when_the_time_counts) {
 
 TEST_F(Install, a_release_that_expires_while_it_is_ready_is_not_switched_to) {
   Built built(7, {{"a", "x"}}, signer_);
-  built.manifest.expires = "2027-01-01T00:00:00Z";
-  built.text = format(built.manifest);
-  built.signature = signer_.sign(built.text);
+  let_expire(built, "2027-01-01T00:00:00Z");
   now_ = "2026-12-31T23:59:59Z";
   start();
   bring_manifest(built);
