@@ -3,7 +3,6 @@
  * Every process that opens a trace ring has one file "pkgdist-trace.<pid>" in the directory named
  * by PKGDIST_TRACE_DIR, by default /dev/shm; it has no name where the file of another user's
  * process, which had the number before, cannot be replaced. It is there while the process runs and
- * stays after it
  * stays after it was killed or crashed. On orderly exit the process removes it, unless its
  * environment has PKGDIST_KEEP_TRACE=1. The file is sparse: only records that were written take
  * space.
