@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "descriptor_table.h"
 #include "push_page.h"
 
 int main(int argc, char** argv) {
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
   lead_program::LeadOptions options;
   lead_program::add_lead_options(app, options);
   return cli::run_cli(app, argc, argv, [&] {
+    lead_program::make_room_for_descriptors();
     if (options.command == Command::kPush)
       return options.release.empty() ? lead_program::push_command(options)
                                      : lead_program::push_release_command(options);

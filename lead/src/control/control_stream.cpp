@@ -81,9 +81,19 @@ void ControlStream::transmit(Entry& entry, uint32_t segment, bool again, Time no
   if (again) ++counters_.control_resent;
 }
 
-void ControlStream::retransmit(Entry& entry, Time now) {
-  for (uint32_t i = 0; i < entry.segment_sent.size(); ++i)
-    if (elapsed(now, entry.segment_sent[i]) >= resend_holdoff_) transmit(entry, i, true, now);
+// What went out last at `up_to` or before. False when that is nothing.
+bool ControlStream::retransmit(Entry& entry, Time up_to, Time now) {
+  bool some = false;
+  for (uint32_t i = 0; i < entry.segment_sent.size(); ++i) {
+    if (entry.segment_sent[i] > up_to) continue;
+    transmit(entry, i, true, now);
+    some = true;
+  }
+  return some;
+}
+
+Time ControlStream::held_off(Time now) const {
+  return now - std::min(now, resend_holdoff_);
 }
 
 void ControlStream::acknowledge(Entry& entry, NodeIndex node, bool direct) {
@@ -144,30 +154,36 @@ void ControlStream::on_nack(NodeIndex node, uint32_t sequence, bool has_segment,
   Entry* entry = find(sequence);
   if (entry == nullptr) return;
   if (!has_segment) {
-    const auto due =
-        std::count_if(entry->segment_sent.begin(), entry->segment_sent.end(),
-                      [&](Time sent) { return elapsed(now, sent) >= resend_holdoff_; });
-    if (whole_messages_.take(node, static_cast<double>(due), now)) retransmit(*entry, now);
+    const auto due = std::count_if(entry->segment_sent.begin(), entry->segment_sent.end(),
+                                   [&](Time sent) { return sent <= held_off(now); });
+    if (whole_messages_.take(node, static_cast<double>(due), now))
+      retransmit(*entry, held_off(now), now);
     return;
   }
   if (segment >= entry->segment_sent.size()) {
     ++counters_.bad_datagrams;
     return;
   }
-  if (elapsed(now, entry->segment_sent[segment]) >= resend_holdoff_)
-    transmit(*entry, segment, true, now);
+  if (entry->segment_sent[segment] <= held_off(now)) transmit(*entry, segment, true, now);
 }
 
-void ControlStream::on_ping_reply(NodeIndex node, uint32_t point, Time now) {
+void ControlStream::on_ping_reply(NodeIndex node, uint32_t point, Time asked, Time now) {
   now_ = now;
   on_point(node, point);
   if (outstanding_ == 0) return;
+  const Time up_to = asked != 0 ? asked - 1 : held_off(now);
   for (Entry& entry : entries_) {
-    if (entry.message.sequence <= point || elapsed(now, entry.last_sent) < resend_holdoff_)
-      continue;
-    if (std::binary_search(entry.waiting.begin(), entry.waiting.end(), node))
-      retransmit(entry, now);
+    if (entry.message.sequence <= point) continue;
+    if (std::binary_search(entry.waiting.begin(), entry.waiting.end(), node) &&
+        retransmit(entry, up_to, now))
+      ping_after_repeat(entry, now);
   }
+}
+
+// A repeated message may be lost, too. A node that does not take it is asked ever less often.
+void ControlStream::ping_after_repeat(Entry& entry, Time now) {
+  const Time pause = backoff(kPingAfterMessage, entry.repeats++, kBusyPingInterval);
+  next_ping_ = std::min(next_ping_, now + std::max(pause, nodes_ * kPingIntervalPerNode));
 }
 
 void ControlStream::forget(NodeIndex node) {
@@ -225,7 +241,7 @@ void ControlStream::run(Time now) {
       if (entry.waiting.empty()) continue;
       if (elapsed(now, entry.last_sent) < backoff(kFirstRetry, entry.attempts, kMaxRetry)) continue;
       ++entry.attempts;
-      retransmit(entry, now);
+      retransmit(entry, held_off(now), now);
     }
   }
   drop_finished(now);

@@ -4,8 +4,8 @@
 // A node finishes a message visibly by an ACK of its sequence, or by a cumulative point (in ACKs,
 // NACKs and ping replies) at or above it. It asks for what it lacks by NACK, which it sends at once
 // when a later sequence or a ping shows the gap. Pings therefore follow a message closely; a node
-// whose ping reply still stands below a message gets it again without waiting for its NACK, and so
-// does a node that says nothing, at growing intervals.
+// whose reply to a ping still stands below a message that was sent before it gets this again at
+// once, without waiting for its NACK, and so does a node that says nothing, at growing intervals.
 //
 // Every retransmission is marked as one: a node takes an old sequence without the mark for a new
 // message. A finished message is kept a little longer, since a duplicate that the network made can
@@ -49,8 +49,9 @@ class ControlStream {
   void on_nack(NodeIndex node, uint32_t sequence, bool has_segment, uint32_t segment, Time now);
   // Everything up to `point` is finished on the node.
   void on_point(NodeIndex node, uint32_t point);
-  // A ping reply: also a sign that the node lacks what stands above its point.
-  void on_ping_reply(NodeIndex node, uint32_t point, Time now);
+  // A ping reply: also a sign that the node lacks what stands above its point and was sent before
+  // the ping, at `asked`; 0 when that is not known.
+  void on_ping_reply(NodeIndex node, uint32_t point, Time asked, Time now);
   // The node is gone or was replaced: nothing is waited for.
   void forget(NodeIndex node);
   // Nobody is waited for any longer; who asks for the message still gets it for a while.
@@ -85,8 +86,9 @@ class ControlStream {
     std::vector<Time> segment_sent;  // when each segment last went out
     Time first_sent = 0;
     Time last_sent = 0;
-    Time done_at = 0;  // when the last node acknowledged, 0 before
-    uint32_t attempts = 0;
+    Time done_at = 0;       // when the last node acknowledged, 0 before
+    uint32_t attempts = 0;  // repeated because of silence
+    uint32_t repeats = 0;   // because of a ping reply
   };
 
   Entry* find(uint32_t sequence);
@@ -94,7 +96,9 @@ class ControlStream {
   void stop_waiting(Entry& entry);
   void stop_waiting(Entry& entry, NodeIndex node);
   void transmit(Entry& entry, uint32_t segment, bool again, Time now);
-  void retransmit(Entry& entry, Time now);
+  bool retransmit(Entry& entry, Time up_to, Time now);
+  Time held_off(Time now) const;
+  void ping_after_repeat(Entry& entry, Time now);
   void send_ping(Time now);
   void drop_finished(Time now);
   Time ping_interval() const;

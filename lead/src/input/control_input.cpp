@@ -58,7 +58,7 @@ void ControlInput::on_node(const Header& header, std::span<const uint8_t> body, 
                                                        control.unused(), asked, now);
   if (renewed) control.ping_soon(now);
   watch_.on_sighting(seen);
-  if (reply) return on_ping_reply(node, header, now);
+  if (reply) return on_ping_reply(node, header, asked, now);
   if (message) return on_message(node, header, body, now);
   on_answer(node, header, now);
 }
@@ -81,11 +81,11 @@ Time ControlInput::asked_at(const Header& header, Time now) const {
   return asked < parts_.number.changed_at() ? 0 : asked;
 }
 
-void ControlInput::on_ping_reply(NodeIndex node, const Header& header, Time now) {
+void ControlInput::on_ping_reply(NodeIndex node, const Header& header, Time asked, Time now) {
   measure_round_trip(header.status, now);
   parts_.nodes.note_reply(node, now);
   parts_.last_reply = now;
-  parts_.control.on_ping_reply(node, header.sequence, now);
+  parts_.control.on_ping_reply(node, header.sequence, asked, now);
 }
 
 // An ACK or NACK, of either stream.

@@ -19,7 +19,7 @@ class ControlInput {
                Time now);
   bool follows(uint32_t address, uint32_t pid) const;
   Time asked_at(const Header& header, Time now) const;
-  void on_ping_reply(NodeIndex node, const Header& header, Time now);
+  void on_ping_reply(NodeIndex node, const Header& header, Time asked, Time now);
   void on_answer(NodeIndex node, const Header& header, Time now);
   void on_message(NodeIndex node, const Header& header, std::span<const uint8_t> bytes, Time now);
   void measure_round_trip(uint64_t echo, Time now);

@@ -98,9 +98,11 @@ Time Window::answer_time() const {
   return patience();
 }
 
+// A stream that stops because the window is full goes on with the answers that are under way.
 bool Window::poll_due(bool stops, Time now) const {
   if (busy_.count() == 0) return false;
-  if (position_ > asked_ && (stops || static_cast<double>(position_ - asked_) >= poll_gap()))
+  const bool ends = stops && open();
+  if (position_ > asked_ && (ends || static_cast<double>(position_ - asked_) >= poll_gap()))
     return true;
   return stops && next_poll(now) <= now;
 }

@@ -147,8 +147,43 @@ TEST_F(ControlStreamTest, nonsense_nacks_are_counted_and_ignored) {
 TEST_F(ControlStreamTest, a_ping_reply_below_the_message_brings_it_again) {
   post(10, {0}, kSecond);
   take();
-  stream_.on_ping_reply(0, 100, kSecond + 30 * kMillisecond);
+  stream_.on_ping_reply(0, 100, 0, kSecond + 30 * kMillisecond);
   EXPECT_EQ(take().size(), 1u);
+}
+
+TEST_F(ControlStreamTest, a_reply_to_a_later_ping_brings_the_message_again_at_once) {
+  post(10, {0, 1}, kSecond);
+  take();
+  const Time asked = kSecond + 5 * kMillisecond;
+  stream_.on_ping_reply(0, 100, asked, asked + kMillisecond);
+  EXPECT_EQ(take().size(), 1u);
+  // Of other nodes, the reply to the same ping is older than the copy.
+  stream_.on_ping_reply(1, 100, asked, asked + 2 * kMillisecond);
+  EXPECT_TRUE(take().empty());
+}
+
+TEST_F(ControlStreamTest, a_reply_to_an_earlier_ping_says_nothing_of_a_message) {
+  post(10, {0}, kSecond);
+  take();
+  stream_.on_ping_reply(0, 100, kSecond - kMillisecond, kSecond + 50 * kMillisecond);
+  EXPECT_TRUE(take().empty());
+}
+
+TEST_F(ControlStreamTest, a_node_that_takes_no_copy_is_asked_ever_less_often) {
+  post(10, {0}, kSecond);
+  sent_.clear();
+  std::vector<Time> copies;
+  for (Time now = kSecond; now < 2 * kSecond; now += kMillisecond) {
+    stream_.run(now);
+    const bool pinged = !take(PKGDIST_CTRL_MSG_PING).empty();
+    if (!pinged) continue;
+    stream_.on_ping_reply(0, 100, now, now);
+    if (!take().empty()) copies.push_back(now - kSecond);
+  }
+  const std::vector<Time> first(copies.begin(), copies.begin() + 4);
+  EXPECT_EQ(first, (std::vector<Time>{5 * kMillisecond, 10 * kMillisecond, 20 * kMillisecond,
+                                      40 * kMillisecond}));
+  EXPECT_EQ(copies.back() - copies[copies.size() - 2], 50 * kMillisecond);
 }
 
 TEST_F(ControlStreamTest, silence_brings_retries_at_growing_intervals) {
