@@ -170,6 +170,7 @@ TEST_F(ControlStreamTest, a_reply_to_an_earlier_ping_says_nothing_of_a_message) 
 }
 
 TEST_F(ControlStreamTest, a_node_that_takes_no_copy_is_asked_ever_less_often) {
+  stream_.run(kSecond - kMillisecond);
   post(10, {0}, kSecond);
   sent_.clear();
   std::vector<Time> copies;

@@ -48,19 +48,19 @@ TEST(LossMeter, a_second_information_insures_a_large_file_before_anything_is_kno
   EXPECT_EQ(LossMeter().info_copies(1, 10'000), 1);
 }
 
-// A second copy costs 150 bytes, and saves the file's bytes for each node that misses the first.
+// A second copy costs as much as 500 bytes of content, and saves the file's bytes for each node that misses the first.
 TEST(LossMeter, copies_are_sent_while_they_cost_less_than_they_save) {
   const LossMeter meter = meter_of(0.1);
-  EXPECT_EQ(meter.info_copies(1, 1'000), 1);
-  EXPECT_EQ(meter.info_copies(1, 2'000), 2);
-  EXPECT_EQ(meter.info_copies(1, 14'000), 2);
-  EXPECT_EQ(meter.info_copies(1, 20'000), 3);
+  EXPECT_EQ(meter.info_copies(1, 4'900), 1);
+  EXPECT_EQ(meter.info_copies(1, 5'100), 2);
+  EXPECT_EQ(meter.info_copies(1, 49'000), 2);
+  EXPECT_EQ(meter.info_copies(1, 51'000), 3);
 }
 
 TEST(LossMeter, more_nodes_and_more_loss_take_more_copies) {
   const LossMeter meter = meter_of(0.1);
-  EXPECT_EQ(meter.info_copies(10, 2'000), 3);
-  EXPECT_EQ(meter.info_copies(100, 2'000), 4);
+  EXPECT_EQ(meter.info_copies(10, 2'000), 2);
+  EXPECT_EQ(meter.info_copies(100, 2'000), 3);
   EXPECT_GT(meter_of(0.3).info_copies(10, 2'000), meter.info_copies(10, 2'000));
   EXPECT_LT(meter_of(0.01).info_copies(10, 2'000), meter.info_copies(10, 2'000));
 }
