@@ -6,9 +6,9 @@
 // every other datagram. A node answers it from the same queue as the data, so the answer says that
 // all before was taken and handled, whichever file it belonged to. Polls follow each other at half
 // of the window, or at a quarter where answers are lost often enough that the next poll's have to
-// do; one closes the stream whenever it stops. The report of a file that has just been sent says
-// the same, so where files are small and reports are expected from all who are polled, these take
-// the place of polls. Up to eight nodes are polled; of more, eight for a while, then others. A node
+// do; one closes the stream when there is nothing more to send. The report of a file that has just
+// been sent says the same, so where files are small and reports are expected from all who are
+// polled, these take the place of polls. Up to eight nodes are polled; of more, eight for a while, then others. A node
 // that owes an answer is asked again; one that owes it for long is excused: nothing waits for it
 // until it is heard. Where all are excused the stream creeps, a quarter of a window for each poll
 // that nobody answered.
@@ -61,7 +61,8 @@ class Window {
   double rate() const { return rate_ == 0 ? kAssumedRate : std::max(rate_, kLeastRate); }
 
   // --- Polls ---
-  // Whether the next datagram is to be a poll. `stops`: nothing else is to be sent now.
+  // Whether the next datagram is to be a poll. `stops`: nothing else is sent now, because there is
+  // nothing or because the window is full.
   bool poll_due(bool stops, Time now) const;
   // When poll_due() says so for a stream that stopped; kNever when all is answered.
   Time next_poll(Time now) const;
