@@ -171,7 +171,9 @@ void ControlStream::on_ping_reply(NodeIndex node, uint32_t point, Time asked, Ti
   now_ = now;
   on_point(node, point);
   if (outstanding_ == 0) return;
-  const Time up_to = asked != 0 ? asked - 1 : held_off(now);
+  // Who forges a reply can claim any time, and gets one copy for each ping like everybody.
+  const Time ping = std::min(asked, last_ping_);
+  const Time up_to = ping != 0 ? ping - 1 : held_off(now);
   for (Entry& entry : entries_) {
     if (entry.message.sequence <= point) continue;
     if (std::binary_search(entry.waiting.begin(), entry.waiting.end(), node) &&

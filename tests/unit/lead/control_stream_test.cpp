@@ -152,9 +152,11 @@ TEST_F(ControlStreamTest, a_ping_reply_below_the_message_brings_it_again) {
 }
 
 TEST_F(ControlStreamTest, a_reply_to_a_later_ping_brings_the_message_again_at_once) {
+  stream_.run(kSecond - kMillisecond);
   post(10, {0, 1}, kSecond);
   take();
   const Time asked = kSecond + 5 * kMillisecond;
+  stream_.run(asked);
   stream_.on_ping_reply(0, 100, asked, asked + kMillisecond);
   EXPECT_EQ(take().size(), 1u);
   // Of other nodes, the reply to the same ping is older than the copy.
@@ -162,7 +164,18 @@ TEST_F(ControlStreamTest, a_reply_to_a_later_ping_brings_the_message_again_at_on
   EXPECT_TRUE(take().empty());
 }
 
+TEST_F(ControlStreamTest, replies_that_claim_ever_later_pings_bring_one_copy_for_each_ping) {
+  post(10, {0}, kSecond);
+  take();
+  stream_.run(kSecond + 5 * kMillisecond);
+  take();
+  for (Time now = kSecond + 6 * kMillisecond; now < kSecond + 9 * kMillisecond; now += kMicrosecond)
+    stream_.on_ping_reply(0, 100, now, now);
+  EXPECT_EQ(take().size(), 1u);
+}
+
 TEST_F(ControlStreamTest, a_reply_to_an_earlier_ping_says_nothing_of_a_message) {
+  stream_.run(kSecond - kMillisecond);
   post(10, {0}, kSecond);
   take();
   stream_.on_ping_reply(0, 100, kSecond - kMillisecond, kSecond + 50 * kMillisecond);
