@@ -20,6 +20,7 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "lab"))
 import lab  # noqa: E402
 import links  # noqa: E402
+from signed_tree import new_key, sign  # noqa: E402
 
 NODES = 3
 FILES_IN_A_DIRECTORY = 100
@@ -48,17 +49,6 @@ class Tree:
         with open(path, "wb") as file:
             file.write(os.urandom(self.size))
         os.utime(path, (time_of_change, time_of_change))
-
-
-def sign(programs, tree, version, secret):
-    release = os.path.join(os.path.dirname(programs.lead), "pkgdist-release")
-    subprocess.run([release, "make", tree, "--name", "bench", "--version", str(version), "--floor", "1"], check=True,
-                   stdout=subprocess.DEVNULL)
-    manifest = os.path.join(tree, ".pkgdist", "manifest")
-    with open(manifest, encoding="utf-8") as file:
-        head = file.readline().strip()
-    subprocess.run(["minisign", "-S", "-s", secret, "-m", manifest, "-t", head], check=True,
-                   stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
 
 
 def sent_bytes(host):
@@ -183,10 +173,8 @@ def main():
     for _ in range(options.rounds):
         work = lab.work_directory()
         try:
-            os.makedirs(os.path.join(work, "keys"))
             secret = os.path.join(work, "secret.key")
-            subprocess.run(["minisign", "-G", "-W", "-p", os.path.join(work, "keys", "bench.pub"), "-s", secret],
-                           check=True, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+            new_key(os.path.join(work, "keys"), secret)
             tree = Tree(work, options.files, options.bytes)
             sign(programs, tree.first, 1, secret)
             sign(programs, tree.second, 2, secret)

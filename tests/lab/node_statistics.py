@@ -63,8 +63,17 @@ def _read_tables(memory, tables):
 
 
 def forget(pid):
-    """Removes what a killed process left behind."""
+    """Removes the statistics that a killed process left behind."""
+    _remove(object_path(pid))
+
+
+def forget_trace(pid):
+    """Removes the trace that a killed process left behind."""
+    _remove(f"/dev/shm/pkgdist-trace.{pid}")
+
+
+def _remove(path):
     try:
-        os.unlink(object_path(pid))
+        os.unlink(path)
     except FileNotFoundError:
         pass

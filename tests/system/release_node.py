@@ -7,6 +7,7 @@ import shutil
 import subprocess
 
 import lab
+import node_statistics
 from support import ROOT, BackgroundLead, SystemTest, remove_tree
 
 
@@ -92,7 +93,9 @@ class ReleaseNode(SystemTest):
         return process
 
     def kill_node(self):
-        self.kill(self.node_processes[self.node.name])
+        process = self.node_processes[self.node.name]
+        self.kill(process)
+        node_statistics.forget_trace(process.pid)
 
     def restart(self, *more):
         """Killed, and started again; its events begin anew."""

@@ -1,7 +1,8 @@
 """A node that installs releases is killed (SIGKILL) at random moments: `current` is a whole tree at each of them,
 and the next process goes on.
 
-PKGDIST_KILLS=1000 for a long run; PKGDIST_SEED repeats the moments of an earlier one.
+PKGDIST_KILLS=1000 for a long run, in parts that are test classes of their own: run.py -j 8 runs these at once, each
+with its own node and lead. PKGDIST_SEED repeats the moments of an earlier run with the same PKGDIST_KILLS.
 """
 
 import collections
@@ -15,6 +16,9 @@ from release_node import ReleaseNode
 from support import BackgroundLead
 
 KILLS = int(os.environ.get("PKGDIST_KILLS", "24"))
+KILLS_OF_A_PART = 24  # at least, where there are several
+MOST_PARTS = 8
+PARTS = max(1, min(MOST_PARTS, KILLS // KILLS_OF_A_PART))
 SEED = int(os.environ.get("PKGDIST_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 32)
 ROUND_SECONDS = 180
 HEALTH = ("--health", "sleep 0.1")
@@ -23,9 +27,12 @@ RATE = "60M"  # a second takes the changed file most of the way: many kills find
 
 
 class Kills(ReleaseNode):
+    PART = 0
+
     def setUp(self):
         super().setUp()
-        self.random = random.Random(SEED)
+        self.random = random.Random(f"{SEED} {self.PART}")
+        self.kills = KILLS // PARTS + (self.PART < KILLS % PARTS)
         self.at = collections.Counter()  # in which state it was killed, and beside a part of the large file
         self.killer = None  # of the round, until its clock runs
 
@@ -35,7 +42,7 @@ class Kills(ReleaseNode):
                 "settings": str(version).encode()}
 
     def test_current_is_a_whole_tree_whenever_the_node_is_killed(self):
-        print(f"seed {SEED}, {KILLS} kills")
+        print(f"{self.kills} kills; to repeat: PKGDIST_KILLS={KILLS} PKGDIST_SEED={SEED} -k {type(self).__name__}.")
         self.kept = self.random.randbytes(400_000)
         self.start(*HEALTH)
         self.lead = BackgroundLead(self, "serve", "--rate", RATE)
@@ -49,7 +56,7 @@ class Kills(ReleaseNode):
         self.activate()
         whole = time.monotonic() - began
         current = 1
-        for version in range(2, KILLS + 2):
+        for version in range(2, self.kills + 2):
             self.build(version, self.release_files(version))
             self.killer = threading.Thread(target=self.kill_after,
                                            args=(self.random.uniform(0, whole), current, version))
@@ -111,3 +118,8 @@ class Kills(ReleaseNode):
 
     def next_state(self, what, *wanted):
         return self.answer(self.order(what), *wanted, seconds=10)
+
+
+# The other parts, as classes of this module for the loader.
+globals().update({f"Kills{part + 1}": type(f"Kills{part + 1}", (Kills,), {"PART": part, "__module__": __name__})
+                  for part in range(1, PARTS)})
