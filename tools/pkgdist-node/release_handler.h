@@ -40,7 +40,7 @@ class ReleaseHandler {
   void fetched(const cli::ReleaseId& release);
   void activate(const std::optional<cli::ReleaseId>& release);
   void verify();
-  void roll_back();
+  void roll_back(release::Installer::RollBack how);
   void allow(uint64_t version);
   // Files stand in incoming.
   void arrived(const std::vector<std::string>& paths);
