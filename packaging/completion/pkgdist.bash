@@ -8,21 +8,19 @@ _pkgdist_section() {
 
 _pkgdist() {
   local program=${COMP_WORDS[0]} current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local help commands options command="" word
+  local help commands options word path=()
   COMPREPLY=()
   command -v "$program" >/dev/null || return
   help=$("$program" --help 2>/dev/null)
   commands=$(_pkgdist_section Subcommands "$help" | awk '/^  [a-z]/ { print $1 }')
-  options=$(grep -oE '(^|[ ,])--[a-z][a-z-]*' <<<"$help" | tr -d ' ,')
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    if grep -qxF -e "$word" <<<"$commands"; then command=$word; break; fi
-  done
-  if [ -n "$command" ]; then
-    word=$("$program" "$command" --help 2>/dev/null)
+    grep -qxF -e "$word" <<<"$commands" || continue
+    path+=("$word")  # a command may have commands of its own
+    word=$("$program" "${path[@]}" --help 2>/dev/null)
     commands=$(_pkgdist_section Subcommands "$word" | awk '/^  [a-z]/ { print $1 }')
     help+=$'\n'$word
-    options=$(grep -oE '(^|[ ,])--[a-z][a-z-]*' <<<"$help" | tr -d ' ,' | sort -u)
-  fi
+  done
+  options=$(grep -oE '(^|[ ,])--[a-z][a-z-]*' <<<"$help" | tr -d ' ,' | sort -u)
   # The value of an option: of "N=DIR", what follows the sign.
   if [[ $previous == --* ]] && grep -qE -e "(^|[ ,])$previous(,-[a-z])? +[A-Z0-9\[]" <<<"$help"; then
     return  # readline completes file names

@@ -291,6 +291,8 @@ class Service(unittest.TestCase):
         self.assertEqual(self.complete("pkgdist-node", "--json", "g"), {"get"})
         self.assertEqual(self.complete("pkgdist-node", "release", ""),
                          {"status", "activate", "rollback", "verify", "downgrade"})
+        self.assertIn("--force", self.complete("pkgdist-node", "release", "rollback", "--"))
+        self.assertNotIn("--force", self.complete("pkgdist-node", "release", "verify", "--"))
         self.assertEqual(self.complete("pkgdist-doctor", "--inter"), {"--interface"})
         self.assertIn("--standby", self.complete("pkgdist-lead", "serve", "--"))
         self.assertIn("--interface", self.complete("pkgdist-lead", "serve", "--"))

@@ -84,9 +84,11 @@ class Checksum(ChecksumTest):
         lead.finish(expect=1)
         compared = self.compared(lead)
         for node in self.net.nodes:
+            sent = [e for e in lead.events("request-ended") if (e["node"], e["name"]) == (node.address, "d/big")]
+            self.assertEqual([e["status"] for e in sent], [0, 0, 0])
             event = compared[node.address]
             self.assertEqual((event["good"], event["received_again"], event["failed"]),
-                             (False, [], [{"name": "d/big", "text": "it has another content"}]))
+                             (False, [], [{"name": "d/big", "text": "it has another content, received again 3 times"}]))
             self.assertTrue(os.path.exists(os.path.join(self.directory_of(node), "other")))
             self.assertEqual([e["failed"] for e in self.node_events(node, "compared")], [event["failed"]])
 

@@ -195,6 +195,22 @@ class Activation(ReleaseNode):
         self.activate()
         self.assertEqual(self.check_tree(), 5)
 
+    def test_the_way_back_to_a_tree_that_somebody_changed_takes_force(self):
+        self.start_both()
+        self.install(6, SIX)
+        self.install(7, SEVEN)
+        with open(os.path.join(self.place, "previous", "etc", "settings"), "r+b") as file:
+            file.write(b"C")
+        different = "the previous release, version 6, is not as it was signed: content differs: etc/settings"
+        refused = self.ask("rollback", expect=1)
+        self.assertEqual((refused["state"], refused["current"]["version"], refused["problem"]),
+                         ("refused", 7, different + "; 'release rollback --force' goes back all the same"))
+        self.assertEqual(self.check_tree(), 7)
+        forced = self.ask("rollback", "--force")
+        self.assertEqual((forced["state"], forced["current"]["version"], forced["problem"]),
+                         ("confirmed", 6, different))
+        self.assertEqual(self.ask("verify", expect=1)["drift"], ["etc/settings"])
+
     def test_people_are_told_in_words(self):
         self.start_both()
         self.install(6, SIX)

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "answer_watch.h"
+#include "content.h"
 #include "release_messages.h"
 #include "release_policy.h"
 
@@ -98,7 +99,7 @@ class ReleasePush {
   static constexpr lead::Time kAskAgain = AnswerWatch::kAskAgain;
   // So long after its last change an answer stands, when it is that something is missing.
   static constexpr lead::Time kSettle = lead::kSecond;
-  static constexpr unsigned kMaxRounds = 3;  // of fetching
+  static constexpr unsigned kMaxRounds = release::kMaxReceptions;  // of fetching
   static constexpr unsigned kMaxOrders = 3;  // to a node that does not do what it was ordered
 
  private:

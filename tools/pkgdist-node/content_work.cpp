@@ -1,8 +1,12 @@
 #include "content_work.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
+#include "content.h"
 #include "push_manifest.h"
 #include "refusal.h"
 #include "stop_signals.h"
@@ -32,6 +36,42 @@ std::vector<std::string> names_of(const std::vector<NamedProblem>& problems) {
   return names;
 }
 
+bool has_name(const std::vector<cli::NamedText>& texts, const std::string& name) {
+  return std::any_of(texts.begin(), texts.end(),
+                     [&](const cli::NamedText& one) { return one.name == name; });
+}
+
+void keep(std::vector<release::Entry>& entries, const std::vector<std::string>& names) {
+  std::erase_if(entries, [&](const release::Entry& entry) {
+    return !std::binary_search(names.begin(), names.end(), entry.path);
+  });
+}
+
+// Receives what is wrong until it is right, it does not come, or it has come often enough. What
+// stays wrong, and why.
+std::vector<cli::NamedText> repair(std::vector<release::Entry> said, std::vector<std::string> wrong,
+                                   const std::string& directory, uint32_t location,
+                                   const ReceiveAgain& receive_again) {
+  std::vector<cli::NamedText> given_up;
+  for (unsigned time = 1; !wrong.empty(); ++time) {
+    const auto troubles = receive_again(location, wrong);
+    keep(said, wrong);
+    wrong.clear();
+    for (const auto& [name, text] : release::content_differences(said, directory, go_on)) {
+      const auto trouble = troubles.find(name);
+      if (trouble != troubles.end())
+        given_up.push_back({name, text + "; receiving it again: " + trouble->second});
+      else if (time == release::kMaxReceptions)
+        given_up.push_back({name, fmt::format("{}, received again {} times", text, time)});
+      else
+        wrong.push_back(name);
+    }
+  }
+  std::sort(given_up.begin(), given_up.end(),
+            [](const auto& one, const auto& other) { return one.name < other.name; });
+  return given_up;
+}
+
 }  // namespace
 
 cli::NodeAnswer compare_contents(const std::string& directory, const cli::NodeQuestion& question,
@@ -42,23 +82,10 @@ cli::NodeAnswer compare_contents(const std::string& directory, const cli::NodeQu
     check_signature(question, keys);
     std::vector<release::Entry> said = release::parse_push_manifest(question.manifest);
     const auto before = names_of(release::content_differences(said, directory, go_on));
-    if (!before.empty()) {
-      const auto troubles = receive_again(question.location, before);
-      std::erase_if(said, [&](const release::Entry& entry) {
-        return !std::binary_search(before.begin(), before.end(), entry.path);
-      });
-      const auto left = release::content_differences(said, directory, go_on);
-      for (const auto& [name, text] : left) {
-        const auto trouble = troubles.find(name);
-        answer.problems.push_back({name, trouble == troubles.end()
-                                             ? text
-                                             : text + "; receiving it again: " + trouble->second});
-      }
-      const auto wrong = names_of(left);
-      for (const std::string& name : before)
-        if (!std::binary_search(wrong.begin(), wrong.end(), name))
-          answer.names.push_back({name, cli::kStateReceivedAgain});
-    }
+    answer.problems = repair(std::move(said), before, directory, question.location, receive_again);
+    for (const std::string& name : before)
+      if (!has_name(answer.problems, name))
+        answer.names.push_back({name, cli::kStateReceivedAgain});
     answer.states.emplace_back(cli::kStateDone);
   } catch (const std::runtime_error& error) {
     answer.states.emplace_back(error.what());

@@ -2,8 +2,9 @@
 //
 // Everything is read beneath the directory of one location, after the files have got their names:
 // the receive library knows nothing of contents, and reading a large file on its thread would hold
-// up the others. What differs is received again, once, which replaces it in one step, and is then
-// read again.
+// up the others. What differs is received again, which replaces it in one step, and is then read
+// again, three times at most. A file that does not come, for whatever reason, is not asked for
+// again: the library has tried often enough.
 #pragma once
 
 #include <functional>
@@ -17,7 +18,7 @@
 namespace pkgdist::node_program {
 
 // Receives files, whatever stands under their names; returns when each has ended, well or not, and
-// says why files have not come, by name, as far as that is known.
+// says why files have not come, by name.
 using ReceiveAgain = std::function<std::map<std::string, std::string>(
     uint32_t location, const std::vector<std::string>& names)>;
 

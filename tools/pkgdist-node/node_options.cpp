@@ -173,7 +173,8 @@ void add_release(CLI::App& app, NodeOptions& options) {
   };
   add(ReleaseCommand::kStatus, "show which release is current, and which is coming");
   add(ReleaseCommand::kActivate, "switch to the release that is ready");
-  add(ReleaseCommand::kRollback, "switch to the previous release");
+  add(ReleaseCommand::kRollback, "switch to the previous release, when it is as it was signed")
+      ->add_flag("--force", options.release_force, "switch although it is not");
   add(ReleaseCommand::kVerify, "read every file of the current release again");
   add(ReleaseCommand::kDowngrade,
       "let this version be installed once, although it is older or has failed")

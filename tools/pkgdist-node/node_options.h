@@ -64,6 +64,7 @@ struct NodeOptions {
   // release
   ReleaseCommand release_command = ReleaseCommand::kStatus;
   uint64_t release_version = 0;  // of downgrade
+  bool release_force = false;    // of rollback
 
   // firewall
   std::vector<uint32_t> leads;

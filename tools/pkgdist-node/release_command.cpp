@@ -37,7 +37,8 @@ int release_command(const NodeOptions& options) {
   if (!node) throw std::runtime_error(no_node_text(options));
   node->send({{"command", "release"},
               {"what", kReleaseCommands.at(static_cast<size_t>(options.release_command))},
-              {"version", options.release_version}});
+              {"version", options.release_version},
+              {"force", options.release_force}});
   std::optional<Json> state = next_line(*node);
   if (!state) throw cli::NotDone("interrupted; the node goes on");
   state->erase("event");

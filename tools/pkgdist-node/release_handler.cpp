@@ -135,10 +135,10 @@ void ReleaseHandler::verify() {
   });
 }
 
-void ReleaseHandler::roll_back() {
-  run(ReleasePhase::kActivating, [this] {
-    (void)installer_->roll_back();
-    outcome_ = {ReleasePhase::kConfirmed, ""};
+void ReleaseHandler::roll_back(release::Installer::RollBack how) {
+  run(ReleasePhase::kActivating, [&] {
+    const std::string problem = installer_->roll_back(how);
+    outcome_ = {ReleasePhase::kConfirmed, problem};
   });
 }
 

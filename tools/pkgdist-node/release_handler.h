@@ -29,7 +29,7 @@ class ReleaseHandler {
   using OnChange = std::function<void(const cli::ReleaseState&)>;
 
   // A file that came so many times with another content than signed is not asked for again.
-  static constexpr unsigned kMaxMismatches = 3;
+  static constexpr unsigned kMaxMismatches = release::kMaxReceptions;
 
   ReleaseHandler(std::shared_ptr<release::Installer> installer, Health health, OnChange on_change);
 
@@ -40,7 +40,7 @@ class ReleaseHandler {
   void fetched(const cli::ReleaseId& release);
   void activate(const std::optional<cli::ReleaseId>& release);
   void verify();
-  void roll_back();
+  void roll_back(release::Installer::RollBack how);
   void allow(uint64_t version);
   // Files stand in incoming.
   void arrived(const std::vector<std::string>& paths);

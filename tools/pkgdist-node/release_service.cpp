@@ -53,16 +53,17 @@ void carry_out(const ReleaseQuestion& question, ReleaseHandler& handler) {
   }
 }
 
-void carry_out(ReleaseCommand command, uint64_t version, ReleaseHandler& handler) {
-  switch (command) {
+void carry_out(const OwnersOrder& order, ReleaseHandler& handler) {
+  switch (order.command) {
     case ReleaseCommand::kActivate:
       return handler.activate(std::nullopt);
     case ReleaseCommand::kRollback:
-      return handler.roll_back();
+      return handler.roll_back(order.force ? release::Installer::RollBack::kForced
+                                           : release::Installer::RollBack::kWhenWhole);
     case ReleaseCommand::kVerify:
       return handler.verify();
     case ReleaseCommand::kDowngrade:
-      return handler.allow(version);
+      return handler.allow(order.version);
     case ReleaseCommand::kStatus:
       return;
   }
@@ -159,9 +160,9 @@ ReleaseState ReleaseService::refusal(const ReleaseQuestion& question,
   return state;
 }
 
-std::future<ReleaseState> ReleaseService::command(ReleaseCommand command, uint64_t version) {
-  Order order{phase_of(command),
-              [this, command, version] { node_program::carry_out(command, version, handler_); },
+std::future<ReleaseState> ReleaseService::command(const OwnersOrder& owners) {
+  Order order{phase_of(owners.command),
+              [this, owners] { node_program::carry_out(owners, handler_); },
               std::nullopt,
               {}};
   std::future<ReleaseState> done = order.done.get_future();

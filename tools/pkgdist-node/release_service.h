@@ -28,6 +28,13 @@
 
 namespace pkgdist::node_program {
 
+// What the host's owner wants.
+struct OwnersOrder {
+  ReleaseCommand command = ReleaseCommand::kStatus;
+  uint64_t version = 0;  // of downgrade
+  bool force = false;    // of rollback: also to a tree that somebody changed
+};
+
 class ReleaseService {
  public:
   // Hear of it on any thread.
@@ -56,7 +63,7 @@ class ReleaseService {
   void file_ended(uint32_t location, const std::string& path, const std::string& trouble);
 
   // Of the host's owner. The state when it is done; a broken promise when the node ends before.
-  std::future<cli::ReleaseState> command(ReleaseCommand command, uint64_t version = 0);
+  std::future<cli::ReleaseState> command(const OwnersOrder& order);
   cli::ReleaseState state() const;
   // Readable when a command may be done; take_wake() makes it unreadable again.
   int wake_fd() const { return wake_.get(); }

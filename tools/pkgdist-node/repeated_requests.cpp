@@ -33,10 +33,13 @@ std::map<std::string, std::string> RepeatedRequests::receive(
   using Clock = std::chrono::steady_clock;
   requests_.remove_if([](const FileRequests& old) { return !old.waits(); });
   troubles_.clear();
+  open_.clear();
+  open_.insert(names.begin(), names.end());
   FileRequests& files =
       requests_.emplace_back(Wanted{names, location, PKGDIST_FILE_TYPE_ALWAYS, kPriority}, loop_,
                              [this](uint64_t status, const char* path, uint32_t at, uint32_t) {
                                std::string trouble = on_ended_(status, path, at);
+                               open_.erase(path);
                                if (!trouble.empty()) troubles_[path] = std::move(trouble);
                              });
   uint64_t heard = heard_about_files();
@@ -46,6 +49,7 @@ std::map<std::string, std::string> RepeatedRequests::receive(
     if (const uint64_t now = heard_about_files(); std::exchange(heard, now) != now)
       end = Clock::now() + kSilence;
   }
+  for (const std::string& name : open_) troubles_[name] = "the lead sends nothing of it";
   return std::exchange(troubles_, {});
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,8 +25,7 @@ class RepeatedRequests {
   RepeatedRequests& operator=(const RepeatedRequests&) = delete;
 
   // Asks the lead for the files and waits until each has ended, nothing has been heard of files for
-  // ten seconds, or a signal asks to stop. Why files have not come, by name, as far as that is
-  // known.
+  // ten seconds, or a signal asks to stop. Why files have not come, by name.
   std::map<std::string, std::string> receive(uint32_t location,
                                              const std::vector<std::string>& names);
 
@@ -33,6 +33,7 @@ class RepeatedRequests {
   const Ended on_ended_;
   const levm_handle_t loop_;
   std::map<std::string, std::string> troubles_;
+  std::set<std::string> open_;  // names that have not ended
   // Those that were given up stay until the library has called them back.
   std::list<FileRequests> requests_;
 };

@@ -198,7 +198,8 @@ class RunningNode::ReleaseJob : public Job {
     if (found == std::end(kReleaseCommands)) throw std::runtime_error("no such release command");
     const auto command = static_cast<ReleaseCommand>(found - std::begin(kReleaseCommands));
     if (command != ReleaseCommand::kStatus)
-      return service->command(command, request.value("version", uint64_t{0}));
+      return service->command(
+          {command, request.value("version", uint64_t{0}), request.value("force", false)});
     std::promise<cli::ReleaseState> now;
     now.set_value(service->state());
     return now.get_future();

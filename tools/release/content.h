@@ -16,6 +16,10 @@
 
 namespace pkgdist::release {
 
+// A file that has come so many times with another content than it has to have is reported instead
+// of being asked for again: what sends it is wrong, and more of it would only take time.
+inline constexpr unsigned kMaxReceptions = 3;
+
 struct ContentHash {
   Digest digest{};
   std::vector<Digest> leaves;  // none for a file of at most one leaf

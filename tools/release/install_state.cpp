@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <charconv>
 #include <sstream>
 
 #include "refusal.h"
@@ -10,6 +11,7 @@ namespace pkgdist::release {
 
 namespace {
 
+constexpr size_t kDirectoryDigits = 16;
 constexpr char kHead[] = "pkgdist-state 1";
 
 InstalledRelease read_release(std::istringstream& fields, const std::string& line) {
@@ -83,8 +85,21 @@ InstallState parse_state(std::string_view text) {
 }
 
 std::string directory_name(const InstalledRelease& release) {
-  constexpr size_t kDigits = 16;
-  return fmt::format("{}-{}", release.version, to_hex(release.manifest).substr(0, kDigits));
+  return fmt::format("{}-{}", release.version,
+                     to_hex(release.manifest).substr(0, kDirectoryDigits));
+}
+
+std::optional<InstalledRelease> parse_directory_name(std::string_view name) {
+  InstalledRelease release;
+  const auto version = std::from_chars(name.data(), name.data() + name.size(), release.version);
+  const size_t dash = static_cast<size_t>(version.ptr - name.data());
+  if (version.ec != std::errc() || dash + 1 + kDirectoryDigits != name.size()) return std::nullopt;
+  std::string digits(name.substr(dash + 1));
+  digits.resize(2 * sizeof(Digest), '0');
+  const auto digest = digest_from_hex(digits);
+  if (!digest) return std::nullopt;
+  release.manifest = *digest;
+  return directory_name(release) == name ? std::optional(release) : std::nullopt;
 }
 
 }  // namespace pkgdist::release

@@ -35,5 +35,7 @@ InstallState parse_state(std::string_view text);
 
 // Directory of a release among others: "7-<16 digits of its manifest's digest>".
 std::string directory_name(const InstalledRelease& release);
+// Of the digest only those digits, zeros behind them. Nothing for other names.
+std::optional<InstalledRelease> parse_directory_name(std::string_view name);
 
 }  // namespace pkgdist::release

@@ -154,6 +154,15 @@ Manifest Installer::read_release(const std::string& directory) const {
       SetId::kAllowed);
 }
 
+// Empty when there is none, or when it cannot be read: that keeps no later release out.
+Manifest Installer::manifest_of_current() const {
+  try {
+    return read_release(link(kCurrent));
+  } catch (const std::runtime_error&) {
+    return {};
+  }
+}
+
 InstalledRelease Installer::release_in(const std::string& directory) const {
   const std::string text =
       read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes);

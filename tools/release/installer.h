@@ -89,8 +89,10 @@ class Installer {
   void activate();
   void confirm();
   void fail();
-  // By command of the host's owner: the previous release is the installed one. Returns it.
-  InstalledRelease roll_back();
+  // By command of the host's owner: the previous release is the installed one, when its tree is
+  // that of its manifest; by force in any case. What differs, in words; "" when nothing does.
+  enum class RollBack { kWhenWhole, kForced };
+  std::string roll_back(RollBack how = RollBack::kWhenWhole);
   // By command: this version is taken once, although it is older, below the floor, or failed.
   void allow(uint64_t version);
   // By command: every file of the current release is read again. What differs; nothing when it is
@@ -189,6 +191,8 @@ class Installer {
 
   // switching
   void require_still_ready();
+  std::vector<std::string> drift_of(const std::string& directory) const;
+  InstalledRelease release_named(const std::string& directory) const;
   void point(const char* name, const std::string& target) const;
   void switch_to(const std::string& target) const;
   void save(const InstallState& state);
@@ -220,6 +224,7 @@ class Installer {
   const InstalledRelease* installed_that_counts() const;
   bool has_manifest(const std::string& directory) const;
   Manifest read_release(const std::string& directory) const;
+  Manifest manifest_of_current() const;
   InstalledRelease release_in(const std::string& directory) const;
   std::string key_of(const std::string& directory) const;
   std::string staging_of(const InstalledRelease& release) const;

@@ -63,8 +63,7 @@ void Installer::find_candidate() {
       }
     }
   }
-  if (const std::string current = link(kCurrent); has_manifest(current))
-    expect(read_release(current), true);
+  expect(manifest_of_current(), true);
 }
 
 // False when the directory holds no release that could follow the installed one.

@@ -130,8 +130,7 @@ void Installer::check_content(const Entry& entry, int fd) {
 Installer::Contents Installer::contents_of_current() const {
   Contents contents;
   const std::string target = link(kCurrent);
-  if (target.empty() || !has_manifest(target)) return contents;
-  for (const Entry& entry : read_release(target).entries)
+  for (const Entry& entry : manifest_of_current().entries)
     if (entry.kind == Kind::kFile)
       contents.emplace(to_hex(entry.digest),
                        Reusable{target + "/" + entry.path, entry.mode, entry.mtime});

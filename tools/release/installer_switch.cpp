@@ -1,5 +1,6 @@
 // From a release that is ready to one that is confirmed, and back.
 #include <fcntl.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,22 @@
 #include "tree.h"
 
 namespace pkgdist::release {
+
+namespace {
+
+// "" when nothing differs.
+std::string in_words(const InstalledRelease& release, const std::vector<std::string>& different) {
+  constexpr size_t kTold = 5;  // the number of all of them is told, too
+  if (different.empty()) return "";
+  std::string text =
+      fmt::format("the previous release, version {}, is not as it was signed: ", release.version);
+  for (size_t i = 0; i < std::min(kTold, different.size()); ++i)
+    text += (i == 0 ? "" : ", ") + different[i];
+  return different.size() <= kTold ? text
+                                   : text + fmt::format(" and {} more", different.size() - kTold);
+}
+
+}  // namespace
 
 std::string Installer::link(const char* name) const {
   std::string target(kMaxPathBytes, '\0');
@@ -27,11 +44,7 @@ std::optional<InstalledRelease> Installer::current() const {
 }
 
 std::string Installer::expires() const {
-  try {
-    return read_release(link(kCurrent)).expires.value_or("");
-  } catch (const std::runtime_error&) {  // drifted: verify() tells more
-    return "";
-  }
+  return manifest_of_current().expires.value_or("");
 }
 
 // What cannot be written does not hold.
@@ -121,20 +134,52 @@ void Installer::fail() {
 }
 
 // The state first: a crash before the links are changed is mended by recover().
-InstalledRelease Installer::roll_back() {
+std::string Installer::roll_back(RollBack how) {
   const std::string previous = link(kPrevious);
-  if (state_.trial || previous.empty() || previous == link(kCurrent) || !has_manifest(previous))
+  const Fd tree(open_beneath(place_.get(), previous.c_str(), O_RDONLY | O_DIRECTORY));
+  const InstalledRelease release = release_named(previous);
+  if (state_.trial || !tree || previous == link(kCurrent) || previous != target_of(release))
     throw Refused(Reason::kNoRelease, "there is no previous release to go back to");
-  const InstalledRelease release = release_in(previous);
+  std::string problem;
+  std::string key;  // unknown: then the version counts
+  try {
+    key = key_of(previous);
+    problem = in_words(release, drift_of(previous));
+  } catch (const std::runtime_error& error) {
+    problem = in_words(release, {error.what()});
+  }
+  if (!problem.empty() && how != RollBack::kForced)
+    throw Refused(Reason::kTree, problem + "; 'release rollback --force' goes back all the same");
   InstallState next = state_;
-  next.installed_key = key_of(previous);
+  next.installed_key = key;
   if (next.installed) next.bad.insert(next.installed->manifest);
   next.bad.erase(release.manifest);
   next.installed = release;
   save(next);
   switch_to(previous);
   forget_candidate();
-  return release;
+  return problem;
+}
+
+std::vector<std::string> Installer::drift_of(const std::string& directory) const {
+  if (target_of(release_in(directory)) != directory) return {"another manifest"};
+  const Manifest manifest = read_release(directory);
+  return differences(
+      manifest,
+      scan_tree(options_.place + "/" + directory,
+                {.leaf = manifest.leaf, .threads = 0, .settled = &settled_, .tolerant = true}));
+}
+
+// By its manifest; where that is not the one it was installed with, by its name, in which half of
+// the digest is missing.
+InstalledRelease Installer::release_named(const std::string& directory) const {
+  try {
+    const InstalledRelease release = release_in(directory);
+    if (target_of(release) == directory) return release;
+  } catch (const std::runtime_error&) {
+  }
+  return parse_directory_name(directory.substr(directory.rfind('/') + 1))
+      .value_or(InstalledRelease());
 }
 
 void Installer::allow(uint64_t version) {

@@ -39,4 +39,16 @@ TEST(InstallState, a_directory_is_named_by_version_and_manifest) {
   EXPECT_EQ(18u, directory_name(*full_state().installed).size());
 }
 
+TEST(InstallState, the_name_of_a_directory_gives_the_version_back) {
+  const std::string name = directory_name(*full_state().installed);
+  const auto parsed = parse_directory_name(name);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(7u, parsed->version);
+  EXPECT_EQ(name, directory_name(*parsed));
+  for (const std::string& other :
+       {std::string(), std::string("7"), std::string("7-"), name + "0", "0" + name, "-" + name,
+        "7/" + name.substr(2), name.substr(0, name.size() - 1) + "g"})
+    EXPECT_FALSE(parse_directory_name(other)) << other;
+}
+
 }  // namespace

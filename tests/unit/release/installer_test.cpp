@@ -76,9 +76,107 @@ TEST_F(Install, the_previous_release_comes_back_by_command) {
   start();
   install(six_);
   install(seven_);
-  EXPECT_EQ(6u, node_->roll_back().version);
+  EXPECT_EQ("", node_->roll_back());
+  EXPECT_EQ(6u, node_->state().installed->version);
   EXPECT_TRUE(current_is(six_));
   EXPECT_EQ(Reason::kKnownBad, refused(seven_));
+}
+
+// --- The way back to a tree that somebody changed ---
+
+class WayBack : public Install {
+ protected:
+  WayBack() {
+    start();
+    install(six_);
+    install(seven_);
+  }
+  // Why it is not gone back to, when it is not.
+  std::string problem() {
+    try {
+      node_->roll_back();
+      return "";
+    } catch (const Refused& refused) {
+      EXPECT_EQ(Reason::kTree, refused.reason());
+      return refused.what();
+    }
+  }
+  bool current_names(const Built& built) const {
+    return node_->current() == built.release() &&
+           node_->link("current").ends_with(directory_name(built.release()));
+  }
+
+  const std::string named_ = "the previous release, version 6, is not as it was signed: ";
+  const std::string forced_ = "; 'release rollback --force' goes back all the same";
+};
+
+TEST_F(WayBack, a_tree_that_somebody_changed_is_not_switched_to) {
+  place_.write("previous/a/one", "x");
+  place_.write("previous/more", "");
+  const std::string different = named_ + "content differs: a/one, not in the manifest: more";
+  const InstallState before = node_->state();
+  EXPECT_EQ(different + forced_, problem());
+  EXPECT_TRUE(current_is(seven_));
+  EXPECT_EQ(before, node_->state());
+  EXPECT_EQ(different, node_->roll_back(Installer::RollBack::kForced));
+  EXPECT_TRUE(current_names(six_));
+  start();
+  EXPECT_TRUE(current_names(six_));
+}
+
+TEST_F(WayBack, of_much_that_differs_the_first_is_named_and_the_rest_counted) {
+  for (const char* name : {"1", "2", "3", "4", "5", "6", "7"})
+    place_.write(std::string("previous/") + name, "");
+  EXPECT_TRUE(problem().ends_with("not in the manifest: 5 and 2 more" + forced_)) << problem();
+}
+
+TEST_F(WayBack, a_change_that_keeps_size_and_time_is_found_after_a_restart) {
+  const std::string path = place_ / "previous/a/one";
+  const auto time = std::filesystem::last_write_time(path);
+  place_.write("previous/a/one", "x");
+  std::filesystem::last_write_time(path, time);
+  start();
+  EXPECT_EQ(named_ + "content differs: a/one" + forced_, problem());
+}
+
+TEST_F(WayBack, a_manifest_that_somebody_changed_holds_up_no_forced_way_back_and_no_later_release) {
+  for (const std::string& text : {seven_.text, std::string("x")}) {
+    place_.write("previous/.pkgdist/manifest", text);
+    EXPECT_TRUE(problem().starts_with(named_));
+  }
+  EXPECT_NE("", node_->roll_back(Installer::RollBack::kForced));
+  start();
+  EXPECT_EQ(6u, node_->current()->version);
+  EXPECT_EQ(Reason::kNotNewer, refused(five_));
+  const Built eight(8, {{"b", "8"}}, signer_);
+  install(eight);
+  EXPECT_TRUE(current_is(eight));
+}
+
+TEST_F(WayBack, a_release_of_a_key_that_was_taken_away_takes_force) {
+  keys_ = {ReleaseSigner(2).public_key()};
+  start();
+  EXPECT_NE(std::string::npos, problem().find("not trusted here"));
+  EXPECT_NE("", node_->roll_back(Installer::RollBack::kForced));
+  EXPECT_TRUE(current_names(six_));
+}
+
+TEST_F(WayBack, a_link_to_something_else_is_no_release_even_by_force) {
+  std::filesystem::remove(place_ / "previous");
+  std::filesystem::create_directories(place_ / "elsewhere");
+  std::filesystem::create_directory_symlink("elsewhere", place_ / "previous");
+  EXPECT_EQ(Reason::kNoRelease, refusal([&] { node_->roll_back(Installer::RollBack::kForced); }));
+  EXPECT_TRUE(current_is(seven_));
+}
+
+TEST_F(WayBack, the_automatic_one_is_held_up_by_no_comparison) {
+  const Built eight(8, {{"b", "8"}}, signer_);
+  bring_manifest(eight);
+  bring_files(eight);
+  node_->activate();
+  place_.write("previous/a/one", "x");
+  node_->fail();
+  EXPECT_TRUE(current_names(seven_));
 }
 
 TEST_F(Install, only_the_current_and_the_previous_release_are_kept) {

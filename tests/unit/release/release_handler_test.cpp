@@ -281,13 +281,13 @@ TEST_F(Handler, verification_names_what_no_release_can_have_beside_the_rest) {
 }
 
 TEST_F(Handler, the_owner_goes_back_and_allows_what_was_refused) {
-  handler_->roll_back();
+  handler_->roll_back(Installer::RollBack::kWhenWhole);
   EXPECT_EQ("there is no previous release to go back to", problem());
   make_ready(six_);
   handler_->activate(std::nullopt);
   make_ready(seven_);
   handler_->activate(std::nullopt);
-  handler_->roll_back();
+  handler_->roll_back(Installer::RollBack::kWhenWhole);
   EXPECT_EQ(ReleasePhase::kConfirmed, phase());
   EXPECT_EQ(id_of(six_), handler_->state().current);
   make_ready(seven_);
@@ -295,6 +295,22 @@ TEST_F(Handler, the_owner_goes_back_and_allows_what_was_refused) {
   handler_->allow(7);
   make_ready(seven_);
   EXPECT_EQ(ReleasePhase::kReady, phase());
+}
+
+TEST_F(Handler, a_way_back_to_a_tree_that_differs_takes_force_and_says_what_differs) {
+  make_ready(six_);
+  handler_->activate(std::nullopt);
+  make_ready(seven_);
+  handler_->activate(std::nullopt);
+  place_.write("previous/a", "x");
+  handler_->roll_back(Installer::RollBack::kWhenWhole);
+  EXPECT_EQ(ReleasePhase::kRefused, phase());
+  EXPECT_NE(std::string::npos, problem().find("content differs: a; 'release rollback --force'"));
+  EXPECT_EQ(id_of(seven_), handler_->state().current);
+  handler_->roll_back(Installer::RollBack::kForced);
+  EXPECT_EQ(ReleasePhase::kConfirmed, phase());
+  EXPECT_TRUE(problem().ends_with("content differs: a")) << problem();
+  EXPECT_EQ(id_of(six_), handler_->state().current);
 }
 
 TEST_F(Handler, a_restart_goes_on_with_what_was_staged) {

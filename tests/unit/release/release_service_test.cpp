@@ -168,20 +168,20 @@ TEST_F(Service, why_a_file_has_not_come_is_told_until_it_comes) {
 }
 
 TEST_F(Service, commands_of_the_owner_end_with_the_state) {
-  EXPECT_EQ(ReleasePhase::kRefused, service_->command(ReleaseCommand::kRollback).get().phase);
+  EXPECT_EQ(ReleasePhase::kRefused, service_->command({ReleaseCommand::kRollback}).get().phase);
   make_ready(six_);
-  auto activated = service_->command(ReleaseCommand::kActivate);
+  auto activated = service_->command({ReleaseCommand::kActivate});
   end_trial("good");
   const ReleaseState state = activated.get();
   EXPECT_EQ(ReleasePhase::kConfirmed, state.phase);
   EXPECT_EQ("base", state.name);
-  EXPECT_EQ(0u, service_->command(ReleaseCommand::kVerify).get().drifted);
-  EXPECT_EQ(ReleasePhase::kIdle, service_->command(ReleaseCommand::kDowngrade, 5).get().phase);
+  EXPECT_EQ(0u, service_->command({ReleaseCommand::kVerify}).get().drifted);
+  EXPECT_EQ(ReleasePhase::kIdle, service_->command({ReleaseCommand::kDowngrade, 5}).get().phase);
 }
 
 TEST_F(Service, a_stop_during_a_trial_goes_back) {
   make_ready(six_);
-  auto activated = service_->command(ReleaseCommand::kActivate);
+  auto activated = service_->command({ReleaseCommand::kActivate});
   wait_for(ReleasePhase::kActivating);
   service_->stop();
   EXPECT_EQ(ReleasePhase::kFailed, activated.get().phase);
@@ -190,9 +190,9 @@ TEST_F(Service, a_stop_during_a_trial_goes_back) {
 
 TEST_F(Service, a_stop_leaves_what_waits_undone) {
   make_ready(six_);
-  auto activated = service_->command(ReleaseCommand::kActivate);
+  auto activated = service_->command({ReleaseCommand::kActivate});
   wait_for(ReleasePhase::kActivating);
-  auto verified = service_->command(ReleaseCommand::kVerify);
+  auto verified = service_->command({ReleaseCommand::kVerify});
   service_.reset();
   EXPECT_THROW(verified.get(), std::future_error);
 }
