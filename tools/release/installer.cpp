@@ -83,7 +83,8 @@ void Installer::check_rules(const Manifest& manifest, const InstalledRelease& re
     throw Refused(Reason::kExpired, "the release expired on " + *manifest.expires);
   if (state_.allowed == release.version) return;
   if (state_.bad.contains(release.manifest))
-    throw Refused(Reason::kKnownBad, "this release was activated before and failed");
+    throw Refused(Reason::kKnownBad,
+                  "this release was activated before and failed or was rolled back");
   if (installed && release.version < installed->version)
     throw Refused(Reason::kNotNewer, fmt::format("version {} is below the installed {}",
                                                  release.version, installed->version));

@@ -23,7 +23,7 @@ enum class Reason {
   kNotNewer,       // the version is not above the installed one
   kOtherManifest,  // the installed version with another manifest
   kFloor,          // the version is below the floor of its key
-  kKnownBad,       // it was activated before and failed
+  kKnownBad,       // it was activated before and failed or was rolled back
   kExpired,        // its expiry date has passed, and expiry is enforced
   kLeaves,         // the leaf file does not belong to the manifest
   kContent,        // a file does not have the content that the manifest says
