@@ -48,7 +48,8 @@ TEST(LossMeter, a_second_information_insures_a_large_file_before_anything_is_kno
   EXPECT_EQ(LossMeter().info_copies(1, 10'000), 1);
 }
 
-// A second copy costs as much as 500 bytes of content, and saves the file's bytes for each node that misses the first.
+// A second copy costs as much as 500 bytes of content, and saves the file's bytes for each node
+// that misses the first.
 TEST(LossMeter, copies_are_sent_while_they_cost_less_than_they_save) {
   const LossMeter meter = meter_of(0.1);
   EXPECT_EQ(meter.info_copies(1, 4'900), 1);
