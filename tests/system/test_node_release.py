@@ -204,7 +204,7 @@ class Activation(ReleaseNode):
         different = "the previous release, version 6, is not as it was signed: content differs: etc/settings"
         refused = self.ask("rollback", expect=1)
         self.assertEqual((refused["state"], refused["current"]["version"], refused["problem"]),
-                         ("refused", 7, different + "; 'release rollback --force' goes back all the same"))
+                         ("refused", 7, different + "; 'release rollback --force' goes back to it as it is"))
         self.assertEqual(self.check_tree(), 7)
         forced = self.ask("rollback", "--force")
         self.assertEqual((forced["state"], forced["current"]["version"], forced["problem"]),

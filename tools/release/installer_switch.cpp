@@ -149,7 +149,7 @@ std::string Installer::roll_back(RollBack how) {
     problem = in_words(release, {error.what()});
   }
   if (!problem.empty() && how != RollBack::kForced)
-    throw Refused(Reason::kTree, problem + "; 'release rollback --force' goes back all the same");
+    throw Refused(Reason::kTree, problem + "; 'release rollback --force' goes back to it as it is");
   InstallState next = state_;
   next.installed_key = key;
   if (next.installed) next.bad.insert(next.installed->manifest);

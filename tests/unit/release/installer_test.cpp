@@ -107,7 +107,7 @@ class WayBack : public Install {
   }
 
   const std::string named_ = "the previous release, version 6, is not as it was signed: ";
-  const std::string forced_ = "; 'release rollback --force' goes back all the same";
+  const std::string forced_ = "; 'release rollback --force' goes back to it as it is";
 };
 
 TEST_F(WayBack, a_tree_that_somebody_changed_is_not_switched_to) {
