@@ -98,10 +98,12 @@ Time Window::answer_time() const {
   return patience();
 }
 
-// A stream that stops because the window is full goes on with the answers that are under way.
+// A full window is polled for at once, so that as much as possible is let out together; but not
+// where files are small: the reports that open it are under way, and more of them follow.
 bool Window::poll_due(bool stops, Time now) const {
   if (busy_.count() == 0) return false;
-  const bool ends = stops && open();
+  const bool opened_by_reports = !open() && latest().is_file;
+  const bool ends = stops && !opened_by_reports;
   if (position_ > asked_ && (ends || static_cast<double>(position_ - asked_) >= poll_gap()))
     return true;
   return stops && next_poll(now) <= now;

@@ -6,7 +6,7 @@
 // every other datagram. A node answers it from the same queue as the data, so the answer says that
 // all before was taken and handled, whichever file it belonged to. Polls follow each other at half
 // of the window, or at a quarter where answers are lost often enough that the next poll's have to
-// do; one closes the stream when there is nothing more to send. The report of a file that has just
+// do; one closes the stream whenever it stops. The report of a file that has just
 // been sent says the same, so where files are small and reports are expected from all who are
 // polled, these take the place of polls. Up to eight nodes are polled; of more, eight for a while,
 // then others. A node that owes an answer is asked again; one that owes it for long is excused:
@@ -145,6 +145,7 @@ class Window {
     return position_ - handled < static_cast<uint64_t>(size_);
   }
   const Poll* find(TransferId number, bool is_file) const;
+  const Poll& latest() const { return polls_[(next_ + polls_.size() - 1) % polls_.size()]; }
   bool would_name_only_nodes_of(const Transfer& file) const;
   void remember(const Poll& poll);
   void credit(const Poll& poll, NodeIndex node, Time now);
