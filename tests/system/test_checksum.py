@@ -85,7 +85,8 @@ class Checksum(ChecksumTest):
         compared = self.compared(lead)
         for node in self.net.nodes:
             sent = [e for e in lead.events("request-ended") if (e["node"], e["name"]) == (node.address, "d/big")]
-            self.assertEqual([e["status"] for e in sent], [0, 0, 0])
+            # The lead ends with the answer that follows the third reception, whose report may come later.
+            self.assertIn([e["status"] for e in sent], ([0, 0], [0, 0, 0]))
             event = compared[node.address]
             self.assertEqual((event["good"], event["received_again"], event["failed"]),
                              (False, [], [{"name": "d/big", "text": "it has another content, received again 3 times"}]))

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <filesystem>
@@ -84,8 +85,12 @@ nlohmann::ordered_json identity_fields(const NodeOptions& options) {
           {"locations", locations}};
 }
 
-uint32_t reports_sent() {
-  return counter(DrtCounter::kUcSendDoneSent);
+// The answers to a lead's questions are reports, too. A question is counted ahead of its answer,
+// so what is read last is large enough.
+uint32_t ends_reported() {
+  const uint32_t reports = counter(DrtCounter::kUcSendDoneSent);
+  const uint32_t questions = counter(DrtCounter::kMcMissDone);
+  return reports - std::min(reports, questions);
 }
 
 uint64_t heard_about_files() {

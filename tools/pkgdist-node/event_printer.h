@@ -96,8 +96,8 @@ nlohmann::ordered_json identity_fields(const NodeOptions& options);
 // Waits for a lead; says so when none is heard for the time-out.
 bool await_lead(Node& node, EventPrinter& printer, const NodeOptions& options);
 
-// Files that this process has told the lead the end of.
-uint32_t reports_sent();
+// Files that this process has told the lead the end of by itself, at least.
+uint32_t ends_reported();
 
 // Grow while the lead is heard about files that this process receives, or about its messages.
 uint64_t heard_about_files();

@@ -18,7 +18,7 @@ namespace {
 void await_reports(Node& node, size_t files) {
   constexpr double kStepSeconds = 0.005;
   constexpr int kMaxSteps = 100;
-  for (int i = 0; i < kMaxSteps && reports_sent() < files; ++i)
+  for (int i = 0; i < kMaxSteps && ends_reported() < files; ++i)
     (void)node.run_until([] { return false; }, kStepSeconds);
 }
 
