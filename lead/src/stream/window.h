@@ -6,12 +6,12 @@
 // every other datagram. A node answers it from the same queue as the data, so the answer says that
 // all before was taken and handled, whichever file it belonged to. Polls follow each other at half
 // of the window, or at a quarter where answers are lost often enough that the next poll's have to
-// do; one closes the stream whenever it stops. The report of a file that has just
-// been sent says the same, so where files are small and reports are expected from all who are
-// polled, these take the place of polls. Up to eight nodes are polled; of more, eight for a while,
-// then others. A node that owes an answer is asked again; one that owes it for long is excused:
-// nothing waits for it until it is heard. Where all are excused the stream creeps, a quarter of a
-// window for each poll that nobody answered.
+// do; one closes the stream whenever it stops. The report of a file that has just been sent says
+// the same, so where files are small and reports are expected from all who are polled, these take
+// the place of polls. Up to eight nodes are polled; of more, eight for a while, then others. A node
+// that owes an answer is asked again; one that owes it for long is excused: nothing waits for it
+// until it is heard. Where all are excused the stream creeps, a quarter of a window for each poll
+// that nobody answered.
 //
 // The window begins at what fits into the sockets and switches that are usual, and grows while it
 // limits the stream. Loss alone never slows the stream; loss that a smaller window cures does, see
