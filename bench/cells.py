@@ -6,7 +6,7 @@
     default-socket  the large file to one node with the kernel's default limit of a receive buffer
     small-switch    the large file through a switch port of 300 Mbit/s with a buffer of 100 kB
     slow-node       a file of an eighth of the size; of three nodes, one has a slow switch port. With
-                    two nodes it is absent, for comparison
+                    two nodes its host is on the network and takes no part, for comparison
     delay           the large file with 20 ms each way
     batches         the large file; what is dropped are the sender's whole batches, not datagrams
 """
@@ -22,7 +22,7 @@ DEFAULT_LIMIT_BYTES = 212992  # net.core.rmem_max of a kernel that nobody has co
 SWITCH_RATE = "300mbit"
 SWITCH_BUFFER_BYTES = 100_000
 DELAY_MILLISECONDS = 20
-SLOW_NODE = 2                 # index; pushes to fewer nodes have none
+SLOW_NODE = 2                 # index; pushes to fewer nodes leave it out
 WITHOUT_PRIVILEGE = ("setpriv", "--bounding-set", "-net_admin", "--inh-caps", "-net_admin")
 
 
@@ -55,6 +55,10 @@ class Cell:
                 links.limit_port(host, options.slow_rate, SWITCH_BUFFER_BYTES)
         for host in net.hosts() if self.delay else []:
             links.delay(host, DELAY_MILLISECONDS)
+
+    def hosts(self, count):
+        """On the network, beside the lead's, where so many are nodes."""
+        return max(count, SLOW_NODE + 1) if self.slow_node else count
 
     def obstacle(self, options):
         """Why it cannot be made here, or None."""
@@ -144,13 +148,13 @@ class Content:
 class Case:
     """One run of one program: its hosts, its content, and a place for what each node receives."""
 
-    def __init__(self, cell, net, content, work, options):
-        self.lead, self.nodes = net.lead, net.nodes
+    def __init__(self, cell, net, count, content, work, options):
+        self.lead, self.nodes = net.lead, net.nodes[:count]
         self.root, self.bytes, self.single = content.root, content.bytes, content.single
         self.entries, self.work, self.limit = content.entries, work, options.limit
         self.started = None  # when the sender's command was
         self.wrapper = WITHOUT_PRIVILEGE if cell.default_socket else ()
-        self.directories = [os.path.join(work, host.name) for host in net.nodes]
+        self.directories = [os.path.join(work, host.name) for host in self.nodes]
         for directory in self.directories:
             os.makedirs(directory)
 

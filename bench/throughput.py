@@ -145,9 +145,9 @@ def measure(cell, case, tool):
 
 def run_once(cell, content, count, loss, tool, work, options):
     """In a laboratory of its own: nothing of a run is left in sockets and links for the next."""
-    with lab.Lab(nodes=count) as net:
+    with lab.Lab(nodes=cell.hosts(count)) as net:
         cell.arrange(net, loss, options)
-        case = Case(cell, net, content, work, options)
+        case = Case(cell, net, count, content, work, options)
         try:
             if not cell.slow_node:
                 return measure(cell, case, tool)
