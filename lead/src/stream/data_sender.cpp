@@ -238,7 +238,7 @@ void DataSender::run(Time now) {
 Time DataSender::next_deadline(Time now) const {
   Time deadline = settling_.next_deadline();
   if (window_.open())
-    deadline = std::min(deadline, repairs_.empty() ? schedule_.next_deadline() : now);
+    deadline = std::min({deadline, repairs_.next_deadline(), schedule_.next_deadline()});
   deadline = std::min(deadline, window_.next_poll(now));
   if (deadline == kNever) return kNever;
   return std::max(deadline, pacer_.next_ready(now));

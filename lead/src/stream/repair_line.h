@@ -1,5 +1,5 @@
 // The files that have repairs to be sent. They take turns, one segment each, so that no file's
-// nodes wait for those of another.
+// nodes wait for those of another. A file whose repairs are gathered enters when that ends.
 #pragma once
 
 #include <deque>
@@ -18,7 +18,9 @@ class RepairLine {
   void enter(Transfer& transfer) {
     if (transfer.in_repair_line || transfer.repairs.empty()) return;
     transfer.in_repair_line = true;
-    line_.push_back(transfer.id);
+    const Time ready = transfer.repairs.ready_at();
+    if (ready == 0) return line_.push_back(transfer.id);
+    gathering_.push_back({ready, transfer.id});
   }
 
   struct Repair {
@@ -28,6 +30,7 @@ class RepairLine {
   };
   // The next repair to be sent. Files whose repairs were dropped meanwhile leave the line.
   std::optional<Repair> take(Time now) {
+    end_gathering(now);
     while (!line_.empty()) {
       Transfer* const transfer = table_.at(line_.front());
       line_.pop_front();
@@ -44,11 +47,34 @@ class RepairLine {
     return std::nullopt;
   }
 
-  bool empty() const { return line_.empty(); }
+  // When take() has something; 0: at once.
+  Time next_deadline() const {
+    if (!line_.empty()) return 0;
+    return gathering_.empty() ? kNever : gathering_.front().ready;
+  }
 
  private:
+  struct Gathering {
+    Time ready = 0;  // unless more was asked for meanwhile
+    TransferId id = kNoTransfer;
+  };
+  void end_gathering(Time now) {
+    while (!gathering_.empty() && gathering_.front().ready <= now) {
+      const TransferId id = gathering_.front().id;
+      gathering_.pop_front();
+      const Transfer* const transfer = table_.at(id);
+      if (transfer == nullptr) continue;
+      const Time ready = transfer->repairs.ready_at();
+      if (ready > now)
+        gathering_.push_back({ready, id});
+      else
+        line_.push_back(id);
+    }
+  }
+
   const TransferTable& table_;
   std::deque<TransferId> line_;
+  std::deque<Gathering> gathering_;  // by time, within a pause of the requests
 };
 
 }  // namespace pkgdist::lead

@@ -16,6 +16,7 @@ void RepairQueue::rotate(Time now) {
 uint32_t RepairQueue::request(uint32_t first, uint32_t num, Time now) {
   rotate(now);
   if (elapsed(now, requested_) >= std::max(kRequestPause, 2 * holdoff_)) forget_asked();
+  if (due_.empty()) gathered_since_ = now;
   requested_ = now;
   asked_.insert_run(first, num);
   return due_.insert_run(first, num, {&recent_, &older_});

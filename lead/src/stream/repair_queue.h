@@ -4,6 +4,11 @@
 // back for a short while, since nodes lose it together and ask one after the other. What was asked
 // for is remembered, because a repair can be lost, too; a request after a silence comes from a
 // node's time-out and names all that it lacks, so it replaces what was asked for before.
+//
+// A node's time-out begins anew with everything that it lacked and gets. Once the stream has gone
+// round the file, the time-outs of several nodes end within a turn of their timers: if the first
+// one that asks were served at once, that would keep the others from asking. So repairs are
+// gathered for as long as further nodes ask, see gather().
 #pragma once
 
 #include <algorithm>
@@ -21,6 +26,14 @@ class RepairQueue {
   // How long a segment that was repaired is held back at least: a round trip, in which requests
   // arrive that were sent before the repair came.
   void set_holdoff(Time round_trip) { holdoff_ = std::clamp(round_trip, kMinHoldoff, kMaxHoldoff); }
+
+  // Whether requests come from the time-outs of several nodes, so that others are about to follow.
+  void gather(bool several) { gathers_ = several; }
+  // When what is due may be sent.
+  Time ready_at() const {
+    if (!gathers_) return 0;
+    return std::min(requested_ + kGatherPause, gathered_since_ + kMostGathering);
+  }
 
   // Enters a run inside the file; returns how many segments are to be repaired because of it.
   uint32_t request(uint32_t first, uint32_t num, Time now);
@@ -49,6 +62,11 @@ class RepairQueue {
   // A node sends all requests of one time-out pass without a pause.
   static constexpr Time kRequestPause = 50 * kMillisecond;
 
+  // Nodes that wait look at their timers every 20 ms, ten of them 2 ms one after the other. For a
+  // few the pause costs little beside the time-out that they have waited for.
+  static constexpr Time kGatherPause = 2 * kMillisecond;
+  static constexpr Time kMostGathering = 20 * kMillisecond;
+
   static constexpr uint32_t kParts = 64;
   uint32_t part_segments() const { return (due_.size() + kParts - 1) / kParts; }
   template <class Act>
@@ -61,6 +79,8 @@ class RepairQueue {
   SegmentSet asked_;
   Time rotated_ = 0;
   Time requested_ = 0;
+  bool gathers_ = false;
+  Time gathered_since_ = 0;     // when something became due
   Time holdoff_ = kMinHoldoff;  // a segment is held back for one to two of these
   uint32_t cursor_ = 0;
 };

@@ -15,6 +15,13 @@ bool SegmentRequests::is_first_request(const Transfer& transfer, NodeIndex node,
   return uint64_t{first} + num + recent >= transfer.turn.done();
 }
 
+// Whether several nodes wait for the rest of a file whose turn is over. A small one is not worth
+// the pause: what it lacks is sent in less time.
+bool SegmentRequests::from_time_outs(const Transfer& transfer) {
+  return transfer.stage == Transfer::Stage::kSettling && transfer.open > 1 &&
+         transfer.segments > kFirstInformedAgain;
+}
+
 // The latest segments of the file that the node may not have come to yet, if the run goes up to the
 // file's end.
 uint64_t SegmentRequests::on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first,
@@ -72,6 +79,7 @@ uint32_t SegmentRequests::enter(Transfer& transfer, const Transfer::Run& run, ui
                                 Time now) {
   uint32_t gone = 0;
   transfer.repairs.set_holdoff(2 * stream_.window.round_trip());
+  transfer.repairs.gather(from_time_outs(transfer));
   transfer.turn.behind(run.first, run.num, coming, [&](uint32_t from, uint32_t count) {
     transfer.repairs.request(from, count, now);
     transfer.node(run.node).parts |= transfer.repairs.parts_of(from, count);

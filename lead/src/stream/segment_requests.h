@@ -50,6 +50,7 @@ class SegmentRequests {
   void note_ahead(Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num);
   uint32_t enter(Transfer& transfer, const Transfer::Run& run, uint64_t coming, Time now);
   uint64_t on_the_way(const Transfer& transfer, NodeIndex node, uint32_t first, uint32_t num) const;
+  static bool from_time_outs(const Transfer& transfer);
   bool is_first_request(const Transfer& transfer, NodeIndex node, uint32_t first,
                         uint32_t num) const;
 

@@ -41,17 +41,44 @@ TEST_F(RepairLineTest, a_file_stands_in_the_line_once_however_often_it_is_asked_
   EXPECT_EQ(take_all(), " a0 b4 a1 b5. a2.");
 }
 
-TEST_F(RepairLineTest, is_empty_when_nothing_is_due) {
+TEST_F(RepairLineTest, waits_for_nothing_when_nothing_is_due) {
   Transfer& a = add("a");
-  EXPECT_TRUE(line_.empty());
+  EXPECT_EQ(line_.next_deadline(), kNever);
   line_.enter(a);
-  EXPECT_TRUE(line_.empty());
+  EXPECT_EQ(line_.next_deadline(), kNever);
   request(a, 0, 1);
-  EXPECT_FALSE(line_.empty());
+  EXPECT_EQ(line_.next_deadline(), 0);
   EXPECT_TRUE(a.in_repair_line);
   take_all();
-  EXPECT_TRUE(line_.empty());
+  EXPECT_EQ(line_.next_deadline(), kNever);
   EXPECT_FALSE(a.in_repair_line);
+}
+
+TEST_F(RepairLineTest, a_file_whose_repairs_are_gathered_comes_when_nobody_asks_for_more) {
+  Transfer& gathers = add("a");
+  gathers.repairs.gather(true);
+  request(gathers, 0, 1);
+  request(add("b"), 0, 1);
+  EXPECT_EQ(take_all(), " b0.");
+  EXPECT_EQ(line_.next_deadline(), now_ + 2 * kMillisecond);
+  now_ += kMillisecond;
+  request(gathers, 5, 1);
+  now_ += kMillisecond;
+  EXPECT_EQ(take_all(), "");
+  EXPECT_EQ(line_.next_deadline(), now_ + kMillisecond);
+  now_ += kMillisecond;
+  EXPECT_EQ(take_all(), " a0 a5.");
+  EXPECT_EQ(line_.next_deadline(), kNever);
+}
+
+TEST_F(RepairLineTest, a_file_that_ends_while_its_repairs_are_gathered_is_forgotten) {
+  Transfer& gathers = add("a");
+  gathers.repairs.gather(true);
+  request(gathers, 0, 1);
+  table_.remove(gathers.id);
+  now_ += 2 * kMillisecond;
+  EXPECT_EQ(take_all(), "");
+  EXPECT_EQ(line_.next_deadline(), kNever);
 }
 
 TEST_F(RepairLineTest, a_file_that_is_gone_or_whose_repairs_were_dropped_leaves_the_line) {

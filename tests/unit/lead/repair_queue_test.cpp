@@ -49,6 +49,28 @@ TEST(RepairQueue, however_long_the_way_a_node_s_time_out_is_heeded) {
   EXPECT_EQ(queue.request(5, 1, 3 * kSecond), 1u);
 }
 
+TEST(RepairQueue, gathers_what_nodes_ask_for_one_after_the_other) {
+  RepairQueue queue(100);
+  EXPECT_EQ(queue.ready_at(), 0);
+  queue.gather(true);
+  queue.request(5, 1, kSecond);
+  EXPECT_EQ(queue.ready_at(), kSecond + 2 * kMillisecond);
+  queue.request(5, 1, kSecond + kMillisecond);
+  EXPECT_EQ(queue.ready_at(), kSecond + 3 * kMillisecond);
+  queue.gather(false);
+  EXPECT_EQ(queue.ready_at(), 0);
+}
+
+TEST(RepairQueue, gathers_for_a_turn_of_the_nodes_timers_at_most) {
+  RepairQueue queue(100);
+  queue.gather(true);
+  for (Time at = 0; at < 40 * kMillisecond; at += kMillisecond) queue.request(5, 1, kSecond + at);
+  EXPECT_EQ(queue.ready_at(), kSecond + 20 * kMillisecond);
+  queue.take(2 * kSecond);
+  queue.request(7, 1, 2 * kSecond);
+  EXPECT_EQ(queue.ready_at(), 2 * kSecond + 2 * kMillisecond) << "the next ones begin anew";
+}
+
 TEST(RepairQueue, goes_on_where_it_stood) {
   RepairQueue queue(100);
   queue.request(50, 1, kSecond);
