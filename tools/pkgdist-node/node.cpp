@@ -70,13 +70,16 @@ void require(PkgdistStatus status, const char* what) {
       fmt::format("{}: {}", what, reason.empty() ? cli::status_text(status) : reason));
 }
 
-void set_repair_interval(uint32_t milliseconds) {
-  constexpr uint64_t kNanosecondsPerMillisecond = 1'000'000;
-  constexpr uint64_t kTimerPeriodMs = 20;
-  constexpr uint32_t kRetries = 24;  // time-outs grow: 17 s pass with the usual interval
-  G_data_rto.timer_period = kTimerPeriodMs * kNanosecondsPerMillisecond;
-  G_data_rto.segment_timeout = milliseconds * kNanosecondsPerMillisecond;
-  G_data_rto.max_retries = kRetries;
+void set_time_outs(uint32_t repair_interval_ms) {
+  constexpr uint64_t kMillisecond = 1'000'000;
+  G_data_rto.timer_period = 20 * kMillisecond;
+  G_data_rto.segment_timeout = repair_interval_ms * kMillisecond;
+  G_data_rto.max_retries = 24;            // time-outs grow: 17 s pass with the usual interval
+  G_ctrl_rto.rx_select_timeout = 50'000;  // microseconds
+  G_ctrl_rto.scan_interval = 50 * kMillisecond;
+  G_ctrl_rto.lead_ack_timeout = 100 * kMillisecond;
+  G_ctrl_rto.segment_timeout = 100 * kMillisecond;
+  G_ctrl_rto.max_retries = 13;  // 10 s pass until a message is given up
 }
 
 Node::Node(const NodeOptions& options)

@@ -21,10 +21,11 @@ namespace pkgdist::node_program {
 // Throws with a text that says what to look at when a call of the library fails.
 void require(PkgdistStatus status, const char* what);
 
-// How a node that receives pushes asks for what it lacks: missing segments again after
-// `milliseconds`, at growing intervals and patiently, because the lead has a whole set of nodes to
-// serve. To be called before the Node is made.
-void set_repair_interval(uint32_t milliseconds);
+// When a node that receives pushes asks again, at growing intervals and patiently, because the lead
+// has a whole set of nodes to serve: for missing segments after `repair_interval_ms`, for an answer
+// to its messages or the rest of the lead's after 100 ms, since the end of a push may wait for
+// these. To be called before the Node is made.
+void set_time_outs(uint32_t repair_interval_ms);
 
 class Node {
  public:

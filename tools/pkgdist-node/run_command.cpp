@@ -82,7 +82,7 @@ int run_command(const NodeOptions& given) {
   NodeOptions options = given;
   const std::unique_ptr<ReleaseService> releases = open_releases(options);
   MessageClass classes[PKGDIST_CTRL_CLASS_LAST - PKGDIST_CTRL_CLASS_FIRST + 1];
-  set_repair_interval(options.repair_interval_ms);
+  set_time_outs(options.repair_interval_ms);
   Node node(options);
   EventPrinter printer(options);
   printer.listening(options);
