@@ -1,5 +1,5 @@
 """When a node asks again for what it lacks, and when it gives up: a lead that leaves out the last segment of
-a file and answers nothing."""
+a file, or does not acknowledge a message, and answers nothing."""
 
 import errno
 import subprocess
@@ -36,16 +36,21 @@ class RepairInterval(SystemTest):
             return [self.request(lead, number) - announced for number in range(count)]
 
     @staticmethod
-    def request(lead, number):
-        """When the repair request of this number arrived."""
+    def arrival(lead, answers, kind, number):
+        """When the answer of this kind and number arrived, and its body."""
         end = time.monotonic() + 20
         while time.monotonic() < end:
-            asked = [body for header, body in lead.data_answers if header["msg_id"] == wire.REQ_SINGLE]
-            if len(asked) > number:
-                assert asked[number] == {"file_id": 7, "segment": 2, "num": 1}, asked[number]
-                return time.monotonic()
+            bodies = [body for header, body in answers if header["msg_id"] == kind]
+            if len(bodies) > number:
+                return time.monotonic(), bodies[number]
             lead.receive(0.01)
-        raise AssertionError(f"{number} repair requests in 20 s")
+        raise AssertionError(f"{number} answers {kind} in 20 s")
+
+    def request(self, lead, number):
+        """When the repair request of this number arrived."""
+        at, body = self.arrival(lead, lead.data_answers, wire.REQ_SINGLE, number)
+        assert body == {"file_id": 7, "segment": 2, "num": 1}, body
+        return at
 
     def test_missing_segments_are_asked_for_after_a_tenth_of_a_second_and_then_more_slowly(self):
         first, second = self.requests(count=2)
@@ -72,3 +77,14 @@ class RepairInterval(SystemTest):
             self.assertEqual(lead.report_of("f", 30), errno_status(errno.ETIMEDOUT))
             asked = [body for header, body in lead.data_answers if header["msg_id"] == wire.REQ_SINGLE]
         self.assertEqual(len(asked), 24)
+
+    def test_a_message_that_is_not_acknowledged_is_repeated_after_a_tenth_of_a_second(self):
+        node = self.start_node_with()
+        with ScriptedLead(self.net.lead) as lead:
+            lead.wait_for_node(node)
+            first, second, third = (
+                self.arrival(lead, lead.control_answers, wire.CTRL, number)[0] for number in range(3))
+        self.assertGreater(second - first, 0.09)
+        self.assertLess(second - first, 0.4)
+        self.assertGreater(third - second, 0.19)
+        self.assertLess(third - second, 0.7)
