@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """What a signed release takes, in time and in bytes on the wire: the first one, and a second one of which 1 % of the
-bytes are other ones (hard links for the rest), to three nodes; beside a plain push of the same tree, and beside rsync to each node.
+bytes are other ones (hard links for the rest), to all nodes; beside a plain push of the same tree, and beside rsync to each node.
 
-    bench/releases.py BUILD [--files N] [--bytes N] [--rounds N] [--link RATE]
+    bench/releases.py BUILD [--nodes N] [--files N] [--bytes N] [--rounds N] [--link RATE]
 
 Everything runs in network namespaces of this process's own. Needs minisign; rsync is left out when it is not there
 (scripts/setup peers installs both).
@@ -22,7 +22,6 @@ import lab  # noqa: E402
 import links  # noqa: E402
 from signed_tree import new_key, sign  # noqa: E402
 
-NODES = 3
 FILES_IN_A_DIRECTORY = 100
 CHANGED_SHARE = 0.01
 FIRST_TIME = 1_700_000_000
@@ -97,7 +96,7 @@ class Round:
                         f"bench={self.place(host, 'releases')}", "--hardlink", "--keys", self.keys, "--state",
                         self.place(host, "state")], stdout=subprocess.DEVNULL)
         for name, tree in (("first release", self.tree.first), ("second release", self.tree.second)):
-            self.measure(name, lambda root=tree: self.lead("push", "--release", root, "--nodes", str(NODES)))
+            self.measure(name, lambda root=tree: self.lead("push", "--release", root, "--nodes", str(len(self.net.nodes))))
             self.check(tree, [os.path.join(self.place(host, "releases"), "current") for host in self.net.nodes])
         self.net.stop_processes()
 
@@ -107,7 +106,7 @@ class Round:
                         f"1={self.place(host, place)}", "run"], stdout=subprocess.DEVNULL)
         for turn, tree in (("first", self.tree.first), ("second", self.tree.second)):
             self.measure(f"{turn} {kind}", lambda root=tree: self.lead(
-                "--location", f"1={root}", "push", "--durable", *options, "--nodes", str(NODES), "--exclude", ".pkgdist",
+                "--location", f"1={root}", "push", "--durable", *options, "--nodes", str(len(self.net.nodes)), "--exclude", ".pkgdist",
                 root))
             self.check(tree, [self.place(host, place) for host in self.net.nodes])
         self.net.stop_processes()
@@ -160,6 +159,7 @@ def show(rounds, stolen):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build")
+    parser.add_argument("--nodes", type=int, default=3)
     parser.add_argument("--files", type=int, default=10_000)
     parser.add_argument("--bytes", type=int, default=4000, help="of each file")
     parser.add_argument("--rounds", type=int, default=3)
@@ -178,7 +178,7 @@ def main():
             tree = Tree(work, options.files, options.bytes)
             sign(programs, tree.first, 1, secret)
             sign(programs, tree.second, 2, secret)
-            with lab.Lab(nodes=NODES) as net:
+            with lab.Lab(nodes=options.nodes) as net:
                 if options.link:
                     links.limit_sending(net.lead, options.link)
                 one = Round(net, programs, work, tree)
@@ -190,7 +190,7 @@ def main():
         finally:
             lab.remove(work)
     print(f"{options.files} files of {options.bytes} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
-          f"{NODES} nodes; {f'a link of {options.link}; ' if options.link else ''}medians of {options.rounds}")
+          f"{options.nodes} nodes; {f'a link of {options.link}; ' if options.link else ''}medians of {options.rounds}")
     show(rounds, stolen)
 
 
