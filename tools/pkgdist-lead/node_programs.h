@@ -51,8 +51,9 @@ class NodePrograms {
   // introduce themselves, the others from its begin.
   void heard(const std::vector<lead::NodeInfo>& nodes, lead::Time now);
   // How long nodes that were heard are waited for to introduce themselves. It takes a node
-  // milliseconds after the first ping, half a second when the message is lost, and two seconds when
-  // that happens twice more. A program that does not do it is waited for once.
+  // milliseconds after the first ping, a tenth of a second when the message is lost, a second when
+  // that happens three times more (half a second and five seconds where the program leaves the
+  // library's time-outs as they are). A program that does not do it is waited for once.
   static constexpr lead::Time kIntroductionPatience = 600 * lead::kMillisecond;
   static constexpr lead::Time kLossyIntroductionPatience = 4 * lead::kSecond;
   // Every node of a list has introduced itself, or will not: it had `patience` for it.

@@ -29,8 +29,8 @@ constexpr size_t kEntryBytes = 128;
 // Nodes send segments of 1,390 bytes. Smaller ones would make a message of a million of them.
 constexpr uint32_t kLeastSegment = 256;
 // Once per transmission of a finished message, not once per segment of it: a node's repetitions are
-// half a second apart at least.
-constexpr Time kAckHoldoff = 100 * kMillisecond;
+// a tenth of a second apart at least.
+constexpr Time kAckHoldoff = 50 * kMillisecond;
 constexpr uint32_t kMaxAckCopies = 3;
 
 }  // namespace

@@ -1,7 +1,8 @@
 // Messages from nodes: put together from their segments, acknowledged, handed on once.
 //
-// A node sends all segments of a message, sends them again at half a second, a second, ... until it
-// is acknowledged, and answers a NACK at once with the segment asked for. So a message that lacks
+// A node sends all segments of a message, sends them again at a tenth of a second, or half a second
+// where its program leaves the library's time-outs as they are, at twice that, ... until it is
+// acknowledged, and answers a NACK at once with the segment asked for. So a message that lacks
 // segments a moment after its last one arrived is asked for by segment; a node honours five of
 // these per segment. A finished message of which any segment arrives again means that the
 // acknowledgement was lost: it is acknowledged again, each time with more copies since the network

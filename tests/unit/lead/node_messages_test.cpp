@@ -115,6 +115,13 @@ TEST_F(NodeMessagesTest, a_duplicate_is_acknowledged_again_and_not_delivered_aga
   EXPECT_EQ(take().size(), 2u);  // copies of one acknowledgement
 }
 
+TEST_F(NodeMessagesTest, a_repetition_that_comes_a_little_early_is_acknowledged_again) {
+  receive(1, 0, 5, kSecond);
+  take();
+  receive(1, 0, 5, kSecond + 95 * kMillisecond);
+  EXPECT_FALSE(take().empty()) << "a node repeats a message after 100 ms, and the network hurries";
+}
+
 TEST_F(NodeMessagesTest, a_copy_that_the_network_made_is_not_acknowledged_again) {
   receive(1, 0, 5);
   take();
