@@ -1,6 +1,7 @@
 // Manifests, signature files, public keys and leaf files of releases, with any bytes. The first
 // byte says as what the rest is read. A manifest that is accepted has to be the only text of what
 // was read from it; nothing that was not signed may be accepted as signed.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -8,8 +9,8 @@
 
 #include "content.h"
 #include "manifest.h"
-#include "minisign.h"
 #include "refusal.h"
+#include "signatures.h"
 
 namespace {
 
@@ -26,11 +27,19 @@ void read_manifest(std::string_view text) {
   require(format(manifest) == text, "a manifest has one text");
 }
 
-// The manifest of the sample and the key of its signature, whose secret half nobody has kept.
-void read_signature(std::string_view signature) {
+// The manifest of the sample and the key of its signature, whose secret half nobody has kept. Zero
+// bytes stand between the files of several signatures.
+void read_signatures(std::string_view texts) {
   static const std::vector<PublicKey> keys = {
       parse_public_key("RWQBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEB")};
-  (void)verify_signature("pkgdist-release 1\n", signature, keys, "pkgdist-release 1");
+  std::vector<SignatureFile> files;
+  for (const std::string& path : signature_paths()) {
+    const size_t end = std::min(texts.find('\0'), texts.size());
+    files.push_back({path, std::string(texts.substr(0, end)), std::nullopt});
+    if (end == texts.size()) break;
+    texts.remove_prefix(end + 1);
+  }
+  (void)verify_signatures("pkgdist-release 1\n", files, keys, 1, "pkgdist-release 1");
   require(false, "nothing is signed");
 }
 
@@ -56,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         read_manifest(text);
         break;
       case 's':
-        read_signature(text);
+        read_signatures(text);
         break;
       case 'k':
         (void)parse_public_key(text);

@@ -1,5 +1,6 @@
 """What tests of nodes with --releases share: releases that are made and signed, and a node that takes them."""
 
+import base64
 import hashlib
 import json
 import os
@@ -37,6 +38,19 @@ class ReleaseNode(SystemTest):
 
     def new_key(self, secret, name):
         self.minisign("-G", "-W", "-p", os.path.join(self.keys, name + ".pub"), "-s", secret)
+
+    def key_of(self, name):
+        """As the programs name it: bytes 2 to 9 of the key's line, the last one first."""
+        with open(os.path.join(self.keys, name + ".pub"), encoding="utf-8") as file:
+            line = base64.b64decode(file.read().splitlines()[1])
+        return line[2:10][::-1].hex().upper()
+
+    def sign_too(self, number, secret):
+        """One more signature of the release that was made, in the file with this number."""
+        manifest = os.path.join(self.content, ".pkgdist", "manifest")
+        with open(manifest, encoding="utf-8") as file:
+            head = file.readline().strip()
+        self.minisign("-S", "-s", secret, "-m", manifest, "-x", f"{manifest}.minisig.{number}", "-t", head)
 
     def write(self, name, content):
         path = os.path.join(self.content, name)

@@ -218,7 +218,8 @@ class Activation(ReleaseNode):
                              capture_output=True, text=True, timeout=20)
         self.assertEqual(told.stdout.splitlines(),
                          ["releases of 'base' in location 1: confirmed",
-                          f"current: version 6 ({self.release['manifest'][:16]})"])
+                          f"current: version 6 ({self.release['manifest'][:16]})",
+                          f"signed with: {self.key_of('one')}"])
 
     def test_hard_links_save_room(self):
         self.start_both("--hardlink")
@@ -356,6 +357,8 @@ class Start(ReleaseNode):
         self.assertIn("--keys: ", self.refused(*place, "--keys", missing, *state))
         empty = self.directory("empty")
         self.assertIn("has no file NAME.pub", self.refused(*place, "--keys", empty, *state))
+        self.assertIn("--keys: 2 signatures by different keys are needed, and only 1 is trusted",
+                      self.refused(*place, *keys, *state, "--threshold", "2"))
         inside = os.path.join(self.place, "state")
         self.assertIn("must not be inside of", self.refused(*place, *keys, "--state", inside))
         long = self.directory("p" * 110)

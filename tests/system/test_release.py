@@ -43,14 +43,14 @@ class Release(SystemTest):
         self.program("make", self.content, "--name", "base", "--version", str(version), "--floor", "5",
                      *arguments)
 
-    def sign(self):
+    def sign(self, *arguments):
         manifest = os.path.join(self.content, ".pkgdist", "manifest")
         with open(manifest, encoding="utf-8") as file:
             head = file.readline().strip()
-        self.minisign("-S", "-s", self.secret, "-m", manifest, "-t", head)
+        self.minisign("-S", "-s", self.secret, "-m", manifest, "-t", head, *arguments)
 
-    def check(self, directory, expect=0):
-        return self.program("check", directory, "--keys", self.keys, expect=expect)
+    def check(self, directory, *arguments, expect=0):
+        return self.program("check", directory, "--keys", self.keys, *arguments, expect=expect)
 
     def read(self, name):
         with open(os.path.join(self.content, name), "rb") as file:
@@ -94,6 +94,32 @@ class Release(SystemTest):
         self.secret = other
         self.sign()
         self.assertIn("refused (unknown-key)", self.check(self.content, expect=1).stderr)
+
+    def test_check_counts_the_keys_that_signed_and_a_new_manifest_loses_all_signatures(self):
+        self.make(7)
+        self.sign()
+        few = self.check(self.content, "--threshold", "2", expect=1).stderr
+        self.assertIn("refused (too-few-signatures): 2 signatures by different keys are needed, and only 1 is trusted",
+                      few)
+        self.secret = os.path.join(ROOT, "two.key")
+        self.minisign("-G", "-W", "-p", os.path.join(self.keys, "two.pub"), "-s", self.secret)
+        self.assertIn("signatures by 2 of 2 trusted keys are needed, 1 is there",
+                      self.check(self.content, "--threshold", "2", expect=1).stderr)
+        second = os.path.join(self.content, ".pkgdist", "manifest.minisig.2")
+        self.sign("-x", second)
+        both = "signed with keys [0-9A-F]{16}, [0-9A-F]{16}\n"
+        self.assertRegex(self.check(self.content, "--threshold", "2").stdout, both)
+        self.assertRegex(self.check(self.content).stdout, both)
+        with open(second, "r+b") as file:
+            file.write(b"U")
+        self.assertIn("1 is there; .pkgdist/manifest.minisig.2: the signature file lacks the line",
+                      self.check(self.content, "--threshold", "2", expect=1).stderr)
+        self.assertRegex(self.check(self.content).stdout, "signed with key [0-9A-F]{16}\n")
+        self.make(7)
+        self.assertEqual(sorted(os.listdir(os.path.join(self.content, ".pkgdist"))), ["leaves", "manifest"])
+        for wrong in (["--threshold", "0", "--keys", self.keys], ["--threshold", "10", "--keys", self.keys],
+                      ["--threshold", "2"]):
+            self.program("check", self.content, *wrong, expect=2)
 
     def test_one_tree_gives_one_manifest_and_a_new_manifest_loses_its_signature(self):
         self.make(7, "--threads", "1")

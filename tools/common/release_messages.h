@@ -47,7 +47,7 @@ struct ReleaseQuestion {
 
 enum class ReleasePhase : uint8_t {
   kIdle,        // no candidate
-  kChecking,    // signature, rules, and what can be taken over from the current release
+  kChecking,    // signatures, rules, and what can be taken over from the current release
   kFetching,    // `missing` files have not come, or came and were wrong
   kReady,       // whole, checked and on the disk
   kActivating,  // the link is switched, the health command runs
@@ -71,6 +71,8 @@ struct ReleaseState {
   // the least significant bit of the first byte.
   std::vector<uint8_t> files;
   std::string problem;
+  // Keys that signed the current release, on the node itself; a lead is not told.
+  std::vector<std::string> signers;
   std::string expires;  // when the current release does, "2027-11-21T00:00:00Z"; empty: never
   // After kVerify: whether it was verified, and the first paths that differ.
   std::optional<uint64_t> drifted;

@@ -9,8 +9,8 @@
 
 #include "file_io.h"
 #include "manifest.h"
-#include "minisign.h"
 #include "quick_check.h"
+#include "signatures.h"
 #include "tree.h"
 
 namespace pkgdist::lead_program {
@@ -51,8 +51,9 @@ std::vector<lead::PushFile> describe(int directory, const Manifest& manifest) {
           fmt::format("{} does not belong to the manifest", release::kLeavesPath));
     files.push_back({release::kLeavesPath, leaves});
   }
-  for (const char* path : {release::kSignaturePath, release::kManifestPath})
-    files.push_back({path, size_beneath(directory, path)});
+  for (const std::string& path : release::signatures_in(directory))
+    files.push_back({path, size_beneath(directory, path.c_str())});
+  files.push_back({release::kManifestPath, size_beneath(directory, release::kManifestPath)});
   return files;
 }
 

@@ -28,7 +28,7 @@ std::string phase_text(const ReleaseView::PhaseText& now) {
   const std::string nodes = counted(now.nodes, "node");
   switch (now.phase) {
     case Phase::kDescribe:
-      return fmt::format("sending the manifest and its signature ({})", size_text(now.bytes));
+      return fmt::format("sending the signed manifest ({})", size_text(now.bytes));
     case Phase::kAsk:
       return "asking " + nodes;
     case Phase::kCheck:

@@ -8,6 +8,7 @@
 
 #include "manifest.h"
 #include "refusal.h"
+#include "signatures.h"
 
 namespace pkgdist::node_program {
 
@@ -79,6 +80,10 @@ void add_release_mode(CLI::App& run, ReleaseOptions& options) {
   releases->needs(keys);
   const auto needing = [&](CLI::Option* option) { return option->needs(releases); };
   keys->needs(releases);
+  needing(run.add_option("--threshold", options.threshold,
+                         "take only what so many of these keys have signed"))
+      ->type_name("N [1]")
+      ->check(CLI::Range(size_t{1}, release::kMaxSignatures));
   needing(run.add_option("--state", options.state_directory,
                          "where the installed version is remembered; outside of the releases"))
       ->type_name("DIR [/var/lib/pkgdist/release, $STATE_DIRECTORY]");

@@ -16,9 +16,10 @@ enum class Command { kRun, kGet, kSend, kFirewall, kStatus, kRelease };
 // Of run, when the node takes signed releases and nothing else.
 struct ReleaseOptions {
   uint32_t location = 1;
-  std::string name;   // of the releases; empty: no release mode
-  std::string place;  // directory where they are installed
-  std::string keys;   // file or directory
+  std::string name;      // of the releases; empty: no release mode
+  std::string place;     // directory where they are installed
+  std::string keys;      // file or directory
+  size_t threshold = 1;  // signatures by so many of these keys
   std::string state_directory;
   bool hard_links = false;
   bool enforce_expiry = false;

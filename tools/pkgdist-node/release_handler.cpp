@@ -206,6 +206,7 @@ cli::ReleaseState ReleaseHandler::state() const {
   if (installer_->candidate()) state.missing = installer_->missing();
   if (state.phase == ReleasePhase::kFetching) state.files = installer_->missing_files();
   state.expires = expires();
+  state.signers = installer_->signers();
   if (!drift_) return state;
   state.drifted = drift_->size();
   for (const std::string& difference : *drift_)

@@ -68,7 +68,9 @@ cli::Fd take_lock(const fs::path& place) {
 
 std::vector<release::PublicKey> keys_of(const ReleaseOptions& options) {
   try {
-    return release::read_public_keys(options.keys);
+    std::vector<release::PublicKey> keys = release::read_public_keys(options.keys);
+    release::require_keys(keys, options.threshold);
+    return keys;
   } catch (const std::exception& error) {
     throw std::runtime_error(fmt::format("--keys: {}", error.what()));
   }
@@ -127,6 +129,7 @@ ReleasePlace open_release_place(const ReleaseOptions& options, bool allow_setuid
   installer.place = place.directory;
   installer.state_directory = state;
   installer.keys = keys_of(options);
+  installer.threshold = options.threshold;
   installer.set_id = allow_setuid ? release::SetId::kAllowed : release::SetId::kRefused;
   installer.hard_links = options.hard_links;
   installer.longest_path = kMaxPath - kSuffixBytes - place.incoming().size();

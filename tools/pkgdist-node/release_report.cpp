@@ -1,6 +1,6 @@
 #include "release_report.h"
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -44,7 +44,8 @@ Json release_fields(const cli::ReleaseState& state) {
               {"current", release_json(state.current)},
               {"candidate", release_json(state.candidate)},
               {"missing", state.missing},
-              {"problem", state.problem}};
+              {"problem", state.problem},
+              {"signers", state.signers}};
   if (!state.expires.empty()) fields["expires"] = state.expires;
   if (!state.drifted) return fields;
   fields["drifted"] = *state.drifted;
@@ -72,6 +73,8 @@ std::vector<std::string> release_lines(const Json& fields) {
     const std::string warning = cli::expiry_warning(expires, std::time(nullptr));
     lines.back() += ", " + (warning.empty() ? "expires on " + expires : warning);
   }
+  const auto signers = fields.value("signers", std::vector<std::string>());
+  if (!signers.empty()) lines.push_back(fmt::format("signed with: {}", fmt::join(signers, ", ")));
   const uint64_t missing = fields.value("missing", uint64_t{0});
   if (!fields.at("candidate").is_null())
     lines.push_back("candidate: " + release_text(fields.at("candidate")) +

@@ -1,13 +1,13 @@
-// check: the signature, the leaf file and every entry of a release.
-#include <fmt/core.h>
+// check: the signatures, the leaf file and every entry of a release.
+#include <fmt/format.h>
 
 #include <algorithm>
 
 #include "commands.h"
 #include "counted.h"
-#include "minisign.h"
 #include "output.h"
 #include "refusal.h"
+#include "signatures.h"
 #include "stored_release.h"
 #include "tree.h"
 
@@ -19,14 +19,14 @@ void say(const std::string& line) {
   cli::standard_output().line(line, cli::Output::Kind::kResult);
 }
 
-// The text is believed only after its signature; without keys nobody vouches for it.
-std::string signer(const ReleaseOptions& options, int directory, const std::string& text) {
+// The text is believed only after its signatures; without keys nobody vouches for it.
+std::string signed_by(const ReleaseOptions& options, int directory, const std::string& text) {
   if (options.keys.empty()) return "signature not checked (--keys)";
-  const std::string signature =
-      release::read_beneath(directory, release::kSignaturePath, release::kMaxSignatureFileBytes);
   const auto keys = release::read_public_keys(options.keys);
-  const auto& key = release::verify_signature(text, signature, keys, release::first_line(text));
-  return "signed with key " + release::key_text(key.id);
+  const auto signers = release::verify_signatures(text, release::read_signatures(directory), keys,
+                                                  options.threshold, release::first_line(text));
+  return fmt::format("signed with key{} {}", signers.size() == 1 ? "" : "s",
+                     fmt::join(release::signing_keys(signers), ", "));
 }
 
 void check_leaves(int directory, const release::Manifest& manifest) {
@@ -45,7 +45,7 @@ void check_leaves(int directory, const release::Manifest& manifest) {
 int check_command(const ReleaseOptions& options) {
   const release::Fd directory = open_directory(options.path);
   const std::string text = read_manifest(options.path);
-  const std::string signed_by = signer(options, directory.get(), text);
+  const std::string signers = signed_by(options, directory.get(), text);
   const release::Manifest manifest = release::parse(
       text, options.allow_setuid ? release::SetId::kAllowed : release::SetId::kRefused);
   check_leaves(directory.get(), manifest);
@@ -60,7 +60,7 @@ int check_command(const ReleaseOptions& options) {
                     cli::counted(different.size(), "entry differs", "entries differ")));
   say(fmt::format("{} version {}: {}, {}, as the manifest says; {}", manifest.name,
                   manifest.version, cli::counted(manifest.entries.size(), "entry", "entries"),
-                  cli::counted(release::total_bytes(manifest), "byte"), signed_by));
+                  cli::counted(release::total_bytes(manifest), "byte"), signers));
   return cli::kExitOk;
 }
 

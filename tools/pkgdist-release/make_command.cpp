@@ -1,5 +1,5 @@
-// make: scans a directory and writes its manifest and leaf file. A signature of an earlier manifest
-// is removed: it would only be refused.
+// make: scans a directory and writes its manifest and leaf file. Signatures of an earlier manifest
+// are removed: they would only be refused.
 #include <fmt/core.h>
 #include <sys/stat.h>
 
@@ -10,6 +10,7 @@
 #include "counted.h"
 #include "output.h"
 #include "refusal.h"
+#include "signatures.h"
 #include "stored_release.h"
 #include "tree.h"
 
@@ -51,7 +52,8 @@ int make_command(const ReleaseOptions& options) {
   constexpr mode_t kDirectoryMode = 0755;
   if (mkdirat(directory.get(), release::kReleaseDirectory, kDirectoryMode) != 0 && errno != EEXIST)
     release::throw_errno("making", release::kReleaseDirectory);
-  remove_if_there(directory.get(), release::kSignaturePath);
+  for (const std::string& path : release::signature_paths())
+    remove_if_there(directory.get(), path.c_str());
   if (leaves.empty())
     remove_if_there(directory.get(), release::kLeavesPath);
   else

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "signatures.h"
+
 namespace pkgdist::release_program {
 
 namespace {
@@ -60,10 +62,14 @@ void add_make(CLI::App& app, ReleaseOptions& options) {
 void add_check(CLI::App& app, ReleaseOptions& options) {
   CLI::App* check = app.add_subcommand("check", "compare a directory with its manifest");
   check->add_option("DIR", options.path, "the directory")->required();
-  check
-      ->add_option("--keys", options.keys,
-                   "check the signature, too, with this minisign key, or all *.pub of a directory")
-      ->type_name("FILE|DIR");
+  CLI::Option* keys = check->add_option(
+      "--keys", options.keys,
+      "check the signature, too, with this minisign key, or all *.pub of a directory");
+  keys->type_name("FILE|DIR");
+  check->add_option("--threshold", options.threshold, "so many of these keys must have signed")
+      ->type_name("N [1]")
+      ->check(CLI::Range(size_t{1}, release::kMaxSignatures))
+      ->needs(keys);
   check->add_flag("--allow-setuid", options.allow_setuid,
                   "files may have set-user-ID and set-group-ID bits");
   add_threads(*check, options);

@@ -28,6 +28,7 @@ struct ReleaseOptions {
   // make, check
   unsigned threads = 0;
   std::string keys;      // check
+  size_t threshold = 1;  // check: signatures by so many of these keys
   bool entries = false;  // show
 };
 

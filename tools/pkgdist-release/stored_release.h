@@ -1,4 +1,4 @@
-// A release as it is stored: the texts of its manifest and its signature.
+// A release as it is stored: the text of its manifest.
 #pragma once
 
 #include <string>

@@ -30,7 +30,8 @@ void read_line(InstallState& state, const std::string& line) {
   fields >> what;
   if (what == "installed") {
     state.installed = read_release(fields, line);
-    if (!(fields >> state.installed_key)) fields.clear();
+    for (std::string key; fields >> key;) state.installed_keys.push_back(key);
+    fields.clear();
   } else if (what == "trial") {
     state.trial = read_release(fields, line);
   } else if (what == "floor") {
@@ -58,10 +59,12 @@ void read_line(InstallState& state, const std::string& line) {
 
 std::string format(const InstallState& state) {
   std::string text = std::string(kHead) + "\n";
-  if (state.installed)
-    text += fmt::format("installed {} {}{}{}\n", state.installed->version,
-                        to_hex(state.installed->manifest), state.installed_key.empty() ? "" : " ",
-                        state.installed_key);
+  if (state.installed) {
+    text +=
+        fmt::format("installed {} {}", state.installed->version, to_hex(state.installed->manifest));
+    for (const std::string& key : state.installed_keys) text += " " + key;
+    text += "\n";
+  }
   if (state.trial)
     text += fmt::format("trial {} {}\n", state.trial->version, to_hex(state.trial->manifest));
   for (const auto& [key, version] : state.floors)

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "crypto.h"
 
@@ -21,7 +22,7 @@ struct InstalledRelease {
 
 struct InstallState {
   std::optional<InstalledRelease> installed;  // the last one that was confirmed
-  std::string installed_key;                  // that signed it; "": not known
+  std::vector<std::string> installed_keys;    // that signed it; empty: not known
   std::optional<InstalledRelease> trial;      // activated and not confirmed
   std::map<std::string, uint64_t> floors;     // by key
   std::set<Digest> bad;                       // manifests that failed

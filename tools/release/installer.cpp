@@ -35,19 +35,20 @@ void Installer::check(const std::optional<InstalledRelease>& ordered) {
     return disk_.remove(place_.get(), std::string(kIncoming) + "/" + kReleaseDirectory);
   }
   const Incoming incoming = take_incoming();
-  const PublicKey& key = verify_signature(incoming.manifest, incoming.signature, options_.keys,
-                                          first_line(incoming.manifest));
+  const std::vector<Signer> signers =
+      verify_signatures(incoming.manifest, incoming.signatures, options_.keys, options_.threshold,
+                        first_line(incoming.manifest));
   const Manifest manifest = parse(incoming.manifest, options_.set_id);
   const InstalledRelease release{manifest.version, sha256(bytes_of(incoming.manifest))};
   if (ordered && release != *ordered)
     throw Refused(
         Reason::kNotOrdered,
         fmt::format("the manifest that came is another one, of version {}", manifest.version));
-  check_rules(manifest, release, key_text(key.id));
+  check_rules(manifest, release, signing_keys(signers));
   check_paths(manifest);
   if (candidate_ == release || is_installed(release)) return;
   (void)parse_leaves(incoming.leaves, manifest);
-  stage(incoming, manifest, release);
+  stage(incoming, signers, manifest, release);
 }
 
 // Taken out whatever comes of it: the next ones are not mixed with these.
@@ -59,7 +60,7 @@ Installer::Incoming Installer::take_incoming() const {
   Incoming taken;
   try {
     taken.manifest = read_beneath(incoming.get(), kManifestPath, kMaxManifestBytes);
-    taken.signature = read_beneath(incoming.get(), kSignaturePath, kMaxSignatureFileBytes);
+    taken.signatures = read_signatures(incoming.get());
     if (Fd(open_beneath(incoming.get(), kLeavesPath, O_RDONLY)))
       taken.leaves = read_beneath(incoming.get(), kLeavesPath, kMaxLeavesBytes);
   } catch (...) {
@@ -71,7 +72,7 @@ Installer::Incoming Installer::take_incoming() const {
 }
 
 void Installer::check_rules(const Manifest& manifest, const InstalledRelease& release,
-                            const std::string& key) const {
+                            const std::vector<std::string>& keys) const {
   const InstalledRelease* const installed = installed_that_counts();
   if (manifest.name != options_.name)
     throw Refused(Reason::kName, fmt::format("this is a release of '{}', not of '{}'",
@@ -88,21 +89,35 @@ void Installer::check_rules(const Manifest& manifest, const InstalledRelease& re
   if (installed && release.version < installed->version)
     throw Refused(Reason::kNotNewer, fmt::format("version {} is below the installed {}",
                                                  release.version, installed->version));
-  const auto floor = state_.floors.find(key);
-  if (floor != state_.floors.end() && release.version < floor->second)
-    throw Refused(Reason::kFloor, fmt::format("version {} is below {}, the floor of key {}",
-                                              release.version, floor->second, key));
+  check_floors(release, keys);
 }
 
-// Later releases have to be above it. Null: there is none, or the key that signed it was taken
-// away: who stole it could have signed the highest version there is.
+// The highest of them counts.
+void Installer::check_floors(const InstalledRelease& release,
+                             const std::vector<std::string>& keys) const {
+  auto highest = state_.floors.end();
+  for (const std::string& key : keys) {
+    const auto floor = state_.floors.find(key);
+    if (floor == state_.floors.end()) continue;
+    if (highest == state_.floors.end() || floor->second > highest->second) highest = floor;
+  }
+  if (highest != state_.floors.end() && release.version < highest->second)
+    throw Refused(Reason::kFloor, fmt::format("version {} is below {}, the floor of key {}",
+                                              release.version, highest->second, highest->first));
+}
+
+// Later releases have to be above it. Null: there is none, or fewer of the keys that signed it are
+// trusted than have to sign a release: who stole the others could have signed the highest version
+// there is. Of one that was signed by fewer, from before the threshold was raised, all have to be.
 const InstalledRelease* Installer::installed_that_counts() const {
-  const auto is_its_key = [this](const PublicKey& key) {
-    return key_text(key.id) == state_.installed_key;
+  const auto is_trusted = [this](const std::string& signer) {
+    return std::any_of(options_.keys.begin(), options_.keys.end(),
+                       [&](const PublicKey& key) { return key_text(key.id) == signer; });
   };
-  const bool trusted = state_.installed_key.empty() ||
-                       std::any_of(options_.keys.begin(), options_.keys.end(), is_its_key);
-  return state_.installed && trusted ? &*state_.installed : nullptr;
+  const auto& signers = state_.installed_keys;
+  const auto trusted = std::count_if(signers.begin(), signers.end(), is_trusted);
+  const size_t needed = std::min(options_.threshold, signers.size());
+  return state_.installed && static_cast<size_t>(trusted) >= needed ? &*state_.installed : nullptr;
 }
 
 void Installer::check_paths(const Manifest& manifest) const {
@@ -114,8 +129,8 @@ void Installer::check_paths(const Manifest& manifest) const {
 }
 
 // What is whole of an earlier attempt at the same release is kept, and nothing else.
-void Installer::stage(const Incoming& incoming, const Manifest& manifest,
-                      const InstalledRelease& release) {
+void Installer::stage(const Incoming& incoming, const std::vector<Signer>& signers,
+                      const Manifest& manifest, const InstalledRelease& release) {
   forget_candidate();
   clear_incoming();
   const std::string directory = staging_of(release);
@@ -124,17 +139,36 @@ void Installer::stage(const Incoming& incoming, const Manifest& manifest,
   disk_.make_directory(place_.get(), directory, kPrivateDirectory);
   disk_.make_directory(place_.get(), directory + "/" + kReleaseDirectory, kReleaseDirectoryMode);
   disk_.write_file(place_.get(), directory + "/" + kLeavesPath, incoming.leaves);
-  disk_.write_file(place_.get(), directory + "/" + kSignaturePath, incoming.signature);
+  stage_signatures(incoming, signers, directory);
   // The last one: a staging directory with a manifest has all that belongs to it.
   disk_.write_file(place_.get(), directory + "/" + kManifestPath, incoming.manifest);
   candidate_ = release;
   build_staging(manifest);
 }
 
-// The release was begun before, and a failure of the disk or another release came between.
+// Those that hold, and of an earlier attempt no others.
+void Installer::stage_signatures(const Incoming& incoming, const std::vector<Signer>& signers,
+                                 const std::string& directory) const {
+  std::set<std::string> staged;
+  for (const Signer& signer : signers) {
+    const SignatureFile& file = incoming.signatures[signer.file];
+    disk_.write_file(place_.get(), directory + "/" + file.path, file.text);
+    staged.insert(file.path);
+  }
+  for (const std::string& path : signature_paths())
+    if (!staged.contains(path)) disk_.remove(place_.get(), directory + "/" + path);
+}
+
+// The release was begun before, and a failure of the disk or another release came between. Of one
+// whose signatures do not do any more the manifest has to come again, with others.
 bool Installer::resume_staged(const InstalledRelease& release) {
   const std::string directory = staging_of(release);
   if (!has_manifest(directory) || release_in(directory) != release) return false;
+  try {
+    (void)keys_of(directory);
+  } catch (const Refused&) {
+    return false;
+  }
   go_on_with(directory, false);
   return true;
 }
@@ -170,13 +204,12 @@ InstalledRelease Installer::release_in(const std::string& directory) const {
   return {parse(text, SetId::kAllowed).version, sha256(bytes_of(text))};
 }
 
-// The key that the release was signed with, checked again: what is stored may be old.
-std::string Installer::key_of(const std::string& directory) const {
+// The keys that the release was signed with, checked again: what is stored may be old.
+std::vector<std::string> Installer::keys_of(const std::string& directory) const {
   const std::string text =
       read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes);
-  const std::string signature = read_beneath(
-      place_.get(), (directory + "/" + kSignaturePath).c_str(), kMaxSignatureFileBytes);
-  return key_text(verify_signature(text, signature, options_.keys, first_line(text)).id);
+  return signing_keys(verify_signatures(text, read_signatures(place_.get(), directory),
+                                        options_.keys, options_.threshold, first_line(text)));
 }
 
 std::string Installer::staging_of(const InstalledRelease& release) const {

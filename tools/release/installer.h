@@ -6,7 +6,7 @@
 //   PLACE/.pkgdist/staging/7-.../  the tree that is being made, mode 0700
 //   PLACE/.pkgdist/releases/7-.../ whole and checked trees
 //
-//   check()      the manifest, its signature and leaf file come out of incoming, and everything
+//   check()      the manifest, its signatures and leaf file come out of incoming, and everything
 //                that `current` has already is copied into staging
 //   arrived()    files came: they are moved to staging and checked. The last one makes the release
 //                ready: staging is compared with the manifest, written to the disk, and renamed
@@ -46,8 +46,8 @@
 #include "file_io.h"
 #include "install_state.h"
 #include "manifest.h"
-#include "minisign.h"
 #include "settled_files.h"
+#include "signatures.h"
 
 namespace pkgdist::release {
 
@@ -56,6 +56,7 @@ struct InstallerOptions {
   std::string place;            // exists
   std::string state_directory;  // exists; outside of the place
   std::vector<PublicKey> keys;
+  size_t threshold = 1;  // of them, so many have to have signed
   SetId set_id = SetId::kRefused;
   // Files that a release has in common with the current one share their inodes: for trees that
   // nobody writes. Otherwise they share blocks where the file system can, and are copied elsewhere.
@@ -127,6 +128,8 @@ class Installer {
   std::optional<InstalledRelease> current() const;
   // Of it; empty: never, or it cannot be read.
   std::string expires() const;
+  // The keys that signed it, as far as that was remembered; not of one on trial.
+  std::vector<std::string> signers() const;
   // Both from any thread, too.
   size_t missing() const;  // files
   // A bit for each file of the candidate in the order of its manifest, set when it is missing, from
@@ -142,7 +145,7 @@ class Installer {
   };
   struct Incoming {
     std::string manifest;
-    std::string signature;
+    std::vector<SignatureFile> signatures;
     std::string leaves;
   };
   // A file of the current release.
@@ -156,9 +159,13 @@ class Installer {
   // check
   Incoming take_incoming() const;
   void check_rules(const Manifest& manifest, const InstalledRelease& release,
-                   const std::string& key) const;
+                   const std::vector<std::string>& keys) const;
   void check_paths(const Manifest& manifest) const;
-  void stage(const Incoming& incoming, const Manifest& manifest, const InstalledRelease& release);
+  void check_floors(const InstalledRelease& release, const std::vector<std::string>& keys) const;
+  void stage(const Incoming& incoming, const std::vector<Signer>& signers, const Manifest& manifest,
+             const InstalledRelease& release);
+  void stage_signatures(const Incoming& incoming, const std::vector<Signer>& signers,
+                        const std::string& directory) const;
   bool resume_staged(const InstalledRelease& release);
 
   // staging
@@ -226,7 +233,7 @@ class Installer {
   Manifest read_release(const std::string& directory) const;
   Manifest manifest_of_current() const;
   InstalledRelease release_in(const std::string& directory) const;
-  std::string key_of(const std::string& directory) const;
+  std::vector<std::string> keys_of(const std::string& directory) const;
   std::string staging_of(const InstalledRelease& release) const;
   std::string target_of(const InstalledRelease& release) const;
   std::vector<std::string> directories_in(const char* where) const;

@@ -21,7 +21,12 @@ bool is_same_file(int at, const std::string& path, const struct stat& file) {
 }
 
 bool is_release_file(const std::string& path) {
-  return path == kManifestPath || path == kSignaturePath || path == kLeavesPath;
+  return path == kManifestPath || path == kLeavesPath || is_signature_path(path);
+}
+
+size_t most_bytes(const std::string& release_file) {
+  if (is_signature_path(release_file)) return kMaxSignatureFileBytes;
+  return release_file == kLeavesPath ? kMaxLeavesBytes : kMaxManifestBytes;
 }
 
 }  // namespace
@@ -59,8 +64,7 @@ std::vector<uint8_t> Installer::missing_files() const {
 int Installer::ask(const std::string& path, const std::optional<Announced>& announced) const {
   if (is_release_file(path)) {
     if (!announced) return kAccept;
-    const size_t most = path == kLeavesPath ? kMaxLeavesBytes : kMaxManifestBytes;
-    return announced->link ? EPERM : announced->size > most ? EFBIG : kAccept;
+    return announced->link ? EPERM : announced->size > most_bytes(path) ? EFBIG : kAccept;
   }
   const std::lock_guard lock(mutex_);
   if (expected_.empty()) return EAGAIN;  // no manifest yet

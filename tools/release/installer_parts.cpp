@@ -129,7 +129,8 @@ uint64_t Installer::partial_bytes() const {
 
 // All but the files of a release that wait for their check, and partial files that are of use.
 void Installer::clear_incoming() const {
-  std::set<std::string> kept{kManifestPath, kSignaturePath, kLeavesPath};
+  std::set<std::string> kept{kManifestPath, kLeavesPath};
+  kept.insert(signature_paths().begin(), signature_paths().end());
   {
     const std::lock_guard lock(mutex_);
     for (const auto& [path, parts] : parts_) kept.insert(path + kPartialSuffix);

@@ -84,7 +84,7 @@ void Installer::go_on_with(const std::string& directory, bool ready) {
   const Manifest manifest = parse(
       read_beneath(place_.get(), (directory + "/" + kManifestPath).c_str(), kMaxManifestBytes),
       options_.set_id);
-  check_rules(manifest, release, key_of(directory));
+  check_rules(manifest, release, keys_of(directory));
   check_paths(manifest);
   candidate_ = release;
   ready_ = ready;

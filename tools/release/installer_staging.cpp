@@ -199,7 +199,9 @@ void Installer::complete() {
   }
   const Fd directory(open_beneath(place_.get(), staging.c_str(), O_RDONLY | O_DIRECTORY));
   if (!directory) throw_errno("opening", staging);
-  for (const char* file : {kManifestPath, kSignaturePath, kLeavesPath})
+  for (const char* file : {kManifestPath, kLeavesPath})
+    disk_.set_mode(place_.get(), staging + "/" + file, kReleaseFileMode);
+  for (const std::string& file : signatures_in(place_.get(), staging))
     disk_.set_mode(place_.get(), staging + "/" + file, kReleaseFileMode);
   disk_.set_mode(place_.get(), staging + "/" + kReleaseDirectory, kReleaseMode);
   disk_.set_mode(place_.get(), staging, kReleaseMode);

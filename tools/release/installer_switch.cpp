@@ -47,6 +47,11 @@ std::string Installer::expires() const {
   return manifest_of_current().expires.value_or("");
 }
 
+std::vector<std::string> Installer::signers() const {
+  return state_.installed && current() == state_.installed ? state_.installed_keys
+                                                           : std::vector<std::string>();
+}
+
 // What cannot be written does not hold.
 void Installer::save(const InstallState& state) {
   disk_.write_file(state_directory_.get(), options_.name + ".state", format(state));
@@ -76,7 +81,7 @@ void Installer::require_still_ready() {
   std::string problem = "another manifest";
   if (sha256(bytes_of(text)) == candidate_->manifest) {
     const Manifest manifest = parse(text, SetId::kAllowed);
-    check_rules(manifest, *candidate_, key_of(directory));
+    check_rules(manifest, *candidate_, keys_of(directory));
     problem = tree_problem(directory, manifest);
   }
   if (problem.empty()) return;
@@ -100,11 +105,15 @@ void Installer::confirm() {
   const InstalledRelease release = *state_.trial;
   const std::string directory = target_of(release);
   InstallState next = state_;
-  next.installed_key = key_of(directory);
-  uint64_t& floor = next.floors[next.installed_key];
-  floor = std::max(floor, read_release(directory).floor);
-  if (next.allowed == release.version) {
-    floor = std::min(floor, release.version);
+  next.installed_keys = keys_of(directory);
+  const bool allowed = next.allowed == release.version;
+  const uint64_t signed_floor = read_release(directory).floor;
+  for (const std::string& key : next.installed_keys) {
+    uint64_t& floor = next.floors[key];
+    floor = std::max(floor, signed_floor);
+    if (allowed) floor = std::min(floor, release.version);
+  }
+  if (allowed) {
     next.bad.erase(release.manifest);
     next.allowed.reset();
   }
@@ -141,9 +150,9 @@ std::string Installer::roll_back(RollBack how) {
   if (state_.trial || !tree || previous == link(kCurrent) || previous != target_of(release))
     throw Refused(Reason::kNoRelease, "there is no previous release to go back to");
   std::string problem;
-  std::string key;  // unknown: then the version counts
+  std::vector<std::string> keys;  // unknown: then the version counts
   try {
-    key = key_of(previous);
+    keys = keys_of(previous);
     problem = in_words(release, drift_of(previous));
   } catch (const std::runtime_error& error) {
     problem = in_words(release, {error.what()});
@@ -151,7 +160,7 @@ std::string Installer::roll_back(RollBack how) {
   if (!problem.empty() && how != RollBack::kForced)
     throw Refused(Reason::kTree, problem + "; 'release rollback --force' goes back to it as it is");
   InstallState next = state_;
-  next.installed_key = key;
+  next.installed_keys = keys;
   if (next.installed) next.bad.insert(next.installed->manifest);
   next.bad.erase(release.manifest);
   next.installed = release;

@@ -53,7 +53,7 @@ struct Manifest {
 // Where a release keeps what belongs to it, in the tree itself. Nothing else stands there.
 inline constexpr char kReleaseDirectory[] = ".pkgdist";
 inline constexpr char kManifestPath[] = ".pkgdist/manifest";
-inline constexpr char kSignaturePath[] = ".pkgdist/manifest.minisig";
+inline constexpr char kSignaturePath[] = ".pkgdist/manifest.minisig";  // the first one
 inline constexpr char kLeavesPath[] = ".pkgdist/leaves";
 
 // Limits. A manifest is held in memory, twice while it is parsed.

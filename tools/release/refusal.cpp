@@ -24,6 +24,8 @@ const char* reason_name(Reason reason) {
       return "bad-trusted-comment";
     case Reason::kRelabelled:
       return "re-labelled";
+    case Reason::kThreshold:
+      return "too-few-signatures";
     case Reason::kKey:
       return "key-format";
     case Reason::kName:

@@ -18,6 +18,7 @@ enum class Reason {
   kBadSignature,   // the signature does not belong to this manifest
   kBadComment,     // the signature of the trusted comment is wrong
   kRelabelled,     // the trusted comment is not the first line of the manifest
+  kThreshold,      // fewer trusted keys than are needed have signed
   kKey,            // a public key file is not written as key files are
   kName,           // another release than this node takes
   kNotNewer,       // the version is not above the installed one

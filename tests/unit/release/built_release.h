@@ -45,6 +45,7 @@ struct Built {
   std::string text;
   std::string leaves;
   std::string signature;
+  Files further;  // signatures, by path
 };
 
 }  // namespace release_test

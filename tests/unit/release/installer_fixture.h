@@ -50,6 +50,7 @@ class Install : public testing::Test {
     options.place = place_.path();
     options.state_directory = state_.path();
     options.keys = keys_;
+    options.threshold = threshold_;
     options.hard_links = hard_links_;
     options.longest_path = longest_path_;
     if (now_) options.now = [this] { return *now_; };
@@ -67,6 +68,7 @@ class Install : public testing::Test {
   void bring_manifest(const Built& built) {
     bring(kManifestPath, built.text);
     bring(kSignaturePath, built.signature);
+    for (const auto& [path, text] : built.further) bring(path, text);
     if (!built.leaves.empty()) bring(kLeavesPath, built.leaves);
     node_->check();
   }
@@ -105,6 +107,7 @@ class Install : public testing::Test {
 
   const ReleaseSigner signer_{1};
   std::vector<PublicKey> keys_ = {signer_.public_key()};
+  size_t threshold_ = 1;
   const TempTree place_{"/dev/shm"};
   const TempTree state_{"/dev/shm"};
   std::optional<std::string> now_;

@@ -2,8 +2,12 @@
 // directions.
 #include "minisign.h"
 
+#include <fcntl.h>
+
+#include "file_io.h"
 #include "release_signer.h"
 #include "release_support.h"
+#include "signatures.h"
 
 using namespace release_test;
 using namespace pkgdist::release;
@@ -133,6 +137,20 @@ TEST_F(MinisignProgram, what_it_signs_is_accepted_here) {
   EXPECT_EQ(Reason::kRelabelled, verify(text_, tree_.read("manifest.minisig"), keys));
   ASSERT_EQ(0, run("-S -l -s key.sec -m manifest -t \"$(head -n 1 manifest)\""));
   EXPECT_EQ(Reason::kAlgorithm, verify(text_, tree_.read("manifest.minisig"), keys));
+}
+
+TEST_F(MinisignProgram, two_people_sign_one_manifest_into_two_files) {
+  tree_.write(kManifestPath, text_);
+  for (const std::string name : {"one", "two"})
+    ASSERT_EQ(0, run("-G -W -p " + name + ".pub -s " + name + ".key"));
+  const std::string sign = " -m .pkgdist/manifest -t \"$(head -n 1 .pkgdist/manifest)\"";
+  ASSERT_EQ(0, run("-S -s one.key" + sign));
+  ASSERT_EQ(0, run("-S -s two.key -x .pkgdist/manifest.minisig.2" + sign));
+  ASSERT_EQ(0, run("-V -p two.pub -m .pkgdist/manifest -x .pkgdist/manifest.minisig.2"));
+  const auto keys = read_public_keys(tree_.path());
+  const Fd at(open(tree_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_EQ(2u,
+            verify_signatures(text_, read_signatures(at.get()), keys, 2, first_line(text_)).size());
 }
 
 TEST_F(MinisignProgram, it_accepts_what_is_accepted_here_and_refuses_what_is_refused) {
