@@ -199,10 +199,11 @@ void Installer::complete() {
   }
   const Fd directory(open_beneath(place_.get(), staging.c_str(), O_RDONLY | O_DIRECTORY));
   if (!directory) throw_errno("opening", staging);
-  for (const char* file : {kManifestPath, kLeavesPath})
-    disk_.set_mode(place_.get(), staging + "/" + file, kReleaseFileMode);
-  for (const std::string& file : signatures_in(place_.get(), staging))
-    disk_.set_mode(place_.get(), staging + "/" + file, kReleaseFileMode);
+  std::vector<std::string> files = signatures_in(place_.get(), staging);
+  files.insert(files.end(), {kManifestPath, kLeavesPath});
+  const std::string before = staging + "/";
+  for (const std::string& file : files)
+    disk_.set_mode(place_.get(), before + file, kReleaseFileMode);
   disk_.set_mode(place_.get(), staging + "/" + kReleaseDirectory, kReleaseMode);
   disk_.set_mode(place_.get(), staging, kReleaseMode);
   disk_.sync_everything(directory.get());

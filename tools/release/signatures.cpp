@@ -125,12 +125,14 @@ std::vector<Signer> verify_signatures(std::string_view signed_bytes,
     throw Refused(Reason::kThreshold,
                   too_few_text(tally.counted.size(), threshold, distinct(keys)) + tally.others);
   std::vector<Signer> signers;
+  signers.reserve(tally.counted.size());
   for (const auto& [key, file] : tally.counted) signers.push_back({key_text(key->id), file});
   return signers;
 }
 
 std::vector<std::string> signing_keys(const std::vector<Signer>& signers) {
   std::vector<std::string> keys;
+  keys.reserve(signers.size());
   for (const Signer& signer : signers) keys.push_back(signer.key);
   return keys;
 }

@@ -20,6 +20,7 @@ class Signatures : public testing::Test {
   std::vector<Signer> verify(const std::vector<std::string>& texts, size_t threshold,
                              const std::vector<PublicKey>& keys) const {
     std::vector<SignatureFile> files;
+    files.reserve(texts.size());
     for (const std::string& text : texts)
       files.push_back({signature_paths().at(files.size()), text, std::nullopt});
     return verify_signatures(text_, files, keys, threshold, first_line(text_));
