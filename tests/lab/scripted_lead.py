@@ -142,9 +142,12 @@ class ScriptedLead:
             self.receive(min(every, end - now + 0.01))
 
     def wait_for_node(self, node, seconds=10.0):
-        """Pings until the node answers with where this lead stands: it has been adopted."""
-        self.wait_for_control(wire.PING_REPLY, seconds, self.ping,
-                              node_ip=wire.address(node.address), sequence=self.sequence)
+        """Pings until the node answers with where this lead stands: it has been adopted. Its threads
+        answer before its program takes lists of files; then it introduces itself."""
+        source = wire.address(node.address)
+        self.wait_for_control(wire.PING_REPLY, seconds, self.ping, node_ip=source,
+                              sequence=self.sequence)
+        self.wait_for_control(wire.CTRL, seconds, node_ip=source)
 
     def report_of(self, name, seconds=10.0, meanwhile=None):
         """The status that a node reports for a file."""
