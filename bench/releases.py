@@ -61,6 +61,7 @@ class Round:
     def __init__(self, net, programs, work, tree):
         self.net, self.programs, self.work, self.tree = net, programs, work, tree
         self.keys = os.path.join(work, "keys")
+        self.nodes = ("--nodes", str(len(net.nodes)))
         self.results = {}
 
     def place(self, host, way):
@@ -96,7 +97,7 @@ class Round:
                         f"bench={self.place(host, 'releases')}", "--hardlink", "--keys", self.keys, "--state",
                         self.place(host, "state")], stdout=subprocess.DEVNULL)
         for name, tree in (("first release", self.tree.first), ("second release", self.tree.second)):
-            self.measure(name, lambda root=tree: self.lead("push", "--release", root, "--nodes", str(len(self.net.nodes))))
+            self.measure(name, lambda root=tree: self.lead("push", "--release", root, *self.nodes))
             self.check(tree, [os.path.join(self.place(host, "releases"), "current") for host in self.net.nodes])
         self.net.stop_processes()
 
@@ -106,8 +107,7 @@ class Round:
                         f"1={self.place(host, place)}", "run"], stdout=subprocess.DEVNULL)
         for turn, tree in (("first", self.tree.first), ("second", self.tree.second)):
             self.measure(f"{turn} {kind}", lambda root=tree: self.lead(
-                "--location", f"1={root}", "push", "--durable", *options, "--nodes", str(len(self.net.nodes)), "--exclude", ".pkgdist",
-                root))
+                "--location", f"1={root}", "push", "--durable", *options, *self.nodes, "--exclude", ".pkgdist", root))
             self.check(tree, [self.place(host, place) for host in self.net.nodes])
         self.net.stop_processes()
 
@@ -190,7 +190,7 @@ def main():
         finally:
             lab.remove(work)
     print(f"{options.files} files of {options.bytes} bytes, {CHANGED_SHARE:.0%} of them changed in the second tree; "
-          f"{options.nodes} nodes; {f'a link of {options.link}; ' if options.link else ''}medians of {options.rounds}")
+          f"nodes: {options.nodes}; {f'a link of {options.link}; ' if options.link else ''}medians of {options.rounds}")
     show(rounds, stolen)
 
 

@@ -149,15 +149,15 @@ void Installer::stage(const Incoming& incoming, const std::vector<Signer>& signe
 // Those that hold, and of an earlier attempt no others.
 void Installer::stage_signatures(const Incoming& incoming, const std::vector<Signer>& signers,
                                  const std::string& directory) const {
-  const std::string before = directory + "/";
+  const std::string prefix = directory + "/";
   std::set<std::string> staged;
   for (const Signer& signer : signers) {
     const SignatureFile& file = incoming.signatures[signer.file];
-    disk_.write_file(place_.get(), before + file.path, file.text);
+    disk_.write_file(place_.get(), prefix + file.path, file.text);
     staged.insert(file.path);
   }
   for (const std::string& path : signature_paths())
-    if (!staged.contains(path)) disk_.remove(place_.get(), before + path);
+    if (!staged.contains(path)) disk_.remove(place_.get(), prefix + path);
 }
 
 // The release was begun before, and a failure of the disk or another release came between. Of one

@@ -97,4 +97,20 @@ inline std::optional<Reason> refusal(const std::function<void()>& act) {
   return std::nullopt;
 }
 
+// A signature file with one bit flipped, for every bit but those of the text of its first comment,
+// which nothing protects.
+inline void each_flipped_bit(
+    const std::string& signature_file,
+    const std::function<void(const std::string& flipped, const std::string& where)>& act) {
+  const size_t comment = std::string("untrusted comment: ").size();
+  for (size_t at = 0; at < signature_file.size(); ++at) {
+    if (at >= comment && at < signature_file.find('\n')) continue;
+    for (int bit = 0; bit < 8; ++bit) {
+      std::string flipped = signature_file;
+      flipped[at] = static_cast<char>(flipped[at] ^ (1 << bit));
+      act(flipped, "byte " + std::to_string(at) + " bit " + std::to_string(bit));
+    }
+  }
+}
+
 }  // namespace release_test

@@ -122,20 +122,13 @@ TEST_F(Signatures, that_are_wrong_hinder_nothing_where_there_are_enough) {
   EXPECT_EQ(4u, signers[1].file);
 }
 
-// All but the text of the first comment, which nothing protects.
 TEST_F(Signatures, every_flipped_bit_of_the_second_file_takes_it_out_of_the_count) {
   const std::string one = one_.sign(text_), two = two_.sign(text_);
   ASSERT_EQ(2u, verify({one, two}, 2).size());
-  const size_t comment = std::string("untrusted comment: ").size();
-  for (size_t at = 0; at < two.size(); ++at) {
-    if (at >= comment && at < two.find('\n')) continue;
-    for (int bit = 0; bit < 8; ++bit) {
-      std::string flipped = two;
-      flipped[at] = static_cast<char>(flipped[at] ^ (1 << bit));
-      ASSERT_NE("", why({one, flipped}, 2)) << "byte " << at << " bit " << bit;
-      ASSERT_EQ(1u, verify({one, flipped}, 1).size());
-    }
-  }
+  each_flipped_bit(two, [&](const std::string& flipped, const std::string& where) {
+    ASSERT_NE("", why({one, flipped}, 2)) << where;
+    ASSERT_EQ(1u, verify({one, flipped}, 1).size()) << where;
+  });
 }
 
 TEST_F(Signatures, by_fewer_keys_than_are_needed_are_never_enough) {
